@@ -1,0 +1,148 @@
+/*
+ * kavri core library: status values, life of the library, logging.
+ *
+ * Plain C11 that also compiles as C++. Every function returns a
+ * kavri_core_status and reports through it alone: nothing is thrown, the
+ * process is never ended, errno is not part of the interface. All functions
+ * may be called from any thread.
+ *
+ * Strings are NUL-terminated byte strings; the library attaches no encoding
+ * to them. Strings passed in are read during the call only.
+ */
+#ifndef KAVRI_CORE_H
+#define KAVRI_CORE_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * What a call came to. One value per thing that a caller would do differently;
+ * the values never change their numbers.
+ */
+typedef enum kavri_core_status {
+    /* The call did what was asked. All functions. */
+    KAVRI_CORE_STATUS_NO_ERROR = 0,
+
+    /* A pointer that must not be null is null, a time-out is below -1, an
+     * options structure is smaller than any known one, or a callback is null
+     * while its context is not. Nothing was done. All functions with
+     * arguments. */
+    KAVRI_CORE_STATUS_INVALID_ARGUMENT = 1,
+
+    /* The library is not initialised: call kavri_core_init first.
+     * kavri_core_deinit, kavri_core_logging_init and the IPC init functions. */
+    KAVRI_CORE_STATUS_NOT_INITIALISED = 2,
+
+    /* Memory, descriptors or threads ran out. Nothing was done. All
+     * functions. */
+    KAVRI_CORE_STATUS_OUT_OF_RESOURCES = 3,
+
+    /* The operation cannot be carried out in the present state: a receive
+     * while a callback is installed, or a wait in a callback for something
+     * that only this callback's end can bring. The receive functions. */
+    KAVRI_CORE_STATUS_IPC_FAILED = 4,
+
+    /* Nothing was waiting within the time-out. Call again. The receive
+     * functions. */
+    KAVRI_CORE_STATUS_IPC_NO_MESSAGE = 5,
+
+    /* No broker answers at the address. What was to be sent was not. All IPC
+     * functions that talk to the broker; the library tries again at the next
+     * call. */
+    KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE = 6,
+
+    /* The address of the broker cannot be one: empty, or longer than a socket
+     * path may be. The IPC init functions. */
+    KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID = 7,
+
+    /* The broker speaks another version of the protocol. Update one of the
+     * two. The IPC init functions. */
+    KAVRI_CORE_STATUS_IPC_INCOMPATIBLE = 8,
+
+    /* The broker's configuration does not allow this user to do that.
+     * Certainly not delivered. The IPC init functions, subscribe, and a
+     * receive after a request that was refused. */
+    KAVRI_CORE_STATUS_IPC_REFUSED = 9,
+
+    /* Nobody serves the category. Certainly not delivered. A receive after
+     * the request. */
+    KAVRI_CORE_STATUS_IPC_NO_RESPONDER = 10,
+
+    /* The responder went away while it had the request. Whether it acted on
+     * it is unknown. A receive after the request. */
+    KAVRI_CORE_STATUS_IPC_RESPONDER_LOST = 11,
+
+    /* The connection to the broker broke after the message was sent. Whether
+     * it arrived is unknown. Send, receive, subscribe, unsubscribe, and the
+     * answer to a request that came over the broken connection. */
+    KAVRI_CORE_STATUS_IPC_CONNECTION_LOST = 12,
+
+    /* A field is longer than the broker allows. Certainly not delivered. The
+     * sending functions. */
+    KAVRI_CORE_STATUS_IPC_TOO_LARGE = 13,
+
+    /* A limit is reached: too many requests without an answer, or the broker
+     * takes nothing more for now. Certainly not delivered; try again later.
+     * The sending functions, subscribe, a receive after the request, and the
+     * IPC init functions when the broker is full. */
+    KAVRI_CORE_STATUS_IPC_OVERLOADED = 14,
+
+    /* Another responder serves the category already.
+     * kavri_core_ipc_responder_init. */
+    KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN = 15
+} kavri_core_status;
+
+/* A logging context. Opaque; one pointer wide; passed by value. */
+typedef struct kavri_core_logging* kavri_core_logging_cookie;
+
+/*
+ * The name of a status in words, for messages: "no responder", say. Never
+ * null; "unknown status" for a number that is none. The text is the library's
+ * and lives as long as the process. Does not block.
+ */
+const char* kavri_core_status_text(kavri_core_status status);
+
+/*
+ * Brings the library up. Calls nest: each successful one is undone by one
+ * kavri_core_deinit. Does not block.
+ *
+ * NO_ERROR.
+ */
+kavri_core_status kavri_core_init(void);
+
+/*
+ * Undoes one kavri_core_init. Initiators, responders and logging contexts that
+ * are still open stay usable until they are ended themselves. Does not block.
+ *
+ * NO_ERROR; NOT_INITIALISED when every init has been undone already.
+ */
+kavri_core_status kavri_core_deinit(void);
+
+/*
+ * Opens a logging context and stores it in *cookie. What the library has to
+ * say about objects made with it is written to standard error, each line with
+ * `name` in it. The environment variable KAVRI_LOG sets from which severity
+ * on: "off", "error", "warning" (the default), "info" or "debug".
+ *
+ * name: up to 255 bytes are used. cookie: the caller's variable, left alone on
+ * failure. Does not block.
+ *
+ * NO_ERROR; INVALID_ARGUMENT (name or cookie null); NOT_INITIALISED;
+ * OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_logging_init(const char* name, kavri_core_logging_cookie* cookie);
+
+/*
+ * Ends a logging context. Objects made with it go on logging under its name.
+ * Does not block.
+ *
+ * NO_ERROR; INVALID_ARGUMENT (cookie null).
+ */
+kavri_core_status kavri_core_logging_deinit(kavri_core_logging_cookie cookie);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

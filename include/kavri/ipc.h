@@ -1,0 +1,314 @@
+/*
+ * kavri core library: talking to others through the local broker.
+ *
+ * An initiator sends requests to a category; the broker hands each to the
+ * responder of that category, whose response comes back with the request's
+ * uuid. Events that a responder publishes reach the initiators that subscribed
+ * to its category.
+ *
+ * Delivery. At most once, and never repeated by the library. Requests of one
+ * initiator to one category arrive in the order sent; responses come back in
+ * the order in which the responder gave them. A caller can tell three outcomes
+ * apart: answered; certainly not delivered (IPC_NO_RESPONDER, IPC_REFUSED,
+ * IPC_TOO_LARGE, IPC_OVERLOADED, IPC_BROKER_UNAVAILABLE); unknown
+ * (IPC_RESPONDER_LOST, IPC_CONNECTION_LOST).
+ *
+ * Lost connections. The library connects again by itself, restores
+ * subscriptions and the category served, and carries on: at the next call, or,
+ * while a callback is installed, on its own thread, with pauses that grow from
+ * 10 ms to 1 s. Requests that were on their way have the outcome unknown.
+ *
+ * Strings handed out are allocated one by one with malloc. They belong to the
+ * receiver, who releases each with free.
+ *
+ * Callbacks run one at a time per initiator or responder, on a thread of the
+ * library's own in which all signals are blocked. Every function may be called
+ * from within a callback.
+ *
+ * Time-outs are in milliseconds; 0 does not wait, -1 waits without limit.
+ *
+ * The broker's address is a socket path: the options' `brokerAddress`; else the
+ * environment variable KAVRI_BROKER; else $XDG_RUNTIME_DIR/kavri/broker.sock
+ * where that exists; else /run/kavri/broker.sock.
+ */
+#ifndef KAVRI_IPC_H
+#define KAVRI_IPC_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "core.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One end of the traffic; both opaque. */
+typedef struct kavri_core_ipc_initiator kavri_core_ipc_initiator;
+typedef struct kavri_core_ipc_responder kavri_core_ipc_responder;
+
+/*
+ * How to reach the broker. Fill with zeros, then set sizeBytes and what is to
+ * differ from the default.
+ */
+typedef struct kavri_core_ipc_options {
+    /* sizeof(kavri_core_ipc_options): lets later versions add members. */
+    size_t sizeBytes;
+    /* Path of the broker's socket, at most 107 bytes; null: the rule above. */
+    const char* brokerAddress;
+    /* How long init, and connecting again, may wait for the broker's welcome,
+     * in milliseconds; 0: 5000. */
+    unsigned int connectTimeoutMs;
+    /* How long a send may wait for a broker that takes nothing, and a
+     * subscribe or unsubscribe for its acknowledgement, in milliseconds; 0:
+     * 10000. */
+    unsigned int sendTimeoutMs;
+} kavri_core_ipc_options;
+
+/*
+ * Receives one response. Each argument points to the library's pointer to one
+ * string, which is the callback's to free; the pointers need not be cleared.
+ * *payload is null where the response has none; the other three strings are
+ * always there. context: as installed.
+ */
+typedef void (*kavri_core_ipc_initiator_response_callback)(char** targetCategory,
+                                                           char** targetIdentifier, char** uuid,
+                                                           char** payload, void* context);
+
+/*
+ * Receives one event. Ownership as above; all three strings are always there.
+ */
+typedef void (*kavri_core_ipc_initiator_event_callback)(char** targetCategory,
+                                                        char** targetIdentifier, char** payload,
+                                                        void* context);
+
+/*
+ * Connects a new initiator to the broker and stores it in *initiator.
+ *
+ * cookie: the logging context; null: messages carry the name "kavri".
+ * options: null, or a kavri_core_ipc_options. *initiator is null after a
+ * failure. Waits for the broker for at most connectTimeoutMs.
+ *
+ * NO_ERROR; INVALID_ARGUMENT (initiator null, options too small);
+ * NOT_INITIALISED; OUT_OF_RESOURCES; IPC_ADDRESS_INVALID;
+ * IPC_BROKER_UNAVAILABLE (nobody listens there, or no welcome in time);
+ * IPC_INCOMPATIBLE; IPC_REFUSED (this user may not connect); IPC_OVERLOADED
+ * (the broker has as many connections as it may).
+ */
+kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie, void* options,
+                                                kavri_core_ipc_initiator** initiator);
+
+/*
+ * Ends an initiator: removes its callbacks, drops its subscriptions and the
+ * responses nobody received, closes the connection, frees it. No other thread
+ * may be in a call with it, or make one afterwards. Waits for a callback under
+ * way, except when called from within it.
+ *
+ * NO_ERROR; INVALID_ARGUMENT (initiator null).
+ */
+kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator);
+
+/*
+ * Sends one request and returns without waiting for its response. Blocks only
+ * while the broker takes nothing, for at most sendTimeoutMs. What becomes of
+ * the request is told by a later receive.
+ *
+ * targetCategory, targetIdentifier, uuid: at most 64 KiB each. payload: at
+ * most what the broker allows (1 MiB unless configured). All four must be
+ * given; all may be empty. The uuid comes back in the response; it need not be
+ * unique.
+ *
+ * NO_ERROR (handed to the broker's socket); INVALID_ARGUMENT;
+ * IPC_TOO_LARGE; IPC_OVERLOADED (nothing was taken within sendTimeoutMs, or
+ * too many requests are without an answer); IPC_BROKER_UNAVAILABLE;
+ * IPC_CONNECTION_LOST; OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* initiator,
+                                                        const char* targetCategory,
+                                                        const char* targetIdentifier,
+                                                        const char* uuid, const char* payload);
+
+/*
+ * Takes the next response, in the order of arrival, and stores its strings in
+ * the four variables, without releasing what they held. *payload becomes null
+ * where the response has none. Without NO_ERROR the variables are left alone.
+ *
+ * Never waits for what cannot come. A request that failed makes one receive
+ * return why, once no response is waiting and no request sent after it is
+ * still open; so a command that is never answered does not spoil a receive for
+ * a later one.
+ *
+ * NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a response callback is installed;
+ * returned at once whatever the time-out); IPC_NO_MESSAGE (none within the
+ * time-out); IPC_NO_RESPONDER, IPC_REFUSED, IPC_OVERLOADED (a request was not
+ * delivered); IPC_RESPONDER_LOST, IPC_CONNECTION_LOST (a request's outcome is
+ * unknown, or the connection broke during this call);
+ * IPC_BROKER_UNAVAILABLE (no connection, and none to be had);
+ * OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initiator* initiator,
+                                                            int timeout, char** targetCategory,
+                                                            char** targetIdentifier, char** uuid,
+                                                            char** payload);
+
+/*
+ * Installs the response callback, in place of the one before, or removes it
+ * (callback and context both null). While one is installed every response goes
+ * to it, those that were waiting first, and receives are refused. Responses
+ * that arrive after its removal wait for a receive again.
+ *
+ * Returns when no call of the callback before is running or will be made,
+ * except from within a callback, where only the latter holds.
+ *
+ * NO_ERROR; INVALID_ARGUMENT; OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_initiator_response_receive_callback(
+    kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_response_callback callback,
+    void* context);
+
+/*
+ * Subscribes to the events of a category. In effect when the call returns;
+ * once is enough, a second time changes nothing. Waits for the broker's
+ * acknowledgement for at most sendTimeoutMs.
+ *
+ * category: at most 64 KiB, not empty.
+ *
+ * NO_ERROR; INVALID_ARGUMENT; IPC_TOO_LARGE; IPC_REFUSED; IPC_OVERLOADED (no
+ * acknowledgement in time, or too many subscriptions);
+ * IPC_BROKER_UNAVAILABLE; IPC_CONNECTION_LOST; OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initiator* initiator,
+                                                           const char* category);
+
+/*
+ * Ends a subscription. No event of the category is delivered by a callback
+ * that begins after the return. Waits like subscribe. Ending one that is not
+ * there changes nothing.
+ *
+ * NO_ERROR; the failures of subscribe. The subscription is over in this
+ * library in any case.
+ */
+kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(kavri_core_ipc_initiator* initiator,
+                                                             const char* category);
+
+/*
+ * Installs or removes the event callback, as the response callback above.
+ * Events that arrive while none is installed are dropped. Receives stay
+ * allowed while only an event callback is installed.
+ *
+ * NO_ERROR; INVALID_ARGUMENT; OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
+    kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_event_callback callback,
+    void* context);
+
+/*
+ * Names one request to its responder until it is answered or ended. A value to
+ * keep and pass back; its members are the library's.
+ */
+typedef struct kavri_core_ipc_request {
+    uint64_t token;
+    uint64_t connection;
+} kavri_core_ipc_request;
+
+/*
+ * Receives one request on the library's thread. Ownership of the four strings
+ * as for the initiator's callbacks; all are always there. Answer with
+ * kavri_core_ipc_responder_response_send, or say that no answer will come with
+ * kavri_core_ipc_responder_request_end; from here or later, from any thread.
+ */
+typedef void (*kavri_core_ipc_responder_request_callback)(kavri_core_ipc_request request,
+                                                          char** targetCategory,
+                                                          char** targetIdentifier, char** uuid,
+                                                          char** payload, void* context);
+
+/*
+ * Connects a new responder to the broker, makes it the one of `category`, and
+ * stores it in *responder. Parameters, waiting and failures as for
+ * kavri_core_ipc_initiator_init; category not empty, at most 64 KiB.
+ *
+ * Further: IPC_CATEGORY_TAKEN (somebody serves it already); IPC_REFUSED also
+ * when this user may not serve it.
+ */
+kavri_core_status kavri_core_ipc_responder_init(kavri_core_logging_cookie cookie, void* options,
+                                                const char* category,
+                                                kavri_core_ipc_responder** responder);
+
+/*
+ * Ends a responder. Requests that it has not answered come to their senders as
+ * IPC_RESPONDER_LOST. Otherwise as kavri_core_ipc_deinit.
+ *
+ * NO_ERROR; INVALID_ARGUMENT (responder null).
+ */
+kavri_core_status kavri_core_ipc_responder_deinit(kavri_core_ipc_responder* responder);
+
+/*
+ * Takes the next request and stores its name and its strings. Without NO_ERROR
+ * the variables are left alone.
+ *
+ * NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a request callback is installed);
+ * IPC_NO_MESSAGE; IPC_CONNECTION_LOST (the connection broke during this call;
+ * the next one serves again); IPC_BROKER_UNAVAILABLE; IPC_CATEGORY_TAKEN,
+ * IPC_REFUSED (found when connecting again); OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_responder_request_receive(kavri_core_ipc_responder* responder,
+                                                           int timeout,
+                                                           kavri_core_ipc_request* request,
+                                                           char** targetCategory,
+                                                           char** targetIdentifier, char** uuid,
+                                                           char** payload);
+
+/*
+ * Installs or removes the request callback; as the initiator's.
+ *
+ * NO_ERROR; INVALID_ARGUMENT; OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_responder_request_receive_callback(
+    kavri_core_ipc_responder* responder, kavri_core_ipc_responder_request_callback callback,
+    void* context);
+
+/*
+ * Answers a request, once: the broker drops a second answer, and logs it. The
+ * strings are the response's fields; the uuid is to be the request's. payload
+ * null: a response without one. Blocks like
+ * kavri_core_ipc_initiator_command_send.
+ *
+ * NO_ERROR; INVALID_ARGUMENT; IPC_TOO_LARGE (the request stays open);
+ * IPC_OVERLOADED (likewise); IPC_CONNECTION_LOST (the connection over which
+ * the request came is gone, or broke now); OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_responder_response_send(kavri_core_ipc_responder* responder,
+                                                         kavri_core_ipc_request request,
+                                                         const char* targetCategory,
+                                                         const char* targetIdentifier,
+                                                         const char* uuid, const char* payload);
+
+/*
+ * Says that a request is done and gets no answer. Every request is to be
+ * answered or ended: an open one takes room in the broker, and its sender may
+ * wait for it.
+ *
+ * NO_ERROR; the failures of kavri_core_ipc_responder_response_send.
+ */
+kavri_core_status kavri_core_ipc_responder_request_end(kavri_core_ipc_responder* responder,
+                                                       kavri_core_ipc_request request);
+
+/*
+ * Publishes one event of the category that this responder serves, to every
+ * initiator subscribed at that moment. Nobody subscribed is no failure. Blocks
+ * like kavri_core_ipc_initiator_command_send.
+ *
+ * NO_ERROR; INVALID_ARGUMENT (also: targetCategory is not the one served);
+ * IPC_TOO_LARGE; IPC_OVERLOADED; IPC_BROKER_UNAVAILABLE;
+ * IPC_CONNECTION_LOST; OUT_OF_RESOURCES.
+ */
+kavri_core_status kavri_core_ipc_responder_event_publish(kavri_core_ipc_responder* responder,
+                                                         const char* targetCategory,
+                                                         const char* targetIdentifier,
+                                                         const char* payload);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

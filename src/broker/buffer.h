@@ -1,0 +1,90 @@
+// Memory for what passes through: blocks of bytes, shared by reference count.
+//
+// Small frames are copied into blocks of standard size, which come from and go
+// back to a pool; a large frame is read into a block of its own and then shared
+// by the outboxes that it goes to. Single-threaded, so the counts are plain.
+#ifndef KAVRI_BROKER_BUFFER_H
+#define KAVRI_BROKER_BUFFER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "interfaces/limits.h"
+
+namespace kavri::broker {
+
+class BufferPool;
+
+class Block {
+  public:
+    char* bytes() { return reinterpret_cast<char*>(this + 1); }
+    std::size_t capacity() const { return capacity_; }
+
+  private:
+    friend class BlockRef;
+    friend class BufferPool;
+    Block(BufferPool& pool, std::size_t capacity) : pool_(&pool), capacity_(capacity) {}
+
+    BufferPool* pool_;
+    std::size_t capacity_;
+    std::size_t references_ = 0;
+};
+
+// A counted reference; the last one to go gives the block back.
+class BlockRef {
+  public:
+    BlockRef() = default;
+    explicit BlockRef(Block* block) : block_(block) { acquire(); }
+    BlockRef(const BlockRef& other) : block_(other.block_) { acquire(); }
+    BlockRef(BlockRef&& other) noexcept : block_(std::exchange(other.block_, nullptr)) {}
+    BlockRef& operator=(BlockRef other) noexcept {
+        std::swap(block_, other.block_);
+        return *this;
+    }
+    ~BlockRef() { release(); }
+
+    explicit operator bool() const { return block_ != nullptr; }
+    Block* operator->() const { return block_; }
+    bool isShared() const { return block_->references_ > 1; }
+
+  private:
+    void acquire() {
+        if (block_ != nullptr) {
+            ++block_->references_;
+        }
+    }
+    void release();
+
+    Block* block_ = nullptr;
+};
+
+class BufferPool {
+  public:
+    static constexpr std::size_t standardBytes = interfaces::largeFrameBytes;
+
+    BufferPool() = default;
+    BufferPool(const BufferPool&) = delete;
+    BufferPool& operator=(const BufferPool&) = delete;
+    ~BufferPool();
+
+    // A block with room for at least `bytes`. Ends the program when memory is out.
+    BlockRef take(std::size_t bytes);
+
+    // Gives the memory of blocks that wait to be used again back to the system.
+    void trim();
+
+  private:
+    friend class BlockRef;
+    // Keeps the memory of a burst for the next one, up to 8 MiB.
+    static constexpr std::size_t keptBlocks = 512;
+
+    void giveBack(Block* block);
+
+    std::vector<Block*> free_;
+};
+
+}  // namespace kavri::broker
+
+#endif

@@ -1,0 +1,200 @@
+// Reading the configuration file; see config.h.
+#include "broker/config.h"
+
+#include <pwd.h>
+#include <toml++/toml.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+namespace kavri::broker {
+
+namespace {
+
+using interfaces::Limits;
+
+// A limit by its name in the file, with the range that makes sense.
+struct NumberSetting {
+    std::string_view name;
+    std::int64_t least;
+    std::int64_t most;
+    void (*set)(Limits&, std::int64_t);
+};
+
+template <auto member>
+void setNumber(Limits& limits, std::int64_t value) {
+    using Number = std::remove_reference_t<decltype(limits.*member)>;
+    limits.*member = static_cast<Number>(value);
+}
+
+constexpr std::int64_t manyBytes = std::int64_t{1} << 40U;
+constexpr std::int64_t manyThings = 1'000'000;
+constexpr std::int64_t anHourMs = 3'600'000;
+
+constexpr std::array settings = {
+    NumberSetting{"payload_bytes", 1, interfaces::payloadCeilingBytes,
+                  setNumber<&Limits::payloadBytes>},
+    NumberSetting{"connections", 1, manyThings, setNumber<&Limits::connections>},
+    NumberSetting{"connections_per_user", 1, manyThings, setNumber<&Limits::connectionsPerUser>},
+    NumberSetting{"outbox_bytes", 65536, manyBytes, setNumber<&Limits::outboxBytes>},
+    NumberSetting{"outbox_bytes_per_user", 65536, manyBytes,
+                  setNumber<&Limits::outboxBytesPerUser>},
+    NumberSetting{"open_requests_per_initiator", 1, manyThings,
+                  setNumber<&Limits::openRequestsPerInitiator>},
+    NumberSetting{"open_requests_per_responder", 1, manyThings,
+                  setNumber<&Limits::openRequestsPerResponder>},
+    NumberSetting{"subscriptions_per_initiator", 0, manyThings,
+                  setNumber<&Limits::subscriptionsPerInitiator>},
+    NumberSetting{"handshake_ms", 1, anHourMs, setNumber<&Limits::handshakeTime>},
+    NumberSetting{"progress_ms", 1, anHourMs, setNumber<&Limits::progressTime>},
+    NumberSetting{"hold_back_ms", 0, anHourMs, setNumber<&Limits::holdBackTime>},
+};
+
+class Reader {
+  public:
+    explicit Reader(std::string path) : path_(std::move(path)) {}
+
+    Config read() {
+        Config config = defaultConfig();
+        const toml::table file = parse();
+        for (const auto& [key, node] : file) {
+            if (key == "limits") {
+                readLimits(tableOf(node, "limits"), config.limits);
+            } else if (key == "access") {
+                readAccess(tableOf(node, "access"), config.policy);
+            } else {
+                fail(node, "unknown table \"" + std::string(key.str()) +
+                               "\": there are limits and access");
+            }
+        }
+        return config;
+    }
+
+  private:
+    [[noreturn]] void fail(const toml::node& node, const std::string& what) const {
+        throw BadConfig(path_ + ":" + std::to_string(node.source().begin.line) + ": " + what);
+    }
+
+    toml::table parse() const {
+        try {
+            return toml::parse_file(path_);
+        } catch (const toml::parse_error& error) {
+            const auto line = error.source().begin.line;
+            throw BadConfig(path_ + (line > 0 ? ":" + std::to_string(line) : std::string()) + ": " +
+                            std::string(error.description()));
+        }
+    }
+
+    const toml::table& tableOf(const toml::node& node, const std::string& name) const {
+        const toml::table* table = node.as_table();
+        if (table == nullptr) {
+            fail(node, name + " is to be a table: [" + name + "]");
+        }
+        return *table;
+    }
+
+    void readLimits(const toml::table& table, Limits& limits) const {
+        for (const auto& [key, node] : table) {
+            const auto* setting = std::find_if(
+                settings.begin(), settings.end(),
+                [&key](const NumberSetting& known) { return known.name == key.str(); });
+            if (setting == settings.end()) {
+                fail(node, "unknown limit \"" + std::string(key.str()) + "\": there are " +
+                               settingNames());
+            }
+            const auto value = node.value_exact<std::int64_t>();
+            if (!value || *value < setting->least || *value > setting->most) {
+                fail(node, std::string(setting->name) + " is to be a whole number from " +
+                               std::to_string(setting->least) + " to " +
+                               std::to_string(setting->most));
+            }
+            setting->set(limits, *value);
+        }
+    }
+
+    static std::string settingNames() {
+        std::string names;
+        for (const NumberSetting& setting : settings) {
+            names += (names.empty() ? "" : ", ") + std::string(setting.name);
+        }
+        return names;
+    }
+
+    void readAccess(const toml::table& table, Policy& policy) const {
+        for (const auto& [key, node] : table) {
+            if (key == "connect") {
+                const Users further = readUsers(node, "connect");
+                policy.connect.everybody = further.everybody;
+                policy.connect.listed.insert(further.listed.begin(), further.listed.end());
+            } else if (key == "category") {
+                for (const auto& [name, rights] : tableOf(node, "access.category")) {
+                    readCategory(tableOf(rights, "access.category." + std::string(name.str())),
+                                 policy.categories[std::string(name.str())]);
+                }
+            } else {
+                fail(node, "unknown right \"" + std::string(key.str()) +
+                               "\": there are connect and category");
+            }
+        }
+    }
+
+    void readCategory(const toml::table& table, CategoryPolicy& rights) const {
+        for (const auto& [key, node] : table) {
+            if (key == "serve") {
+                rights.serve = readUsers(node, "serve");
+            } else if (key == "send") {
+                rights.send = readUsers(node, "send");
+            } else if (key == "subscribe") {
+                rights.subscribe = readUsers(node, "subscribe");
+            } else {
+                fail(node, "unknown right \"" + std::string(key.str()) +
+                               "\": there are serve, send and subscribe");
+            }
+        }
+    }
+
+    Users readUsers(const toml::node& node, const std::string& right) const {
+        const toml::array* list = node.as_array();
+        if (list == nullptr) {
+            fail(node, right + " is to be a list of users: [\"alice\", 1001]");
+        }
+        Users users;
+        for (const toml::node& entry : *list) {
+            if (const auto number = entry.value_exact<std::int64_t>()) {
+                users.listed.insert(static_cast<uid_t>(*number));
+            } else if (const auto name = entry.value_exact<std::string>(); name == "*") {
+                users.everybody = true;
+            } else {
+                users.listed.insert(userNamed(entry, name.value_or("")));
+            }
+        }
+        return users;
+    }
+
+    uid_t userNamed(const toml::node& entry, const std::string& name) const {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): read before any thread is started.
+        const passwd* known = name.empty() ? nullptr : ::getpwnam(name.c_str());
+        if (known == nullptr) {
+            fail(entry, "there is no user \"" + name + "\" here: give a name, a number or \"*\"");
+        }
+        return known->pw_uid;
+    }
+
+    const std::string path_;
+};
+
+}  // namespace
+
+Config defaultConfig() {
+    Config config;
+    config.policy.connect.listed = {0, ::geteuid()};
+    return config;
+}
+
+Config readConfig(const std::string& path) {
+    return Reader(path).read();
+}
+
+}  // namespace kavri::broker

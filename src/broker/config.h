@@ -1,0 +1,41 @@
+// The broker's configuration file: limits and rights, in TOML.
+//
+//     [limits]
+//     payload_bytes = 1048576            # and the other names in config.cpp
+//
+//     [access]
+//     connect = ["alice", 1001]          # users by name or number; "*": everybody
+//
+//     [access.category."test"]           # where it is left out: whoever connects
+//     serve = ["alice"]
+//     send = ["*"]
+//     subscribe = ["*"]
+#ifndef KAVRI_BROKER_CONFIG_H
+#define KAVRI_BROKER_CONFIG_H
+
+#include <stdexcept>
+#include <string>
+
+#include "broker/policy.h"
+#include "interfaces/limits.h"
+
+namespace kavri::broker {
+
+// Says in one line what is wrong, where in the file, and what would be right.
+class BadConfig : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+struct Config {
+    interfaces::Limits limits;
+    Policy policy;
+};
+
+// The defaults: this process' user and root may connect.
+Config defaultConfig();
+Config readConfig(const std::string& path);
+
+}  // namespace kavri::broker
+
+#endif

@@ -1,0 +1,64 @@
+// What waits to be written to one peer, in order.
+//
+// A queue of slices of blocks. Small frames are copied behind one another into
+// one block, so that they leave in one write; large ones are slices of the
+// block they were read into. An empty outbox owns no memory.
+#ifndef KAVRI_BROKER_OUTBOX_H
+#define KAVRI_BROKER_OUTBOX_H
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+#include "broker/buffer.h"
+#include "interfaces/frame.h"
+
+namespace kavri::broker {
+
+class Outbox {
+  public:
+    // `userBytes` is the account of the peer's user: all outboxes of his together.
+    Outbox(BufferPool& pool, std::size_t& userBytes) : pool_(pool), userBytes_(userBytes) {}
+    Outbox(const Outbox&) = delete;
+    Outbox& operator=(const Outbox&) = delete;
+    ~Outbox() { clear(); }
+
+    std::size_t bytes() const { return bytes_; }
+    bool empty() const { return bytes_ == 0; }
+
+    void append(const interfaces::Frame& frame);
+    void appendCopy(std::string_view bytes);
+    void appendShared(const BlockRef& block, std::size_t length);  // from its beginning
+
+    // Up to `most` pieces of what comes next; how many there are.
+    std::size_t gather(iovec* pieces, std::size_t most) const;
+    void consume(std::size_t bytes);
+    void clear();
+
+  private:
+    struct Slice {
+        BlockRef block;
+        std::size_t begin = 0;
+        std::size_t end = 0;
+        std::unique_ptr<Slice> next;
+    };
+
+    void account(std::size_t added) {
+        bytes_ += added;
+        userBytes_ += added;
+    }
+    Slice& push(BlockRef block);
+    void popFront();
+
+    BufferPool& pool_;
+    std::size_t& userBytes_;
+    std::unique_ptr<Slice> first_;
+    Slice* last_ = nullptr;
+    std::size_t bytes_ = 0;
+};
+
+}  // namespace kavri::broker
+
+#endif

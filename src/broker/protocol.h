@@ -1,0 +1,59 @@
+// What a session may say and when: first its hello, then what its role allows.
+//
+// Splits what comes in into frames and hands each to where it belongs. A peer
+// that breaks a rule is closed, with the reason in the log and in its goodbye;
+// nobody else notices.
+#ifndef KAVRI_BROKER_PROTOCOL_H
+#define KAVRI_BROKER_PROTOCOL_H
+
+#include <cstddef>
+#include <string>
+
+#include "broker/router.h"
+#include "broker/session.h"
+#include "interfaces/limits.h"
+
+namespace kavri::broker {
+
+class Protocol {
+  public:
+    // Closes a session; the status goes into its goodbye.
+    using Close = std::function<void(Session&, kavri_core_status, std::string_view reason)>;
+
+    // identity: the broker's own uuid, told to every peer.
+    Protocol(const interfaces::Limits& limits, Router& router, BufferPool& pool,
+             std::string identity, Close close);
+
+    // Handles the frames in `bytes`, and keeps with the session what cannot be
+    // handled yet. Returns the session that this one must wait for, or null.
+    Session* take(Session& session, char* bytes, std::size_t count);
+
+    // The session's large frame has got all its bytes. Returns as take does.
+    Session* takeLarge(Session& session);
+
+    // Keeps bytes with the session until they can be handled.
+    void keep(Session& session, const char* bytes, std::size_t count);
+
+    // Goes on with what was kept while the session was held back.
+    Session* resume(Session& session);
+
+  private:
+    Session* handle(Session& session, InputFrame& frame);
+    Session* handleInitiator(Session& session, InputFrame& frame);
+    Session* handleResponder(Session& session, InputFrame& frame);
+    void handleHello(Session& session, const interfaces::Frame& frame);
+    void beginLarge(Session& session, const char* bytes, std::size_t count, std::size_t frameBytes);
+
+    void closeMalformed(Session& session, std::string_view what);
+
+    const interfaces::Limits& limits_;
+    Router& router_;
+    BufferPool& pool_;
+    const std::string identity_;
+    const std::string grantedLimits_;
+    Close close_;
+};
+
+}  // namespace kavri::broker
+
+#endif

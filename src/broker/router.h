@@ -1,0 +1,132 @@
+// Where frames go: from initiators to the responder of a category and back, and
+// from a responder to those who subscribed. No I/O: it takes frames and fills
+// outboxes.
+//
+// A frame may be held back because a session takes nothing and its outbox is
+// three quarters full: the router then names that session and leaves the frame
+// to its sender, which is not read from until there is room. So a sender waits
+// for the slow peer that it sends to, and nobody else does. Responses and events
+// wait for a slow initiator only while it makes some progress; what still comes
+// for it then fills its outbox to the limit, and at the limit it is closed.
+#ifndef KAVRI_BROKER_ROUTER_H
+#define KAVRI_BROKER_ROUTER_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "broker/open_requests.h"
+#include "broker/policy.h"
+#include "broker/session.h"
+#include "interfaces/frame.h"
+#include "interfaces/limits.h"
+#include "test_service/test_service.h"
+
+namespace kavri::broker {
+
+// A frame as it came in: its values, its bytes (whose header the router
+// changes), and the block whose beginning they are, where there is one.
+struct InputFrame {
+    interfaces::Frame values;
+    char* bytes = nullptr;
+    std::size_t length = 0;
+    BlockRef block;
+};
+
+struct Category {
+    std::string name;
+    const CategoryPolicy* policy = nullptr;
+    Session* responder = nullptr;
+    test_service::TestService* embedded = nullptr;  // in a responder's place
+    std::vector<Session*> subscribers;
+
+    bool isServed() const { return responder != nullptr || embedded != nullptr; }
+};
+
+class Router {
+  public:
+    // What the router needs of those who own the sessions.
+    struct Surroundings {
+        // Null when the session is gone.
+        std::function<Session*(SessionId)> find;
+        // Closes the session at the end of this round; the reason is logged and
+        // told to it.
+        std::function<void(Session&, std::string_view reason)> close;
+        // Logs what a session did wrong, where it is let go on.
+        std::function<void(const Session&, std::string_view what)> note;
+    };
+
+    Router(const interfaces::Limits& limits, const Policy& policy, BufferPool& pool,
+           Surroundings surroundings);
+
+    // Each returns the session that the frame must wait for, or null when it
+    // was handled.
+    [[nodiscard]] Session* request(Session& from, InputFrame& frame);
+    [[nodiscard]] Session* response(Session& from, InputFrame& frame);
+    [[nodiscard]] Session* publish(Session& from, InputFrame& frame);
+
+    void completion(Session& from, std::uint64_t token);
+    void subscribe(Session& from, const interfaces::Frame& frame);
+    void unsubscribe(Session& from, const interfaces::Frame& frame);
+    void registerResponder(Session& from, const interfaces::Frame& frame);
+
+    // Serves a category within this process.
+    void embed(std::string_view category, test_service::TestService& service);
+
+    // The session is about to go: its subscriptions and what it serves end, and
+    // the senders of the requests that it had in hand are told.
+    void forget(Session& session);
+
+    // For everything else that is to be said to a session.
+    void send(Session& to, const interfaces::Frame& frame);
+
+    // Sessions whose outbox got something since the list was last taken.
+    std::vector<Session*>& toWrite() { return toWrite_; }
+
+    // Three quarters full: it takes its answers before it may ask for more.
+    bool isStalled(const Session& session) const { return isFilledTo(session, 3); }
+    // Half empty: those who wait for it may go on.
+    bool hasRoomAgain(const Session& session) const;
+
+  private:
+    struct NameHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view name) const {
+            return std::hash<std::string_view>{}(name);
+        }
+    };
+
+    Category* findCategory(std::string_view name);
+    Category& categoryNamed(std::string_view name);
+    void dropIfUnused(Category& category);
+
+    Session* answerEmbedded(Session& from, Category& category, const interfaces::Frame& request);
+    Session* slowSubscriber(const Category& category) const;
+    void deliverToSubscribers(const Category& category, const InputFrame& event);
+    void deliver(Session& to, const InputFrame& frame);
+    void tell(SessionId initiator, const interfaces::Frame& outcome);
+    void refuse(Session& from, std::uint64_t token, kavri_core_status status);
+    void acknowledge(Session& to, std::uint64_t token, kavri_core_status status);
+
+    bool isFilledTo(const Session& session, std::size_t quarters) const;
+    bool isWorthWaitingFor(const Session& session) const {
+        return isStalled(session) && !session.patienceOver;
+    }
+    void markForWriting(Session& session);
+
+    const interfaces::Limits& limits_;
+    const Policy& policy_;
+    BufferPool& pool_;
+    Surroundings surroundings_;
+    std::unordered_map<std::string, std::unique_ptr<Category>, NameHash, std::equal_to<>>
+        categories_;
+    OpenRequests openRequests_;
+    std::vector<Session*> toWrite_;
+};
+
+}  // namespace kavri::broker
+
+#endif

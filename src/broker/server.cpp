@@ -1,0 +1,463 @@
+// The broker's loop; see server.h.
+#include "broker/server.h"
+
+#include <spdlog/spdlog.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+namespace kavri::broker {
+
+using interfaces::Field;
+using interfaces::Frame;
+using interfaces::FrameType;
+
+namespace {
+
+// What an event belongs to: a session's id, or one of these.
+constexpr std::uint64_t listenerMark = UINT64_MAX;
+constexpr std::uint64_t stopMark = UINT64_MAX - 1;
+
+constexpr std::chrono::milliseconds listenPause{100};
+constexpr std::size_t piecesPerWrite = 64;
+
+std::uint64_t markOf(SessionId id) {
+    return (static_cast<std::uint64_t>(id.generation) << 32U) | id.index;
+}
+
+SessionId idOf(std::uint64_t mark) {
+    return {static_cast<std::uint32_t>(mark), static_cast<std::uint32_t>(mark >> 32U)};
+}
+
+Frame goodbyeFrame(kavri_core_status status, std::string_view reason) {
+    Frame frame;
+    frame.type = FrameType::goodbye;
+    frame.status = static_cast<std::uint16_t>(status);
+    frame[Field::payload] = reason;
+    return frame;
+}
+
+void watch(int epoll, int descriptor, std::uint64_t mark) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = mark;
+    if (::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+        throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+    }
+}
+
+ssize_t sendSome(const Session& session) {
+    std::array<iovec, piecesPerWrite> pieces;
+    msghdr message{};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = session.outbox.gather(pieces.data(), pieces.size());
+    return message.msg_iovlen == 0
+               ? 0
+               : ::sendmsg(session.descriptor, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+}  // namespace
+
+Server::Server(ServerOptions options, Listener& listener)
+    : limits_(options.limits),
+      policy_(std::move(options.policy)),
+      listener_(listener),
+      stopDescriptor_(options.stopDescriptor),
+      epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      router_(limits_, policy_, pool_,
+              {[this](SessionId id) { return find(id); },
+               [this](Session& session, std::string_view reason) {
+                   close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
+               },
+               [](const Session& session, std::string_view what) {
+                   spdlog::warn("process {} of user {} {}", session.process, session.user, what);
+               }}),
+      protocol_(limits_, router_, pool_, std::move(options.identity),
+                [this](Session& session, kavri_core_status status, std::string_view reason) {
+                    close(session, status, reason);
+                }),
+      events_(eventsPerRound),
+      readBuffer_(BufferPool::standardBytes + readBytes) {
+    if (epoll_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "epoll_create1");
+    }
+    watch(epoll_, stopDescriptor_, stopMark);
+    watch(epoll_, listener_.descriptor(), listenerMark);
+    listening_ = true;
+}
+
+Server::~Server() {
+    for (Place& place : places_) {
+        if (place.session != nullptr) {
+            ::close(place.session->descriptor);
+        }
+    }
+    ::close(epoll_);
+}
+
+void Server::run() {
+    while (!stopping_) {
+        const std::size_t count = waitForEvents();
+        now_ = Clock::now();
+        for (std::size_t i = 0; i < count; ++i) {
+            handleEvent(events_[i]);
+        }
+        handleDeadlines();
+        finishRound();
+    }
+    stop();
+}
+
+std::size_t Server::waitForEvents() {
+    int count = 0;
+    const auto look = [this, &count](int timeoutMs) {
+        count = ::epoll_wait(epoll_, events_.data(), static_cast<int>(events_.size()), timeoutMs);
+        return count > 0;
+    };
+    if (!look(0) && !spin_.until([&look] { return look(0); })) {
+        const Clock::time_point begin = Clock::now();
+        const int sleepMs = sleepTimeMs();
+        if (sleepMs < 0) {
+            pool_.trim();
+        }
+        look(sleepMs);
+        spin_.slept(begin);
+    }
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+int Server::sleepTimeMs() const {
+    const auto next = deadlines_.next();
+    if (!next) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+void Server::handleEvent(const epoll_event& event) {
+    if (event.data.u64 == stopMark) {
+        stopping_ = true;
+        return;
+    }
+    if (event.data.u64 == listenerMark) {
+        acceptAll();
+        return;
+    }
+    Session* session = find(idOf(event.data.u64));
+    if (session == nullptr || session->isClosing) {
+        return;
+    }
+    if ((event.events & EPOLLOUT) != 0) {
+        writeTo(*session);
+    }
+    if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !session->isHeldBack &&
+        !session->isClosing) {
+        session->large ? readLarge(*session) : readFrom(*session);
+    }
+}
+
+void Server::handleDeadlines() {
+    while (const auto due = deadlines_.takeDue(now_)) {
+        if (due->kind == DeadlineKind::listen) {
+            if (!listening_) {
+                watch(epoll_, listener_.descriptor(), listenerMark);
+                listening_ = true;
+            }
+            continue;
+        }
+        Session* session = find(due->session);
+        if (session == nullptr || session->isClosing) {
+            continue;
+        }
+        switch (due->kind) {
+            case DeadlineKind::handshake:
+                if (session->role == Role::unknown) {
+                    close(*session, KAVRI_CORE_STATUS_IPC_REFUSED, "said no hello in time");
+                }
+                break;
+            case DeadlineKind::progress:
+                checkProgress(*session);
+                break;
+            default:
+                checkPatience(*session);
+                break;
+        }
+    }
+}
+
+// Writing can let others go on, which fills outboxes; closing tells others. So
+// both go on until neither has anything left.
+void Server::finishRound() {
+    while (!router_.toWrite().empty() || !closing_.empty()) {
+        std::vector<Session*> ready;
+        ready.swap(router_.toWrite());
+        for (Session* session : ready) {
+            session->listedForWriting = false;
+            if (!session->isClosing) {
+                writeTo(*session);
+            }
+        }
+        std::vector<Session*> leaving;
+        leaving.swap(closing_);
+        for (Session* session : leaving) {
+            remove(*session);
+        }
+    }
+}
+
+void Server::stop() {
+    for (const Place& place : places_) {
+        if (place.session != nullptr) {
+            close(*place.session, KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE,
+                  "the broker is stopping");
+        }
+    }
+    finishRound();
+}
+
+void Server::acceptAll() {
+    bool outOfDescriptors = false;
+    while (const auto accepted = listener_.accept(outOfDescriptors)) {
+        open(*accepted);
+    }
+    if (outOfDescriptors) {
+        spdlog::error("cannot accept a connection: {}; trying again shortly",
+                      std::generic_category().message(errno));
+        ::epoll_ctl(epoll_, EPOLL_CTL_DEL, listener_.descriptor(), nullptr);
+        listening_ = false;
+        deadlines_.add({now_ + listenPause, DeadlineKind::listen, {}});
+    }
+}
+
+void Server::open(const Accepted& accepted) {
+    if (!policy_.connect.contains(accepted.user)) {
+        turnAway(accepted, KAVRI_CORE_STATUS_IPC_REFUSED, "this user may not connect");
+        return;
+    }
+    UserAccount& account = users_[accepted.user];
+    if (connections_ >= limits_.connections || account.connections >= limits_.connectionsPerUser) {
+        turnAway(accepted, KAVRI_CORE_STATUS_IPC_OVERLOADED,
+                 "the broker has as many connections as it may");
+        return;
+    }
+    if (freePlaces_.empty()) {
+        freePlaces_.push_back(static_cast<std::uint32_t>(places_.size()));
+        places_.emplace_back();
+    }
+    const std::uint32_t index = freePlaces_.back();
+    freePlaces_.pop_back();
+    Place& place = places_[index];
+    place.session = std::make_unique<Session>(SessionId{index, place.generation}, accepted.user,
+                                              account, pool_);
+    Session& session = *place.session;
+    session.process = accepted.process;
+    session.descriptor = accepted.descriptor;
+    ++connections_;
+    ++account.connections;
+    deadlines_.add({now_ + limits_.handshakeTime, DeadlineKind::handshake, session.id});
+    poll(session);
+    readFrom(session);  // its hello is mostly there already
+}
+
+// A peer that just connected has room for the reason.
+void Server::turnAway(const Accepted& accepted, kavri_core_status status, std::string_view reason) {
+    spdlog::warn("process {} of user {} turned away: {}", accepted.process, accepted.user, reason);
+    std::string bytes;
+    interfaces::appendEncoded(goodbyeFrame(status, reason), bytes);
+    ::send(accepted.descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ::close(accepted.descriptor);
+}
+
+void Server::readFrom(Session& session) {
+    char* const begin = readBuffer_.data() + session.backlogBytes;
+    const ssize_t count = ::recv(session.descriptor, begin, readBytes, 0);
+    if (count <= 0) {
+        ended(session, count == 0 ? 0 : errno);
+        return;
+    }
+    if (session.backlog) {
+        std::memcpy(readBuffer_.data(), session.backlog->bytes(), session.backlogBytes);
+        session.backlog = {};
+    }
+    const std::size_t total =
+        std::exchange(session.backlogBytes, 0) + static_cast<std::size_t>(count);
+    waitOrGoOn(session, protocol_.take(session, readBuffer_.data(), total));
+}
+
+// Straight into the large frame's own block, and what follows it behind.
+void Server::readLarge(Session& session) {
+    const std::size_t missing = session.largeBytes - session.largeFilled;
+    std::array<iovec, 2> pieces{
+        {{session.large->bytes() + session.largeFilled, missing}, {readBuffer_.data(), readBytes}}};
+    const ssize_t count = ::readv(session.descriptor, pieces.data(), pieces.size());
+    if (count <= 0) {
+        ended(session, count == 0 ? 0 : errno);
+        return;
+    }
+    const std::size_t filled = std::min(missing, static_cast<std::size_t>(count));
+    const std::size_t behind = static_cast<std::size_t>(count) - filled;
+    session.largeFilled += filled;
+    Session* waitFor = protocol_.takeLarge(session);
+    if (waitFor != nullptr) {
+        protocol_.keep(session, readBuffer_.data(), behind);
+    } else if (behind > 0 && !session.isClosing) {
+        waitFor = protocol_.take(session, readBuffer_.data(), behind);
+    }
+    waitOrGoOn(session, waitFor);
+}
+
+void Server::ended(Session& session, int error) {
+    if (error != EAGAIN && error != EINTR) {
+        close(session, KAVRI_CORE_STATUS_NO_ERROR, {});
+    }
+}
+
+// A session that has to wait is listed with the one it waits for, and not read
+// from until that one lets it go on.
+void Server::waitOrGoOn(Session& session, Session* waitFor) {
+    session.isHeldBack = waitFor != nullptr;
+    if (waitFor != nullptr) {
+        waitFor->heldBack.push_back(session.id);
+        deadlines_.add({std::max(waitFor->lastProgress, now_) + limits_.holdBackTime,
+                        DeadlineKind::patience, waitFor->id});
+    }
+    poll(session);
+}
+
+void Server::release(Session& slow) {
+    for (const SessionId id : std::exchange(slow.heldBack, {})) {
+        Session* session = find(id);
+        if (session != nullptr && !session->isClosing) {
+            waitOrGoOn(*session, protocol_.resume(*session));
+        }
+    }
+}
+
+// One write; what it leaves is for the next round, after the others.
+void Server::writeTo(Session& session) {
+    const ssize_t count = sendSome(session);
+    if (count >= 0) {
+        wrote(session, static_cast<std::size_t>(count));
+    } else if (errno != EAGAIN && errno != EINTR) {
+        // The peer is gone. What it sent before may still be there to be read;
+        // the end of that closes the session.
+        wrote(session, session.outbox.bytes());
+    }
+    if (!session.outbox.empty() && !session.watched) {
+        session.watched = true;
+        session.lastProgress = now_;
+        deadlines_.add({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
+    }
+    poll(session);
+}
+
+void Server::wrote(Session& session, std::size_t count) {
+    session.outbox.consume(count);
+    session.lastProgress = now_;
+    if (router_.hasRoomAgain(session)) {
+        session.patienceOver = false;
+        if (!session.heldBack.empty()) {
+            release(session);
+        }
+    }
+}
+
+void Server::checkProgress(Session& session) {
+    session.watched = false;
+    if (session.outbox.empty()) {
+        return;
+    }
+    const Clock::time_point due = session.lastProgress + limits_.progressTime;
+    if (due <= now_) {
+        close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED,
+              "took nothing of what waits for it for too long");
+        return;
+    }
+    session.watched = true;
+    deadlines_.add({due, DeadlineKind::progress, session.id});
+}
+
+void Server::checkPatience(Session& session) {
+    if (session.heldBack.empty() || session.patienceOver) {
+        return;
+    }
+    const Clock::time_point due = session.lastProgress + limits_.holdBackTime;
+    if (due > now_) {
+        deadlines_.add({due, DeadlineKind::patience, session.id});
+        return;
+    }
+    session.patienceOver = true;
+    release(session);
+}
+
+// Tells the kernel what the session is to be woken for. One that is held back
+// and has nothing to take is left out altogether: its peer's end would otherwise
+// be reported again and again.
+void Server::poll(Session& session) {
+    const std::uint32_t wanted =
+        (session.isHeldBack ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
+        (session.outbox.empty() ? 0U : static_cast<std::uint32_t>(EPOLLOUT));
+    if (wanted == session.interest || session.isClosing) {
+        return;
+    }
+    epoll_event event{};
+    event.events = wanted;
+    event.data.u64 = markOf(session.id);
+    int change = EPOLL_CTL_MOD;
+    if (session.interest == 0) {
+        change = EPOLL_CTL_ADD;
+    } else if (wanted == 0) {
+        change = EPOLL_CTL_DEL;
+    }
+    if (::epoll_ctl(epoll_, change, session.descriptor, &event) == 0) {
+        session.interest = wanted;
+    } else {
+        close(session, KAVRI_CORE_STATUS_OUT_OF_RESOURCES,
+              "the kernel cannot watch the connection");
+    }
+}
+
+Session* Server::find(SessionId id) {
+    if (id.index >= places_.size() || places_[id.index].generation != id.generation) {
+        return nullptr;
+    }
+    return places_[id.index].session.get();
+}
+
+void Server::close(Session& session, kavri_core_status status, std::string_view reason) {
+    if (session.isClosing) {
+        return;
+    }
+    session.isClosing = true;
+    closing_.push_back(&session);
+    if (reason.empty()) {
+        return;  // the peer closed; nobody is there to be told
+    }
+    if (!stopping_) {
+        spdlog::warn("closing the connection of process {} of user {}: {}", session.process,
+                     session.user, reason);
+    }
+    session.outbox.append(goodbyeFrame(status, reason));
+}
+
+void Server::remove(Session& session) {
+    sendSome(session);  // one try to say why
+    router_.forget(session);
+    release(session);
+    std::erase(router_.toWrite(), &session);
+    ::close(session.descriptor);
+    --connections_;
+    --session.account.connections;
+    Place& place = places_[session.id.index];
+    ++place.generation;
+    freePlaces_.push_back(session.id.index);
+    place.session = nullptr;
+}
+
+}  // namespace kavri::broker

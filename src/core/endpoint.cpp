@@ -1,0 +1,328 @@
+// The shared part of initiator and responder; see endpoint.h.
+#include "core/endpoint.h"
+
+#include <algorithm>
+#include <csignal>
+
+#include "core/lifecycle.h"
+#include "interfaces/address.h"
+#include "interfaces/limits.h"
+
+namespace kavri::core {
+
+using interfaces::Field;
+using interfaces::Frame;
+using interfaces::FrameType;
+
+kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* options,
+                               Settings& settings) {
+    if (!isInitialised()) {
+        return KAVRI_CORE_STATUS_NOT_INITIALISED;
+    }
+    kavri_core_ipc_options given{};
+    if (options != nullptr) {
+        const auto* chosen = static_cast<const kavri_core_ipc_options*>(options);
+        if (chosen->sizeBytes < sizeof given) {
+            return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+        }
+        given = *chosen;
+    }
+    settings.log = cookie != nullptr ? cookie->log : std::make_shared<Log>("kavri");
+    if (given.brokerAddress != nullptr && *given.brokerAddress == '\0') {
+        settings.log->warning("the broker's address in the options is empty");
+        return KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID;
+    }
+    settings.address =
+        interfaces::brokerAddress(given.brokerAddress != nullptr ? given.brokerAddress : "");
+    if (const auto error = interfaces::addressError(settings.address)) {
+        settings.log->warning("cannot use the broker's address: " + *error);
+        return KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID;
+    }
+    const auto orDefault = [](unsigned chosen, unsigned otherwise) {
+        return std::chrono::milliseconds(chosen != 0 ? chosen : otherwise);
+    };
+    settings.connectTimeout =
+        orDefault(given.connectTimeoutMs, interfaces::defaultConnectTimeoutMs);
+    settings.sendTimeout = orDefault(given.sendTimeoutMs, interfaces::defaultSendTimeoutMs);
+    return KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+bool isTimeout(int timeout) {
+    return timeout >= -1;
+}
+
+Deadline deadlineAfter(int timeoutMs) {
+    if (timeoutMs < 0) {
+        return std::nullopt;
+    }
+    return Clock::now() + std::chrono::milliseconds(timeoutMs);
+}
+
+kavri_core_status Endpoint::start() {
+    Lock lock = acquire();
+    return connectIfNeeded(lock);
+}
+
+void Endpoint::end() {
+    Lock lock = acquire();
+    ending_ = true;
+    removeCallbacks();
+    announce();
+    if (!thread_.joinable()) {
+        return;
+    }
+    if (isOwnThread()) {
+        thread_.detach();
+        return;
+    }
+    lock.unlock();
+    thread_.join();
+}
+
+kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
+    changed_.wait(lock, [this] { return !connecting_; });
+    if (connection_ != nullptr) {
+        return KAVRI_CORE_STATUS_NO_ERROR;
+    }
+    const Clock::time_point limit = Clock::now() + settings_.connectTimeout;
+    connecting_ = true;
+    lock.unlock();
+    Connection::Opened opened;
+    try {
+        opened = Connection::open(settings_.address, settings_.role, settings_.servedCategory,
+                                  waker_, deadline ? std::min(limit, *deadline) : limit);
+    } catch (...) {
+        opened.status = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
+        opened.reason = "memory or descriptors ran out";
+    }
+    lock.lock();
+    connecting_ = false;
+    if (opened.connection != nullptr) {
+        connection_ = std::move(opened.connection);
+        ++connectionNumber_;
+        connectionMade(lock);
+    } else if (!ending_) {
+        log().info("no connection to the broker at " + settings_.address + ": " + opened.reason);
+    }
+    announce();
+    return opened.status;
+}
+
+kavri_core_status Endpoint::sendFrame(Lock& lock, const Frame& frame) {
+    for (bool firstTry = true;; firstTry = false) {
+        if (const kavri_core_status status = connectIfNeeded(lock);
+            status != KAVRI_CORE_STATUS_NO_ERROR) {
+            return status;
+        }
+        const Pushed pushed = push(lock, frame);
+        // The connection turned out to be dead before anything went over it:
+        // another may be had.
+        const bool again =
+            pushed.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST && pushed.untouched && firstTry;
+        if (!again) {
+            return pushed.status;
+        }
+    }
+}
+
+kavri_core_status Endpoint::sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
+                                          const Frame& frame) {
+    if (connection_ == nullptr || connectionNumber_ != connectionNumber) {
+        return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
+    }
+    return push(lock, frame).status;
+}
+
+Endpoint::Outgoing::Outgoing(const Frame& frame)
+    : header(interfaces::encodeHeader(frame)), pieces(storage.data()), count(storage.size()) {
+    storage[0] = {header.data(), header.size()};
+    for (std::size_t i = 0; i < frame.fields.size(); ++i) {
+        storage[i + 1] = {const_cast<char*>(frame.fields[i].data()), frame.fields[i].size()};
+    }
+}
+
+bool Endpoint::Outgoing::isUntouched() const {
+    return pieces == storage.data() && pieces->iov_base == header.data();
+}
+
+bool Endpoint::Outgoing::isWithin(std::size_t payloadLimitBytes) const {
+    return std::all_of(
+               storage.begin() + 1, storage.end() - 1,
+               [](const iovec& field) { return field.iov_len <= interfaces::fieldLimitBytes; }) &&
+           storage.back().iov_len <= payloadLimitBytes;
+}
+
+Endpoint::Pushed Endpoint::push(Lock& lock, Frame frame) {
+    changed_.wait(lock, [this] { return !sending_; });
+    const std::shared_ptr<Connection> connection = connection_;
+    if (connection == nullptr) {
+        return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, true};
+    }
+    number(frame);
+    Outgoing outgoing(frame);
+    if (!outgoing.isWithin(connection->payloadLimitBytes())) {
+        return {KAVRI_CORE_STATUS_IPC_TOO_LARGE, true};
+    }
+    Connection::Io io = connection->write(outgoing.pieces, outgoing.count);
+    if (io == Connection::Io::wouldBlock) {
+        io = pushBlocked(lock, *connection, outgoing);
+    }
+    if (io == Connection::Io::done) {
+        return {KAVRI_CORE_STATUS_NO_ERROR, false};
+    }
+    const bool untouched = outgoing.isUntouched();
+    if (io == Connection::Io::wouldBlock && untouched) {
+        return {KAVRI_CORE_STATUS_IPC_OVERLOADED, true};
+    }
+    if (connection_ == connection) {
+        lose(io == Connection::Io::lost ? "the broker is gone" : "the broker takes nothing");
+    }
+    return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, untouched};
+}
+
+// The broker takes nothing for now. It may be waiting for this side to take
+// something: so what arrives is read meanwhile.
+Connection::Io Endpoint::pushBlocked(Lock& lock, Connection& connection, Outgoing& outgoing) {
+    const Clock::time_point deadline = Clock::now() + settings_.sendTimeout;
+    sending_ = true;
+    Connection::Io io = Connection::Io::wouldBlock;
+    while (io == Connection::Io::wouldBlock && Clock::now() < deadline) {
+        waitForRoom(lock, connection, deadline);
+        if (connection_.get() != &connection) {
+            io = Connection::Io::lost;
+            break;
+        }
+        io = connection.write(outgoing.pieces, outgoing.count);
+    }
+    sending_ = false;
+    changed_.notify_all();
+    return io;
+}
+
+void Endpoint::waitForRoom(Lock& lock, Connection& connection, Deadline deadline) {
+    const bool reads = mayRead();
+    reading_ = reading_ || reads;
+    lock.unlock();
+    connection.waitToWrite(waker_, reads, deadline);
+    const Connection::Io io = reads ? connection.read() : Connection::Io::wouldBlock;
+    lock.lock();
+    if (reads) {
+        handleInput(connection, io);
+    }
+}
+
+// Whether a thread that waits for something is to read: nobody does yet, and
+// there is room for what comes.
+bool Endpoint::mayRead() const {
+    return !reading_ && heldBytes_ < interfaces::libraryQueueBytes;
+}
+
+void Endpoint::waitForOthers(Lock& lock, Deadline deadline) {
+    if (deadline) {
+        changed_.wait_until(lock, *deadline);
+    } else {
+        changed_.wait(lock);
+    }
+}
+
+void Endpoint::readOnce(Lock& lock, Deadline deadline, bool onlyLook) {
+    const std::shared_ptr<Connection> connection = connection_;
+    reading_ = true;
+    lock.unlock();
+    const Connection::Io io =
+        onlyLook ? connection->read() : connection->waitAndRead(waker_, deadline);
+    lock.lock();
+    handleInput(*connection, io);
+}
+
+// The end of a turn at reading: deals with what came, and lets others read.
+void Endpoint::handleInput(Connection& connection, Connection::Io io) {
+    reading_ = false;
+    if (woken_) {
+        waker_.reset();
+        woken_ = false;
+    }
+    const bool isCurrent = connection_.get() == &connection;
+    if (isCurrent && io == Connection::Io::done) {
+        while (const auto frame = connection.nextFrame()) {
+            if (frame->type == FrameType::goodbye) {
+                log().info("the broker says goodbye: " + std::string((*frame)[Field::payload]));
+            } else {
+                handleFrame(*frame);
+            }
+        }
+    } else if (isCurrent && io == Connection::Io::lost) {
+        lose("the broker closed it");
+    }
+    changed_.notify_all();
+}
+
+void Endpoint::lose(std::string_view reason) {
+    connection_->shutDown();  // whoever waits for it wakes up
+    connection_ = nullptr;
+    log().warning("lost the connection to the broker at " + settings_.address + ": " +
+                  std::string(reason));
+    connectionLost();
+    changed_.notify_all();
+}
+
+void Endpoint::announce() {
+    if (reading_ && !woken_) {
+        woken_ = true;
+        waker_.wake();
+    }
+    changed_.notify_all();
+}
+
+void Endpoint::handedOut(const Message& message) {
+    const bool wasFull = heldBytes_ >= interfaces::libraryQueueBytes;
+    heldBytes_ -= message.bytes();
+    if (wasFull) {
+        changed_.notify_all();
+    }
+}
+
+Message Endpoint::take(std::deque<Message>& queue) {
+    Message message = std::move(queue.front());
+    queue.pop_front();
+    handedOut(message);
+    return message;
+}
+
+// All signals are left to the program's own threads.
+void Endpoint::ensureThread() {
+    if (thread_.joinable()) {
+        return;
+    }
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        thread_ = std::thread([self = shared_from_this()] { self->runThread(); });
+    } catch (...) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        throw;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void Endpoint::runThread() {
+    Lock lock = acquire();
+    std::chrono::milliseconds pause = interfaces::firstReconnectPause;
+    while (!ending_) {
+        if (hasDelivery()) {
+            deliver(lock);
+        } else if (!hasCallback()) {
+            changed_.wait(lock);
+        } else if (connection_ != nullptr) {
+            pause = interfaces::firstReconnectPause;
+            waitUntil(lock, {}, [this] { return ending_ || hasDelivery() || !hasCallback(); });
+        } else if (connectIfNeeded(lock) != KAVRI_CORE_STATUS_NO_ERROR) {
+            changed_.wait_for(lock, pause);
+            pause = std::min(pause * 2, interfaces::lastReconnectPause);
+        }
+    }
+}
+
+}  // namespace kavri::core

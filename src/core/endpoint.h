@@ -1,0 +1,224 @@
+// What an initiator and a responder have in common: a connection that several
+// threads share, that is made again when it is lost, and callbacks.
+//
+// There is one mutex, and two jobs that a thread may have while it holds none:
+// reading (waiting for the socket) and sending (waiting for room in it). Any
+// thread that waits for something to arrive does the reading itself when nobody
+// else does; so a lone caller wakes straight from the kernel. Whoever reads
+// handles all that has arrived, and tells the others.
+//
+// The endpoint's own thread exists from the first installation of a callback to
+// the end. While a callback is installed it reads like any other thread that
+// waits, calls the callbacks, and connects again after a loss; otherwise it
+// sleeps.
+#ifndef KAVRI_CORE_ENDPOINT_H
+#define KAVRI_CORE_ENDPOINT_H
+
+#include <array>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "core/connection.h"
+#include "core/logging.h"
+#include "core/message.h"
+#include "interfaces/frame.h"
+#include "kavri/ipc.h"
+
+namespace kavri::core {
+
+// How an endpoint reaches its broker.
+struct Settings {
+    std::string address;
+    std::string role;
+    std::string servedCategory;  // of a responder
+    std::chrono::milliseconds connectTimeout{};
+    std::chrono::milliseconds sendTimeout{};
+    std::shared_ptr<Log> log;
+};
+
+// Reads what a caller of an init function gave. The status is NO_ERROR, or why
+// it cannot be used.
+kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* options,
+                               Settings& settings);
+
+// 0 and above in milliseconds, -1 without limit; nothing else.
+bool isTimeout(int timeout);
+Deadline deadlineAfter(int timeoutMs);
+
+// A callback, and how often it was begun and ended: whoever replaces it waits
+// until what was begun before has ended.
+template <typename Function>
+struct CallbackSlot {
+    Function function = nullptr;
+    void* context = nullptr;
+    std::uint64_t begun = 0;
+    std::uint64_t ended = 0;
+
+    bool isInstalled() const { return function != nullptr; }
+};
+
+class Endpoint : public std::enable_shared_from_this<Endpoint> {
+  public:
+    explicit Endpoint(Settings settings) : settings_(std::move(settings)) {}
+    Endpoint(const Endpoint&) = delete;
+    Endpoint& operator=(const Endpoint&) = delete;
+    virtual ~Endpoint() = default;
+
+    // Connects for the first time.
+    kavri_core_status start();
+
+    // Removes the callbacks and ends the thread; from within a callback, the
+    // thread ends when that returns.
+    void end();
+
+  protected:
+    using Lock = std::unique_lock<std::mutex>;
+    enum class Wait { ready, timedOut, lost };
+
+    // Each is called with the lock held.
+    virtual void handleFrame(const interfaces::Frame& frame) = 0;
+    // The frame is the next to be written; no other will be numbered before it is.
+    virtual void number(interfaces::Frame&) {}
+    virtual void connectionMade(Lock& lock) = 0;
+    virtual void connectionLost() = 0;
+    virtual bool hasCallback() const = 0;
+    virtual void removeCallbacks() = 0;
+    // Whether something waits for a callback that is installed.
+    virtual bool hasDelivery() const = 0;
+    // Calls the callback for it, without the lock.
+    virtual void deliver(Lock& lock) = 0;
+
+    Lock acquire() { return Lock(mutex_); }
+    std::chrono::milliseconds sendTimeout() const { return settings_.sendTimeout; }
+    Log& log() { return *settings_.log; }
+    bool isConnected() const { return connection_ != nullptr; }
+    // Tells one connection from those before.
+    std::uint64_t connectionNumber() const { return connectionNumber_; }
+
+    // Waits until `ready()`, the time is over, or there is no connection, or no
+    // longer the one there was.
+    template <typename Ready>
+    Wait waitUntil(Lock& lock, Deadline deadline, const Ready& ready);
+
+    kavri_core_status connectIfNeeded(Lock& lock, Deadline deadline = {});
+
+    // Puts the frame into the socket. Connects before, where needed, unless the
+    // frame belongs to one connection alone.
+    kavri_core_status sendFrame(Lock& lock, const interfaces::Frame& frame);
+    kavri_core_status sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
+                                    const interfaces::Frame& frame);
+
+    // Something changed that others may wait for.
+    void announce();
+
+    // What the endpoint holds for those who have not received it yet.
+    void held(const Message& message) { heldBytes_ += message.bytes(); }
+    void handedOut(const Message& message);
+    // The next message of a queue, handed out.
+    Message take(std::deque<Message>& queue);
+
+    template <typename Function>
+    void install(Lock& lock, CallbackSlot<Function>& slot, Function function, void* context);
+    template <typename Function, typename Call>
+    void invoke(Lock& lock, CallbackSlot<Function>& slot, const Call& call);
+
+  private:
+    void waitForOthers(Lock& lock, Deadline deadline);
+    void readOnce(Lock& lock, Deadline deadline, bool onlyLook);
+    void handleInput(Connection& connection, Connection::Io io);
+    // A frame on its way into the socket.
+    struct Outgoing {
+        interfaces::Header header;
+        std::array<iovec, 1 + interfaces::fieldCount> storage;
+        iovec* pieces;
+        std::size_t count;
+
+        explicit Outgoing(const interfaces::Frame& frame);
+        bool isUntouched() const;
+        bool isWithin(std::size_t payloadLimitBytes) const;
+    };
+    // What a try came to, and whether not a byte of the frame went out.
+    struct Pushed {
+        kavri_core_status status;
+        bool untouched;
+    };
+    Pushed push(Lock& lock, interfaces::Frame frame);
+    Connection::Io pushBlocked(Lock& lock, Connection& connection, Outgoing& outgoing);
+    void waitForRoom(Lock& lock, Connection& connection, Deadline deadline);
+    void lose(std::string_view reason);
+    bool mayRead() const;
+    bool isOwnThread() const { return thread_.get_id() == std::this_thread::get_id(); }
+    void ensureThread();
+    void runThread();
+
+    const Settings settings_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::shared_ptr<Connection> connection_;
+    std::uint64_t connectionNumber_ = 0;
+    Waker waker_;
+    std::size_t heldBytes_ = 0;
+    bool reading_ = false;
+    bool sending_ = false;
+    bool connecting_ = false;
+    bool woken_ = false;
+    bool ending_ = false;
+    std::thread thread_;
+};
+
+template <typename Ready>
+Endpoint::Wait Endpoint::waitUntil(Lock& lock, Deadline deadline, const Ready& ready) {
+    const std::uint64_t number = connectionNumber_;
+    while (true) {
+        if (ready()) {
+            return Wait::ready;
+        }
+        if (connection_ == nullptr || connectionNumber_ != number) {
+            return Wait::lost;
+        }
+        const bool expired = deadline && Clock::now() >= *deadline;
+        if (mayRead()) {
+            readOnce(lock, deadline, expired);
+        }
+        if (expired) {
+            return ready() ? Wait::ready : Wait::timedOut;
+        }
+        if (!mayRead() && !ready()) {
+            waitForOthers(lock, deadline);
+        }
+    }
+}
+
+template <typename Function>
+void Endpoint::install(Lock& lock, CallbackSlot<Function>& slot, Function function, void* context) {
+    if (function != nullptr) {
+        ensureThread();
+    }
+    slot.function = function;
+    slot.context = context;
+    announce();
+    if (!isOwnThread()) {
+        const std::uint64_t begunBefore = slot.begun;
+        changed_.wait(lock, [&] { return slot.ended >= begunBefore; });
+    }
+}
+
+template <typename Function, typename Call>
+void Endpoint::invoke(Lock& lock, CallbackSlot<Function>& slot, const Call& call) {
+    const Function function = slot.function;
+    void* const context = slot.context;
+    ++slot.begun;
+    lock.unlock();
+    call(function, context);
+    lock.lock();
+    ++slot.ended;
+    changed_.notify_all();
+}
+
+}  // namespace kavri::core
+
+#endif

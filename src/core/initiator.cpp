@@ -1,0 +1,225 @@
+// The initiator; see initiator.h.
+#include "core/initiator.h"
+
+#include <utility>
+
+namespace kavri::core {
+
+using interfaces::Field;
+using interfaces::Frame;
+using interfaces::FrameType;
+
+kavri_core_status Initiator::send(Frame request) {
+    Lock lock = acquire();
+    request.type = FrameType::request;
+    const kavri_core_status status = sendFrame(lock, request);
+    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+        open_.add();
+    }
+    return status;
+}
+
+void Initiator::number(Frame& frame) {
+    if (frame.type == FrameType::request) {
+        frame.token = open_.nextToken();
+    }
+}
+
+kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
+    Lock lock = acquire();
+    const Deadline deadline = deadlineAfter(timeoutMs);
+    while (true) {
+        const bool wasConnected = isConnected();
+        const Wait wait = waitUntil(lock, deadline, [this] {
+            return responseCallback_.isInstalled() || !responses_.empty() ||
+                   open_.hasFailureToTell();
+        });
+        if (responseCallback_.isInstalled()) {
+            return KAVRI_CORE_STATUS_IPC_FAILED;
+        }
+        if (!responses_.empty()) {
+            fields = take(responses_).release();
+            return KAVRI_CORE_STATUS_NO_ERROR;
+        }
+        if (open_.hasFailureToTell()) {
+            return open_.takeFailure();
+        }
+        if (wait == Wait::timedOut) {
+            return KAVRI_CORE_STATUS_IPC_NO_MESSAGE;
+        }
+        if (wasConnected) {
+            return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
+        }
+        if (timeoutMs == 0 || connectIfNeeded(lock, deadline) != KAVRI_CORE_STATUS_NO_ERROR) {
+            return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
+        }
+    }
+}
+
+kavri_core_status Initiator::setResponseCallback(
+    kavri_core_ipc_initiator_response_callback callback, void* context) {
+    Lock lock = acquire();
+    install(lock, responseCallback_, callback, context);
+    return KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+kavri_core_status Initiator::setEventCallback(kavri_core_ipc_initiator_event_callback callback,
+                                              void* context) {
+    Lock lock = acquire();
+    install(lock, eventCallback_, callback, context);
+    if (!eventCallback_.isInstalled()) {
+        dropEvents(nullptr);
+    }
+    return KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+kavri_core_status Initiator::subscribe(const std::string& category) {
+    Lock lock = acquire();
+    return ask(lock, FrameType::subscribe, category);
+}
+
+// Over in this library from now on, whatever the broker comes to say.
+kavri_core_status Initiator::unsubscribe(const std::string& category) {
+    Lock lock = acquire();
+    subscriptions_.erase(category);
+    dropEvents(&category);
+    return ask(lock, FrameType::unsubscribe, category);
+}
+
+Frame Initiator::question(FrameType type, const std::string& category, bool awaited) {
+    Frame frame;
+    frame.type = type;
+    frame.token = ++lastQuestion_;
+    frame[Field::category] = category;
+    questions_.emplace(frame.token, Question{type, category, awaited, std::nullopt});
+    return frame;
+}
+
+kavri_core_status Initiator::ask(Lock& lock, FrameType type, const std::string& category) {
+    const Frame frame = question(type, category, true);
+    const Question& asked = questions_.at(frame.token);
+    kavri_core_status status = sendFrame(lock, frame);
+    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+        const Wait wait = waitUntil(lock, Clock::now() + sendTimeout(),
+                                    [&asked] { return asked.answer.has_value(); });
+        status = wait == Wait::ready  ? *asked.answer
+                 : wait == Wait::lost ? KAVRI_CORE_STATUS_IPC_CONNECTION_LOST
+                                      : KAVRI_CORE_STATUS_IPC_OVERLOADED;
+    }
+    questions_.erase(frame.token);
+    return status;
+}
+
+void Initiator::connectionMade(Lock& lock) {
+    const std::set<std::string, std::less<>> restored = subscriptions_;
+    for (const std::string& category : restored) {
+        sendFrame(lock, question(FrameType::subscribe, category, false));
+    }
+}
+
+void Initiator::connectionLost() {
+    open_.failAll(KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    std::erase_if(questions_, [](const auto& entry) { return !entry.second.awaited; });
+}
+
+void Initiator::handleFrame(const Frame& frame) {
+    switch (frame.type) {
+        case FrameType::response:
+            handleResponse(frame);
+            break;
+        case FrameType::completion:
+            open_.close(frame.token);
+            break;
+        case FrameType::notice:
+            open_.fail(frame.token, static_cast<kavri_core_status>(frame.status));
+            break;
+        case FrameType::event:
+            handleEvent(frame);
+            break;
+        case FrameType::acknowledgement:
+            handleAcknowledgement(frame);
+            break;
+        default:
+            break;  // of no concern to an initiator
+    }
+}
+
+// A response to nothing that is open would be a second one.
+void Initiator::handleResponse(const Frame& frame) {
+    if (!open_.close(frame.token)) {
+        log().warning("dropped a response to a request that is not open");
+        return;
+    }
+    responses_.emplace_back(frame);
+    held(responses_.back());
+}
+
+void Initiator::handleEvent(const Frame& frame) {
+    if (eventCallback_.isInstalled() && subscriptions_.contains(frame[Field::category])) {
+        events_.emplace_back(frame);
+        held(events_.back());
+    }
+}
+
+// In effect before the next frame is looked at: events may follow right behind.
+void Initiator::handleAcknowledgement(const Frame& frame) {
+    const auto found = questions_.find(frame.token);
+    if (found == questions_.end()) {
+        return;
+    }
+    Question& asked = found->second;
+    asked.answer = static_cast<kavri_core_status>(frame.status);
+    if (asked.type == FrameType::subscribe) {
+        if (*asked.answer == KAVRI_CORE_STATUS_NO_ERROR) {
+            subscriptions_.insert(asked.category);
+        } else {
+            subscriptions_.erase(asked.category);
+            log().warning("subscription to \"" + asked.category +
+                          "\" failed: " + kavri_core_status_text(*asked.answer));
+        }
+    }
+    if (!asked.awaited) {
+        questions_.erase(found);
+    }
+}
+
+// Of one category, or all.
+void Initiator::dropEvents(const std::string* ofCategory) {
+    std::erase_if(events_, [this, ofCategory](const Message& event) {
+        const bool dropped = ofCategory == nullptr || event.category() == *ofCategory;
+        if (dropped) {
+            handedOut(event);
+        }
+        return dropped;
+    });
+}
+
+bool Initiator::hasCallback() const {
+    return responseCallback_.isInstalled() || eventCallback_.isInstalled();
+}
+
+void Initiator::removeCallbacks() {
+    responseCallback_.function = nullptr;
+    eventCallback_.function = nullptr;
+}
+
+bool Initiator::hasDelivery() const {
+    return (responseCallback_.isInstalled() && !responses_.empty()) ||
+           (eventCallback_.isInstalled() && !events_.empty());
+}
+
+void Initiator::deliver(Lock& lock) {
+    if (responseCallback_.isInstalled() && !responses_.empty()) {
+        Message::Fields fields = take(responses_).release();
+        invoke(lock, responseCallback_, [&fields](auto* callback, void* context) {
+            callback(&fields[0], &fields[1], &fields[2], &fields[3], context);
+        });
+    } else {
+        Message::Fields fields = take(events_).release();
+        invoke(lock, eventCallback_, [&fields](auto* callback, void* context) {
+            callback(&fields[0], &fields[1], &fields[3], context);  // an event has no uuid
+        });
+    }
+}
+
+}  // namespace kavri::core

@@ -1,0 +1,70 @@
+// The initiator: requests out, responses and events in.
+#ifndef KAVRI_CORE_INITIATOR_H
+#define KAVRI_CORE_INITIATOR_H
+
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "core/endpoint.h"
+#include "core/open_requests.h"
+
+namespace kavri::core {
+
+class Initiator : public Endpoint {
+  public:
+    using Endpoint::Endpoint;
+
+    kavri_core_status send(interfaces::Frame request);
+    // Stores the four strings of the next response.
+    kavri_core_status receive(int timeoutMs, Message::Fields& fields);
+    kavri_core_status setResponseCallback(kavri_core_ipc_initiator_response_callback callback,
+                                          void* context);
+
+    kavri_core_status subscribe(const std::string& category);
+    kavri_core_status unsubscribe(const std::string& category);
+    kavri_core_status setEventCallback(kavri_core_ipc_initiator_event_callback callback,
+                                       void* context);
+
+  private:
+    void handleFrame(const interfaces::Frame& frame) override;
+    void connectionMade(Lock& lock) override;
+    void connectionLost() override;
+    bool hasCallback() const override;
+    void removeCallbacks() override;
+    bool hasDelivery() const override;
+    void deliver(Lock& lock) override;
+
+    void number(interfaces::Frame& frame) override;
+    void handleResponse(const interfaces::Frame& frame);
+    void handleEvent(const interfaces::Frame& frame);
+    void handleAcknowledgement(const interfaces::Frame& frame);
+    void dropEvents(const std::string* ofCategory);
+    interfaces::Frame question(interfaces::FrameType type, const std::string& category,
+                               bool awaited);
+    kavri_core_status ask(Lock& lock, interfaces::FrameType type, const std::string& category);
+
+    OpenRequests open_;
+    std::deque<Message> responses_;
+    CallbackSlot<kavri_core_ipc_initiator_response_callback> responseCallback_;
+
+    std::set<std::string, std::less<>> subscriptions_;
+    std::deque<Message> events_;
+    CallbackSlot<kavri_core_ipc_initiator_event_callback> eventCallback_;
+
+    // What the broker was asked and has not acknowledged, by token.
+    struct Question {
+        interfaces::FrameType type;
+        std::string category;
+        bool awaited;  // a call waits for the answer, and removes the question
+        std::optional<kavri_core_status> answer;
+    };
+    std::map<std::uint64_t, Question> questions_;
+    std::uint64_t lastQuestion_ = 0;
+};
+
+}  // namespace kavri::core
+
+#endif

@@ -1,0 +1,111 @@
+// The C functions of the initiator: arguments checked, work handed on.
+#include "core/initiator.h"
+#include "core/shim.h"
+
+// The handle: the endpoint's thread may hold the initiator a moment longer.
+struct kavri_core_ipc_initiator {
+    std::shared_ptr<kavri::core::Initiator> initiator;
+};
+
+using kavri::core::anyNull;
+using kavri::core::guarded;
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie,
+                                                             void* options,
+                                                             kavri_core_ipc_initiator** initiator) {
+    if (initiator == nullptr) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    *initiator = nullptr;
+    return guarded([&] {
+        kavri::core::Settings settings;
+        settings.role = "initiator";
+        kavri_core_status status = kavri::core::readSettings(cookie, options, settings);
+        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+            auto made = std::make_shared<kavri::core::Initiator>(std::move(settings));
+            status = made->start();
+            if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+                *initiator = new kavri_core_ipc_initiator{std::move(made)};
+            }
+        }
+        return status;
+    });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator) {
+    if (initiator == nullptr) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] {
+        initiator->initiator->end();
+        delete initiator;
+        return KAVRI_CORE_STATUS_NO_ERROR;
+    });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send(
+    kavri_core_ipc_initiator* initiator, const char* targetCategory, const char* targetIdentifier,
+    const char* uuid, const char* payload) {
+    if (anyNull(initiator) || anyNull(targetCategory, targetIdentifier, uuid, payload)) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] {
+        kavri::interfaces::Frame request;
+        request.fields = {targetCategory, targetIdentifier, uuid, payload};
+        return initiator->initiator->send(request);
+    });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive(
+    kavri_core_ipc_initiator* initiator, int timeout, char** targetCategory,
+    char** targetIdentifier, char** uuid, char** payload) {
+    if (anyNull(initiator) || anyNull(targetCategory, targetIdentifier, uuid, payload) ||
+        !kavri::core::isTimeout(timeout)) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] {
+        kavri::core::Message::Fields fields{};
+        const kavri_core_status status = initiator->initiator->receive(timeout, fields);
+        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+            *targetCategory = fields[0];
+            *targetIdentifier = fields[1];
+            *uuid = fields[2];
+            *payload = fields[3];
+        }
+        return status;
+    });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive_callback(
+    kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_response_callback callback,
+    void* context) {
+    if (initiator == nullptr || (callback == nullptr && context != nullptr)) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] { return initiator->initiator->setResponseCallback(callback, context); });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_subscribe(
+    kavri_core_ipc_initiator* initiator, const char* category) {
+    if (anyNull(initiator) || anyNull(category) || *category == '\0') {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] { return initiator->initiator->subscribe(category); });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(
+    kavri_core_ipc_initiator* initiator, const char* category) {
+    if (anyNull(initiator) || anyNull(category) || *category == '\0') {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] { return initiator->initiator->unsubscribe(category); });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
+    kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_event_callback callback,
+    void* context) {
+    if (initiator == nullptr || (callback == nullptr && context != nullptr)) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] { return initiator->initiator->setEventCallback(callback, context); });
+}

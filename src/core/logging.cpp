@@ -1,0 +1,49 @@
+// The library's log lines; see logging.h.
+#include "core/logging.h"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/stdout_sinks.h>
+
+#include <cstdlib>
+
+namespace kavri::core {
+
+namespace {
+
+constexpr std::size_t longestName = 255;
+
+spdlog::level::level_enum chosenLevel() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): read only; the library never writes the environment.
+    const char* chosen = std::getenv("KAVRI_LOG");
+    if (chosen == nullptr) {
+        return spdlog::level::warn;
+    }
+    const spdlog::level::level_enum level = spdlog::level::from_str(chosen);
+    // An unknown name reads as "off" there; silence must have been asked for.
+    const bool isKnown = level != spdlog::level::off || std::string_view(chosen) == "off";
+    return isKnown ? level : spdlog::level::warn;
+}
+
+}  // namespace
+
+struct Log::Sink {
+    explicit Sink(std::string_view name)
+        : logger(std::string(name.substr(0, longestName)),
+                 std::make_shared<spdlog::sinks::stderr_sink_mt>()) {
+        logger.set_pattern("%n: %l: %v");
+        logger.set_level(chosenLevel());
+    }
+    spdlog::logger logger;
+};
+
+Log::Log(std::string_view name) : sink_(std::make_unique<Sink>(name)) {}
+Log::~Log() = default;
+
+void Log::warning(std::string_view text) noexcept {
+    sink_->logger.warn(text);
+}
+void Log::info(std::string_view text) noexcept {
+    sink_->logger.info(text);
+}
+
+}  // namespace kavri::core

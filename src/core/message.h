@@ -1,0 +1,70 @@
+// A message as the library hands it out: up to four strings allocated one by
+// one with malloc, so that whoever receives them may free each.
+#ifndef KAVRI_CORE_MESSAGE_H
+#define KAVRI_CORE_MESSAGE_H
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <utility>
+
+#include "interfaces/frame.h"
+
+namespace kavri::core {
+
+class Message {
+  public:
+    using Fields = std::array<char*, interfaces::fieldCount>;
+
+    // Copies the fields of a frame; an absent one becomes null.
+    explicit Message(const interfaces::Frame& frame) : token_(frame.token) {
+        for (std::size_t i = 0; i < fields_.size(); ++i) {
+            fields_[i] = copyOf(frame.fields[i]);
+            bytes_ += frame.fields[i].size();
+        }
+    }
+    Message(Message&& other) noexcept
+        : fields_(std::exchange(other.fields_, {})), token_(other.token_), bytes_(other.bytes_) {}
+    Message& operator=(Message&& other) noexcept {
+        std::swap(fields_, other.fields_);
+        std::swap(token_, other.token_);
+        std::swap(bytes_, other.bytes_);
+        return *this;
+    }
+    ~Message() {
+        for (char* field : fields_) {
+            std::free(field);
+        }
+    }
+
+    std::uint64_t token() const { return token_; }
+    std::size_t bytes() const { return bytes_; }
+    std::string_view category() const { return fields_[0]; }
+
+    // The strings, which are the caller's from now on.
+    Fields release() { return std::exchange(fields_, {}); }
+
+  private:
+    static char* copyOf(std::string_view text) {
+        if (text.data() == nullptr) {
+            return nullptr;
+        }
+        auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
+        if (copy == nullptr) {
+            throw std::bad_alloc();
+        }
+        std::memcpy(copy, text.data(), text.size());
+        copy[text.size()] = '\0';
+        return copy;
+    }
+
+    Fields fields_{};
+    std::uint64_t token_;
+    std::size_t bytes_ = 0;
+};
+
+}  // namespace kavri::core
+
+#endif

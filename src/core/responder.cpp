@@ -1,0 +1,86 @@
+// The responder; see responder.h.
+#include "core/responder.h"
+
+namespace kavri::core {
+
+using interfaces::Field;
+using interfaces::Frame;
+using interfaces::FrameType;
+
+kavri_core_status Responder::receive(int timeoutMs, kavri_core_ipc_request& request,
+                                     Message::Fields& fields) {
+    Lock lock = acquire();
+    const Deadline deadline = deadlineAfter(timeoutMs);
+    while (true) {
+        const bool wasConnected = isConnected();
+        const Wait wait = waitUntil(
+            lock, deadline, [this] { return callback_.isInstalled() || !requests_.empty(); });
+        if (callback_.isInstalled()) {
+            return KAVRI_CORE_STATUS_IPC_FAILED;
+        }
+        if (!requests_.empty()) {
+            request = nameOf(requests_.front());
+            fields = take(requests_).release();
+            return KAVRI_CORE_STATUS_NO_ERROR;
+        }
+        if (wait == Wait::timedOut) {
+            return KAVRI_CORE_STATUS_IPC_NO_MESSAGE;
+        }
+        if (wasConnected) {
+            return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
+        }
+        if (timeoutMs == 0) {
+            return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
+        }
+        if (const kavri_core_status status = connectIfNeeded(lock, deadline);
+            status != KAVRI_CORE_STATUS_NO_ERROR) {
+            return status;
+        }
+    }
+}
+
+kavri_core_status Responder::setRequestCallback(kavri_core_ipc_responder_request_callback callback,
+                                                void* context) {
+    Lock lock = acquire();
+    install(lock, callback_, callback, context);
+    return KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+kavri_core_status Responder::finish(kavri_core_ipc_request request, Frame frame) {
+    Lock lock = acquire();
+    frame.token = request.token;
+    return sendFrameOver(lock, request.connection, frame);
+}
+
+kavri_core_status Responder::publish(Frame event) {
+    if (event[Field::category] != servedCategory_) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    Lock lock = acquire();
+    event.type = FrameType::publish;
+    return sendFrame(lock, event);
+}
+
+void Responder::handleFrame(const Frame& frame) {
+    if (frame.type == FrameType::request) {
+        requests_.emplace_back(frame);
+        held(requests_.back());
+    }
+}
+
+// Nobody waits for the answers to these any more.
+void Responder::connectionLost() {
+    while (!requests_.empty()) {
+        take(requests_);
+    }
+}
+
+void Responder::deliver(Lock& lock) {
+    const kavri_core_ipc_request request = nameOf(requests_.front());
+    Message::Fields fields = take(requests_).release();
+    invoke(lock, callback_, [&](auto* callback, void* context) {
+        callback(request, &fields[0], &fields[1], &fields[2], &fields[3], context);
+    });
+}
+
+}  // namespace kavri::core

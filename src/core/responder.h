@@ -1,0 +1,46 @@
+// The responder: requests in, responses and events out.
+#ifndef KAVRI_CORE_RESPONDER_H
+#define KAVRI_CORE_RESPONDER_H
+
+#include <deque>
+#include <string>
+
+#include "core/endpoint.h"
+
+namespace kavri::core {
+
+class Responder : public Endpoint {
+  public:
+    explicit Responder(Settings settings)
+        : Endpoint(settings), servedCategory_(std::move(settings.servedCategory)) {}
+
+    kavri_core_status receive(int timeoutMs, kavri_core_ipc_request& request,
+                              Message::Fields& fields);
+    kavri_core_status setRequestCallback(kavri_core_ipc_responder_request_callback callback,
+                                         void* context);
+    // A response, or the end of the request without one.
+    kavri_core_status finish(kavri_core_ipc_request request, interfaces::Frame frame);
+    kavri_core_status publish(interfaces::Frame event);
+
+  private:
+    void handleFrame(const interfaces::Frame& frame) override;
+    void connectionMade(Lock&) override {}
+    void connectionLost() override;
+    bool hasCallback() const override { return callback_.isInstalled(); }
+    void removeCallbacks() override { callback_.function = nullptr; }
+    bool hasDelivery() const override { return hasCallback() && !requests_.empty(); }
+    void deliver(Lock& lock) override;
+
+    // All that is queued came over the connection that there is now.
+    kavri_core_ipc_request nameOf(const Message& request) const {
+        return {request.token(), connectionNumber()};
+    }
+
+    const std::string servedCategory_;
+    std::deque<Message> requests_;
+    CallbackSlot<kavri_core_ipc_responder_request_callback> callback_;
+};
+
+}  // namespace kavri::core
+
+#endif

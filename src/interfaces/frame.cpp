@@ -1,0 +1,217 @@
+// Frames to bytes and back; see frame.h for the layout.
+#include "interfaces/frame.h"
+
+#include <cstring>
+#include <type_traits>
+
+#include "interfaces/limits.h"
+
+namespace kavri::interfaces {
+
+namespace {
+
+constexpr std::size_t typeOffset = 4;
+constexpr std::size_t presentOffset = 5;
+constexpr std::size_t statusOffset = 6;
+constexpr std::size_t tokenOffset = 8;
+constexpr std::size_t lengthsOffset = 16;
+constexpr std::size_t lengthWidth = 4;
+
+// Bytes are put together one by one: the compiler makes single moves of it on
+// little-endian machines, and it is right on all others.
+template <typename Integer>
+Integer load(const char* bytes) {
+    Integer value = 0;
+    for (std::size_t i = 0; i < sizeof(Integer); ++i) {
+        const auto byte = static_cast<unsigned char>(bytes[i]);
+        value = static_cast<Integer>(value | (static_cast<Integer>(byte) << (8 * i)));
+    }
+    return value;
+}
+
+template <typename Integer>
+void store(char* bytes, Integer value) {
+    for (std::size_t i = 0; i < sizeof(Integer); ++i) {
+        bytes[i] = static_cast<char>(static_cast<unsigned char>(value >> (8 * i)));
+    }
+}
+
+constexpr std::uint8_t bit(Field field) {
+    return static_cast<std::uint8_t>(1U << static_cast<unsigned>(field));
+}
+
+struct TypeRule {
+    std::uint8_t required = 0;
+    std::uint8_t allowed = 0;
+    std::string_view name;
+};
+
+// Which fields a frame of each type must and may have, by the type's number.
+constexpr std::array<TypeRule, 16> rules = [] {
+    constexpr std::uint8_t category = bit(Field::category);
+    constexpr std::uint8_t identifier = bit(Field::identifier);
+    constexpr std::uint8_t uuid = bit(Field::uuid);
+    constexpr std::uint8_t payload = bit(Field::payload);
+    constexpr std::uint8_t all = category | identifier | uuid | payload;
+    constexpr std::uint8_t eventFields = category | identifier | payload;
+    std::array<TypeRule, 16> table{};
+    auto rule = [&table](FrameType type, std::uint8_t required, std::uint8_t allowed,
+                         std::string_view name) {
+        table[static_cast<std::size_t>(type)] = {required, allowed, name};
+    };
+    rule(FrameType::hello, identifier, identifier, "hello");
+    rule(FrameType::welcome, uuid | payload, uuid | payload, "welcome");
+    rule(FrameType::request, all, all, "request");
+    rule(FrameType::response, category | identifier | uuid, all, "response");
+    rule(FrameType::completion, 0, 0, "completion");
+    rule(FrameType::event, eventFields, eventFields, "event");
+    rule(FrameType::publish, eventFields, eventFields, "publish");
+    rule(FrameType::subscribe, category, category, "subscribe");
+    rule(FrameType::unsubscribe, category, category, "unsubscribe");
+    rule(FrameType::registration, category, category, "registration");
+    rule(FrameType::acknowledgement, 0, 0, "acknowledgement");
+    rule(FrameType::notice, 0, 0, "notice");
+    rule(FrameType::ping, 0, 0, "ping");
+    rule(FrameType::pong, 0, 0, "pong");
+    rule(FrameType::goodbye, payload, payload, "goodbye");
+    return table;
+}();
+
+const TypeRule* ruleOf(std::uint8_t type) {
+    return type < rules.size() && !rules[type].name.empty() ? &rules[type] : nullptr;
+}
+
+std::uint32_t fieldLength(const char* bytes, std::size_t index) {
+    return load<std::uint32_t>(bytes + lengthsOffset + index * lengthWidth);
+}
+
+std::optional<FrameError> checkFields(const char* bytes, std::size_t payloadLimitBytes) {
+    const auto present = static_cast<std::uint8_t>(bytes[presentOffset]);
+    std::uint64_t total = headerBytes;
+    for (std::size_t i = 0; i < fieldCount; ++i) {
+        const std::uint32_t length = fieldLength(bytes, i);
+        if (length != 0 && (present & (1U << i)) == 0) {
+            return FrameError::lengthMismatch;
+        }
+        if (static_cast<Field>(i) == Field::payload) {
+            if (length > payloadLimitBytes) {
+                return FrameError::payloadTooLong;
+            }
+        } else if (length > fieldLimitBytes) {
+            return FrameError::fieldTooLong;
+        }
+        total += length;
+    }
+    if (total != load<std::uint32_t>(bytes)) {
+        return FrameError::lengthMismatch;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string_view errorText(FrameError error) {
+    switch (error) {
+        case FrameError::lengthMismatch:
+            return "the lengths in the header contradict each other";
+        case FrameError::unknownType:
+            return "unknown frame type";
+        case FrameError::fieldMissing:
+            return "a field that this type must have is missing";
+        case FrameError::fieldUnexpected:
+            return "a field that this type does not have is present";
+        case FrameError::fieldTooLong:
+            return "a category, identifier or uuid is above 64 KiB";
+        case FrameError::payloadTooLong:
+            return "the payload is above the limit of this connection";
+        case FrameError::nulInField:
+            return "a field has a NUL byte in it";
+    }
+    return "malformed";
+}
+
+std::string_view typeName(FrameType type) {
+    const TypeRule* rule = ruleOf(static_cast<std::uint8_t>(type));
+    return rule == nullptr ? std::string_view("unknown") : rule->name;
+}
+
+Measured measure(const char* bytes, std::size_t payloadLimitBytes) {
+    const TypeRule* rule = ruleOf(static_cast<std::uint8_t>(bytes[typeOffset]));
+    if (rule == nullptr) {
+        return {0, FrameError::unknownType};
+    }
+    const auto present = static_cast<std::uint8_t>(bytes[presentOffset]);
+    if ((present & rule->required) != rule->required) {
+        return {0, FrameError::fieldMissing};
+    }
+    if ((present & ~rule->allowed) != 0) {
+        return {0, FrameError::fieldUnexpected};
+    }
+    if (auto error = checkFields(bytes, payloadLimitBytes)) {
+        return {0, error};
+    }
+    return {load<std::uint32_t>(bytes), std::nullopt};
+}
+
+std::optional<Frame> decode(const char* bytes) {
+    const std::size_t length = load<std::uint32_t>(bytes);
+    if (std::memchr(bytes + headerBytes, '\0', length - headerBytes) != nullptr) {
+        return std::nullopt;
+    }
+    Frame frame;
+    frame.type = static_cast<FrameType>(bytes[typeOffset]);
+    frame.status = load<std::uint16_t>(bytes + statusOffset);
+    frame.token = load<std::uint64_t>(bytes + tokenOffset);
+    const auto present = static_cast<std::uint8_t>(bytes[presentOffset]);
+    const char* field = bytes + headerBytes;
+    for (std::size_t i = 0; i < fieldCount; ++i) {
+        if ((present & (1U << i)) != 0) {
+            frame.fields[i] = std::string_view(field, fieldLength(bytes, i));
+            field += frame.fields[i].size();
+        }
+    }
+    return frame;
+}
+
+std::size_t encodedBytes(const Frame& frame) {
+    std::size_t total = headerBytes;
+    for (const std::string_view& field : frame.fields) {
+        total += field.size();
+    }
+    return total;
+}
+
+Header encodeHeader(const Frame& frame) {
+    Header header{};
+    std::uint8_t present = 0;
+    for (std::size_t i = 0; i < fieldCount; ++i) {
+        const std::string_view field = frame.fields[i];
+        present = static_cast<std::uint8_t>(present | ((field.data() != nullptr ? 1U : 0U) << i));
+        store(header.data() + lengthsOffset + i * lengthWidth,
+              static_cast<std::uint32_t>(field.size()));
+    }
+    store(header.data(), static_cast<std::uint32_t>(encodedBytes(frame)));
+    header[typeOffset] = static_cast<char>(frame.type);
+    header[presentOffset] = static_cast<char>(present);
+    store(header.data() + statusOffset, frame.status);
+    store(header.data() + tokenOffset, frame.token);
+    return header;
+}
+
+void appendEncoded(const Frame& frame, std::string& bytes) {
+    const Header header = encodeHeader(frame);
+    bytes.append(header.data(), header.size());
+    for (const std::string_view& field : frame.fields) {
+        bytes.append(field);
+    }
+}
+
+void replaceToken(char* frameBytes, std::uint64_t token) {
+    store(frameBytes + tokenOffset, token);
+}
+
+void replaceType(char* frameBytes, FrameType type) {
+    frameBytes[typeOffset] = static_cast<char>(type);
+}
+
+}  // namespace kavri::interfaces

@@ -1,0 +1,119 @@
+// Frames: the unit of everything that crosses a connection, from bytes to
+// values and back. No I/O and no state.
+//
+// A frame is a header of 32 bytes, little-endian, and up to four fields behind
+// it, in this order and without separators:
+//
+//     offset  bytes
+//          0      4  length of the whole frame, header included
+//          4      1  type
+//          5      1  which fields are present: bit 0 category, 1 identifier,
+//                    2 uuid, 3 payload
+//          6      2  status, a kavri_core_status
+//          8      8  token: relates an answer to what it answers
+//         16      4  length of the category
+//         20      4  length of the identifier
+//         24      4  length of the uuid
+//         28      4  length of the payload
+//         32         category, identifier, uuid, payload
+//
+// An absent field has length 0 and differs from an empty one. Fields hold any
+// byte but NUL.
+#ifndef KAVRI_INTERFACES_FRAME_H
+#define KAVRI_INTERFACES_FRAME_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kavri/core.h"
+
+namespace kavri::interfaces {
+
+// Raised whenever a peer of the version before could misunderstand.
+inline constexpr std::uint64_t protocolVersion = 1;
+
+inline constexpr std::size_t headerBytes = 32;
+
+enum class FrameType : std::uint8_t {
+    hello = 1,             // to the broker: token is the version, identifier the role
+    welcome = 2,           // from it: token is the version, uuid its identity, payload the limits
+    request = 3,           // to a responder; token is the sender's, the broker puts in its own
+    response = 4,          // back; the same tokens
+    completion = 5,        // in a response's place, where no answer comes
+    event = 6,             // to a subscriber
+    publish = 7,           // from a responder
+    subscribe = 8,         // from an initiator
+    unsubscribe = 9,       // from an initiator
+    registration = 10,     // from a responder: it serves the category
+    acknowledgement = 11,  // of the three before: their token, and what came of them
+    notice = 12,           // in a response's place: why none comes
+    ping = 13,             // either way; answered with
+    pong = 14,             // the same token
+    goodbye = 15,          // the sender closes; payload says why
+};
+
+// The fields, in their order on the wire.
+enum class Field : std::uint8_t { category, identifier, uuid, payload };
+inline constexpr std::size_t fieldCount = 4;
+
+// A frame as values. The fields point into somebody else's memory; an absent
+// one has no data pointer.
+struct Frame {
+    FrameType type{};
+    std::uint16_t status = 0;
+    std::uint64_t token = 0;
+    std::array<std::string_view, fieldCount> fields{};
+
+    std::string_view operator[](Field field) const {
+        return fields[static_cast<std::size_t>(field)];
+    }
+    std::string_view& operator[](Field field) { return fields[static_cast<std::size_t>(field)]; }
+    bool has(Field field) const { return (*this)[field].data() != nullptr; }
+};
+
+using Header = std::array<char, headerBytes>;
+
+// Why bytes are no frame.
+enum class FrameError : std::uint8_t {
+    lengthMismatch,   // the lengths in the header contradict each other
+    unknownType,      //
+    fieldMissing,     // a frame of this type must have a field that it lacks
+    fieldUnexpected,  // or has one that it must not have
+    fieldTooLong,     // above fieldLimitBytes
+    payloadTooLong,   // above what the connection was granted
+    nulInField,       //
+};
+std::string_view errorText(FrameError error);
+
+// The length of the frame that begins at `bytes`, of which at least headerBytes
+// must be there, or why it is none. Checks all that the header tells.
+struct Measured {
+    std::size_t frameBytes = 0;
+    std::optional<FrameError> error;
+};
+Measured measure(const char* bytes, std::size_t payloadLimitBytes);
+
+// The values of a measured frame, all of whose bytes are there, or nothing
+// where a field has a NUL in it. They point into `bytes`.
+std::optional<Frame> decode(const char* bytes);
+
+// The header that goes before the fields of `frame`.
+Header encodeHeader(const Frame& frame);
+std::size_t encodedBytes(const Frame& frame);
+void appendEncoded(const Frame& frame, std::string& bytes);
+
+// Puts another token into an encoded frame: the broker moves payloads as
+// received and changes nothing else.
+void replaceToken(char* frameBytes, std::uint64_t token);
+// Likewise a publish becomes an event.
+void replaceType(char* frameBytes, FrameType type);
+
+std::string_view typeName(FrameType type);
+
+}  // namespace kavri::interfaces
+
+#endif

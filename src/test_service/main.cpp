@@ -1,0 +1,120 @@
+// kavri-test-service: serves category "test" as a responder of its own, through
+// the public functions. Answers on the library's thread; this one waits for a
+// signal to stop.
+#include <kavri/ipc.h>
+#include <systemd/sd-daemon.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "test_service/test_service.h"
+
+namespace {
+
+using kavri::test_service::TestService;
+
+constexpr int cannotStart = 1;
+constexpr int badUsage = 64;
+
+const std::string category(kavri::test_service::category);
+const std::string eventIdentifier(kavri::test_service::eventIdentifier);
+
+struct Server {
+    TestService service;
+    kavri_core_ipc_responder* responder = nullptr;
+};
+
+// An answer that cannot be sent is lost with the connection, which the library
+// makes again; its sender is told by the broker.
+void answer(kavri_core_ipc_request request, char** targetCategory, char** targetIdentifier,
+            char** uuid, char** payload, void* context) {
+    auto& server = *static_cast<Server*>(context);
+    const TestService::Reaction reaction = server.service.handle(*targetIdentifier, *payload);
+    if (reaction.publishes) {
+        kavri_core_ipc_responder_event_publish(server.responder, category.c_str(),
+                                               eventIdentifier.c_str(), *payload);
+    }
+    if (reaction.answers) {
+        kavri_core_ipc_responder_response_send(server.responder, request, *targetCategory,
+                                               *targetIdentifier, *uuid,
+                                               std::string(reaction.payload).c_str());
+    } else {
+        kavri_core_ipc_responder_request_end(server.responder, request);
+    }
+    for (char** field : {targetCategory, targetIdentifier, uuid, payload}) {
+        std::free(*field);
+    }
+}
+
+void logUnknown(std::string_view identifier) {
+    std::fprintf(stderr,
+                 "kavri-test-service: unknown command \"%.*s\": answered with an empty payload\n",
+                 static_cast<int>(identifier.size()), identifier.data());
+}
+
+int fail(kavri_core_status status) {
+    const char* advice = "";
+    if (status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE) {
+        advice = ": start kavri-broker, or say where it is with --socket";
+    } else if (status == KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN) {
+        advice = ": stop the other test service, or a broker's own (--test-service)";
+    }
+    std::fprintf(stderr, "kavri-test-service: cannot serve category \"%s\": %s%s\n",
+                 category.c_str(), kavri_core_status_text(status), advice);
+    return cannotStart;
+}
+
+int serve(const std::string& socket) {
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    kavri_core_init();
+    kavri_core_logging_cookie log = nullptr;
+    kavri_core_logging_init("kavri-test-service", &log);
+    kavri_core_ipc_options options{};
+    options.sizeBytes = sizeof options;
+    options.brokerAddress = socket.empty() ? nullptr : socket.c_str();
+    Server server{TestService(logUnknown), nullptr};
+    const kavri_core_status status =
+        kavri_core_ipc_responder_init(log, &options, category.c_str(), &server.responder);
+    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+        kavri_core_ipc_responder_request_receive_callback(server.responder, answer, &server);
+        std::fprintf(stderr, "kavri-test-service: ready\n");
+        sd_notify(0, "READY=1");
+        int signal = 0;
+        sigwait(&stopSignals, &signal);
+        sd_notify(0, "STOPPING=1");
+        kavri_core_ipc_responder_deinit(server.responder);
+    }
+    kavri_core_logging_deinit(log);
+    kavri_core_deinit();
+    return status == KAVRI_CORE_STATUS_NO_ERROR ? 0 : fail(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Serves category \"test\": echo, static_response, a repeat counter, events."};
+    app.set_version_flag("--version", "kavri-test-service " KAVRI_VERSION);
+    std::string socket;
+    app.add_option("--socket", socket,
+                   "Path of the broker's socket. Otherwise: $KAVRI_BROKER, else "
+                   "$XDG_RUNTIME_DIR/kavri/broker.sock where that folder exists, else "
+                   "/run/kavri/broker.sock")
+        ->type_name("PATH");
+    app.footer(
+        "Says on standard error when it is ready, and stops on SIGTERM and SIGINT.\n"
+        "Exit status: 0 stopped, 1 could not start, 64 wrong usage.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : badUsage;
+    }
+    return serve(socket);
+}
