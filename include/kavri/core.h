@@ -38,9 +38,8 @@ typedef enum kavri_core_status {
      * functions. */
     KAVRI_CORE_STATUS_OUT_OF_RESOURCES = 3,
 
-    /* The operation cannot be carried out in the present state: a receive
-     * while a callback is installed, or a wait in a callback for something
-     * that only this callback's end can bring. The receive functions. */
+    /* A receive while a callback takes what it would receive. The receive
+     * functions. */
     KAVRI_CORE_STATUS_IPC_FAILED = 4,
 
     /* Nothing was waiting within the time-out. Call again. The receive
@@ -48,8 +47,7 @@ typedef enum kavri_core_status {
     KAVRI_CORE_STATUS_IPC_NO_MESSAGE = 5,
 
     /* No broker answers at the address. What was to be sent was not. All IPC
-     * functions that talk to the broker; the library tries again at the next
-     * call. */
+     * functions that talk to the broker; each call tries again. */
     KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE = 6,
 
     /* The address of the broker cannot be one: empty, or longer than a socket

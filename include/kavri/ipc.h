@@ -63,6 +63,12 @@ typedef struct kavri_core_ipc_options {
      * subscribe or unsubscribe for its acknowledgement, in milliseconds; 0:
      * 10000. */
     unsigned int sendTimeoutMs;
+    /* Of a responder. Not 0: what its callback sends is gathered, and leaves
+     * in one write when the library's thread has no further request at hand,
+     * or 64 KiB are together. For callbacks that are quick: an answer waits
+     * for those that come after it. A gathered message that then cannot be
+     * sent counts as lost with the connection. */
+    unsigned int gatherWrites;
 } kavri_core_ipc_options;
 
 /*
@@ -127,6 +133,32 @@ kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator
                                                         const char* targetCategory,
                                                         const char* targetIdentifier,
                                                         const char* uuid, const char* payload);
+
+/*
+ * One request of a batch; its strings as the parameters of
+ * kavri_core_ipc_initiator_command_send.
+ */
+typedef struct kavri_core_ipc_command {
+    const char* targetCategory;
+    const char* targetIdentifier;
+    const char* uuid;
+    const char* payload;
+} kavri_core_ipc_command;
+
+/*
+ * Sends several requests in order, with as few writes as possible: cheaper than
+ * one call for each, and otherwise the same.
+ *
+ * commands: `count` of them, read during the call only. *sent: how many were
+ * handed to the broker's socket, always set; the first of the others is the one
+ * that the status is about. After IPC_CONNECTION_LOST the outcome of up to
+ * 64 KiB of requests behind those is unknown.
+ *
+ * NO_ERROR (all sent); the failures of kavri_core_ipc_initiator_command_send.
+ */
+kavri_core_status kavri_core_ipc_initiator_command_send_batch(
+    kavri_core_ipc_initiator* initiator, const kavri_core_ipc_command* commands, size_t count,
+    size_t* sent);
 
 /*
  * Takes the next response, in the order of arrival, and stores its strings in
@@ -251,12 +283,9 @@ kavri_core_status kavri_core_ipc_responder_deinit(kavri_core_ipc_responder* resp
  * the next one serves again); IPC_BROKER_UNAVAILABLE; IPC_CATEGORY_TAKEN,
  * IPC_REFUSED (found when connecting again); OUT_OF_RESOURCES.
  */
-kavri_core_status kavri_core_ipc_responder_request_receive(kavri_core_ipc_responder* responder,
-                                                           int timeout,
-                                                           kavri_core_ipc_request* request,
-                                                           char** targetCategory,
-                                                           char** targetIdentifier, char** uuid,
-                                                           char** payload);
+kavri_core_status kavri_core_ipc_responder_request_receive(
+    kavri_core_ipc_responder* responder, int timeout, kavri_core_ipc_request* request,
+    char** targetCategory, char** targetIdentifier, char** uuid, char** payload);
 
 /*
  * Installs or removes the request callback; as the initiator's.

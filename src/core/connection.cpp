@@ -81,6 +81,11 @@ void Waker::reset() {
     [[maybe_unused]] const ssize_t taken = ::read(descriptor_, &count, sizeof count);
 }
 
+bool Waker::isWoken() const {
+    pollfd looked{descriptor_, POLLIN, 0};
+    return ::poll(&looked, 1, 0) == 1;
+}
+
 Connection::Opened Connection::open(const std::string& address, std::string_view role,
                                     std::string_view servedCategory, const Waker& waker,
                                     Clock::time_point deadline) {
@@ -166,7 +171,8 @@ Connection::Refusal Connection::exchange(const Frame& frame, FrameType expected,
                     malformed_ ? "what listens there is no broker of this kind"
                                : "the broker closed the connection"};
         }
-        if (io == Io::wouldBlock && Clock::now() >= patience.deadline) {
+        if (io == Io::wouldBlock &&
+            (Clock::now() >= patience.deadline || patience.waker.isWoken())) {
             return {KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE, "no answer in time"};
         }
     }

@@ -34,6 +34,7 @@ class Waker {
 
     void wake();   // the next wait, or the one under way, ends at once
     void reset();  // what was woken so far no longer counts
+    bool isWoken() const;
     int descriptor() const { return descriptor_; }
 
   private:
@@ -50,7 +51,7 @@ class Connection {
     };
 
     // Connects, says hello as `role`, and, where `servedCategory` is not empty,
-    // registers for it. Gives up at the deadline.
+    // registers for it. Gives up at the deadline, or when the waker is woken.
     static Opened open(const std::string& address, std::string_view role,
                        std::string_view servedCategory, const Waker& waker,
                        Clock::time_point deadline);

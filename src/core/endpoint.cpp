@@ -14,6 +14,21 @@ using interfaces::Field;
 using interfaces::Frame;
 using interfaces::FrameType;
 
+namespace {
+
+// A write of this size costs as much as its bytes do, not more by its being one.
+constexpr std::size_t gatherBytes = 64 * interfaces::kibibyte;
+
+bool isWithinLimits(const Frame& frame, std::size_t payloadLimitBytes) {
+    return std::all_of(frame.fields.begin(), frame.fields.end() - 1,
+                       [](std::string_view field) {
+                           return field.size() <= interfaces::fieldLimitBytes;
+                       }) &&
+           frame.fields.back().size() <= payloadLimitBytes;
+}
+
+}  // namespace
+
 kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* options,
                                Settings& settings) {
     if (!isInitialised()) {
@@ -44,6 +59,7 @@ kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* opt
     settings.connectTimeout =
         orDefault(given.connectTimeoutMs, interfaces::defaultConnectTimeoutMs);
     settings.sendTimeout = orDefault(given.sendTimeoutMs, interfaces::defaultSendTimeoutMs);
+    settings.gatherWrites = given.gatherWrites != 0;
     return KAVRI_CORE_STATUS_NO_ERROR;
 }
 
@@ -67,6 +83,9 @@ void Endpoint::end() {
     Lock lock = acquire();
     ending_ = true;
     removeCallbacks();
+    if (connecting_) {
+        waker_.wake();  // for good: there is nothing left to wait for
+    }
     announce();
     if (!thread_.joinable()) {
         return;
@@ -109,20 +128,30 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
 }
 
 kavri_core_status Endpoint::sendFrame(Lock& lock, const Frame& frame) {
-    for (bool firstTry = true;; firstTry = false) {
+    std::size_t sent = 0;
+    return sendFrames(
+        lock, 1, [&frame](std::size_t) { return frame; }, sent);
+}
+
+kavri_core_status Endpoint::sendFrames(Lock& lock, std::size_t count, const FrameAt& frameAt,
+                                       std::size_t& sent) {
+    bool triedAgain = false;
+    while (sent < count) {
         if (const kavri_core_status status = connectIfNeeded(lock);
             status != KAVRI_CORE_STATUS_NO_ERROR) {
             return status;
         }
-        const Pushed pushed = push(lock, frame);
+        const Pushed pushed = pushGathered(lock, count, frameAt, sent);
         // The connection turned out to be dead before anything went over it:
         // another may be had.
-        const bool again =
-            pushed.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST && pushed.untouched && firstTry;
-        if (!again) {
+        const bool again = pushed.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST &&
+                           pushed.untouched && !triedAgain;
+        if (pushed.status != KAVRI_CORE_STATUS_NO_ERROR && !again) {
             return pushed.status;
         }
+        triedAgain = again;
     }
+    return KAVRI_CORE_STATUS_NO_ERROR;
 }
 
 kavri_core_status Endpoint::sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
@@ -134,22 +163,15 @@ kavri_core_status Endpoint::sendFrameOver(Lock& lock, std::uint64_t connectionNu
 }
 
 Endpoint::Outgoing::Outgoing(const Frame& frame)
-    : header(interfaces::encodeHeader(frame)), pieces(storage.data()), count(storage.size()) {
+    : header(interfaces::encodeHeader(frame)), count(storage.size()), beginning(header.data()) {
     storage[0] = {header.data(), header.size()};
     for (std::size_t i = 0; i < frame.fields.size(); ++i) {
         storage[i + 1] = {const_cast<char*>(frame.fields[i].data()), frame.fields[i].size()};
     }
 }
 
-bool Endpoint::Outgoing::isUntouched() const {
-    return pieces == storage.data() && pieces->iov_base == header.data();
-}
-
-bool Endpoint::Outgoing::isWithin(std::size_t payloadLimitBytes) const {
-    return std::all_of(
-               storage.begin() + 1, storage.end() - 1,
-               [](const iovec& field) { return field.iov_len <= interfaces::fieldLimitBytes; }) &&
-           storage.back().iov_len <= payloadLimitBytes;
+Endpoint::Outgoing::Outgoing(std::string& gathered) : count(1), beginning(gathered.data()) {
+    storage[0] = {gathered.data(), gathered.size()};
 }
 
 Endpoint::Pushed Endpoint::push(Lock& lock, Frame frame) {
@@ -158,11 +180,61 @@ Endpoint::Pushed Endpoint::push(Lock& lock, Frame frame) {
     if (connection == nullptr) {
         return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, true};
     }
-    number(frame);
-    Outgoing outgoing(frame);
-    if (!outgoing.isWithin(connection->payloadLimitBytes())) {
+    if (!isWithinLimits(frame, connection->payloadLimitBytes())) {
         return {KAVRI_CORE_STATUS_IPC_TOO_LARGE, true};
     }
+    if (gathers()) {
+        return {gather(lock, frame), true};
+    }
+    const bool isRequest = frame.type == FrameType::request;
+    if (isRequest) {
+        number(frame, 0);
+    }
+    Outgoing outgoing(frame);
+    const Pushed pushed = pushBytes(lock, connection, outgoing);
+    if (isRequest && pushed.status == KAVRI_CORE_STATUS_NO_ERROR) {
+        numbered(1);
+    }
+    return pushed;
+}
+
+// As many requests from `sent` on as make a good write; a large one, and one that
+// has no others behind it, goes alone and is not copied.
+Endpoint::Pushed Endpoint::pushGathered(Lock& lock, std::size_t count, const FrameAt& frameAt,
+                                        std::size_t& sent) {
+    changed_.wait(lock, [this] { return !sending_; });
+    const std::shared_ptr<Connection> connection = connection_;
+    if (connection == nullptr) {
+        return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, true};
+    }
+    std::string bytes;
+    std::size_t gathered = 0;
+    while (sent + gathered < count && bytes.size() < gatherBytes) {
+        Frame frame = frameAt(sent + gathered);
+        if (sent + 1 == count || interfaces::encodedBytes(frame) >= interfaces::largeFrameBytes ||
+            !isWithinLimits(frame, connection->payloadLimitBytes())) {
+            break;
+        }
+        number(frame, gathered);
+        interfaces::appendEncoded(frame, bytes);
+        ++gathered;
+    }
+    if (gathered == 0) {
+        const Pushed pushed = push(lock, frameAt(sent));
+        sent += pushed.status == KAVRI_CORE_STATUS_NO_ERROR ? 1 : 0;
+        return pushed;
+    }
+    Outgoing outgoing(bytes);
+    const Pushed pushed = pushBytes(lock, connection, outgoing);
+    if (pushed.status == KAVRI_CORE_STATUS_NO_ERROR) {
+        numbered(gathered);
+        sent += gathered;
+    }
+    return pushed;
+}
+
+Endpoint::Pushed Endpoint::pushBytes(Lock& lock, const std::shared_ptr<Connection>& connection,
+                                     Outgoing& outgoing) {
     Connection::Io io = connection->write(outgoing.pieces, outgoing.count);
     if (io == Connection::Io::wouldBlock) {
         io = pushBlocked(lock, *connection, outgoing);
@@ -178,6 +250,32 @@ Endpoint::Pushed Endpoint::push(Lock& lock, Frame frame) {
         lose(io == Connection::Io::lost ? "the broker is gone" : "the broker takes nothing");
     }
     return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, untouched};
+}
+
+kavri_core_status Endpoint::gather(Lock& lock, const Frame& frame) {
+    interfaces::appendEncoded(frame, gathered_);
+    if (gathered_.size() >= gatherBytes) {
+        flushGathered(lock);
+    }
+    return KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+// What cannot be sent now was promised all the same: the connection then counts
+// as lost, which tells those who wait for it.
+void Endpoint::flushGathered(Lock& lock) {
+    changed_.wait(lock, [this] { return !sending_; });
+    std::string bytes = std::exchange(gathered_, {});
+    const std::shared_ptr<Connection> connection = connection_;
+    if (connection != nullptr && !bytes.empty()) {
+        Outgoing outgoing(bytes);
+        if (pushBytes(lock, connection, outgoing).status == KAVRI_CORE_STATUS_IPC_OVERLOADED) {
+            lose("the broker takes nothing");
+        }
+    }
+    bytes.clear();
+    if (gathered_.empty()) {
+        gathered_ = std::move(bytes);  // its memory serves again
+    }
 }
 
 // The broker takes nothing for now. It may be waiting for this side to take
@@ -260,6 +358,7 @@ void Endpoint::handleInput(Connection& connection, Connection::Io io) {
 void Endpoint::lose(std::string_view reason) {
     connection_->shutDown();  // whoever waits for it wakes up
     connection_ = nullptr;
+    gathered_.clear();
     log().warning("lost the connection to the broker at " + settings_.address + ": " +
                   std::string(reason));
     connectionLost();
@@ -313,6 +412,8 @@ void Endpoint::runThread() {
     while (!ending_) {
         if (hasDelivery()) {
             deliver(lock);
+        } else if (!gathered_.empty()) {
+            flushGathered(lock);
         } else if (!hasCallback()) {
             changed_.wait(lock);
         } else if (connection_ != nullptr) {

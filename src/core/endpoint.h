@@ -17,6 +17,7 @@
 #include <array>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -37,6 +38,7 @@ struct Settings {
     std::string servedCategory;  // of a responder
     std::chrono::milliseconds connectTimeout{};
     std::chrono::milliseconds sendTimeout{};
+    bool gatherWrites = false;  // of what a callback sends
     std::shared_ptr<Log> log;
 };
 
@@ -81,8 +83,10 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
 
     // Each is called with the lock held.
     virtual void handleFrame(const interfaces::Frame& frame) = 0;
-    // The frame is the next to be written; no other will be numbered before it is.
-    virtual void number(interfaces::Frame&) {}
+    // The request is the one to be written after the next `ahead`; no other will be
+    // numbered before these are written, and `numbered` says how many were.
+    virtual void number(interfaces::Frame&, std::size_t /*ahead*/) {}
+    virtual void numbered(std::size_t /*written*/) {}
     virtual void connectionMade(Lock& lock) = 0;
     virtual void connectionLost() = 0;
     virtual bool hasCallback() const = 0;
@@ -111,6 +115,10 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     kavri_core_status sendFrame(Lock& lock, const interfaces::Frame& frame);
     kavri_core_status sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
                                     const interfaces::Frame& frame);
+    // Puts requests into the socket, many with one write. How many went is in `sent`.
+    using FrameAt = std::function<interfaces::Frame(std::size_t index)>;
+    kavri_core_status sendFrames(Lock& lock, std::size_t count, const FrameAt& frameAt,
+                                 std::size_t& sent);
 
     // Something changed that others may wait for.
     void announce();
@@ -130,24 +138,33 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     void waitForOthers(Lock& lock, Deadline deadline);
     void readOnce(Lock& lock, Deadline deadline, bool onlyLook);
     void handleInput(Connection& connection, Connection::Io io);
-    // A frame on its way into the socket.
+    // Bytes on their way into the socket: one frame, or several gathered ones.
     struct Outgoing {
         interfaces::Header header;
-        std::array<iovec, 1 + interfaces::fieldCount> storage;
-        iovec* pieces;
+        std::array<iovec, 1 + interfaces::fieldCount> storage{};
+        iovec* pieces = storage.data();
         std::size_t count;
+        const void* beginning;
 
         explicit Outgoing(const interfaces::Frame& frame);
-        bool isUntouched() const;
-        bool isWithin(std::size_t payloadLimitBytes) const;
+        explicit Outgoing(std::string& gathered);
+        Outgoing(const Outgoing&) = delete;
+        Outgoing& operator=(const Outgoing&) = delete;
+        bool isUntouched() const { return pieces->iov_base == beginning; }
     };
-    // What a try came to, and whether not a byte of the frame went out.
+    // What a try came to, and whether not a byte went out.
     struct Pushed {
         kavri_core_status status;
         bool untouched;
     };
     Pushed push(Lock& lock, interfaces::Frame frame);
+    Pushed pushGathered(Lock& lock, std::size_t count, const FrameAt& frameAt, std::size_t& sent);
+    Pushed pushBytes(Lock& lock, const std::shared_ptr<Connection>& connection, Outgoing& outgoing);
     Connection::Io pushBlocked(Lock& lock, Connection& connection, Outgoing& outgoing);
+    // Whether what is sent now is to wait for more.
+    bool gathers() const { return settings_.gatherWrites && isOwnThread(); }
+    kavri_core_status gather(Lock& lock, const interfaces::Frame& frame);
+    void flushGathered(Lock& lock);
     void waitForRoom(Lock& lock, Connection& connection, Deadline deadline);
     void lose(std::string_view reason);
     bool mayRead() const;
@@ -162,6 +179,7 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     std::uint64_t connectionNumber_ = 0;
     Waker waker_;
     std::size_t heldBytes_ = 0;
+    std::string gathered_;
     bool reading_ = false;
     bool sending_ = false;
     bool connecting_ = false;

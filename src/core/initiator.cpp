@@ -9,20 +9,17 @@ using interfaces::Field;
 using interfaces::Frame;
 using interfaces::FrameType;
 
-kavri_core_status Initiator::send(Frame request) {
+kavri_core_status Initiator::send(std::size_t count, const FrameAt& requestAt, std::size_t& sent) {
     Lock lock = acquire();
-    request.type = FrameType::request;
-    const kavri_core_status status = sendFrame(lock, request);
-    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-        open_.add();
-    }
-    return status;
+    return sendFrames(lock, count, requestAt, sent);
 }
 
-void Initiator::number(Frame& frame) {
-    if (frame.type == FrameType::request) {
-        frame.token = open_.nextToken();
-    }
+void Initiator::number(Frame& frame, std::size_t ahead) {
+    frame.token = open_.nextToken() + ahead;
+}
+
+void Initiator::numbered(std::size_t written) {
+    open_.add(written);
 }
 
 kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {

@@ -16,8 +16,10 @@ namespace kavri::core {
 class Initiator : public Endpoint {
   public:
     using Endpoint::Endpoint;
+    using Endpoint::FrameAt;
 
-    kavri_core_status send(interfaces::Frame request);
+    // As many requests as `count` and `requestAt` say; how many went is in `sent`.
+    kavri_core_status send(std::size_t count, const FrameAt& requestAt, std::size_t& sent);
     // Stores the four strings of the next response.
     kavri_core_status receive(int timeoutMs, Message::Fields& fields);
     kavri_core_status setResponseCallback(kavri_core_ipc_initiator_response_callback callback,
@@ -37,7 +39,8 @@ class Initiator : public Endpoint {
     bool hasDelivery() const override;
     void deliver(Lock& lock) override;
 
-    void number(interfaces::Frame& frame) override;
+    void number(interfaces::Frame& frame, std::size_t ahead) override;
+    void numbered(std::size_t written) override;
     void handleResponse(const interfaces::Frame& frame);
     void handleEvent(const interfaces::Frame& frame);
     void handleAcknowledgement(const interfaces::Frame& frame);

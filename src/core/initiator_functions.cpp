@@ -1,4 +1,6 @@
 // The C functions of the initiator: arguments checked, work handed on.
+#include <algorithm>
+
 #include "core/initiator.h"
 #include "core/shim.h"
 
@@ -9,6 +11,18 @@ struct kavri_core_ipc_initiator {
 
 using kavri::core::anyNull;
 using kavri::core::guarded;
+
+namespace {
+
+kavri::interfaces::Frame request(const char* targetCategory, const char* targetIdentifier,
+                                 const char* uuid, const char* payload) {
+    kavri::interfaces::Frame frame;
+    frame.type = kavri::interfaces::FrameType::request;
+    frame.fields = {targetCategory, targetIdentifier, uuid, payload};
+    return frame;
+}
+
+}  // namespace
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie,
                                                              void* options,
@@ -50,9 +64,37 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send(
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
     return guarded([&] {
-        kavri::interfaces::Frame request;
-        request.fields = {targetCategory, targetIdentifier, uuid, payload};
-        return initiator->initiator->send(request);
+        std::size_t sent = 0;
+        return initiator->initiator->send(
+            1,
+            [&](std::size_t) { return request(targetCategory, targetIdentifier, uuid, payload); },
+            sent);
+    });
+}
+
+KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send_batch(
+    kavri_core_ipc_initiator* initiator, const kavri_core_ipc_command* commands, size_t count,
+    size_t* sent) {
+    if (sent == nullptr) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    *sent = 0;
+    if (anyNull(initiator) || (commands == nullptr && count > 0) ||
+        std::any_of(commands, commands + count, [](const kavri_core_ipc_command& command) {
+            return anyNull(command.targetCategory, command.targetIdentifier, command.uuid,
+                           command.payload);
+        })) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    return guarded([&] {
+        return initiator->initiator->send(
+            count,
+            [commands](std::size_t index) {
+                const kavri_core_ipc_command& command = commands[index];
+                return request(command.targetCategory, command.targetIdentifier, command.uuid,
+                               command.payload);
+            },
+            *sent);
     });
 }
 

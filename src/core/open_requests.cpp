@@ -11,9 +11,9 @@ constexpr std::size_t failuresKept = 65536;
 
 }  // namespace
 
-void OpenRequests::add() {
-    latest_ = nextToken();
-    open_.push_back(true);
+void OpenRequests::add(std::size_t count) {
+    open_.resize(open_.size() + count, true);
+    latest_ = nextToken() - 1;
 }
 
 bool OpenRequests::close(std::uint64_t token) {

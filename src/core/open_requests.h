@@ -8,6 +8,7 @@
 #ifndef KAVRI_CORE_OPEN_REQUESTS_H
 #define KAVRI_CORE_OPEN_REQUESTS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -19,7 +20,7 @@ namespace kavri::core {
 class OpenRequests {
   public:
     std::uint64_t nextToken() const { return first_ + open_.size(); }
-    void add();  // the one with the next token
+    void add(std::size_t count = 1);  // those with the next tokens
 
     // Ends an open request; false when there is none with this token.
     bool close(std::uint64_t token);

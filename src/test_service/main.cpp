@@ -79,6 +79,7 @@ int serve(const std::string& socket) {
     kavri_core_logging_init("kavri-test-service", &log);
     kavri_core_ipc_options options{};
     options.sizeBytes = sizeof options;
+    options.gatherWrites = 1;
     options.brokerAddress = socket.empty() ? nullptr : socket.c_str();
     Server server{TestService(logUnknown), nullptr};
     const kavri_core_status status =
