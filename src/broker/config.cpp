@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <filesystem>
+#include <limits>
 
 namespace kavri::broker {
 
@@ -78,6 +80,10 @@ class Reader {
     }
 
     toml::table parse() const {
+        // Read as a file, a folder would be an empty one.
+        if (std::error_code ignored; std::filesystem::is_directory(path_, ignored)) {
+            throw BadConfig(path_ + ": is a folder, not a file");
+        }
         try {
             return toml::parse_file(path_);
         } catch (const toml::parse_error& error) {
@@ -163,7 +169,7 @@ class Reader {
         Users users;
         for (const toml::node& entry : *list) {
             if (const auto number = entry.value_exact<std::int64_t>()) {
-                users.listed.insert(static_cast<uid_t>(*number));
+                users.listed.insert(userNumbered(entry, *number));
             } else if (const auto name = entry.value_exact<std::string>(); name == "*") {
                 users.everybody = true;
             } else {
@@ -171,6 +177,16 @@ class Reader {
             }
         }
         return users;
+    }
+
+    // The largest number that a uid_t holds means "no user" to the kernel.
+    uid_t userNumbered(const toml::node& entry, std::int64_t number) const {
+        constexpr std::int64_t last = std::int64_t{std::numeric_limits<uid_t>::max()} - 1;
+        if (number < 0 || number > last) {
+            fail(entry, std::to_string(number) + " is no user: numbers are from 0 to " +
+                            std::to_string(last));
+        }
+        return static_cast<uid_t>(number);
     }
 
     uid_t userNamed(const toml::node& entry, const std::string& name) const {

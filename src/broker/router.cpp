@@ -12,6 +12,15 @@ using interfaces::FrameType;
 
 namespace {
 
+// A large request waits with its sender rather than with the responder, until
+// what is ahead of it there is no more than this: so another sender's small
+// request never has more than one large one before it.
+constexpr std::size_t queuedAheadBytes = 64 * interfaces::kibibyte;
+
+bool isLarge(const InputFrame& frame) {
+    return frame.length >= interfaces::largeFrameBytes;
+}
+
 Frame outcomeFrame(FrameType type, std::uint64_t token, kavri_core_status status) {
     Frame frame;
     frame.type = type;
@@ -62,7 +71,7 @@ Session* Router::request(Session& from, InputFrame& frame) {
         refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
         return nullptr;
     }
-    if (isStalled(responder)) {
+    if (isStalled(responder) || (isLarge(frame) && responder.outbox.bytes() > queuedAheadBytes)) {
         return &responder;
     }
     ++from.openRequests;
@@ -257,7 +266,7 @@ void Router::deliver(Session& to, const InputFrame& frame) {
         surroundings_.close(to, "does not take what is sent to it: its outbox is full");
         return;
     }
-    if (frame.length >= interfaces::largeFrameBytes && frame.block) {
+    if (isLarge(frame) && frame.block) {
         to.outbox.appendShared(frame.block, frame.length);
     } else {
         to.outbox.appendCopy({frame.bytes, frame.length});

@@ -119,6 +119,7 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
     if (opened.connection != nullptr) {
         connection_ = std::move(opened.connection);
         ++connectionNumber_;
+        handleFrames(*connection_);  // a request may stand right behind the acknowledgement
         connectionMade(lock);
     } else if (!ending_) {
         log().info("no connection to the broker at " + settings_.address + ": " + opened.reason);
@@ -342,17 +343,21 @@ void Endpoint::handleInput(Connection& connection, Connection::Io io) {
     }
     const bool isCurrent = connection_.get() == &connection;
     if (isCurrent && io == Connection::Io::done) {
-        while (const auto frame = connection.nextFrame()) {
-            if (frame->type == FrameType::goodbye) {
-                log().info("the broker says goodbye: " + std::string((*frame)[Field::payload]));
-            } else {
-                handleFrame(*frame);
-            }
-        }
+        handleFrames(connection);
     } else if (isCurrent && io == Connection::Io::lost) {
         lose("the broker closed it");
     }
     changed_.notify_all();
+}
+
+void Endpoint::handleFrames(Connection& connection) {
+    while (const auto frame = connection.nextFrame()) {
+        if (frame->type == FrameType::goodbye) {
+            log().info("the broker says goodbye: " + std::string((*frame)[Field::payload]));
+        } else {
+            handleFrame(*frame);
+        }
+    }
 }
 
 void Endpoint::lose(std::string_view reason) {

@@ -138,6 +138,7 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     void waitForOthers(Lock& lock, Deadline deadline);
     void readOnce(Lock& lock, Deadline deadline, bool onlyLook);
     void handleInput(Connection& connection, Connection::Io io);
+    void handleFrames(Connection& connection);
     // Bytes on their way into the socket: one frame, or several gathered ones.
     struct Outgoing {
         interfaces::Header header;

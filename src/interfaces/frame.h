@@ -51,7 +51,7 @@ enum class FrameType : std::uint8_t {
     registration = 10,     // from a responder: it serves the category
     acknowledgement = 11,  // of the three before: their token, and what came of them
     notice = 12,           // in a response's place: why none comes
-    ping = 13,             // either way; answered with
+    ping = 13,             // to the broker; answered with
     pong = 14,             // the same token
     goodbye = 15,          // the sender closes; payload says why
 };

@@ -39,8 +39,7 @@ void answer(kavri_core_ipc_request request, char** targetCategory, char** target
     }
     if (reaction.answers) {
         kavri_core_ipc_responder_response_send(server.responder, request, *targetCategory,
-                                               *targetIdentifier, *uuid,
-                                               std::string(reaction.payload).c_str());
+                                               *targetIdentifier, *uuid, reaction.payload.data());
     } else {
         kavri_core_ipc_responder_request_end(server.responder, request);
     }

@@ -31,7 +31,9 @@ class TestService {
     struct Reaction {
         bool answers = false;
         bool publishes = false;    // an event with the request's payload
-        std::string_view payload;  // of the answer; valid until the next call
+        // Of the answer; valid until the next call, and NUL-terminated where the
+        // request's payload is.
+        std::string_view payload;
     };
 
     explicit TestService(UnknownCommand onUnknown) : onUnknown_(std::move(onUnknown)) {}
