@@ -127,7 +127,11 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : badUsage;
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // --help or --version
+        }
+        std::fprintf(stderr, "kavri-broker: %s; see kavri-broker --help\n", error.what());
+        return badUsage;
     }
     spdlog::set_default_logger(spdlog::stderr_logger_st("kavri-broker"));
     spdlog::set_pattern("%n: %v");

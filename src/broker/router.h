@@ -112,8 +112,9 @@ class Router {
     void acknowledge(Session& to, std::uint64_t token, kavri_core_status status);
 
     bool isFilledTo(const Session& session, std::size_t quarters) const;
+    // One that is being closed takes nothing more, and lets go who waits for it.
     bool isWorthWaitingFor(const Session& session) const {
-        return isStalled(session) && !session.patienceOver;
+        return isStalled(session) && !session.patienceOver && !session.isClosing;
     }
     void markForWriting(Session& session);
 

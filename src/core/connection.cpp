@@ -121,6 +121,11 @@ Connection::Refusal Connection::greet(std::string_view role, Patience patience) 
     hello[Field::identifier] = role;
     Frame welcome;
     Refusal refusal = exchange(hello, FrameType::welcome, patience, welcome);
+    if (refusal.status == KAVRI_CORE_STATUS_NO_ERROR &&
+        welcome.token != interfaces::protocolVersion) {
+        refusal = {KAVRI_CORE_STATUS_IPC_INCOMPATIBLE,
+                   "the broker speaks protocol version " + std::to_string(welcome.token)};
+    }
     if (refusal.status == KAVRI_CORE_STATUS_NO_ERROR) {
         readGrantedLimits(welcome[Field::payload]);
     }
@@ -158,7 +163,7 @@ Connection::Refusal Connection::exchange(const Frame& frame, FrameType expected,
                 return {};
             }
             if (answer.type == FrameType::goodbye) {
-                return {static_cast<kavri_core_status>(answer.status),
+                return {failureIn(answer, KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE),
                         std::string(answer[Field::payload])};
             }
             return {KAVRI_CORE_STATUS_IPC_INCOMPATIBLE,

@@ -24,6 +24,13 @@ using Clock = std::chrono::steady_clock;
 // A moment to wait until; nothing: without limit.
 using Deadline = std::optional<Clock::time_point>;
 
+// The status of a frame that tells of a failure; `otherwise` where it names none.
+inline kavri_core_status failureIn(const interfaces::Frame& frame, kavri_core_status otherwise) {
+    return frame.status == KAVRI_CORE_STATUS_NO_ERROR
+               ? otherwise
+               : static_cast<kavri_core_status>(frame.status);
+}
+
 // Wakes a thread that waits for a connection.
 class Waker {
   public:

@@ -44,13 +44,13 @@ kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* opt
     }
     settings.log = cookie != nullptr ? cookie->log : std::make_shared<Log>("kavri");
     if (given.brokerAddress != nullptr && *given.brokerAddress == '\0') {
-        settings.log->warning("the broker's address in the options is empty");
+        settings.log->info("the broker's address in the options is empty");
         return KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID;
     }
     settings.address =
         interfaces::brokerAddress(given.brokerAddress != nullptr ? given.brokerAddress : "");
     if (const auto error = interfaces::addressError(settings.address)) {
-        settings.log->warning("cannot use the broker's address: " + *error);
+        settings.log->info("cannot use the broker's address: " + *error);
         return KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID;
     }
     const auto orDefault = [](unsigned chosen, unsigned otherwise) {
@@ -99,7 +99,12 @@ void Endpoint::end() {
 }
 
 kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
-    changed_.wait(lock, [this] { return !connecting_; });
+    while (connecting_) {
+        if (deadline && Clock::now() >= *deadline) {
+            return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
+        }
+        waitForOthers(lock, deadline);
+    }
     if (connection_ != nullptr) {
         return KAVRI_CORE_STATUS_NO_ERROR;
     }
@@ -225,11 +230,14 @@ Endpoint::Pushed Endpoint::pushGathered(Lock& lock, std::size_t count, const Fra
         sent += pushed.status == KAVRI_CORE_STATUS_NO_ERROR ? 1 : 0;
         return pushed;
     }
+    // Before the write: the first may be answered while the last has to wait.
+    numbered(gathered);
     Outgoing outgoing(bytes);
     const Pushed pushed = pushBytes(lock, connection, outgoing);
     if (pushed.status == KAVRI_CORE_STATUS_NO_ERROR) {
-        numbered(gathered);
         sent += gathered;
+    } else {
+        takeBackNumbered(gathered);
     }
     return pushed;
 }

@@ -84,9 +84,11 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Each is called with the lock held.
     virtual void handleFrame(const interfaces::Frame& frame) = 0;
     // The request is the one to be written after the next `ahead`; no other will be
-    // numbered before these are written, and `numbered` says how many were.
+    // numbered before these are written. `numbered` says how many are, and
+    // `takeBackNumbered` how many of the last in the end were not.
     virtual void number(interfaces::Frame&, std::size_t /*ahead*/) {}
-    virtual void numbered(std::size_t /*written*/) {}
+    virtual void numbered(std::size_t /*count*/) {}
+    virtual void takeBackNumbered(std::size_t /*count*/) {}
     virtual void connectionMade(Lock& lock) = 0;
     virtual void connectionLost() = 0;
     virtual bool hasCallback() const = 0;
@@ -203,7 +205,7 @@ Endpoint::Wait Endpoint::waitUntil(Lock& lock, Deadline deadline, const Ready& r
         if (mayRead()) {
             readOnce(lock, deadline, expired);
         }
-        if (expired) {
+        if (expired && connection_ != nullptr) {
             return ready() ? Wait::ready : Wait::timedOut;
         }
         if (!mayRead() && !ready()) {

@@ -22,6 +22,10 @@ void Initiator::numbered(std::size_t written) {
     open_.add(written);
 }
 
+void Initiator::takeBackNumbered(std::size_t count) {
+    open_.takeBack(count);
+}
+
 kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
     Lock lock = acquire();
     const Deadline deadline = deadlineAfter(timeoutMs);
@@ -128,7 +132,7 @@ void Initiator::handleFrame(const Frame& frame) {
             open_.close(frame.token);
             break;
         case FrameType::notice:
-            open_.fail(frame.token, static_cast<kavri_core_status>(frame.status));
+            open_.fail(frame.token, failureIn(frame, KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
             break;
         case FrameType::event:
             handleEvent(frame);

@@ -41,6 +41,7 @@ class Initiator : public Endpoint {
 
     void number(interfaces::Frame& frame, std::size_t ahead) override;
     void numbered(std::size_t written) override;
+    void takeBackNumbered(std::size_t count) override;
     void handleResponse(const interfaces::Frame& frame);
     void handleEvent(const interfaces::Frame& frame);
     void handleAcknowledgement(const interfaces::Frame& frame);

@@ -1,6 +1,8 @@
 // Open requests and failures to be told; see open_requests.h.
 #include "core/open_requests.h"
 
+#include <algorithm>
+
 namespace kavri::core {
 
 namespace {
@@ -14,6 +16,14 @@ constexpr std::size_t failuresKept = 65536;
 void OpenRequests::add(std::size_t count) {
     open_.resize(open_.size() + count, true);
     latest_ = nextToken() - 1;
+}
+
+void OpenRequests::takeBack(std::size_t count) {
+    const std::uint64_t first = nextToken() - count;
+    failures_.erase(failures_.lower_bound(first), failures_.end());
+    for (std::uint64_t token = std::max(first, first_); token < nextToken(); ++token) {
+        close(token);
+    }
 }
 
 bool OpenRequests::close(std::uint64_t token) {

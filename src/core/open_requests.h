@@ -21,6 +21,9 @@ class OpenRequests {
   public:
     std::uint64_t nextToken() const { return first_ + open_.size(); }
     void add(std::size_t count = 1);  // those with the next tokens
+    // Forgets the last that were added, open or failed: their caller is told of
+    // them in another way.
+    void takeBack(std::size_t count);
 
     // Ends an open request; false when there is none with this token.
     bool close(std::uint64_t token);

@@ -58,6 +58,8 @@ int fail(kavri_core_status status) {
     const char* advice = "";
     if (status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE) {
         advice = ": start kavri-broker, or say where it is with --socket";
+    } else if (status == KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID) {
+        advice = ": a socket path has 107 bytes at most; choose a shorter one";
     } else if (status == KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN) {
         advice = ": stop the other test service, or a broker's own (--test-service)";
     }
@@ -114,7 +116,12 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : badUsage;
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // --help or --version
+        }
+        std::fprintf(stderr, "kavri-test-service: %s; see kavri-test-service --help\n",
+                     error.what());
+        return badUsage;
     }
     return serve(socket);
 }

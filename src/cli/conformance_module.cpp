@@ -1,0 +1,165 @@
+// Asking the loader and the module itself; see conformance_module.h.
+//
+// What the loader would do is found out by having it do it: with
+// LD_TRACE_LOADED_OBJECTS it resolves the libraries and every symbol exactly as
+// in a real start, prints what it found and what is missing, and ends without
+// running anything.
+#include "cli/conformance_module.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <string_view>
+
+#include "cli/case_listing.h"
+#include "cli/environment.h"
+#include "cli/exit_status.h"
+#include "cli/exit_text.h"
+#include "cli/loader_report.h"
+#include "cli/module_arguments.h"
+
+namespace kavri::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view coreLibrary = "libkavri-core-test.so";
+
+[[noreturn]] void cannotRun(const std::string& line) {
+    throw CommandFailure(ExitStatus::couldNotRun, line);
+}
+
+std::string lastLine(const std::string& text) {
+    const std::string_view trimmed(text.data(), text.find_last_not_of('\n') + 1);
+    return std::string(trimmed.substr(trimmed.rfind('\n') + 1));
+}
+
+// The path of the core library, whatever version its name carries.
+fs::path coreLibraryIn(const LoaderReport& report) {
+    const auto library = report.found.lower_bound(std::string(coreLibrary));
+    const bool isIt = library != report.found.end() && library->first.starts_with(coreLibrary);
+    return isIt ? library->second : "";
+}
+
+void checkIsComplete(const LoaderReport& report) {
+    if (!report.notFound.empty()) {
+        cannotRun(fmt::format("the loader finds no {}; give --library the folder that holds it",
+                              fmt::join(report.notFound, ", ")));
+    }
+    if (!report.undefined.empty()) {
+        cannotRun(fmt::format("{} lacks {}; the module needs every function that it calls",
+                              coreLibraryIn(report).string(), fmt::join(report.undefined, ", ")));
+    }
+}
+
+void checkIsFrom(const fs::path& library, const fs::path& folder) {
+    std::error_code error;
+    if (!fs::equivalent(library.parent_path(), folder, error)) {
+        cannotRun(
+            fmt::format("the module takes its core library from {} and not from {}; link it "
+                        "without a fixed library path",
+                        library.string(), folder.string()));
+    }
+}
+
+}  // namespace
+
+ConformanceModule::ConformanceModule(fs::path program, std::optional<fs::path> libraryFolder)
+    : program_(std::move(program)), libraryFolder_(std::move(libraryFolder)) {
+    if (!libraryFolder_) {
+        return;
+    }
+    std::error_code error;
+    const fs::path folder = fs::canonical(*libraryFolder_, error);
+    if (error || !fs::is_directory(folder, error)) {
+        cannotRun(fmt::format("no folder {}; give --library the folder that holds {}",
+                              libraryFolder_->string(), coreLibrary));
+    }
+    if (!fs::exists(folder / coreLibrary, error)) {
+        cannotRun(fmt::format("no {} in {}; give --library the folder that holds it", coreLibrary,
+                              folder.string()));
+    }
+    if (folder.string().find_first_of(":;") != std::string::npos) {
+        cannotRun(
+            fmt::format("the loader takes no folder with ':' or ';' in its name, as {} has; "
+                        "copy the library to another one",
+                        folder.string()));
+    }
+    libraryFolder_ = folder;
+}
+
+ChildSpawn ConformanceModule::baseSpawn() const {
+    ChildSpawn spawn;
+    spawn.program = program_;
+    for (const std::string& variable : reservedVariables()) {
+        spawn.environment[variable] = std::nullopt;
+    }
+    if (libraryFolder_) {
+        const std::string further = environmentVariable("LD_LIBRARY_PATH");
+        spawn.environment["LD_LIBRARY_PATH"] =
+            libraryFolder_->string() + (further.empty() ? "" : ":" + further);
+    }
+    return spawn;
+}
+
+fs::path ConformanceModule::findLibrary(const RunLimits& limits) const {
+    ChildSpawn spawn = baseSpawn();
+    spawn.environment["LD_TRACE_LOADED_OBJECTS"] = "1";
+    spawn.environment["LD_WARN"] = "1";
+    spawn.environment["LD_BIND_NOW"] = "1";
+    spawn.interruptDescriptor = limits.signals().descriptor();
+    ChildProcess loader(spawn);
+    const std::optional<ExitState> exit = loader.wait(limits.left());
+    if (!exit) {
+        limits.giveUp("before the libraries were looked through");
+    }
+    if (!exit->succeeded()) {
+        cannotRun(fmt::format("the module cannot be loaded{}: {}",
+                              libraryFolder_ ? " with " + libraryFolder_->string() : "",
+                              lastLine(loader.error())));
+    }
+    const LoaderReport report =
+        parseLoaderReport(loader.output() + loader.error(), program_.string());
+    checkIsComplete(report);
+    const fs::path library = coreLibraryIn(report);
+    if (libraryFolder_) {
+        checkIsFrom(library, *libraryFolder_);
+    }
+    return library;
+}
+
+std::vector<std::string> ConformanceModule::listCases(const RunLimits& limits) const {
+    ChildSpawn spawn = baseSpawn();
+    // In this form it stands out from whatever a library prints while it loads.
+    spawn.arguments = {"--list_content=DOT"};
+    spawn.interruptDescriptor = limits.signals().descriptor();
+    ChildProcess module(spawn);
+    const std::optional<ExitState> exit = module.wait(limits.left());
+    if (!exit) {
+        limits.giveUp("before any case; does the core library hang when loaded?");
+    }
+    if (!exit->succeeded()) {
+        const std::string reason = lastLine(module.error());
+        cannotRun(fmt::format("{} {} before any case; does the core library fail when loaded?{}",
+                              program_.string(), exitText(*exit),
+                              reason.empty() ? "" : " It said: " + reason));
+    }
+    std::vector<std::string> cases = casesInListing(module.error());
+    if (cases.empty()) {
+        cannotRun(fmt::format("{} has no cases; is it the conformance module?", program_.string()));
+    }
+    return cases;
+}
+
+ChildSpawn ConformanceModule::runSpawn(const fs::path& brokerSocket,
+                                       const std::vector<std::string>& cases, int logDescriptor,
+                                       const std::vector<std::string>& userArguments) const {
+    ChildSpawn spawn = baseSpawn();
+    spawn.environment["KAVRI_BROKER"] = brokerSocket.string();
+    spawn.inheritedDescriptors = {logDescriptor};
+    spawn.arguments = moduleCommandLine(cases, logDescriptor, userArguments);
+    return spawn;
+}
+
+}  // namespace kavri::cli

@@ -1,0 +1,95 @@
+// kavri: the tool around the library and the broker. Reads the command line
+// and hands over to the command that it names.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+#include "cli/conformance_command.h"
+#include "cli/exit_status.h"
+
+namespace {
+
+using namespace kavri::cli;
+
+int complain(const std::string& command, const std::string& line, ExitStatus status) {
+    std::cerr << command << ": " << line << std::endl;
+    return static_cast<int>(status);
+}
+
+std::string singleLine(std::string text) {
+    std::ranges::replace(text, '\n', ' ');
+    return text;
+}
+
+// A pipe made while one of the first three descriptors is closed would become
+// that one, and be taken for standard input, output or error.
+void openMissingStandardDescriptors() {
+    int descriptor = -1;
+    do {
+        descriptor = open("/dev/null", O_RDWR);
+    } while (descriptor >= 0 && descriptor <= 2);
+    if (descriptor > 2) {
+        close(descriptor);
+    }
+}
+
+int runCommandLine(std::vector<std::string> arguments) {
+    ConformanceOptions conformance;
+    const auto dashes = std::ranges::find(arguments, "--");
+    if (dashes != arguments.end()) {
+        conformance.moduleArguments.assign(dashes + 1, arguments.end());
+        arguments.erase(dashes, arguments.end());
+    }
+
+    CLI::App app("Tools for the kavri core library and its broker.", "kavri");
+    app.set_version_flag("--version", "kavri " KAVRI_VERSION);
+    app.require_subcommand(1);
+    CLI::App* conformanceCommand = app.add_subcommand(
+        "conformance", "Run the conformance module against a broker and show what it finds");
+    describeConformance(*conformanceCommand, conformance);
+    app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
+
+    std::string name = "kavri";
+    try {
+        std::ranges::reverse(arguments);  // as the parser takes them
+        app.parse(arguments);
+        name += " " + conformanceCommand->get_name();
+        return static_cast<int>(runConformance(conformance));
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            return app.exit(error);  // --help or --version
+        }
+        const std::vector<std::string> unknown = app.remaining();
+        if (app.get_subcommands().empty() && !unknown.empty()) {
+            return complain(name,
+                            "no command or option '" + unknown.front() + "'; see 'kavri --help'",
+                            ExitStatus::usage);
+        }
+        const bool isCommand = conformanceCommand->parsed();
+        name += isCommand ? " " + conformanceCommand->get_name() : "";
+        return complain(name, singleLine(error.what()) + "; see '" + name + " --help'",
+                        ExitStatus::usage);
+    } catch (const CommandFailure& failure) {
+        return complain(name, failure.what(), failure.status());
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    openMissingStandardDescriptors();
+    // A reader of the output that goes away must not keep the tool from tidying up.
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        return runCommandLine({argv + 1, argv + argc});
+    } catch (const std::exception& error) {
+        // The system's own refusal, such as that of a folder or a process.
+        std::fprintf(stderr, "kavri: %s\n", error.what());
+        return static_cast<int>(ExitStatus::couldNotRun);
+    }
+}

@@ -1,0 +1,67 @@
+// What a run looks like: a line per case as it ends, what the module and the
+// broker print in between, and a closing line.
+//
+// The results are one stream, what others print is another, each made of whole
+// lines. On a terminal the case under way is shown in a line that is replaced;
+// there and only there colour tells verdicts apart.
+#ifndef KAVRI_CLI_RUN_DISPLAY_H
+#define KAVRI_CLI_RUN_DISPLAY_H
+
+#include <chrono>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cli/run_record.h"
+
+namespace kavri::cli {
+
+struct DisplayStyle {
+    bool terminal = false;  // lines can be replaced
+    bool colour = false;
+    unsigned columns = 80;
+
+    // What fits this process' standard output and its environment.
+    static DisplayStyle ofStandardOutput();
+};
+
+class RunDisplay {
+  public:
+    // `results` is for the tool's own lines, `others` for what others print.
+    RunDisplay(std::ostream& results, std::ostream& others, DisplayStyle style,
+               const std::vector<std::string>& cases);
+
+    // What is judged, and by way of which broker.
+    void showOpening(const std::string& library, const std::string& broker);
+    void showCaseUnderWay(const CaseRecord& record);
+    void showCaseEnded(const CaseRecord& record);
+    void showOthersLine(std::string_view line);
+    // Whatever the module's log says that belongs to no check.
+    void showRemark(std::string_view line);
+    void showClosing(const RunRecord& record, std::chrono::microseconds time);
+
+    // Takes away the line that is replaced, for others to write.
+    void clearProgress();
+
+  private:
+    std::string coloured(std::string_view text, std::string_view colour) const;
+
+    std::ostream& results_;
+    std::ostream& others_;
+    DisplayStyle style_;
+    size_t caseCount_;
+    size_t nameWidth_;
+    std::string progress_;  // as it stands on the terminal
+};
+
+std::string_view verdictText(Verdict verdict);
+std::string durationText(std::chrono::microseconds time);
+
+// A log entry on one line: line breaks and what else a terminal would act upon
+// are written as escapes.
+std::string printable(std::string_view text);
+
+}  // namespace kavri::cli
+
+#endif

@@ -1,0 +1,77 @@
+// Counting; see run_record.h.
+#include "cli/run_record.h"
+
+#include <algorithm>
+#include <numeric>
+#include <utility>
+
+namespace kavri::cli {
+
+namespace {
+
+template <typename Value>
+unsigned sum(const std::vector<CaseRecord>& cases, Value value) {
+    return std::accumulate(cases.begin(), cases.end(), 0U,
+                           [&](unsigned total, const CaseRecord& c) { return total + value(c); });
+}
+
+}  // namespace
+
+const CaseRecord* RunRecord::add(const LogEvent& event, Clock::time_point now) {
+    using Kind = LogEvent::Kind;
+    if (event.kind == Kind::caseBegan) {
+        underWay_ = CaseRecord{};
+        underWay_->name = event.name;
+        begun_ = now;
+    }
+    if (!underWay_) {
+        return nullptr;
+    }
+    switch (event.kind) {
+        case Kind::checkPassed:
+            ++underWay_->checksPassed;
+            underWay_->lastPassed = event.text;
+            break;
+        case Kind::checkFailed:
+            ++underWay_->checksFailed;
+            underWay_->failures.push_back(event.text);
+            underWay_->verdict = std::max(underWay_->verdict, Verdict::failed);
+            break;
+        case Kind::caseAborted:
+            underWay_->failures.push_back(event.text);
+            underWay_->verdict = Verdict::aborted;
+            break;
+        case Kind::caseEnded:
+            return &end(event.time.value_or(
+                std::chrono::duration_cast<std::chrono::microseconds>(now - begun_)));
+        case Kind::caseBegan:
+        case Kind::caseSkipped:
+        case Kind::remark:
+            break;
+    }
+    return nullptr;
+}
+
+const CaseRecord& RunRecord::breakOff(Verdict verdict, Clock::time_point now) {
+    underWay_->verdict = verdict;
+    return end(std::chrono::duration_cast<std::chrono::microseconds>(now - begun_));
+}
+
+const CaseRecord& RunRecord::end(std::chrono::microseconds time) {
+    underWay_->time = time;
+    return cases_.emplace_back(*std::exchange(underWay_, std::nullopt));
+}
+
+unsigned RunRecord::checksPassed() const {
+    return sum(cases_, [](const CaseRecord& c) { return c.checksPassed; });
+}
+
+unsigned RunRecord::checksFailed() const {
+    return sum(cases_, [](const CaseRecord& c) { return c.checksFailed; });
+}
+
+unsigned RunRecord::casesPassed() const {
+    return sum(cases_, [](const CaseRecord& c) { return c.verdict == Verdict::passed ? 1U : 0U; });
+}
+
+}  // namespace kavri::cli

@@ -1,0 +1,61 @@
+// What is known of a run: which cases were begun and ended, with how many
+// checks, and which check passed last. Built up from the module's log, one
+// event at a time.
+#ifndef KAVRI_CLI_RUN_RECORD_H
+#define KAVRI_CLI_RUN_RECORD_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/module_log.h"
+
+namespace kavri::cli {
+
+// The first three are the module's; the others mean that the case was cut off.
+enum class Verdict { passed, failed, aborted, crashed, hung, stopped };
+
+struct CaseRecord {
+    std::string name;
+    Verdict verdict = Verdict::passed;
+    unsigned checksPassed = 0;
+    unsigned checksFailed = 0;
+    std::chrono::microseconds time{0};
+    std::vector<std::string> failures;  // as the log words them
+    std::string lastPassed;             // the last check that passed; empty: none yet
+
+    unsigned checks() const { return checksPassed + checksFailed; }
+    // Whether the case came to its own end.
+    bool isComplete() const { return verdict <= Verdict::aborted; }
+};
+
+class RunRecord {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // Takes in one event. Returns the case that it ended, if it did.
+    const CaseRecord* add(const LogEvent& event, Clock::time_point now);
+
+    // The case under way, if one is.
+    const CaseRecord* underWay() const { return underWay_ ? &*underWay_ : nullptr; }
+
+    // Ends the case under way, which did not come to its end by itself.
+    const CaseRecord& breakOff(Verdict verdict, Clock::time_point now);
+
+    const std::vector<CaseRecord>& cases() const { return cases_; }
+    unsigned checksPassed() const;
+    unsigned checksFailed() const;
+    unsigned casesPassed() const;
+
+  private:
+    const CaseRecord& end(std::chrono::microseconds time);
+
+    std::vector<CaseRecord> cases_;  // those that have ended
+    std::optional<CaseRecord> underWay_;
+    Clock::time_point begun_;
+};
+
+}  // namespace kavri::cli
+
+#endif
