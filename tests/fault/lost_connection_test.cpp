@@ -1,0 +1,342 @@
+// The broker goes away: killed, stopped or started anew, while the library waits
+// for it or not. Nobody waits for what cannot come, and everybody finds back.
+#define BOOST_TEST_MODULE lostConnection
+
+#include <boost/test/unit_test.hpp>
+
+#include "support/client.h"
+#include "support/fake_broker.h"
+#include "support/raw_peer.h"
+#include "support/service_process.h"
+#include "support/temporary_folder.h"
+
+using namespace kavri::tests;
+
+namespace {
+
+struct Setting {
+    TemporaryFolder folder;
+    std::string address = folder / "broker.sock";
+    BrokerProcess broker{address, {.testService = true}};
+    Library library;
+};
+
+// A responder that takes requests and answers none.
+struct SilentWorker : Setting {
+    Responder responder{address, "work"};
+    Initiator initiator{address};
+
+    // The request is in the responder's hand when this returns.
+    Message ask(const std::string& uuid = "0") {
+        requireSuccess(initiator.send("work", "do", uuid), "not sent");
+        return responder.receive();
+    }
+};
+
+}  // namespace
+
+BOOST_FIXTURE_TEST_SUITE(killed, SilentWorker)
+
+BOOST_AUTO_TEST_CASE(aBlockedReceiveReturns) {
+    ask();
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    BlockedCall receive([&] { status = initiator.receive(-1).status; });
+    BOOST_TEST(receive.sleeps());
+    broker.kill();
+    receive.join();
+    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+}
+
+BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsThoughNothingWasAsked) {
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    BlockedCall receive([&] { status = initiator.receive(-1).status; });
+    BOOST_TEST(receive.sleeps());
+    broker.kill();
+    receive.join();
+    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+}
+
+BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsWhileTheLibrarysThreadReads) {
+    Inbox events;
+    initiator.onEvent(Inbox::event, &events);
+    ask();
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    BlockedCall receive([&] { status = initiator.receive(-1).status; });
+    BOOST_TEST(receive.sleeps());
+    broker.kill();
+    receive.join();
+    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+}
+
+BOOST_AUTO_TEST_CASE(everyThreadThatIsBlockedReturns) {
+    std::array<kavri_core_status, 3> statuses{};
+    BlockedCall one([&] { statuses[0] = initiator.receive(-1).status; });
+    BlockedCall two([&] { statuses[1] = initiator.receive(-1).status; });
+    BlockedCall three([&] { statuses[2] = responder.receive(-1).status; });
+    BOOST_TEST(one.sleeps());
+    BOOST_TEST(two.sleeps());
+    BOOST_TEST(three.sleeps());
+    broker.kill();
+    one.join();
+    two.join();
+    three.join();
+    for (const kavri_core_status status : statuses) {
+        BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(eachRequestUnderWayIsReportedOnce) {
+    for (const std::string& uuid : numbers(3)) {
+        ask(uuid);
+    }
+    broker.kill();
+    for (int i = 0; i < 3; ++i) {
+        BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    }
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+}
+
+BOOST_AUTO_TEST_CASE(aResponseThatArrivedBeforeIsStillReceived) {
+    initiator.echo("arrived");
+    Initiator other(address);
+    other.echo("0");  // when this is answered, the one before is on its way
+    BOOST_TEST((other.receive().uuid == "0"));
+    broker.kill();
+    BOOST_TEST((initiator.receive(-1).uuid == "arrived"));
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+}
+
+BOOST_AUTO_TEST_CASE(noCallWaitsForABrokerThatIsNotThere) {
+    broker.kill();
+    constexpr auto unavailable = KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
+    BOOST_TEST(initiator.send("work", "do") == unavailable);
+    BOOST_TEST(initiator.subscribe("work") == unavailable);
+    BOOST_TEST(initiator.unsubscribe("work") == unavailable);
+    BOOST_TEST(initiator.receive(-1).status == unavailable);
+    BOOST_TEST(responder.publish("work", "event", "x") == unavailable);
+    BOOST_TEST(responder.receive(-1).status == unavailable);
+    BOOST_TEST(responder.receive(0).status == unavailable);
+}
+
+BOOST_AUTO_TEST_CASE(theAnswerToARequestOfTheLostConnectionIsRefused) {
+    const Message request = ask();
+    broker.kill();
+    BOOST_TEST(responder.answer(request, "late") == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(responder.finish(request) == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    broker.restart();
+    BOOST_TEST(responder.receive(0).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+    BOOST_TEST(responder.receive(10).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    BOOST_TEST(responder.answer(request, "later") == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+}
+
+BOOST_AUTO_TEST_CASE(everythingIsEndedWithoutABroker) {
+    Inbox inbox;
+    initiator.onResponse(Inbox::response, &inbox);
+    responder.onRequest(Inbox::request, &inbox);
+    initiator.subscribe("work");
+    broker.kill();
+    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.onEvent(Inbox::event, &inbox) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_responder_deinit(responder.release()) == KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(startedAnew, Setting)
+
+BOOST_AUTO_TEST_CASE(aSendNoticesNothing) {
+    Initiator initiator(address);
+    broker.restart();
+    BOOST_TEST(initiator.echo("0") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((initiator.receive().uuid == "0"));
+}
+
+BOOST_AUTO_TEST_CASE(theSameInitiatorWorksAgainAfterEachLoss) {
+    Initiator initiator(address);
+    for (const std::string& uuid : numbers(3)) {
+        BOOST_TEST(initiator.echo(uuid) == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST((initiator.receive().uuid == uuid));
+        broker.restart();
+        BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aReceiveConnectsAgain) {
+    Initiator initiator(address);
+    broker.kill();
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(initiator.receive(100).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+    broker.restart();
+    BOOST_TEST(initiator.receive(10).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+}
+
+BOOST_AUTO_TEST_CASE(aLostRequestDoesNotFailTheReceiveForALaterOne) {
+    Responder silent(address, "work");
+    Initiator initiator(address);
+    initiator.send("work", "do", "lost");
+    BOOST_TEST((silent.receive().uuid == "lost"));
+    broker.restart();
+    initiator.echo("later");
+    BOOST_TEST((initiator.receive(-1).uuid == "later"));
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+}
+
+BOOST_AUTO_TEST_CASE(responsesReachTheCallbackAgain) {
+    Initiator initiator(address);
+    Inbox inbox;
+    initiator.onResponse(Inbox::response, &inbox);
+    broker.restart();
+    BOOST_TEST(initiator.echo("0") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(inbox.waitFor(1));
+}
+
+BOOST_AUTO_TEST_CASE(aSubscriptionComesBackByItself) {
+    Initiator subscriber(address);
+    Inbox inbox;
+    subscriber.onEvent(Inbox::event, &inbox);
+    subscriber.subscribe("test");
+    subscriber.subscribe("dropped");
+    subscriber.unsubscribe("dropped");
+    for (int loss = 0; loss < 2; ++loss) {
+        broker.restart();
+        // No call is made: the thread of the callback connects by itself.
+        Initiator publisher(address);
+        const std::size_t before = inbox.count();
+        BOOST_TEST(eventually([&] {
+            publisher.send("test", "event", "0", "is it back");
+            return inbox.count() > before;
+        }));
+        // Once: what is published now comes once. It is the only one of its kind.
+        publisher.send("test", "event", "0", "the last");
+        BOOST_TEST(eventually([&] { return inbox.payloads().back() == "the last"; }));
+        Responder dropped(address, "dropped");
+        dropped.publish("dropped", "event", "dropped");
+        subscriber.echo("0");
+        BOOST_TEST((subscriber.receive().uuid == "0"));
+        const auto payloads = inbox.payloads();
+        BOOST_TEST(std::count(payloads.begin(), payloads.end(), "the last") == loss + 1);
+        BOOST_TEST(std::count(payloads.begin(), payloads.end(), "dropped") == 0);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aSubscriptionComesBackWithTheNextCall) {
+    Initiator subscriber(address);
+    subscriber.subscribe("test");
+    broker.restart();
+    BOOST_TEST(subscriber.echo("0") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((subscriber.receive().uuid == "0"));
+    Inbox inbox;
+    subscriber.onEvent(Inbox::event, &inbox);
+    subscriber.send("test", "event", "0", "back");
+    BOOST_TEST(inbox.waitFor(1));
+}
+
+BOOST_AUTO_TEST_CASE(aPollingResponderServesAgain) {
+    Responder responder(address, "work");
+    broker.restart();
+    BOOST_TEST(responder.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(responder.receive(0).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+    BOOST_TEST(responder.receive(10).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    Initiator initiator(address);
+    initiator.send("work", "do", "0");
+    responder.answer(responder.receive(), "served");
+    BOOST_TEST((initiator.receive().payload == "served"));
+}
+
+BOOST_AUTO_TEST_CASE(aRespondersCallbackServesAgainByItself) {
+    Responder responder(address, "work");
+    Inbox inbox;
+    responder.onRequest(Inbox::request, &inbox);
+    broker.restart();
+    Initiator initiator(address);
+    BOOST_TEST(eventually([&] {
+        initiator.send("work", "do");
+        return inbox.count() > 0 ||
+               initiator.receive(10).status != KAVRI_CORE_STATUS_IPC_NO_RESPONDER;
+    }));
+    BOOST_REQUIRE(inbox.waitFor(1));
+    responder.answer(inbox.messages().front(), "served");
+    BOOST_TEST(eventually([&] { return initiator.receive(10).payload == "served"; }));
+}
+
+BOOST_AUTO_TEST_CASE(aResponderWhoseCategoryWasTakenMeanwhileIsTold) {
+    Responder responder(address, "work");
+    broker.restart();
+    Responder usurper(address, "work");
+    BOOST_TEST(responder.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(responder.receive(-1).status == KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN);
+    BOOST_TEST(responder.publish("work", "event", "x") == KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN);
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(stoppedOnRequest, SilentWorker)
+
+BOOST_AUTO_TEST_CASE(theBrokerSaysGoodbye) {
+    RawPeer peer(address, "initiator");
+    BOOST_TEST(broker.stop());
+    const RawFrame goodbye = peer.expect(FrameType::goodbye);
+    BOOST_TEST(goodbye.values.status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+    BOOST_TEST(goodbye.values[Field::payload] == "the broker is stopping");
+    peer.expectEnd();
+}
+
+BOOST_AUTO_TEST_CASE(aBlockedReceiveReturns) {
+    ask();
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    BlockedCall receive([&] { status = initiator.receive(-1).status; });
+    BOOST_TEST(receive.sleeps());
+    BOOST_TEST(broker.stop());
+    receive.join();
+    // Whether the responder's connection was closed before the initiator's own
+    // is the broker's choice; the outcome is unknown either way.
+    BOOST_TEST((status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST ||
+                status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
+}
+
+BOOST_AUTO_TEST_CASE(nothingIsLeftInTheFolder) {
+    BOOST_TEST(broker.stop());
+    BOOST_TEST(std::filesystem::is_empty(folder.path()));
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(replacedByOneThatNeverAnswers, Setting)
+
+BOOST_AUTO_TEST_CASE(theEndDoesNotWaitForIt) {
+    // So long that the test would end first.
+    Initiator initiator(address, connectWithin(600'000));
+    Inbox inbox;
+    initiator.onEvent(Inbox::event, &inbox);
+    broker.stop();
+    FakeBroker mute(address);
+    RawPeer peer = mute.accept();
+    peer.expect(FrameType::hello);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+BOOST_AUTO_TEST_CASE(aReceiveKeepsToItsTimeout) {
+    Initiator initiator(address, connectWithin(600'000));
+    Inbox inbox;
+    initiator.onEvent(Inbox::event, &inbox);
+    broker.stop();
+    FakeBroker mute(address);
+    RawPeer peer = mute.accept();
+    peer.expect(FrameType::hello);
+    // The library's thread is connecting and will be for long.
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+    BOOST_TEST(initiator.receive(50).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+}
+
+BOOST_AUTO_TEST_CASE(aReceiveThatConnectsItselfKeepsToItsTimeout) {
+    Initiator initiator(address, connectWithin(600'000));
+    broker.stop();
+    FakeBroker mute(address);
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(initiator.receive(50).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+}
+
+BOOST_AUTO_TEST_SUITE_END()

@@ -1,0 +1,252 @@
+// A broker that is there and does nothing: it neither takes nor gives, as when it
+// is stopped by a signal.
+#define BOOST_TEST_MODULE stoppedBroker
+
+#include <boost/test/unit_test.hpp>
+
+#include "support/client.h"
+#include "support/fake_broker.h"
+#include "support/service_process.h"
+#include "support/temporary_folder.h"
+
+using namespace kavri::tests;
+namespace interfaces = kavri::interfaces;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+struct Setting {
+    TemporaryFolder folder;
+    std::string address = folder / "broker.sock";
+    BrokerProcess broker{address, {.testService = true}};
+    Library library;
+
+    ~Setting() { broker.thaw(); }
+};
+
+constexpr std::chrono::milliseconds timeout{100};
+const kavri_core_ipc_options shortSend = sendWithin(100);
+
+// Sends until a send fails: how many did not, and why the last did.
+struct Filled {
+    std::size_t sent = 0;
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    Clock::duration lastTook{};
+};
+Filled fill(Initiator& initiator, std::size_t payloadBytes) {
+    Filled filled;
+    const std::string payload(payloadBytes, 'x');
+    while (true) {
+        const auto begin = Clock::now();
+        filled.status = initiator.echo(std::to_string(filled.sent), payload);
+        filled.lastTook = Clock::now() - begin;
+        if (filled.status != KAVRI_CORE_STATUS_NO_ERROR) {
+            return filled;
+        }
+        ++filled.sent;
+    }
+}
+
+}  // namespace
+
+BOOST_FIXTURE_TEST_SUITE(stoppedBroker, Setting)
+
+BOOST_AUTO_TEST_CASE(aSendOfWhichNothingWentOutIsOverloadedAfterItsTimeout) {
+    Initiator initiator(address, shortSend);
+    broker.freeze();
+    const Filled filled = fill(initiator, 1000);
+    BOOST_TEST(filled.status == KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    BOOST_TEST((filled.lastTook >= timeout));
+    BOOST_TEST(filled.sent > 0U);
+    // Nothing is lost but what was refused, and the connection is as before.
+    broker.thaw();
+    for (const std::string& uuid : numbers(filled.sent)) {
+        BOOST_TEST((initiator.receive().uuid == uuid));
+    }
+    BOOST_TEST(initiator.echo("next") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((initiator.receive().uuid == "next"));
+}
+
+BOOST_AUTO_TEST_CASE(aSendOfWhichAPartWentOutLosesTheConnection) {
+    Initiator initiator(address, shortSend);
+    broker.freeze();
+    const Filled filled = fill(initiator, 1'000'000);
+    BOOST_TEST(filled.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST((filled.lastTook >= timeout));
+    broker.thaw();
+    BOOST_TEST(initiator.echo("next") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((initiator.receive().uuid == "next"));
+}
+
+BOOST_AUTO_TEST_CASE(aSendGoesOnWhenTheBrokerDoes) {
+    Initiator initiator(address);
+    const std::string payload(1'000'000, 'x');
+    broker.freeze();
+    kavri_core_status status = KAVRI_CORE_STATUS_IPC_FAILED;
+    BlockedCall send([&] { status = initiator.echo("0", payload); });
+    BOOST_TEST(send.sleeps());
+    broker.thaw();
+    send.join();
+    BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((initiator.receive().payload == payload));
+}
+
+BOOST_AUTO_TEST_CASE(aBlockedSendReturnsWhenTheBrokerIsKilled) {
+    Initiator initiator(address);
+    broker.freeze();
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    BlockedCall send([&] { status = initiator.echo("0", std::string(1'000'000, 'x')); });
+    BOOST_TEST(send.sleeps());
+    broker.kill();
+    send.join();
+    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+}
+
+BOOST_AUTO_TEST_CASE(otherThreadsReceiveWhileOneIsBlockedInASend) {
+    Initiator initiator(address);
+    initiator.echo("0");
+    Initiator other(address);
+    other.echo("0");  // when this is answered, the one before is on its way
+    BOOST_TEST((other.receive().uuid == "0"));
+    broker.freeze();
+    BlockedCall send([&] { initiator.echo("1", std::string(1'000'000, 'x')); });
+    BOOST_TEST(send.sleeps());
+    BOOST_TEST((initiator.receive(-1).uuid == "0"));
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    BOOST_TEST(!send.hasReturned());
+    broker.thaw();
+    send.join();
+    BOOST_TEST((initiator.receive(-1).uuid == "1"));
+}
+
+BOOST_AUTO_TEST_CASE(aSecondSendWaitsForTheFirst) {
+    Initiator initiator(address);
+    broker.freeze();
+    BlockedCall first([&] { initiator.echo("first", std::string(1'000'000, 'x')); });
+    BOOST_TEST(first.sleeps());
+    BlockedCall second([&] { initiator.echo("second"); });
+    BOOST_TEST(second.sleeps());
+    broker.thaw();
+    first.join();
+    second.join();
+    BOOST_TEST((initiator.receive().uuid == "first"));
+    BOOST_TEST((initiator.receive().uuid == "second"));
+}
+
+BOOST_AUTO_TEST_CASE(aBatchGoesOnWhenTheBrokerDoes) {
+    Initiator initiator(address);
+    constexpr std::size_t count = 3000;
+    const std::string payload(1000, 'x');
+    std::size_t sent = 0;
+    kavri_core_status status = KAVRI_CORE_STATUS_IPC_FAILED;
+    broker.freeze();
+    BlockedCall send([&] { status = initiator.echoBatch(numbers(count), payload, sent); });
+    BOOST_TEST(send.sleeps());
+    broker.thaw();
+    send.join();
+    BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(sent == count);
+    for (const std::string& uuid : numbers(count)) {
+        BOOST_REQUIRE((initiator.receive().uuid == uuid));
+    }
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+}
+
+BOOST_AUTO_TEST_CASE(anAnswerIsReceivedThoughTheBatchIsNotAllSentYet) {
+    const std::string other = folder / "fake.sock";
+    FakeBroker fake(other);
+    auto welcomed = fake.welcomeNext();
+    Initiator initiator(other);
+    RawPeer peer = welcomed.get();
+    constexpr std::size_t count = 3000;
+    std::size_t sent = 0;
+    BlockedCall send([&] { initiator.echoBatch(numbers(count), std::string(1000, 'x'), sent); });
+    BOOST_TEST(send.sleeps());
+    // The last request that is there as a whole; the write it belongs to is
+    // still under way.
+    const std::string waiting = peer.peek();
+    std::size_t last = 0;
+    for (std::size_t at = 0; at + interfaces::headerBytes <= waiting.size();) {
+        const auto measured = interfaces::measure(waiting.data() + at, interfaces::mebibyte);
+        if (at + measured.frameBytes > waiting.size()) {
+            break;
+        }
+        last = std::exchange(at, at + measured.frameBytes);
+    }
+    const Frame request = interfaces::decode(waiting.data() + last).value();
+    Frame response = request;
+    response.type = FrameType::response;
+    peer.send(response);
+    const Message received = initiator.receive(-1);
+    BOOST_TEST(received.status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((received.uuid == std::string(request[Field::uuid])));
+    BOOST_TEST(!send.hasReturned());
+    for (std::size_t i = 0; i < count; ++i) {
+        peer.expect(FrameType::request);
+    }
+    send.join();
+    BOOST_TEST(sent == count);
+}
+
+BOOST_AUTO_TEST_CASE(aBatchThatCannotAllBeSentSaysHowManyWere) {
+    Initiator initiator(address, shortSend);
+    std::size_t sent = 0;
+    broker.freeze();
+    const kavri_core_status status =
+        initiator.echoBatch(numbers(3000), std::string(1000, 'x'), sent);
+    BOOST_TEST((status == KAVRI_CORE_STATUS_IPC_OVERLOADED ||
+                status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST));
+    BOOST_TEST(sent > 0U);
+    BOOST_TEST(sent < 3000U);
+    broker.thaw();
+    const kavri_core_status expected = status == KAVRI_CORE_STATUS_IPC_OVERLOADED
+                                           ? KAVRI_CORE_STATUS_NO_ERROR
+                                           : KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
+    // One outcome for each that was sent, and none for the others.
+    for (std::size_t i = 0; i < sent; ++i) {
+        BOOST_REQUIRE(initiator.receive().status == expected);
+    }
+    BOOST_TEST(initiator.echo("next") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((initiator.receive().uuid == "next"));
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+}
+
+BOOST_AUTO_TEST_CASE(noInitiatorIsMadeWithinTheTimeToConnect) {
+    broker.freeze();
+    kavri_core_ipc_options options = optionsFor(address, connectWithin(100));
+    kavri_core_ipc_initiator* initiator = nullptr;
+    const auto begin = Clock::now();
+    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) ==
+               KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+    BOOST_TEST((Clock::now() - begin >= timeout));
+    BOOST_TEST(initiator == nullptr);
+}
+
+BOOST_AUTO_TEST_CASE(aSubscriptionThatIsNotAcknowledgedIsOverloaded) {
+    Initiator initiator(address, shortSend);
+    broker.freeze();
+    const auto begin = Clock::now();
+    BOOST_TEST(initiator.subscribe("test") == KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    BOOST_TEST(initiator.unsubscribe("test") == KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    BOOST_TEST((Clock::now() - begin >= 2 * timeout));
+    broker.thaw();
+    BOOST_TEST(initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+    Inbox inbox;
+    initiator.onEvent(Inbox::event, &inbox);
+    initiator.send("test", "event", "0", "after all");
+    BOOST_TEST(inbox.waitFor(1));
+}
+
+BOOST_AUTO_TEST_CASE(callbacksAreRemovedAndEndedAllTheSame) {
+    Initiator initiator(address);
+    Inbox inbox;
+    initiator.onResponse(Inbox::response, &inbox);
+    broker.freeze();
+    initiator.echo("0");
+    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.onResponse(Inbox::response, &inbox) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(inbox.count() == 0U);
+}
+
+BOOST_AUTO_TEST_SUITE_END()

@@ -1,0 +1,567 @@
+// `kavri conformance` as its users meet it: what it prints, how it ends, and
+// that it leaves nothing behind.
+//
+// Each test runs the real tool with an empty temporary folder of its own, and
+// has the tool's orphans come to the test, so that anything left over shows.
+// Healthy runs use the real library and broker; broken ones put a core library
+// that is wrong in a known way in its place.
+#define BOOST_TEST_MODULE conformanceCommand
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/test/unit_test.hpp>
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+
+#include "cli/child_process.h"
+#include "support/temporary_folder.h"
+
+using kavri::cli::ChildProcess;
+using kavri::cli::ChildSpawn;
+using kavri::cli::ExitState;
+using kavri::tests::TemporaryFolder;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Long enough never to be reached, short enough to end a test that hangs.
+constexpr std::chrono::seconds longEnough{30};
+
+const fs::path binFolder = KAVRI_BIN_DIR;
+const fs::path standInFolder = KAVRI_STAND_IN_DIR;
+const fs::path misbehavingFolder = KAVRI_MISBEHAVING_DIR;
+const fs::path lackingFolder = KAVRI_LACKING_DIR;
+
+using Arguments = std::vector<std::string>;
+using Environment = std::map<std::string, std::optional<std::string>>;
+
+struct Result {
+    ExitState exit;
+    std::string output;
+    std::string error;
+};
+
+// What every test of this file stands in.
+class Bench {
+  public:
+    Bench() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
+    Bench(const Bench&) = delete;
+    Bench& operator=(const Bench&) = delete;
+    ~Bench() { prctl(PR_SET_CHILD_SUBREAPER, 0); }
+
+    ChildSpawn spawn(const Arguments& arguments, const Environment& environment = {}) const {
+        ChildSpawn result = {.program = binFolder / "kavri", .arguments = {"conformance"}};
+        result.arguments.insert(result.arguments.end(), arguments.begin(), arguments.end());
+        result.environment = environment;
+        result.environment["TMPDIR"] = temporary_.path().string();
+        return result;
+    }
+
+    Result run(const Arguments& arguments, const Environment& environment = {}) const {
+        ChildProcess tool(spawn(arguments, environment));
+        return finish(tool);
+    }
+
+    // Waits for the tool, and checks that it has tidied up.
+    Result finish(ChildProcess& tool) const {
+        const std::optional<ExitState> exit = tool.wait(longEnough);
+        BOOST_REQUIRE_MESSAGE(exit.has_value(), "the tool does not end: " << tool.error());
+        checkNothingIsLeft();
+        return {*exit, tool.output(), tool.error()};
+    }
+
+    void checkNothingIsLeft() const {
+        BOOST_TEST(fs::is_empty(temporary_.path()));
+        const bool hasChild = waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD;
+        BOOST_TEST(!hasChild);
+    }
+
+  private:
+    TemporaryFolder temporary_;
+};
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// The words of a line, with TIME in place of a time and its unit.
+Arguments wordsOf(const std::string& line) {
+    Arguments words;
+    std::istringstream stream(line);
+    for (std::string word; stream >> word;) {
+        if ((word == "ms" || word == "s") && contains("0123456789", words.back().substr(0, 1))) {
+            words.back() = "TIME";
+        } else {
+            words.push_back(word);
+        }
+    }
+    return words;
+}
+
+// One line that begins with the command's name and holds the parts.
+void checkComplaint(const std::string& error, const Arguments& parts) {
+    const std::vector<std::string> lines = linesOf(error);
+    BOOST_REQUIRE_MESSAGE(!lines.empty(), "no complaint");
+    BOOST_TEST(lines.back().starts_with("kavri"));
+    for (const std::string& part : parts) {
+        BOOST_TEST(contains(lines.back(), part), "'" << part << "' is not in: " << lines.back());
+    }
+}
+
+// That nothing was run: no result, one line of complaint.
+void checkRefused(const Result& result, int status, const Arguments& parts) {
+    BOOST_TEST(result.exit.signal == 0);
+    BOOST_TEST(result.exit.code == status);
+    BOOST_TEST(result.output == "");
+    BOOST_TEST(linesOf(result.error).size() == 1U);
+    checkComplaint(result.error, parts);
+}
+
+const Arguments misbehaving = {"--library", misbehavingFolder, "--case", "initiatorSendPass"};
+
+// The check that passes last before the misbehaving library comes to misbehave.
+const std::string lastPassed =
+    "last check passed: " KAVRI_SOURCE_DIR "/tests/test_ipc_initiator.cpp(";
+
+Arguments with(Arguments first, const Arguments& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+// A folder with the tool in it, beside which other programs can be put.
+class ToolFolder {
+  public:
+    ToolFolder() { fs::copy_file(binFolder / "kavri", folder_ / "kavri"); }
+
+    void addScript(const std::string& name, const std::string& script) const {
+        std::ofstream(folder_ / name) << "#!/bin/sh\n" << script;
+        fs::permissions(folder_ / name, fs::perms::owner_all);
+    }
+    void link(const std::string& name) const {
+        fs::create_symlink(binFolder / name, folder_ / name);
+    }
+    fs::path tool() const { return folder_ / "kavri"; }
+
+  private:
+    TemporaryFolder folder_;
+};
+
+}  // namespace
+
+BOOST_FIXTURE_TEST_SUITE(conformanceCommand, Bench)
+
+BOOST_AUTO_TEST_CASE(aHealthyRunShowsEveryCaseAndSucceeds) {
+    const Result result = run({});
+    BOOST_TEST(result.exit.succeeded());
+    BOOST_TEST(result.error == "");
+    const std::vector<std::pair<std::string, int>> expected = {
+        {"initiatorSend/initiatorSendPass", 7},
+        {"initiatorSend/initiatorSendRepeat", 21},
+        {"initiatorSend/initiatorRepeatStaticResponse", 44},
+        {"initiatorSend/initiatorRepeatEcho", 44},
+        {"initiatorSend/initiatorRepeatEchoNonBlocking", 34},
+        {"initiatorSend/initiatorRepeatCallback", 77},
+        {"initiatorSend/initiatorFailReceiveWithCallback", 8},
+        {"initiatorEvent/initiatorRepeatEventCallback", 59}};
+    const std::vector<std::string> lines = linesOf(result.output);
+    BOOST_REQUIRE_EQUAL(lines.size(), expected.size() + 2);
+    BOOST_TEST(contains(lines.front(), "libkavri-core-test.so"));
+    for (size_t i = 0; i < expected.size(); ++i) {
+        const Arguments form = {expected[i].first, "passed", std::to_string(expected[i].second),
+                                "checks", "TIME"};
+        BOOST_TEST(wordsOf(lines[i + 1]) == form, boost::test_tools::per_element());
+    }
+    BOOST_TEST(lines.back().starts_with("8 cases, 8 passed; 294 checks, 294 passed, 0 failed; "));
+}
+
+BOOST_AUTO_TEST_CASE(aBrokerThatIsThereIsUsedAndLeftRunning) {
+    const TemporaryFolder folder;
+    const std::string socket = folder / "broker.sock";
+    ChildProcess broker({.program = binFolder / "kavri-broker",
+                         .arguments = {"--test-service", "--socket", socket}});
+    BOOST_REQUIRE(broker.waitForError("ready on " + socket, longEnough));
+    {
+        ChildProcess tool(spawn({"--socket", socket, "--case", "initiatorRepeatEcho"}));
+        const std::optional<ExitState> exit = tool.wait(longEnough);
+        BOOST_REQUIRE(exit.has_value());
+        BOOST_TEST(exit->succeeded());
+        BOOST_TEST(contains(tool.output(), "1 case, 1 passed; 44 checks, 44 passed, 0 failed; "));
+        BOOST_TEST(contains(tool.output(), socket));
+    }
+    BOOST_TEST(!broker.wait(std::chrono::milliseconds(0)).has_value());
+    broker.signal(SIGTERM);
+    BOOST_TEST(broker.wait(longEnough).has_value());
+    checkNothingIsLeft();
+}
+
+BOOST_AUTO_TEST_CASE(casesAreSelectedByPattern) {
+    const Result result = run({"--library", standInFolder, "--case", "*EventCallback", "--case",
+                               "initiatorSend/initiatorSendPass"});
+    BOOST_TEST(result.exit.succeeded());
+    BOOST_TEST(result.error == "");  // the loader, too, takes the library without a word
+    const std::vector<std::string> lines = linesOf(result.output);
+    BOOST_REQUIRE_EQUAL(lines.size(), 4U);
+    BOOST_TEST(lines[1].starts_with("initiatorSend/initiatorSendPass "));
+    BOOST_TEST(lines[2].starts_with("initiatorEvent/initiatorRepeatEventCallback "));
+    BOOST_TEST(lines[3].starts_with("2 cases, 2 passed; 66 checks, 66 passed, 0 failed; "));
+}
+
+BOOST_AUTO_TEST_CASE(aPatternThatMatchesNothingIsAnErrorThatNamesTheCases) {
+    checkRefused(run({"--case", "initiatorSendpass"}), 64,
+                 {"initiatorSendpass", "initiatorSend/initiatorSendPass",
+                  "initiatorEvent/initiatorRepeatEventCallback"});
+}
+
+BOOST_AUTO_TEST_CASE(failedChecksAreShownAsTheModuleWordsThem) {
+    const Result result = run({"--library", standInFolder, "--case", "initiatorRepeatEcho"},
+                              {{"STAND_IN_DEFECT", "answerPayload=wrong\x1b"}});
+    BOOST_TEST(result.exit.signal == 0);
+    BOOST_TEST(result.exit.code == 1);
+    const std::vector<std::string> lines = linesOf(result.output);
+    BOOST_REQUIRE_EQUAL(lines.size(), 13U);
+    const Arguments form = {
+        "initiatorSend/initiatorRepeatEcho", "failed", "44", "checks", "TIME", "(10", "failed)"};
+    BOOST_TEST(wordsOf(lines[1]) == form, boost::test_tools::per_element());
+    for (int i = 0; i < 10; ++i) {
+        const std::string shown = lines[2 + static_cast<size_t>(i)];
+        BOOST_TEST(shown.starts_with("    " KAVRI_SOURCE_DIR "/tests/test_ipc_initiator.cpp("));
+        BOOST_TEST(
+            shown.ends_with("): error: in \"initiatorSend/initiatorRepeatEcho\": check payload == "
+                            "rpayload has failed [CLIENT:echo " +
+                            std::to_string(i) + " != wrong\\x1b]"),
+            shown);
+    }
+    BOOST_TEST(lines.back().starts_with("1 case, 0 passed; 44 checks, 34 passed, 10 failed; "));
+}
+
+BOOST_AUTO_TEST_CASE(aMissingInitiatorFailsEachCaseAndTheRunGoesOn) {
+    const Result result =
+        run({"--library", standInFolder}, {{"STAND_IN_DEFECT", "initiatorMissing"}});
+    BOOST_TEST(result.exit.code == 1);
+    BOOST_TEST(contains(result.output, "8 cases, 0 passed; 32 checks, 24 passed, 8 failed; "));
+    BOOST_TEST(contains(result.output, "critical check c != __null has failed"));
+}
+
+BOOST_AUTO_TEST_CASE(aCaseThatHangsIsNamedWithItsLastCheck) {
+    const Result result = run(with(misbehaving, {"--timeout", "0.3"}), {{"MISBEHAVIOUR", "hang"}});
+    BOOST_TEST(result.exit.code == 2);
+    BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  hung       4 checks"));
+    checkComplaint(result.error, {"0.3 s", "initiatorSend/initiatorSendPass", lastPassed,
+                                  "): check c != __null"});
+}
+
+BOOST_AUTO_TEST_CASE(aCaseThatCrashesIsNamedWithTheSignalAndItsLastCheck) {
+    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "crash"}});
+    BOOST_TEST(result.exit.code == 2);
+    BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  crashed    4 checks"));
+    checkComplaint(result.error, {"SIGABRT", "initiatorSend/initiatorSendPass", lastPassed,
+                                  "): check c != __null"});
+}
+
+BOOST_AUTO_TEST_CASE(aLibraryThatEndsTheProcessInACaseDoesNotPass) {
+    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "exit"}});
+    BOOST_TEST(result.exit.code == 2);
+    checkComplaint(result.error,
+                   {"ended with status 0", "initiatorSend/initiatorSendPass", lastPassed});
+}
+
+BOOST_AUTO_TEST_CASE(casesAfterACrashAreCountedAsNotRun) {
+    const Result result = run({"--library", misbehavingFolder}, {{"MISBEHAVIOUR", "crash"}});
+    BOOST_TEST(result.exit.code == 2);
+    BOOST_TEST(
+        contains(result.output, "8 cases, 0 passed, 7 not run; 4 checks, 4 passed, 0 failed; "));
+}
+
+BOOST_AUTO_TEST_CASE(processesThatTheLibraryLeavesBehindAreEnded) {
+    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "leaveProcess"}});
+    BOOST_TEST(result.exit.code == 1);  // and nothing is left, as always
+}
+
+BOOST_AUTO_TEST_CASE(processesThatWereThereBeforeAreSpared) {
+    // The shell becomes the tool, whose child the sleeper is from then on.
+    ChildSpawn shell = spawn({"--library", standInFolder, "--case", "initiatorSendPass"});
+    shell.arguments.insert(
+        shell.arguments.begin(),
+        {"-c", "setsid sleep 1000 >&2 & echo $!; exec \"$0\" \"$@\"", shell.program});
+    shell.program = "/bin/bash";
+    ChildProcess tool(shell);
+    BOOST_REQUIRE(tool.wait(longEnough).has_value());
+    BOOST_TEST(contains(tool.output(), "1 case, 1 passed"));
+    const pid_t sleeper = std::stoi(tool.output());
+    BOOST_TEST(waitpid(sleeper, nullptr, WNOHANG) == 0);
+    kill(sleeper, SIGKILL);
+    BOOST_TEST(waitpid(sleeper, nullptr, 0) == sleeper);
+    checkNothingIsLeft();
+}
+
+BOOST_AUTO_TEST_CASE(whatTheLibraryPrintsIsPassedOnInWholeLines) {
+    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "print"}});
+    BOOST_TEST(!contains(result.output, "a line on"));
+    const std::vector<std::string> lines = linesOf(result.error);
+    BOOST_TEST((std::ranges::count(lines, "a line on standard error") == 2));
+    BOOST_TEST((std::ranges::count(lines, "a line on standard output") == 1));
+    BOOST_TEST(
+        (std::ranges::count(lines, "no line break at the enda line on standard output") == 1));
+    BOOST_TEST((std::ranges::count(lines, "no line break at the end") == 1));
+}
+
+BOOST_AUTO_TEST_CASE(functionsThatTheLibraryLacksAreNamedBeforeAnyCase) {
+    checkRefused(run({"--library", lackingFolder}), 3,
+                 {lackingFolder.string(),
+                  "kavri_core_ipc_initiator_event_subscribe, "
+                  "kavri_core_ipc_initiator_event_unsubscribe;"});
+}
+
+BOOST_AUTO_TEST_CASE(aLibraryThatCannotBeLoadedIsRefused) {
+    checkRefused(run(misbehaving, {{"MISBEHAVIOUR", "crashWhenLoaded"}}), 3,
+                 {"SIGABRT", "before any case", "cannot be loaded"});
+    const Result hung =
+        run(with(misbehaving, {"--timeout", "0.3"}), {{"MISBEHAVIOUR", "hangWhenLoaded"}});
+    checkRefused(hung, 2, {"0.3 s", "before any case"});
+    const TemporaryFolder folder;
+    std::ofstream(folder / "libkavri-core-test.so") << "no library";
+    checkRefused(run({"--library", folder.path()}), 3,
+                 {folder.path().string(), "cannot be loaded"});
+}
+
+BOOST_AUTO_TEST_CASE(aFolderWithoutTheLibraryIsRefused) {
+    const TemporaryFolder folder;
+    checkRefused(run({"--library", folder.path()}), 3,
+                 {"libkavri-core-test.so", folder.path().string()});
+    checkRefused(run({"--library", folder / "missing"}), 3, {folder / "missing"});
+    fs::create_directory(folder / "a:b");
+    fs::copy_file(misbehavingFolder / "libkavri-core-test.so",
+                  folder / "a:b" / "libkavri-core-test.so");
+    checkRefused(run({"--library", folder / "a:b"}), 3, {"':'", folder / "a:b"});
+}
+
+BOOST_AUTO_TEST_CASE(onlyTheModuleIsGivenTheLibrary) {
+    // The tool's own shared libraries would be looked for in the folder too.
+    const TemporaryFolder folder;
+    fs::copy_file(misbehavingFolder / "libkavri-core-test.so", folder / "libkavri-core-test.so");
+    std::ofstream(folder / "libfmt.so.9") << "no library";
+    const Result result = run({"--library", folder.path(), "--case", "initiatorSendPass"});
+    BOOST_TEST(result.exit.code == 1);
+    BOOST_TEST(contains(result.output, "7 checks, 6 passed, 1 failed"));
+}
+
+BOOST_AUTO_TEST_CASE(aBrokerThatIsNotThereIsToldApart) {
+    const TemporaryFolder folder;
+    const std::string missing = folder / "missing.sock";
+    checkRefused(run({"--socket", missing}), 3, {missing, "No such file", "kavri-broker"});
+
+    const std::string stale = folder / "stale.sock";
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {AF_UNIX, {}};
+    stale.copy(address.sun_path, sizeof address.sun_path - 1);
+    BOOST_REQUIRE(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
+    close(descriptor);
+    checkRefused(run({"--socket", stale}), 3, {stale, "nobody listens there", "kavri-broker"});
+
+    const std::string file = folder / "file";
+    std::ofstream(file) << "no socket";
+    checkRefused(run({"--socket", file}), 3, {file, "no socket"});
+
+    const std::string tooLong = "/" + std::string(107, 'x');
+    checkRefused(run({"--socket", tooLong}), 3, {tooLong, "108", "107"});
+    checkRefused(run({"--socket", ""}), 3, {"empty"});
+}
+
+BOOST_AUTO_TEST_CASE(aTemporaryFolderThatIsNoUseIsNamed) {
+    const TemporaryFolder folder;
+    const std::string missing = folder / "missing";
+    ChildSpawn gone = spawn({});
+    gone.environment["TMPDIR"] = missing;
+    ChildProcess withoutFolder(gone);
+    checkRefused(finish(withoutFolder), 3, {missing});
+
+    const fs::path deep = folder / std::string(100, 'x');
+    fs::create_directory(deep);
+    gone.environment["TMPDIR"] = deep.string();
+    ChildProcess withLongFolder(gone);
+    checkRefused(finish(withLongFolder), 3, {deep.string(), "107", "TMPDIR"});
+    BOOST_TEST(fs::is_empty(deep));
+}
+
+BOOST_AUTO_TEST_CASE(wrongCommandLinesAreUsageErrors) {
+    const std::vector<std::pair<Arguments, std::string>> wrong = {
+        {{"--tiemout", "3"}, "--tiemout"},
+        {{"extra"}, "extra"},
+        {{"--timeout", "soon"}, "'soon'"},
+        {{"--timeout", "0"}, "'0'"},
+        {{"--timeout", "-1"}, "'-1'"},
+        {{"--timeout", "nan"}, "'nan'"},
+        {{"--timeout"}, "--timeout"},
+        {{"--case"}, "--case"},
+        {{"--", "--log_level=all"}, "--log_level=all"}};
+    for (const auto& [arguments, part] : wrong) {
+        checkRefused(run(arguments), 64, {part});
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aCommandIsNeededAndMustBeKnown) {
+    for (const Arguments& arguments :
+         {Arguments{}, Arguments{"conform"}, Arguments{"--conformance"}}) {
+        ChildProcess tool({.program = binFolder / "kavri", .arguments = arguments});
+        checkRefused(finish(tool), 64, {"kavri --help"});
+    }
+}
+
+BOOST_AUTO_TEST_CASE(helpAndVersionGoToStandardOutput) {
+    const std::vector<std::pair<Arguments, std::string>> asked = {
+        {{"--help"}, "conformance"},
+        {{"conformance", "--help"}, "--library DIR"},
+        {{"--version"}, "kavri "}};
+    for (const auto& [arguments, part] : asked) {
+        ChildProcess tool({.program = binFolder / "kavri", .arguments = arguments});
+        const Result result = finish(tool);
+        BOOST_TEST(result.exit.succeeded());
+        BOOST_TEST(contains(result.output, part));
+        BOOST_TEST(result.error == "");
+    }
+}
+
+BOOST_AUTO_TEST_CASE(argumentsAfterTheDashesGoToTheModule) {
+    const Arguments quick = {"--library", standInFolder, "--case", "initiatorSendPass"};
+    const Result report = run(with(quick, {"--", "--report_level=detailed"}));
+    BOOST_TEST(report.exit.succeeded());
+    BOOST_TEST(contains(report.error, "7 assertions out of 7 passed"));
+    const Result unknown = run(with(quick, {"--", "--no_such_argument"}));
+    BOOST_TEST(unknown.exit.code == 64);
+    BOOST_TEST(contains(unknown.error, "no_such_argument"));
+    checkComplaint(unknown.error, {"refused"});
+}
+
+BOOST_AUTO_TEST_CASE(theModulesVariablesDoNotDisturbTheRun) {
+    const Result result = run({"--library", standInFolder, "--case", "initiatorSendPass"},
+                              {{"BOOST_TEST_LOG_LEVEL", "nothing"},
+                               {"BOOST_TEST_LOGGER", "XML,all,/dev/null"},
+                               {"BOOST_TEST_RUN_FILTERS", "initiatorRepeatEcho"},
+                               {"BOOST_TEST_COLOR_OUTPUT", "yes"}});
+    BOOST_TEST(result.exit.succeeded());
+    BOOST_TEST(contains(result.output, "1 case, 1 passed; 7 checks, 7 passed, 0 failed; "));
+}
+
+BOOST_AUTO_TEST_CASE(aSignalEndsTheRunTidily) {
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        // Ignored by whoever started the tests, it would be ignored by the tool.
+        signal(number, SIG_DFL);
+        ChildProcess tool(spawn(misbehaving, {{"MISBEHAVIOUR", "hang"}}));
+        BOOST_REQUIRE(tool.waitForError("hanging", longEnough));
+        tool.signal(number);
+        const Result result = finish(tool);
+        BOOST_TEST(result.exit.signal == number);
+        checkComplaint(result.error, {"stopped", "initiatorSend/initiatorSendPass"});
+        BOOST_TEST(contains(result.output, "1 case, 0 passed; "));
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aSignalBeforeAnyCaseEndsTheRunTidily) {
+    ChildProcess tool(spawn(misbehaving, {{"MISBEHAVIOUR", "hangWhenLoaded"}}));
+    // The tool keeps to itself what the module prints this early, so the
+    // module's process is what shows that it runs.
+    const std::string tasks = "/proc/" + std::to_string(tool.pid()) + "/task/";
+    const auto isLoading = [&] {
+        pid_t child = 0;
+        std::ifstream(tasks + std::to_string(tool.pid()) + "/children") >> child;
+        std::string arguments;
+        std::ifstream("/proc/" + std::to_string(child) + "/cmdline") >> arguments;
+        return contains(arguments, "--list_content");
+    };
+    const auto deadline = std::chrono::steady_clock::now() + longEnough;
+    while (!isLoading() && std::chrono::steady_clock::now() < deadline) {
+    }
+    BOOST_REQUIRE(isLoading());
+    tool.signal(SIGTERM);
+    const Result result = finish(tool);
+    BOOST_TEST(result.exit.signal == SIGTERM);
+    checkComplaint(result.error, {"stopped before any case"});
+}
+
+BOOST_AUTO_TEST_CASE(theRunOutlivesItsReader) {
+    int ends[2];
+    BOOST_REQUIRE(pipe2(ends, O_CLOEXEC) == 0);
+    ChildSpawn reader = spawn({"--library", standInFolder});
+    // The reading end is closed before the tool writes its first line.
+    close(ends[0]);
+    reader.inheritedDescriptors = {ends[1]};
+    reader.arguments.insert(
+        reader.arguments.begin(),
+        {"-c", "exec \"$0\" \"$@\" >&" + std::to_string(ends[1]), reader.program});
+    reader.program = "/bin/bash";
+    ChildProcess tool(reader);
+    close(ends[1]);
+    BOOST_TEST(finish(tool).exit.succeeded());
+}
+
+BOOST_AUTO_TEST_CASE(aSocketMayBeNamedFromTheCurrentFolder) {
+    // As a path from the root it would be longer than a socket's may be.
+    const TemporaryFolder folder;
+    const fs::path deep = folder / std::string(100, 'x');
+    fs::create_directory(deep);
+    ChildSpawn shell = spawn({"--socket", "s", "--case", "initiatorSendPass"});
+    shell.arguments.insert(
+        shell.arguments.begin(),
+        {"-c",
+         "cd \"$0\" || exit; kavri-broker --test-service --socket s 2>ready & broker=$!; "
+         "until grep -qs 'ready on' ready; do sleep 0.01; done; "
+         "kavri \"$@\"; status=$?; kill $broker; wait; exit $status",
+         deep});
+    shell.program = "/bin/bash";
+    shell.environment["PATH"] = binFolder.string() + ":/usr/bin:/bin";
+    ChildProcess tool(shell);
+    const Result result = finish(tool);
+    BOOST_TEST(result.exit.succeeded());
+    BOOST_TEST(contains(result.output, "1 case, 1 passed"));
+}
+
+BOOST_AUTO_TEST_CASE(programsThatAreMissingAreNamed) {
+    const ToolFolder folder;
+    const auto runIt = [&] {
+        ChildSpawn tool = spawn({"--timeout", "20"});
+        tool.program = folder.tool();
+        ChildProcess child(tool);
+        return finish(child);
+    };
+    checkRefused(runIt(), 3, {(folder.tool().parent_path() / "test_ipc_initiator").string()});
+    folder.link("test_ipc_initiator");
+    checkRefused(runIt(), 3, {(folder.tool().parent_path() / "kavri-broker").string()});
+    folder.addScript("kavri-broker", "echo 'kavri-broker: no room for a socket' >&2; exit 1\n");
+    checkRefused(runIt(), 3, {"status 1", "kavri-broker: no room for a socket"});
+}
+
+BOOST_AUTO_TEST_CASE(aBrokerThatEndsDuringTheRunMeansNoVerdict) {
+    const ToolFolder folder;
+    folder.link("test_ipc_initiator");
+    folder.addScript("kavri-broker",
+                     "echo \"kavri-broker: ready on $3\" >&2\n"
+                     "while [ ! -e \"$(dirname \"$0\")/end\" ]; do sleep 0.01; done\n"
+                     "echo 'kavri-broker: out of memory' >&2; kill -KILL $$\n");
+    ChildSpawn lost = spawn(misbehaving, {{"MISBEHAVIOUR", "hang"}});
+    lost.program = folder.tool();
+    ChildProcess tool(lost);
+    BOOST_REQUIRE(tool.waitForError("hanging", longEnough));
+    std::ofstream(folder.tool().parent_path() / "end") << "now";
+    const Result result = finish(tool);
+    BOOST_TEST(result.exit.code == 3);
+    BOOST_TEST(contains(result.error, "kavri-broker: out of memory\n"));
+    checkComplaint(result.error, {"broker", "SIGKILL", "initiatorSend/initiatorSendPass"});
+}
+
+BOOST_AUTO_TEST_SUITE_END()

@@ -1,0 +1,175 @@
+// The life of the library and of what is made with it: init and deinit in every
+// order that is allowed, and cycles without end that leave nothing behind.
+#define BOOST_TEST_MODULE lifecycle
+
+#include <malloc.h>
+
+#include <boost/test/unit_test.hpp>
+
+#include "support/client.h"
+#include "support/service_process.h"
+#include "support/temporary_folder.h"
+
+using namespace kavri::tests;
+
+namespace {
+
+struct Setting {
+    TemporaryFolder folder;
+    std::string address = folder / "broker.sock";
+    BrokerProcess broker{address, {.testService = true}};
+    kavri_core_ipc_options options = optionsFor(address);
+};
+
+std::size_t entriesIn(const std::string& folder) {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
+}
+std::size_t threads() {
+    return entriesIn("/proc/self/task");
+}
+std::size_t descriptors() {
+    return entriesIn("/proc/self/fd");
+}
+
+void ignoreEvent(char** category, char** identifier, char** payload, void*) {
+    for (char** string : {category, identifier, payload}) {
+        std::free(*string);
+    }
+}
+
+// One life of the library, with every kind of use in it. False when any step
+// failed.
+bool liveOnce(kavri_core_ipc_options& options) {
+    kavri_core_logging_cookie log = nullptr;
+    kavri_core_ipc_initiator* initiator = nullptr;
+    bool good =
+        kavri_core_init() == KAVRI_CORE_STATUS_NO_ERROR &&
+        kavri_core_logging_init("lifecycle", &log) == KAVRI_CORE_STATUS_NO_ERROR &&
+        kavri_core_ipc_initiator_init(log, &options, &initiator) == KAVRI_CORE_STATUS_NO_ERROR;
+    if (good) {
+        good = kavri_core_ipc_initiator_event_receive_callback(initiator, ignoreEvent, nullptr) ==
+                   KAVRI_CORE_STATUS_NO_ERROR &&
+               kavri_core_ipc_initiator_event_subscribe(initiator, "test") ==
+                   KAVRI_CORE_STATUS_NO_ERROR;
+        for (const char* command : {"echo", "event", "inc_repeat_count", "echo"}) {
+            good = good && kavri_core_ipc_initiator_command_send(initiator, "test", command, "7",
+                                                                 "x") == KAVRI_CORE_STATUS_NO_ERROR;
+        }
+        // The second answer is left for the end to drop.
+        Strings strings;
+        good = good && kavri_core_ipc_initiator_response_receive(
+                           initiator, -1, &strings.category, &strings.identifier, &strings.uuid,
+                           &strings.payload) == KAVRI_CORE_STATUS_NO_ERROR;
+        const Message response(KAVRI_CORE_STATUS_NO_ERROR, strings);
+        good = kavri_core_ipc_deinit(initiator) == KAVRI_CORE_STATUS_NO_ERROR && good &&
+               response.uuid == "7";
+    }
+    return kavri_core_logging_deinit(log) == KAVRI_CORE_STATUS_NO_ERROR &&
+           kavri_core_deinit() == KAVRI_CORE_STATUS_NO_ERROR && good;
+}
+
+}  // namespace
+
+BOOST_AUTO_TEST_CASE(callsBeforeInitAreRefused) {
+    kavri_core_logging_cookie log = nullptr;
+    kavri_core_ipc_initiator* initiator = nullptr;
+    kavri_core_ipc_responder* responder = nullptr;
+    BOOST_TEST(kavri_core_deinit() == KAVRI_CORE_STATUS_NOT_INITIALISED);
+    BOOST_TEST(kavri_core_logging_init("early", &log) == KAVRI_CORE_STATUS_NOT_INITIALISED);
+    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, nullptr, &initiator) ==
+               KAVRI_CORE_STATUS_NOT_INITIALISED);
+    BOOST_TEST(kavri_core_ipc_responder_init(nullptr, nullptr, "test", &responder) ==
+               KAVRI_CORE_STATUS_NOT_INITIALISED);
+    BOOST_TEST(log == nullptr);
+    BOOST_TEST(initiator == nullptr);
+    BOOST_TEST(responder == nullptr);
+}
+
+BOOST_AUTO_TEST_CASE(initCallsNest) {
+    kavri_core_logging_cookie log = nullptr;
+    BOOST_TEST(kavri_core_init() == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_init() == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_deinit() == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_logging_init("nested", &log) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_logging_deinit(log) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_deinit() == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_deinit() == KAVRI_CORE_STATUS_NOT_INITIALISED);
+    BOOST_TEST(kavri_core_logging_init("late", &log) == KAVRI_CORE_STATUS_NOT_INITIALISED);
+}
+
+BOOST_FIXTURE_TEST_CASE(anInitiatorOutlivesItsLoggingContextAndTheLibrary, Setting) {
+    kavri_core_init();
+    kavri_core_logging_cookie log = nullptr;
+    kavri_core_ipc_initiator* initiator = nullptr;
+    requireSuccess(kavri_core_logging_init("outlived", &log), "no logging context");
+    requireSuccess(kavri_core_ipc_initiator_init(log, &options, &initiator), "no initiator");
+    BOOST_TEST(kavri_core_logging_deinit(log) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_deinit() == KAVRI_CORE_STATUS_NO_ERROR);
+
+    BOOST_TEST(kavri_core_ipc_initiator_command_send(initiator, "test", "echo", "0", "still") ==
+               KAVRI_CORE_STATUS_NO_ERROR);
+    Strings strings;
+    const kavri_core_status status = kavri_core_ipc_initiator_response_receive(
+        initiator, patienceMs, &strings.category, &strings.identifier, &strings.uuid,
+        &strings.payload);
+    const Message response(status, strings);
+    BOOST_TEST(response.status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((response.payload == "still"));
+    BOOST_TEST(kavri_core_ipc_deinit(initiator) == KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+BOOST_FIXTURE_TEST_CASE(eightCyclesEachStartClean, Setting) {
+    for (int cycle = 0; cycle < 8; ++cycle) {
+        BOOST_TEST(liveOnce(options));
+        const Library library;
+        Initiator next(address);
+        Inbox inbox;
+        next.onEvent(Inbox::event, &inbox);
+        next.send("test", "event");
+        next.echo("mine");
+        // Neither the answer nor the subscription of the one before is there.
+        BOOST_TEST((next.receive().uuid == "mine"));
+        BOOST_TEST(next.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+        BOOST_TEST(inbox.count() == 0U);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(fiveHundredCyclesLeaveNothingBehind, Setting) {
+    ::setenv("KAVRI_LOG", "off", 0);
+    // What is made once and kept, such as the allocator's own caches, is made
+    // in the first cycles.
+    constexpr int warmUp = 50;
+    for (int cycle = 0; cycle < warmUp; ++cycle) {
+        BOOST_REQUIRE(liveOnce(options));
+    }
+    const std::size_t threadsBefore = 1;
+    BOOST_TEST(eventually([&] { return threads() == threadsBefore; }));
+    const std::size_t descriptorsBefore = descriptors();
+    [[maybe_unused]] const std::size_t bytesBefore = mallinfo2().uordblks;
+
+    int failed = 0;
+    for (int cycle = 0; cycle < 500; ++cycle) {
+        failed += liveOnce(options) ? 0 : 1;
+    }
+
+    // Before any check: a check allocates.
+    [[maybe_unused]] const std::size_t bytesAfter = mallinfo2().uordblks;
+    BOOST_TEST(failed == 0);
+    BOOST_TEST(eventually([&] { return threads() == threadsBefore; }));
+    BOOST_TEST(descriptors() == descriptorsBefore);
+#ifndef KAVRI_SANITIZED  // there the leak checker looks, and the allocator is another
+    // The least that can be lost in each cycle is one block of 16 bytes.
+    BOOST_TEST(bytesAfter < bytesBefore + std::size_t{500} * 16);
+#endif
+}
+
+BOOST_FIXTURE_TEST_CASE(fiveHundredCyclesLeaveNothingInTheBroker, Setting) {
+    BOOST_REQUIRE(liveOnce(options));
+    const auto idle = broker.descriptors();
+    for (int cycle = 0; cycle < 500; ++cycle) {
+        const Library library;
+        Initiator initiator(address);
+        initiator.echo("0");
+    }
+    BOOST_TEST(eventually([&] { return broker.descriptors() <= idle; }));
+}

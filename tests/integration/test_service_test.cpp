@@ -1,0 +1,196 @@
+// The test service as its callers see it: the same whether the broker hosts it
+// or it is a process of its own.
+#define BOOST_TEST_MODULE testService
+
+#include <boost/mpl/list.hpp>
+#include <boost/test/unit_test.hpp>
+
+#include "support/client.h"
+#include "support/service_process.h"
+#include "support/temporary_folder.h"
+
+using namespace kavri::tests;
+
+namespace {
+
+struct Embedded {
+    TemporaryFolder folder;
+    std::string address = folder / "broker.sock";
+    BrokerProcess broker{address, {.testService = true}};
+
+    ServiceProcess& service() { return broker; }
+};
+
+struct Separate {
+    TemporaryFolder folder;
+    std::string address = folder / "broker.sock";
+    BrokerProcess broker{address};
+    TestServiceProcess process{address};
+
+    ServiceProcess& service() { return process; }
+};
+
+using Kinds = boost::mpl::list<Embedded, Separate>;
+
+// A service of either kind, and an initiator.
+template <typename Kind>
+struct Setting : Kind {
+    Library library;
+    Initiator initiator{this->address};
+
+    Text ask(const std::string& command, const std::string& payload = " ") {
+        initiator.send("test", command, "0", payload);
+        return initiator.receive().payload;
+    }
+    Text count() { return ask("get_repeat_count"); }
+    void tell(const std::string& command) { initiator.send("test", command, "0", " "); }
+};
+
+std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+}  // namespace
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(echoRepeatsPayloadAndUuid, Kind, Kinds) {
+    Setting<Kind> setting;
+    for (const std::string& uuid : numbers(10)) {
+        setting.initiator.echo(uuid, "CLIENT:echo " + uuid);
+        const Message response = setting.initiator.receive();
+        BOOST_TEST((response.category == "test"));
+        BOOST_TEST((response.identifier == "echo"));
+        BOOST_TEST((response.uuid == uuid));
+        BOOST_TEST((response.payload == "CLIENT:echo " + uuid));
+    }
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(echoRepeatsWhatIsNoText, Kind, Kinds) {
+    Setting<Kind> setting;
+    std::string bytes;
+    for (int byte = 1; byte <= 255; ++byte) {
+        bytes += static_cast<char>(byte);
+    }
+    BOOST_TEST((setting.ask("echo", bytes) == bytes));
+    BOOST_TEST((setting.ask("echo", "") == ""));
+    const std::string million(1'000'000, 'x');
+    BOOST_TEST((setting.ask("echo", million) == million));
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(staticResponseIgnoresThePayload, Kind, Kinds) {
+    Setting<Kind> setting;
+    for (const char* payload : {"this is my payload", "something else", ""}) {
+        BOOST_TEST((setting.ask("static_response", payload) == "my static payload"));
+    }
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(responsesComeInTheOrderOfTheRequests, Kind, Kinds) {
+    Setting<Kind> setting;
+    for (const std::string& uuid : numbers(10)) {
+        setting.initiator.send("test", "static_response", uuid);
+    }
+    for (const std::string& uuid : numbers(10)) {
+        BOOST_TEST((setting.initiator.receive().uuid == uuid));
+    }
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(theCounterIsClearedCountedAndReadWithoutChange, Kind, Kinds) {
+    Setting<Kind> setting;
+    BOOST_TEST((setting.count() == "0"));
+    for (int i = 0; i < 10; ++i) {
+        setting.tell("inc_repeat_count");
+    }
+    BOOST_TEST((setting.count() == "10"));
+    BOOST_TEST((setting.count() == "10"));
+    setting.tell("clr_repeat_count");
+    BOOST_TEST((setting.count() == "0"));
+    BOOST_TEST(setting.initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(otherCommandsLeaveTheCounterAlone, Kind, Kinds) {
+    Setting<Kind> setting;
+    setting.tell("inc_repeat_count");
+    for (const char* command : {"echo", "static_response", "initiator"}) {
+        BOOST_TEST(setting.ask(command).has_value());
+    }
+    setting.tell("event");
+    BOOST_TEST((setting.count() == "1"));
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(theCounterIsOneForAllInitiators, Kind, Kinds) {
+    Setting<Kind> setting;
+    setting.tell("inc_repeat_count");
+    BOOST_TEST((setting.count() == "1"));
+    Initiator other(setting.address);
+    other.send("test", "get_repeat_count");
+    BOOST_TEST((other.receive().payload == "1"));
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(unknownCommandsAreAnsweredEmptyAndLoggedOnce, Kind, Kinds) {
+    Setting<Kind> setting;
+    for (const char* command : {"initiator", "initiator", "Echo", "initiator"}) {
+        setting.initiator.send("test", command, "9");
+        const Message response = setting.initiator.receive();
+        BOOST_TEST((response.identifier == command));
+        BOOST_TEST((response.uuid == "9"));
+        BOOST_TEST((response.payload == ""));
+    }
+    BOOST_TEST(setting.service().logs("\"Echo\""));
+    const std::string log = setting.service().log();
+    BOOST_TEST(occurrences(log, "unknown") == 2U);
+    BOOST_TEST(occurrences(log, "\"initiator\"") == 1U);
+    BOOST_TEST(occurrences(log, "\n") == 3U);  // with the line that says it is ready
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(eachEventCommandIsOneEventAndNoAnswer, Kind, Kinds) {
+    Setting<Kind> setting;
+    Inbox events;
+    setting.initiator.onEvent(Inbox::event, &events);
+    setting.initiator.subscribe("test");
+    for (const std::string& number : numbers(10)) {
+        setting.initiator.send("test", "event", number, number);
+    }
+    setting.initiator.echo("next");
+    BOOST_TEST((setting.initiator.receive().uuid == "next"));
+    BOOST_TEST(setting.initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    BOOST_TEST(events.waitFor(10));
+    BOOST_TEST((events.payloads() == numbers(10)));
+    BOOST_TEST((events.messages().front().category == "test"));
+    BOOST_TEST(events.messages().front().identifier.has_value());
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(anEventReachesNobodyWhoDidNotSubscribe, Kind, Kinds) {
+    Setting<Kind> setting;
+    Inbox events;
+    setting.initiator.onEvent(Inbox::event, &events);
+    Initiator subscriber(setting.address);
+    Inbox subscribed;
+    subscriber.onEvent(Inbox::event, &subscribed);
+    subscriber.subscribe("test");
+    setting.tell("event");
+    BOOST_TEST(subscribed.waitFor(1));
+    BOOST_TEST((setting.ask("echo", "after it") == "after it"));
+    BOOST_TEST(events.count() == 0U);
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(initiatorsComeAndGoAndEachGetsItsOwnAnswers, Kind, Kinds) {
+    Setting<Kind> setting;
+    for (const std::string& uuid : numbers(20)) {
+        Initiator one(setting.address);
+        Initiator other(setting.address);
+        one.echo(uuid, "one");
+        other.echo(uuid, "other");
+        BOOST_TEST((other.receive().payload == "other"));
+        BOOST_TEST((one.receive().payload == "one"));
+        one.echo("left behind");
+    }
+}
+
+BOOST_AUTO_TEST_CASE_TEMPLATE(theServiceStopsCleanlyWhenAsked, Kind, Kinds) {
+    Setting<Kind> setting;
+    BOOST_TEST((setting.ask("echo", "alive") == "alive"));
+    BOOST_TEST(setting.service().stop());
+}

@@ -1,0 +1,723 @@
+// A core library, a broker and a test service played by one small library, so
+// that the conformance module can be run against a peer that is wrong in exactly
+// one way.
+//
+// The module is run with this library in the core library's place. What it calls
+// is answered here, in the process: no broker, no socket. The environment says
+//
+//   STAND_IN_DEFECT  what is wrong, as "name" or "name=value"; see `knownDefects`
+//   STAND_IN_RECORD  the file that gets a line for each call, delivery, release
+//                    and pause, written at once, so that it outlives a crash
+//
+// Pauses are played too: `usleep` and `sleep` of this library take the place of
+// the C library's, are recorded, and take no time. Callbacks come on a thread of
+// this library's own, one at a time, while the module is in `sleep`; so every run
+// of a case gives the same record. `free` is replaced to see what becomes of the
+// strings handed out; under a sanitizer, which has its own, releases are not
+// recorded.
+#include <fcntl.h>
+#include <kavri/ipc.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <deque>
+#include <iterator>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// ---------------------------------------------------------------- what is wrong
+
+// Answers are counted per initiator from 1, in the order in which the service gives
+// them; so are events, sends and receives.
+constexpr std::string_view knownDefects[] = {  // Coming up. The value is the status returned.
+    "initRefused", "loggingInitRefused", "initiatorInitRefused",
+    "initiatorInitMisreported",  // refused, yet a handle is stored
+    "initiatorMissing",          // accepted, yet no handle is stored
+
+    // Requests. "Refused" does nothing, "misreported" does it and returns 13.
+    "sendsRefused", "sendRefused", "sendsMisreported",
+
+    // Receives. "Refused" stores nothing, "misreported" stores and returns 12.
+    "receivesRefused", "receivesMisreported", "receiveMisreported",
+
+    // Receives while a response callback is installed.
+    "receiveNotRefused",     // value: the time-out for which it finds no message instead
+    "receivesRefusedWith",   // value: the status
+    "refusedReceiveStores",  // value: the time-out for which it does
+
+    // Answers. The value is which one, or the text.
+    "answersMissing", "answerMissing", "answerDoubled", "answerOvertaken",
+    "thirdAnswerAtTry",  // value: the receive, counted from the answer on, that finds it
+    "answerPayload", "answerPayloadMissing", "answerUuid", "firstAnswerUuid", "answerUuidPrefix",
+
+    // The service. The value is the counter at the start, or the step.
+    "counterStart", "counterKept", "counterStep", "initiatorAnswered", "eventAnswered",
+
+    // Installing and removing callbacks, subscribing. The value is the status.
+    "responseCallbackRefused", "responseCallbackKept", "eventCallbackRefused", "eventCallbackKept",
+    "subscribeRefused", "unsubscribeRefused",
+
+    // Deliveries. The value is the context, the argument, which one, or how many.
+    "deliveryContext", "deliveryArgumentMissing", "deliveryTextMissing", "deliveriesInTime",
+    "eventLost", "eventDoubled"};
+
+// Ends the run if the environment asks for a defect that this library cannot play:
+// the test that asked would otherwise judge a healthy library.
+std::string chosenDefect() {
+    const char* text = getenv("STAND_IN_DEFECT");
+    if (text == nullptr || *text == '\0') {
+        return {};
+    }
+    const std::string chosen = text;
+    const std::string name = chosen.substr(0, chosen.find('='));
+    if (std::find(std::begin(knownDefects), std::end(knownDefects), name) ==
+        std::end(knownDefects)) {
+        fprintf(stderr, "stand-in core library: unknown defect \"%s\"\n", text);
+        abort();
+    }
+    return chosen;
+}
+
+// The value of the defect if it is the one in force; empty where it was given none.
+std::optional<std::string> defect(std::string_view name) {
+    static const std::string chosen = chosenDefect();
+    if (chosen.substr(0, chosen.find('=')) != name) {
+        return std::nullopt;
+    }
+    return chosen.size() > name.size() ? chosen.substr(name.size() + 1) : std::string();
+}
+
+bool defectIs(std::string_view name, const std::string& value) {
+    return defect(name) == value;
+}
+
+bool defectIs(std::string_view name, int value) {
+    return defectIs(name, std::to_string(value));
+}
+
+// The status that the defect calls for, or NO_ERROR if it is not in force.
+kavri_core_status statusOf(std::string_view name) {
+    const std::optional<std::string> value = defect(name);
+    return value ? static_cast<kavri_core_status>(std::stoi(*value)) : KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+// ------------------------------------------------------------------- the record
+
+// Does not allocate, as it is also called from within `free`.
+void recordLine(const char* text, size_t length) {
+    static const int file =
+        open(getenv("STAND_IN_RECORD") != nullptr ? getenv("STAND_IN_RECORD") : "/dev/null",
+             O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (write(file, text, length) != static_cast<ssize_t>(length)) {
+        abort();
+    }
+}
+
+void record(std::string line) {
+    line += '\n';
+    recordLine(line.data(), line.size());
+}
+
+std::string quoted(const char* text) {
+    if (text == nullptr) {
+        return "null";
+    }
+    std::string result = "\"";
+    for (; *text != '\0'; ++text) {
+        result += *text == '\n' ? std::string("\\n") : std::string(1, *text);
+    }
+    return result + "\"";
+}
+
+// What a variable of the caller's holds when its address is passed.
+template <typename Value>
+std::string held(Value* const* variable) {
+    return *variable == nullptr ? "[null]" : "[held]";
+}
+
+std::string hexadecimal(const void* value) {
+    char text[32];
+    snprintf(text, sizeof text, "0x%lx", reinterpret_cast<unsigned long>(value));
+    return text;
+}
+
+// Functions have no names here: the first one passed is function1, the next
+// different one function2.
+std::string functionName(const void* function) {
+    static std::vector<const void*> seen;
+    if (function == nullptr) {
+        return "null";
+    }
+    auto place = std::find(seen.begin(), seen.end(), function);
+    if (place == seen.end()) {
+        place = seen.insert(seen.end(), function);
+    }
+    return "function" + std::to_string(place - seen.begin() + 1);
+}
+
+// Records a call with its result, and gives the result back.
+kavri_core_status returned(const std::string& call, kavri_core_status status,
+                           const std::string& stored = "") {
+    record(call + " = " + std::to_string(status) + stored);
+    return status;
+}
+
+// ------------------------------------------------- strings that were handed out
+
+struct HandedOut {
+    std::atomic<void*> address;
+    char name[48];
+};
+
+// More than any case holds at once. Static, because `free` is called before and
+// after everything else in the process.
+std::array<HandedOut, 256> handedOut;
+
+#ifndef KAVRI_SANITIZED
+void noteRelease(void* address) {
+    for (HandedOut& entry : handedOut) {
+        void* expected = address;
+        if (!entry.address.compare_exchange_strong(expected, nullptr)) {
+            continue;
+        }
+        char line[64];
+        const int length = snprintf(line, sizeof line, "release %s\n", entry.name);
+        recordLine(line, static_cast<size_t>(length));
+    }
+}
+#endif
+
+char* handOut(const std::string& text, const std::string& name) {
+    char* copy = strdup(text.c_str());
+#ifndef KAVRI_SANITIZED
+    for (HandedOut& entry : handedOut) {
+        if (entry.address.load() == nullptr) {
+            snprintf(entry.name, sizeof entry.name, "%s", name.c_str());
+            entry.address.store(copy);
+            return copy;
+        }
+    }
+    abort();
+#else
+    (void)name;
+    return copy;
+#endif
+}
+
+// --------------------------------------------------------------------- messages
+
+// A response or an event.
+struct Message {
+    std::string name;  // "response1", in the record
+    std::string category;
+    std::string identifier;
+    std::optional<std::string> uuid;  // an event has none
+    std::optional<std::string> payload;
+    int failedTries = 0;  // how many receives do not find it yet
+};
+
+std::string described(const Message& message) {
+    std::string text = message.name + "(" + quoted(message.category.c_str()) + ", " +
+                       quoted(message.identifier.c_str()) + ", ";
+    if (message.uuid) {
+        text += quoted(message.uuid->c_str()) + ", ";
+    }
+    return text + quoted(message.payload ? message.payload->c_str() : nullptr) + ")";
+}
+
+}  // namespace
+
+// ------------------------------------------------------ the objects, the state
+
+struct kavri_core_logging {
+    int number;
+};
+
+struct kavri_core_ipc_initiator {
+    int number;
+    int sends = 0;
+    int receives = 0;
+    int answers = 0;
+    int events = 0;
+    bool subscribed = false;
+    std::deque<Message> responses;  // waiting to be received, or for a callback
+    std::deque<Message> eventsToCome;
+    std::deque<Message> overtaken;  // an answer that lets the next one pass
+    kavri_core_ipc_initiator_response_callback responseCallback = nullptr;
+    void* responseContext = nullptr;
+    kavri_core_ipc_initiator_event_callback eventCallback = nullptr;
+    void* eventContext = nullptr;
+};
+
+namespace {
+
+// Guards all that follows and the initiator's members. Never held in a callback, and
+// never destroyed: a case that dies leaves its thread behind when the process ends.
+std::mutex& stateMutex = *new std::mutex;
+
+// Kept for good: the module does not end what came before a failed initialisation.
+std::deque<kavri_core_logging> loggings;
+
+int initiatorsMade = 0;
+kavri_core_ipc_initiator* current = nullptr;  // the module has one at a time
+
+// The delivering thread, and what it is to do. `sleep` tells it to deliver and waits
+// until it is idle again.
+enum class Task { idle, deliver, end };
+std::atomic<Task> task = Task::idle;
+std::thread& deliverer = *new std::thread;
+
+int serviceCounter() {
+    const std::optional<std::string> start = defect("counterStart");
+    return std::stoi(start ? *start : defect("counterKept").value_or("0"));
+}
+
+int counter = serviceCounter();
+
+std::string nameOf(kavri_core_logging_cookie cookie) {
+    return cookie == nullptr ? "null" : "logging" + std::to_string(cookie->number);
+}
+
+std::string nameOf(const kavri_core_ipc_initiator* initiator) {
+    return initiator == nullptr ? "null" : "initiator" + std::to_string(initiator->number);
+}
+
+// ------------------------------------------------------------- the test service
+
+std::optional<std::string> answerPayload(const std::string& right) {
+    if (defect("answerPayloadMissing")) {
+        return std::nullopt;
+    }
+    return defect("answerPayload").value_or(right);
+}
+
+std::string answerUuid(int number, const std::string& right) {
+    if (number == 1 && defect("firstAnswerUuid")) {
+        return *defect("firstAnswerUuid");
+    }
+    return defect("answerUuid").value_or(defect("answerUuidPrefix").value_or("") + right);
+}
+
+void answer(kavri_core_ipc_initiator& initiator, const Message& request,
+            const std::string& payload) {
+    const int number = ++initiator.answers;
+    Message response = request;
+    response.name = "response" + std::to_string(number);
+    response.uuid = answerUuid(number, *request.uuid);
+    response.payload = answerPayload(payload);
+    if (number == 3 && defect("thirdAnswerAtTry")) {
+        response.failedTries = std::stoi(*defect("thirdAnswerAtTry")) - 1;
+    }
+    if (defect("answersMissing") || defectIs("answerMissing", number)) {
+        return;
+    }
+    if (defectIs("answerOvertaken", number)) {
+        initiator.overtaken.push_back(response);
+        return;
+    }
+    initiator.responses.push_back(response);
+    if (defectIs("answerDoubled", number)) {
+        response.name += "again";
+        initiator.responses.push_back(response);
+    }
+    std::move(initiator.overtaken.begin(), initiator.overtaken.end(),
+              std::back_inserter(initiator.responses));
+    initiator.overtaken.clear();
+}
+
+void publish(kavri_core_ipc_initiator& initiator, const Message& request) {
+    const int number = ++initiator.events;
+    if (!initiator.subscribed || defectIs("eventLost", number)) {
+        return;
+    }
+    Message event = request;
+    event.name = "event" + std::to_string(number);
+    event.uuid = std::nullopt;
+    initiator.eventsToCome.push_back(event);
+    if (defectIs("eventDoubled", number)) {
+        event.name += "again";
+        initiator.eventsToCome.push_back(event);
+    }
+}
+
+void serve(kavri_core_ipc_initiator& initiator, const Message& request) {
+    const std::string& command = request.identifier;
+    if (command == "echo") {
+        answer(initiator, request, *request.payload);
+    } else if (command == "static_response") {
+        answer(initiator, request, "my static payload");
+    } else if (command == "get_repeat_count") {
+        answer(initiator, request, std::to_string(counter));
+    } else if (command == "clr_repeat_count") {
+        counter = defect("counterKept") ? counter : 0;
+    } else if (command == "inc_repeat_count") {
+        counter += std::stoi(defect("counterStep").value_or("1"));
+    } else if (command == "event") {
+        publish(initiator, request);
+        if (defect("eventAnswered")) {
+            answer(initiator, request, "published");
+        }
+    } else if (defect("initiatorAnswered")) {
+        answer(initiator, request, "unknown command");
+    }
+}
+
+// --------------------------------------------------------------------- delivery
+
+// The four strings as a receiver gets them. Null where the message has none.
+struct Strings {
+    char* category;
+    char* identifier;
+    char* uuid;
+    char* payload;
+};
+
+Strings handOut(const Message& message) {
+    const auto text = [&](const char* field, const std::optional<std::string>& value) -> char* {
+        const bool missing = !value || defectIs("deliveryTextMissing", field);
+        return missing ? nullptr : handOut(*value, message.name + " " + field);
+    };
+    return {text("targetCategory", message.category), text("targetIdentifier", message.identifier),
+            text("uuid", message.uuid), text("payload", message.payload)};
+}
+
+// Null instead of the address, if that is the defect.
+char** argument(const char* name, char*& text) {
+    return defectIs("deliveryArgumentMissing", name) ? nullptr : &text;
+}
+
+void* contextToPass(void* installed) {
+    const std::optional<std::string> other = defect("deliveryContext");
+    return other ? reinterpret_cast<void*>(std::stoul(*other, nullptr, 16)) : installed;
+}
+
+void deliverResponse(std::unique_lock<std::mutex>& lock, kavri_core_ipc_initiator& initiator) {
+    const Message message = initiator.responses.front();
+    initiator.responses.pop_front();
+    const auto callback = initiator.responseCallback;
+    void* const context = contextToPass(initiator.responseContext);
+    lock.unlock();
+    record("deliver " + described(message) + " " + hexadecimal(context));
+    Strings strings = handOut(message);
+    callback(argument("targetCategory", strings.category),
+             argument("targetIdentifier", strings.identifier), argument("uuid", strings.uuid),
+             argument("payload", strings.payload), context);
+    lock.lock();
+}
+
+void deliverEvent(std::unique_lock<std::mutex>& lock, kavri_core_ipc_initiator& initiator) {
+    const Message message = initiator.eventsToCome.front();
+    initiator.eventsToCome.pop_front();
+    const auto callback = initiator.eventCallback;
+    void* const context = contextToPass(initiator.eventContext);
+    lock.unlock();
+    record("deliver " + described(message) + " " + hexadecimal(context));
+    Strings strings = handOut(message);
+    callback(argument("targetCategory", strings.category),
+             argument("targetIdentifier", strings.identifier), argument("payload", strings.payload),
+             context);
+    lock.lock();
+}
+
+bool responseDue(const kavri_core_ipc_initiator& initiator) {
+    return initiator.responseCallback != nullptr && !initiator.responses.empty();
+}
+
+bool eventDue(const kavri_core_ipc_initiator& initiator) {
+    return initiator.eventCallback != nullptr && !initiator.eventsToCome.empty();
+}
+
+// Delivers what there is for the current initiator, as much of it as comes in time.
+void deliverAll(std::unique_lock<std::mutex>& lock) {
+    int left = std::stoi(defect("deliveriesInTime").value_or("1000"));
+    while (current != nullptr && left-- > 0) {
+        if (responseDue(*current)) {
+            deliverResponse(lock, *current);
+        } else if (eventDue(*current)) {
+            deliverEvent(lock, *current);
+        } else {
+            return;
+        }
+    }
+}
+
+void setTask(Task next) {
+    task.store(next);
+    task.notify_all();
+}
+
+void runDeliverer() {
+    while (true) {
+        task.wait(Task::idle);
+        if (task.load() == Task::end) {
+            return;
+        }
+        std::unique_lock<std::mutex> lock(stateMutex);
+        deliverAll(lock);
+        lock.unlock();
+        setTask(Task::idle);
+    }
+}
+
+void stopDeliverer() {
+    setTask(Task::end);
+    deliverer.join();
+}
+
+// Signals are for the program's threads, not for this one.
+void startDeliverer() {
+    if (deliverer.joinable()) {
+        stopDeliverer();
+    }
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    task.store(Task::idle);
+    deliverer = std::thread(runDeliverer);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// -------------------------------------------------------------------- receiving
+
+void store(const Message& message, char** targetCategory, char** targetIdentifier, char** uuid,
+           char** payload) {
+    record("store " + described(message));
+    const Strings strings = handOut(message);
+    *targetCategory = strings.category;
+    *targetIdentifier = strings.identifier;
+    *uuid = strings.uuid;
+    *payload = strings.payload;
+}
+
+// What a receive returns while a response callback is installed.
+kavri_core_status refusal(int timeout) {
+    if (defectIs("receiveNotRefused", timeout)) {
+        return KAVRI_CORE_STATUS_IPC_NO_MESSAGE;
+    }
+    return defect("receivesRefusedWith") ? statusOf("receivesRefusedWith")
+                                         : KAVRI_CORE_STATUS_IPC_FAILED;
+}
+
+bool receiveMisreported(int number) {
+    return defect("receivesMisreported") || defectIs("receiveMisreported", number);
+}
+
+// Takes the next response if there is one yet. With a healthy service one is there
+// at once; where none is, a real library would wait, for ever perhaps.
+std::optional<Message> takeResponse(kavri_core_ipc_initiator& initiator) {
+    if (initiator.responses.empty() || initiator.responses.front().failedTries-- > 0) {
+        return std::nullopt;
+    }
+    const Message message = initiator.responses.front();
+    initiator.responses.pop_front();
+    return message;
+}
+
+// Whether the call that installs (or removes) a callback is to fail, and how.
+kavri_core_status installStatus(bool installs, std::string_view refused, std::string_view kept) {
+    return statusOf(installs ? refused : kept);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------- the twelve functions
+
+kavri_core_status kavri_core_init() {
+    return returned("kavri_core_init()", statusOf("initRefused"));
+}
+
+kavri_core_status kavri_core_deinit() {
+    return returned("kavri_core_deinit()", KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+kavri_core_status kavri_core_logging_init(const char* name, kavri_core_logging_cookie* cookie) {
+    const std::string call = "kavri_core_logging_init(" + quoted(name) + ", " + held(cookie) + ")";
+    const kavri_core_status status = statusOf("loggingInitRefused");
+    if (status != KAVRI_CORE_STATUS_NO_ERROR) {
+        return returned(call, status);
+    }
+    loggings.push_back({static_cast<int>(loggings.size()) + 1});
+    *cookie = &loggings.back();
+    return returned(call, status, " " + nameOf(*cookie));
+}
+
+kavri_core_status kavri_core_logging_deinit(kavri_core_logging_cookie cookie) {
+    return returned("kavri_core_logging_deinit(" + nameOf(cookie) + ")",
+                    KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie, void* options,
+                                                kavri_core_ipc_initiator** initiator) {
+    const std::string call = "kavri_core_ipc_initiator_init(" + nameOf(cookie) + ", " +
+                             (options == nullptr ? "null" : "given") + ", " + held(initiator) + ")";
+    const kavri_core_status refused = statusOf("initiatorInitRefused");
+    if (refused != KAVRI_CORE_STATUS_NO_ERROR || defect("initiatorMissing")) {
+        return returned(call, refused);
+    }
+    *initiator = new kavri_core_ipc_initiator;
+    (*initiator)->number = ++initiatorsMade;
+    {
+        const std::lock_guard<std::mutex> lock(stateMutex);
+        current = *initiator;
+    }
+    startDeliverer();
+    return returned(call, statusOf("initiatorInitMisreported"), " " + nameOf(*initiator));
+}
+
+kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator) {
+    const std::string call = "kavri_core_ipc_deinit(" + nameOf(initiator) + ")";
+    stopDeliverer();
+    {
+        const std::lock_guard<std::mutex> lock(stateMutex);
+        current = nullptr;
+    }
+    delete initiator;
+    return returned(call, KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* initiator,
+                                                        const char* targetCategory,
+                                                        const char* targetIdentifier,
+                                                        const char* uuid, const char* payload) {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    const std::string call = "kavri_core_ipc_initiator_command_send(" + nameOf(initiator) + ", " +
+                             quoted(targetCategory) + ", " + quoted(targetIdentifier) + ", " +
+                             quoted(uuid) + ", " + quoted(payload) + ")";
+    ++initiator->sends;
+    if (defect("sendsRefused") || defectIs("sendRefused", initiator->sends)) {
+        return returned(call, KAVRI_CORE_STATUS_IPC_TOO_LARGE);
+    }
+    serve(*initiator, Message{"", targetCategory, targetIdentifier, uuid, payload});
+    return returned(call, defect("sendsMisreported") ? KAVRI_CORE_STATUS_IPC_TOO_LARGE
+                                                     : KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initiator* initiator,
+                                                            int timeout, char** targetCategory,
+                                                            char** targetIdentifier, char** uuid,
+                                                            char** payload) {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    const std::string call = "kavri_core_ipc_initiator_response_receive(" + nameOf(initiator) +
+                             ", " + std::to_string(timeout) + ", " + held(targetCategory) + ", " +
+                             held(targetIdentifier) + ", " + held(uuid) + ", " + held(payload) +
+                             ")";
+    ++initiator->receives;
+    if (initiator->responseCallback != nullptr) {
+        if (!defectIs("refusedReceiveStores", timeout)) {
+            return returned(call, refusal(timeout));
+        }
+        const Message uncalledFor{"response0", "test", "none", "0", "uncalled for"};
+        store(uncalledFor, targetCategory, targetIdentifier, uuid, payload);
+        return returned(call, refusal(timeout));
+    }
+    if (defect("receivesRefused")) {
+        return returned(call, KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    }
+    const std::optional<Message> message = takeResponse(*initiator);
+    if (!message) {
+        return returned(call, KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    }
+    store(*message, targetCategory, targetIdentifier, uuid, payload);
+    return returned(call, receiveMisreported(initiator->receives)
+                              ? KAVRI_CORE_STATUS_IPC_CONNECTION_LOST
+                              : KAVRI_CORE_STATUS_NO_ERROR);
+}
+
+kavri_core_status kavri_core_ipc_initiator_response_receive_callback(
+    kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_response_callback callback,
+    void* context) {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    const std::string call =
+        "kavri_core_ipc_initiator_response_receive_callback(" + nameOf(initiator) + ", " +
+        functionName(reinterpret_cast<const void*>(callback)) + ", " + hexadecimal(context) + ")";
+    const kavri_core_status status =
+        installStatus(callback != nullptr, "responseCallbackRefused", "responseCallbackKept");
+    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+        initiator->responseCallback = callback;
+        initiator->responseContext = context;
+    }
+    return returned(call, status);
+}
+
+kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
+    kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_event_callback callback,
+    void* context) {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    const std::string call =
+        "kavri_core_ipc_initiator_event_receive_callback(" + nameOf(initiator) + ", " +
+        functionName(reinterpret_cast<const void*>(callback)) + ", " + hexadecimal(context) + ")";
+    const kavri_core_status status =
+        installStatus(callback != nullptr, "eventCallbackRefused", "eventCallbackKept");
+    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+        initiator->eventCallback = callback;
+        initiator->eventContext = context;
+    }
+    return returned(call, status);
+}
+
+kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initiator* initiator,
+                                                           const char* category) {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    const kavri_core_status status = statusOf("subscribeRefused");
+    initiator->subscribed = status == KAVRI_CORE_STATUS_NO_ERROR;
+    return returned("kavri_core_ipc_initiator_event_subscribe(" + nameOf(initiator) + ", " +
+                        quoted(category) + ")",
+                    status);
+}
+
+kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(kavri_core_ipc_initiator* initiator,
+                                                             const char* category) {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    initiator->subscribed = false;
+    return returned("kavri_core_ipc_initiator_event_unsubscribe(" + nameOf(initiator) + ", " +
+                        quoted(category) + ")",
+                    statusOf("unsubscribeRefused"));
+}
+
+// -------------------------------------------- in place of the C library's functions
+
+extern "C" {
+
+// Returns when everything that was going to come has been delivered. So no callback is
+// under way when the module removes it.
+unsigned int sleep(unsigned int seconds) {
+    record("sleep(" + std::to_string(seconds) + ")");
+    if (deliverer.joinable()) {
+        setTask(Task::deliver);
+        task.wait(Task::deliver);
+    }
+    return 0;
+}
+
+int usleep(useconds_t microseconds) {
+    record("usleep(" + std::to_string(microseconds) + ")");
+    return 0;
+}
+
+#ifndef KAVRI_SANITIZED
+void __libc_free(void* address);
+
+void free(void* address) noexcept {
+    const int savedErrno = errno;
+    if (address != nullptr) {
+        noteRelease(address);
+    }
+    errno = savedErrno;
+    __libc_free(address);
+}
+#endif
+}

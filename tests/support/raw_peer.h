@@ -1,0 +1,171 @@
+// One end of a connection that says whatever a test wants, true or not: a client
+// of the real broker, or a broker's side of a connection of the real library.
+//
+// Nothing here checks what is sent. Waiting for something that does not come
+// throws, so that a test fails instead of hanging.
+#ifndef KAVRI_TESTS_SUPPORT_RAW_PEER_H
+#define KAVRI_TESTS_SUPPORT_RAW_PEER_H
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "support/frames.h"
+#include "support/waiting.h"
+
+namespace kavri::tests {
+
+// A frame with its bytes.
+struct RawFrame {
+    std::vector<char> bytes;
+    Frame values;
+};
+
+inline sockaddr_un socketAddress(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        throw std::invalid_argument("too long for a socket: " + path);
+    }
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+inline Frame helloFrame(std::string_view role,
+                        std::uint64_t version = interfaces::protocolVersion) {
+    return makeFrame(FrameType::hello, version, {.identifier = role});
+}
+
+class RawPeer {
+  public:
+    explicit RawPeer(int descriptor) : descriptor_(descriptor) {}
+    explicit RawPeer(const std::string& path)
+        : RawPeer(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_un address = socketAddress(path);
+        if (::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address)) {
+            throw std::system_error(errno, std::generic_category(), "connect");
+        }
+    }
+    // A client that the broker has welcomed.
+    RawPeer(const std::string& path, std::string_view role) : RawPeer(path) {
+        send(helloFrame(role));
+        expect(FrameType::welcome);
+    }
+    RawPeer(RawPeer&& other) noexcept
+        : descriptor_(std::exchange(other.descriptor_, -1)), input_(std::move(other.input_)) {}
+    RawPeer& operator=(RawPeer&& other) noexcept {
+        std::swap(descriptor_, other.descriptor_);
+        std::swap(input_, other.input_);
+        return *this;
+    }
+    ~RawPeer() { close(); }
+
+    void close() {
+        if (descriptor_ >= 0) {
+            ::close(std::exchange(descriptor_, -1));
+        }
+    }
+    // Says no more, and still listens.
+    void endSending() { ::shutdown(descriptor_, SHUT_WR); }
+
+    // All of the bytes; a peer that closes meanwhile is no failure here.
+    void write(std::string_view bytes) {
+        while (!bytes.empty()) {
+            wait(POLLOUT);
+            const ssize_t taken =
+                ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (taken < 0 && errno != EAGAIN) {
+                return;
+            }
+            bytes.remove_prefix(taken > 0 ? static_cast<std::size_t>(taken) : 0);
+        }
+    }
+    void send(const Frame& frame) { write(encode(frame)); }
+
+    // As many bytes as the other side takes for now.
+    std::size_t writeSome(std::string_view bytes) {
+        const ssize_t taken =
+            ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        return taken > 0 ? static_cast<std::size_t>(taken) : 0;
+    }
+
+    // What waits to be read, and stays there.
+    std::string peek() const {
+        std::string bytes(1 << 20, '\0');
+        const ssize_t count =
+            ::recv(descriptor_, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
+        bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+        return bytes;
+    }
+
+    RawFrame receive() {
+        RawFrame frame;
+        while (true) {
+            if (input_.size() >= interfaces::headerBytes) {
+                const auto measured =
+                    interfaces::measure(input_.data(), interfaces::payloadCeilingBytes);
+                if (measured.error) {
+                    throw std::runtime_error("received what is no frame");
+                }
+                if (input_.size() >= measured.frameBytes) {
+                    frame.bytes.assign(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(
+                                                                            measured.frameBytes));
+                    input_.erase(0, measured.frameBytes);
+                    frame.values = interfaces::decode(frame.bytes.data()).value();
+                    return frame;
+                }
+            }
+            if (!readSome()) {
+                throw std::runtime_error("the other side closed where a frame was due");
+            }
+        }
+    }
+    RawFrame expect(FrameType type) {
+        RawFrame frame = receive();
+        if (frame.values.type != type) {
+            throw std::runtime_error(
+                "received a " + std::string(interfaces::typeName(frame.values.type)) + " where a " +
+                std::string(interfaces::typeName(type)) + " was due");
+        }
+        return frame;
+    }
+    // Reads on until the other side closes.
+    void expectEnd() {
+        while (readSome()) {
+        }
+    }
+
+  private:
+    void wait(short events) const {
+        pollfd waited{descriptor_, events, 0};
+        if (::poll(&waited, 1, patienceMs) != 1) {
+            throw std::runtime_error("nothing happened on the connection");
+        }
+    }
+    bool readSome() {
+        wait(POLLIN);
+        std::vector<char> chunk(65536);
+        const ssize_t count = ::recv(descriptor_, chunk.data(), chunk.size(), 0);
+        if (count > 0) {
+            input_.append(chunk.data(), static_cast<std::size_t>(count));
+        }
+        return count > 0;
+    }
+
+    int descriptor_;
+    std::string input_;
+};
+
+}  // namespace kavri::tests
+
+#endif

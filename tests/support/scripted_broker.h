@@ -1,0 +1,186 @@
+// The broker's router and protocol with sessions that have no sockets: a test
+// says frames for a session, and hears what waits in its outbox.
+//
+// Stands where the broker's loop stands: feeds what a session says in as the
+// loop does, keeps the table of sessions, and notes what is closed and why. It
+// knows no time: that somebody's patience is over is said by the test.
+#ifndef KAVRI_TESTS_SUPPORT_SCRIPTED_BROKER_H
+#define KAVRI_TESTS_SUPPORT_SCRIPTED_BROKER_H
+
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "broker/protocol.h"
+#include "broker/router.h"
+#include "support/frames.h"
+
+namespace kavri::tests {
+
+using broker::Session;
+using broker::SessionId;
+
+inline constexpr uid_t someUser = 1000;
+inline constexpr uid_t otherUser = 1001;
+
+class ScriptedBroker {
+  public:
+    explicit ScriptedBroker(const interfaces::Limits& itsLimits = {}, broker::Policy itsPolicy = {})
+        : limits(itsLimits), policy(std::move(itsPolicy)) {}
+
+    // A session that has said nothing yet.
+    Session& connect(uid_t user = someUser) {
+        std::uint32_t index = 0;
+        while (index < places_.size() && places_[index].session != nullptr) {
+            ++index;
+        }
+        if (index == places_.size()) {
+            places_.emplace_back();
+        }
+        Place& place = places_[index];
+        place.session = std::make_unique<Session>(SessionId{index, place.generation}, user,
+                                                  accounts_[user], pool);
+        return *place.session;
+    }
+
+    // One that said hello and has heard the welcome.
+    Session& join(std::string_view role, uid_t user = someUser) {
+        Session& session = connect(user);
+        say(session,
+            makeFrame(FrameType::hello, interfaces::protocolVersion, {.identifier = role}));
+        hearBytes(session);
+        return session;
+    }
+    Session& initiator(uid_t user = someUser) { return join("initiator", user); }
+    Session& responder(std::string_view category, uid_t user = someUser) {
+        Session& session = join("responder", user);
+        say(session, makeFrame(FrameType::registration, 1, {.category = category}));
+        hearBytes(session);
+        return session;
+    }
+    Session& subscriber(std::string_view category, uid_t user = someUser) {
+        Session& session = initiator(user);
+        say(session, makeFrame(FrameType::subscribe, 1, {.category = category}));
+        hearBytes(session);
+        return session;
+    }
+
+    // Returns the session that the frame must wait for, or null.
+    Session* say(Session& from, const Frame& frame) { return sayBytes(from, encode(frame)); }
+
+    // The same with any bytes: as much as the loop would have read at once.
+    Session* sayBytes(Session& from, std::string_view bytes) {
+        if (from.large) {
+            const std::size_t filled = std::min(bytes.size(), from.largeBytes - from.largeFilled);
+            std::memcpy(from.large->bytes() + from.largeFilled, bytes.data(), filled);
+            from.largeFilled += filled;
+            bytes.remove_prefix(filled);
+            if (Session* waitFor = protocol.takeLarge(from)) {
+                protocol.keep(from, bytes.data(), bytes.size());
+                return waitFor;
+            }
+            return bytes.empty() || from.isClosing ? nullptr : sayBytes(from, bytes);
+        }
+        // In memory of just its size, so that a byte too far is noticed.
+        const std::size_t before = from.backlog ? std::exchange(from.backlogBytes, 0) : 0;
+        std::vector<char> all(before + bytes.size());
+        if (before > 0) {
+            std::memcpy(all.data(), from.backlog->bytes(), before);
+        }
+        from.backlog = {};
+        std::copy(bytes.begin(), bytes.end(), all.begin() + static_cast<std::ptrdiff_t>(before));
+        return protocol.take(from, all.data(), all.size());
+    }
+
+    // All that waits for the session, which takes it.
+    std::string hearBytes(Session& session) {
+        std::string bytes;
+        while (!session.outbox.empty()) {
+            iovec piece{};
+            if (session.outbox.gather(&piece, 1) != 1 || piece.iov_len == 0) {
+                throw std::logic_error("an outbox with bytes in it gives none");
+            }
+            bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
+            session.outbox.consume(piece.iov_len);
+        }
+        std::erase(router.toWrite(), &session);
+        session.listedForWriting = false;
+        return bytes;
+    }
+    // The same as text, one frame a line.
+    std::string hear(Session& session) { return describeAll(hearBytes(session)); }
+    // The token of the one frame that waits for the session.
+    std::uint64_t hearToken(Session& session) {
+        const std::string bytes = hearBytes(session);
+        return framesIn(bytes).at(0).token;
+    }
+
+    // The session goes, as at the end of the round in which it was closed.
+    void leave(Session& session) {
+        router.forget(session);
+        std::erase(router.toWrite(), &session);
+        closings_.erase(session.id.index);
+        Place& place = places_[session.id.index];
+        ++place.generation;
+        place.session = nullptr;
+    }
+
+    // "status 14: the reason", or empty where the session was not closed.
+    std::string closing(const Session& session) const {
+        const auto found = closings_.find(session.id.index);
+        return found == closings_.end() ? std::string() : found->second;
+    }
+
+    std::size_t userBytes(uid_t user) { return accounts_[user].outboxBytes; }
+
+    const interfaces::Limits limits;
+    const broker::Policy policy;
+    broker::BufferPool pool;
+    std::vector<std::string> notes;  // what the router would log
+    broker::Router router{
+        limits,
+        policy,
+        pool,
+        {[this](SessionId id) { return find(id); },
+         [this](Session& session, std::string_view reason) {
+             close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
+         },
+         [this](const Session& /*session*/, std::string_view what) { notes.emplace_back(what); }}};
+    broker::Protocol protocol{limits, router, pool, "the-identity",
+                              [this](Session& session, kavri_core_status status,
+                                     std::string_view reason) { close(session, status, reason); }};
+
+  private:
+    struct Place {
+        std::unique_ptr<Session> session;
+        std::uint32_t generation = 0;
+    };
+
+    Session* find(SessionId id) {
+        return id.index < places_.size() && places_[id.index].generation == id.generation
+                   ? places_[id.index].session.get()
+                   : nullptr;
+    }
+
+    void close(Session& session, kavri_core_status status, std::string_view reason) {
+        if (!session.isClosing) {
+            session.isClosing = true;
+            closings_[session.id.index] =
+                "status " + std::to_string(status) + ": " + std::string(reason);
+        }
+    }
+
+    std::map<uid_t, broker::UserAccount> accounts_;
+    std::vector<Place> places_;
+    std::map<std::uint32_t, std::string> closings_;
+};
+
+}  // namespace kavri::tests
+
+#endif

@@ -1,0 +1,74 @@
+// Waiting in tests: for conditions, never for time.
+//
+// A condition that comes true is seen within a millisecond; the patience is only
+// spent by a test that fails.
+#ifndef KAVRI_TESTS_SUPPORT_WAITING_H
+#define KAVRI_TESTS_SUPPORT_WAITING_H
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+
+namespace kavri::tests {
+
+inline constexpr std::chrono::seconds patience{40};
+inline constexpr int patienceMs = 40'000;
+
+template <typename Condition>
+bool eventually(const Condition& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// The state letter in a thread's stat file: "S" for one that sleeps. Empty when
+// the thread is gone.
+inline std::string stateIn(const std::string& statFile) {
+    std::ifstream file(statFile);
+    std::string line;
+    std::getline(file, line);
+    const std::size_t name = line.rfind(") ");
+    return name == std::string::npos ? std::string() : line.substr(name + 2, 1);
+}
+
+// Runs a call that is to block, and tells when its thread sleeps in it.
+class BlockedCall {
+  public:
+    template <typename Call>
+    explicit BlockedCall(Call call)
+        : thread_([this, call = std::move(call)] {
+              id_ = static_cast<pid_t>(::syscall(SYS_gettid));
+              call();
+              returned_ = true;
+          }) {}
+
+    // Whether the call came to sleep without returning.
+    bool sleeps() const {
+        return eventually([this] {
+                   return returned_ || (id_ != 0 && stateIn("/proc/self/task/" +
+                                                            std::to_string(id_) + "/stat") == "S");
+               }) &&
+               !returned_;
+    }
+    bool hasReturned() const { return returned_; }
+    void join() { thread_.join(); }
+
+  private:
+    std::atomic<pid_t> id_{0};
+    std::atomic<bool> returned_{false};
+    std::jthread thread_;  // the last to come, the first to go
+};
+
+}  // namespace kavri::tests
+
+#endif

@@ -1,0 +1,153 @@
+// The broker's table of the requests that responders have in hand.
+#define BOOST_TEST_MODULE brokerOpenRequests
+
+#include <boost/test/unit_test.hpp>
+#include <map>
+#include <random>
+#include <set>
+
+#include "broker/open_requests.h"
+
+using namespace kavri::broker;
+
+namespace {
+
+struct Table {
+    OpenRequests requests;
+    BufferPool pool;
+    UserAccount account;
+    Session first{{0, 0}, 1000, account, pool};
+    Session second{{1, 0}, 1000, account, pool};
+
+    // By the initiator's token, which says which request it is.
+    std::uint64_t open(Session& responder, std::uint64_t initiatorToken) {
+        return requests.open(responder, {{7, 3}, initiatorToken});
+    }
+    // What `responder` has in hand under the token; 0 for nothing.
+    std::uint64_t found(const Session& responder, std::uint64_t token) const {
+        const OpenRequest* known = requests.find(responder, token);
+        return known == nullptr ? 0 : known->initiatorToken;
+    }
+};
+
+}  // namespace
+
+BOOST_FIXTURE_TEST_CASE(aRequestIsFoundByTheTokenItWasGiven, Table) {
+    const auto token = open(first, 11);
+    const OpenRequest* known = requests.find(first, token);
+    BOOST_REQUIRE(known != nullptr);
+    BOOST_TEST(known->initiatorToken == 11U);
+    BOOST_TEST((known->initiator == SessionId{7, 3}));
+    BOOST_TEST(first.requestsInHand == 1U);
+}
+
+BOOST_FIXTURE_TEST_CASE(nothingIsFoundUnderATokenThatWasNotGiven, Table) {
+    const auto token = open(first, 11);
+    for (const std::uint64_t other : {token + 1, token + (std::uint64_t{1} << 32U), UINT64_MAX,
+                                      token ^ (std::uint64_t{1} << 63U)}) {
+        BOOST_TEST(found(first, other) == 0U);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(anotherRespondersRequestIsNotFound, Table) {
+    const auto token = open(first, 11);
+    BOOST_TEST(found(second, token) == 0U);
+    const Session sameIndexLater({first.id.index, first.id.generation + 1}, 1000, account, pool);
+    BOOST_TEST(found(sameIndexLater, token) == 0U);
+}
+
+BOOST_FIXTURE_TEST_CASE(aClosedRequestIsNotFoundAgain, Table) {
+    const auto token = open(first, 11);
+    requests.close(first, token);
+    BOOST_TEST(found(first, token) == 0U);
+    BOOST_TEST(first.requestsInHand == 0U);
+}
+
+BOOST_FIXTURE_TEST_CASE(aTokenIsNotGivenOutAgain, Table) {
+    std::set<std::uint64_t> given;
+    for (std::uint64_t i = 1; i <= 1000; ++i) {
+        const auto token = open(first, i);
+        BOOST_REQUIRE(given.insert(token).second);
+        requests.close(first, token);
+    }
+    for (const auto token : given) {
+        BOOST_REQUIRE(found(first, token) == 0U);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(aSlotIsUsedAgain, Table) {
+    const auto before = open(first, 11);
+    requests.close(first, before);
+    const auto after = open(second, 12);
+    BOOST_TEST(static_cast<std::uint32_t>(before) == static_cast<std::uint32_t>(after));
+    BOOST_TEST(found(first, before) == 0U);
+    BOOST_TEST(found(second, before) == 0U);
+    BOOST_TEST(found(second, after) == 12U);
+}
+
+BOOST_FIXTURE_TEST_CASE(requestsCloseInAnyOrderOfThree, Table) {
+    for (const std::array<int, 3> order : std::initializer_list<std::array<int, 3>>{
+             {0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}) {
+        const std::array<std::uint64_t, 3> tokens = {open(first, 1), open(first, 2),
+                                                     open(first, 3)};
+        std::size_t left = 3;
+        for (const int which : order) {
+            requests.close(first, tokens[static_cast<std::size_t>(which)]);
+            BOOST_TEST(first.requestsInHand == --left);
+        }
+        BOOST_TEST(!requests.closeAny(first).has_value());
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(allOfOneResponderCanBeClosedAndNoneOfAnother, Table) {
+    std::set<std::uint64_t> expected;
+    std::vector<std::uint64_t> othersTokens;
+    for (std::uint64_t i = 1; i <= 10; ++i) {
+        open(first, i);
+        expected.insert(i);
+        othersTokens.push_back(open(second, 100 + i));
+    }
+    while (const auto closed = requests.closeAny(first)) {
+        BOOST_TEST(expected.erase(closed->initiatorToken) == 1U);
+    }
+    BOOST_TEST(expected.empty());
+    BOOST_TEST(first.requestsInHand == 0U);
+    BOOST_TEST(second.requestsInHand == 10U);
+    for (std::uint64_t i = 1; i <= 10; ++i) {
+        BOOST_TEST(found(second, othersTokens[i - 1]) == 100 + i);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(aRequestClosedByTurnIsNotFoundUnderItsToken, Table) {
+    const auto token = open(first, 11);
+    BOOST_REQUIRE(requests.closeAny(first).has_value());
+    BOOST_TEST(found(first, token) == 0U);
+}
+
+BOOST_FIXTURE_TEST_CASE(itAgreesWithAPlainMapWhateverHappens, Table) {
+    std::mt19937 random(4711);  // NOLINT(cert-msc51-cpp): the same every time
+    std::array<std::map<std::uint64_t, std::uint64_t>, 2> plain;
+    std::vector<std::uint64_t> given;
+    for (std::uint64_t step = 1; step <= 20000; ++step) {
+        const std::size_t which = random() % 2;
+        Session& responder = which == 0 ? first : second;
+        auto& expected = plain[which];
+        if (random() % 100 < 45) {
+            given.push_back(open(responder, step));
+            BOOST_REQUIRE(expected.emplace(given.back(), step).second);
+        } else if (!given.empty()) {
+            const auto token =
+                given[given.size() - 1 - random() % std::min<std::size_t>(given.size(), 50)];
+            const auto known = expected.find(token);
+            BOOST_REQUIRE(found(responder, token) == (known == expected.end() ? 0 : known->second));
+            if (known != expected.end()) {
+                requests.close(responder, token);
+                expected.erase(known);
+            }
+        }
+        BOOST_REQUIRE(responder.requestsInHand == expected.size());
+    }
+    for (const auto& [token, request] : plain[0]) {
+        BOOST_REQUIRE(found(first, token) == request);
+    }
+}

@@ -1,0 +1,286 @@
+// What waits for a peer: order, sharing, accounts and memory.
+#define BOOST_TEST_MODULE outbox
+
+#include "broker/outbox.h"
+
+#include <boost/test/unit_test.hpp>
+#include <random>
+#include <set>
+
+#include "support/frames.h"
+
+using kavri::broker::BlockRef;
+using kavri::broker::BufferPool;
+using kavri::broker::Outbox;
+using namespace kavri::tests;
+
+namespace {
+
+constexpr std::size_t standard = BufferPool::standardBytes;
+
+struct Peer {
+    BufferPool pool;
+    std::size_t userBytes = 0;
+    Outbox outbox{pool, userBytes};
+};
+
+std::vector<iovec> pieces(const Outbox& outbox, std::size_t most = 1000) {
+    std::vector<iovec> all(most);
+    all.resize(outbox.gather(all.data(), most));
+    return all;
+}
+
+// What the peer would be written, which stays there.
+std::string content(const Outbox& outbox) {
+    std::string bytes;
+    for (const iovec& piece : pieces(outbox)) {
+        bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
+    }
+    return bytes;
+}
+
+// Bytes of which no two parts are alike.
+std::string distinctBytes(std::size_t count, std::uint32_t seed = 1) {
+    std::mt19937 random(seed);
+    std::string bytes(count, '\0');
+    for (char& byte : bytes) {
+        byte = static_cast<char>(random());
+    }
+    return bytes;
+}
+
+BlockRef blockOf(BufferPool& pool, const std::string& bytes) {
+    BlockRef block = pool.take(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), block->bytes());
+    return block;
+}
+
+}  // namespace
+
+BOOST_FIXTURE_TEST_CASE(aFreshOutboxIsEmptyAndHoldsNothing, Peer) {
+    BOOST_TEST(outbox.empty());
+    BOOST_TEST(outbox.bytes() == 0U);
+    BOOST_TEST(pieces(outbox).empty());
+}
+
+BOOST_FIXTURE_TEST_CASE(whatIsAppendedComesOutInOrder, Peer) {
+    outbox.appendCopy("one, ");
+    outbox.appendShared(blockOf(pool, "two, "), 5);
+    outbox.appendCopy("three");
+    BOOST_TEST(content(outbox) == "one, two, three");
+    BOOST_TEST(outbox.bytes() == 15U);
+}
+
+BOOST_FIXTURE_TEST_CASE(aFrameIsAppendedAsItIsEncoded, Peer) {
+    const Frame frame = makeFrame(FrameType::request, 7, {"test", "echo", "u", "payload"}, 3);
+    outbox.append(frame);
+    BOOST_TEST((content(outbox) == encode(frame)));
+    BOOST_TEST(outbox.bytes() == kavri::interfaces::encodedBytes(frame));
+}
+
+BOOST_FIXTURE_TEST_CASE(smallFramesLeaveInOnePiece, Peer) {
+    for (std::uint64_t i = 0; i < 100; ++i) {
+        outbox.append(makeFrame(FrameType::ping, i));
+    }
+    BOOST_TEST(pieces(outbox).size() == 1U);
+}
+
+BOOST_FIXTURE_TEST_CASE(copiesThatDoNotFitGoOnInTheNextBlock, Peer) {
+    const std::string bytes = distinctBytes(3 * standard + 100);
+    for (std::size_t i = 0; i < bytes.size(); i += 1000) {
+        outbox.appendCopy(std::string_view(bytes).substr(i, 1000));
+    }
+    BOOST_TEST((content(outbox) == bytes));
+    BOOST_TEST(pieces(outbox).size() == 4U);
+}
+
+BOOST_FIXTURE_TEST_CASE(aBlockIsFilledToItsLastByteFirst, Peer) {
+    outbox.appendCopy(std::string(standard, 'x'));
+    BOOST_TEST(pieces(outbox).size() == 1U);
+    outbox.appendCopy("y");
+    BOOST_TEST(pieces(outbox).size() == 2U);
+}
+
+BOOST_FIXTURE_TEST_CASE(aSharedBlockIsNotCopied, Peer) {
+    const std::string bytes = distinctBytes(100'000);
+    const BlockRef block = blockOf(pool, bytes);
+    outbox.appendShared(block, bytes.size());
+    BOOST_REQUIRE(pieces(outbox).size() == 1U);
+    BOOST_TEST(pieces(outbox)[0].iov_base == static_cast<void*>(block->bytes()));
+    BOOST_TEST(pieces(outbox)[0].iov_len == bytes.size());
+}
+
+BOOST_FIXTURE_TEST_CASE(oneBlockGoesToManyPeersAndEachTakesItAtItsOwnPace, Peer) {
+    const std::string bytes = distinctBytes(50'000);
+    std::size_t otherUserBytes = 0;
+    Outbox other(pool, otherUserBytes);
+    {
+        const BlockRef block = blockOf(pool, bytes);
+        outbox.appendShared(block, bytes.size());
+        other.appendShared(block, bytes.size());
+        BOOST_TEST(block.isShared());
+    }
+    outbox.consume(49'999);
+    BOOST_TEST((content(other) == bytes));
+    outbox.consume(1);
+    BOOST_TEST(outbox.empty());
+    BOOST_TEST((content(other) == bytes));
+}
+
+// What is appended behind a shared block must not be written into it: others
+// would see it.
+BOOST_FIXTURE_TEST_CASE(nothingIsWrittenIntoABlockThatOthersHaveToo, Peer) {
+    std::size_t otherUserBytes = 0;
+    Outbox other(pool, otherUserBytes);
+    const BlockRef block = blockOf(pool, "shared");  // with room behind
+    outbox.appendShared(block, 6);
+    other.appendShared(block, 6);
+    outbox.appendCopy(" and mine");
+    other.appendCopy(" and another's");
+    BOOST_TEST(content(outbox) == "shared and mine");
+    BOOST_TEST(content(other) == "shared and another's");
+}
+
+BOOST_FIXTURE_TEST_CASE(partsAreConsumedByteByByte, Peer) {
+    const std::string bytes = distinctBytes(standard + 200);
+    outbox.appendCopy(std::string_view(bytes).substr(0, standard));
+    outbox.appendShared(blockOf(pool, bytes.substr(standard, 100)), 100);
+    outbox.appendCopy(std::string_view(bytes).substr(standard + 100));
+    for (std::size_t taken = 0; taken < bytes.size();) {
+        const std::size_t part = taken + 997 < standard ? 997 : 1;
+        outbox.consume(part);
+        taken += part;
+        BOOST_REQUIRE(outbox.bytes() == bytes.size() - taken);
+        BOOST_REQUIRE(outbox.empty() == (taken == bytes.size()));
+        BOOST_REQUIRE((content(outbox) == bytes.substr(taken)));
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(oneConsumptionMayTakeSeveralPieces, Peer) {
+    for (const char* text : {"one", "two", "three"}) {
+        outbox.appendShared(blockOf(pool, text), std::string_view(text).size());
+    }
+    outbox.consume(8);
+    BOOST_TEST(content(outbox) == "ree");
+    BOOST_TEST(pieces(outbox).size() == 1U);
+}
+
+BOOST_FIXTURE_TEST_CASE(whatIsAppendedAfterAPartWasTakenFollowsTheRest, Peer) {
+    outbox.appendCopy("abcdef");
+    outbox.consume(4);
+    outbox.appendCopy("gh");
+    BOOST_TEST(content(outbox) == "efgh");
+    BOOST_TEST(pieces(outbox).size() == 1U);
+    outbox.consume(4);
+    outbox.appendCopy("again");
+    BOOST_TEST(content(outbox) == "again");
+}
+
+BOOST_FIXTURE_TEST_CASE(noMoreIsGatheredThanIsAskedFor, Peer) {
+    for (int i = 0; i < 10; ++i) {
+        outbox.appendShared(blockOf(pool, std::to_string(i)), 1);
+    }
+    BOOST_TEST(pieces(outbox, 0).empty());
+    const std::vector<iovec> first = pieces(outbox, 3);
+    BOOST_REQUIRE(first.size() == 3U);
+    BOOST_TEST(*static_cast<char*>(first[0].iov_base) == '0');
+    BOOST_TEST(*static_cast<char*>(first[2].iov_base) == '2');
+    BOOST_TEST(pieces(outbox, 10).size() == 10U);
+    BOOST_TEST(pieces(outbox, 11).size() == 10U);
+}
+
+BOOST_FIXTURE_TEST_CASE(theUsersAccountIsTheSumOfHisOutboxes, Peer) {
+    {
+        Outbox another(pool, userBytes);
+        outbox.appendCopy("12345");
+        another.appendShared(blockOf(pool, "1234567"), 7);
+        BOOST_TEST(userBytes == 12U);
+        outbox.consume(2);
+        BOOST_TEST(userBytes == 10U);
+        another.append(makeFrame(FrameType::ping, 1));
+        BOOST_TEST(userBytes == 42U);
+        another.consume(8);
+        BOOST_TEST(userBytes == 34U);
+    }
+    BOOST_TEST(userBytes == 3U);  // the other is gone, with what was left in it
+    outbox.clear();
+    BOOST_TEST(userBytes == 0U);
+}
+
+BOOST_FIXTURE_TEST_CASE(aClearedOutboxIsAsGoodAsNew, Peer) {
+    outbox.appendCopy(std::string(3 * standard, 'x'));
+    outbox.consume(10);
+    outbox.clear();
+    BOOST_TEST(outbox.empty());
+    BOOST_TEST(pieces(outbox).empty());
+    outbox.appendCopy("new");
+    BOOST_TEST(content(outbox) == "new");
+    BOOST_TEST(userBytes == 3U);
+}
+
+// A chain of pieces that freed itself by recursion would end the program here.
+BOOST_FIXTURE_TEST_CASE(anOutboxOfVeryManyPiecesGoesQuietly, Peer) {
+    const BlockRef block = blockOf(pool, "x");
+    for (int i = 0; i < 300'000; ++i) {
+        outbox.appendShared(block, 1);
+    }
+    BOOST_TEST(userBytes == 300'000U);
+    outbox.clear();
+    BOOST_TEST(userBytes == 0U);
+    BOOST_TEST(!block.isShared());
+}
+
+BOOST_FIXTURE_TEST_CASE(anEmptiedOutboxGivesItsBlocksBack, Peer) {
+    const BlockRef block = blockOf(pool, "shared");
+    outbox.appendShared(block, 6);
+    BOOST_TEST(block.isShared());
+    outbox.consume(5);
+    BOOST_TEST(block.isShared());
+    outbox.consume(1);
+    BOOST_TEST(!block.isShared());
+}
+
+BOOST_AUTO_TEST_CASE(thePoolGivesTheSameMemoryAgain) {
+    BufferPool pool;
+    const char* used = pool.take(1)->bytes();
+    const BlockRef again = pool.take(standard);
+    BOOST_TEST(static_cast<const void*>(again->bytes()) == static_cast<const void*>(used));
+    BOOST_TEST(again->capacity() == standard);
+    const BlockRef another = pool.take(1);
+    BOOST_TEST(static_cast<const void*>(another->bytes()) != static_cast<const void*>(used));
+}
+
+BOOST_AUTO_TEST_CASE(aLargeBlockHasItsOwnSizeAndIsNotKept) {
+    BufferPool pool;
+    BOOST_TEST(pool.take(standard + 1)->capacity() == standard + 1);
+    BOOST_TEST(pool.take(1)->capacity() == standard);
+}
+
+BOOST_AUTO_TEST_CASE(aBlockLivesAsLongAsAnyReferenceToIt) {
+    BufferPool pool;
+    BlockRef first = pool.take(1);
+    first->bytes()[0] = 'k';
+    BlockRef second = first;
+    BlockRef third = std::move(first);
+    second = {};
+    BOOST_TEST(!third.isShared());
+    BOOST_TEST(third->bytes()[0] == 'k');
+    BOOST_TEST(!static_cast<bool>(second));
+    // Still in use, so the pool must not hand it out.
+    BOOST_TEST(static_cast<const void*>(pool.take(1)->bytes()) !=
+               static_cast<const void*>(third->bytes()));
+}
+
+BOOST_AUTO_TEST_CASE(aTrimmedPoolServesOn) {
+    BufferPool pool;
+    {
+        std::vector<BlockRef> burst;
+        for (int i = 0; i < 2000; ++i) {
+            burst.push_back(pool.take(1));
+        }
+    }
+    pool.trim();
+    const BlockRef block = pool.take(100);
+    block->bytes()[99] = 'x';
+    BOOST_TEST(block->capacity() == standard);
+}
