@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "cli/bench_command.h"
 #include "cli/conformance_command.h"
 #include "cli/exit_status.h"
 
@@ -38,44 +39,76 @@ void openMissingStandardDescriptors() {
     }
 }
 
-int runCommandLine(std::vector<std::string> arguments) {
-    ConformanceOptions conformance;
+// What follows "--" goes to the module, which only one command runs.
+std::vector<std::string> cutModuleArguments(std::vector<std::string>& arguments) {
     const auto dashes = std::ranges::find(arguments, "--");
-    if (dashes != arguments.end()) {
-        conformance.moduleArguments.assign(dashes + 1, arguments.end());
-        arguments.erase(dashes, arguments.end());
+    if (dashes == arguments.end()) {
+        return {};
+    }
+    std::vector<std::string> cut(dashes + 1, arguments.end());
+    arguments.erase(dashes, arguments.end());
+    return cut;
+}
+
+// The commands, and what the command line said to them.
+struct Commands {
+    CLI::App app{"Tools for the kavri core library and its broker.", "kavri"};
+    ConformanceOptions conformance;
+    BenchOptions bench;
+
+    Commands() {
+        app.set_version_flag("--version", "kavri " KAVRI_VERSION);
+        app.require_subcommand(1);
+        describeConformance(
+            *app.add_subcommand(
+                "conformance",
+                "Run the conformance module against a broker and show what it finds"),
+            conformance);
+        describeBench(*app.add_subcommand("bench", "Measure how fast the broker at hand is"),
+                      bench);
+        app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
     }
 
-    CLI::App app("Tools for the kavri core library and its broker.", "kavri");
-    app.set_version_flag("--version", "kavri " KAVRI_VERSION);
-    app.require_subcommand(1);
-    CLI::App* conformanceCommand = app.add_subcommand(
-        "conformance", "Run the conformance module against a broker and show what it finds");
-    describeConformance(*conformanceCommand, conformance);
-    app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
+    // The name of the one that was called, behind the tool's own.
+    std::string name() const {
+        const std::vector<CLI::App*> called = app.get_subcommands();
+        return called.empty() ? "kavri" : "kavri " + called.front()->get_name();
+    }
 
-    std::string name = "kavri";
+    ExitStatus run() {
+        if (app.got_subcommand("conformance")) {
+            return runConformance(conformance);
+        }
+        if (!conformance.moduleArguments.empty()) {
+            throw CommandFailure(ExitStatus::usage,
+                                 "arguments after -- are for 'kavri conformance' only");
+        }
+        return runBench(bench);
+    }
+};
+
+int runCommandLine(std::vector<std::string> arguments) {
+    Commands commands;
+    commands.conformance.moduleArguments = cutModuleArguments(arguments);
     try {
         std::ranges::reverse(arguments);  // as the parser takes them
-        app.parse(arguments);
-        name += " " + conformanceCommand->get_name();
-        return static_cast<int>(runConformance(conformance));
+        commands.app.parse(arguments);
+        return static_cast<int>(commands.run());
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            return app.exit(error);  // --help or --version
+            return commands.app.exit(error);  // --help or --version
         }
-        const std::vector<std::string> unknown = app.remaining();
-        if (app.get_subcommands().empty() && !unknown.empty()) {
-            return complain(name,
+        const std::vector<std::string> unknown = commands.app.remaining();
+        if (commands.app.get_subcommands().empty() && !unknown.empty()) {
+            return complain("kavri",
                             "no command or option '" + unknown.front() + "'; see 'kavri --help'",
                             ExitStatus::usage);
         }
-        const bool isCommand = conformanceCommand->parsed();
-        name += isCommand ? " " + conformanceCommand->get_name() : "";
+        const std::string name = commands.name();
         return complain(name, singleLine(error.what()) + "; see '" + name + " --help'",
                         ExitStatus::usage);
     } catch (const CommandFailure& failure) {
-        return complain(name, failure.what(), failure.status());
+        return complain(commands.name(), failure.what(), failure.status());
     }
 }
 
