@@ -23,7 +23,9 @@
  *
  * Callbacks run one at a time per initiator or responder, on a thread of the
  * library's own in which all signals are blocked. Every function may be called
- * from within a callback.
+ * from within a callback. While other threads send over an initiator, its
+ * callbacks wait until 200 microseconds after the last send, for 2 ms at most:
+ * what answers a burst is delivered together, and not against the sender.
  *
  * Time-outs are in milliseconds; 0 does not wait, -1 waits without limit.
  *
@@ -213,8 +215,9 @@ kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initia
                                                            const char* category);
 
 /*
- * Ends a subscription. No event of the category is delivered by a callback
- * that begins after the return. Waits like subscribe. Ending one that is not
+ * Ends a subscription. No event of the category is taken for delivery after the
+ * return; a callback for one that was taken before may still be under way. Waits
+ * like subscribe. Ending one that is not
  * there changes nothing.
  *
  * NO_ERROR; the failures of subscribe. The subscription is over in this

@@ -142,7 +142,7 @@ Connection::Refusal Connection::registerFor(std::string_view category, Patience 
     if (refusal.status != KAVRI_CORE_STATUS_NO_ERROR) {
         return refusal;
     }
-    const auto status = static_cast<kavri_core_status>(acknowledgement.status);
+    const auto status = statusIn(acknowledgement);
     return {status, kavri_core_status_text(status)};
 }
 

@@ -24,11 +24,17 @@ using Clock = std::chrono::steady_clock;
 // A moment to wait until; nothing: without limit.
 using Deadline = std::optional<Clock::time_point>;
 
-// The status of a frame that tells of a failure; `otherwise` where it names none.
+// The status of a frame; one that this library does not know is a later version's.
+inline kavri_core_status statusIn(const interfaces::Frame& frame) {
+    return frame.status <= KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN
+               ? static_cast<kavri_core_status>(frame.status)
+               : KAVRI_CORE_STATUS_IPC_INCOMPATIBLE;
+}
+
+// Likewise of a frame that tells of a failure; `otherwise` where it names none.
 inline kavri_core_status failureIn(const interfaces::Frame& frame, kavri_core_status otherwise) {
-    return frame.status == KAVRI_CORE_STATUS_NO_ERROR
-               ? otherwise
-               : static_cast<kavri_core_status>(frame.status);
+    const kavri_core_status status = statusIn(frame);
+    return status == KAVRI_CORE_STATUS_NO_ERROR ? otherwise : status;
 }
 
 // Wakes a thread that waits for a connection.

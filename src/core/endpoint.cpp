@@ -419,12 +419,34 @@ void Endpoint::ensureThread() {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+void Endpoint::noteSend() {
+    if (thread_.joinable() && !isOwnThread()) {
+        lastSend_ = Clock::now();
+    }
+}
+
+void Endpoint::deliverAfterBurst(Lock& lock) {
+    const Clock::time_point now = Clock::now();
+    if (!deliveryDue_) {
+        deliveryDue_ = now + interfaces::burstLimit;
+    }
+    const Clock::time_point burstEnd = std::min(lastSend_ + interfaces::burstPause, *deliveryDue_);
+    if (now < burstEnd) {
+        changed_.wait_until(lock, burstEnd);
+        return;
+    }
+    deliver(lock);
+    if (!hasDelivery()) {
+        deliveryDue_.reset();
+    }
+}
+
 void Endpoint::runThread() {
     Lock lock = acquire();
     std::chrono::milliseconds pause = interfaces::firstReconnectPause;
     while (!ending_) {
         if (hasDelivery()) {
-            deliver(lock);
+            deliverAfterBurst(lock);
         } else if (!gathered_.empty()) {
             flushGathered(lock);
         } else if (!hasCallback()) {

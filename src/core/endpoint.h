@@ -122,6 +122,10 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     kavri_core_status sendFrames(Lock& lock, std::size_t count, const FrameAt& frameAt,
                                  std::size_t& sent);
 
+    // A thread of the program's own has sent: what answers it is delivered when
+    // the burst, if it is one, is over.
+    void noteSend();
+
     // Something changed that others may wait for.
     void announce();
 
@@ -174,6 +178,7 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     bool isOwnThread() const { return thread_.get_id() == std::this_thread::get_id(); }
     void ensureThread();
     void runThread();
+    void deliverAfterBurst(Lock& lock);
 
     const Settings settings_;
     std::mutex mutex_;
@@ -188,6 +193,8 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     bool connecting_ = false;
     bool woken_ = false;
     bool ending_ = false;
+    Clock::time_point lastSend_;
+    std::optional<Clock::time_point> deliveryDue_;  // the latest moment for what waits
     std::thread thread_;
 };
 

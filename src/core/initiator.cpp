@@ -11,7 +11,9 @@ using interfaces::FrameType;
 
 kavri_core_status Initiator::send(std::size_t count, const FrameAt& requestAt, std::size_t& sent) {
     Lock lock = acquire();
-    return sendFrames(lock, count, requestAt, sent);
+    const kavri_core_status status = sendFrames(lock, count, requestAt, sent);
+    noteSend();
+    return status;
 }
 
 void Initiator::number(Frame& frame, std::size_t ahead) {
@@ -169,7 +171,7 @@ void Initiator::handleAcknowledgement(const Frame& frame) {
         return;
     }
     Question& asked = found->second;
-    asked.answer = static_cast<kavri_core_status>(frame.status);
+    asked.answer = statusIn(frame);
     if (asked.type == FrameType::subscribe) {
         if (*asked.answer == KAVRI_CORE_STATUS_NO_ERROR) {
             subscriptions_.insert(asked.category);

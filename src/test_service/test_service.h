@@ -25,7 +25,8 @@ inline constexpr std::string_view eventIdentifier = "event";
 
 class TestService {
   public:
-    // Called with the identifier of a command that it does not know, once each.
+    // Called with the identifier of a command that it does not know, in a form
+    // fit for a log; once each.
     using UnknownCommand = std::function<void(std::string_view identifier)>;
 
     struct Reaction {

@@ -21,6 +21,13 @@ struct Setting {
     Library library;
 };
 
+// A receive makes the connection again, if it can within its time.
+template <typename Endpoint>
+bool connectsAgain(Endpoint& endpoint) {
+    return eventually(
+        [&] { return endpoint.receive(50).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE; });
+}
+
 // A responder that takes requests and answers none.
 struct SilentWorker : Setting {
     Responder responder{address, "work"};
@@ -126,7 +133,7 @@ BOOST_AUTO_TEST_CASE(theAnswerToARequestOfTheLostConnectionIsRefused) {
     BOOST_TEST(responder.finish(request) == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     broker.restart();
     BOOST_TEST(responder.receive(0).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
-    BOOST_TEST(responder.receive(10).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    BOOST_TEST(connectsAgain(responder));
     BOOST_TEST(responder.answer(request, "later") == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
 }
 
@@ -169,7 +176,7 @@ BOOST_AUTO_TEST_CASE(aReceiveConnectsAgain) {
     BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     BOOST_TEST(initiator.receive(100).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
     broker.restart();
-    BOOST_TEST(initiator.receive(10).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    BOOST_TEST(connectsAgain(initiator));
 }
 
 BOOST_AUTO_TEST_CASE(aLostRequestDoesNotFailTheReceiveForALaterOne) {
@@ -239,7 +246,7 @@ BOOST_AUTO_TEST_CASE(aPollingResponderServesAgain) {
     broker.restart();
     BOOST_TEST(responder.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     BOOST_TEST(responder.receive(0).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
-    BOOST_TEST(responder.receive(10).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    BOOST_TEST(connectsAgain(responder));
     Initiator initiator(address);
     initiator.send("work", "do", "0");
     responder.answer(responder.receive(), "served");
@@ -254,8 +261,8 @@ BOOST_AUTO_TEST_CASE(aRespondersCallbackServesAgainByItself) {
     Initiator initiator(address);
     BOOST_TEST(eventually([&] {
         initiator.send("work", "do");
-        return inbox.count() > 0 ||
-               initiator.receive(10).status != KAVRI_CORE_STATUS_IPC_NO_RESPONDER;
+        initiator.receive(10);  // has no responder until the category is served again
+        return inbox.count() > 0;
     }));
     BOOST_REQUIRE(inbox.waitFor(1));
     responder.answer(inbox.messages().front(), "served");

@@ -216,6 +216,12 @@ BOOST_AUTO_TEST_CASE(aNoticeThatNothingFailedIsNoResponse) {
     BOOST_TEST(strings.areUntouched());
 }
 
+BOOST_AUTO_TEST_CASE(aStatusThatTheLibraryDoesNotKnowIsALaterVersions) {
+    peer.send(statusFrame(FrameType::notice, ask(), 999));
+    BOOST_TEST(initiator.receive().status == KAVRI_CORE_STATUS_IPC_INCOMPATIBLE);
+    expectAnswer();
+}
+
 BOOST_AUTO_TEST_CASE(framesThatAreNotForAnInitiatorAreIgnored) {
     peer.send(makeFrame(FrameType::request, 1, {"test", "echo", "0", "x"}));
     peer.send(makeFrame(FrameType::subscribe, 1, {.category = "test"}));

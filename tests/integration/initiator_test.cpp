@@ -77,6 +77,22 @@ BOOST_AUTO_TEST_CASE(aNullFieldIsRefusedAndNothingIsSent) {
     BOOST_TEST((initiator.receive().uuid == "good"));
 }
 
+BOOST_AUTO_TEST_CASE(aBatchWithANullIsRefusedAndNothingIsSent) {
+    Initiator initiator(address);
+    const std::array<kavri_core_ipc_command, 2> commands = {
+        {{"test", "echo", "0", "payload"}, {"test", "echo", nullptr, "payload"}}};
+    std::size_t sent = 77;
+    constexpr auto refused = KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    const auto batch = kavri_core_ipc_initiator_command_send_batch;
+    BOOST_TEST(batch(nullptr, commands.data(), 1, &sent) == refused);
+    BOOST_TEST(batch(initiator.get(), nullptr, 1, &sent) == refused);
+    BOOST_TEST(batch(initiator.get(), commands.data(), 1, nullptr) == refused);
+    BOOST_TEST(batch(initiator.get(), commands.data(), 2, &sent) == refused);
+    BOOST_TEST(sent == 0U);
+    initiator.echo("good");
+    BOOST_TEST((initiator.receive().uuid == "good"));
+}
+
 BOOST_AUTO_TEST_CASE(aNullVariableIsRefusedAndTheResponseStays) {
     Initiator initiator(address);
     initiator.echo("kept");
@@ -301,6 +317,44 @@ BOOST_AUTO_TEST_CASE(tenThousandResponsesAreReceivedInOrder) {
         received.push_back(initiator.receive().uuid.value_or("none"));
     }
     BOOST_TEST((received == numbers(count)));
+}
+
+BOOST_AUTO_TEST_CASE(aBatchIsAnsweredInOrder) {
+    Initiator initiator(address);
+    std::size_t sent = 0;
+    BOOST_TEST(initiator.echoBatch(numbers(10'000), "payload", sent) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(sent == 10'000U);
+    std::vector<std::string> received;
+    for (std::size_t i = 0; i < sent; ++i) {
+        received.push_back(initiator.receive().uuid.value_or("none"));
+    }
+    BOOST_TEST((received == numbers(10'000)));
+}
+
+BOOST_AUTO_TEST_CASE(aBatchOfNothingIsSent) {
+    Initiator initiator(address);
+    std::size_t sent = 77;
+    BOOST_TEST(initiator.echoBatch({}, "payload", sent) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(sent == 0U);
+}
+
+BOOST_AUTO_TEST_CASE(aBatchStopsAtTheRequestThatIsTooLarge) {
+    Initiator initiator(address);
+    const std::string longest(mebibyte, 'x');
+    const std::string above(mebibyte + 1, 'x');
+    const std::array<kavri_core_ipc_command, 4> commands = {{{"test", "echo", "0", "small"},
+                                                             {"test", "echo", "1", longest.c_str()},
+                                                             {"test", "echo", "2", above.c_str()},
+                                                             {"test", "echo", "3", "small"}}};
+    std::size_t sent = 77;
+    BOOST_TEST(kavri_core_ipc_initiator_command_send_batch(initiator.get(), commands.data(),
+                                                           commands.size(), &sent) ==
+               KAVRI_CORE_STATUS_IPC_TOO_LARGE);
+    BOOST_TEST(sent == 2U);
+    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST((initiator.receive().uuid == "1"));
+    initiator.echo("next");
+    BOOST_TEST((initiator.receive().uuid == "next"));
 }
 
 BOOST_AUTO_TEST_CASE(aCommandWithoutAnswerDoesNotDisturbTheNext) {

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -39,6 +40,24 @@ inline std::string stateIn(const std::string& statFile) {
     std::getline(file, line);
     const std::size_t name = line.rfind(") ");
     return name == std::string::npos ? std::string() : line.substr(name + 2, 1);
+}
+
+// Threads of this process besides the main one. The thread sanitizer has one of
+// its own, which is not counted.
+inline std::size_t furtherThreads() {
+#if defined(__SANITIZE_THREAD__)
+    constexpr std::ptrdiff_t known = 2;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    constexpr std::ptrdiff_t known = 2;
+#else
+    constexpr std::ptrdiff_t known = 1;
+#endif
+#else
+    constexpr std::ptrdiff_t known = 1;
+#endif
+    const auto all = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+    return static_cast<std::size_t>(all - known);
 }
 
 // Runs a call that is to block, and tells when its thread sleeps in it.
