@@ -50,15 +50,17 @@ std::string shortened(const fs::path& path) {
     return relative.empty() || *relative.begin() == ".." ? normal.string() : relative.string();
 }
 
-// The program that belongs to this one. Throws CommandFailure where it is not there.
-fs::path programBesideThis(const char* name) {
-    fs::path program = fs::read_symlink("/proc/self/exe").parent_path() / name;
-    if (access(program.c_str(), X_OK) != 0) {
+// A file that belongs to this program, by its place relative to it. Throws
+// CommandFailure where it is not there.
+fs::path installedFile(const char* place) {
+    fs::path file = fs::read_symlink("/proc/self/exe").parent_path() / place;
+    file = file.lexically_normal();
+    if (access(file.c_str(), R_OK) != 0) {
         throw CommandFailure(
             ExitStatus::couldNotRun,
-            fmt::format("no program {}; build it, or install it beside kavri", program.string()));
+            fmt::format("{} is missing; build it, or install it with kavri", file.string()));
     }
-    return program;
+    return file;
 }
 
 // What all steps of one run share.
@@ -70,16 +72,17 @@ struct Run {
     Clock::time_point begun;
 };
 
-// Where the run was when it was cut off: "in initiatorSend/initiatorSendPass;
-// no check of it had passed".
+// Where the run was when it was cut off: "in initiatorSend/initiatorSendPass, at
+// test.cpp(12); the last check that passed is at test.cpp(10)".
 std::string placeText(const CaseRecord* record, const RunRecord& all) {
     if (record == nullptr) {
         return all.cases().empty() ? "before any case" : "after " + all.cases().back().name;
     }
-    return fmt::format("in {}; {}", record->name,
-                       record->lastPassed.empty()
-                           ? "no check of it had passed"
-                           : "last check passed: " + printable(record->lastPassed));
+    const std::string reached = record->reached.empty() ? "" : ", at " + record->reached;
+    const std::string passed = record->lastPassed.empty()
+                                   ? "no check of it had passed"
+                                   : "the last check that passed is at " + record->lastPassed;
+    return printable(fmt::format("in {}{}; {}", record->name, reached, passed));
 }
 
 // Whether every selected case came to its end and the module gave its verdict.
@@ -127,8 +130,11 @@ const CaseRecord* showEnd(Run& run, RunEnd end, ModuleRun& moduleRun) {
     RunRecord& record = moduleRun.record();
     const CaseRecord* cutOff = nullptr;
     if (record.underWay() != nullptr) {
-        cutOff = &record.breakOff(verdictOnCutOff(end), Clock::now());
+        cutOff = &record.cutOff(verdictOnCutOff(end), Clock::now());
         run.display.showCaseEnded(*cutOff);
+    }
+    for (const LogEntry& entry : record.unclaimed()) {
+        run.display.showRemark(entry.text);
     }
     if (end != RunEnd::moduleEnded || !hasPassed(run, record, moduleRun.exit())) {
         for (const std::string& line : moduleRun.brokerLines()) {
@@ -154,13 +160,10 @@ ExitStatus conclude(Run& run, RunEnd end, ModuleRun& moduleRun, ChildProcess* br
     return judgeEnd(run, moduleRun.record(), moduleRun.exit(), place);
 }
 
-ExitStatus runWith(Run& run, const ConformanceModule& module, const fs::path& socket,
+ExitStatus runWith(Run& run, const ConformanceModule& module, const ModuleRunRequest& request,
                    ChildProcess* broker) {
     ModuleRun moduleRun(broker, run.limits, run.display);
-    const bool isAll = run.options.casePatterns.empty();
-    const RunEnd end =
-        moduleRun.run(module.runSpawn(socket, isAll ? std::vector<std::string>{} : run.cases,
-                                      moduleRun.logDescriptor(), run.options.moduleArguments));
+    const RunEnd end = moduleRun.run(module, request);
     return conclude(run, end, moduleRun, broker);
 }
 
@@ -170,22 +173,32 @@ ExitStatus runWithin(const RunLimits& limits, const ConformanceOptions& options)
         checkBrokerListens(*options.socket);
     }
     const ConformanceModule module(
-        programBesideThis("test_ipc_initiator"),
+        installedFile("test_ipc_initiator"),
         options.library ? std::optional<fs::path>(*options.library) : std::nullopt);
-    const std::string library = shortened(module.findLibrary(limits));
+    ModuleRunRequest request;
+    request.userArguments = options.moduleArguments;
+    request.observer = installedFile("../lib/libkavri-module-observer.so");
+    request.libraries = module.findLibraries(limits);
     const std::vector<std::string> cases =
         selectCases(module.listCases(limits), options.casePatterns);
+    if (!options.casePatterns.empty()) {
+        request.cases = cases;
+    }
+
     Run run{options, limits, cases,
             RunDisplay(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases),
             Clock::now()};
+    const std::string library = shortened(request.libraries.core);
     if (options.socket) {
+        request.brokerSocket = *options.socket;
         run.display.showOpening(library, "broker at " + *options.socket);
-        return runWith(run, module, *options.socket, nullptr);
+        return runWith(run, module, request, nullptr);
     }
-    OwnBroker broker(programBesideThis("kavri-broker"), limits);
+    OwnBroker broker(installedFile("kavri-broker"), limits);
+    request.brokerSocket = broker.socket();
     run.display.showOpening(library, "broker of its own");
     run.begun = Clock::now();
-    return runWith(run, module, broker.socket(), &broker.process());
+    return runWith(run, module, request, &broker.process());
 }
 
 }  // namespace

@@ -35,11 +35,17 @@ std::string lastLine(const std::string& text) {
     return std::string(trimmed.substr(trimmed.rfind('\n') + 1));
 }
 
-// The path of the core library, whatever version its name carries.
-fs::path coreLibraryIn(const LoaderReport& report) {
-    const auto library = report.found.lower_bound(std::string(coreLibrary));
-    const bool isIt = library != report.found.end() && library->first.starts_with(coreLibrary);
+// The path of a library, whatever version its name carries; empty where the
+// module does not use it.
+fs::path pathOf(std::string_view name, const LoaderReport& report) {
+    const auto library = report.found.lower_bound(std::string(name));
+    const bool isIt = library != report.found.end() && library->first.starts_with(name);
     return isIt ? library->second : "";
+}
+
+fs::path sanitizerRuntimeIn(const LoaderReport& report) {
+    const fs::path address = pathOf("libasan.so", report);
+    return address.empty() ? pathOf("libtsan.so", report) : address;
 }
 
 void checkIsComplete(const LoaderReport& report) {
@@ -49,7 +55,8 @@ void checkIsComplete(const LoaderReport& report) {
     }
     if (!report.undefined.empty()) {
         cannotRun(fmt::format("{} lacks {}; the module needs every function that it calls",
-                              coreLibraryIn(report).string(), fmt::join(report.undefined, ", ")));
+                              pathOf(coreLibrary, report).string(),
+                              fmt::join(report.undefined, ", ")));
     }
 }
 
@@ -103,7 +110,7 @@ ChildSpawn ConformanceModule::baseSpawn() const {
     return spawn;
 }
 
-fs::path ConformanceModule::findLibrary(const RunLimits& limits) const {
+ModuleLibraries ConformanceModule::findLibraries(const RunLimits& limits) const {
     ChildSpawn spawn = baseSpawn();
     spawn.environment["LD_TRACE_LOADED_OBJECTS"] = "1";
     spawn.environment["LD_WARN"] = "1";
@@ -122,11 +129,11 @@ fs::path ConformanceModule::findLibrary(const RunLimits& limits) const {
     const LoaderReport report =
         parseLoaderReport(loader.output() + loader.error(), program_.string());
     checkIsComplete(report);
-    const fs::path library = coreLibraryIn(report);
+    const fs::path core = pathOf(coreLibrary, report);
     if (libraryFolder_) {
-        checkIsFrom(library, *libraryFolder_);
+        checkIsFrom(core, *libraryFolder_);
     }
-    return library;
+    return {core, sanitizerRuntimeIn(report)};
 }
 
 std::vector<std::string> ConformanceModule::listCases(const RunLimits& limits) const {
@@ -152,13 +159,20 @@ std::vector<std::string> ConformanceModule::listCases(const RunLimits& limits) c
     return cases;
 }
 
-ChildSpawn ConformanceModule::runSpawn(const fs::path& brokerSocket,
-                                       const std::vector<std::string>& cases, int logDescriptor,
-                                       const std::vector<std::string>& userArguments) const {
+ChildSpawn ConformanceModule::runSpawn(const ModuleRunRequest& request) const {
     ChildSpawn spawn = baseSpawn();
-    spawn.environment["KAVRI_BROKER"] = brokerSocket.string();
-    spawn.inheritedDescriptors = {logDescriptor};
-    spawn.arguments = moduleCommandLine(cases, logDescriptor, userArguments);
+    spawn.environment["KAVRI_BROKER"] = request.brokerSocket.string();
+    spawn.environment["KAVRI_MODULE_EVENTS"] = std::to_string(request.eventsDescriptor);
+    std::string preloaded;
+    for (const std::string& library :
+         {request.libraries.runtime.string(), request.observer.string(),
+          environmentVariable("LD_PRELOAD")}) {
+        preloaded += (preloaded.empty() || library.empty() ? "" : ":") + library;
+    }
+    spawn.environment["LD_PRELOAD"] = preloaded;
+    spawn.inheritedDescriptors = {request.logDescriptor, request.eventsDescriptor};
+    spawn.arguments =
+        moduleCommandLine(request.cases, request.logDescriptor, request.userArguments);
     return spawn;
 }
 

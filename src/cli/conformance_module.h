@@ -13,6 +13,24 @@
 
 namespace kavri::cli {
 
+// What the loader puts under the module.
+struct ModuleLibraries {
+    std::filesystem::path core;
+    // A sanitizer's, which insists on being loaded before anything else; or empty.
+    std::filesystem::path runtime;
+};
+
+// One run of the module.
+struct ModuleRunRequest {
+    std::filesystem::path brokerSocket;
+    std::vector<std::string> cases;  // none: all
+    std::vector<std::string> userArguments;
+    ModuleLibraries libraries;
+    std::filesystem::path observer;  // the library that writes what module_events.h reads
+    int logDescriptor = -1;          // where the module writes its log
+    int eventsDescriptor = -1;       // where the observer writes
+};
+
 class ConformanceModule {
   public:
     // `libraryFolder`: where the core library under test is; none: the one
@@ -21,22 +39,17 @@ class ConformanceModule {
     ConformanceModule(std::filesystem::path program,
                       std::optional<std::filesystem::path> libraryFolder);
 
-    // The core library that the loader puts under the module. Throws
-    // CommandFailure when there is none, not in the folder asked for, it cannot
-    // be loaded, or it lacks functions. Asks the loader alone: no code of the
-    // library is run.
-    std::filesystem::path findLibrary(const RunLimits& limits) const;
+    // Throws CommandFailure when there is no core library, not in the folder
+    // asked for, it cannot be loaded, or it lacks functions. Asks the loader
+    // alone: no code of the library is run.
+    ModuleLibraries findLibraries(const RunLimits& limits) const;
 
     // The names of all cases, "suite/case", in the order of the module. The
     // first step that runs the library's code: throws CommandFailure when
     // loading it ends the module.
     std::vector<std::string> listCases(const RunLimits& limits) const;
 
-    // How to run these cases (all where there are none), with the log written
-    // to the descriptor.
-    ChildSpawn runSpawn(const std::filesystem::path& brokerSocket,
-                        const std::vector<std::string>& cases, int logDescriptor,
-                        const std::vector<std::string>& userArguments) const;
+    ChildSpawn runSpawn(const ModuleRunRequest& request) const;
 
   private:
     ChildSpawn baseSpawn() const;

@@ -91,7 +91,7 @@ std::vector<std::string> moduleCommandLine(const std::vector<std::string>& cases
                                            const std::vector<std::string>& userArguments) {
     // A crash is to end the module by its signal, and not by a handler that
     // goes on in a process that is no longer sound.
-    std::vector<std::string> arguments = {"--log_level=all", "--log_format=HRF",
+    std::vector<std::string> arguments = {"--log_level=error", "--log_format=HRF",
                                           fmt::format("--log_sink=/dev/fd/{}", logDescriptor),
                                           "--color_output=no", "--catch_system_errors=no"};
     for (const std::string& name : cases) {

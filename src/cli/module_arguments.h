@@ -16,7 +16,7 @@ void checkModuleArguments(const std::vector<std::string>& arguments);
 std::vector<std::string> reservedVariables();
 
 // What makes the module run these cases (all where there are none) and write
-// the log that the tool reads to the descriptor, and after it the user's own.
+// what goes wrong to the descriptor, and after it the user's own.
 std::vector<std::string> moduleCommandLine(const std::vector<std::string>& cases, int logDescriptor,
                                            const std::vector<std::string>& userArguments);
 

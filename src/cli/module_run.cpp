@@ -1,7 +1,8 @@
 // The loop around poll; see module_run.h.
 //
-// In each round the log is read first and shown last. What the module printed
-// before it wrote a line of the log is then shown before that line.
+// What the module does comes over three ways: events, its log, its output. The
+// module writes what belongs to an event before the event. So in each round the
+// events are read first and shown last, and nothing of the other two is missing.
 #include "cli/module_run.h"
 
 #include <fcntl.h>
@@ -33,33 +34,50 @@ bool hasEnded(ChildProcess& process) {
 
 }  // namespace
 
-ModuleRun::ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display)
-    : broker_(broker), limits_(limits), display_(display) {
+ModuleRun::Channel::Channel() {
     std::array<int, 2> ends{};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot make a pipe");
     }
-    logReading_ = ends[0];
-    logWriting_ = ends[1];
-    fcntl(logReading_, F_SETFL, O_NONBLOCK);
+    reading_ = ends[0];
+    writing_ = ends[1];
+    fcntl(reading_, F_SETFL, O_NONBLOCK);
 }
 
-ModuleRun::~ModuleRun() {
-    close(logReading_);
-    close(logWriting_);
+ModuleRun::Channel::~Channel() {
+    close(reading_);
+    close(writing_);
 }
 
-RunEnd ModuleRun::run(const ChildSpawn& spawn) {
-    ChildProcess module(spawn);
-    const RunEnd end = watch(module);
+std::string ModuleRun::Channel::read() const {
+    // All that a pipe can hold, and yet an end.
+    constexpr size_t mostBytes = 1 << 20;
+    std::string bytes;
+    std::array<char, 16384> chunk;
+    while (bytes.size() < mostBytes) {
+        const ssize_t count = ::read(reading_, chunk.data(), chunk.size());
+        if (count > 0) {
+            bytes.append(chunk.data(), static_cast<size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    return bytes;
+}
+
+ModuleRun::ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display)
+    : broker_(broker), limits_(limits), display_(display) {}
+
+RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request) {
+    request.logDescriptor = logChannel_.writing();
+    request.eventsDescriptor = eventsChannel_.writing();
+    ChildProcess process(module.runSpawn(request));
+    const RunEnd end = watch(process);
     // Gone already where it ended by itself; otherwise it ends here.
-    module.signal(SIGKILL);
-    exit_ = module.wait(std::chrono::hours(1)).value_or(ExitState{});
-    follow(module);
-    output_.finish([this](std::string_view line) { showModuleLine(line); });
-    error_.finish([this](std::string_view line) { showModuleLine(line); });
-    brokerError_.finish([this](std::string_view line) { keepBrokerLine(line); });
-    apply(log_.finish());
+    process.signal(SIGKILL);
+    exit_ = process.wait(std::chrono::hours(1)).value_or(ExitState{});
+    follow(process);
+    finish();
     return end;
 }
 
@@ -87,7 +105,8 @@ RunEnd ModuleRun::watch(ChildProcess& module) {
 }
 
 void ModuleRun::pollOnce(const ChildProcess& module) const {
-    std::array sources = {pollfd{logReading_, POLLIN, 0},
+    std::array sources = {pollfd{logChannel_.reading(), POLLIN, 0},
+                          pollfd{eventsChannel_.reading(), POLLIN, 0},
                           pollfd{limits_.signals().descriptor(), POLLIN, 0},
                           pollfd{module.endedDescriptor(), POLLIN, 0},
                           pollfd{module.outputDescriptor(), POLLIN, 0},
@@ -101,7 +120,8 @@ void ModuleRun::pollOnce(const ChildProcess& module) const {
 }
 
 void ModuleRun::follow(ChildProcess& module) {
-    const std::string log = readLog();
+    const std::string events = eventsChannel_.read();
+    keep(log_.read(logChannel_.read()));
     module.drain();
     output_.add(module.takeOutput(), [this](std::string_view line) { showModuleLine(line); });
     error_.add(module.takeError(), [this](std::string_view line) { showModuleLine(line); });
@@ -111,28 +131,13 @@ void ModuleRun::follow(ChildProcess& module) {
         brokerError_.add(broker_->takeError(),
                          [this](std::string_view line) { keepBrokerLine(line); });
     }
-    apply(log_.read(log));
+    apply(events_.read(events));
 }
 
-std::string ModuleRun::readLog() const {
-    constexpr size_t mostBytes = 1 << 20;
-    std::string log;
-    std::array<char, 16384> chunk;
-    while (log.size() < mostBytes) {
-        const ssize_t count = read(logReading_, chunk.data(), chunk.size());
-        if (count > 0) {
-            log.append(chunk.data(), static_cast<size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            break;
-        }
-    }
-    return log;
-}
-
-void ModuleRun::apply(const std::vector<LogEvent>& events) {
-    for (const LogEvent& event : events) {
-        if (event.kind == LogEvent::Kind::remark) {
-            display_.showRemark(event.text);
+void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
+    for (const ModuleEvent& event : events) {
+        if (event.kind == ModuleEvent::Kind::ended) {
+            keep(log_.complete(event.text));
         }
         if (const CaseRecord* ended = record_.add(event, Clock::now())) {
             display_.showCaseEnded(*ended);
@@ -141,6 +146,24 @@ void ModuleRun::apply(const std::vector<LogEvent>& events) {
     if (!events.empty() && record_.underWay() != nullptr) {
         display_.showCaseUnderWay(*record_.underWay());
     }
+}
+
+void ModuleRun::keep(const std::vector<LogEntry>& entries) {
+    for (const LogEntry& entry : entries) {
+        if (entry.caseName.empty()) {
+            display_.showRemark(entry.text);
+        } else {
+            record_.add(entry);
+        }
+    }
+}
+
+// Whatever was not whole is so now.
+void ModuleRun::finish() {
+    output_.finish([this](std::string_view line) { showModuleLine(line); });
+    error_.finish([this](std::string_view line) { showModuleLine(line); });
+    brokerError_.finish([this](std::string_view line) { keepBrokerLine(line); });
+    keep(log_.finish());
 }
 
 void ModuleRun::showModuleLine(std::string_view line) {

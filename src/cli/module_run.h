@@ -1,5 +1,5 @@
-// One run of the module under watch: starts it, follows its log and its output,
-// and ends it when the time is over, the broker is lost or a signal comes.
+// One run of the module under watch: starts it, follows what it does and what it
+// prints, and ends it when the time is over, the broker is lost or a signal comes.
 #ifndef KAVRI_CLI_MODULE_RUN_H
 #define KAVRI_CLI_MODULE_RUN_H
 
@@ -11,6 +11,8 @@
 #include <string_view>
 
 #include "cli/child_process.h"
+#include "cli/conformance_module.h"
+#include "cli/module_events.h"
 #include "cli/module_log.h"
 #include "cli/run_display.h"
 #include "cli/run_limits.h"
@@ -24,17 +26,12 @@ class ModuleRun {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // `broker`: the run's own, or null. All but the spawn must outlive this.
+    // `broker`: the run's own, or null. All of these must outlive this.
     ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display);
-    ModuleRun(const ModuleRun&) = delete;
-    ModuleRun& operator=(const ModuleRun&) = delete;
-    ~ModuleRun();
 
-    // Where the module is to write its log; for the spawn.
-    int logDescriptor() const { return logWriting_; }
-
-    // Once: returns when the module has ended, by itself or not.
-    RunEnd run(const ChildSpawn& module);
+    // Once: returns when the module has ended, by itself or not. The descriptors
+    // in the request are filled in here.
+    RunEnd run(const ConformanceModule& module, ModuleRunRequest request);
 
     // How the module ended.
     const ExitState& exit() const { return exit_; }
@@ -46,8 +43,9 @@ class ModuleRun {
     RunEnd watch(ChildProcess& module);
     void pollOnce(const ChildProcess& module) const;
     void follow(ChildProcess& module);
-    std::string readLog() const;
-    void apply(const std::vector<LogEvent>& events);
+    void apply(const std::vector<ModuleEvent>& events);
+    void keep(const std::vector<LogEntry>& entries);
+    void finish();
 
     // Passes on the whole lines of a stream.
     class LineBuffer {
@@ -58,15 +56,32 @@ class ModuleRun {
       private:
         std::string partial_;
     };
+    // What the module writes beside its output; closed with its owner.
+    class Channel {
+      public:
+        Channel();
+        Channel(const Channel&) = delete;
+        Channel& operator=(const Channel&) = delete;
+        ~Channel();
+        int reading() const { return reading_; }
+        int writing() const { return writing_; }
+        std::string read() const;  // what is there, without waiting
+
+      private:
+        int reading_ = -1;
+        int writing_ = -1;
+    };
+
     void showModuleLine(std::string_view line);
     void keepBrokerLine(std::string_view line);
 
     ChildProcess* broker_;
     const RunLimits& limits_;
     RunDisplay& display_;
-    int logReading_ = -1;
-    int logWriting_ = -1;
+    Channel logChannel_;
+    Channel eventsChannel_;
     ModuleLog log_;
+    ModuleEvents events_;
     RunRecord record_;
     LineBuffer output_;
     LineBuffer error_;

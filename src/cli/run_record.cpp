@@ -17,48 +17,53 @@ unsigned sum(const std::vector<CaseRecord>& cases, Value value) {
 
 }  // namespace
 
-const CaseRecord* RunRecord::add(const LogEvent& event, Clock::time_point now) {
-    using Kind = LogEvent::Kind;
-    if (event.kind == Kind::caseBegan) {
+const CaseRecord* RunRecord::add(const ModuleEvent& event, Clock::time_point now) {
+    using Kind = ModuleEvent::Kind;
+    if (event.kind == Kind::began) {
         underWay_ = CaseRecord{};
-        underWay_->name = event.name;
+        underWay_->name = event.text;
         begun_ = now;
     }
     if (!underWay_) {
         return nullptr;
     }
     switch (event.kind) {
-        case Kind::checkPassed:
+        case Kind::reached:
+            underWay_->reached = event.text;
+            break;
+        case Kind::passed:
             ++underWay_->checksPassed;
             underWay_->lastPassed = event.text;
             break;
-        case Kind::checkFailed:
+        case Kind::failed:
             ++underWay_->checksFailed;
-            underWay_->failures.push_back(event.text);
             underWay_->verdict = std::max(underWay_->verdict, Verdict::failed);
             break;
-        case Kind::caseAborted:
-            underWay_->failures.push_back(event.text);
+        case Kind::aborted:
             underWay_->verdict = Verdict::aborted;
             break;
-        case Kind::caseEnded:
-            return &end(event.time.value_or(
-                std::chrono::duration_cast<std::chrono::microseconds>(now - begun_)));
-        case Kind::caseBegan:
-        case Kind::caseSkipped:
-        case Kind::remark:
+        case Kind::ended:
+            return &end(event.time);
+        case Kind::began:
             break;
     }
     return nullptr;
 }
 
-const CaseRecord& RunRecord::breakOff(Verdict verdict, Clock::time_point now) {
+const CaseRecord& RunRecord::cutOff(Verdict verdict, Clock::time_point now) {
     underWay_->verdict = verdict;
     return end(std::chrono::duration_cast<std::chrono::microseconds>(now - begun_));
 }
 
 const CaseRecord& RunRecord::end(std::chrono::microseconds time) {
     underWay_->time = time;
+    std::erase_if(unclaimed_, [this](const LogEntry& entry) {
+        const bool isItsOwn = entry.caseName == underWay_->name;
+        if (isItsOwn) {
+            underWay_->failures.push_back(entry.text);
+        }
+        return isItsOwn;
+    });
     return cases_.emplace_back(*std::exchange(underWay_, std::nullopt));
 }
 

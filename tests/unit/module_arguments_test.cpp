@@ -81,7 +81,7 @@ BOOST_AUTO_TEST_CASE(theVariablesOfWhatTheToolSetsAreReserved) {
 BOOST_AUTO_TEST_CASE(theCommandLineSelectsTheCasesAndTheLog) {
     const EnvironmentVariable none("BOOST_TEST_REPORT_LEVEL", std::nullopt);
     const Arguments expected = {
-        "--log_level=all",   "--log_format=HRF",         "--log_sink=/dev/fd/7",
+        "--log_level=error", "--log_format=HRF",         "--log_sink=/dev/fd/7",
         "--color_output=no", "--catch_system_errors=no", "--run_test=a/b",
         "--run_test=c/d",    "--report_level=no",        "--random=1"};
     BOOST_TEST(moduleCommandLine({"a/b", "c/d"}, 7, {"--random=1"}) == expected,

@@ -15,7 +15,7 @@
 
 using kavri::cli::CaseRecord;
 using kavri::cli::DisplayStyle;
-using kavri::cli::LogEvent;
+using kavri::cli::ModuleEvent;
 using kavri::cli::RunDisplay;
 using kavri::cli::RunRecord;
 using kavri::cli::Verdict;
@@ -49,6 +49,7 @@ CaseRecord passedCase() {
             .checksFailed = 0,
             .time = microseconds(1250),
             .failures = {},
+            .reached = {},
             .lastPassed = {}};
 }
 
@@ -59,6 +60,7 @@ CaseRecord failedCase() {
             .checksFailed = 2,
             .time = microseconds(1'234'567),
             .failures = {"t.cpp(9): error: one", "t.cpp(10): error: two [a\nb]"},
+            .reached = {},
             .lastPassed = {}};
 }
 
@@ -112,14 +114,11 @@ BOOST_FIXTURE_TEST_CASE(failedChecksStandUnderTheirCase, InAFile) {
 BOOST_FIXTURE_TEST_CASE(theClosingLineCountsCasesAndChecks, InAFile) {
     RunRecord record;
     const RunRecord::Clock::time_point now{};
-    using Kind = LogEvent::Kind;
-    record.add({Kind::caseBegan, "suite/short", "", {}}, now);
-    record.add({Kind::checkPassed, "", "t.cpp(1): check a", {}}, now);
-    record.add({Kind::checkFailed, "", "t.cpp(2): error: b", {}}, now);
-    const CaseRecord* ended =
-        record.add({Kind::caseEnded, "suite/short", "", microseconds(3)}, now);
-    BOOST_REQUIRE(ended != nullptr);
-    BOOST_TEST((ended->verdict == Verdict::failed));
+    using Kind = ModuleEvent::Kind;
+    record.add({Kind::began, "suite/short"}, now);
+    record.add({Kind::passed, "t.cpp(1)"}, now);
+    record.add({Kind::failed, "t.cpp(2)"}, now);
+    BOOST_REQUIRE(record.add({Kind::ended, "suite/short", microseconds(3)}, now) != nullptr);
     display.showClosing(record, microseconds(2'130'000));
     BOOST_TEST(results.str() ==
                "2 cases, 0 passed, 1 not run; 2 checks, 1 passed, 1 failed; 2.13 s\n");
