@@ -18,9 +18,10 @@
 #include <boost/test/tree/observer.hpp>
 #include <boost/test/tree/test_unit.hpp>
 #include <boost/test/unit_test_log.hpp>
-#include <cstdlib>
 #include <mutex>
 #include <string>
+
+#include "cli/environment.h"
 
 using boost::unit_test::const_string;
 using boost::unit_test::test_unit;
@@ -82,8 +83,9 @@ class Observer : public boost::unit_test::test_observer {
 };
 
 __attribute__((constructor)) void observe() {
-    if (const char* number = std::getenv("KAVRI_MODULE_EVENTS")) {
-        eventsDescriptor = std::atoi(number);
+    const std::string number = kavri::cli::environmentVariable("KAVRI_MODULE_EVENTS");
+    if (!number.empty()) {
+        eventsDescriptor = std::stoi(number);
         static Observer observer;
         boost::unit_test::framework::register_observer(observer);
     }
@@ -98,6 +100,7 @@ Function* behind(const char* symbol) {
 }  // namespace
 
 // Each check comes here before it evaluates anything, and says where it is.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the framework's signature.
 void unit_test_log_t::set_checkpoint(const_string file, std::size_t line, const_string message) {
     static const auto original =
         behind<void(unit_test_log_t*, const_string, std::size_t, const_string)>(

@@ -31,7 +31,7 @@ class TestService {
 
     struct Reaction {
         bool answers = false;
-        bool publishes = false;    // an event with the request's payload
+        bool publishes = false;  // an event with the request's payload
         // Of the answer; valid until the next call, and NUL-terminated where the
         // request's payload is.
         std::string_view payload;
