@@ -1,0 +1,1 @@
+"""What bench/run measures, and what it makes of the results."""

@@ -1,0 +1,146 @@
+// The bare relay as a transport: plain or spinning, with the service in another
+// process or inside, with one write per message or gathered.
+#include <unistd.h>
+
+#include "relay_stream.h"
+#include "threaded_subscription.h"
+#include "transport.h"
+
+namespace kavri::bench {
+
+namespace {
+
+std::string socketOf(const Place& place) {
+    return place.at("relay.sock");
+}
+
+RelayHeader headerFor(RelayKind kind, const std::string& service) {
+    RelayHeader header;
+    header.kind = kind;
+    header.service = service == "other" ? 1 : 0;
+    return header;
+}
+
+class RelayClient : public Client {
+  public:
+    RelayClient(const Place& place, const std::string& service, bool spins)
+        : stream_(socketOf(place), spins), header_(headerFor(RelayKind::request, service)) {}
+
+    void send(const std::string& payload) override { stream_.send(header_, payload); }
+
+    void sendBatch(std::span<const std::string> payloads) override {
+        stream_.beginGathering();
+        for (const std::string& payload : payloads) {
+            send(payload);
+        }
+        stream_.endGathering();
+    }
+
+    std::string_view receive() override { return stream_.receive().payload; }
+
+  private:
+    RelayStream stream_;
+    const RelayHeader header_;
+};
+
+class RelaySubscriber {
+  public:
+    RelaySubscriber(const Place& place, const std::string& service, bool spins)
+        : stream_(socketOf(place), spins) {
+        stream_.send(headerFor(RelayKind::subscribe, service), {});
+    }
+
+    void receive(EventSink& sink) { sink.event(stream_.receive().payload); }
+    void interrupt() { stream_.shutDown(); }
+
+  private:
+    RelayStream stream_;
+};
+
+class RelayAnswers : public Answers {
+  public:
+    RelayAnswers(RelayStream& stream, const RelayHeader& request)
+        : stream_(stream), header_(request) {}
+
+    void respond(const std::string& payload) override { send(RelayKind::response, payload); }
+    void publish(const std::string& payload) override { send(RelayKind::event, payload); }
+
+  private:
+    void send(RelayKind kind, const std::string& payload) {
+        header_.kind = kind;
+        stream_.send(header_, payload);
+    }
+
+    RelayStream& stream_;
+    RelayHeader header_;
+};
+
+class RelayTransport : public Transport {
+  public:
+    RelayTransport(bool isInside, bool spins, bool isBatched)
+        : isInside_(isInside), spins_(spins), isBatched_(isBatched) {}
+
+    bool isServiceInside() const override { return isInside_; }
+    bool isBatched() const override { return isBatched_; }
+
+    std::vector<std::unique_ptr<Child>> startServers(const Place& place) const override {
+        std::vector<std::string> command = ownCommand({"run-relay", "--socket", socketOf(place)});
+        if (isInside_) {
+            command.emplace_back("--inside");
+        }
+        if (spins_) {
+            command.emplace_back("--spin");
+        }
+        std::vector<std::unique_ptr<Child>> servers;
+        servers.push_back(std::make_unique<Child>(Child::Start{command, place.at("relay.log")}));
+        waitUntilReady(*servers.back(), [&] { return acceptsConnections(socketOf(place)); });
+        return servers;
+    }
+
+    std::unique_ptr<Client> connect(const Place& place, const std::string& service) const override {
+        return std::make_unique<RelayClient>(place, service, spins_);
+    }
+
+    std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
+                                            EventSink& sink) const override {
+        return std::make_unique<ThreadedSubscription<RelaySubscriber>>(sink, place, service,
+                                                                       spins_);
+    }
+
+    void serve(const Place& place, const std::string& service, const Handler& handler,
+               const std::function<void()>& ready) const override {
+        RelayStream stream(socketOf(place), spins_);
+        stream.send(headerFor(RelayKind::serve, service), {});
+        stream.receive();
+        ready();
+        while (true) {
+            std::optional<RelayMessage> request = stream.receive();
+            if (isBatched_) {
+                stream.beginGathering();
+            }
+            for (; request; request = stream.received()) {
+                RelayAnswers answers(stream, request->header);
+                handler(request->payload, answers);
+                if (!isBatched_) {
+                    break;
+                }
+            }
+            if (isBatched_) {
+                stream.endGathering();
+            }
+        }
+    }
+
+  private:
+    const bool isInside_;
+    const bool spins_;
+    const bool isBatched_;
+};
+
+}  // namespace
+
+std::unique_ptr<Transport> makeRelay(bool isInside, bool spins, bool isBatched) {
+    return std::make_unique<RelayTransport>(isInside, spins, isBatched);
+}
+
+}  // namespace kavri::bench

@@ -1,0 +1,98 @@
+// The parts of one measurement; see session.h.
+#include "session.h"
+
+#include <stdlib.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace kavri::bench {
+
+PrivateFolder::PrivateFolder() {
+    std::string pattern = std::filesystem::temp_directory_path() / "kavri-bench-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::system_error(errno, std::generic_category(), pattern);
+    }
+    path_ = pattern;
+}
+
+PrivateFolder::~PrivateFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+CheckedClient::CheckedClient(std::unique_ptr<Client> client, std::uint32_t number,
+                             std::size_t payloadBytes)
+    : client_(std::move(client)),
+      number_(number),
+      payloadBytes_(payloadBytes),
+      payload_(payloadBytes),
+      check_(Kind::echo, payloadBytes, number) {}
+
+void CheckedClient::send() {
+    client_->send(payload_.with({Kind::echo, sent_, number_, 0}));
+    ++sent_;
+}
+
+void CheckedClient::sendBatch(std::size_t count) {
+    while (batch_.size() < count) {
+        batch_.push_back(Payload(payloadBytes_).with({}));
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        batch_[i].replace(0, smallestPayloadBytes, payload_.with({Kind::echo, sent_, number_, 0}),
+                          0, smallestPayloadBytes);
+        ++sent_;
+    }
+    client_->sendBatch(std::span(batch_).first(count));
+}
+
+void CheckedClient::receive() {
+    check_.next(client_->receive());
+}
+
+Session::Session(const Options& options, bool manyInFlight)
+    : options_(options),
+      transport_(makeTransport(options.transport)),
+      place_{folder_.path(), manyInFlight} {
+    servers_ = transport_->startServers(place_);
+    startService(serviceName);
+}
+
+void Session::startService(const std::string& name) {
+    if (!transport_->isServiceInside()) {
+        services_.push_back(startHelper({"run-service", "--service", name}, true));
+        services_.back()->outputLine();  // it is ready
+    }
+}
+
+std::unique_ptr<Child> Session::startHelper(std::vector<std::string> arguments, bool readsOutput) {
+    const std::string log = place_.at(arguments.front() + ".log");
+    for (const std::string& further :
+         {std::string("--transport"), options_.transport, std::string("--folder"), place_.folder}) {
+        arguments.push_back(further);
+    }
+    if (place_.manyInFlight) {
+        arguments.emplace_back("--many-in-flight");
+    }
+    return std::make_unique<Child>(
+        Child::Start{ownCommand(std::move(arguments)), log, readsOutput});
+}
+
+std::unique_ptr<CheckedClient> Session::connect(std::size_t payloadBytes) {
+    return std::make_unique<CheckedClient>(transport_->connect(place_, serviceName), ++clients_,
+                                           payloadBytes);
+}
+
+std::vector<std::unique_ptr<CheckedClient>> Session::connectIdle(std::size_t count) {
+    std::vector<std::unique_ptr<CheckedClient>> clients;
+    for (std::size_t i = 0; i < count; ++i) {
+        clients.push_back(connect(smallestPayloadBytes));
+        clients.back()->roundTrip();
+    }
+    return clients;
+}
+
+}  // namespace kavri::bench

@@ -1,0 +1,75 @@
+// What clients cost that do nothing: memory of the servers for each, and
+// processor time of all, per second.
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "figures.h"
+#include "session.h"
+#include "workloads.h"
+
+namespace kavri::bench {
+
+namespace {
+
+constexpr std::size_t warmUpClients = 16;
+constexpr std::chrono::milliseconds settlingTime{500};
+constexpr double leastSeconds = 1;  // anything that happens now and then is to be seen
+
+Usage usageOfAll(const std::vector<std::unique_ptr<Child>>& children) {
+    Usage sum;
+    for (const std::unique_ptr<Child>& child : children) {
+        const Usage usage = usageOf(child->id());
+        sum.processorNs += usage.processorNs;
+        sum.wakeUps += usage.wakeUps;
+        sum.proportionalBytes += usage.proportionalBytes;
+        sum.residentBytes += usage.residentBytes;
+    }
+    return sum;
+}
+
+// Per second between two looks.
+nlohmann::json rate(const Usage& before, const Usage& now, double seconds) {
+    return {{"processorUsPerSecond",
+             static_cast<double>(now.processorNs - before.processorNs) / 1000.0 / seconds},
+            {"wakeUpsPerSecond", static_cast<double>(now.wakeUps - before.wakeUps) / seconds}};
+}
+
+double perClient(std::uint64_t before, std::uint64_t now, std::size_t clients) {
+    return (static_cast<double>(now) - static_cast<double>(before)) / static_cast<double>(clients);
+}
+
+// Everybody sleeps. This process holds the clients and is woken once by its own
+// clock, which is left out.
+nlohmann::json processorTime(const Session& session, double seconds) {
+    const Usage servers = usageOfAll(session.servers());
+    const Usage services = usageOfAll(session.services());
+    const Usage clients = ownUsage();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    Usage clientsNow = ownUsage();
+    --clientsNow.wakeUps;
+    return {{"server", rate(servers, usageOfAll(session.servers()), seconds)},
+            {"service", rate(services, usageOfAll(session.services()), seconds)},
+            {"clients", rate(clients, clientsNow, seconds)}};
+}
+
+}  // namespace
+
+nlohmann::json measureIdle(const Options& options) {
+    Session session(options, false);
+    const auto first = session.connectIdle(warmUpClients);
+    std::this_thread::sleep_for(settlingTime);
+    const Usage before = usageOfAll(session.servers());
+    const auto idle = session.connectIdle(options.clients);
+    std::this_thread::sleep_for(settlingTime);
+    const Usage now = usageOfAll(session.servers());
+    return {
+        {"serverBytesPerClient",
+         perClient(before.proportionalBytes, now.proportionalBytes, options.clients)},
+        {"residentBytesPerClient",
+         perClient(before.residentBytes, now.residentBytes, options.clients)},
+        {"processor", processorTime(session, std::max(options.seconds, leastSeconds))},
+    };
+}
+
+}  // namespace kavri::bench
