@@ -103,12 +103,12 @@ class Reader {
 
     void readLimits(const toml::table& table, Limits& limits) const {
         for (const auto& [key, node] : table) {
-            const auto* setting = std::find_if(
-                settings.begin(), settings.end(),
-                [&key](const NumberSetting& known) { return known.name == key.str(); });
+            const std::string name(key.str());
+            const auto* setting =
+                std::find_if(settings.begin(), settings.end(),
+                             [&name](const NumberSetting& known) { return known.name == name; });
             if (setting == settings.end()) {
-                fail(node, "unknown limit \"" + std::string(key.str()) + "\": there are " +
-                               settingNames());
+                fail(node, "unknown limit \"" + name + "\": there are " + settingNames());
             }
             const auto value = node.value_exact<std::int64_t>();
             if (!value || *value < setting->least || *value > setting->most) {

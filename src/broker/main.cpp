@@ -66,7 +66,7 @@ int stopSignals() {
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
@@ -118,9 +118,7 @@ void serve(const Arguments& arguments) {
     spdlog::info("stopped");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int runCommandLine(int argc, char** argv) {
     CLI::App app{"Carries requests, responses and events between programs on this machine."};
     Arguments arguments;
     describe(app, arguments);
@@ -135,11 +133,17 @@ int main(int argc, char** argv) {
     }
     spdlog::set_default_logger(spdlog::stderr_logger_st("kavri-broker"));
     spdlog::set_pattern("%n: %v");
+    serve(arguments);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        serve(arguments);
-        return 0;
+        return runCommandLine(argc, argv);
     } catch (const std::exception& error) {
-        spdlog::critical("{}", error.what());
+        std::fprintf(stderr, "kavri-broker: %s\n", error.what());
         return cannotStart;
     }
 }

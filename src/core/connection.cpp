@@ -137,8 +137,7 @@ Connection::Refusal Connection::registerFor(std::string_view category, Patience 
     registration.type = FrameType::registration;
     registration[Field::category] = category;
     Frame acknowledgement;
-    const Refusal refusal =
-        exchange(registration, FrameType::acknowledgement, patience, acknowledgement);
+    Refusal refusal = exchange(registration, FrameType::acknowledgement, patience, acknowledgement);
     if (refusal.status != KAVRI_CORE_STATUS_NO_ERROR) {
         return refusal;
     }

@@ -28,6 +28,7 @@ class Log {
 }  // namespace kavri::core
 
 // What a logging cookie points to. Objects keep the log beyond the cookie's end.
+// NOLINTNEXTLINE(readability-identifier-naming): the name is the C interface's.
 struct kavri_core_logging {
     std::shared_ptr<kavri::core::Log> log;
 };

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "test_service/test_service.h"
@@ -73,7 +74,7 @@ int serve(const std::string& socket) {
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGINT);
-    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     kavri_core_init();
     kavri_core_logging_cookie log = nullptr;
@@ -99,9 +100,7 @@ int serve(const std::string& socket) {
     return status == KAVRI_CORE_STATUS_NO_ERROR ? 0 : fail(status);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int runCommandLine(int argc, char** argv) {
     CLI::App app{"Serves category \"test\": echo, static_response, a repeat counter, events."};
     app.set_version_flag("--version", "kavri-test-service " KAVRI_VERSION);
     std::string socket;
@@ -124,4 +123,15 @@ int main(int argc, char** argv) {
         return badUsage;
     }
     return serve(socket);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return runCommandLine(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kavri-test-service: %s\n", error.what());
+        return cannotStart;
+    }
 }

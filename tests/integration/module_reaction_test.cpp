@@ -405,11 +405,18 @@ struct Run {
 
 kavri::cli::ChildProcess startModule(const std::string& defect,
                                      const std::vector<std::string>& arguments) {
-    return kavri::cli::ChildProcess({.program = KAVRI_BIN_DIR "/test_ipc_initiator",
-                                     .arguments = arguments,
-                                     .environment = {{"LD_LIBRARY_PATH", KAVRI_STAND_IN_DIR},
-                                                     {"STAND_IN_DEFECT", defect},
-                                                     {"STAND_IN_RECORD", "/dev/stdout"}}});
+    kavri::cli::ChildSpawn spawn{.program = KAVRI_BIN_DIR "/test_ipc_initiator",
+                                 .arguments = arguments,
+                                 .environment = {{"LD_LIBRARY_PATH", KAVRI_STAND_IN_DIR},
+                                                 {"STAND_IN_DEFECT", defect},
+                                                 {"STAND_IN_RECORD", "/dev/stdout"}}};
+#ifdef __SANITIZE_THREAD__
+    // The sanitizer puts its own `sleep` before all others and calls the next one
+    // from there with its eyes shut: the stand-in's must be the first, or the
+    // hand-over to its thread is not seen.
+    spawn.environment["LD_PRELOAD"] = KAVRI_STAND_IN_DIR "/libkavri-core-test.so";
+#endif
+    return kavri::cli::ChildProcess(spawn);
 }
 
 std::string suiteOf(const std::string& name) {
