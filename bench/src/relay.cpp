@@ -124,7 +124,7 @@ int Relay::wait() {
     if (count == 0 && !spin_.until(attempt)) {
         const interfaces::Spin::Clock::time_point begin = interfaces::Spin::Clock::now();
         count = look(-1);
-        spin_.slept(begin);
+        spin_.slept(interfaces::Spin::Clock::now() - begin);
     }
     return count;
 }

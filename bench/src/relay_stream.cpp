@@ -143,7 +143,7 @@ std::size_t RelayStream::read() {
         const interfaces::Spin::Clock::time_point begin = interfaces::Spin::Clock::now();
         pollfd waited{descriptor_, POLLIN, 0};
         ::poll(&waited, 1, -1);
-        spin_.slept(begin);
+        spin_.slept(interfaces::Spin::Clock::now() - begin);
         count = tryToRead(room, 0);
     }
     return static_cast<std::size_t>(count);

@@ -26,11 +26,26 @@ BlockRef BufferPool::take(std::size_t bytes) {
     return BlockRef(new (::operator new(sizeof(Block) + capacity)) Block(*this, capacity));
 }
 
+void BufferPool::append(std::list<Slice>& slices, Slice slice) {
+    if (freeSlices_.empty()) {
+        slices.push_back(std::move(slice));
+    } else {
+        freeSlices_.front() = std::move(slice);
+        slices.splice(slices.end(), freeSlices_, freeSlices_.begin());
+    }
+}
+
+void BufferPool::popFront(std::list<Slice>& slices) {
+    slices.front().block = {};
+    freeSlices_.splice(freeSlices_.begin(), slices, slices.begin());
+}
+
 void BufferPool::trim() {
     for (Block* block : free_) {
         ::operator delete(block);
     }
     free_.clear();
+    freeSlices_.clear();
 }
 
 void BufferPool::giveBack(Block* block) {

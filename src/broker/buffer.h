@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <utility>
 #include <vector>
 
@@ -60,6 +61,13 @@ class BlockRef {
     Block* block_ = nullptr;
 };
 
+// A part of a block.
+struct Slice {
+    BlockRef block;
+    std::size_t begin = 0;
+    std::size_t end = 0;
+};
+
 class BufferPool {
   public:
     static constexpr std::size_t standardBytes = interfaces::largeFrameBytes;
@@ -72,7 +80,13 @@ class BufferPool {
     // A block with room for at least `bytes`. Ends the program when memory is out.
     BlockRef take(std::size_t bytes);
 
-    // Gives the memory of blocks that wait to be used again back to the system.
+    // Puts a slice at the end of a list, and takes the first one off.
+    void append(std::list<Slice>& slices, Slice slice);
+    void popFront(std::list<Slice>& slices);
+
+    // Whether nothing waits to be used again.
+    bool isEmpty() const { return free_.empty() && freeSlices_.empty(); }
+    // Gives the memory of what does back to the system.
     void trim();
 
   private:
@@ -83,6 +97,7 @@ class BufferPool {
     void giveBack(Block* block);
 
     std::vector<Block*> free_;
+    std::list<Slice> freeSlices_;
 };
 
 }  // namespace kavri::broker

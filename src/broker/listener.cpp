@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include "interfaces/address.h"
+#include "interfaces/limits.h"
 
 namespace kavri::broker {
 
@@ -156,6 +157,8 @@ std::optional<Accepted> Listener::accept(bool& outOfDescriptors) {
             ucred peer{};
             socklen_t length = sizeof peer;
             if (::getsockopt(accepted, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0) {
+                ::setsockopt(accepted, SOL_SOCKET, SO_SNDBUF, &interfaces::socketBufferBytes,
+                             sizeof interfaces::socketBufferBytes);
                 return Accepted{accepted, peer.uid, peer.pid};
             }
             ::close(accepted);

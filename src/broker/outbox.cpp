@@ -17,9 +17,12 @@ void Outbox::append(const interfaces::Frame& frame) {
 void Outbox::appendCopy(std::string_view bytes) {
     account(bytes.size());
     while (!bytes.empty()) {
-        const bool lastHasRoom =
-            last_ != nullptr && !last_->block.isShared() && last_->end < last_->block->capacity();
-        Slice& slice = lastHasRoom ? *last_ : push(pool_.take(BufferPool::standardBytes));
+        const bool lastHasRoom = !slices_.empty() && !slices_.back().block.isShared() &&
+                                 slices_.back().end < slices_.back().block->capacity();
+        if (!lastHasRoom) {
+            pool_.append(slices_, {pool_.take(BufferPool::standardBytes)});
+        }
+        Slice& slice = slices_.back();
         const std::size_t part = std::min(bytes.size(), slice.block->capacity() - slice.end);
         std::memcpy(slice.block->bytes() + slice.end, bytes.data(), part);
         slice.end += part;
@@ -29,14 +32,16 @@ void Outbox::appendCopy(std::string_view bytes) {
 
 void Outbox::appendShared(const BlockRef& block, std::size_t length) {
     account(length);
-    push(block).end = length;
+    pool_.append(slices_, {block, 0, length});
 }
 
 std::size_t Outbox::gather(iovec* pieces, std::size_t most) const {
     std::size_t count = 0;
-    for (const Slice* slice = first_.get(); slice != nullptr && count < most;
-         slice = slice->next.get()) {
-        pieces[count++] = {slice->block->bytes() + slice->begin, slice->end - slice->begin};
+    for (const Slice& slice : slices_) {
+        if (count == most) {
+            break;
+        }
+        pieces[count++] = {slice.block->bytes() + slice.begin, slice.end - slice.begin};
     }
     return count;
 }
@@ -45,38 +50,22 @@ void Outbox::consume(std::size_t bytes) {
     bytes_ -= bytes;
     userBytes_ -= bytes;
     while (bytes > 0) {
-        const std::size_t part = std::min(bytes, first_->end - first_->begin);
-        first_->begin += part;
+        Slice& first = slices_.front();
+        const std::size_t part = std::min(bytes, first.end - first.begin);
+        first.begin += part;
         bytes -= part;
-        if (first_->begin == first_->end) {
-            popFront();
+        if (first.begin == first.end) {
+            pool_.popFront(slices_);
         }
     }
 }
 
-// One by one: a chain that frees itself would do so recursively.
 void Outbox::clear() {
-    while (first_ != nullptr) {
-        popFront();
+    while (!slices_.empty()) {
+        pool_.popFront(slices_);
     }
     userBytes_ -= bytes_;
     bytes_ = 0;
-}
-
-Outbox::Slice& Outbox::push(BlockRef block) {
-    auto slice = std::make_unique<Slice>();
-    slice->block = std::move(block);
-    Slice& added = *slice;
-    (last_ == nullptr ? first_ : last_->next) = std::move(slice);
-    last_ = &added;
-    return added;
-}
-
-void Outbox::popFront() {
-    first_ = std::move(first_->next);
-    if (first_ == nullptr) {
-        last_ = nullptr;
-    }
 }
 
 }  // namespace kavri::broker

@@ -9,7 +9,7 @@
 #include <sys/uio.h>
 
 #include <cstddef>
-#include <memory>
+#include <list>
 #include <string_view>
 
 #include "broker/buffer.h"
@@ -38,24 +38,13 @@ class Outbox {
     void clear();
 
   private:
-    struct Slice {
-        BlockRef block;
-        std::size_t begin = 0;
-        std::size_t end = 0;
-        std::unique_ptr<Slice> next;
-    };
-
     void account(std::size_t added) {
         bytes_ += added;
         userBytes_ += added;
     }
-    Slice& push(BlockRef block);
-    void popFront();
-
     BufferPool& pool_;
     std::size_t& userBytes_;
-    std::unique_ptr<Slice> first_;
-    Slice* last_ = nullptr;
+    std::list<Slice> slices_;
     std::size_t bytes_ = 0;
 };
 

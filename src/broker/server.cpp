@@ -25,6 +25,8 @@ constexpr std::uint64_t stopMark = UINT64_MAX - 1;
 
 constexpr std::chrono::milliseconds listenPause{100};
 constexpr std::size_t piecesPerWrite = 64;
+// Memory that is kept for use again goes back to the system after such a pause.
+constexpr std::chrono::milliseconds pauseBeforeTrim{1000};
 
 std::uint64_t markOf(SessionId id) {
     return (static_cast<std::uint64_t>(id.generation) << 32U) | id.index;
@@ -53,12 +55,16 @@ void watch(int epoll, int descriptor, std::uint64_t mark) {
 
 ssize_t sendSome(const Session& session) {
     std::array<iovec, piecesPerWrite> pieces;
+    const std::size_t count = session.outbox.gather(pieces.data(), pieces.size());
+    if (count <= 1) {
+        return count == 0 ? 0
+                          : ::send(session.descriptor, pieces[0].iov_base, pieces[0].iov_len,
+                                   MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
     msghdr message{};
     message.msg_iov = pieces.data();
-    message.msg_iovlen = session.outbox.gather(pieces.data(), pieces.size());
-    return message.msg_iovlen == 0
-               ? 0
-               : ::sendmsg(session.descriptor, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    message.msg_iovlen = count;
+    return ::sendmsg(session.descriptor, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 }  // namespace
@@ -103,7 +109,6 @@ Server::~Server() {
 void Server::run() {
     while (!stopping_) {
         const std::size_t count = waitForEvents();
-        now_ = Clock::now();
         for (std::size_t i = 0; i < count; ++i) {
             handleEvent(events_[i]);
         }
@@ -119,24 +124,28 @@ std::size_t Server::waitForEvents() {
         count = ::epoll_wait(epoll_, events_.data(), static_cast<int>(events_.size()), timeoutMs);
         return count > 0;
     };
-    if (!look(0) && !spin_.until([&look] { return look(0); })) {
+    if (spin_.until([&look] { return look(0); })) {
+        now_ = Clock::now();
+    } else {
         const Clock::time_point begin = Clock::now();
-        const int sleepMs = sleepTimeMs();
-        if (sleepMs < 0) {
-            pool_.trim();
-        }
-        look(sleepMs);
-        spin_.slept(begin);
+        const bool somethingCame = look(sleepTimeMs(begin));
+        now_ = Clock::now();
+        somethingCame ? spin_.slept(now_ - begin) : pool_.trim();
     }
     return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
-int Server::sleepTimeMs() const {
+// Until the next deadline; and not long while the pool keeps what a longer pause
+// lets go.
+int Server::sleepTimeMs(Clock::time_point now) const {
     const auto next = deadlines_.next();
-    if (!next) {
+    if (!next && pool_.isEmpty()) {
         return -1;
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
+    auto left = pool_.isEmpty() ? std::chrono::milliseconds::max() : pauseBeforeTrim;
+    if (next) {
+        left = std::min(left, std::chrono::ceil<std::chrono::milliseconds>(*next - now));
+    }
     return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
 }
 
@@ -195,19 +204,19 @@ void Server::handleDeadlines() {
 // both go on until neither has anything left.
 void Server::finishRound() {
     while (!router_.toWrite().empty() || !closing_.empty()) {
-        std::vector<Session*> ready;
-        ready.swap(router_.toWrite());
-        for (Session* session : ready) {
-            session->listedForWriting = false;
-            if (!session->isClosing) {
-                writeTo(*session);
+        std::vector<Session*>& toWrite = router_.toWrite();
+        for (std::size_t i = 0; i < toWrite.size(); ++i) {
+            Session& session = *toWrite[i];
+            session.listedForWriting = false;
+            if (!session.isClosing) {
+                writeTo(session);
             }
         }
-        std::vector<Session*> leaving;
-        leaving.swap(closing_);
-        for (Session* session : leaving) {
-            remove(*session);
+        toWrite.clear();
+        for (std::size_t i = 0; i < closing_.size(); ++i) {
+            remove(*closing_[i]);
         }
+        closing_.clear();
     }
 }
 
@@ -290,11 +299,12 @@ void Server::readFrom(Session& session) {
     waitOrGoOn(session, protocol_.take(session, readBuffer_.data(), total));
 }
 
-// Straight into the large frame's own block, and what follows it behind.
+// Straight into the large frame's own block; of what follows it little, since that
+// may be another large one.
 void Server::readLarge(Session& session) {
     const std::size_t missing = session.largeBytes - session.largeFilled;
-    std::array<iovec, 2> pieces{
-        {{session.large->bytes() + session.largeFilled, missing}, {readBuffer_.data(), readBytes}}};
+    std::array<iovec, 2> pieces{{{session.large->bytes() + session.largeFilled, missing},
+                                 {readBuffer_.data(), readBehindLargeBytes}}};
     const ssize_t count = ::readv(session.descriptor, pieces.data(), pieces.size());
     if (count <= 0) {
         ended(session, count == 0 ? 0 : errno);
@@ -398,11 +408,13 @@ void Server::checkPatience(Session& session) {
 
 // Tells the kernel what the session is to be woken for. One that is held back
 // and has nothing to take is left out altogether: its peer's end would otherwise
-// be reported again and again.
+// be reported again and again. What is written at the end of this round anyway
+// needs no watching yet.
 void Server::poll(Session& session) {
     const std::uint32_t wanted =
         (session.isHeldBack ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
-        (session.outbox.empty() ? 0U : static_cast<std::uint32_t>(EPOLLOUT));
+        (session.outbox.empty() || session.listedForWriting ? 0U
+                                                            : static_cast<std::uint32_t>(EPOLLOUT));
     if (wanted == session.interest || session.isClosing) {
         return;
     }

@@ -52,9 +52,10 @@ class Server {
     // One read takes at most this much from one session; in front of it there
     // is room for the beginning of a frame that came before.
     static constexpr std::size_t readBytes = 128 * interfaces::kibibyte;
+    static constexpr std::size_t readBehindLargeBytes = 512;
 
     std::size_t waitForEvents();
-    int sleepTimeMs() const;
+    int sleepTimeMs(Clock::time_point now) const;
     void handleEvent(const epoll_event& event);
     void handleDeadlines();
     void finishRound();

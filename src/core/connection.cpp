@@ -26,18 +26,21 @@ using interfaces::FrameType;
 namespace {
 
 constexpr std::size_t readBytes = 64 * interfaces::kibibyte;
+constexpr std::size_t readBehindLargeBytes = 512;
 // A broker whose queue of connections is full is asked again this often.
 constexpr std::chrono::milliseconds connectPause{1};
+// A wait that took less did not sleep: what it waited for was there already.
+constexpr std::chrono::microseconds shortestSleep{2};
 
 std::string reasonOf(int error) {
     return std::generic_category().message(error);
 }
 
-int pollTimeMs(Deadline deadline) {
+int pollTimeMs(Deadline deadline, Clock::time_point now) {
     if (!deadline) {
         return -1;
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now());
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - now);
     return static_cast<int>(
         std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 1'000'000'000));
 }
@@ -57,6 +60,17 @@ int connectSocket(int descriptor, const std::string& path, Clock::time_point dea
         std::this_thread::sleep_for(connectPause);
     }
     return 0;
+}
+
+// A single piece takes the kernel a shorter way.
+ssize_t writeSome(int descriptor, iovec* pieces, std::size_t count) {
+    if (count == 1) {
+        return ::send(descriptor, pieces->iov_base, pieces->iov_len, MSG_NOSIGNAL);
+    }
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = count;
+    return ::sendmsg(descriptor, &message, MSG_NOSIGNAL);
 }
 
 }  // namespace
@@ -94,6 +108,8 @@ Connection::Opened Connection::open(const std::string& address, std::string_view
         return {KAVRI_CORE_STATUS_OUT_OF_RESOURCES, reasonOf(errno), nullptr};
     }
     std::unique_ptr<Connection> made(new Connection(descriptor));
+    ::setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &interfaces::socketBufferBytes,
+                 sizeof interfaces::socketBufferBytes);
     if (const int error = connectSocket(descriptor, address, deadline); error != 0) {
         return {KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE, reasonOf(error), nullptr};
     }
@@ -200,21 +216,39 @@ Connection::Io Connection::read() {
         return Io::lost;
     }
     makeRoom();
-    const ssize_t count = ::recv(descriptor_, input_.get() + end_, capacity_ - end_, 0);
+    const ssize_t count = readSome();
     if (count > 0) {
-        end_ += static_cast<std::size_t>(count);
+        const std::size_t large =
+            std::min(static_cast<std::size_t>(count), largeBytes_ - largeFilled_);
+        largeFilled_ += large;
+        end_ += static_cast<std::size_t>(count) - large;
         return Io::done;
     }
     return count < 0 && (errno == EAGAIN || errno == EINTR) ? Io::wouldBlock : Io::lost;
 }
 
-// There is room for a whole read, and for the whole of the frame that has begun.
+// First what the large frame lacks; behind that only little, since another large
+// one may follow, whose payload is to have its own place too.
+ssize_t Connection::readSome() {
+    char* const behind = input_.get() + end_;
+    if (!largeBegun_) {
+        return ::recv(descriptor_, behind, capacity_ - end_, 0);
+    }
+    std::array<iovec, 2> pieces{{{largePayload_.get() + largeFilled_, largeBytes_ - largeFilled_},
+                                 {behind, std::min(capacity_ - end_, readBehindLargeBytes)}}};
+    return ::readv(descriptor_, pieces.data(), pieces.size());
+}
+
+// There is room for a whole read, and for the whole of the frame that has begun,
+// unless that is a large one.
 void Connection::makeRoom() {
     const std::size_t held = end_ - begin_;
     std::size_t wanted = readBytes;
-    if (held >= interfaces::headerBytes) {
-        const auto measured = interfaces::measure(input_.get() + begin_, payloadLimitBytes_);
-        wanted = std::max(wanted, measured.frameBytes);
+    if (held >= interfaces::headerBytes &&
+        !interfaces::measure(input_.get() + begin_, payloadLimitBytes_).error) {
+        const interfaces::Extent extent = interfaces::extentOf(input_.get() + begin_);
+        const bool isLarge = extent.payloadBytes >= interfaces::largeFrameBytes;
+        wanted = std::max(wanted, extent.headBytes + (isLarge ? 0 : extent.payloadBytes));
     }
     if (wanted > capacity_) {
         auto larger = std::make_unique_for_overwrite<char[]>(wanted);
@@ -231,25 +265,33 @@ void Connection::makeRoom() {
 }
 
 Connection::Io Connection::waitAndRead(const Waker& waker, Deadline deadline) {
-    Io io = read();
+    if (malformed_) {
+        return Io::lost;
+    }
+    Io io = Io::wouldBlock;
     const auto attempt = [this, &io] {
         io = read();
         return io != Io::wouldBlock;
     };
-    if (io != Io::wouldBlock || spin_.until(attempt)) {
+    if ((looksFirst_ && attempt()) || spin_.until(attempt)) {
         return io;
     }
     const Clock::time_point begin = Clock::now();
     std::array<pollfd, 2> waited{{{descriptor_, POLLIN, 0}, {waker.descriptor(), POLLIN, 0}}};
-    ::poll(waited.data(), waited.size(), pollTimeMs(deadline));
+    ::poll(waited.data(), waited.size(), pollTimeMs(deadline, begin));
     if (waited[0].revents == 0) {
         return Io::wouldBlock;
     }
-    spin_.slept(begin);
+    const Clock::duration slept = Clock::now() - begin;
+    looksFirst_ = slept < shortestSleep;
+    spin_.slept(slept);
     return read();
 }
 
 std::optional<Frame> Connection::nextFrame() {
+    if (largeBegun_) {
+        return nextLarge();
+    }
     const std::size_t held = end_ - begin_;
     if (malformed_ || held < interfaces::headerBytes) {
         return std::nullopt;
@@ -261,6 +303,10 @@ std::optional<Frame> Connection::nextFrame() {
         return std::nullopt;
     }
     if (held < measured.frameBytes) {
+        const interfaces::Extent extent = interfaces::extentOf(bytes);
+        if (extent.payloadBytes >= interfaces::largeFrameBytes && held >= extent.headBytes) {
+            beginLarge(extent);
+        }
         return std::nullopt;
     }
     begin_ += measured.frameBytes;
@@ -269,12 +315,31 @@ std::optional<Frame> Connection::nextFrame() {
     return frame;
 }
 
+void Connection::beginLarge(interfaces::Extent extent) {
+    const char* const bytes = input_.get() + begin_;
+    largePayload_ = newText(extent.payloadBytes);
+    largeHead_.assign(bytes, extent.headBytes);
+    largeBytes_ = extent.payloadBytes;
+    largeFilled_ = end_ - begin_ - extent.headBytes;
+    std::memcpy(largePayload_.get(), bytes + extent.headBytes, largeFilled_);
+    largeBegun_ = true;
+    begin_ = end_;
+}
+
+std::optional<Frame> Connection::nextLarge() {
+    if (largeFilled_ < largeBytes_) {
+        return std::nullopt;
+    }
+    const auto frame = interfaces::decode(largeHead_.data(), largePayload_.get());
+    malformed_ = !frame;
+    largeBegun_ = false;
+    largeBytes_ = largeFilled_ = 0;
+    return frame;
+}
+
 Connection::Io Connection::write(iovec*& pieces, std::size_t& count) {
     while (count > 0) {
-        msghdr message{};
-        message.msg_iov = pieces;
-        message.msg_iovlen = count;
-        const ssize_t taken = ::sendmsg(descriptor_, &message, MSG_NOSIGNAL);
+        const ssize_t taken = writeSome(descriptor_, pieces, count);
         if (taken < 0) {
             if (errno == EINTR) {
                 continue;
@@ -298,7 +363,7 @@ Connection::Io Connection::write(iovec*& pieces, std::size_t& count) {
 void Connection::waitToWrite(const Waker& waker, bool orToRead, Deadline deadline) {
     const auto wanted = static_cast<short>(orToRead ? POLLIN | POLLOUT : POLLOUT);
     std::array<pollfd, 2> waited{{{descriptor_, wanted, 0}, {waker.descriptor(), POLLIN, 0}}};
-    ::poll(waited.data(), waited.size(), pollTimeMs(deadline));
+    ::poll(waited.data(), waited.size(), pollTimeMs(deadline, Clock::now()));
 }
 
 void Connection::shutDown() {

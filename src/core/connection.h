@@ -13,7 +13,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "core/message.h"
 #include "interfaces/frame.h"
 #include "interfaces/spin.h"
 #include "kavri/core.h"
@@ -86,6 +88,8 @@ class Connection {
     // After malformed bytes there is none, and reading says that the connection
     // is lost.
     std::optional<interfaces::Frame> nextFrame();
+    // The memory of that frame's payload, where it has some of its own, to keep.
+    Text takeLargePayload() { return std::exchange(largePayload_, nullptr); }
 
     // Writes the pieces as far as the socket takes them, and shortens them by
     // what it took. `done` when nothing is left.
@@ -116,10 +120,15 @@ class Connection {
                      Patience patience, interfaces::Frame& answer);
     void readGrantedLimits(std::string_view text);
     void makeRoom();
+    ssize_t readSome();
+    void beginLarge(interfaces::Extent extent);
+    std::optional<interfaces::Frame> nextLarge();
 
     const int descriptor_;
     std::size_t payloadLimitBytes_;
     interfaces::Spin spin_;
+    // Whether to read before waiting: the last wait found that something was there.
+    bool looksFirst_ = false;
 
     // Received and not handed out yet: [begin, end).
     std::unique_ptr<char[]> input_;
@@ -127,6 +136,14 @@ class Connection {
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
     bool malformed_ = false;
+
+    // A large frame that is coming in: its payload goes straight to where its
+    // receiver will have it.
+    bool largeBegun_ = false;
+    std::string largeHead_;  // what goes before the payload
+    Text largePayload_;
+    std::size_t largeBytes_ = 0;
+    std::size_t largeFilled_ = 0;
 };
 
 }  // namespace kavri::core

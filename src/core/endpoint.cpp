@@ -27,6 +27,11 @@ bool isWithinLimits(const Frame& frame, std::size_t payloadLimitBytes) {
            frame.fields.back().size() <= payloadLimitBytes;
 }
 
+// Worth a write of its own, without being copied.
+bool isLarge(const Frame& frame) {
+    return interfaces::encodedBytes(frame) >= interfaces::largeFrameBytes;
+}
+
 }  // namespace
 
 kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* options,
@@ -124,7 +129,6 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
     if (opened.connection != nullptr) {
         connection_ = std::move(opened.connection);
         ++connectionNumber_;
-        handleFrames(*connection_);  // a request may stand right behind the acknowledgement
         connectionMade(lock);
     } else if (!ending_) {
         log().info("no connection to the broker at " + settings_.address + ": " + opened.reason);
@@ -133,21 +137,19 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
     return opened.status;
 }
 
-kavri_core_status Endpoint::sendFrame(Lock& lock, const Frame& frame) {
+kavri_core_status Endpoint::sendFrame(Lock& lock, Frame frame) {
     std::size_t sent = 0;
-    return sendFrames(
-        lock, 1, [&frame](std::size_t) { return frame; }, sent);
+    return sendFrames(lock, {&frame, 1}, sent);
 }
 
-kavri_core_status Endpoint::sendFrames(Lock& lock, std::size_t count, const FrameAt& frameAt,
-                                       std::size_t& sent) {
+kavri_core_status Endpoint::sendFrames(Lock& lock, std::span<Frame> frames, std::size_t& sent) {
     bool triedAgain = false;
-    while (sent < count) {
+    while (sent < frames.size()) {
         if (const kavri_core_status status = connectIfNeeded(lock);
             status != KAVRI_CORE_STATUS_NO_ERROR) {
             return status;
         }
-        const Pushed pushed = pushGathered(lock, count, frameAt, sent);
+        const Pushed pushed = pushGathered(lock, frames.subspan(sent), sent);
         // The connection turned out to be dead before anything went over it:
         // another may be had.
         const bool again = pushed.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST &&
@@ -161,26 +163,38 @@ kavri_core_status Endpoint::sendFrames(Lock& lock, std::size_t count, const Fram
 }
 
 kavri_core_status Endpoint::sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
-                                          const Frame& frame) {
+                                          Frame& frame) {
     if (connection_ == nullptr || connectionNumber_ != connectionNumber) {
         return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
     }
     return push(lock, frame).status;
 }
 
-Endpoint::Outgoing::Outgoing(const Frame& frame)
-    : header(interfaces::encodeHeader(frame)), count(storage.size()), beginning(header.data()) {
-    storage[0] = {header.data(), header.size()};
-    for (std::size_t i = 0; i < frame.fields.size(); ++i) {
-        storage[i + 1] = {const_cast<char*>(frame.fields[i].data()), frame.fields[i].size()};
+Endpoint::Outgoing::Outgoing(const Frame& frame) {
+    const interfaces::Header header = interfaces::encodeHeader(frame);
+    char* end = std::copy(header.begin(), header.end(), copied.begin());
+    if (interfaces::encodedBytes(frame) <= copied.size()) {
+        for (const std::string_view& field : frame.fields) {
+            end = std::copy(field.begin(), field.end(), end);
+        }
+    } else {
+        for (const std::string_view& field : frame.fields) {
+            storage[count++] = {const_cast<char*>(field.data()), field.size()};
+        }
     }
+    storage[0] = {copied.data(), static_cast<std::size_t>(end - copied.data())};
+    beginning = storage[0].iov_base;
 }
 
-Endpoint::Outgoing::Outgoing(std::string& gathered) : count(1), beginning(gathered.data()) {
+Endpoint::Outgoing::Outgoing(std::string& gathered) {
     storage[0] = {gathered.data(), gathered.size()};
+    beginning = storage[0].iov_base;
 }
 
-Endpoint::Pushed Endpoint::push(Lock& lock, Frame frame) {
+Endpoint::Pushed Endpoint::push(Lock& lock, Frame& frame) {
+    if (isLarge(frame)) {
+        flushGathered(lock);
+    }
     changed_.wait(lock, [this] { return !sending_; });
     const std::shared_ptr<Connection> connection = connection_;
     if (connection == nullptr) {
@@ -189,25 +203,31 @@ Endpoint::Pushed Endpoint::push(Lock& lock, Frame frame) {
     if (!isWithinLimits(frame, connection->payloadLimitBytes())) {
         return {KAVRI_CORE_STATUS_IPC_TOO_LARGE, true};
     }
-    if (gathers()) {
-        return {gather(lock, frame), true};
-    }
     const bool isRequest = frame.type == FrameType::request;
     if (isRequest) {
         number(frame, 0);
     }
-    Outgoing outgoing(frame);
-    const Pushed pushed = pushBytes(lock, connection, outgoing);
+    Pushed pushed;
+    if (gathers() && !isLarge(frame)) {
+        gather(lock, frame);
+    } else {
+        Outgoing outgoing(frame);
+        pushed = pushBytes(lock, connection, outgoing);
+    }
     if (isRequest && pushed.status == KAVRI_CORE_STATUS_NO_ERROR) {
         numbered(1);
     }
     return pushed;
 }
 
-// As many requests from `sent` on as make a good write; a large one, and one that
-// has no others behind it, goes alone and is not copied.
-Endpoint::Pushed Endpoint::pushGathered(Lock& lock, std::size_t count, const FrameAt& frameAt,
-                                        std::size_t& sent) {
+// As many of the requests as make a good write; a large one, and one that has no
+// others behind it, goes alone and is not copied.
+Endpoint::Pushed Endpoint::pushGathered(Lock& lock, std::span<Frame> frames, std::size_t& sent) {
+    if (frames.size() == 1 || isLarge(frames.front())) {
+        const Pushed pushed = push(lock, frames.front());
+        sent += pushed.status == KAVRI_CORE_STATUS_NO_ERROR ? 1 : 0;
+        return pushed;
+    }
     changed_.wait(lock, [this] { return !sending_; });
     const std::shared_ptr<Connection> connection = connection_;
     if (connection == nullptr) {
@@ -215,9 +235,8 @@ Endpoint::Pushed Endpoint::pushGathered(Lock& lock, std::size_t count, const Fra
     }
     std::string bytes;
     std::size_t gathered = 0;
-    while (sent + gathered < count && bytes.size() < gatherBytes) {
-        Frame frame = frameAt(sent + gathered);
-        if (sent + 1 == count || interfaces::encodedBytes(frame) >= interfaces::largeFrameBytes ||
+    for (Frame& frame : frames) {
+        if (bytes.size() >= gatherBytes || isLarge(frame) ||
             !isWithinLimits(frame, connection->payloadLimitBytes())) {
             break;
         }
@@ -226,9 +245,7 @@ Endpoint::Pushed Endpoint::pushGathered(Lock& lock, std::size_t count, const Fra
         ++gathered;
     }
     if (gathered == 0) {
-        const Pushed pushed = push(lock, frameAt(sent));
-        sent += pushed.status == KAVRI_CORE_STATUS_NO_ERROR ? 1 : 0;
-        return pushed;
+        return {KAVRI_CORE_STATUS_IPC_TOO_LARGE, true};
     }
     // Before the write: the first may be answered while the last has to wait.
     numbered(gathered);
@@ -261,12 +278,11 @@ Endpoint::Pushed Endpoint::pushBytes(Lock& lock, const std::shared_ptr<Connectio
     return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, untouched};
 }
 
-kavri_core_status Endpoint::gather(Lock& lock, const Frame& frame) {
+void Endpoint::gather(Lock& lock, const Frame& frame) {
     interfaces::appendEncoded(frame, gathered_);
     if (gathered_.size() >= gatherBytes) {
         flushGathered(lock);
     }
-    return KAVRI_CORE_STATUS_NO_ERROR;
 }
 
 // What cannot be sent now was promised all the same: the connection then counts
@@ -307,6 +323,7 @@ Connection::Io Endpoint::pushBlocked(Lock& lock, Connection& connection, Outgoin
 }
 
 void Endpoint::waitForRoom(Lock& lock, Connection& connection, Deadline deadline) {
+    handleFrames();
     const bool reads = mayRead();
     reading_ = reading_ || reads;
     lock.unlock();
@@ -315,6 +332,7 @@ void Endpoint::waitForRoom(Lock& lock, Connection& connection, Deadline deadline
     lock.lock();
     if (reads) {
         handleInput(connection, io);
+        handleFrames();  // makes room for more
     }
 }
 
@@ -342,33 +360,45 @@ void Endpoint::readOnce(Lock& lock, Deadline deadline, bool onlyLook) {
     handleInput(*connection, io);
 }
 
-// The end of a turn at reading: deals with what came, and lets others read.
+// The end of a turn at reading: lets others read, and handle what came.
 void Endpoint::handleInput(Connection& connection, Connection::Io io) {
     reading_ = false;
     if (woken_) {
         waker_.reset();
         woken_ = false;
     }
-    const bool isCurrent = connection_.get() == &connection;
-    if (isCurrent && io == Connection::Io::done) {
-        handleFrames(connection);
-    } else if (isCurrent && io == Connection::Io::lost) {
+    if (io == Connection::Io::lost && connection_.get() == &connection) {
         lose("the broker closed it");
     }
     changed_.notify_all();
 }
 
-void Endpoint::handleFrames(Connection& connection) {
-    while (const auto frame = connection.nextFrame()) {
-        if (frame->type == FrameType::goodbye) {
-            log().info("the broker says goodbye: " + std::string((*frame)[Field::payload]));
-        } else {
-            handleFrame(*frame);
-        }
+// The next frame of what has arrived; false when there is none.
+bool Endpoint::handleNextFrame() {
+    if (connection_ == nullptr || reading_) {
+        return false;
+    }
+    const auto frame = connection_->nextFrame();
+    if (!frame) {
+        return false;
+    }
+    if (frame->type == FrameType::goodbye) {
+        log().info("the broker says goodbye: " + std::string((*frame)[Field::payload]));
+    } else {
+        Text payload = connection_->takeLargePayload();
+        handleFrame(*frame, payload);
+    }
+    changed_.notify_all();
+    return true;
+}
+
+void Endpoint::handleFrames() {
+    while (handleNextFrame()) {
     }
 }
 
 void Endpoint::lose(std::string_view reason) {
+    handleFrames();           // what has arrived counts
     connection_->shutDown();  // whoever waits for it wakes up
     connection_ = nullptr;
     gathered_.clear();
@@ -426,6 +456,10 @@ void Endpoint::noteSend() {
 }
 
 void Endpoint::deliverAfterBurst(Lock& lock) {
+    if (lastSend_ == Clock::time_point()) {
+        deliver(lock);
+        return;
+    }
     const Clock::time_point now = Clock::now();
     if (!deliveryDue_) {
         deliveryDue_ = now + interfaces::burstLimit;
@@ -436,18 +470,18 @@ void Endpoint::deliverAfterBurst(Lock& lock) {
         return;
     }
     deliver(lock);
-    if (!hasDelivery()) {
-        deliveryDue_.reset();
-    }
 }
 
 void Endpoint::runThread() {
     Lock lock = acquire();
     std::chrono::milliseconds pause = interfaces::firstReconnectPause;
     while (!ending_) {
-        if (hasDelivery()) {
+        if (hasCallback() && becomesReady([this] { return hasDelivery(); })) {
             deliverAfterBurst(lock);
-        } else if (!gathered_.empty()) {
+            continue;
+        }
+        deliveryDue_.reset();
+        if (!gathered_.empty()) {
             flushGathered(lock);
         } else if (!hasCallback()) {
             changed_.wait(lock);

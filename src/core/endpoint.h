@@ -4,8 +4,9 @@
 // There is one mutex, and two jobs that a thread may have while it holds none:
 // reading (waiting for the socket) and sending (waiting for room in it). Any
 // thread that waits for something to arrive does the reading itself when nobody
-// else does; so a lone caller wakes straight from the kernel. Whoever reads
-// handles all that has arrived, and tells the others.
+// else does; so a lone caller wakes straight from the kernel. What has arrived is
+// handled frame by frame, by whoever waits, as far as it needs: so a message is
+// made when it is handed out, and others are told that there may be more.
 //
 // The endpoint's own thread exists from the first installation of a callback to
 // the end. While a callback is installed it reads like any other thread that
@@ -17,9 +18,9 @@
 #include <array>
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 
@@ -81,8 +82,9 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     using Lock = std::unique_lock<std::mutex>;
     enum class Wait { ready, timedOut, lost };
 
-    // Each is called with the lock held.
-    virtual void handleFrame(const interfaces::Frame& frame) = 0;
+    // Each is called with the lock held. A large frame's payload comes in memory of
+    // its own, which may be taken over.
+    virtual void handleFrame(const interfaces::Frame& frame, Text& payload) = 0;
     // The request is the one to be written after the next `ahead`; no other will be
     // numbered before these are written. `numbered` says how many are, and
     // `takeBackNumbered` how many of the last in the end were not.
@@ -105,6 +107,9 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Tells one connection from those before.
     std::uint64_t connectionNumber() const { return connectionNumber_; }
 
+    // Handles what has arrived, frame by frame, until `ready()`; whether it is.
+    template <typename Ready>
+    bool becomesReady(const Ready& ready);
     // Waits until `ready()`, the time is over, or there is no connection, or no
     // longer the one there was.
     template <typename Ready>
@@ -114,12 +119,12 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
 
     // Puts the frame into the socket. Connects before, where needed, unless the
     // frame belongs to one connection alone.
-    kavri_core_status sendFrame(Lock& lock, const interfaces::Frame& frame);
+    kavri_core_status sendFrame(Lock& lock, interfaces::Frame frame);
     kavri_core_status sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
-                                    const interfaces::Frame& frame);
-    // Puts requests into the socket, many with one write. How many went is in `sent`.
-    using FrameAt = std::function<interfaces::Frame(std::size_t index)>;
-    kavri_core_status sendFrames(Lock& lock, std::size_t count, const FrameAt& frameAt,
+                                    interfaces::Frame& frame);
+    // Numbers requests and puts them into the socket, many with one write. How many
+    // went is in `sent`.
+    kavri_core_status sendFrames(Lock& lock, std::span<interfaces::Frame> frames,
                                  std::size_t& sent);
 
     // A thread of the program's own has sent: what answers it is delivered when
@@ -128,6 +133,9 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
 
     // Something changed that others may wait for.
     void announce();
+
+    // Handles all that has arrived.
+    void handleFrames();
 
     // What the endpoint holds for those who have not received it yet.
     void held(const Message& message) { heldBytes_ += message.bytes(); }
@@ -144,14 +152,15 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     void waitForOthers(Lock& lock, Deadline deadline);
     void readOnce(Lock& lock, Deadline deadline, bool onlyLook);
     void handleInput(Connection& connection, Connection::Io io);
-    void handleFrames(Connection& connection);
+    bool handleNextFrame();
     // Bytes on their way into the socket: one frame, or several gathered ones.
     struct Outgoing {
-        interfaces::Header header;
-        std::array<iovec, 1 + interfaces::fieldCount> storage{};
+        // A small frame, whole; of a larger one the header.
+        std::array<char, 4096> copied;
+        std::array<iovec, 1 + interfaces::fieldCount> storage;
         iovec* pieces = storage.data();
-        std::size_t count;
-        const void* beginning;
+        std::size_t count = 1;
+        const void* beginning = nullptr;
 
         explicit Outgoing(const interfaces::Frame& frame);
         explicit Outgoing(std::string& gathered);
@@ -161,16 +170,16 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     };
     // What a try came to, and whether not a byte went out.
     struct Pushed {
-        kavri_core_status status;
-        bool untouched;
+        kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+        bool untouched = true;
     };
-    Pushed push(Lock& lock, interfaces::Frame frame);
-    Pushed pushGathered(Lock& lock, std::size_t count, const FrameAt& frameAt, std::size_t& sent);
+    Pushed push(Lock& lock, interfaces::Frame& frame);
+    Pushed pushGathered(Lock& lock, std::span<interfaces::Frame> frames, std::size_t& sent);
     Pushed pushBytes(Lock& lock, const std::shared_ptr<Connection>& connection, Outgoing& outgoing);
     Connection::Io pushBlocked(Lock& lock, Connection& connection, Outgoing& outgoing);
     // Whether what is sent now is to wait for more.
     bool gathers() const { return settings_.gatherWrites && isOwnThread(); }
-    kavri_core_status gather(Lock& lock, const interfaces::Frame& frame);
+    void gather(Lock& lock, const interfaces::Frame& frame);
     void flushGathered(Lock& lock);
     void waitForRoom(Lock& lock, Connection& connection, Deadline deadline);
     void lose(std::string_view reason);
@@ -199,10 +208,20 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
 };
 
 template <typename Ready>
+bool Endpoint::becomesReady(const Ready& ready) {
+    while (!ready()) {
+        if (!mayRead() || !handleNextFrame()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+template <typename Ready>
 Endpoint::Wait Endpoint::waitUntil(Lock& lock, Deadline deadline, const Ready& ready) {
     const std::uint64_t number = connectionNumber_;
     while (true) {
-        if (ready()) {
+        if (becomesReady(ready)) {
             return Wait::ready;
         }
         if (connection_ == nullptr || connectionNumber_ != number) {
@@ -213,7 +232,7 @@ Endpoint::Wait Endpoint::waitUntil(Lock& lock, Deadline deadline, const Ready& r
             readOnce(lock, deadline, expired);
         }
         if (expired && connection_ != nullptr) {
-            return ready() ? Wait::ready : Wait::timedOut;
+            return becomesReady(ready) ? Wait::ready : Wait::timedOut;
         }
         if (!mayRead() && !ready()) {
             waitForOthers(lock, deadline);

@@ -9,9 +9,9 @@ using interfaces::Field;
 using interfaces::Frame;
 using interfaces::FrameType;
 
-kavri_core_status Initiator::send(std::size_t count, const FrameAt& requestAt, std::size_t& sent) {
+kavri_core_status Initiator::send(std::span<Frame> requests, std::size_t& sent) {
     Lock lock = acquire();
-    const kavri_core_status status = sendFrames(lock, count, requestAt, sent);
+    const kavri_core_status status = sendFrames(lock, requests, sent);
     noteSend();
     return status;
 }
@@ -39,6 +39,9 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
         });
         if (responseCallback_.isInstalled()) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
+        }
+        if (responses_.empty() && open_.hasFailureToTell()) {
+            handleFrames();  // an answer that is there goes first
         }
         if (!responses_.empty()) {
             fields = take(responses_).release();
@@ -125,10 +128,10 @@ void Initiator::connectionLost() {
     std::erase_if(questions_, [](const auto& entry) { return !entry.second.awaited; });
 }
 
-void Initiator::handleFrame(const Frame& frame) {
+void Initiator::handleFrame(const Frame& frame, Text& payload) {
     switch (frame.type) {
         case FrameType::response:
-            handleResponse(frame);
+            handleResponse(frame, payload);
             break;
         case FrameType::completion:
             open_.close(frame.token);
@@ -137,7 +140,7 @@ void Initiator::handleFrame(const Frame& frame) {
             open_.fail(frame.token, failureIn(frame, KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
             break;
         case FrameType::event:
-            handleEvent(frame);
+            handleEvent(frame, payload);
             break;
         case FrameType::acknowledgement:
             handleAcknowledgement(frame);
@@ -148,18 +151,18 @@ void Initiator::handleFrame(const Frame& frame) {
 }
 
 // A response to nothing that is open would be a second one.
-void Initiator::handleResponse(const Frame& frame) {
+void Initiator::handleResponse(const Frame& frame, Text& payload) {
     if (!open_.close(frame.token)) {
         log().warning("dropped a response to a request that is not open");
         return;
     }
-    responses_.emplace_back(frame);
+    responses_.emplace_back(frame, std::move(payload));
     held(responses_.back());
 }
 
-void Initiator::handleEvent(const Frame& frame) {
+void Initiator::handleEvent(const Frame& frame, Text& payload) {
     if (eventCallback_.isInstalled() && subscriptions_.contains(frame[Field::category])) {
-        events_.emplace_back(frame);
+        events_.emplace_back(frame, std::move(payload));
         held(events_.back());
     }
 }

@@ -16,10 +16,9 @@ namespace kavri::core {
 class Initiator : public Endpoint {
   public:
     using Endpoint::Endpoint;
-    using Endpoint::FrameAt;
 
-    // As many requests as `count` and `requestAt` say; how many went is in `sent`.
-    kavri_core_status send(std::size_t count, const FrameAt& requestAt, std::size_t& sent);
+    // Numbers the requests and sends them; how many went is in `sent`.
+    kavri_core_status send(std::span<interfaces::Frame> requests, std::size_t& sent);
     // Stores the four strings of the next response.
     kavri_core_status receive(int timeoutMs, Message::Fields& fields);
     kavri_core_status setResponseCallback(kavri_core_ipc_initiator_response_callback callback,
@@ -31,7 +30,7 @@ class Initiator : public Endpoint {
                                        void* context);
 
   private:
-    void handleFrame(const interfaces::Frame& frame) override;
+    void handleFrame(const interfaces::Frame& frame, Text& payload) override;
     void connectionMade(Lock& lock) override;
     void connectionLost() override;
     bool hasCallback() const override;
@@ -42,8 +41,8 @@ class Initiator : public Endpoint {
     void number(interfaces::Frame& frame, std::size_t ahead) override;
     void numbered(std::size_t written) override;
     void takeBackNumbered(std::size_t count) override;
-    void handleResponse(const interfaces::Frame& frame);
-    void handleEvent(const interfaces::Frame& frame);
+    void handleResponse(const interfaces::Frame& frame, Text& payload);
+    void handleEvent(const interfaces::Frame& frame, Text& payload);
     void handleAcknowledgement(const interfaces::Frame& frame);
     void dropEvents(const std::string* ofCategory);
     interfaces::Frame question(interfaces::FrameType type, const std::string& category,

@@ -1,5 +1,7 @@
 // The C functions of the initiator: arguments checked, work handed on.
 #include <algorithm>
+#include <array>
+#include <span>
 
 #include "core/initiator.h"
 #include "core/shim.h"
@@ -14,12 +16,31 @@ using kavri::core::guarded;
 
 namespace {
 
-kavri::interfaces::Frame request(const char* targetCategory, const char* targetIdentifier,
-                                 const char* uuid, const char* payload) {
-    kavri::interfaces::Frame frame;
+using kavri::interfaces::Frame;
+
+Frame request(const kavri_core_ipc_command& command) {
+    Frame frame;
     frame.type = kavri::interfaces::FrameType::request;
-    frame.fields = {targetCategory, targetIdentifier, uuid, payload};
+    frame.fields = {command.targetCategory, command.targetIdentifier, command.uuid,
+                    command.payload};
     return frame;
+}
+
+// Some at a time: a batch may be of any size.
+kavri_core_status sendAll(kavri::core::Initiator& initiator,
+                          std::span<const kavri_core_ipc_command> commands, std::size_t& sent) {
+    std::array<Frame, 256> frames;
+    while (sent < commands.size()) {
+        const auto part = commands.subspan(sent, std::min(frames.size(), commands.size() - sent));
+        std::ranges::transform(part, frames.begin(), request);
+        std::size_t gone = 0;
+        const kavri_core_status status = initiator.send({frames.data(), part.size()}, gone);
+        sent += gone;
+        if (status != KAVRI_CORE_STATUS_NO_ERROR) {
+            return status;
+        }
+    }
+    return KAVRI_CORE_STATUS_NO_ERROR;
 }
 
 }  // namespace
@@ -64,11 +85,9 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send(
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
     return guarded([&] {
+        Frame frame = request({targetCategory, targetIdentifier, uuid, payload});
         std::size_t sent = 0;
-        return initiator->initiator->send(
-            1,
-            [&](std::size_t) { return request(targetCategory, targetIdentifier, uuid, payload); },
-            sent);
+        return initiator->initiator->send({&frame, 1}, sent);
     });
 }
 
@@ -86,16 +105,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send_batch(
         })) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
-        return initiator->initiator->send(
-            count,
-            [commands](std::size_t index) {
-                const kavri_core_ipc_command& command = commands[index];
-                return request(command.targetCategory, command.targetIdentifier, command.uuid,
-                               command.payload);
-            },
-            *sent);
-    });
+    return guarded([&] { return sendAll(*initiator->initiator, {commands, count}, *sent); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive(

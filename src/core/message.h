@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -14,14 +15,30 @@
 
 namespace kavri::core {
 
+struct FreeText {
+    void operator()(char* text) const { std::free(text); }
+};
+using Text = std::unique_ptr<char, FreeText>;
+
+inline Text newText(std::size_t length) {
+    Text text(static_cast<char*>(std::malloc(length + 1)));
+    if (text == nullptr) {
+        throw std::bad_alloc();
+    }
+    text.get()[length] = '\0';
+    return text;
+}
+
 class Message {
   public:
     using Fields = std::array<char*, interfaces::fieldCount>;
 
-    // Copies the fields of a frame; an absent one becomes null.
-    explicit Message(const interfaces::Frame& frame) : token_(frame.token) {
+    // Copies the fields of a frame, but the payload where it is given; an absent
+    // one becomes null.
+    Message(const interfaces::Frame& frame, Text payload) : token_(frame.token) {
         for (std::size_t i = 0; i < fields_.size(); ++i) {
-            fields_[i] = copyOf(frame.fields[i]);
+            const bool isGiven = payload != nullptr && frame.fields[i].data() == payload.get();
+            fields_[i] = isGiven ? payload.release() : copyOf(frame.fields[i]);
             bytes_ += frame.fields[i].size();
         }
     }
@@ -51,13 +68,9 @@ class Message {
         if (text.data() == nullptr) {
             return nullptr;
         }
-        auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
-        if (copy == nullptr) {
-            throw std::bad_alloc();
-        }
-        std::memcpy(copy, text.data(), text.size());
-        copy[text.size()] = '\0';
-        return copy;
+        Text copy = newText(text.size());
+        std::memcpy(copy.get(), text.data(), text.size());
+        return copy.release();
     }
 
     Fields fields_{};

@@ -61,9 +61,9 @@ kavri_core_status Responder::publish(Frame event) {
     return sendFrame(lock, event);
 }
 
-void Responder::handleFrame(const Frame& frame) {
+void Responder::handleFrame(const Frame& frame, Text& payload) {
     if (frame.type == FrameType::request) {
-        requests_.emplace_back(frame);
+        requests_.emplace_back(frame, std::move(payload));
         held(requests_.back());
     }
 }

@@ -23,7 +23,7 @@ class Responder : public Endpoint {
     kavri_core_status publish(interfaces::Frame event);
 
   private:
-    void handleFrame(const interfaces::Frame& frame) override;
+    void handleFrame(const interfaces::Frame& frame, Text& payload) override;
     void connectionMade(Lock&) override {}
     void connectionLost() override;
     bool hasCallback() const override { return callback_.isInstalled(); }

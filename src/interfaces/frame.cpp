@@ -1,8 +1,9 @@
 // Frames to bytes and back; see frame.h for the layout.
 #include "interfaces/frame.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstring>
-#include <type_traits>
 
 #include "interfaces/limits.h"
 
@@ -17,23 +18,27 @@ constexpr std::size_t tokenOffset = 8;
 constexpr std::size_t lengthsOffset = 16;
 constexpr std::size_t lengthWidth = 4;
 
-// Bytes are put together one by one: the compiler makes single moves of it on
-// little-endian machines, and it is right on all others.
+// Little-endian, whatever the machine.
 template <typename Integer>
-Integer load(const char* bytes) {
-    Integer value = 0;
-    for (std::size_t i = 0; i < sizeof(Integer); ++i) {
-        const auto byte = static_cast<unsigned char>(bytes[i]);
-        value = static_cast<Integer>(value | (static_cast<Integer>(byte) << (8 * i)));
+Integer toOrFromWire(Integer value) {
+    if constexpr (std::endian::native == std::endian::big) {
+        auto* bytes = reinterpret_cast<unsigned char*>(&value);
+        std::reverse(bytes, bytes + sizeof value);
     }
     return value;
 }
 
 template <typename Integer>
+Integer load(const char* bytes) {
+    Integer value;
+    std::memcpy(&value, bytes, sizeof value);
+    return toOrFromWire(value);
+}
+
+template <typename Integer>
 void store(char* bytes, Integer value) {
-    for (std::size_t i = 0; i < sizeof(Integer); ++i) {
-        bytes[i] = static_cast<char>(static_cast<unsigned char>(value >> (8 * i)));
-    }
+    value = toOrFromWire(value);
+    std::memcpy(bytes, &value, sizeof value);
 }
 
 constexpr std::uint8_t bit(Field field) {
@@ -153,9 +158,20 @@ Measured measure(const char* bytes, std::size_t payloadLimitBytes) {
     return {load<std::uint32_t>(bytes), std::nullopt};
 }
 
-std::optional<Frame> decode(const char* bytes) {
-    const std::size_t length = load<std::uint32_t>(bytes);
-    if (std::memchr(bytes + headerBytes, '\0', length - headerBytes) != nullptr) {
+Extent extentOf(const char* bytes) {
+    const std::size_t payloadBytes = fieldLength(bytes, static_cast<std::size_t>(Field::payload));
+    return {load<std::uint32_t>(bytes) - payloadBytes, payloadBytes};
+}
+
+std::optional<Frame> decode(const char* bytes, const char* payload) {
+    const Extent extent = extentOf(bytes);
+    const char* const payloadAt = payload != nullptr ? payload : bytes + extent.headBytes;
+    const auto hasNul = [](const char* text, std::size_t length) {
+        return std::memchr(text, '\0', length) != nullptr;
+    };
+    const std::size_t behindHead = payload == nullptr ? extent.payloadBytes : 0;
+    if (hasNul(bytes + headerBytes, extent.headBytes - headerBytes + behindHead) ||
+        (payload != nullptr && hasNul(payload, extent.payloadBytes))) {
         return std::nullopt;
     }
     Frame frame;
@@ -166,7 +182,9 @@ std::optional<Frame> decode(const char* bytes) {
     const char* field = bytes + headerBytes;
     for (std::size_t i = 0; i < fieldCount; ++i) {
         if ((present & (1U << i)) != 0) {
-            frame.fields[i] = std::string_view(field, fieldLength(bytes, i));
+            const bool isPayload = static_cast<Field>(i) == Field::payload;
+            frame.fields[i] =
+                std::string_view(isPayload ? payloadAt : field, fieldLength(bytes, i));
             field += frame.fields[i].size();
         }
     }

@@ -98,8 +98,17 @@ struct Measured {
 Measured measure(const char* bytes, std::size_t payloadLimitBytes);
 
 // The values of a measured frame, all of whose bytes are there, or nothing
-// where a field has a NUL in it. They point into `bytes`.
-std::optional<Frame> decode(const char* bytes);
+// where a field has a NUL in it. They point into `bytes`, but for the payload where
+// that lies elsewhere.
+std::optional<Frame> decode(const char* bytes, const char* payload = nullptr);
+
+// The bytes of a measured frame before its payload, and those of the payload; all
+// of the header must be there.
+struct Extent {
+    std::size_t headBytes = 0;
+    std::size_t payloadBytes = 0;
+};
+Extent extentOf(const char* bytes);
 
 // The header that goes before the fields of `frame`.
 Header encodeHeader(const Frame& frame);

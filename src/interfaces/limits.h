@@ -53,6 +53,11 @@ struct Limits {
     std::chrono::milliseconds holdBackTime{100};
 };
 
+// What is asked of the kernel as room between two ends of a connection (it may
+// grant less, and takes memory only for what is under way): a large payload then
+// goes through in few pieces, each of which costs a wake-up.
+inline constexpr int socketBufferBytes = 2 * mebibyte;
+
 // What the library holds for a caller who does not receive; beyond it the
 // library leaves further messages in the socket.
 inline constexpr std::size_t libraryQueueBytes = 64 * mebibyte;

@@ -264,6 +264,42 @@ BOOST_AUTO_TEST_CASE(aResponseInSingleBytesIsReceived) {
     BOOST_TEST((initiator.receive().uuid == "pieces"));
 }
 
+BOOST_AUTO_TEST_CASE(aLargeResponseInPiecesIsReceivedWithWhatComesBehindIt) {
+    std::string payload(100'000, 'x');
+    for (std::size_t i = 0; i < payload.size(); ++i) {
+        payload[i] = static_cast<char>('a' + i % 23);
+    }
+    const std::uint64_t large = ask("large");
+    const std::uint64_t small = ask("small");
+    const std::string bytes =
+        encode(responseFrame(large, "large", payload)) + encode(responseFrame(small, "small"));
+    // Cut within the header, right behind it, within the payload, and around its end.
+    const std::size_t end = bytes.size() - encode(responseFrame(small, "small")).size();
+    std::size_t begin = 0;
+    for (const std::size_t cut : {std::size_t{20}, std::size_t{32}, std::size_t{40},
+                                  std::size_t{70'000}, end - 1, end + 1, end + 32, bytes.size()}) {
+        BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+        peer.write(bytes.substr(begin, cut - begin));
+        begin = cut;
+        if (cut == end + 1) {
+            const Message received = initiator.receive();
+            BOOST_TEST((received.uuid == "large"));
+            BOOST_TEST((received.payload == payload));
+        }
+    }
+    BOOST_TEST((initiator.receive().uuid == "small"));
+}
+
+BOOST_AUTO_TEST_CASE(anAnswerThatIsThereGoesBeforeAFailureThatCameBeforeIt) {
+    const std::uint64_t answered = ask("answered");
+    const std::uint64_t failed = ask("failed");
+    peer.write(
+        encode(statusFrame(FrameType::notice, failed, KAVRI_CORE_STATUS_IPC_RESPONDER_LOST)) +
+        encode(responseFrame(answered, "answered")));
+    BOOST_TEST((initiator.receive(-1).uuid == "answered"));
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST);
+}
+
 BOOST_AUTO_TEST_CASE(manyResponsesInOneWriteAreAllReceived) {
     std::string bytes;
     for (const std::string& uuid : numbers(100)) {
@@ -317,6 +353,26 @@ BOOST_AUTO_TEST_CASE(aNulInAFieldCostsTheConnection) {
     const std::string_view withNul("a\0b", 3);
     peer.send(responseFrame(ask(), withNul));
     expectLoss();
+}
+
+BOOST_AUTO_TEST_CASE(aNulInALargePayloadCostsTheConnection) {
+    std::string payload(100'000, 'x');
+    payload[90'000] = '\0';
+    const std::string bytes = encode(responseFrame(ask(), "0", payload));
+    peer.write(bytes.substr(0, 100));
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    peer.write(bytes.substr(100));
+    expectLoss();
+}
+
+BOOST_AUTO_TEST_CASE(responsesThatArrivedAreReceivedThoughASendFindsTheBrokerGone) {
+    const std::uint64_t first = ask("first");
+    const std::uint64_t second = ask("second");
+    peer.write(encode(responseFrame(first, "first")) + encode(responseFrame(second, "second")));
+    BOOST_TEST((initiator.receive(-1).uuid == "first"));
+    peer.close();
+    BOOST_TEST(initiator.echo("third") != KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST((initiator.receive(-1).uuid == "second"));
 }
 
 BOOST_AUTO_TEST_CASE(aPayloadAboveTheLimitCostsTheConnection) {

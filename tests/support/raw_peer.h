@@ -101,7 +101,7 @@ class RawPeer {
 
     // What waits to be read, and stays there.
     std::string peek() const {
-        std::string bytes(1 << 20, '\0');
+        std::string bytes(1 << 24, '\0');
         const ssize_t count =
             ::recv(descriptor_, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
         bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);

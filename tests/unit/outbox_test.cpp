@@ -271,6 +271,22 @@ BOOST_AUTO_TEST_CASE(aBlockLivesAsLongAsAnyReferenceToIt) {
                static_cast<const void*>(third->bytes()));
 }
 
+BOOST_AUTO_TEST_CASE(whatAnOutboxLetsGoIsKeptUntilThePoolIsTrimmed) {
+    BufferPool pool;
+    BOOST_TEST(pool.isEmpty());
+    std::size_t userBytes = 0;
+    Outbox outbox(pool, userBytes);
+    outbox.appendCopy("x");
+    BOOST_TEST(pool.isEmpty());
+    outbox.consume(1);
+    BOOST_TEST(!pool.isEmpty());
+    outbox.appendCopy("y");
+    BOOST_TEST(pool.isEmpty());
+    outbox.clear();
+    pool.trim();
+    BOOST_TEST(pool.isEmpty());
+}
+
 BOOST_AUTO_TEST_CASE(aTrimmedPoolServesOn) {
     BufferPool pool;
     {

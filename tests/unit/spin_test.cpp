@@ -1,5 +1,5 @@
-// When it is tried again without sleeping, and when not. Whether a wait was
-// short is said by its beginning, so that no test depends on the clock.
+// When it is tried again without sleeping, and when not. How long a wait was is
+// said, so that no test depends on the clock.
 #define BOOST_TEST_MODULE spin
 
 #include "interfaces/spin.h"
@@ -13,14 +13,11 @@ using kavri::interfaces::Spin;
 
 namespace {
 
-const auto muchLater = std::chrono::hours(1);
-
-// A wait that began in the future was certainly short; one of an hour was not.
 void sleptShortly(Spin& spin) {
-    spin.slept(Spin::Clock::now() + muchLater);
+    spin.slept(std::chrono::nanoseconds(1));
 }
 void sleptLong(Spin& spin) {
-    spin.slept(Spin::Clock::now() - muchLater);
+    spin.slept(std::chrono::hours(1));
 }
 
 bool triesAtAll(Spin& spin) {
@@ -80,6 +77,25 @@ BOOST_AUTO_TEST_CASE(aSpinThatFoundNothingEndsSpinning, *onManyProcessors()) {
     Spin spin;
     sleptShortly(spin);
     BOOST_TEST(!spin.until([] { return false; }));
+    BOOST_TEST(!triesAtAll(spin));
+    sleptShortly(spin);
+    BOOST_TEST(triesAtAll(spin));
+}
+
+BOOST_AUTO_TEST_CASE(whereOthersTakeTheProcessorForLongTheNextWaitsSleep, *onManyProcessors()) {
+    Spin spin;
+    sleptShortly(spin);
+    int attempts = 0;
+    BOOST_TEST(spin.until([&attempts] { return ++attempts == 2; },
+                          [] {
+                              const auto end = Spin::Clock::now() + 2 * Spin::crowdedTime;
+                              while (Spin::Clock::now() < end) {
+                              }
+                          }));
+    for (unsigned i = 0; i < Spin::waitsWhenCrowded; ++i) {
+        BOOST_TEST(!triesAtAll(spin));
+        sleptShortly(spin);
+    }
     BOOST_TEST(!triesAtAll(spin));
     sleptShortly(spin);
     BOOST_TEST(triesAtAll(spin));
