@@ -30,13 +30,14 @@ void Initiator::takeBackNumbered(std::size_t count) {
 
 kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
     Lock lock = acquire();
-    const Deadline deadline = deadlineAfter(timeoutMs);
+    const auto isReady = [this] {
+        return responseCallback_.isInstalled() || !responses_.empty() || open_.hasFailureToTell();
+    };
+    // Who need not wait needs no clock.
+    const Deadline deadline = becomesReady(isReady) ? std::nullopt : deadlineAfter(timeoutMs);
     while (true) {
         const bool wasConnected = isConnected();
-        const Wait wait = waitUntil(lock, deadline, [this] {
-            return responseCallback_.isInstalled() || !responses_.empty() ||
-                   open_.hasFailureToTell();
-        });
+        const Wait wait = waitUntil(lock, deadline, isReady);
         if (responseCallback_.isInstalled()) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
         }
