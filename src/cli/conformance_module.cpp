@@ -163,9 +163,12 @@ ChildSpawn ConformanceModule::runSpawn(const ModuleRunRequest& request) const {
     ChildSpawn spawn = baseSpawn();
     spawn.environment["KAVRI_BROKER"] = request.brokerSocket.string();
     spawn.environment["KAVRI_MODULE_EVENTS"] = std::to_string(request.eventsDescriptor);
+    spawn.environment["KAVRI_PROBE_CHECK_PEER"] = "1";
+    spawn.environment["KAVRI_PROBE_FAULT"] =
+        request.fault.empty() ? std::nullopt : std::optional(request.fault);
     std::string preloaded;
     for (const std::string& library :
-         {request.libraries.runtime.string(), request.observer.string(),
+         {request.libraries.runtime.string(), request.observer.string(), request.probe.string(),
           environmentVariable("LD_PRELOAD")}) {
         preloaded += (preloaded.empty() || library.empty() ? "" : ":") + library;
     }

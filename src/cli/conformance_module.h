@@ -26,9 +26,12 @@ struct ModuleRunRequest {
     std::vector<std::string> cases;  // none: all
     std::vector<std::string> userArguments;
     ModuleLibraries libraries;
-    std::filesystem::path observer;  // the library that writes what module_events.h reads
-    int logDescriptor = -1;          // where the module writes its log
-    int eventsDescriptor = -1;       // where the observer writes
+    // The two libraries that write what module_events.h reads.
+    std::filesystem::path observer;
+    std::filesystem::path probe;
+    std::string fault;          // that the probe is to break; empty: none
+    int logDescriptor = -1;     // where the module writes its log
+    int eventsDescriptor = -1;  // where the observer writes
 };
 
 class ConformanceModule {

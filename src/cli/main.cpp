@@ -89,6 +89,7 @@ struct Commands {
 
 int runCommandLine(std::vector<std::string> arguments) {
     Commands commands;
+    commands.conformance.invocation = arguments;
     commands.conformance.moduleArguments = cutModuleArguments(arguments);
     try {
         std::ranges::reverse(arguments);  // as the parser takes them

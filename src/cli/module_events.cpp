@@ -1,9 +1,10 @@
-// Reading the observer's lines; see module_events.h.
+// Reading the lines; see module_events.h.
 #include "cli/module_events.h"
 
+#include <array>
 #include <charconv>
-#include <cstdint>
 #include <optional>
+#include <utility>
 
 #include "cli/text_scanner.h"
 
@@ -13,31 +14,82 @@ namespace {
 
 using Kind = ModuleEvent::Kind;
 
-std::optional<std::chrono::microseconds> parseMicroseconds(std::string_view text) {
-    int64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) {
-        return std::nullopt;
+// What stands behind the word, the time and the thread, in this order.
+struct Form {
+    std::string_view word;
+    Kind kind;
+    bool hasNumber;
+    bool hasText;  // the last thing, unless JSON follows it
+    bool hasData;
+};
+
+constexpr std::array forms = {
+    Form{"began", Kind::began, false, true, false},
+    Form{"reached", Kind::reached, false, true, false},
+    Form{"passed", Kind::passed, false, true, true},
+    Form{"failed", Kind::failed, false, true, true},
+    Form{"aborted", Kind::aborted, false, false, false},
+    Form{"ended", Kind::ended, true, true, false},
+    Form{"call", Kind::call, true, true, true},
+    Form{"return", Kind::returned, true, false, true},
+    Form{"deliver", Kind::deliver, true, true, true},
+    Form{"delivered", Kind::delivered, true, false, false},
+    Form{"fault", Kind::fault, false, true, true},
+    Form{"peer", Kind::peer, false, true, true},
+    Form{"usage", Kind::usage, false, false, true},
+};
+
+// A word up to the next blank, or the end.
+std::string_view takeWord(std::string_view& line) {
+    if (const auto word = takeUntil(line, " ")) {
+        return *word;
     }
-    return std::chrono::microseconds(value);
+    return std::exchange(line, {});
+}
+
+template <typename Number>
+bool takeNumber(std::string_view& line, Number& number) {
+    const std::string_view text = takeWord(line);
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+// The text goes up to the JSON, whose first character no text before it ends with
+// a blank and this.
+std::string_view takeText(std::string_view& line, bool hasData) {
+    if (!hasData) {
+        return std::exchange(line, {});
+    }
+    const std::size_t end = line.find(" {");
+    if (end == std::string_view::npos) {
+        return std::exchange(line, {});
+    }
+    const std::string_view text = line.substr(0, end);
+    line.remove_prefix(end + 1);
+    return text;
 }
 
 std::optional<ModuleEvent> parseEvent(std::string_view line) {
-    if (line == "aborted") {
-        return ModuleEvent{Kind::aborted, {}};
-    }
-    if (takePrefix(line, "ended ")) {
-        const auto time = parseMicroseconds(takeUntil(line, " ").value_or(""));
-        return time ? std::optional(ModuleEvent{Kind::ended, std::string(line), *time})
-                    : std::nullopt;
-    }
-    for (const auto& [word, kind] : {std::pair{"began ", Kind::began},
-                                     {"reached ", Kind::reached},
-                                     {"passed ", Kind::passed},
-                                     {"failed ", Kind::failed}}) {
-        if (takePrefix(line, word)) {
-            return ModuleEvent{kind, std::string(line)};
+    const std::string_view word = takeWord(line);
+    for (const Form& form : forms) {
+        if (form.word != word) {
+            continue;
         }
+        ModuleEvent event;
+        event.kind = form.kind;
+        if (!takeNumber(line, event.atNs) || !takeNumber(line, event.thread) ||
+            (form.hasNumber && !takeNumber(line, event.number))) {
+            return std::nullopt;
+        }
+        if (form.hasText) {
+            event.text = takeText(line, form.hasData);
+        }
+        if (form.hasData) {
+            event.data = nlohmann::json::parse(std::exchange(line, {}), nullptr, false);
+        }
+        const bool isWhole =
+            event.data.is_object() && event.text.empty() != form.hasText && line.empty();
+        return isWhole ? std::optional(std::move(event)) : std::nullopt;
     }
     return std::nullopt;
 }

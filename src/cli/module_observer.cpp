@@ -9,16 +9,24 @@
 // The framework's own log could say as much, at its fullest level. But it takes
 // no lock, and the module checks on two threads at a time: entries would be
 // mangled, and now and then miscounted. For the failures, which are left to the
-// log, the lock is supplied here: three of the framework's functions are called
-// by way of the ones of the same name at the end of this file.
+// log, the lock is supplied here: some of the framework's functions are called by
+// way of the ones of the same name at the end of this file. By way of one of them
+// comes every check, with its texts and values.
 #include <dlfcn.h>
+#include <sys/prctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <boost/test/framework.hpp>
+#include <boost/test/tools/assertion_result.hpp>
+#include <boost/test/tools/detail/fwd.hpp>
 #include <boost/test/tree/observer.hpp>
 #include <boost/test/tree/test_unit.hpp>
 #include <boost/test/unit_test_log.hpp>
+#include <cstdarg>
 #include <mutex>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 
 #include "cli/environment.h"
@@ -32,19 +40,42 @@ namespace {
 // The descriptor to write to; -1: nobody listens.
 int eventsDescriptor = -1;
 
-// The check that this thread came to last, as "file(line)".
-thread_local std::string placeReached;
-
 // Held by the thread that is writing an entry of the log, from the entry's
 // beginning to its end.
 std::mutex logMutex;
 thread_local bool isWritingEntry = false;
 
-void tell(const std::string& line) {
-    // A line is shorter than what a pipe takes undivided. If the tool has gone
-    // there is nobody to tell.
+// A text of more bytes than this is cut: a line must be short enough to go into
+// the pipe undivided.
+constexpr std::size_t longestTextBytes = 200;
+
+std::string cut(std::string text) {
+    if (text.size() > longestTextBytes) {
+        text.resize(longestTextBytes);
+        text += "…";
+    }
+    return text;
+}
+
+void tell(const char* word, const std::string& rest) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const std::string line = std::string(word) + ' ' +
+                             std::to_string(now.tv_sec * 1'000'000'000L + now.tv_nsec) + ' ' +
+                             std::to_string(gettid()) + (rest.empty() ? "" : " ") + rest + '\n';
+    // If the tool has gone there is nobody to tell.
     const ssize_t written = write(eventsDescriptor, line.data(), line.size());
     static_cast<void>(written);
+}
+
+std::string placeText(const_string file, std::size_t line) {
+    return std::string(file.begin(), file.size()) + '(' + std::to_string(line) + ')';
+}
+
+std::string printed(const boost::unit_test::lazy_ostream& value) {
+    std::ostringstream stream;
+    stream << value;
+    return cut(stream.str());
 }
 
 bool isCase(const test_unit& unit) {
@@ -55,26 +86,18 @@ class Observer : public boost::unit_test::test_observer {
   public:
     void test_unit_start(const test_unit& unit) override {
         if (isCase(unit)) {
-            tell("began " + unit.full_name() + "\n");
+            tell("began", unit.full_name());
         }
     }
 
     void test_unit_finish(const test_unit& unit, unsigned long elapsedUs) override {
         if (isCase(unit)) {
-            tell("ended " + std::to_string(elapsedUs) + " " + unit.full_name() + "\n");
-        }
-    }
-
-    void assertion_result(boost::unit_test::assertion_result result) override {
-        if (result == boost::unit_test::AR_PASSED) {
-            tell("passed " + placeReached + "\n");
-        } else if (result == boost::unit_test::AR_FAILED) {
-            tell("failed " + placeReached + "\n");
+            tell("ended", std::to_string(elapsedUs) + " " + unit.full_name());
         }
     }
 
     void exception_caught(const boost::execution_exception& /*exception*/) override {
-        tell("aborted\n");
+        tell("aborted", "");
     }
 
     // Behind all of the framework's own: it takes an observer that comes before
@@ -88,6 +111,8 @@ __attribute__((constructor)) void observe() {
         eventsDescriptor = std::stoi(number);
         static Observer observer;
         boost::unit_test::framework::register_observer(observer);
+        // A debugger that the tool starts may look into this process.
+        prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
     }
 }
 
@@ -107,8 +132,7 @@ void unit_test_log_t::set_checkpoint(const_string file, std::size_t line, const_
             "_ZN5boost9unit_test15unit_test_log_t14set_checkpointENS0_13basic_cstringIKcEEmS4_");
     // Checkpoints with a message are those around a case.
     if (eventsDescriptor >= 0 && message.is_empty()) {
-        placeReached.assign(file.begin(), file.size()).append("(" + std::to_string(line) + ")");
-        tell("reached " + placeReached + "\n");
+        tell("reached", placeText(file, line));
     }
     std::unique_lock<std::mutex> lock(logMutex, std::defer_lock);
     if (!isWritingEntry) {
@@ -139,3 +163,50 @@ unit_test_log_t& unit_test_log_t::operator<<(const boost::unit_test::log::end& e
     }
     return result;
 }
+
+// Every check comes here with what it compared. The values are printed for a check
+// that failed alone.
+namespace boost::test_tools::tt_detail {
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): the framework's signature.
+bool report_assertion(const boost::test_tools::assertion_result& result,
+                      const boost::unit_test::lazy_ostream& description, const_string file,
+                      std::size_t line, tool_level level, check_type type, std::size_t count, ...) {
+    using Text = const char*;
+    using Value = const boost::unit_test::lazy_ostream*;
+    static const auto original = behind<bool(
+        const boost::test_tools::assertion_result&, const boost::unit_test::lazy_ostream&,
+        const_string, std::size_t, tool_level, check_type, std::size_t, ...)>(
+        "_ZN5boost10test_tools9tt_detail16report_assertionERKNS0_16assertion_resultERKNS_9unit_"
+        "test12lazy_ostreamENS5_13basic_cstringIKcEEmNS1_10tool_levelENS1_10check_typeEmz");
+    Text leftText = nullptr;
+    Value leftValue = nullptr;
+    Text rightText = nullptr;
+    Value rightValue = nullptr;
+    if (count == 2) {
+        va_list arguments;
+        va_start(arguments, count);
+        leftText = va_arg(arguments, Text);
+        leftValue = va_arg(arguments, Value);
+        rightText = va_arg(arguments, Text);
+        rightValue = va_arg(arguments, Value);
+        va_end(arguments);
+    }
+    const bool passed = !!result;
+    if (eventsDescriptor >= 0) {
+        nlohmann::json told;
+        told["check"] =
+            count == 2 ? std::string(leftText) + " == " + rightText : printed(description);
+        if (!passed && count == 2) {
+            told["left"] = printed(*leftValue);
+            told["right"] = printed(*rightValue);
+        }
+        tell(passed ? "passed" : "failed",
+             placeText(file, line) + " " +
+                 told.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
+    }
+    return original(result, description, file, line, level, type, count, leftText, leftValue,
+                    rightText, rightValue);
+}
+
+}  // namespace boost::test_tools::tt_detail

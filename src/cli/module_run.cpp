@@ -16,6 +16,8 @@
 #include <system_error>
 
 #include "cli/broker_access.h"
+#include "cli/exit_text.h"
+#include "cli/stacks.h"
 
 namespace kavri::cli {
 
@@ -27,6 +29,21 @@ constexpr size_t longestLineBytes = 65536;
 // The broker that the run has to itself is worth reading only where something
 // went wrong, and then from the end.
 constexpr size_t mostBrokerLines = 100;
+
+Verdict verdictOnCutOff(RunEnd end) {
+    switch (end) {
+        case RunEnd::moduleEnded:
+            return Verdict::crash;
+        case RunEnd::hung:
+        case RunEnd::timeOver:
+            return Verdict::timeout;
+        case RunEnd::brokerLost:
+            return Verdict::harnessError;
+        case RunEnd::signalled:
+            break;
+    }
+    return Verdict::notRun;
+}
 
 bool hasEnded(ChildProcess& process) {
     return process.wait(std::chrono::milliseconds(0)).has_value();
@@ -65,19 +82,30 @@ std::string ModuleRun::Channel::read() const {
     return bytes;
 }
 
-ModuleRun::ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display)
-    : broker_(broker), limits_(limits), display_(display) {}
+ModuleRun::ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
+                     Patience patience, CaseEnded ended)
+    : broker_(broker),
+      limits_(limits),
+      display_(display),
+      patience_(patience),
+      ended_(std::move(ended)) {}
 
 RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request) {
     request.logDescriptor = logChannel_.writing();
     request.eventsDescriptor = eventsChannel_.writing();
+    begun_ = Clock::now();
     ChildProcess process(module.runSpawn(request));
     const RunEnd end = watch(process);
+    cutOffNs_ = Clock::now().time_since_epoch().count();
+    if (end == RunEnd::hung && patience_.wantsStacks) {
+        stacks_ = stacksOf(process.pid());
+    }
     // Gone already where it ended by itself; otherwise it ends here.
     process.signal(SIGKILL);
     exit_ = process.wait(std::chrono::hours(1)).value_or(ExitState{});
     follow(process);
     finish();
+    cutOff(end);
     return end;
 }
 
@@ -98,8 +126,12 @@ RunEnd ModuleRun::watch(ChildProcess& module) {
         if (brokerEnded) {
             return RunEnd::brokerLost;
         }
-        if (Clock::now() >= limits_.deadline()) {
+        const Clock::time_point now = Clock::now();
+        if (now >= limits_.deadline()) {
             return RunEnd::timeOver;
+        }
+        if (now >= hangTime()) {
+            return RunEnd::hung;
         }
     }
 }
@@ -114,9 +146,19 @@ void ModuleRun::pollOnce(const ChildProcess& module) const {
                           pollfd{broker_ != nullptr ? broker_->endedDescriptor() : -1, POLLIN, 0},
                           pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
                           pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0}};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+        std::min(limits_.deadline(), hangTime()) - Clock::now());
     poll(sources.data(), sources.size(),
-         static_cast<int>(
-             std::clamp<std::chrono::milliseconds::rep>(limits_.left().count(), 0, 3'600'000)));
+         static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 3'600'000)));
+}
+
+// When the module counts as hanging, unless it does something before.
+ModuleRun::Clock::time_point ModuleRun::hangTime() const {
+    const auto at = [](std::int64_t ns) { return Clock::time_point(std::chrono::nanoseconds(ns)); };
+    const std::int64_t lastNs = record_.lastEventNs();
+    const Clock::time_point silent = (lastNs == 0 ? begun_ : at(lastNs)) + patience_.silence();
+    const CallReport* call = record_.openCall();
+    return call == nullptr ? silent : std::min(silent, at(call->beginNs) + patience_.call);
 }
 
 void ModuleRun::follow(ChildProcess& module) {
@@ -139,8 +181,9 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
         if (event.kind == ModuleEvent::Kind::ended) {
             keep(log_.complete(event.text));
         }
-        if (const CaseRecord* ended = record_.add(event, Clock::now())) {
+        if (const CaseReport* ended = record_.add(event)) {
             display_.showCaseEnded(*ended);
+            ended_(*ended);
         }
     }
     if (!events.empty() && record_.underWay() != nullptr) {
@@ -156,6 +199,52 @@ void ModuleRun::keep(const std::vector<LogEntry>& entries) {
             record_.add(entry);
         }
     }
+}
+
+// What became of the case that was under way when the module ended.
+void ModuleRun::cutOff(RunEnd end) {
+    if (record_.underWay() == nullptr) {
+        return;
+    }
+    const std::optional<HangReport> hang =
+        end == RunEnd::hung || end == RunEnd::timeOver ? std::optional(hangReport()) : std::nullopt;
+    const std::string passed = lastPassed();
+    const std::string place =
+        (record_.reached().empty() ? "" : ", at " + record_.reached()) +
+        (passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed);
+    CaseReport& cut = record_.cutOff(verdictOnCutOff(end), cutOffNs_);
+    cut.hang = hang;
+    if (end == RunEnd::moduleEnded) {
+        cut.crash = "the module " + exitText(exit_) + place;
+    } else if (end == RunEnd::brokerLost) {
+        cut.missing.push_back("the broker ended during the case" + place);
+    } else if (end == RunEnd::signalled) {
+        cut.missing.push_back("the run was stopped during the case" + place);
+    }
+    display_.showCaseEnded(cut);
+    ended_(cut);
+}
+
+HangReport ModuleRun::hangReport() const {
+    HangReport report;
+    std::int64_t sinceNs = record_.lastEventNs();
+    if (const CallReport* call = record_.openCall()) {
+        report.call = call->function;
+        report.arguments = call->arguments.dump();
+        sinceNs = call->beginNs;
+    }
+    report.seconds = static_cast<double>(cutOffNs_ - sinceNs) / 1e9;
+    report.lastPassed = lastPassed();
+    report.stacks = stacks_;
+    return report;
+}
+
+// Text and place of the check that passed last in the case under way; or empty.
+std::string ModuleRun::lastPassed() const {
+    const std::vector<CheckReport>& checks = record_.underWay()->checks;
+    const auto passed = std::find_if(checks.rbegin(), checks.rend(),
+                                     [](const CheckReport& check) { return check.passed; });
+    return passed == checks.rend() ? "" : passed->text + ", at " + passed->place;
 }
 
 // Whatever was not whole is so now.

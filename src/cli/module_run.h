@@ -1,5 +1,6 @@
-// One run of the module under watch: starts it, follows what it does and what it
-// prints, and ends it when the time is over, the broker is lost or a signal comes.
+// One process of the module under watch: starts it, follows what it does and what
+// it prints, and ends it when a call does not return, the time is over, the broker
+// is lost or a signal comes.
 #ifndef KAVRI_CLI_MODULE_RUN_H
 #define KAVRI_CLI_MODULE_RUN_H
 
@@ -20,14 +21,28 @@
 
 namespace kavri::cli {
 
-enum class RunEnd { moduleEnded, timeOver, brokerLost, signalled };
+enum class RunEnd { moduleEnded, hung, timeOver, brokerLost, signalled };
+
+// How long the module may take over one thing.
+struct Patience {
+    // A call that takes longer does not return.
+    std::chrono::milliseconds call;
+    // Whether to look at the stacks then, which takes some time.
+    bool wantsStacks;
+
+    // Between its calls the module sleeps for up to a second.
+    std::chrono::milliseconds silence() const { return call + std::chrono::milliseconds(1500); }
+};
 
 class ModuleRun {
   public:
     using Clock = std::chrono::steady_clock;
 
     // `broker`: the run's own, or null. All of these must outlive this.
-    ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display);
+    // `ended` is called for each case that comes to a verdict.
+    using CaseEnded = std::function<void(const CaseReport&)>;
+    ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display, Patience patience,
+              CaseEnded ended);
 
     // Once: returns when the module has ended, by itself or not. The descriptors
     // in the request are filled in here.
@@ -35,14 +50,18 @@ class ModuleRun {
 
     // How the module ended.
     const ExitState& exit() const { return exit_; }
-    RunRecord& record() { return record_; }
+    const RunRecord& record() const { return record_; }
     // What the broker said in the meantime, as far as it is recent.
     const std::deque<std::string>& brokerLines() const { return brokerLines_; }
 
   private:
     RunEnd watch(ChildProcess& module);
     void pollOnce(const ChildProcess& module) const;
+    Clock::time_point hangTime() const;
     void follow(ChildProcess& module);
+    void cutOff(RunEnd end);
+    HangReport hangReport() const;
+    std::string lastPassed() const;
     void apply(const std::vector<ModuleEvent>& events);
     void keep(const std::vector<LogEntry>& entries);
     void finish();
@@ -78,6 +97,11 @@ class ModuleRun {
     ChildProcess* broker_;
     const RunLimits& limits_;
     RunDisplay& display_;
+    const Patience patience_;
+    const CaseEnded ended_;
+    Clock::time_point begun_;
+    std::int64_t cutOffNs_ = 0;  // when watching ended
+    std::string stacks_;
     Channel logChannel_;
     Channel eventsChannel_;
     ModuleLog log_;

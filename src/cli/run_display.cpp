@@ -9,6 +9,7 @@
 #include <ostream>
 
 #include "cli/environment.h"
+#include "cli/text_scanner.h"
 
 namespace kavri::cli {
 
@@ -50,12 +51,22 @@ void RunDisplay::showOpening(const std::string& library, const std::string& brok
              << std::flush;
 }
 
-void RunDisplay::showCaseUnderWay(const CaseRecord& record) {
+void RunDisplay::showCaseUnderWay(const CaseReport& report) {
+    replaceProgress(fmt::format("{:<{}}  running {:>4}", report.name, nameWidth_,
+                                counted(report.checks.size(), "check")));
+}
+
+void RunDisplay::showProgress(std::string_view what, size_t done, size_t all) {
+    constexpr size_t barColumns = 30;
+    const size_t filled = all == 0 ? 0 : barColumns * done / all;
+    replaceProgress(fmt::format("{}  [{}{}] {}/{}", what, std::string(filled, '#'),
+                                std::string(barColumns - filled, ' '), done, all));
+}
+
+void RunDisplay::replaceProgress(std::string line) {
     if (!style_.terminal) {
         return;
     }
-    std::string line = fmt::format("{:<{}}  running {:>4}", record.name, nameWidth_,
-                                   counted(record.checks(), "check"));
     // A line that wraps could not be replaced.
     line.resize(std::min<size_t>(line.size(), style_.columns - 1));
     if (line != progress_) {
@@ -64,18 +75,35 @@ void RunDisplay::showCaseUnderWay(const CaseRecord& record) {
     }
 }
 
-void RunDisplay::showCaseEnded(const CaseRecord& record) {
+void RunDisplay::showCaseEnded(const CaseReport& report) {
     clearProgress();
-    const std::string failed =
-        record.checksFailed > 0 ? fmt::format("  ({} failed)", record.checksFailed) : "";
-    const std::string verdict = coloured(fmt::format("{:<7}", verdictText(record.verdict)),
-                                         record.verdict == Verdict::passed ? green : red);
-    results_ << fmt::format("{:<{}}  {}  {:>10}  {:>9}{}\n", record.name, nameWidth_, verdict,
-                            counted(record.checks(), "check"), durationText(record.time), failed);
-    for (const std::string& failure : record.failures) {
-        results_ << "    " << printable(failure) << '\n';
-    }
+    const unsigned failures = report.checksFailed();
+    const std::string failed = failures > 0 ? fmt::format("  ({} failed)", failures) : "";
+    const std::string verdict = coloured(fmt::format("{:<7}", verdictText(report.verdict)),
+                                         report.verdict == Verdict::pass ? green : red);
+    results_ << fmt::format("{:<{}}  {}  {:>10}  {:>9}{}\n", report.name, nameWidth_, verdict,
+                            counted(report.checks.size(), "check"), durationText(report.seconds()),
+                            failed);
+    showDetails(report);
     results_.flush();
+}
+
+void RunDisplay::showDetails(const CaseReport& report) {
+    const auto show = [this](std::string_view line) {
+        results_ << "    " << printable(line) << '\n';
+    };
+    std::ranges::for_each(report.log, show);
+    std::ranges::for_each(report.missing, show);
+    if (!report.crash.empty()) {
+        show(report.crash);
+    }
+    if (report.hang) {
+        show(hangText(*report.hang));
+        std::string_view stacks = report.hang->stacks;
+        while (const auto line = takeLine(stacks)) {
+            show(*line);
+        }
+    }
 }
 
 void RunDisplay::showOthersLine(std::string_view line) {
@@ -88,14 +116,22 @@ void RunDisplay::showRemark(std::string_view line) {
     results_ << printable(line) << '\n' << std::flush;
 }
 
-void RunDisplay::showClosing(const RunRecord& record, std::chrono::microseconds time) {
+void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double seconds) {
     clearProgress();
-    const size_t notRun = caseCount_ - std::min(caseCount_, record.cases().size());
-    results_ << fmt::format("{}, {} passed{}; {}, {} passed, {} failed; {}",
-                            counted(caseCount_, "case"), record.casesPassed(),
-                            notRun > 0 ? fmt::format(", {} not run", notRun) : "",
-                            counted(record.checksPassed() + record.checksFailed(), "check"),
-                            record.checksPassed(), record.checksFailed(), durationText(time))
+    const auto casesWith = [&cases](Verdict verdict) {
+        return std::ranges::count(cases, verdict, &CaseReport::verdict);
+    };
+    size_t checks = 0;
+    size_t failed = 0;
+    for (const CaseReport& report : cases) {
+        checks += report.checks.size();
+        failed += report.checksFailed();
+    }
+    const auto notRun = casesWith(Verdict::notRun);
+    results_ << fmt::format(
+                    "{}, {} passed{}; {}, {} passed, {} failed; {}", counted(caseCount_, "case"),
+                    casesWith(Verdict::pass), notRun > 0 ? fmt::format(", {} not run", notRun) : "",
+                    counted(checks, "check"), checks - failed, failed, durationText(seconds))
              << std::endl;
 }
 
@@ -110,30 +146,20 @@ std::string RunDisplay::coloured(std::string_view text, std::string_view colour)
     return style_.colour ? fmt::format("{}{}{}", colour, text, plain) : std::string(text);
 }
 
-std::string_view verdictText(Verdict verdict) {
-    switch (verdict) {
-        case Verdict::passed:
-            return "passed";
-        case Verdict::failed:
-            return "failed";
-        case Verdict::aborted:
-            return "aborted";
-        case Verdict::crashed:
-            return "crashed";
-        case Verdict::hung:
-            return "hung";
-        case Verdict::stopped:
-            return "stopped";
+std::string durationText(double seconds) {
+    if (seconds < 0.9995) {
+        return fmt::format("{:.1f} ms", seconds * 1e3);
     }
-    return "";
+    return fmt::format("{:.2f} s", seconds);
 }
 
-std::string durationText(std::chrono::microseconds time) {
-    const auto us = static_cast<double>(time.count());
-    if (us < 999'500) {
-        return fmt::format("{:.1f} ms", us / 1e3);
-    }
-    return fmt::format("{:.2f} s", us / 1e6);
+std::string hangText(const HangReport& hang) {
+    const std::string what = hang.call.empty()
+                                 ? fmt::format("nothing happened for {:.1f} s", hang.seconds)
+                                 : fmt::format("{} with {} did not return within {:.1f} s",
+                                               hang.call, hang.arguments, hang.seconds);
+    return what + (hang.lastPassed.empty() ? "; no check had passed"
+                                           : "; the last check that passed: " + hang.lastPassed);
 }
 
 std::string printable(std::string_view text) {

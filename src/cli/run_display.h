@@ -7,13 +7,12 @@
 #ifndef KAVRI_CLI_RUN_DISPLAY_H
 #define KAVRI_CLI_RUN_DISPLAY_H
 
-#include <chrono>
 #include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "cli/run_record.h"
+#include "cli/report.h"
 
 namespace kavri::cli {
 
@@ -34,17 +33,21 @@ class RunDisplay {
 
     // What is judged, and by way of which broker.
     void showOpening(const std::string& library, const std::string& broker);
-    void showCaseUnderWay(const CaseRecord& record);
-    void showCaseEnded(const CaseRecord& record);
+    void showCaseUnderWay(const CaseReport& report);
+    void showCaseEnded(const CaseReport& report);
     void showOthersLine(std::string_view line);
     // Whatever the module's log says that belongs to no check.
     void showRemark(std::string_view line);
-    void showClosing(const RunRecord& record, std::chrono::microseconds time);
+    void showClosing(const std::vector<CaseReport>& cases, double seconds);
+    // How far something long has come, on a terminal: "faults  [####    ] 12/66".
+    void showProgress(std::string_view what, size_t done, size_t all);
 
     // Takes away the line that is replaced, for others to write.
     void clearProgress();
 
   private:
+    void replaceProgress(std::string line);
+    void showDetails(const CaseReport& report);
     std::string coloured(std::string_view text, std::string_view colour) const;
 
     std::ostream& results_;
@@ -55,8 +58,8 @@ class RunDisplay {
     std::string progress_;  // as it stands on the terminal
 };
 
-std::string_view verdictText(Verdict verdict);
-std::string durationText(std::chrono::microseconds time);
+std::string durationText(double seconds);
+std::string hangText(const HangReport& hang);
 
 // A log entry on one line: line breaks and what else a terminal would act upon
 // are written as escapes.

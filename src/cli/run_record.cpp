@@ -1,82 +1,157 @@
-// Counting; see run_record.h.
+// Putting the record together; see run_record.h.
 #include "cli/run_record.h"
 
-#include <algorithm>
-#include <numeric>
 #include <utility>
+
+#include "cli/required_record.h"
 
 namespace kavri::cli {
 
 namespace {
 
-template <typename Value>
-unsigned sum(const std::vector<CaseRecord>& cases, Value value) {
-    return std::accumulate(cases.begin(), cases.end(), 0U,
-                           [&](unsigned total, const CaseRecord& c) { return total + value(c); });
+using Kind = ModuleEvent::Kind;
+
+std::string textIn(const nlohmann::json& data, const char* name) {
+    const auto found = data.find(name);
+    return found != data.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+CheckReport checkIn(const ModuleEvent& event) {
+    return {.text = textIn(event.data, "check"),
+            .place = event.text,
+            .passed = event.kind == Kind::passed,
+            .left = textIn(event.data, "left"),
+            .right = textIn(event.data, "right"),
+            .atNs = event.atNs,
+            .thread = event.thread};
 }
 
 }  // namespace
 
-const CaseRecord* RunRecord::add(const ModuleEvent& event, Clock::time_point now) {
-    using Kind = ModuleEvent::Kind;
+const CaseReport* RunRecord::add(const ModuleEvent& event) {
+    lastEventNs_ = event.atNs;
+    if (event.kind == Kind::peer && event.text != "ok") {
+        peerMissing_ = textIn(event.data, "reason");
+    }
+    if (event.kind == Kind::usage) {
+        usage_.push_back(event.data);
+    }
     if (event.kind == Kind::began) {
-        underWay_ = CaseRecord{};
+        underWay_ = CaseReport{};
         underWay_->name = event.text;
-        begun_ = now;
+        underWay_->verdict = Verdict::pass;
+        underWay_->beginNs = event.atNs;
+        open_.clear();
+        checkCall_.reset();
+        reached_.clear();
     }
     if (!underWay_) {
         return nullptr;
     }
-    switch (event.kind) {
-        case Kind::reached:
-            underWay_->reached = event.text;
-            break;
-        case Kind::passed:
-            ++underWay_->checksPassed;
-            underWay_->lastPassed = event.text;
-            break;
-        case Kind::failed:
-            ++underWay_->checksFailed;
-            underWay_->verdict = std::max(underWay_->verdict, Verdict::failed);
-            break;
-        case Kind::aborted:
-            underWay_->verdict = Verdict::aborted;
-            break;
-        case Kind::ended:
-            return &end(event.time);
-        case Kind::began:
-            break;
+    if (event.kind == Kind::ended) {
+        return &end(event.atNs);
     }
+    addToCase(event);
     return nullptr;
 }
 
-const CaseRecord& RunRecord::cutOff(Verdict verdict, Clock::time_point now) {
-    underWay_->verdict = verdict;
-    return end(std::chrono::duration_cast<std::chrono::microseconds>(now - begun_));
+void RunRecord::addToCase(const ModuleEvent& event) {
+    switch (event.kind) {
+        case Kind::reached:
+            reached_ = event.text;
+            break;
+        case Kind::failed:
+            underWay_->verdict = Verdict::fail;
+            [[fallthrough]];
+        case Kind::passed:
+            underWay_->checks.push_back(checkIn(event));
+            break;
+        case Kind::aborted:
+            underWay_->verdict = Verdict::fail;
+            underWay_->missing.emplace_back("an exception ended the case");
+            break;
+        case Kind::call:
+            addCall(event, CallReport::Kind::call);
+            break;
+        case Kind::deliver:
+            addCall(event, CallReport::Kind::delivery);
+            break;
+        case Kind::returned:
+        case Kind::delivered:
+            endCall(event);
+            break;
+        case Kind::fault:
+            underWay_->faults.push_back({event.text, event.atNs, textIn(event.data, "did")});
+            break;
+        default:
+            break;  // of no concern to a case
+    }
 }
 
-const CaseRecord& RunRecord::end(std::chrono::microseconds time) {
-    underWay_->time = time;
+void RunRecord::addCall(const ModuleEvent& event, CallReport::Kind kind) {
+    CallReport call;
+    call.kind = kind;
+    call.number = event.number;
+    call.function = event.text;
+    call.thread = event.thread;
+    call.beginNs = event.atNs;
+    call.arguments = event.data;
+    if (event.number == 0) {
+        checkCall_ = std::move(call);
+        return;
+    }
+    open_[event.number] = underWay_->calls.size();
+    underWay_->calls.push_back(std::move(call));
+}
+
+void RunRecord::endCall(const ModuleEvent& event) {
+    if (event.number == 0) {
+        checkCall_.reset();
+    }
+    const auto found = open_.find(event.number);
+    if (found != open_.end()) {
+        CallReport& call = underWay_->calls[found->second];
+        call.endNs = event.atNs;
+        call.result = event.data;
+        open_.erase(found);
+    }
+}
+
+const CallReport* RunRecord::openCall() const {
+    if (checkCall_) {
+        return &*checkCall_;
+    }
+    return open_.empty() ? nullptr : &underWay_->calls[open_.begin()->second];
+}
+
+CaseReport& RunRecord::cutOff(Verdict verdict, std::int64_t nowNs) {
+    underWay_->verdict = verdict;
+    return end(nowNs);
+}
+
+// A pass counts only where the record holds what the case must have done, with a
+// test service at the other end.
+CaseReport& RunRecord::end(std::int64_t nowNs) {
+    underWay_->endNs = nowNs;
     std::erase_if(unclaimed_, [this](const LogEntry& entry) {
         const bool isItsOwn = entry.caseName == underWay_->name;
         if (isItsOwn) {
-            underWay_->failures.push_back(entry.text);
+            underWay_->log.push_back(entry.text);
         }
         return isItsOwn;
     });
+    if (underWay_->verdict == Verdict::pass) {
+        underWay_->missing = missingFrom(*underWay_);
+        if (peerMissing_) {
+            underWay_->missing.push_back("no test service answers: " + *peerMissing_);
+        }
+        if (!underWay_->missing.empty()) {
+            underWay_->verdict = Verdict::fail;
+        }
+    }
+    open_.clear();
+    checkCall_.reset();
     return cases_.emplace_back(*std::exchange(underWay_, std::nullopt));
-}
-
-unsigned RunRecord::checksPassed() const {
-    return sum(cases_, [](const CaseRecord& c) { return c.checksPassed; });
-}
-
-unsigned RunRecord::checksFailed() const {
-    return sum(cases_, [](const CaseRecord& c) { return c.checksFailed; });
-}
-
-unsigned RunRecord::casesPassed() const {
-    return sum(cases_, [](const CaseRecord& c) { return c.verdict == Verdict::passed ? 1U : 0U; });
 }
 
 }  // namespace kavri::cli

@@ -1,42 +1,24 @@
-// What is known of a run: which cases were begun and ended, with how many
-// checks, what went wrong in them, and how far they got.
+// What is known of one run of the module: the record of each case, made of what
+// the observer and the probe tell and what the log says.
 #ifndef KAVRI_CLI_RUN_RECORD_H
 #define KAVRI_CLI_RUN_RECORD_H
 
-#include <chrono>
+#include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/module_events.h"
 #include "cli/module_log.h"
+#include "cli/report.h"
 
 namespace kavri::cli {
 
-// The first three are the module's; the others mean that the case was cut off.
-enum class Verdict { passed, failed, aborted, crashed, hung, stopped };
-
-struct CaseRecord {
-    std::string name;
-    Verdict verdict = Verdict::passed;
-    unsigned checksPassed = 0;
-    unsigned checksFailed = 0;
-    std::chrono::microseconds time{0};
-    std::vector<std::string> failures;  // as the log words them
-    std::string reached;                // the place of the check made last; empty: none yet
-    std::string lastPassed;             // the place of the one that passed last
-
-    unsigned checks() const { return checksPassed + checksFailed; }
-    // Whether the case came to its own end.
-    bool isComplete() const { return verdict <= Verdict::aborted; }
-};
-
 class RunRecord {
   public:
-    using Clock = std::chrono::steady_clock;
-
     // Takes in what the module is doing. Returns the case that this ended, if it did.
-    const CaseRecord* add(const ModuleEvent& event, Clock::time_point now);
+    const CaseReport* add(const ModuleEvent& event);
 
     // Takes in what the log says; it is a failure of the case that it names, and
     // stands there when that case has ended.
@@ -44,24 +26,37 @@ class RunRecord {
     // What the log said that was about no case that has ended.
     const std::vector<LogEntry>& unclaimed() const { return unclaimed_; }
 
-    // The case under way, if one is.
-    const CaseRecord* underWay() const { return underWay_ ? &*underWay_ : nullptr; }
+    // The case under way, if one is, and the place of the check that it came to.
+    const CaseReport* underWay() const { return underWay_ ? &*underWay_ : nullptr; }
+    const std::string& reached() const { return reached_; }
+    // The call that has been under way the longest, if one is.
+    const CallReport* openCall() const;
+    // When the module last did anything; 0: it has not yet.
+    std::int64_t lastEventNs() const { return lastEventNs_; }
 
-    // Ends the case under way, which did not come to its end by itself.
-    const CaseRecord& cutOff(Verdict verdict, Clock::time_point now);
+    // Ends the case under way, which did not come to its end by itself. Whatever
+    // is known of it is to be filled in by the caller.
+    CaseReport& cutOff(Verdict verdict, std::int64_t nowNs);
 
-    const std::vector<CaseRecord>& cases() const { return cases_; }
-    unsigned checksPassed() const;
-    unsigned checksFailed() const;
-    unsigned casesPassed() const;
+    const std::vector<CaseReport>& cases() const { return cases_; }
+    // What the process held after each case, as the probe found it.
+    const std::vector<nlohmann::json>& usage() const { return usage_; }
 
   private:
-    const CaseRecord& end(std::chrono::microseconds time);
+    void addToCase(const ModuleEvent& event);
+    void addCall(const ModuleEvent& event, CallReport::Kind kind);
+    void endCall(const ModuleEvent& event);
+    CaseReport& end(std::int64_t nowNs);
 
-    std::vector<CaseRecord> cases_;  // those that have ended
-    std::optional<CaseRecord> underWay_;
-    Clock::time_point begun_;
+    std::vector<CaseReport> cases_;  // those that have ended
+    std::optional<CaseReport> underWay_;
+    std::optional<CallReport> checkCall_;   // of the probe itself, while it is under way
+    std::map<unsigned, std::size_t> open_;  // number of a call to its place in the case
+    std::string reached_;
+    std::int64_t lastEventNs_ = 0;
+    std::optional<std::string> peerMissing_;
     std::vector<LogEntry> unclaimed_;
+    std::vector<nlohmann::json> usage_;
 };
 
 }  // namespace kavri::cli

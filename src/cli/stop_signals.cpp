@@ -42,6 +42,7 @@ StopSignals::~StopSignals() {
 }
 
 std::optional<int> StopSignals::received() {
+    const std::lock_guard lock(mutex_);
     signalfd_siginfo info{};
     if (!received_ && read(descriptor_, &info, sizeof info) == sizeof info) {
         received_ = static_cast<int>(info.ssi_signo);

@@ -5,6 +5,7 @@
 
 #include <signal.h>
 
+#include <mutex>
 #include <optional>
 
 namespace kavri::cli {
@@ -21,12 +22,13 @@ class StopSignals {
     // Readable when a signal is there.
     int descriptor() const { return descriptor_; }
 
-    // The first signal that came, once one has.
+    // The first signal that came, once one has. Any thread may ask.
     std::optional<int> received();
 
   private:
     int descriptor_;
     sigset_t before_;
+    std::mutex mutex_;
     std::optional<int> received_;
 };
 

@@ -1,4 +1,4 @@
-// What the observer in the module tells, read as it comes.
+// What the observer and the probe in the module tell, read as it comes.
 #define BOOST_TEST_MODULE moduleEvents
 
 #include "cli/module_events.h"
@@ -9,17 +9,18 @@
 using kavri::cli::ModuleEvent;
 using kavri::cli::ModuleEvents;
 using Kind = kavri::cli::ModuleEvent::Kind;
-using std::chrono::microseconds;
 
 namespace kavri::cli {
 
 static bool operator==(const ModuleEvent& a, const ModuleEvent& b) {
-    return a.kind == b.kind && a.text == b.text && a.time == b.time;
+    return a.kind == b.kind && a.atNs == b.atNs && a.thread == b.thread && a.number == b.number &&
+           a.text == b.text && a.data == b.data;
 }
 
 static std::ostream& operator<<(std::ostream& stream, const ModuleEvent& event) {
-    return stream << '{' << static_cast<int>(event.kind) << " '" << event.text << "' "
-                  << event.time.count() << " us}";
+    return stream << '{' << static_cast<int>(event.kind) << " at " << event.atNs << " by "
+                  << event.thread << ", " << event.number << " '" << event.text << "' "
+                  << event.data.dump() << '}';
 }
 
 }  // namespace kavri::cli
@@ -27,27 +28,53 @@ static std::ostream& operator<<(std::ostream& stream, const ModuleEvent& event) 
 namespace {
 
 using Events = std::vector<ModuleEvent>;
+using Json = nlohmann::json;
+
+// What no event with JSON in its line has.
+const Json none = Json::object();
 
 void checkEvents(const Events& found, const Events& expected) {
     BOOST_CHECK_EQUAL_COLLECTIONS(found.begin(), found.end(), expected.begin(), expected.end());
 }
 
 const std::string told =
-    "began send/first\n"
-    "reached a folder/t.cpp(8)\n"
-    "passed a folder/t.cpp(8)\n"
-    "reached a folder/t.cpp(9)\n"
-    "failed a folder/t.cpp(9)\n"
-    "aborted\n"
-    "ended 123 send/first\n";
+    "began 9000000000000000001 10 send/first\n"
+    "reached 2 10 a folder/t.cpp(8)\n"
+    "passed 3 10 a folder/t.cpp(8) {\"check\":\"c != { }\"}\n"
+    "failed 4 11 a folder/t.cpp(9) {\"check\":\"a == b\",\"left\":\"x\\n\",\"right\":\"…\"}\n"
+    "aborted 5 10\n"
+    "call 6 10 1 kavri_core_init {}\n"
+    "return 7 10 1 {\"status\":0}\n"
+    "deliver 8 12 4294967295 response {\"uuid\":\"3\",\"payload\":null}\n"
+    "delivered 9 12 4294967295\n"
+    "fault 10 10 send-lost {\"number\":2,\"did\":\"lost it\"}\n"
+    "peer 11 10 missing {\"reason\":\"nobody\"}\n"
+    "usage 12 10 {\"descriptors\":5}\n"
+    "ended 13 10 123 send/first\n";
 
-const Events meant = {{Kind::began, "send/first"},
-                      {Kind::reached, "a folder/t.cpp(8)"},
-                      {Kind::passed, "a folder/t.cpp(8)"},
-                      {Kind::reached, "a folder/t.cpp(9)"},
-                      {Kind::failed, "a folder/t.cpp(9)"},
-                      {Kind::aborted, ""},
-                      {Kind::ended, "send/first", microseconds(123)}};
+const Events meant = {
+    {Kind::began, 9000000000000000001, 10, 0, "send/first", none},
+    {Kind::reached, 2, 10, 0, "a folder/t.cpp(8)", none},
+    {Kind::passed, 3, 10, 0, "a folder/t.cpp(8)", Json{{"check", "c != { }"}}},
+    {Kind::failed, 4, 11, 0, "a folder/t.cpp(9)",
+     Json{{"check", "a == b"}, {"left", "x\n"}, {"right", "…"}}},
+    {Kind::aborted, 5, 10, 0, "", none},
+    {Kind::call, 6, 10, 1, "kavri_core_init", none},
+    {Kind::returned, 7, 10, 1, "", Json{{"status", 0}}},
+    {Kind::deliver, 8, 12, 4294967295U, "response", Json{{"uuid", "3"}, {"payload", nullptr}}},
+    {Kind::delivered, 9, 12, 4294967295U, "", none},
+    {Kind::fault, 10, 10, 0, "send-lost", Json{{"number", 2}, {"did", "lost it"}}},
+    {Kind::peer, 11, 10, 0, "missing", Json{{"reason", "nobody"}}},
+    {Kind::usage, 12, 10, 0, "", Json{{"descriptors", 5}}},
+    {Kind::ended, 13, 10, 123, "send/first", none}};
+
+// The last event tells that the line is passed over, and not what follows it.
+void checkPassedOver(const std::string& line) {
+    ModuleEvents events;
+    BOOST_TEST_CONTEXT("the line '" << line << "'") {
+        checkEvents(events.read(line + "\nbegan 1 2 s/c\n"), {{Kind::began, 1, 2, 0, "s/c", none}});
+    }
+}
 
 }  // namespace
 
@@ -57,7 +84,7 @@ BOOST_AUTO_TEST_CASE(eachLineIsAnEvent) {
 }
 
 BOOST_AUTO_TEST_CASE(linesMayArriveInPiecesOfAnySize) {
-    for (size_t size = 1; size <= 50; ++size) {
+    for (size_t size = 1; size <= 80; ++size) {
         ModuleEvents events;
         Events found;
         for (size_t start = 0; start < told.size(); start += size) {
@@ -72,14 +99,35 @@ BOOST_AUTO_TEST_CASE(linesMayArriveInPiecesOfAnySize) {
 
 BOOST_AUTO_TEST_CASE(anEventIsThereAsSoonAsItsLineIsWhole) {
     ModuleEvents events;
-    checkEvents(events.read("passed t.cpp(8)"), {});
-    checkEvents(events.read("\nfail"), {{Kind::passed, "t.cpp(8)"}});
-    checkEvents(events.read("ed t.cpp(9)\n"), {{Kind::failed, "t.cpp(9)"}});
+    checkEvents(events.read("reached 1 2 t.cpp(8)"), {});
+    checkEvents(events.read("\nreach"), {{Kind::reached, 1, 2, 0, "t.cpp(8)", none}});
+    checkEvents(events.read("ed 3 2 t.cpp(9)\n"), {{Kind::reached, 3, 2, 0, "t.cpp(9)", none}});
 }
 
 BOOST_AUTO_TEST_CASE(linesOfAnotherFormArePassedOver) {
-    ModuleEvents events;
-    checkEvents(events.read("\nbegan\nbeganx y\nnothing known\naborted now\n"
-                            "ended send/first\nended 12x send/first\nended 5 send/first\n"),
-                {{Kind::ended, "send/first", microseconds(5)}});
+    for (const auto* line :
+         {"", " ", "began", "began 1", "beganx 1 2 s/c", "nothing known", "began x 2 s/c",
+          "began 1 y s/c", "began  1 2 s/c", "began 1x 2 s/c", "began 99999999999999999999 2 s/c",
+          "ended 1 2 s/c", "ended 1 2 3x s/c", "ended 1 2 -3 s/c", "delivered 1 2",
+          "BEGAN 1 2 s/c"}) {
+        checkPassedOver(line);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(whatIsMissingOrTooMuchMakesAnotherForm) {
+    for (const auto* line : {"began 1 2", "began 1 2 ", "ended 1 2 3", "reached 1 2",
+                             "aborted 1 2 now", "delivered 1 2 3 x", "call 1 2 3  {}"}) {
+        checkPassedOver(line);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(linesWithoutAWholeJsonObjectArePassedOver) {
+    for (const auto* line :
+         {"passed 1 2 t.cpp(8)", "passed 1 2 t.cpp(8) {", "passed 1 2 {\"check\":\"c\"}",
+          "failed 1 2 t.cpp(8) {\"check\":\"c\"} x", "call 1 2 3 f", "call 1 2 f {}",
+          "call 1 2 3 f []", "return 1 2 3", "return 1 2 3 0", "return 1 2 3 [0]",
+          "return 1 2 3 {\"status\":}", "deliver 1 2 3 event", "fault 1 2 send-lost", "peer 1 2 ok",
+          "usage 1 2", "usage 1 2 null", "return 1 2 3 {\"uuid\":\"\xff\"}"}) {
+        checkPassedOver(line);
+    }
 }

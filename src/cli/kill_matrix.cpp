@@ -1,0 +1,170 @@
+// Running the catalogue; see kill_matrix.h.
+#include "cli/kill_matrix.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <ostream>
+#include <set>
+#include <thread>
+
+namespace kavri::cli {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const CaseReport* caseIn(const std::vector<CaseReport>& cases, std::string_view name) {
+    const auto found = std::ranges::find(cases, name, &CaseReport::name);
+    return found == cases.end() ? nullptr : &*found;
+}
+
+// How a case turned red: by the verdict's name, its record, or a check that failed.
+bool turnedRedBy(const CaseReport& report, std::string_view how) {
+    if (how == "record") {
+        return report.verdict == Verdict::fail && report.checksFailed() == 0 &&
+               !report.missing.empty();
+    }
+    return verdictText(report.verdict) == how ||
+           std::ranges::any_of(report.checks, [how](const CheckReport& check) {
+               return !check.passed && check.text == how;
+           });
+}
+
+std::string howRed(const CaseReport& report) {
+    std::string how(verdictText(report.verdict));
+    std::set<std::string> named;
+    for (const CheckReport& check : report.checks) {
+        if (!check.passed && named.insert(check.text).second) {
+            how += ", " + check.text;
+        }
+    }
+    for (const std::string& line : report.missing) {
+        how += ", " + line;
+    }
+    return how;
+}
+
+}  // namespace
+
+MatrixReport KillMatrix::run(const std::vector<CaseReport>& baseline, unsigned jobs,
+                             const Progress& progress) {
+    const Clock::time_point begin = Clock::now();
+    const auto faults = probe::faults();
+    std::vector<std::string> cases;
+    for (const CaseReport& report : baseline) {
+        cases.push_back(report.name);
+    }
+    MatrixReport matrix;
+    matrix.faults.resize(faults.size());
+    std::atomic<size_t> next{0};
+    std::mutex mutex;
+    size_t done = 0;
+    std::exception_ptr failure;
+    const auto work = [&] {
+        for (size_t i = next++; i < faults.size(); i = next++) {
+            try {
+                FaultReport report = runOne(faults[i], cases);
+                const std::lock_guard lock(mutex);
+                matrix.faults[i] = std::move(report);
+                progress(matrix.faults[i], ++done, faults.size());
+            } catch (...) {
+                const std::lock_guard lock(mutex);
+                failure = std::current_exception();
+                next = faults.size();
+            }
+        }
+    };
+    {
+        std::vector<std::jthread> workers;
+        for (unsigned i = 0; i < jobs; ++i) {
+            workers.emplace_back(work);
+        }
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    matrix.checks = checksKilled(baseline, matrix.faults);
+    matrix.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    return matrix;
+}
+
+FaultReport KillMatrix::runOne(const probe::Fault& fault, const std::vector<std::string>& cases) {
+    const Clock::time_point begin = Clock::now();
+    std::ostream nowhere(nullptr);
+    RunDisplay silent(nowhere, nowhere, DisplayStyle(), cases);
+    OwnBroker broker(files_.broker, limits_);
+    ModuleRunRequest request = library_.request(broker.socket());
+    request.fault = fault.name;
+    CasesRun run(library_.module(), &broker.process(), limits_, silent, patience_);
+    const CasesOutcome outcome = run.run(request, cases, [](const auto&) {});
+    if (outcome.end == RunEnd::timeOver || outcome.end == RunEnd::signalled) {
+        limits_.giveUp(fmt::format("during the fault {}", fault.name));
+    }
+    FaultReport report;
+    report.name = fault.name;
+    report.description = fault.description;
+    report.clause = fault.clause;
+    report.unnoticedBecause = fault.unnoticedBecause;
+    report.cases = outcome.cases;
+    report.fired = std::ranges::any_of(report.cases,
+                                       [](const CaseReport& each) { return !each.faults.empty(); });
+    report.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    report.wrong = deviationsFrom(fault, report);
+    return report;
+}
+
+std::vector<std::string> deviationsFrom(const probe::Fault& fault, const FaultReport& report) {
+    std::vector<std::string> wrong;
+    if (!report.fired) {
+        wrong.emplace_back("it did not fire");
+    }
+    for (const probe::Notice& notice : fault.notices) {
+        const CaseReport* noticing = caseIn(report.cases, notice.caseName);
+        if (noticing == nullptr || !turnedRedBy(*noticing, notice.how)) {
+            wrong.push_back(fmt::format("{} did not turn red by {}", notice.caseName, notice.how));
+        }
+    }
+    for (const CaseReport& each : report.cases) {
+        const bool mayBeRed = std::ranges::any_of(
+            fault.notices,
+            [&each](const probe::Notice& notice) { return notice.caseName == each.name; });
+        if (each.verdict != Verdict::pass && !mayBeRed) {
+            wrong.push_back(fmt::format("{} turned red: {}", each.name, howRed(each)));
+        }
+    }
+    return wrong;
+}
+
+std::vector<CheckKilled> checksKilled(const std::vector<CaseReport>& baseline,
+                                      const std::vector<FaultReport>& faults) {
+    std::vector<CheckKilled> killed;
+    const auto entry = [&killed](const std::string& caseName, const std::string& check) -> auto& {
+        const auto known = std::ranges::find_if(killed, [&](const CheckKilled& each) {
+            return each.caseName == caseName && each.check == check;
+        });
+        return known != killed.end() ? *known
+                                     : killed.emplace_back(CheckKilled{caseName, check, {}});
+    };
+    for (const CaseReport& each : baseline) {
+        for (const CheckReport& check : each.checks) {
+            entry(each.name, check.text);
+        }
+    }
+    for (const FaultReport& fault : faults) {
+        for (const CaseReport& each : fault.cases) {
+            for (const CheckReport& check : each.checks) {
+                auto& by = entry(each.name, check.text).faults;
+                if (!check.passed && (by.empty() || by.back() != fault.name)) {
+                    by.push_back(fault.name);
+                }
+            }
+        }
+    }
+    return killed;
+}
+
+}  // namespace kavri::cli

@@ -1,0 +1,148 @@
+// All about one case: its record as a table, its checks, and what went wrong in it.
+"use strict";
+
+const contextEntries = 4;
+
+// --- values of a failed check ----------------------------------------------
+
+// Marks where the value parts from the other.
+function valueNode(value, other) {
+  let same = 0;
+  while (same < value.length && same < other.length && value[same] === other[same]) {
+    ++same;
+  }
+  return el("code", { class: "value" }, value.slice(0, same),
+    value.length > same && el("mark", {}, value.slice(same)),
+    value === "" && el("span", { class: "empty" }, "(empty)"));
+}
+
+function valuesNode(check) {
+  if (!hasValues(check)) {
+    return null;
+  }
+  const [left, right] = sidesOf(check);
+  return el("dl", { class: "values" },
+    el("div", {}, el("dt", {}, left), el("dd", {}, valueNode(check.left, check.right))),
+    el("div", {}, el("dt", {}, right), el("dd", {}, valueNode(check.right, check.left))));
+}
+
+// --- the record ------------------------------------------------------------
+
+function entryText(entry) {
+  const source = entry.source;
+  switch (entry.kind) {
+    case "check":
+      return el("td", {}, mark(source.passed ? "pass" : "fail"),
+        hiddenText(source.passed ? "passed: " : "failed: "), code(source.text), " ",
+        el("span", { class: "aside" }, source.place), !source.passed && valuesNode(source));
+    case "fault":
+      return el("td", {}, mark("fault"), ` fault ${source.name}: ${source.did}`);
+    default:
+      return el("td", {},
+        entry.kind === "delivery" && "callback ",
+        el("code", { title: source.function }, el("b", {}, shortFunction(source.function)),
+          `(${argumentsText(source)})`),
+        resultText(source) && [" → ", code(resultText(source))]);
+  }
+}
+
+function recordRow(entry, span, threads, isFocus) {
+  const took = entry.kind !== "call" && entry.kind !== "delivery" ? ""
+    : entry.endNs === null ? "–" : formatNs(entry.endNs - entry.atNs);
+  return el("tr", { class: isFocus && "focus-row" },
+    el("td", { class: "number" }, formatNs(entry.atNs - span.beginNs)),
+    el("td", { class: "aside" }, (threads.get(entry.thread) ?? "probe").replace(/('s)? thread/, "")),
+    entryText(entry),
+    el("td", { class: "number" }, took));
+}
+
+const recordColumns = [{ text: "At", kind: "number" }, "Thread", "What",
+  { text: "Took", kind: "number" }];
+
+// The whole record, or the few entries around the one whose source is `focus`.
+function recordTable(one, focus = null) {
+  const record = recordOf(one);
+  const threads = threadNames(record);
+  const span = spanOf(one, record);
+  const at = record.findIndex((entry) => entry.source === focus);
+  const shown = at < 0 ? record : record.slice(Math.max(0, at - contextEntries), at + contextEntries + 1);
+  return table(`${at < 0 ? "Record" : "Record around the failure"} of ${one.name}`, recordColumns,
+    shown.map((entry) => recordRow(entry, span, threads, entry.source === focus)), "record");
+}
+
+// --- the checks ------------------------------------------------------------
+
+function checkRow(group) {
+  const failed = group.failures.length;
+  const times = group.total === 1 ? "" : failed === 0 ? `${group.total} ×`
+    : `${failed} of ${group.total} ×`;
+  return el("tr", {},
+    el("td", {}, verdictLabel(failed === 0 ? "pass" : "fail")),
+    el("td", { class: "number" }, times),
+    el("th", { scope: "row" }, code(group.text), " ", el("span", { class: "aside" }, group.place),
+      group.failures.slice(0, 20).map(({ nth, check }) => hasValues(check)
+        && el("div", { class: "nth" }, group.total > 1 && el("span", { class: "aside" }, `time ${nth}`),
+          valuesNode(check)))));
+}
+
+const checkTable = (one) => table(`Checks of ${one.name}`,
+  ["Outcome", { text: "Times", kind: "number" }, "Check"],
+  checkGroups(one.checks).map(checkRow), "checks");
+
+// --- what went wrong -------------------------------------------------------
+
+function hangNode(hang) {
+  return el("div", { class: "hang" },
+    el("p", {}, hang.call
+      ? [code(`${hang.call}(${hang.arguments})`), ` had not returned after ${hang.seconds.toFixed(1)} s.`]
+      : `No call was under way; the case had not ended after ${hang.seconds.toFixed(1)} s.`),
+    el("p", {}, hang.lastPassed ? ["Last check that passed: ", code(hang.lastPassed)]
+      : "No check had passed before."),
+    hang.stacks
+      ? folded("Stacks of all threads", () => el("pre", { tabindex: "0" }, hang.stacks))
+      : el("p", { class: "aside" }, "No debugger was there to take the stacks."));
+}
+
+function failedGroupNode(group) {
+  const [{ check }] = group.failures;
+  const failed = group.failures.length;
+  return el("li", {}, mark("fail"), hiddenText("failed: "), code(group.text), " ",
+    el("span", { class: "aside" }, group.place,
+      group.total > 1 && `, failed ${failed} of ${group.total} times`),
+    valuesNode(check));
+}
+
+// What a reader wants first of a case that did not pass.
+function failureParts(one) {
+  const groups = checkGroups(one.checks).filter((group) => group.failures.length > 0);
+  const firstFailed = one.checks.find((check) => !check.passed);
+  const lastCall = one.calls.find((call) => (call.endNs ?? null) === null) ?? one.calls[one.calls.length - 1];
+  const focus = firstFailed ?? lastCall;
+  return [
+    one.known && el("p", { class: "known" }, `A known failure: ${one.known}`),
+    one.crash && el("p", { class: "crash-text" }, mark("crash"), one.crash),
+    one.hang && hangNode(one.hang),
+    groups.length > 0 && el("ul", { class: "failed-checks" }, groups.map(failedGroupNode)),
+    one.missing?.length > 0 && el("ul", { class: "missing" },
+      one.missing.map((text) => el("li", {}, text))),
+    needsAttention(one) && focus && [
+      el("p", { class: "label" }, firstFailed ? "Around the first failed check" : "Before it ended"),
+      recordTable(one, focus),
+    ],
+    one.log?.length > 0 && folded(`Log, ${counted(one.log.length, "entry", "entries")}`,
+      () => el("pre", { tabindex: "0" }, one.log.join("\n"))),
+    one.repeat && [el("p", { class: "label" }, "Run it again"), copyable(one.repeat)],
+  ];
+}
+
+// The parts that every case has.
+function caseParts(one) {
+  if (one.checks.length === 0 && one.calls.length === 0) {
+    return [el("p", { class: "aside" }, "Nothing was recorded of this case.")];
+  }
+  return [
+    one.calls.length > 0 && new TimeLine(one).node,
+    folded("Record as a table", () => recordTable(one)),
+    one.checks.length > 0 && checkTable(one),
+  ];
+}

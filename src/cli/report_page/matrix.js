@@ -1,0 +1,165 @@
+// The kill matrix: which fault turned which case red, and which check was turned
+// red by which faults. What is not as the catalogue says comes first. The records
+// of a fault's cases are drawn only when they are asked for.
+"use strict";
+
+const noticedBy = (fault) => fault.cases.filter(needsAttention);
+
+function faultState(fault) {
+  if (fault.wrong.length > 0) {
+    return "not as expected";
+  }
+  return noticedBy(fault).length > 0 ? "noticed" : "unnoticed, as expected";
+}
+
+// What turned a cell red, in words.
+function cellReason(one) {
+  if (one.verdict !== "fail") {
+    return one.crash || (one.hang?.call ? `${one.verdict} in ${one.hang.call}` : one.verdict);
+  }
+  const texts = [...new Set(one.checks.filter((check) => !check.passed).map((check) => check.text))];
+  return `fail by ${texts.length > 0 ? texts.join("; ") : (one.missing ?? []).join("; ")}`;
+}
+
+// What noticed a fault, each kind once.
+const reasonsOf = (fault) => [...new Set(noticedBy(fault).map((one) =>
+  cellReason(one).replace(/^fail by /, "").replace(/kavri_\w+/, shortFunction)))];
+
+const isNamedWrong = (fault, one) => fault.wrong.some((text) => text.includes(shortCase(one.name)));
+
+function matrixCell(fault, name, open) {
+  const one = fault.cases.find((candidate) => candidate.name === name);
+  if (!one) {
+    return el("td", { class: "cell" }, hiddenText("no such case"));
+  }
+  const wrong = isNamedWrong(fault, one);
+  const reason = `${one.verdict === "pass" ? "green" : cellReason(one)}${wrong ? ", not as expected" : ""}`;
+  return el("td", {
+    class: `cell ${one.verdict.replace(" ", "-")}${wrong ? " wrong" : ""}`,
+    title: `${shortCase(name)}: ${reason}`, click: () => open(one),
+  }, mark(one.verdict), hiddenText(reason));
+}
+
+function faultCaseRow(one, casesArea) {
+  return el("tr", {},
+    el("td", {}, verdictLabel(one.verdict)),
+    el("th", { scope: "row" }, shortCase(one.name),
+      needsAttention(one) && [" ", code(cellReason(one).replace(/^fail by /, ""))]),
+    el("td", {}, el("button", { type: "button", click: () => showFaultCase(one, casesArea) },
+      "Show", hiddenText(` ${shortCase(one.name)}`))));
+}
+
+function showFaultCase(one, casesArea) {
+  casesArea.replaceChildren(
+    el("h4", { tabindex: "-1" }, verdictLabel(one.verdict), " ", shortCase(one.name)));
+  fill(casesArea, {}, [failureParts(one), caseParts(one)]);
+  casesArea.firstChild.focus();
+}
+
+function faultDetails(fault) {
+  const casesArea = el("div", { class: "case" });
+  const node = el("div", { class: "fault-details" },
+    el("p", {}, fault.description),
+    el("dl", { class: "facts" },
+      el("div", {}, el("dt", {}, "Clause"), el("dd", {}, fault.clause || "–")),
+      fault.unnoticedBecause && el("div", {}, el("dt", {}, "Unnoticed because"), el("dd", {}, fault.unnoticedBecause)),
+      el("div", {}, el("dt", {}, "Took effect"), el("dd", {}, fault.fired ? "yes" : "no")),
+      el("div", {}, el("dt", {}, "Time"), el("dd", {}, formatSeconds(fault.seconds)))),
+    table(`Cases under ${fault.name}`, ["Verdict", "Case, and what noticed the fault", "Record"],
+      fault.cases.map((one) => faultCaseRow(one, casesArea))),
+    casesArea);
+  return { node, showCase: (one) => showFaultCase(one, casesArea) };
+}
+
+function faultRows(fault, names) {
+  const cell = el("td", { colspan: String(names.length + 3) });
+  const detailsRow = el("tr", { class: "details" }, cell);
+  let details = null;
+  const button = disclosure(fault.name, detailsRow, () => {
+    details = faultDetails(fault);
+    cell.append(details.node);
+  });
+  const open = (one) => {
+    button.show(true);
+    details.showCase(one);
+  };
+  const state = faultState(fault);
+  const row = el("tr", { class: fault.wrong.length > 0 && "wrong-row" },
+    el("th", { scope: "row" }, button,
+      fault.wrong.map((text) => el("p", { class: "wrong-text" }, mark("harness-error"), text))),
+    names.map((name) => matrixCell(fault, name, open)),
+    el("td", { class: "state" }, state === "noticed" ? `noticed by ${noticedBy(fault).length}` : state),
+    el("td", { class: "by" }, reasonsOf(fault).map((reason) => code(reason))));
+  const words = [fault.name, fault.description, fault.clause, state,
+    ...noticedBy(fault).map((one) => `${one.name} ${cellReason(one)}`)].join(" ").toLowerCase();
+  return { row, detailsRow, words, state, button };
+}
+
+function matrixFilter(rows, count) {
+  const text = el("input", { type: "search", id: "fault-filter", autocomplete: "off", input: () => apply() });
+  const state = el("select", { id: "fault-state", change: () => apply() },
+    ["all", "not as expected", "noticed", "unnoticed, as expected"].map((name) => el("option", {}, name)));
+  function apply() {
+    const wanted = text.value.toLowerCase().split(/\s+/).filter(Boolean);
+    let shown = 0;
+    for (const one of rows) {
+      const fits = wanted.every((word) => one.words.includes(word))
+        && (state.value === "all" || state.value === one.state);
+      one.row.hidden = !fits;
+      one.detailsRow.hidden = !fits || one.button.getAttribute("aria-expanded") === "false";
+      shown += fits ? 1 : 0;
+    }
+    count.textContent = `${shown} of ${counted(rows.length, "fault")}`;
+  }
+  apply();
+  return el("div", { class: "filter" },
+    el("label", { for: "fault-filter" }, "Filter"), text,
+    el("label", { for: "fault-state" }, "Show"), state, count);
+}
+
+function matrixGrid(faults, names, rows) {
+  const head = el("tr", {}, el("th", { scope: "col" }, "Fault"),
+    names.map((name) => el("th", { scope: "col", class: "upright" }, el("span", {}, shortCase(name)))),
+    el("th", { scope: "col", class: "state" }, "Outcome"), el("th", { scope: "col" }, "By"));
+  const caption = "Faults and cases";
+  return el("div", { class: "scroll", tabindex: "0", role: "region", "aria-label": caption },
+    el("table", { class: "matrix" }, el("caption", { class: "unseen" }, caption),
+      el("thead", {}, head),
+      el("tbody", {}, rows.map(({ row, detailsRow }) => [row, detailsRow]))));
+}
+
+function killedRow(killed) {
+  const names = killed.faults;
+  return el("tr", { class: names.length === 0 && "wrong-row" },
+    el("th", { scope: "row" }, code(killed.check)),
+    el("td", {}, shortCase(killed.caseName)),
+    el("td", { class: "number" }, names.length),
+    el("td", {}, names.length === 0 ? [mark("harness-error"), "no fault turned it red"] : names.join(", ")));
+}
+
+function matrixSection(report) {
+  const matrix = report.matrix;
+  if (!matrix) {
+    return null;
+  }
+  const names = [...new Set(matrix.faults.flatMap((fault) => fault.cases.map((one) => one.name)))];
+  const inOrder = (isWrong) => matrix.faults.filter((fault) => (fault.wrong.length > 0) === isWrong);
+  const faults = [...inOrder(true), ...inOrder(false)];
+  const rows = faults.map((fault) => faultRows(fault, names));
+  const count = el("span", { class: "said", role: "status" });
+  const wrong = inOrder(true).length;
+  const unkilled = matrix.checks.filter((killed) => killed.faults.length === 0);
+  const killed = matrix.checks.filter((one) => one.faults.length > 0);
+  return section("matrix", "Kill matrix",
+    el("p", {}, verdictLabel(wrong === 0 ? "pass" : "fail"), " ",
+      wrong === 0 ? `All ${matrix.faults.length} faults did what the catalogue says.`
+        : `${counted(wrong, "fault")} of ${matrix.faults.length} not as the catalogue says; they come first.`),
+    el("p", { class: "aside" }, "A row is a library or a service that is broken in one way, a column a case of "
+      + "the module. What is not green noticed the fault. Open a fault for its description and its records."),
+    matrixFilter(rows, count), matrixGrid(faults, names, rows),
+    matrix.checks.length > 0 && [
+      el("h3", {}, "Checks, and the faults that turned them red"),
+      table("Checks and faults", ["Check", "Case", { text: "Faults", kind: "number" }, "Which"],
+        [...unkilled, ...killed].map(killedRow), "killed"),
+    ]);
+}

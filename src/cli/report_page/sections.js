@@ -1,0 +1,247 @@
+// The sections about the run itself: overview, failures, cases, libraries beside
+// each other, latencies, repeats.
+"use strict";
+
+// --- overview --------------------------------------------------------------
+
+// [text, whether something is wrong with it] each.
+function headline(report) {
+  const facts = [];
+  const cases = report.libraries.flatMap((library) => library.cases);
+  if (cases.length > 0) {
+    const passed = cases.filter((one) => one.verdict === "pass").length;
+    const known = cases.filter((one) => one.known).length;
+    const checks = checkCounts(cases);
+    facts.push(
+      [`${passed} of ${counted(cases.length, "case")} passed${known > 0 ? `, ${known} known to fail` : ""}`,
+        passed + known < cases.length],
+      [checks.failed > 0 ? `${checks.failed} of ${counted(checks.total, "check")} failed`
+        : counted(checks.total, "check"), checks.failed > 0]);
+  }
+  if (report.libraries.length > 1) {
+    facts.push([counted(report.libraries.length, "library", "libraries"), false]);
+  }
+  if (report.matrix) {
+    const total = report.matrix.faults.length;
+    const expected = report.matrix.faults.filter((fault) => fault.wrong.length === 0).length;
+    facts.push([`${expected} of ${counted(total, "fault")} as expected`, expected < total]);
+  }
+  if (report.repeats) {
+    const { runs, passed } = report.repeats;
+    facts.push([`${passed} of ${counted(runs, "run")} passed`, passed < runs]);
+  }
+  return [...facts, [formatSeconds(report.seconds), false]];
+}
+
+function overview(report) {
+  const fact = (name, value) => value
+    && el("div", {}, el("dt", {}, name), el("dd", {}, value));
+  return [
+    el("p", { class: "title" }, "Conformance report"),
+    el("h1", { class: report.verdict.replace(" ", "-") }, mark(report.verdict),
+      el("span", {}, report.verdict)),
+    el("p", { class: "headline" }, headline(report).map(([text, isWrong]) =>
+      el("span", {}, isWrong && mark("fail"), text))),
+    el("dl", { class: "facts" },
+      report.libraries.map((library) => [
+        fact("Library", [el("b", {}, library.name), library.core && [" ", code(library.core)]]),
+        fact("Broker", library.broker && code(library.broker)),
+      ]),
+      fact("Date", report.date), fact("Tool", report.tool),
+      fact("Command", report.command && code(report.command))),
+  ];
+}
+
+// --- failures --------------------------------------------------------------
+
+function failuresSection(report) {
+  const failures = report.libraries.flatMap((library) =>
+    library.cases.filter(needsAttention).map((one) => ({ library, one })));
+  if (failures.length === 0) {
+    return null;
+  }
+  failures.sort((a, b) => Number(Boolean(a.one.known)) - Number(Boolean(b.one.known)));
+  return section("failures", "What failed", failures.map(({ library, one }) =>
+    el("article", { class: "failure" },
+      el("h3", {}, verdictLabel(one.verdict), " ", shortCase(one.name),
+        report.libraries.length > 1 && el("span", { class: "aside" }, ` ${library.name}`)),
+      failureParts(one))));
+}
+
+// --- cases -----------------------------------------------------------------
+
+function caseRows(one) {
+  const details = el("td", { colspan: "4" });
+  const detailsRow = el("tr", { class: "details" }, details);
+  const counts = checkCounts([one]);
+  const button = disclosure(
+    [el("span", { class: "aside" }, one.name.slice(0, one.name.lastIndexOf("/") + 1)), el("wbr"),
+      shortCase(one.name)],
+    detailsRow, () => details.append(el("div", { class: "case" }, caseParts(one))));
+  return [
+    el("tr", {},
+      el("td", {}, verdictLabel(one.verdict),
+        one.known && el("span", { class: "aside" }, " known")),
+      el("th", { scope: "row" }, button),
+      el("td", { class: "number" }, counts.failed > 0 ? `${counts.failed} of ${counts.total} failed`
+        : counts.total),
+      el("td", { class: "number" }, one.endNs > one.beginNs ? formatNs(one.endNs - one.beginNs) : "–")),
+    detailsRow,
+  ];
+}
+
+const caseColumns = ["Verdict", "Case", { text: "Checks", kind: "number" },
+  { text: "Time", kind: "number" }];
+
+function casesSection(report) {
+  if (report.libraries.length === 0) {
+    return null;
+  }
+  const several = report.libraries.length > 1;
+  return section("cases", "Cases", report.libraries.map((library) => [
+    several && el("h3", {}, library.name, " ", verdictLabel(library.verdict)),
+    table(`Cases of ${library.name}`, caseColumns, library.cases.map(caseRows), "cases"),
+  ]));
+}
+
+// --- libraries beside each other -------------------------------------------
+
+function comparisonCell(one, isDifferent) {
+  if (!one) {
+    return el("td", {}, "–");
+  }
+  const { failed } = checkCounts([one]);
+  return el("td", { class: isDifferent && "different" }, verdictLabel(one.verdict),
+    failed > 0 && el("span", { class: "aside" }, ` ${failed} failed`));
+}
+
+function differenceNode(reference, other, difference) {
+  if (!difference) {
+    return el("p", {}, `${other.name} did in every check what ${reference.name} did.`);
+  }
+  const check = (difference.checks[0] ?? difference.checks[1])?.check;
+  const nth = (difference.checks[0] ?? difference.checks[1])?.nth;
+  const side = (library, index) => el("div", {},
+    el("h4", {}, library.name, ": ",
+      check ? outcomeText(difference.checks[index]) : difference.cases[index]?.verdict ?? "no such case"),
+    sideRecord(difference, index));
+  return el("div", {},
+    el("p", {}, "First difference: ", code(shortCase(difference.name)),
+      check && [", ", code(check.text), ` ${check.place}`, nth > 1 && `, time ${nth}`], "."),
+    el("div", { class: "beside" }, side(reference, 0), side(other, 1)));
+}
+
+// Where the check was not made, the end of the record shows how far it came.
+function sideRecord(difference, index) {
+  const one = difference.cases[index];
+  if (!one || one.calls.length + one.checks.length === 0) {
+    return el("p", { class: "aside" }, "Nothing was recorded.");
+  }
+  const record = recordOf(one);
+  const focus = difference.checks[index]?.check ?? record[record.length - 1].source;
+  return recordTable(one, focus);
+}
+
+function comparisonSection(report) {
+  if (report.libraries.length < 2) {
+    return null;
+  }
+  const [reference, ...others] = report.libraries;
+  const differences = others.map((other) => firstDifference(reference, other));
+  const names = [...new Set(report.libraries.flatMap((library) => library.cases.map((one) => one.name)))];
+  const rows = names.map((name) => el("tr", {},
+    el("th", { scope: "row" }, shortCase(name),
+      differences.some((difference) => difference?.name === name)
+        && el("span", { class: "aside" }, " first difference")),
+    report.libraries.map((library, index) => comparisonCell(
+      library.cases.find((one) => one.name === name),
+      index > 0 && differences[index - 1]?.name === name))));
+  return section("libraries", "Libraries beside each other",
+    table("Cases and libraries", ["Case", ...report.libraries.map((library) => library.name)], rows, "comparison"),
+    others.map((other, index) => [
+      el("h3", {}, `${reference.name} and ${other.name}`),
+      differenceNode(reference, other, differences[index]),
+    ]));
+}
+
+// --- latencies -------------------------------------------------------------
+
+// One scale for all, so that the shapes can be compared: 100 ns to 10 s, four
+// steps per power of ten.
+const latencyDecades = { first: -1, last: 7, perDecade: 4 };
+
+function histogram(durations) {
+  const { first, last, perDecade } = latencyDecades;
+  const bins = new Array((last - first) * perDecade).fill(0);
+  for (const us of durations) {
+    const bin = Math.floor((Math.log10(Math.max(us, 0.1)) - first) * perDecade);
+    ++bins[Math.min(bins.length - 1, Math.max(0, bin))];
+  }
+  const most = Math.max(...bins);
+  const [width, height] = [6, 28];
+  return svg("svg", {
+    class: "histogram", viewBox: `0 0 ${bins.length * width} ${height + 1}`, role: "img",
+    "aria-label": "Distribution; the percentiles beside it say the same",
+  },
+    Array.from({ length: last - first + 1 }, (_, decade) => svg("line", {
+      class: "rail", x1: decade * perDecade * width, x2: decade * perDecade * width, y1: 0, y2: height,
+    })),
+    bins.map((count, bin) => count > 0 && svg("rect", {
+      x: bin * width + 0.5, width: width - 1, y: height - Math.max(2, (count / most) * height),
+      height: Math.max(2, (count / most) * height),
+    })),
+    svg("line", { class: "axis", x1: 0, x2: bins.length * width, y1: height + 0.5, y2: height + 0.5 }));
+}
+
+function latencyRow(name, library, durations, several) {
+  const summary = library.latencies[name];
+  return el("tr", {},
+    el("th", { scope: "row", title: name }, code(shortFunction(name)),
+      several && el("span", { class: "aside" }, ` ${library.name}`)),
+    el("td", { class: "number" }, summary.count),
+    [summary.p50Us, summary.p90Us, summary.p99Us, summary.maxUs].map((us) =>
+      el("td", { class: "number" }, formatUs(us))),
+    el("td", {}, histogram(durations)));
+}
+
+function latenciesSection(report) {
+  const measured = report.libraries.map((library) => ({ library, durations: durationsOf(library) }));
+  const names = [...new Set(measured.flatMap(({ durations }) => [...durations.keys()]))];
+  if (names.length === 0) {
+    return null;
+  }
+  const several = measured.length > 1;
+  const rows = names.flatMap((name) => measured.filter(({ durations }) => durations.has(name))
+    .map(({ library, durations }) => latencyRow(name, library, durations.get(name), several)));
+  const number = (text) => ({ text, kind: "number" });
+  return section("latencies", "Latencies",
+    el("p", { class: "aside" }, "How long each function took, over all cases; a receive that waits "
+      + "includes its wait. The distributions share one scale, from 100 ns to 10 s; each line is a power of ten."),
+    table("Latencies per function", ["Function", number("Calls"), number("Median"), number("90 %"),
+      number("99 %"), number("Longest"), "Distribution"], rows, "latencies"));
+}
+
+// --- repeats ---------------------------------------------------------------
+
+function repeatsSection(report) {
+  const repeats = report.repeats;
+  if (!repeats) {
+    return null;
+  }
+  const failed = repeats.runs - repeats.passed;
+  const rate = repeats.runs === 0 ? 0 : (100 * repeats.passed) / repeats.runs;
+  // Never "100 %" where one failed.
+  const rateText = `${failed === 0 ? rate : (Math.floor(rate * 100) / 100).toFixed(2)} %`;
+  const change = (growth) => growth.last - growth.first;
+  const rows = repeats.growth.map((growth) => el("tr", {},
+    el("th", { scope: "row" }, growth.what),
+    [growth.first, growth.last, growth.most].map((value) => el("td", { class: "number" }, value)),
+    el("td", { class: "number" }, change(growth) > 0 ? el("b", {}, `+${change(growth)}`)
+      : String(change(growth)).replace("-", "−"))));
+  const number = (text) => ({ text, kind: "number" });
+  return section("repeats", "Repeats",
+    el("p", {}, verdictLabel(failed === 0 ? "pass" : "fail"),
+      ` ${repeats.passed} of ${counted(repeats.runs, "run")} passed, ${rateText}.`),
+    repeats.growth.length > 0 && table("Growth over the runs",
+      ["What", number("First run"), number("Last run"), number("Most"), number("Growth")], rows));
+}

@@ -1,0 +1,130 @@
+// Writing the lines; see record.h.
+#include "probe/record.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace kavri::probe {
+
+namespace {
+
+// -1: nobody listens.
+int eventsDescriptor() {
+    static const int descriptor = [] {
+        const std::string text = environmentVariable("KAVRI_MODULE_EVENTS");
+        int number = -1;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        return error == std::errc() && end == text.data() + text.size() ? number : -1;
+    }();
+    return descriptor;
+}
+
+// Any bytes: those that are no UTF-8 are replaced.
+std::string dumped(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void tell(std::string_view kind, const std::string& rest) {
+    if (!isRecording()) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const std::string line =
+        std::string(kind) + " " +
+        std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()) + " " +
+        std::to_string(gettid()) + " " + rest + "\n";
+    // Short enough for a pipe to take it undivided. If the reader has gone there
+    // is nobody to tell.
+    while (write(eventsDescriptor(), line.data(), line.size()) < 0 && errno == EINTR) {
+    }
+}
+
+std::size_t entriesIn(const char* folder) {
+    std::error_code error;
+    const std::filesystem::directory_iterator entries(folder, error);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::size_t residentKiB() {
+    std::ifstream file("/proc/self/statm");
+    std::size_t allPages = 0;
+    std::size_t residentPages = 0;
+    file >> allPages >> residentPages;
+    return residentPages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+}  // namespace
+
+std::string environmentVariable(const char* name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the module never writes its environment.
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+bool isRecording() {
+    return eventsDescriptor() >= 0;
+}
+
+unsigned nextNumber() {
+    static std::atomic<unsigned> last{0};
+    return ++last;
+}
+
+Json shortened(const char* text) {
+    if (text == nullptr) {
+        return nullptr;
+    }
+    // A line holds four texts at most, and must stay below the 4096 bytes that a
+    // pipe takes undivided, although one byte may take six in JSON.
+    constexpr std::size_t limitBytes = 200;
+    constexpr std::size_t limitDumpedBytes = 900;
+    const std::size_t length = strnlen(text, limitBytes + 1);
+    for (std::size_t kept = std::min(length, limitBytes);; kept /= 2) {
+        Json result = std::string(text, kept) + (kept < length ? "…" : "");
+        if (dumped(result).size() <= limitDumpedBytes) {
+            return result;
+        }
+    }
+}
+
+void recordCall(unsigned number, const char* function, const Json& arguments) {
+    tell("call", std::to_string(number) + " " + function + " " + dumped(arguments));
+}
+
+void recordReturn(unsigned number, const Json& result) {
+    tell("return", std::to_string(number) + " " + dumped(result));
+}
+
+void recordDeliver(unsigned number, const char* callback, const Json& arguments) {
+    tell("deliver", std::to_string(number) + " " + callback + " " + dumped(arguments));
+}
+
+void recordDelivered(unsigned number) {
+    tell("delivered", std::to_string(number));
+}
+
+void recordFault(std::string_view name, unsigned number, std::string_view did) {
+    tell("fault", std::string(name) + " " + dumped({{"number", number}, {"did", did}}));
+}
+
+void recordPeer(bool isThere, const Json& details) {
+    tell("peer", std::string(isThere ? "ok " : "missing ") + dumped(details));
+}
+
+void recordUsage() {
+    if (isRecording()) {
+        // Without the descriptor with which they are counted.
+        tell("usage", dumped({{"descriptors", entriesIn("/proc/self/fd") - 1},
+                              {"threads", entriesIn("/proc/self/task")},
+                              {"residentKiB", residentKiB()}}));
+    }
+}
+
+}  // namespace kavri::probe

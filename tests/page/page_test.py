@@ -1,0 +1,399 @@
+"""Checks the page of the conformance report as a browser shows it.
+
+Each test opens a sample in headless Chromium. After each, whatever it was about,
+the console must be empty and nothing may have been asked for but the page itself.
+
+Usage: page_test.py RENDER_REPORT [TEST...]
+"""
+
+import json
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.action_chains import ActionChains
+from selenium.webdriver.common.actions.wheel_input import ScrollOrigin
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.ui import WebDriverWait
+
+import samples
+
+RENDER_REPORT = None
+# The check of contrast asks this of body text, as WCAG 2 does at its level AA.
+LEAST_CONTRAST = 4.5
+
+# Texts with too little contrast to what is behind them: [text, ratio] each.
+FAINT_TEXTS = """
+const channels = (colour) => colour.match(/[\\d.]+/g).map(Number);
+const luminance = (colour) => {
+  const [r, g, b] = channels(colour).slice(0, 3).map((value) => value / 255)
+    .map((value) => (value <= 0.04045 ? value / 12.92 : ((value + 0.055) / 1.055) ** 2.4));
+  return 0.2126 * r + 0.7152 * g + 0.0722 * b;
+};
+const behind = (node) => {
+  for (; node; node = node.parentElement) {
+    const colour = getComputedStyle(node).backgroundColor;
+    if (channels(colour)[3] !== 0) return colour;
+  }
+  return "rgb(255, 255, 255)";
+};
+const faint = [];
+for (const node of document.querySelectorAll("body *:not(svg *):not(script):not(style)")) {
+  const text = [...node.childNodes].filter((child) => child.nodeType === Node.TEXT_NODE)
+    .map((child) => child.textContent.trim()).join("");
+  if (text === "" || node.getClientRects().length === 0) continue;
+  const [a, b] = [luminance(getComputedStyle(node).color), luminance(behind(node))];
+  const ratio = (Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05);
+  if (ratio < arguments[0]) faint.push([text, ratio]);
+}
+return faint;
+"""
+
+# What makes a page hard to use without eyes or without a mouse.
+OBSTACLES = """
+const found = [];
+const all = (selector) => [...document.querySelectorAll(selector)];
+const nameOf = (node) => (node.getAttribute("aria-label") || node.textContent).trim();
+for (const node of all("th:not([scope])")) found.push("th without scope: " + node.textContent);
+for (const node of all("table")) if (!node.caption) found.push("table without caption");
+for (const node of all("button")) if (!nameOf(node)) found.push("button without name");
+for (const node of all("input, select"))
+  if (!document.querySelector(`label[for="${node.id}"]`)) found.push("field without label");
+for (const node of all("svg"))
+  if (!node.closest("[aria-hidden]") && !node.getAttribute("aria-label")) found.push("svg without name");
+for (const node of all("[aria-controls]"))
+  if (!document.getElementById(node.getAttribute("aria-controls"))) found.push("controls nothing");
+const ids = all("[id]").map((node) => node.id);
+if (new Set(ids).size !== ids.length) found.push("an id twice");
+let level = 0;
+for (const node of all("h1, h2, h3, h4")) {
+  const own = Number(node.tagName[1]);
+  if (own > level + 1) found.push("a heading too deep: " + node.textContent);
+  level = own;
+}
+if (all("h1").length !== 1 || all("main").length !== 1) found.push("not one h1 and one main");
+return found;
+"""
+
+
+def chromium(javascript=True):
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    # Without a sandbox, as root or in a container it does not start otherwise; the
+    # page is ours.
+    for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--disable-gpu",
+                     "--disable-background-networking", "--no-first-run", "--window-size=1200,900"):
+        options.add_argument(argument)
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
+    if not javascript:
+        options.add_experimental_option(
+            "prefs", {"profile.managed_default_content_settings.javascript": 2})
+    return webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+
+
+def render(report):
+    return subprocess.run([RENDER_REPORT], input=json.dumps(report).encode(), check=True,
+                          stdout=subprocess.PIPE).stdout
+
+
+class PageTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        cls.browser = chromium()
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.browser.quit()
+        cls.folder.cleanup()
+
+    def setUp(self):
+        self.opened = set()
+        self.setMedia("light", 1200)
+        self.addCleanup(self.expectQuiet, self.browser)
+
+    def setMedia(self, scheme, width):
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": 900, "deviceScaleFactor": 1, "mobile": False})
+        self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+            "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+
+    def open(self, name, browser=None):
+        path = pathlib.Path(self.folder.name, f"{name}.html")
+        path.write_bytes(render(samples.SAMPLES[name]()))
+        self.opened.add(path.as_uri())
+        (browser or self.browser).get(path.as_uri())
+
+    def expectQuiet(self, browser):
+        self.assertEqual(browser.get_log("browser"), [])
+        messages = [json.loads(entry["message"])["message"] for entry in browser.get_log("performance")]
+        asked = {message["params"]["request"]["url"] for message in messages
+                 if message["method"] == "Network.requestWillBeSent"}
+        self.assertEqual([url for url in asked - self.opened if not url.startswith("data:")], [])
+
+    def all(self, selector):
+        return self.browser.find_elements(By.CSS_SELECTOR, selector)
+
+    def one(self, selector):
+        return self.browser.find_element(By.CSS_SELECTOR, selector)
+
+    def texts(self, selector):
+        return [node.text for node in self.all(selector)]
+
+    def button(self, text, within="body"):
+        return next(node for node in self.all(f"{within} button") if node.text.endswith(text))
+
+    def openCase(self, name):
+        self.button(name, "#cases").click()
+        # The time line is drawn when the page is laid out, a little later.
+        WebDriverWait(self.browser, 10).until(lambda _: self.all("#cases .plot svg"))
+
+    def openEverything(self):
+        """Opens all that can be opened, but of the matrix only the first faults."""
+        while closed := [node for node in self.all("button.disclosure[aria-expanded=false]")
+                         if node.is_displayed()][:40]:
+            for node in closed:
+                self.browser.execute_script("arguments[0].click()", node)
+            if len(self.all("table.matrix tr.details:not([hidden])")) > 5:
+                return
+
+    # --- what the page says --------------------------------------------------
+
+    def test_overviewSaysVerdictCountsAndWhatWasJudged(self):
+        self.open("healthy")
+        self.assertEqual(self.one("h1").text.lower(), "pass")
+        headline = self.one(".headline").text
+        report = samples.healthy()
+        checks = sum(len(case["checks"]) for case in report["libraries"][0]["cases"])
+        self.assertIn("8 of 8 cases passed", headline)
+        self.assertIn(f"{checks} checks", headline)
+        facts = self.one("header .facts").text
+        for text in (samples.CORE, "broker.sock", "2026-11-20T12:00:00Z", report["command"]):
+            self.assertIn(text, facts)
+        self.assertEqual(self.all("#failures"), [])
+
+    def test_caseOpensToItsChecksFoldedByPlace(self):
+        self.open("healthy")
+        button = self.button("initiatorRepeatEcho", "#cases")
+        self.assertEqual(self.all(".timeline"), [])
+        button.send_keys(Keys.ENTER)
+        self.assertEqual(button.get_attribute("aria-expanded"), "true")
+        row = next(row for row in self.texts("table.checks tbody tr") if "payload == rpayload" in row)
+        self.assertRegex(row, r"pass\s+10 ×\s+payload == rpayload")
+        button.send_keys(Keys.ENTER)
+        self.assertFalse(self.one("table.checks").is_displayed())
+
+    def test_failureShowsCheckBothValuesRecordAndCommand(self):
+        self.open("failing")
+        self.assertEqual(self.one("h1").text.lower(), "fail")
+        self.assertEqual(len(self.all(".failure")), 6)
+        echo = next(text for text in self.texts(".failure") if "initiatorRepeatEcho\n" in text)
+        for text in ("payload == rpayload", "failed 3 of 10 times", "CLIENT:echo 3", "CLIENT:echa 3",
+                     "kavri conformance --library /opt/kavri/lib --case"):
+            self.assertIn(text, echo)
+        self.assertEqual(self.one(".failure dl.values mark").text != "", True)
+        around = self.texts(".failure .focus-row")
+        self.assertEqual(len(around), 6)
+        for table in self.all(".failure table.record"):
+            self.assertGreater(len(table.find_elements(By.CSS_SELECTOR, "tbody tr")), 4)
+
+    def test_copyButtonTellsWhatItDid(self):
+        self.open("failing")
+        self.button("Copy").click()
+        WebDriverWait(self.browser, 10).until(lambda _: self.one(".copyable .said").text)
+        self.assertRegex(self.one(".copyable .said").text, "copied|Ctrl")
+
+    def test_hangShowsCallTimeLastCheckAndStacks(self):
+        self.open("hang")
+        text = self.one(".hang").text
+        for expected in (f"{samples.RECEIVE}(timeout=-1)", "5.0 s", "test_ipc_initiator.cpp(215)"):
+            self.assertIn(expected, text)
+        self.button("Stacks of all threads").click()
+        self.assertIn("Connection::waitForFrame", self.one(".hang pre").text)
+        self.assertIn("did not return", self.one(".failure .focus-row").text)
+
+    def test_crashShowsItsText(self):
+        self.open("crash")
+        self.assertIn("signal 11", self.one(".crash-text").text)
+        self.assertEqual(self.one("h1").text.lower(), "crash")
+
+    def test_latenciesShowCountPercentilesAndDistribution(self):
+        self.open("healthy")
+        measured = samples.healthy()["libraries"][0]["latencies"][samples.SEND]
+        row = next(row for row in self.all("#latencies tbody tr")
+                   if row.text.startswith("command_send"))
+        self.assertIn(f"{measured['count']} {measured['p50Us']:.2f}\u202fµs", row.text)
+        self.assertIn(f"{measured['maxUs']:.2f}\u202fµs", row.text)
+        self.assertGreater(len(row.find_elements(By.CSS_SELECTOR, ".histogram rect")), 0)
+
+    def test_repeatsShowRateAndGrowth(self):
+        self.open("healthy")
+        text = self.one("#repeats").text
+        self.assertIn("1000 of 1000 runs passed, 100 %", text)
+        self.assertIn("+164", text)
+
+    def test_librariesStandBesideEachOtherWithTheFirstDifference(self):
+        self.open("several")
+        header = self.texts("table.comparison thead th")
+        self.assertEqual(header, ["Case", "kavri", "other", "third"])
+        row = next(row for row in self.texts("table.comparison tbody tr") if "first difference" in row)
+        self.assertIn("initiatorRepeatEcho", row)
+        text = self.one("#libraries").text
+        self.assertIn("payload == rpayload test_ipc_initiator.cpp(233), time 3", text)
+        self.assertIn("kavri: passed", text)
+        self.assertIn("other: failed", text)
+        self.assertIn("third did in every check what kavri did", text)
+        self.assertEqual(len(self.all(".beside table.record")), 2)
+
+    # --- the time line -------------------------------------------------------
+
+    def test_timeLineFoldsTheWaitAndIsReadWithTheKeyboard(self):
+        self.open("healthy")
+        self.openCase("initiatorRepeatCallback")
+        self.assertEqual(self.texts(".plot .lane"), ["test thread", "library's thread"])
+        self.assertIn("1.00\u202fs", self.texts(".plot .fold"))
+        plot = self.one(".plot")
+        plot.send_keys(Keys.HOME)
+        self.assertIn("kavri_core_init()", self.one(".readout").text)
+        plot.send_keys(Keys.ARROW_RIGHT, Keys.ARROW_RIGHT)
+        self.assertIn("kavri_core_logging_init", self.one(".readout").text)
+        self.assertRegex(self.one(".readout").text, r"took [\d.]+.µs")
+        self.assertEqual(len(self.all(".plot .selected")), 1)
+
+    def test_timeLineZoomsAndShowsTheWholeCaseToScale(self):
+        self.open("healthy")
+        self.openCase("initiatorRepeatCallback")
+        plot = self.one(".plot")
+        plot.send_keys("0")
+        self.assertEqual(self.texts(".plot .fold"), [])
+        self.assertEqual(self.button("Whole case").get_attribute("aria-pressed"), "true")
+        pause = self.one(".plot .pause").rect
+        self.assertGreater(pause["width"], 0.98 * plot.rect["width"])
+        narrowest = min(node.rect["width"] for node in self.all(".plot .bar"))
+        self.assertGreaterEqual(narrowest, 3)
+        ticks = self.texts(".plot .tick")
+        plot.send_keys("+++")
+        self.assertNotEqual(self.texts(".plot .tick"), ticks)
+
+    def test_timeLineFollowsPointerAndWheel(self):
+        self.open("healthy")
+        self.openCase("initiatorRepeatCallback")
+        actions = ActionChains(self.browser)
+        actions.move_to_element(self.one(".plot .bar.delivery")).perform()
+        self.assertIn('response(targetCategory="test"', self.one(".readout").text)
+        self.assertIn("library's thread", self.one(".readout").text)
+        width = self.one(".plot .bar.delivery").rect["width"]
+        self.one(".plot").click()
+        over = ScrollOrigin.from_element(self.one(".plot .bar.delivery"))
+        actions.scroll_from_origin(over, 0, -200).perform()
+        WebDriverWait(self.browser, 10).until(
+            lambda _: self.one(".plot .bar.delivery").rect["width"] > 1.5 * width)
+
+    def test_timeLineMarksHangsAndFailures(self):
+        self.open("hang")
+        self.openCase("initiatorRepeatStaticResponse")
+        self.assertEqual(len(self.all(".plot .bar.open")), 1)
+        self.open("failing")
+        self.openCase("initiatorRepeatEcho")
+        self.assertEqual(len(self.all(".plot .check.fail")), 3)
+
+    def test_recordHasTheSameAsATable(self):
+        self.open("healthy")
+        self.openCase("initiatorRepeatEcho")
+        self.button("Record as a table").click()
+        case = samples.healthy()["libraries"][0]["cases"][3]
+        self.assertEqual(len(self.all("table.record tbody tr")),
+                         len(case["calls"]) + len(case["checks"]))
+
+    # --- the kill matrix -----------------------------------------------------
+
+    def test_matrixPutsTheUnexpectedFirst(self):
+        self.open("matrix")
+        first = self.texts("table.matrix tbody tr:not(.details)")[0]
+        self.assertIn("count-doubled-1", first)
+        self.assertIn("expected a timeout", first)
+        self.assertIn("not as expected", first)
+        self.assertEqual(len(self.all("td.cell.wrong")), 1)
+        killed = self.texts("table.killed tbody tr")
+        self.assertIn("no fault turned it red", killed[0])
+        self.assertTrue(any("payload-altered-1" in row for row in killed))
+
+    def test_matrixIsFiltered(self):
+        self.open("matrix")
+        field = self.one("#fault-filter")
+        field.send_keys("callback-crashes")
+        self.assertIn("10 of 70 faults", self.one(".filter").text)
+        self.assertEqual(len([row for row in self.all("table.matrix tbody tr:not(.details)")
+                              if row.is_displayed()]), 10)
+        field.clear()
+        field.send_keys("payload == rpayload")
+        self.assertIn("10 of 70 faults", self.one(".filter").text)
+
+    def test_matrixShowsRecordsOnDemand(self):
+        self.open("matrix")
+        self.assertLess(len(self.all("*")), 8000)
+        cell = next(node for node in self.all("td.cell.timeout"))
+        self.assertIn("timeout in", cell.get_attribute("title"))
+        self.browser.execute_script("arguments[0].click()", cell)
+        details = self.one(".fault-details").text
+        self.assertIn("A receive that waits never returns.", details)
+        self.assertEqual(len(self.all(".fault-details .timeline")), 1)
+        self.assertIn("fault", self.one(".fault-details .legend").text)
+
+    # --- for everybody -------------------------------------------------------
+
+    def test_textFromTheReportIsNeverMarkup(self):
+        self.open("hostile")
+        self.openEverything()
+        self.assertIsNone(self.browser.execute_script("return window.hacked ?? null"))
+        self.assertEqual(self.all("img"), [])
+        self.assertIn("</script>", self.one("header .facts").text)
+        self.assertIn("{{script}} &", self.one("header .facts").text)
+
+    def test_nothingStandsInTheWay(self):
+        for name in samples.SAMPLES:
+            with self.subTest(name):
+                self.open(name)
+                self.openEverything()
+                self.assertEqual(self.browser.execute_script(OBSTACLES), [])
+
+    def test_textHasContrast(self):
+        for scheme in ("light", "dark"):
+            for name in ("failing", "hang", "crash", "several", "matrix"):
+                with self.subTest(f"{name}, {scheme}"):
+                    self.setMedia(scheme, 1200)
+                    self.open(name)
+                    self.openEverything()
+                    self.assertEqual(self.browser.execute_script(FAINT_TEXTS, LEAST_CONTRAST), [])
+
+    def test_fitsANarrowScreen(self):
+        for name in samples.SAMPLES:
+            with self.subTest(name):
+                self.setMedia("light", 360)
+                self.open(name)
+                self.openEverything()
+                self.assertLessEqual(self.browser.execute_script(
+                    "return document.documentElement.scrollWidth"), 360)
+
+    def test_saysTheResultWithoutJavaScript(self):
+        browser = chromium(javascript=False)
+        try:
+            self.open("failing", browser)
+            text = browser.find_element(By.TAG_NAME, "main").text
+            self.assertIn("Conformance report: fail", text)
+            self.assertIn("initiatorSend/initiatorRepeatEcho fail", text)
+            self.open("matrix", browser)
+            self.assertIn("1 of 70 faults", browser.find_element(By.TAG_NAME, "main").text)
+            self.expectQuiet(browser)
+        finally:
+            browser.quit()
+
+
+if __name__ == "__main__":
+    RENDER_REPORT = sys.argv.pop(1)
+    unittest.main(verbosity=2)
