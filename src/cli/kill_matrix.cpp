@@ -54,10 +54,8 @@ MatrixReport KillMatrix::run(const std::vector<CaseReport>& baseline, unsigned j
                              const Progress& progress) {
     const Clock::time_point begin = Clock::now();
     const auto faults = probe::faults();
-    std::vector<std::string> cases;
-    for (const CaseReport& report : baseline) {
-        cases.push_back(report.name);
-    }
+    std::vector<std::string> cases(baseline.size());
+    std::ranges::transform(baseline, cases.begin(), &CaseReport::name);
     MatrixReport matrix;
     matrix.faults.resize(faults.size());
     std::atomic<size_t> next{0};

@@ -168,10 +168,11 @@ unit_test_log_t& unit_test_log_t::operator<<(const boost::unit_test::log::end& e
 // that failed alone.
 namespace boost::test_tools::tt_detail {
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): the framework's signature.
+// NOLINTBEGIN(cert-dcl50-cpp,performance-unnecessary-value-param): the framework's signature.
 bool report_assertion(const boost::test_tools::assertion_result& result,
                       const boost::unit_test::lazy_ostream& description, const_string file,
                       std::size_t line, tool_level level, check_type type, std::size_t count, ...) {
+    // NOLINTEND(cert-dcl50-cpp,performance-unnecessary-value-param)
     using Text = const char*;
     using Value = const boost::unit_test::lazy_ostream*;
     static const auto original = behind<bool(

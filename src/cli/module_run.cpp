@@ -26,6 +26,9 @@ namespace {
 // A line longer than this is passed on in pieces.
 constexpr size_t longestLineBytes = 65536;
 
+// The time of the case under way is shown anew this often.
+constexpr std::chrono::milliseconds refreshTime{100};
+
 // The broker that the run has to itself is worth reading only where something
 // went wrong, and then from the end.
 constexpr size_t mostBrokerLines = 100;
@@ -146,8 +149,11 @@ void ModuleRun::pollOnce(const ChildProcess& module) const {
                           pollfd{broker_ != nullptr ? broker_->endedDescriptor() : -1, POLLIN, 0},
                           pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
                           pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0}};
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(
         std::min(limits_.deadline(), hangTime()) - Clock::now());
+    if (display_.isLive()) {
+        left = std::min(left, refreshTime);
+    }
     poll(sources.data(), sources.size(),
          static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 3'600'000)));
 }
@@ -186,8 +192,11 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
             ended_(*ended);
         }
     }
-    if (!events.empty() && record_.underWay() != nullptr) {
-        display_.showCaseUnderWay(*record_.underWay());
+    if (record_.underWay() != nullptr) {
+        const auto taken =
+            Clock::now().time_since_epoch() - std::chrono::nanoseconds(record_.underWay()->beginNs);
+        display_.showCaseUnderWay(*record_.underWay(),
+                                  std::chrono::duration<double>(taken).count());
     }
 }
 

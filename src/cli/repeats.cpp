@@ -92,7 +92,7 @@ class Tally {
   private:
     void note(const std::string& whose, const nlohmann::json& usage) {
         for (const auto& [what, value] : usage.items()) {
-            const std::string name = whose + ", " + what;
+            const std::string name = fmt::format("{}, {}", whose, what);
             auto& all = result_.report.growth;
             auto known = std::ranges::find(all, name, &RepeatReport::Growth::what);
             const auto number = value.get<double>();

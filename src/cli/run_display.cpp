@@ -51,8 +51,8 @@ void RunDisplay::showOpening(const std::string& library, const std::string& brok
              << std::flush;
 }
 
-void RunDisplay::showCaseUnderWay(const CaseReport& report) {
-    replaceProgress(fmt::format("{:<{}}  running {:>4}", report.name, nameWidth_,
+void RunDisplay::showCaseUnderWay(const CaseReport& report, double seconds) {
+    replaceProgress(fmt::format("{:<{}}  running {:>4.1f} s  {}", report.name, nameWidth_, seconds,
                                 counted(report.checks.size(), "check")));
 }
 

@@ -27,13 +27,16 @@ struct DisplayStyle {
 
 class RunDisplay {
   public:
+    // Whether what is under way is shown, and so wants to be shown again.
+    bool isLive() const { return style_.terminal; }
+
     // `results` is for the tool's own lines, `others` for what others print.
     RunDisplay(std::ostream& results, std::ostream& others, DisplayStyle style,
                const std::vector<std::string>& cases);
 
     // What is judged, and by way of which broker.
     void showOpening(const std::string& library, const std::string& broker);
-    void showCaseUnderWay(const CaseReport& report);
+    void showCaseUnderWay(const CaseReport& report, double seconds);
     void showCaseEnded(const CaseReport& report);
     void showOthersLine(std::string_view line);
     // Whatever the module's log says that belongs to no check.

@@ -44,7 +44,7 @@ struct InAFile : Shown {
 };
 
 struct OnATerminal : Shown {
-    OnATerminal() : Shown(DisplayStyle{.terminal = true, .colour = true, .columns = 40}) {}
+    OnATerminal() : Shown(DisplayStyle{.terminal = true, .colour = true, .columns = 48}) {}
 };
 
 struct OnAWideTerminal : Shown {
@@ -193,7 +193,7 @@ BOOST_FIXTURE_TEST_CASE(theClosingLineCountsCasesAndChecks, InAFile) {
 }
 
 BOOST_FIXTURE_TEST_CASE(aFileGetsNoProgressAndNoColour, InAFile) {
-    display.showCaseUnderWay(passedCase());
+    display.showCaseUnderWay(passedCase(), 0);
     display.showProgress("faults", 1, 2);
     display.clearProgress();
     BOOST_TEST(take().empty());
@@ -215,16 +215,18 @@ BOOST_FIXTURE_TEST_CASE(aRemarkIsALineOfTheResults, InAFile) {
 }
 
 BOOST_FIXTURE_TEST_CASE(progressIsReplacedAndNeverWraps, OnATerminal) {
-    display.showCaseUnderWay(passedCase());
-    BOOST_TEST(take() == "\r\x1b[Ksuite/short       running 7 checks");
-    display.showCaseUnderWay(passedCase());
+    display.showCaseUnderWay(passedCase(), 0);
+    BOOST_TEST(take() == "\r\x1b[Ksuite/short       running  0.0 s  7 checks");
+    display.showCaseUnderWay(passedCase(), 0);
     BOOST_TEST(take().empty());  // nothing new to show
-    display.showCaseUnderWay(caseWith("suite/short", Verdict::pass, 100'000, 0, 0));
+    display.showCaseUnderWay(passedCase(), 12.34);
+    BOOST_TEST(take() == "\r\x1b[Ksuite/short       running 12.3 s  7 checks");
+    display.showCaseUnderWay(caseWith("suite/short", Verdict::pass, 100'000, 0, 0), 0);
     const std::string shown = take();
-    BOOST_TEST(shown == "\r\x1b[Ksuite/short       running 100000 checks");
-    BOOST_TEST(shown.size() == 4 + 39U);
-    display.showCaseUnderWay(caseWith("suite/short", Verdict::pass, 1'000'000, 0, 0));
-    BOOST_TEST(take() == "\r\x1b[Ksuite/short       running 1000000 check");
+    BOOST_TEST(shown == "\r\x1b[Ksuite/short       running  0.0 s  100000 checks");
+    BOOST_TEST(shown.size() == 4 + 47U);
+    display.showCaseUnderWay(caseWith("suite/short", Verdict::pass, 1'000'000, 0, 0), 0);
+    BOOST_TEST(take() == "\r\x1b[Ksuite/short       running  0.0 s  1000000 check");
 }
 
 BOOST_FIXTURE_TEST_CASE(aBarShowsHowFarSomethingHasCome, OnAWideTerminal) {
@@ -256,13 +258,13 @@ BOOST_AUTO_TEST_CASE(aBarIsNeverAsWideAsItsTerminal) {
 }
 
 BOOST_FIXTURE_TEST_CASE(progressMakesRoomForWholeLines, OnATerminal) {
-    display.showCaseUnderWay(passedCase());
+    display.showCaseUnderWay(passedCase(), 0);
     take();
     display.showOthersLine("said by the library");
     BOOST_TEST(take() == "\r\x1b[K");
     display.showCaseEnded(passedCase());
     BOOST_TEST(take() == "suite/short       \x1b[32mpass   \x1b[0m    7 checks     1.2 ms\n");
-    display.showCaseUnderWay(passedCase());
+    display.showCaseUnderWay(passedCase(), 0);
     take();
     display.showCaseEnded(passedCase());
     BOOST_TEST(take() ==
