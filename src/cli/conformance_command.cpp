@@ -345,6 +345,13 @@ void Conformance::runOften(const LibraryRun& library, const std::vector<std::str
             display.showCaseEnded(each);
         }
     }
+    for (const auto& [function, times] : outcome.report.latencies) {
+        const auto us = [&times](double share) {
+            return std::chrono::duration<double, std::micro>(times.percentile(share)).count();
+        };
+        display.showRemark(fmt::format("{:<52}  {:>8} calls  p50 {:>9.1f} us  p99 {:>9.1f} us",
+                                       function, times.count(), us(0.5), us(0.99)));
+    }
     for (const RepeatReport::Growth& growth : outcome.report.growth) {
         display.showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most", growth.what,
                                        growth.first, growth.last, growth.most));

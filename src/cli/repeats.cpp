@@ -54,6 +54,7 @@ class Tally {
     void add(CasesOutcome outcome, pid_t broker) {
         const std::lock_guard lock(mutex_);
         annotate_(outcome.cases);
+        addLatencies(outcome.cases, result_.report.latencies);
         const bool passed =
             outcome.end == RunEnd::moduleEnded && worstOf(outcome.cases) == Verdict::pass;
         ++result_.report.runs;

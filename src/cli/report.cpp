@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "cli/latencies.h"
-
 namespace kavri::cli {
 
 namespace {
@@ -73,16 +71,7 @@ json caseJson(const CaseReport& report) {
             {"repeat", report.repeat}};
 }
 
-// Of each function, over all cases: how long its calls took.
-json latenciesJson(const std::vector<CaseReport>& cases) {
-    std::map<std::string, Latencies> latencies;
-    for (const CaseReport& report : cases) {
-        for (const CallReport& call : report.calls) {
-            if (call.kind == CallReport::Kind::call && call.endNs) {
-                latencies[call.function].add(std::chrono::nanoseconds(*call.endNs - call.beginNs));
-            }
-        }
-    }
+json latenciesJson(const LatenciesByFunction& latencies) {
     const auto us = [](Latencies::Duration time) {
         return std::chrono::duration<double, std::micro>(time).count();
     };
@@ -98,13 +87,15 @@ json latenciesJson(const std::vector<CaseReport>& cases) {
 }
 
 json libraryJson(const LibraryReport& library) {
+    LatenciesByFunction latencies;
+    addLatencies(library.cases, latencies);
     return {{"name", library.name},
             {"core", library.core},
             {"broker", library.broker},
             {"seconds", library.seconds},
             {"verdict", verdictText(worstOf(library.cases))},
             {"cases", listOf(library.cases, caseJson)},
-            {"latencies", latenciesJson(library.cases)}};
+            {"latencies", latenciesJson(latencies)}};
 }
 
 json faultJson(const FaultReport& fault) {
@@ -140,7 +131,8 @@ json repeatsJson(const std::optional<RepeatReport>& repeats) {
     };
     return {{"runs", repeats->runs},
             {"passed", repeats->passed},
-            {"growth", listOf(repeats->growth, growth)}};
+            {"growth", listOf(repeats->growth, growth)},
+            {"latencies", latenciesJson(repeats->latencies)}};
 }
 
 }  // namespace
@@ -176,6 +168,16 @@ Verdict worstOf(const std::vector<CaseReport>& cases) {
         }
     }
     return worst;
+}
+
+void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies) {
+    for (const CaseReport& report : cases) {
+        for (const CallReport& call : report.calls) {
+            if (call.kind == CallReport::Kind::call && call.endNs) {
+                latencies[call.function].add(std::chrono::nanoseconds(*call.endNs - call.beginNs));
+            }
+        }
+    }
 }
 
 bool MatrixReport::isProven() const {

@@ -14,6 +14,8 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/latencies.h"
+
 namespace kavri::cli {
 
 // From best to worst; what a whole run came to is its worst case.
@@ -89,6 +91,10 @@ struct LibraryReport {
     std::vector<CaseReport> cases;  // in the order of the module
 };
 
+// How long the calls of each function took.
+using LatenciesByFunction = std::map<std::string, Latencies>;
+void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies);
+
 // One fault of the kill matrix.
 struct FaultReport {
     std::string name;
@@ -131,6 +137,7 @@ struct RepeatReport {
         double most = 0;
     };
     std::vector<Growth> growth;
+    LatenciesByFunction latencies{};  // of all runs
 };
 
 struct Report {

@@ -204,6 +204,8 @@ BOOST_AUTO_TEST_CASE(repeatsTellHowManyPassedAndWhatGrew) {
     const nlohmann::json repeats = json("r.json")["repeats"];
     BOOST_TEST(repeats["passed"] == 5);
     BOOST_TEST(repeats["growth"].size() == 6U);
+    // Two requests of each run.
+    BOOST_TEST(repeats["latencies"]["kavri_core_ipc_initiator_command_send"]["count"] == 10);
     const Result bad = run(
         with(sendPass, {"--repeat", "5", "--jobs", "1", "--until-fail", "--fault", "init-fails"}));
     BOOST_TEST(bad.code == 1);

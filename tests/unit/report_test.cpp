@@ -112,7 +112,7 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(matrix["faults"][0], {"name", "description", "clause", "unnoticedBecause", "fired",
                                        "seconds", "cases", "wrong"});
     checkMembers(matrix["checks"][0], {"caseName", "check", "faults"});
-    checkMembers(report["repeats"], {"runs", "passed", "growth"});
+    checkMembers(report["repeats"], {"runs", "passed", "growth", "latencies"});
     checkMembers(report["repeats"]["growth"][0], {"what", "first", "last", "most"});
 }
 
@@ -195,7 +195,7 @@ BOOST_AUTO_TEST_CASE(theMatrixAndTheRepeatsHoldWhatWasKnown) {
     BOOST_TEST(report["matrix"]["seconds"] == 30);
     BOOST_TEST(report["repeats"].dump() ==
                R"({"growth":[{"first":1.0,"last":2.0,"most":4.0,"what":"module, threads"}],)"
-               R"("passed":2,"runs":3})");
+               R"("latencies":{},"passed":2,"runs":3})");
 }
 
 BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
