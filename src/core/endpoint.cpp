@@ -323,7 +323,7 @@ Connection::Io Endpoint::pushBlocked(Lock& lock, Connection& connection, Outgoin
 }
 
 void Endpoint::waitForRoom(Lock& lock, Connection& connection, Deadline deadline) {
-    handleFrames();
+    handleFrames();  // makes room for more
     const bool reads = mayRead();
     reading_ = reading_ || reads;
     lock.unlock();
@@ -332,7 +332,6 @@ void Endpoint::waitForRoom(Lock& lock, Connection& connection, Deadline deadline
     lock.lock();
     if (reads) {
         handleInput(connection, io);
-        handleFrames();  // makes room for more
     }
 }
 
