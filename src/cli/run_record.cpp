@@ -41,8 +41,6 @@ const CaseReport* RunRecord::add(const ModuleEvent& event) {
         underWay_->name = event.text;
         underWay_->verdict = Verdict::pass;
         underWay_->beginNs = event.atNs;
-        open_.clear();
-        checkCall_.reset();
         reached_.clear();
     }
     if (!underWay_) {
