@@ -10,16 +10,8 @@
 //     aborted NS TID                     an exception ended the case
 //     ended NS TID MICROSECONDS SUITE/CASE
 //
-// The probe, of the calls of the core library's functions and callbacks, which it
-// counts together from 1; 0 are those with which it looks for the test service:
-//
-//     call NS TID N FUNCTION JSON        a call begins: its arguments
-//     return NS TID N JSON               it ends: {"status": ...} and what it stored
-//     deliver NS TID N response|event JSON   the library calls a callback
-//     delivered NS TID N                 which has returned
-//     fault NS TID NAME JSON             something was broken on demand
-//     peer NS TID ok|missing JSON        whether the test service answers
-//     usage NS TID JSON                  what the process holds
+// The probe tells of the calls of the core library's functions and callbacks; its
+// lines are in probe/record.h.
 //
 // Bytes go in as they arrive, events come out.
 #ifndef KAVRI_CLI_MODULE_EVENTS_H

@@ -14,8 +14,6 @@
 // comes every check, with its texts and values.
 #include <dlfcn.h>
 #include <sys/prctl.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <boost/test/framework.hpp>
 #include <boost/test/tools/assertion_result.hpp>
@@ -25,57 +23,35 @@
 #include <boost/test/unit_test_log.hpp>
 #include <cstdarg>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 
-#include "cli/environment.h"
+#include "probe/record.h"
 
 using boost::unit_test::const_string;
 using boost::unit_test::test_unit;
 using boost::unit_test::unit_test_log_t;
+using kavri::probe::dumped;
+using kavri::probe::isRecording;
+using kavri::probe::Json;
+using kavri::probe::shortened;
+using kavri::probe::tell;
 
 namespace {
-
-// The descriptor to write to; -1: nobody listens.
-int eventsDescriptor = -1;
 
 // Held by the thread that is writing an entry of the log, from the entry's
 // beginning to its end.
 std::mutex logMutex;
 thread_local bool isWritingEntry = false;
 
-// A text of more bytes than this is cut: a line must be short enough to go into
-// the pipe undivided.
-constexpr std::size_t longestTextBytes = 200;
-
-std::string cut(std::string text) {
-    if (text.size() > longestTextBytes) {
-        text.resize(longestTextBytes);
-        text += "…";
-    }
-    return text;
-}
-
-void tell(const char* word, const std::string& rest) {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const std::string line = std::string(word) + ' ' +
-                             std::to_string(now.tv_sec * 1'000'000'000L + now.tv_nsec) + ' ' +
-                             std::to_string(gettid()) + (rest.empty() ? "" : " ") + rest + '\n';
-    // If the tool has gone there is nobody to tell.
-    const ssize_t written = write(eventsDescriptor, line.data(), line.size());
-    static_cast<void>(written);
-}
-
 std::string placeText(const_string file, std::size_t line) {
     return std::string(file.begin(), file.size()) + '(' + std::to_string(line) + ')';
 }
 
-std::string printed(const boost::unit_test::lazy_ostream& value) {
+Json printed(const boost::unit_test::lazy_ostream& value) {
     std::ostringstream stream;
     stream << value;
-    return cut(stream.str());
+    return shortened(stream.str().c_str());
 }
 
 bool isCase(const test_unit& unit) {
@@ -106,9 +82,7 @@ class Observer : public boost::unit_test::test_observer {
 };
 
 __attribute__((constructor)) void observe() {
-    const std::string number = kavri::cli::environmentVariable("KAVRI_MODULE_EVENTS");
-    if (!number.empty()) {
-        eventsDescriptor = std::stoi(number);
+    if (isRecording()) {
         static Observer observer;
         boost::unit_test::framework::register_observer(observer);
         // A debugger that the tool starts may look into this process.
@@ -131,7 +105,7 @@ void unit_test_log_t::set_checkpoint(const_string file, std::size_t line, const_
         behind<void(unit_test_log_t*, const_string, std::size_t, const_string)>(
             "_ZN5boost9unit_test15unit_test_log_t14set_checkpointENS0_13basic_cstringIKcEEmS4_");
     // Checkpoints with a message are those around a case.
-    if (eventsDescriptor >= 0 && message.is_empty()) {
+    if (message.is_empty()) {
         tell("reached", placeText(file, line));
     }
     std::unique_lock<std::mutex> lock(logMutex, std::defer_lock);
@@ -194,17 +168,15 @@ bool report_assertion(const boost::test_tools::assertion_result& result,
         va_end(arguments);
     }
     const bool passed = !!result;
-    if (eventsDescriptor >= 0) {
-        nlohmann::json told;
-        told["check"] =
-            count == 2 ? std::string(leftText) + " == " + rightText : printed(description);
+    if (isRecording()) {
+        Json told;
+        told["check"] = count == 2 ? shortened((std::string(leftText) + " == " + rightText).c_str())
+                                   : printed(description);
         if (!passed && count == 2) {
             told["left"] = printed(*leftValue);
             told["right"] = printed(*rightValue);
         }
-        tell(passed ? "passed" : "failed",
-             placeText(file, line) + " " +
-                 told.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
+        tell(passed ? "passed" : "failed", placeText(file, line) + " " + dumped(told));
     }
     return original(result, description, file, line, level, type, count, leftText, leftValue,
                     rightText, rightValue);

@@ -26,26 +26,6 @@ int eventsDescriptor() {
     return descriptor;
 }
 
-// Any bytes: those that are no UTF-8 are replaced.
-std::string dumped(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-void tell(std::string_view kind, const std::string& rest) {
-    if (!isRecording()) {
-        return;
-    }
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    const std::string line =
-        std::string(kind) + " " +
-        std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()) + " " +
-        std::to_string(gettid()) + " " + rest + "\n";
-    // Short enough for a pipe to take it undivided. If the reader has gone there
-    // is nobody to tell.
-    while (write(eventsDescriptor(), line.data(), line.size()) < 0 && errno == EINTR) {
-    }
-}
-
 std::size_t entriesIn(const char* folder) {
     std::error_code error;
     const std::filesystem::directory_iterator entries(folder, error);
@@ -70,6 +50,25 @@ std::string environmentVariable(const char* name) {
 
 bool isRecording() {
     return eventsDescriptor() >= 0;
+}
+
+std::string dumped(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void tell(std::string_view word, const std::string& rest) {
+    if (!isRecording()) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const std::string line =
+        std::string(word) + " " +
+        std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()) + " " +
+        std::to_string(gettid()) + " " + rest + "\n";
+    // Short enough for a pipe to take it undivided. If the reader has gone there
+    // is nobody to tell.
+    while (write(eventsDescriptor(), line.data(), line.size()) < 0 && errno == EINTR) {
+    }
 }
 
 unsigned nextNumber() {

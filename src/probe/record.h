@@ -31,6 +31,12 @@ std::string environmentVariable(const char* name);
 
 bool isRecording();
 
+// One line: the word, the time and the thread, and the rest. The tool's observer,
+// which stands beside the probe in the module, writes its lines by it too.
+void tell(std::string_view word, const std::string& rest);
+// As it stands in a line: any bytes; those that are no UTF-8 are replaced.
+std::string dumped(const Json& json);
+
 // The next N, from 1.
 unsigned nextNumber();
 
