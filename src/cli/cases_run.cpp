@@ -2,6 +2,7 @@
 #include "cli/cases_run.h"
 
 #include <algorithm>
+#include <ostream>
 
 #include "cli/exit_text.h"
 
@@ -62,7 +63,7 @@ bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left
     outcome.usage.insert(outcome.usage.end(), record.usage().begin(), record.usage().end());
     const ExitState& exit = moduleRun.exit();
     if (record.cases().empty()) {
-        outcome.refusal = exit.code == frameworkRefusal ? exit.code : 0;
+        outcome.refused = exit.code == frameworkRefusal;
         if (outcome.end == RunEnd::moduleEnded) {
             outcome.cases.push_back(
                 notRun(left.front(), "the module " + exitText(exit) + " before the case"));
@@ -76,6 +77,15 @@ bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left
         outcome.cases.back().crash = "the module " + exitText(exit) + " after the case";
     }
     return outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung;
+}
+
+CasesOutcome runUnseen(const ConformanceModule& module, ChildProcess* broker,
+                       const RunLimits& limits, Patience patience, ModuleRunRequest request,
+                       const std::vector<std::string>& cases) {
+    std::ostream nowhere(nullptr);
+    RunDisplay silent(nowhere, nowhere, DisplayStyle(), cases);
+    CasesRun run(module, broker, limits, silent, patience);
+    return run.run(std::move(request), cases, [](const auto&) {});
 }
 
 }  // namespace kavri::cli

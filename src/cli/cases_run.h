@@ -14,9 +14,7 @@ namespace kavri::cli {
 struct CasesOutcome {
     std::vector<CaseReport> cases;  // all, in the order of the module
     RunEnd end = RunEnd::moduleEnded;
-    // The module ended at once with this status, without any case: it did not like
-    // its arguments; 0: it did not.
-    int refusal = 0;
+    bool refused = false;  // the module ended without any case: it did not like its arguments
     std::vector<std::string> brokerLines;  // what the broker said last
     std::vector<nlohmann::json> usage;     // what the processes held after each case
 };
@@ -49,6 +47,11 @@ class CasesRun {
     RunDisplay& display_;
     const Patience patience_;
 };
+
+// The same without a word to anybody.
+CasesOutcome runUnseen(const ConformanceModule& module, ChildProcess* broker,
+                       const RunLimits& limits, Patience patience, ModuleRunRequest request,
+                       const std::vector<std::string>& cases);
 
 }  // namespace kavri::cli
 

@@ -1,6 +1,5 @@
-// From the command line to the exit status; see conformance_command.h. What
-// can be known to be wrong is found out before the broker is started and any
-// case runs.
+// From the options to the exit status; see conformance_command.h. What can be
+// known to be wrong is found out before the broker is started and any case runs.
 #include "cli/conformance_command.h"
 
 #include <fmt/chrono.h>
@@ -9,7 +8,6 @@
 #include <kavri/ipc.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
@@ -36,24 +34,11 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// Of the whole run, unless the user says otherwise.
-constexpr double usualSeconds = 60;
-constexpr double matrixSeconds = 300;
 // With a fault, no call takes long but one that does not return.
 constexpr std::chrono::milliseconds matrixCallTime{800};
 
-// In the form that the parser asks of a check: empty, or what is wrong.
-CLI::Validator numberFromTo(double least, double most, const char* what) {
-    return {[=](const std::string& text) {
-                double number = 0;
-                const auto [end, error] =
-                    std::from_chars(text.data(), text.data() + text.size(), number);
-                const bool isNumber = error == std::errc() && end == text.data() + text.size();
-                return isNumber && number >= least && number <= most
-                           ? std::string()
-                           : fmt::format("'{}' is no {} from {} to {}", text, what, least, most);
-            },
-            ""};
+double secondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
 std::string dateText() {
@@ -126,6 +111,43 @@ void checkBrokerAnswers(const std::string& socket) {
     }
 }
 
+void showRepeats(const RepeatReport& repeats, double seconds, RunDisplay& display) {
+    const auto us = [](const Latencies& times, double share) {
+        return std::chrono::duration<double, std::micro>(times.percentile(share)).count();
+    };
+    for (const auto& [function, times] : repeats.latencies) {
+        display.showRemark(fmt::format("{:<52}  {:>8} calls  p50 {:>9.1f} us  p99 {:>9.1f} us",
+                                       function, times.count(), us(times, 0.5), us(times, 0.99)));
+    }
+    for (const RepeatReport::Growth& growth : repeats.growth) {
+        display.showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most", growth.what,
+                                       growth.first, growth.last, growth.most));
+    }
+    display.showRemark(
+        fmt::format("{} runs, {} passed; {}", repeats.runs, repeats.passed, durationText(seconds)));
+}
+
+void showMatrix(const MatrixReport& matrix, RunDisplay& display) {
+    for (const CheckKilled& check : matrix.checks) {
+        if (check.faults.empty()) {
+            display.showRemark(
+                fmt::format("{}: no fault turns red: {}", check.caseName, check.check));
+        }
+    }
+    const auto unnoticed = std::ranges::count_if(
+        matrix.faults, [](const FaultReport& fault) { return !fault.unnoticedBecause.empty(); });
+    const auto wrong = std::ranges::count_if(
+        matrix.faults, [](const FaultReport& fault) { return !fault.asExpected(); });
+    const auto alive = std::ranges::count_if(
+        matrix.checks, [](const CheckKilled& check) { return check.faults.empty(); });
+    display.showRemark(fmt::format(
+        "{} faults, {} noticed as they must be, {} that no case can see, {} not as expected; "
+        "{} checks, {} turned red; {}",
+        matrix.faults.size(), static_cast<long>(matrix.faults.size()) - unnoticed - wrong,
+        unnoticed, wrong, matrix.checks.size(), static_cast<long>(matrix.checks.size()) - alive,
+        durationText(matrix.seconds)));
+}
+
 // One run of the command.
 class Conformance {
   public:
@@ -136,7 +158,7 @@ class Conformance {
 
   private:
     Report openingReport() const;
-    std::string commandLine(const std::vector<std::string>& further) const;
+    std::string commandFor(const std::string& library, const std::string& caseName) const;
     Patience patience() const;
     void runLibrary(const std::optional<std::string>& folder);
     void runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
@@ -144,7 +166,6 @@ class Conformance {
     void runOften(const LibraryRun& library, const std::vector<std::string>& cases,
                   RunDisplay& display);
     void prove(const LibraryRun& library, RunDisplay& display);
-    void showMatrix(const MatrixReport& matrix, RunDisplay& display) const;
     void keep(LibraryReport& report, const std::vector<CaseReport>& cases);
     void annotate(std::vector<CaseReport>& cases);
     void conclude(const CasesOutcome& outcome, const std::optional<ExitState>& brokerExit);
@@ -154,6 +175,7 @@ class Conformance {
     const RunLimits& limits_;
     const ConformanceOptions& options_;
     const Clock::time_point begun_;
+    Clock::time_point libraryBegun_;
     KitFiles files_;
     Report report_;
     std::optional<ReportFiles> reportFiles_;
@@ -194,8 +216,8 @@ Report Conformance::openingReport() const {
     return report;
 }
 
-// The command that runs a part of this again.
-std::string Conformance::commandLine(const std::vector<std::string>& further) const {
+// The command that runs one case again.
+std::string Conformance::commandFor(const std::string& library, const std::string& caseName) const {
     std::vector<std::string> words = {"kavri", "conformance"};
     const auto add = [&words](const char* option, const std::string& value) {
         words.emplace_back(option);
@@ -207,7 +229,10 @@ std::string Conformance::commandLine(const std::vector<std::string>& further) co
     if (!options_.fault.empty()) {
         add("--fault", options_.fault);
     }
-    words.insert(words.end(), further.begin(), further.end());
+    if (!options_.libraries.empty()) {
+        add("--library", library);
+    }
+    add("--case", caseName);
     return fmt::format("{}", fmt::join(words, " "));
 }
 
@@ -224,6 +249,7 @@ unsigned Conformance::jobs(unsigned most) const {
 }
 
 void Conformance::runLibrary(const std::optional<std::string>& folder) {
+    libraryBegun_ = Clock::now();
     const LibraryRun library(files_, folder, limits_);
     const std::vector<std::string> cases = library.select(options_.casePatterns, limits_);
     RunDisplay display(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases);
@@ -244,20 +270,12 @@ void Conformance::runLibrary(const std::optional<std::string>& folder) {
 // Puts the cases into the report, with what is known about them beside the run.
 void Conformance::keep(LibraryReport& report, const std::vector<CaseReport>& cases) {
     report.cases = cases;
+    annotate(report.cases);
     for (CaseReport& each : report.cases) {
-        std::vector<std::string> further;
-        const auto add = [&further](const char* option, const std::string& value) {
-            further.emplace_back(option);
-            further.push_back(quoted(value));
-        };
-        if (!options_.libraries.empty()) {
-            add("--library", report.name);
-        }
-        add("--case", each.name);
-        each.repeat = commandLine(further);
+        each.repeat = commandFor(report.name, each.name);
     }
-    report_.seconds = std::chrono::duration<double>(Clock::now() - begun_).count();
-    report.seconds = report_.seconds;
+    report.seconds = secondsSince(libraryBegun_);
+    report_.seconds = secondsSince(begun_);
     reportFiles_->update(report_);
 }
 
@@ -279,25 +297,22 @@ void Conformance::runOnce(const LibraryRun& library, const std::vector<std::stri
     ModuleRunRequest request = library.request(own ? own->socket() : fs::path(*options_.socket));
     request.userArguments = options_.moduleArguments;
     request.fault = options_.fault;
-    const Clock::time_point begun = Clock::now();
     CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, patience());
     const CasesOutcome outcome =
         run.run(request, cases, [&](const auto& soFar) { keep(report, soFar); });
-    annotate(report.cases);
-    reportFiles_->update(report_);
     if (worstOf(outcome.cases) != Verdict::pass) {
         for (const std::string& line : outcome.brokerLines) {
             display.showOthersLine(line);
         }
     }
-    display.showClosing(report.cases, std::chrono::duration<double>(Clock::now() - begun).count());
+    display.showClosing(report.cases, report.seconds);
     conclude(outcome, own ? own->process().wait(std::chrono::milliseconds(0)) : std::nullopt);
 }
 
 // What makes it pointless to go on with anything else.
 void Conformance::conclude(const CasesOutcome& outcome,
                            const std::optional<ExitState>& brokerExit) {
-    if (outcome.refusal != 0) {
+    if (outcome.refused) {
         throw CommandFailure(
             options_.moduleArguments.empty() ? ExitStatus::couldNotRun : ExitStatus::usage,
             "the module refused to run; the reason stands above");
@@ -345,19 +360,7 @@ void Conformance::runOften(const LibraryRun& library, const std::vector<std::str
             display.showCaseEnded(each);
         }
     }
-    for (const auto& [function, times] : outcome.report.latencies) {
-        const auto us = [&times](double share) {
-            return std::chrono::duration<double, std::micro>(times.percentile(share)).count();
-        };
-        display.showRemark(fmt::format("{:<52}  {:>8} calls  p50 {:>9.1f} us  p99 {:>9.1f} us",
-                                       function, times.count(), us(0.5), us(0.99)));
-    }
-    for (const RepeatReport::Growth& growth : outcome.report.growth) {
-        display.showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most", growth.what,
-                                       growth.first, growth.last, growth.most));
-    }
-    display.showRemark(fmt::format("{} runs, {} passed; {}", outcome.report.runs,
-                                   outcome.report.passed, durationText(report.seconds)));
+    showRepeats(outcome.report, report.seconds, display);
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
     }
@@ -383,27 +386,6 @@ void Conformance::prove(const LibraryRun& library, RunDisplay& display) {
                                 });
     showMatrix(*report_.matrix, display);
     reportFiles_->update(report_);
-}
-
-void Conformance::showMatrix(const MatrixReport& matrix, RunDisplay& display) const {
-    for (const CheckKilled& check : matrix.checks) {
-        if (check.faults.empty()) {
-            display.showRemark(
-                fmt::format("{}: no fault turns red: {}", check.caseName, check.check));
-        }
-    }
-    const auto unnoticed = std::ranges::count_if(
-        matrix.faults, [](const FaultReport& fault) { return !fault.unnoticedBecause.empty(); });
-    const auto wrong = std::ranges::count_if(
-        matrix.faults, [](const FaultReport& fault) { return !fault.asExpected(); });
-    const auto alive = std::ranges::count_if(
-        matrix.checks, [](const CheckKilled& check) { return check.faults.empty(); });
-    display.showRemark(fmt::format(
-        "{} faults, {} noticed as they must be, {} that no case can see, {} not as expected; "
-        "{} checks, {} turned red; {}",
-        matrix.faults.size(), static_cast<long>(matrix.faults.size()) - unnoticed - wrong,
-        unnoticed, wrong, matrix.checks.size(), static_cast<long>(matrix.checks.size()) - alive,
-        durationText(matrix.seconds)));
 }
 
 // The verdict on all that was run, and the line that goes with it.
@@ -441,136 +423,7 @@ bool answers(const ConformanceOptions& options) {
     return true;
 }
 
-void checkOptions(const ConformanceOptions& options) {
-    const auto refuse = [](const std::string& line) {
-        throw CommandFailure(ExitStatus::usage, line);
-    };
-    if (!options.fault.empty() && probe::findFault(options.fault) == nullptr) {
-        refuse(fmt::format("no fault '{}'; see --list-faults", options.fault));
-    }
-    if (options.proves && (options.socket || options.libraries.size() > 1 || options.repeat ||
-                           !options.fault.empty() || !options.casePatterns.empty())) {
-        refuse(
-            "--prove runs all cases with one library and brokers of its own; leave out "
-            "--socket, --case, --fault, --repeat and any second --library");
-    }
-    if (!options.repeat && (options.untilFail || options.shuffle)) {
-        refuse("--until-fail and --shuffle need --repeat N");
-    }
-    if (options.repeat && options.libraries.size() > 1) {
-        refuse("--repeat is for one library at a time");
-    }
-    if (options.socket && options.jobs > 1) {
-        refuse("--jobs needs brokers of its own; leave out --socket");
-    }
-}
-
-double runSeconds(const ConformanceOptions& options) {
-    if (options.timeoutSeconds) {
-        return *options.timeoutSeconds;
-    }
-    const double usual = options.proves ? matrixSeconds : usualSeconds;
-    return usual * options.timeScale * options.repeat.value_or(1) *
-           static_cast<double>(std::max<size_t>(1, options.libraries.size()));
-}
-
-void describeLimits(CLI::App& command, ConformanceOptions& options) {
-    command
-        .add_option("--timeout", options.timeoutSeconds,
-                    "End the run when it takes longer than this [60 for each run, 300 with "
-                    "--prove]")
-        ->type_name("SECONDS")
-        ->check(numberFromTo(0.001, 86400, "number of seconds"));
-    command
-        .add_option("--call-timeout", options.callTimeoutSeconds,
-                    "A call that takes longer than this does not return")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->check(numberFromTo(0.1, 3600, "number of seconds"));
-    command
-        .add_option("--time-scale", options.timeScale,
-                    "Have that much more patience: for slow machines and sanitizers")
-        ->type_name("FACTOR")
-        ->capture_default_str()
-        ->check(numberFromTo(0.1, 1000, "factor"));
-    command.add_option("--repeat", options.repeat, "Run that often")
-        ->type_name("N")
-        ->check(numberFromTo(1, 1e6, "number of runs"));
-    command.add_flag("--until-fail", options.untilFail,
-                     "With --repeat: end after the first run that does not pass");
-    command
-        .add_option("--shuffle", options.shuffle,
-                    "With --repeat: cases in another order each time, from this seed on")
-        ->type_name("SEED")
-        ->check(numberFromTo(1, 1e9, "seed"));
-    command
-        .add_option("--jobs", options.jobs,
-                    "With --repeat and --prove: so many runs at a time [4 for each processor]")
-        ->type_name("N")
-        ->check(numberFromTo(1, 1000, "number of runs"));
-}
-
-void describeProof(CLI::App& command, ConformanceOptions& options) {
-    command.add_flag("--prove", options.proves,
-                     "Then break the library in each way of the fault catalogue, and prove that "
-                     "the cases notice");
-    command.add_option("--fault", options.fault, "Run with the library broken in this way")
-        ->type_name("NAME");
-    command.add_flag("--list", options.listsCases, "List the cases, and run nothing");
-    command.add_flag("--list-faults", options.listsFaults, "List the faults, and run nothing");
-    command
-        .add_option("--explain", options.explained,
-                    "Tell what a case or a fault is about, and run nothing")
-        ->type_name("NAME");
-}
-
-void describeReports(CLI::App& command, ConformanceOptions& options) {
-    command.add_option("--json", options.reports.json, "Write all that was found out as JSON")
-        ->type_name("FILE");
-    command.add_option("--junit", options.reports.junit, "Write the verdicts as JUnit XML")
-        ->type_name("FILE");
-    command
-        .add_option("--html", options.reports.html,
-                    "Write a page, index.html, that shows the run, into DIR")
-        ->type_name("DIR");
-    command
-        .add_option("--expect", options.expectations,
-                    "Failures that are known; a line each: case, or case: check, # reason")
-        ->type_name("FILE");
-}
-
 }  // namespace
-
-void describeConformance(CLI::App& command, ConformanceOptions& options) {
-    command
-        .add_option("--socket", options.socket,
-                    "Run against the broker at PATH, which must have a test service; "
-                    "without it a broker with one is started for the run")
-        ->type_name("PATH");
-    command
-        .add_option("--library", options.libraries,
-                    "Run the module with the core library in DIR; may be repeated, to compare")
-        ->type_name("DIR")
-        ->allow_extra_args(false);
-    command
-        .add_option("--case", options.casePatterns,
-                    "Run only the cases whose name, or suite/name, matches GLOB; may be repeated")
-        ->type_name("GLOB")
-        ->allow_extra_args(false);
-    describeLimits(command, options);
-    describeProof(command, options);
-    describeReports(command, options);
-    command.footer(
-        "Arguments after -- go to the module.\n\n"
-        "Exit status: 0 all checks passed; 1 a check failed; 2 a case took too long or\n"
-        "crashed; 3 the run could not take place; 64 the command line is wrong.\n\n"
-        "Examples:\n"
-        "  kavri conformance\n"
-        "  kavri conformance --library /opt/other/lib\n"
-        "  kavri conformance --case 'initiatorRepeat*' --timeout 10\n"
-        "  kavri conformance --prove --html report\n"
-        "  kavri conformance --socket /run/kavri/broker.sock -- --report_level=detailed");
-}
 
 ExitStatus runConformance(const ConformanceOptions& options) {
     if (answers(options)) {

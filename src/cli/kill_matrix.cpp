@@ -4,12 +4,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <atomic>
-#include <exception>
 #include <mutex>
-#include <ostream>
 #include <set>
-#include <thread>
+
+#include "cli/work_share.h"
 
 namespace kavri::cli {
 
@@ -58,33 +56,17 @@ MatrixReport KillMatrix::run(const std::vector<CaseReport>& baseline, unsigned j
     std::ranges::transform(baseline, cases.begin(), &CaseReport::name);
     MatrixReport matrix;
     matrix.faults.resize(faults.size());
-    std::atomic<size_t> next{0};
     std::mutex mutex;
     size_t done = 0;
-    std::exception_ptr failure;
-    const auto work = [&] {
-        for (size_t i = next++; i < faults.size(); i = next++) {
-            try {
-                FaultReport report = runOne(faults[i], cases);
-                const std::lock_guard lock(mutex);
-                matrix.faults[i] = std::move(report);
-                progress(matrix.faults[i], ++done, faults.size());
-            } catch (...) {
-                const std::lock_guard lock(mutex);
-                failure = std::current_exception();
-                next = faults.size();
-            }
+    WorkShare share(faults.size());
+    share.runOn(jobs, [&] {
+        while (const auto i = share.take()) {
+            FaultReport report = runOne(faults[*i], cases);
+            const std::lock_guard lock(mutex);
+            matrix.faults[*i] = std::move(report);
+            progress(matrix.faults[*i], ++done, faults.size());
         }
-    };
-    {
-        std::vector<std::jthread> workers;
-        for (unsigned i = 0; i < jobs; ++i) {
-            workers.emplace_back(work);
-        }
-    }
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
+    });
     matrix.checks = checksKilled(baseline, matrix.faults);
     matrix.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     return matrix;
@@ -92,13 +74,11 @@ MatrixReport KillMatrix::run(const std::vector<CaseReport>& baseline, unsigned j
 
 FaultReport KillMatrix::runOne(const probe::Fault& fault, const std::vector<std::string>& cases) {
     const Clock::time_point begin = Clock::now();
-    std::ostream nowhere(nullptr);
-    RunDisplay silent(nowhere, nowhere, DisplayStyle(), cases);
     OwnBroker broker(files_.broker, limits_);
     ModuleRunRequest request = library_.request(broker.socket());
     request.fault = fault.name;
-    CasesRun run(library_.module(), &broker.process(), limits_, silent, patience_);
-    const CasesOutcome outcome = run.run(request, cases, [](const auto&) {});
+    const CasesOutcome outcome = runUnseen(library_.module(), &broker.process(), limits_, patience_,
+                                           std::move(request), cases);
     if (outcome.end == RunEnd::timeOver || outcome.end == RunEnd::signalled) {
         limits_.giveUp(fmt::format("during the fault {}", fault.name));
     }

@@ -4,12 +4,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <ostream>
-#include <thread>
+
+#include "cli/work_share.h"
 
 namespace kavri::cli {
 
@@ -40,18 +39,11 @@ nlohmann::json usageOf(pid_t process) {
 // What all lanes share.
 class Tally {
   public:
-    Tally(const RepeatPlan& plan, const Repeats::Annotate& annotate,
-          const Repeats::Progress& progress)
-        : plan_(plan), annotate_(annotate), progress_(progress) {}
+    Tally(const Repeats::Annotate& annotate, const Repeats::Progress& progress)
+        : annotate_(annotate), progress_(progress) {}
 
-    // The number of the next run, from 0; nothing when there is to be none.
-    std::optional<unsigned> take() {
-        const std::lock_guard lock(mutex_);
-        const bool isOver = begun_ == plan_.runs || stopped_;
-        return isOver ? std::nullopt : std::optional(begun_++);
-    }
-
-    void add(CasesOutcome outcome, pid_t broker) {
+    // Whether the run passed.
+    bool add(CasesOutcome outcome, pid_t broker) {
         const std::lock_guard lock(mutex_);
         annotate_(outcome.cases);
         addLatencies(outcome.cases, result_.report.latencies);
@@ -65,9 +57,7 @@ class Tally {
         hasFailed_ = hasFailed_ || !passed;
         if (outcome.end == RunEnd::timeOver || outcome.end == RunEnd::signalled) {
             result_.end = outcome.end;
-            stopped_ = true;
         }
-        stopped_ = stopped_ || (plan_.untilFail && !passed);
         if (!outcome.usage.empty()) {
             note("module", outcome.usage.back());
         }
@@ -75,20 +65,10 @@ class Tally {
             note("broker", usageOf(broker));
         }
         progress_(result_.report.runs, result_.report.passed);
+        return passed;
     }
 
-    void fail(std::exception_ptr failure) {
-        const std::lock_guard lock(mutex_);
-        failure_ = std::move(failure);
-        stopped_ = true;
-    }
-
-    RepeatOutcome result() {
-        if (failure_) {
-            std::rethrow_exception(failure_);
-        }
-        return std::move(result_);
-    }
+    RepeatOutcome result() { return std::move(result_); }
 
   private:
     void note(const std::string& whose, const nlohmann::json& usage) {
@@ -106,14 +86,10 @@ class Tally {
         }
     }
 
-    const RepeatPlan& plan_;
     const Repeats::Annotate& annotate_;
     const Repeats::Progress& progress_;
     std::mutex mutex_;
-    unsigned begun_ = 0;
-    bool stopped_ = false;
     bool hasFailed_ = false;
-    std::exception_ptr failure_;
     RepeatOutcome result_;
 };
 
@@ -122,38 +98,40 @@ class Tally {
 RepeatOutcome Repeats::run(const RepeatPlan& plan, const ModuleRunRequest& request,
                            const std::vector<std::string>& cases, const Annotate& annotate,
                            const Progress& progress) {
-    Tally tally(plan, annotate, progress);
-    const auto runOnce = [&](unsigned number, const fs::path& socket, ChildProcess* broker) {
-        std::ostream nowhere(nullptr);
-        RunDisplay silent(nowhere, nowhere, DisplayStyle(), cases);
+    Tally tally(annotate, progress);
+    WorkShare share(plan.runs);
+    // How it ended.
+    const auto runOnce = [&](size_t number, const fs::path& socket, ChildProcess* broker) {
         ModuleRunRequest one = request;
         one.brokerSocket = socket;
         if (plan.shuffle) {
             one.userArguments.push_back(fmt::format("--random={}", *plan.shuffle + number));
         }
-        CasesRun run(library_.module(), broker, limits_, silent, patience_);
-        tally.add(run.run(one, cases, [](const auto&) {}), broker == nullptr ? 0 : broker->pid());
+        CasesOutcome outcome =
+            runUnseen(library_.module(), broker, limits_, patience_, std::move(one), cases);
+        const RunEnd end = outcome.end;
+        const bool hasBroker = broker != nullptr && end != RunEnd::brokerLost;
+        const bool passed = tally.add(std::move(outcome), hasBroker ? broker->pid() : 0);
+        if (end == RunEnd::timeOver || end == RunEnd::signalled || (plan.untilFail && !passed)) {
+            share.stop();
+        }
+        return end;
     };
-    const auto lane = [&] {
-        try {
-            std::optional<OwnBroker> own;
-            if (!plan.socket) {
+    share.runOn(std::min(plan.jobs, plan.runs), [&] {
+        std::optional<OwnBroker> own;
+        while (const auto number = share.take()) {
+            if (plan.socket) {
+                runOnce(*number, *plan.socket, nullptr);
+                continue;
+            }
+            if (!own) {
                 own.emplace(files_.broker, limits_);
             }
-            while (const auto number = tally.take()) {
-                runOnce(*number, own ? own->socket() : fs::path(*plan.socket),
-                        own ? &own->process() : nullptr);
+            if (runOnce(*number, own->socket(), &own->process()) == RunEnd::brokerLost) {
+                own.reset();
             }
-        } catch (...) {
-            tally.fail(std::current_exception());
         }
-    };
-    {
-        std::vector<std::jthread> lanes;
-        for (unsigned i = 0; i < std::min(plan.jobs, plan.runs); ++i) {
-            lanes.emplace_back(lane);
-        }
-    }
+    });
     return tally.result();
 }
 
