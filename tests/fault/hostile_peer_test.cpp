@@ -4,10 +4,10 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include "cli/temporary_folder.h"
 #include "support/client.h"
 #include "support/raw_peer.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 namespace interfaces = kavri::interfaces;
@@ -18,7 +18,7 @@ struct Setting {
     explicit Setting(const std::string& config = {})
         : broker(address, {.testService = true, .config = config}) {}
 
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker;
     Library library;

@@ -4,9 +4,9 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include "cli/temporary_folder.h"
 #include "support/client.h"
 #include "support/fake_broker.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 namespace interfaces = kavri::interfaces;
@@ -15,7 +15,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     FakeBroker broker{address};
     Library library;

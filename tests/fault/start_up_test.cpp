@@ -6,10 +6,10 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include "cli/temporary_folder.h"
 #include "support/client.h"
 #include "support/fake_broker.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 using kavri::cli::ChildProcess;
@@ -21,7 +21,7 @@ constexpr int cannotStart = 1;
 constexpr int badUsage = 64;
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     Library library;
 

@@ -5,10 +5,10 @@
 #include <boost/test/unit_test.hpp>
 #include <set>
 
+#include "cli/temporary_folder.h"
 #include "support/client.h"
 #include "support/fake_broker.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 namespace interfaces = kavri::interfaces;
@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address, {.testService = true}};
     Library library;

@@ -11,9 +11,9 @@
 #include <optional>
 #include <random>
 
+#include "cli/temporary_folder.h"
 #include "fuzz/mistakes.h"
 #include "support/fake_broker.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 
@@ -28,7 +28,7 @@ constexpr int rounds = 1000;
 constexpr std::uint64_t requests = 3;
 
 struct Library {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     const std::string path = folder / "broker.sock";
 
     Library() {

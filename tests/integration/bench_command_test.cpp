@@ -4,8 +4,8 @@
 #include <boost/test/unit_test.hpp>
 #include <nlohmann/json.hpp>
 
+#include "cli/temporary_folder.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using kavri::tests::BrokerProcess;
 
@@ -18,7 +18,7 @@ struct Result {
 };
 
 struct Folder {
-    kavri::tests::TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::filesystem::path socket = folder.path() / "broker.sock";
 
     Result bench(std::vector<std::string> arguments) const {

@@ -9,16 +9,16 @@
 #include <semaphore>
 #include <set>
 
+#include "cli/temporary_folder.h"
 #include "support/client.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 
 namespace {
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address, {.testService = true}};
     Library library;

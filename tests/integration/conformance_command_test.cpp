@@ -1,8 +1,6 @@
 // `kavri conformance` as its users meet it: what it prints, how it ends, and
 // that it leaves nothing behind.
 //
-// Each test runs the real tool with an empty temporary folder of its own, and
-// has the tool's orphans come to the test, so that anything left over shows.
 // Healthy runs use the real library and broker; broken ones put a core library
 // that is wrong in a known way in its place.
 #define BOOST_TEST_MODULE conformanceCommand
@@ -20,76 +18,21 @@
 #include <fstream>
 #include <sstream>
 
-#include "cli/child_process.h"
-#include "support/temporary_folder.h"
+#include "support/conformance_tool.h"
 
 using kavri::cli::ChildProcess;
 using kavri::cli::ChildSpawn;
 using kavri::cli::ExitState;
-using kavri::tests::TemporaryFolder;
+using kavri::cli::TemporaryFolder;
+using namespace kavri::tests;
 namespace fs = std::filesystem;
 
 namespace {
-
-// Long enough never to be reached, short enough to end a test that hangs.
-constexpr std::chrono::seconds longEnough{30};
 
 const fs::path binFolder = KAVRI_BIN_DIR;
 const fs::path standInFolder = KAVRI_STAND_IN_DIR;
 const fs::path misbehavingFolder = KAVRI_MISBEHAVING_DIR;
 const fs::path lackingFolder = KAVRI_LACKING_DIR;
-
-using Arguments = std::vector<std::string>;
-using Environment = std::map<std::string, std::optional<std::string>>;
-
-struct Result {
-    ExitState exit;
-    std::string output;
-    std::string error;
-};
-
-// What every test of this file stands in.
-class Bench {
-  public:
-    Bench() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
-    Bench(const Bench&) = delete;
-    Bench& operator=(const Bench&) = delete;
-    ~Bench() { prctl(PR_SET_CHILD_SUBREAPER, 0); }
-
-    ChildSpawn spawn(const Arguments& arguments, const Environment& environment = {}) const {
-        ChildSpawn result = {.program = binFolder / "kavri", .arguments = {"conformance"}};
-        result.arguments.insert(result.arguments.end(), arguments.begin(), arguments.end());
-        result.environment = environment;
-        result.environment["TMPDIR"] = temporary_.path().string();
-        return result;
-    }
-
-    Result run(const Arguments& arguments, const Environment& environment = {}) const {
-        ChildProcess tool(spawn(arguments, environment));
-        return finish(tool);
-    }
-
-    // Waits for the tool, and checks that it has tidied up.
-    Result finish(ChildProcess& tool) const {
-        const std::optional<ExitState> exit = tool.wait(longEnough);
-        BOOST_REQUIRE_MESSAGE(exit.has_value(), "the tool does not end: " << tool.error());
-        checkNothingIsLeft();
-        return {*exit, tool.output(), tool.error()};
-    }
-
-    void checkNothingIsLeft() const {
-        BOOST_TEST(fs::is_empty(temporary_.path()));
-        const bool hasChild = waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD;
-        BOOST_TEST(!hasChild);
-    }
-
-  private:
-    TemporaryFolder temporary_;
-};
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
@@ -125,7 +68,7 @@ void checkComplaint(const std::string& error, const Arguments& parts) {
 }
 
 // That nothing was run: no result, one line of complaint.
-void checkRefused(const Result& result, int status, const Arguments& parts) {
+void checkRefused(const ToolResult& result, int status, const Arguments& parts) {
     BOOST_TEST(result.exit.signal == 0);
     BOOST_TEST(result.exit.code == status);
     BOOST_TEST(result.output == "");
@@ -141,11 +84,6 @@ const Arguments misbehavingPlace = {
     "initiatorSend/initiatorSendPass",
     "; the last check that passed: c != __null, at " KAVRI_SOURCE_DIR
     "/tests/test_ipc_initiator.cpp("};
-
-Arguments with(Arguments first, const Arguments& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
 
 // A place to which the tool alone is installed, and other programs can be.
 class Installation {
@@ -171,10 +109,10 @@ class Installation {
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_SUITE(conformanceCommand, Bench)
+BOOST_FIXTURE_TEST_SUITE(conformanceCommand, ConformanceTool)
 
 BOOST_AUTO_TEST_CASE(aHealthyRunShowsEveryCaseAndSucceeds) {
-    const Result result = run({});
+    const ToolResult result = run({});
     BOOST_TEST(result.exit.succeeded());
     BOOST_TEST(result.error == "");
     const std::vector<std::pair<std::string, int>> expected = {
@@ -218,8 +156,8 @@ BOOST_AUTO_TEST_CASE(aBrokerThatIsThereIsUsedAndLeftRunning) {
 }
 
 BOOST_AUTO_TEST_CASE(casesAreSelectedByPattern) {
-    const Result result = run({"--library", standInFolder, "--case", "*EventCallback", "--case",
-                               "initiatorSend/initiatorSendPass"});
+    const ToolResult result = run({"--library", standInFolder, "--case", "*EventCallback", "--case",
+                                   "initiatorSend/initiatorSendPass"});
     BOOST_TEST(result.exit.succeeded());
     BOOST_TEST(result.error == "");  // the loader, too, takes the library without a word
     const std::vector<std::string> lines = linesOf(result.output);
@@ -236,8 +174,8 @@ BOOST_AUTO_TEST_CASE(aPatternThatMatchesNothingIsAnErrorThatNamesTheCases) {
 }
 
 BOOST_AUTO_TEST_CASE(failedChecksAreShownAsTheModuleWordsThem) {
-    const Result result = run({"--library", standInFolder, "--case", "initiatorRepeatEcho"},
-                              {{"STAND_IN_DEFECT", "answerPayload=wrong\x1b"}});
+    const ToolResult result = run({"--library", standInFolder, "--case", "initiatorRepeatEcho"},
+                                  {{"STAND_IN_DEFECT", "answerPayload=wrong\x1b"}});
     BOOST_TEST(result.exit.signal == 0);
     BOOST_TEST(result.exit.code == 1);
     const std::vector<std::string> lines = linesOf(result.output);
@@ -258,7 +196,7 @@ BOOST_AUTO_TEST_CASE(failedChecksAreShownAsTheModuleWordsThem) {
 }
 
 BOOST_AUTO_TEST_CASE(aMissingInitiatorFailsEachCaseAndTheRunGoesOn) {
-    const Result result =
+    const ToolResult result =
         run({"--library", standInFolder}, {{"STAND_IN_DEFECT", "initiatorMissing"}});
     BOOST_TEST(result.exit.code == 1);
     BOOST_TEST(contains(result.output, "8 cases, 0 passed; 32 checks, 24 passed, 8 failed; "));
@@ -266,7 +204,7 @@ BOOST_AUTO_TEST_CASE(aMissingInitiatorFailsEachCaseAndTheRunGoesOn) {
 }
 
 BOOST_AUTO_TEST_CASE(aCaseThatHangsIsNamedWithItsLastCheckAndTheCall) {
-    const Result result =
+    const ToolResult result =
         run(with(misbehaving, {"--call-timeout", "0.3"}), {{"MISBEHAVIOUR", "hang"}});
     BOOST_TEST(result.exit.code == 2);
     BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  timeout    4 checks"));
@@ -278,33 +216,34 @@ BOOST_AUTO_TEST_CASE(aHangShowsTheStacksWhereThereIsADebugger) {
     if (access("/usr/bin/gdb", X_OK) != 0) {
         return;
     }
-    const Result result =
+    const ToolResult result =
         run(with(misbehaving, {"--call-timeout", "0.3"}), {{"MISBEHAVIOUR", "hang"}});
     BOOST_TEST(contains(result.output, "misbehave"));
     BOOST_TEST(contains(result.output, "kavri_core_ipc_initiator_command_send"));
 }
 
 BOOST_AUTO_TEST_CASE(aRunThatTakesTooLongIsEnded) {
-    const Result result = run(with(misbehaving, {"--timeout", "0.3"}), {{"MISBEHAVIOUR", "hang"}});
+    const ToolResult result =
+        run(with(misbehaving, {"--timeout", "0.3"}), {{"MISBEHAVIOUR", "hang"}});
     BOOST_TEST(result.exit.code == 2);
     checkComplaint(result.error, with(misbehavingPlace, {"0.3 s"}));
 }
 
 BOOST_AUTO_TEST_CASE(aCaseThatCrashesIsNamedWithTheSignalAndItsLastCheck) {
-    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "crash"}});
+    const ToolResult result = run(misbehaving, {{"MISBEHAVIOUR", "crash"}});
     BOOST_TEST(result.exit.code == 2);
     BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  crash      4 checks"));
     checkComplaint(result.error, with(misbehavingPlace, {"SIGABRT"}));
 }
 
 BOOST_AUTO_TEST_CASE(aLibraryThatEndsTheProcessInACaseDoesNotPass) {
-    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "exit"}});
+    const ToolResult result = run(misbehaving, {{"MISBEHAVIOUR", "exit"}});
     BOOST_TEST(result.exit.code == 2);
     checkComplaint(result.error, with(misbehavingPlace, {"ended with status 0"}));
 }
 
 BOOST_AUTO_TEST_CASE(casesAfterACrashRunInAFreshProcess) {
-    const Result result = run({"--library", standInFolder, "--fault", "send-crashes"});
+    const ToolResult result = run({"--library", standInFolder, "--fault", "send-crashes"});
     BOOST_TEST(result.exit.code == 2);
     BOOST_TEST(contains(result.output, "8 cases, "));
     BOOST_TEST(!contains(result.output, "not run"));
@@ -312,7 +251,7 @@ BOOST_AUTO_TEST_CASE(casesAfterACrashRunInAFreshProcess) {
 
 // Nothing that is not there, and nothing that does nothing, may pass.
 BOOST_AUTO_TEST_CASE(aLibraryThatDoesNothingPassesNoCase) {
-    const Result result = run({"--library", misbehavingFolder, "--call-timeout", "0.3"});
+    const ToolResult result = run({"--library", misbehavingFolder, "--call-timeout", "0.3"});
     BOOST_TEST(result.exit.code != 0);
     BOOST_TEST(contains(result.output, "8 cases, 0 passed"));
 }
@@ -334,7 +273,7 @@ BOOST_AUTO_TEST_CASE(withoutATestServiceNoCasePasses) {
 }
 
 BOOST_AUTO_TEST_CASE(processesThatTheLibraryLeavesBehindAreEnded) {
-    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "leaveProcess"}});
+    const ToolResult result = run(misbehaving, {{"MISBEHAVIOUR", "leaveProcess"}});
     BOOST_TEST(result.exit.code == 1);  // and nothing is left, as always
 }
 
@@ -356,7 +295,7 @@ BOOST_AUTO_TEST_CASE(processesThatWereThereBeforeAreSpared) {
 }
 
 BOOST_AUTO_TEST_CASE(whatTheLibraryPrintsIsPassedOnInWholeLines) {
-    const Result result = run(misbehaving, {{"MISBEHAVIOUR", "print"}});
+    const ToolResult result = run(misbehaving, {{"MISBEHAVIOUR", "print"}});
     BOOST_TEST(!contains(result.output, "a line on"));
     const std::vector<std::string> lines = linesOf(result.error);
     // Two requests of the case, and one with which the test service is looked for.
@@ -377,7 +316,7 @@ BOOST_AUTO_TEST_CASE(functionsThatTheLibraryLacksAreNamedBeforeAnyCase) {
 BOOST_AUTO_TEST_CASE(aLibraryThatCannotBeLoadedIsRefused) {
     checkRefused(run(misbehaving, {{"MISBEHAVIOUR", "crashWhenLoaded"}}), 3,
                  {"SIGABRT", "before any case", "cannot be loaded"});
-    const Result hung =
+    const ToolResult hung =
         run(with(misbehaving, {"--timeout", "0.3"}), {{"MISBEHAVIOUR", "hangWhenLoaded"}});
     checkRefused(hung, 2, {"0.3 s", "before any case"});
     const TemporaryFolder folder;
@@ -402,7 +341,7 @@ BOOST_AUTO_TEST_CASE(onlyTheModuleIsGivenTheLibrary) {
     const TemporaryFolder folder;
     fs::copy_file(misbehavingFolder / "libkavri-core-test.so", folder / "libkavri-core-test.so");
     std::ofstream(folder / "libfmt.so.9") << "no library";
-    const Result result = run({"--library", folder.path(), "--case", "initiatorSendPass"});
+    const ToolResult result = run({"--library", folder.path(), "--case", "initiatorSendPass"});
     BOOST_TEST(result.exit.code == 1);
     BOOST_TEST(contains(result.output, "7 checks, 6 passed, 1 failed"));
 }
@@ -494,7 +433,7 @@ BOOST_AUTO_TEST_CASE(helpAndVersionGoToStandardOutput) {
         {{"--version"}, "kavri "}};
     for (const auto& [arguments, part] : asked) {
         ChildProcess tool({.program = binFolder / "kavri", .arguments = arguments});
-        const Result result = finish(tool);
+        const ToolResult result = finish(tool);
         BOOST_TEST(result.exit.succeeded());
         BOOST_TEST(contains(result.output, part));
         BOOST_TEST(result.error == "");
@@ -503,21 +442,21 @@ BOOST_AUTO_TEST_CASE(helpAndVersionGoToStandardOutput) {
 
 BOOST_AUTO_TEST_CASE(argumentsAfterTheDashesGoToTheModule) {
     const Arguments quick = {"--library", standInFolder, "--case", "initiatorSendPass"};
-    const Result report = run(with(quick, {"--", "--report_level=detailed"}));
+    const ToolResult report = run(with(quick, {"--", "--report_level=detailed"}));
     BOOST_TEST(report.exit.succeeded());
     BOOST_TEST(contains(report.error, "7 assertions out of 7 passed"));
-    const Result unknown = run(with(quick, {"--", "--no_such_argument"}));
+    const ToolResult unknown = run(with(quick, {"--", "--no_such_argument"}));
     BOOST_TEST(unknown.exit.code == 64);
     BOOST_TEST(contains(unknown.error, "no_such_argument"));
     checkComplaint(unknown.error, {"refused"});
 }
 
 BOOST_AUTO_TEST_CASE(theModulesVariablesDoNotDisturbTheRun) {
-    const Result result = run({"--library", standInFolder, "--case", "initiatorSendPass"},
-                              {{"BOOST_TEST_LOG_LEVEL", "nothing"},
-                               {"BOOST_TEST_LOGGER", "XML,all,/dev/null"},
-                               {"BOOST_TEST_RUN_FILTERS", "initiatorRepeatEcho"},
-                               {"BOOST_TEST_COLOR_OUTPUT", "yes"}});
+    const ToolResult result = run({"--library", standInFolder, "--case", "initiatorSendPass"},
+                                  {{"BOOST_TEST_LOG_LEVEL", "nothing"},
+                                   {"BOOST_TEST_LOGGER", "XML,all,/dev/null"},
+                                   {"BOOST_TEST_RUN_FILTERS", "initiatorRepeatEcho"},
+                                   {"BOOST_TEST_COLOR_OUTPUT", "yes"}});
     BOOST_TEST(result.exit.succeeded());
     BOOST_TEST(contains(result.output, "1 case, 1 passed; 7 checks, 7 passed, 0 failed; "));
 }
@@ -529,7 +468,7 @@ BOOST_AUTO_TEST_CASE(aSignalEndsTheRunTidily) {
         ChildProcess tool(spawn(misbehaving, {{"MISBEHAVIOUR", "hang"}}));
         BOOST_REQUIRE(tool.waitForError("hanging", longEnough));
         tool.signal(number);
-        const Result result = finish(tool);
+        const ToolResult result = finish(tool);
         BOOST_TEST(result.exit.signal == number);
         checkComplaint(result.error, {"stopped", "initiatorSend/initiatorSendPass"});
         BOOST_TEST(contains(result.output, "1 case, 0 passed, 1 not run; "));
@@ -553,7 +492,7 @@ BOOST_AUTO_TEST_CASE(aSignalBeforeAnyCaseEndsTheRunTidily) {
     }
     BOOST_REQUIRE(isLoading());
     tool.signal(SIGTERM);
-    const Result result = finish(tool);
+    const ToolResult result = finish(tool);
     BOOST_TEST(result.exit.signal == SIGTERM);
     checkComplaint(result.error, {"stopped before any case"});
 }
@@ -590,7 +529,7 @@ BOOST_AUTO_TEST_CASE(aSocketMayBeNamedFromTheCurrentFolder) {
     shell.program = "/bin/bash";
     shell.environment["PATH"] = binFolder.string() + ":/usr/bin:/bin";
     ChildProcess tool(shell);
-    const Result result = finish(tool);
+    const ToolResult result = finish(tool);
     BOOST_TEST(result.exit.succeeded());
     BOOST_TEST(contains(result.output, "1 case, 1 passed"));
 }
@@ -623,10 +562,27 @@ BOOST_AUTO_TEST_CASE(aBrokerThatEndsDuringTheRunMeansNoVerdict) {
     ChildProcess tool(lost);
     BOOST_REQUIRE(tool.waitForError("hanging", longEnough));
     std::ofstream(installation.path("end")) << "now";
-    const Result result = finish(tool);
+    const ToolResult result = finish(tool);
     BOOST_TEST(result.exit.code == 3);
     BOOST_TEST(contains(result.error, "kavri-broker: out of memory\n"));
     checkComplaint(result.error, {"broker", "SIGKILL", "initiatorSend/initiatorSendPass"});
+}
+
+BOOST_AUTO_TEST_CASE(aBrokerThatEndsCostsTheRepeatsOneRun) {
+    const Installation installation;
+    installation.link("test_ipc_initiator");
+    // Gone as soon as it is ready, but only the first time.
+    installation.addScript("kavri-broker",
+                           "first=\"$(dirname \"$0\")/first\"\n"
+                           "[ ! -e \"$first\" ] || exec '" KAVRI_BIN_DIR
+                           "/kavri-broker' \"$@\"\n"
+                           "touch \"$first\"; echo \"kavri-broker: ready on $3\" >&2\n");
+    ChildSpawn repeats = spawn({"--case", "initiatorSendPass", "--repeat", "3", "--jobs", "1"});
+    repeats.program = installation.tool();
+    ChildProcess tool(repeats);
+    const ToolResult result = finish(tool);
+    BOOST_TEST(result.exit.code == 3);
+    BOOST_TEST(contains(result.output, "3 runs, 2 passed"), result.output << result.error);
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -7,17 +7,17 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include "cli/temporary_folder.h"
 #include "support/client.h"
 #include "support/raw_peer.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 
 namespace {
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address, {.testService = true}};
     Library library;
@@ -261,7 +261,7 @@ BOOST_AUTO_TEST_CASE(largeEventsReachEverySubscriber) {
 BOOST_AUTO_TEST_SUITE_END()
 
 BOOST_AUTO_TEST_CASE(moreSubscriptionsThanConfiguredAreOverloaded) {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address, {.config = "[limits]\nsubscriptions_per_initiator = 2"});
     Library library;
@@ -274,7 +274,7 @@ BOOST_AUTO_TEST_CASE(moreSubscriptionsThanConfiguredAreOverloaded) {
 }
 
 BOOST_AUTO_TEST_CASE(aCategoryOthersMayNotSubscribeToIsRefused) {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address,
                          {.testService = true,

@@ -4,10 +4,10 @@
 #include <boost/test/unit_test.hpp>
 #include <map>
 
+#include "cli/temporary_folder.h"
 #include "interfaces/limits.h"
 #include "support/client.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 using kavri::interfaces::fieldLimitBytes;
@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address, {.testService = true}};
     Library library;
@@ -509,7 +509,7 @@ BOOST_AUTO_TEST_CASE(manyLargePayloadsCrossInBothDirectionsAtOnce) {
 BOOST_AUTO_TEST_SUITE_END()
 
 BOOST_AUTO_TEST_CASE(theConfiguredPayloadLimitIsTheOneThatHolds) {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address, {.testService = true, .config = "[limits]\npayload_bytes = 10"});
     Library library;
@@ -520,7 +520,7 @@ BOOST_AUTO_TEST_CASE(theConfiguredPayloadLimitIsTheOneThatHolds) {
 }
 
 BOOST_AUTO_TEST_CASE(aConfiguredLargerPayloadArrives) {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address,
                          {.testService = true, .config = "[limits]\npayload_bytes = 5000000"});

@@ -6,16 +6,16 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include "cli/temporary_folder.h"
 #include "support/client.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 
 namespace {
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address, {.testService = true}};
     kavri_core_ipc_options options = optionsFor(address);

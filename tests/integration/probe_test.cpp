@@ -13,16 +13,16 @@
 #include <set>
 #include <sstream>
 
+#include "cli/temporary_folder.h"
 #include "probe/record.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using kavri::cli::ChildProcess;
 using kavri::cli::ChildSpawn;
 using kavri::cli::ExitState;
+using kavri::cli::TemporaryFolder;
 using kavri::tests::BrokerProcess;
 using kavri::tests::patience;
-using kavri::tests::TemporaryFolder;
 using nlohmann::json;
 
 namespace {

@@ -8,11 +8,11 @@
 #include <fstream>
 #include <sstream>
 
+#include "cli/temporary_folder.h"
 #include "kavri/core.h"
 #include "support/hex_text.h"
 #include "support/raw_peer.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 
@@ -126,7 +126,7 @@ struct WithBroker {
     explicit WithBroker(const BrokerSettings& settings = {.testService = true})
         : broker(socket, settings) {}
 
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     const std::string socket = folder / "broker.sock";
     BrokerProcess broker;
 };

@@ -4,10 +4,10 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include "cli/temporary_folder.h"
 #include "interfaces/limits.h"
 #include "support/client.h"
 #include "support/service_process.h"
-#include "support/temporary_folder.h"
 
 using namespace kavri::tests;
 using kavri::interfaces::fieldLimitBytes;
@@ -17,7 +17,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 struct Setting {
-    TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address};
     Library library;

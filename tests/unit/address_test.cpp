@@ -7,13 +7,13 @@
 #include <filesystem>
 #include <fstream>
 
+#include "cli/temporary_folder.h"
 #include "support/environment_variable.h"
-#include "support/temporary_folder.h"
 
+using kavri::cli::TemporaryFolder;
 using kavri::interfaces::addressError;
 using kavri::interfaces::brokerAddress;
 using kavri::tests::EnvironmentVariable;
-using kavri::tests::TemporaryFolder;
 
 namespace {
 

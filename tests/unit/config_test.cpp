@@ -9,7 +9,7 @@
 #include <boost/test/unit_test.hpp>
 #include <fstream>
 
-#include "support/temporary_folder.h"
+#include "cli/temporary_folder.h"
 
 using namespace kavri::broker;
 using kavri::interfaces::Limits;
@@ -17,7 +17,7 @@ using kavri::interfaces::Limits;
 namespace {
 
 struct File {
-    kavri::tests::TemporaryFolder folder;
+    kavri::cli::TemporaryFolder folder;
     const std::string path = folder / "broker.toml";
 
     Config read(const std::string& text) const {

@@ -8,15 +8,15 @@
 #include <fstream>
 
 #include "cli/exit_status.h"
-#include "support/temporary_folder.h"
+#include "cli/temporary_folder.h"
 
 using kavri::cli::CaseReport;
 using kavri::cli::CheckReport;
 using kavri::cli::CommandFailure;
 using kavri::cli::ExitStatus;
 using kavri::cli::Expectations;
+using kavri::cli::TemporaryFolder;
 using kavri::cli::Verdict;
-using kavri::tests::TemporaryFolder;
 
 namespace {
 

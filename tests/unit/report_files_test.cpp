@@ -13,7 +13,7 @@
 #include "cli/exit_status.h"
 #include "cli/junit_report.h"
 #include "cli/report_page.h"
-#include "support/temporary_folder.h"
+#include "cli/temporary_folder.h"
 
 using kavri::cli::CommandFailure;
 using kavri::cli::ExitStatus;
@@ -22,8 +22,8 @@ using kavri::cli::Report;
 using kavri::cli::ReportFiles;
 using kavri::cli::reportPage;
 using kavri::cli::ReportPlaces;
+using kavri::cli::TemporaryFolder;
 using kavri::cli::toJson;
-using kavri::tests::TemporaryFolder;
 
 namespace {
 
