@@ -36,15 +36,15 @@ BOOST_AUTO_TEST_CASE(afterAStopNothingIsTaken) {
 
 BOOST_AUTO_TEST_CASE(aLaneThatThrowsEndsAllAndIsToldOnceAllHaveEnded) {
     WorkShare share(1000);
-    std::latch thrown(1);
+    std::latch bothAtWork(2);
     bool hasEnded = false;
     const auto runs = [&] {
         share.runOn(2, [&] {
-            if (*share.take() == 0) {
-                thrown.count_down();
+            const auto number = share.take();
+            bothAtWork.arrive_and_wait();
+            if (number == 0U) {
                 throw std::runtime_error("no more");
             }
-            thrown.wait();
             while (share.take()) {
             }
             hasEnded = true;
