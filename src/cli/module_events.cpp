@@ -37,6 +37,7 @@ constexpr std::array forms = {
     Form{"fault", Kind::fault, false, true, true},
     Form{"peer", Kind::peer, false, true, true},
     Form{"usage", Kind::usage, false, false, true},
+    Form{"left", Kind::left, false, false, true},
 };
 
 // A word up to the next blank, or the end.

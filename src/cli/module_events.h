@@ -39,7 +39,8 @@ struct ModuleEvent {
         delivered,
         fault,
         peer,
-        usage
+        usage,
+        left
     };
     Kind kind = Kind::began;
     std::int64_t atNs = 0;

@@ -65,6 +65,7 @@ json caseJson(const CaseReport& report) {
             {"faults", listOf(report.faults, faultFiredJson)},
             {"log", report.log},
             {"missing", report.missing},
+            {"remarks", report.remarks},
             {"hang", hangJson(report.hang)},
             {"crash", report.crash},
             {"known", report.known},

@@ -71,6 +71,7 @@ struct CaseReport {
     std::vector<FaultFired> faults;
     std::vector<std::string> log;      // the framework's entries about failures
     std::vector<std::string> missing;  // why it is no pass though no check failed
+    std::vector<std::string> remarks;  // what is no failure, but worth knowing
     std::optional<HangReport> hang;
     std::string crash;   // "ended by signal 11 (Segmentation fault) …"
     std::string known;   // the reason, where its failure is expected

@@ -94,6 +94,7 @@ void RunDisplay::showDetails(const CaseReport& report) {
     };
     std::ranges::for_each(report.log, show);
     std::ranges::for_each(report.missing, show);
+    std::ranges::for_each(report.remarks, show);
     if (!report.crash.empty()) {
         show(report.crash);
     }

@@ -26,6 +26,16 @@ CheckReport checkIn(const ModuleEvent& event) {
             .thread = event.thread};
 }
 
+// "left behind by the library: 1 thread, 2 descriptors"
+std::string leftText(const nlohmann::json& left) {
+    std::string text;
+    for (const auto& [what, count] : left.items()) {
+        text += (text.empty() ? "left behind by the library: " : ", ") + count.dump() + ' ' +
+                (count == 1 ? what.substr(0, what.size() - 1) : what);
+    }
+    return text;
+}
+
 }  // namespace
 
 const CaseReport* RunRecord::add(const ModuleEvent& event) {
@@ -80,6 +90,9 @@ void RunRecord::addToCase(const ModuleEvent& event) {
             break;
         case Kind::fault:
             underWay_->faults.push_back({event.text, event.atNs, textIn(event.data, "did")});
+            break;
+        case Kind::left:
+            underWay_->remarks.push_back(leftText(event.data));
             break;
         default:
             break;  // of no concern to a case

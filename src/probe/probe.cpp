@@ -158,6 +158,9 @@ void handOver(const Delivery& delivery) {
 using namespace kavri::probe;
 
 kavri_core_status kavri_core_init(void) {
+    if (!isInLibrary) {
+        noteUsage();
+    }
     Call call;
     call.function = Function::coreInit;
     call.forward = [](const Call&) {

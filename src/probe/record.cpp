@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 namespace kavri::probe {
 
@@ -38,6 +39,31 @@ std::size_t residentKiB() {
     std::size_t residentPages = 0;
     file >> allPages >> residentPages;
     return residentPages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+struct Holding {
+    std::size_t threads = 0;
+    std::size_t descriptors = 0;
+
+    static Holding now() {
+        // Without the descriptor with which they are counted.
+        return {entriesIn("/proc/self/task"), entriesIn("/proc/self/fd") - 1};
+    }
+};
+
+// When the library was brought up last.
+Holding heldBefore;
+
+// A thread that was waited for is still listed for a moment.
+Holding settled() {
+    using namespace std::chrono_literals;
+    const auto limit = std::chrono::steady_clock::now() + 50ms;
+    Holding held = Holding::now();
+    while (held.threads > heldBefore.threads && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::sleep_for(1ms);
+        held = Holding::now();
+    }
+    return held;
 }
 
 }  // namespace
@@ -117,12 +143,30 @@ void recordPeer(bool isThere, const Json& details) {
     tell("peer", std::string(isThere ? "ok " : "missing ") + dumped(details));
 }
 
-void recordUsage() {
+void noteUsage() {
     if (isRecording()) {
-        // Without the descriptor with which they are counted.
-        tell("usage", dumped({{"descriptors", entriesIn("/proc/self/fd") - 1},
-                              {"threads", entriesIn("/proc/self/task")},
-                              {"residentKiB", residentKiB()}}));
+        heldBefore = Holding::now();
+    }
+}
+
+void recordUsage() {
+    if (!isRecording()) {
+        return;
+    }
+    const Holding held = settled();
+    tell("usage", dumped({{"descriptors", held.descriptors},
+                          {"threads", held.threads},
+                          {"residentKiB", residentKiB()}}));
+    Json left = Json::object();
+    const auto compare = [&left](const char* what, std::size_t now, std::size_t before) {
+        if (now > before) {
+            left[what] = now - before;
+        }
+    };
+    compare("threads", held.threads, heldBefore.threads);
+    compare("descriptors", held.descriptors, heldBefore.descriptors);
+    if (!left.empty()) {
+        tell("left", dumped(left));
     }
 }
 

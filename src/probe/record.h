@@ -7,6 +7,8 @@
 //     fault NS TID NAME JSON            the chosen fault broke something
 //     peer NS TID ok|missing JSON       whether a broker and a service are there
 //     usage NS TID JSON                 what the process holds
+//     left NS TID JSON                  threads and descriptors that the library
+//                                       did not give back
 //
 // NS is the monotonic clock in nanoseconds, TID the kernel's number of the
 // thread, N counts calls and deliveries together, and is 0 for the calls with which
@@ -49,6 +51,9 @@ void recordDeliver(unsigned number, const char* callback, const Json& arguments)
 void recordDelivered(unsigned number);
 void recordFault(std::string_view name, unsigned number, std::string_view did);
 void recordPeer(bool isThere, const Json& details);
+// What the process holds; compared with what it held when the library was brought
+// up last, if more.
+void noteUsage();
 void recordUsage();
 
 }  // namespace kavri::probe

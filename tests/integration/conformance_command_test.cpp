@@ -277,6 +277,15 @@ BOOST_AUTO_TEST_CASE(processesThatTheLibraryLeavesBehindAreEnded) {
     BOOST_TEST(result.exit.code == 1);  // and nothing is left, as always
 }
 
+BOOST_AUTO_TEST_CASE(threadsThatTheLibraryLeavesBehindAreTold) {
+    const ToolResult result = run(misbehaving, {{"MISBEHAVIOUR", "startThreads"}});
+    BOOST_TEST(result.exit.code == 1);
+    // Three with each of the two requests of the case; with the one that looks for
+    // the test service another three.
+    BOOST_TEST(contains(result.output, "    left behind by the library: 9 threads\n"),
+               result.output);
+}
+
 BOOST_AUTO_TEST_CASE(processesThatWereThereBeforeAreSpared) {
     // The shell becomes the tool, whose child the sleeper is from then on.
     ChildSpawn shell = spawn({"--library", standInFolder, "--case", "initiatorSendPass"});

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -46,6 +47,10 @@ void misbehave() {
         _exit(0);
     } else if (how == "leaveProcess") {
         leaveProcess();
+    } else if (how == "startThreads") {
+        for (int i = 0; i < 3; ++i) {
+            std::thread(hang).detach();
+        }
     } else if (how == "print") {
         puts("a line on standard output");
         fputs("a line on standard error\n", stderr);

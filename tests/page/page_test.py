@@ -202,6 +202,11 @@ class PageTest(unittest.TestCase):
         for table in self.all(".failure table.record"):
             self.assertGreater(len(table.find_elements(By.CSS_SELECTOR, "tbody tr")), 4)
 
+    def test_remarksStandAboveTheRecord(self):
+        self.open("failing")
+        self.button("initiatorSendPass", "#cases").click()
+        self.assertEqual(self.texts("#cases .remarks li"), ["left behind by the library: 1 thread"])
+
     def test_copyButtonTellsWhatItDid(self):
         self.open("failing")
         self.button("Copy").click()

@@ -37,7 +37,7 @@ class Case:
         self.sent = []
         self.report = {
             "name": name, "verdict": "pass", "beginNs": at_ns, "endNs": 0, "checks": [],
-            "calls": [], "faults": [], "log": [], "missing": [], "crash": "", "known": "",
+            "calls": [], "faults": [], "log": [], "missing": [], "remarks": [], "crash": "", "known": "",
             "repeat": f"kavri conformance --library /opt/kavri/lib --case {name}",
         }
 
@@ -284,7 +284,9 @@ def healthy():
 
 
 def failing():
-    return report([library("kavri", altered=(3, 4, 8), arrived=7, counted=11, refusal=5)])
+    one = library("kavri", altered=(3, 4, 8), arrived=7, counted=11, refusal=5)
+    one["cases"][0]["remarks"] = ["left behind by the library: 1 thread"]
+    return report([one])
 
 
 def hang():
@@ -350,7 +352,7 @@ def hostile():
     bad["libraries"][0]["name"] = markup
     bad["libraries"][0]["broker"] = "{{script}} & \u2028 \"quoted\""
     for case in bad["libraries"][0]["cases"]:
-        case["log"] = case["missing"] = [markup]
+        case["log"] = case["missing"] = case["remarks"] = [markup]
         for check in case["checks"]:
             check["text"] += markup
     return bad

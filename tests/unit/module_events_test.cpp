@@ -50,6 +50,7 @@ const std::string told =
     "fault 10 10 send-lost {\"number\":2,\"did\":\"lost it\"}\n"
     "peer 11 10 missing {\"reason\":\"nobody\"}\n"
     "usage 12 10 {\"descriptors\":5}\n"
+    "left 12 10 {\"threads\":1}\n"
     "ended 13 10 123 send/first\n";
 
 const Events meant = {
@@ -66,6 +67,7 @@ const Events meant = {
     {Kind::fault, 10, 10, 0, "send-lost", Json{{"number", 2}, {"did", "lost it"}}},
     {Kind::peer, 11, 10, 0, "missing", Json{{"reason", "nobody"}}},
     {Kind::usage, 12, 10, 0, "", Json{{"descriptors", 5}}},
+    {Kind::left, 12, 10, 0, "", Json{{"threads", 1}}},
     {Kind::ended, 13, 10, 123, "send/first", none}};
 
 // The last event tells that the line is passed over, and not what follows it.

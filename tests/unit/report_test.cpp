@@ -59,6 +59,7 @@ Report fullReport() {
     full.faults = {{"send-lost", 350, "lost it"}};
     full.log = {"t.cpp(9): error", "and more"};
     full.missing = {"one thing"};
+    full.remarks = {"another thing"};
     full.hang = HangReport{"receive", "{}", 10.5, "c == d", "#0 poll"};
     full.crash = "ended by signal 11";
     full.known = "ticket 12";
@@ -98,7 +99,7 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(library["latencies"]["send"], {"count", "p50Us", "p90Us", "p99Us", "maxUs"});
     const Json& first = library["cases"][0];
     checkMembers(first, {"name", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
-                         "missing", "hang", "crash", "known", "repeat"});
+                         "missing", "remarks", "hang", "crash", "known", "repeat"});
     checkMembers(first["checks"][0],
                  {"text", "place", "passed", "left", "right", "atNs", "thread"});
     for (const Json& call : first["calls"]) {
@@ -167,6 +168,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
         {"faults", Json::array({{{"name", "send-lost"}, {"atNs", 350}, {"did", "lost it"}}})},
         {"log", Json::array({"t.cpp(9): error", "and more"})},
         {"missing", Json::array({"one thing"})},
+        {"remarks", Json::array({"another thing"})},
         {"hang",
          {{"call", "receive"},
           {"arguments", "{}"},
@@ -207,7 +209,7 @@ BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
     BOOST_TEST(report["libraries"][0]["latencies"].dump() == "{}");
     const Json& first = report["libraries"][0]["cases"][0];
     BOOST_TEST(first["hang"].is_null());
-    for (const auto* list : {"checks", "calls", "faults", "log", "missing"}) {
+    for (const auto* list : {"checks", "calls", "faults", "log", "missing", "remarks"}) {
         BOOST_TEST(first[list].dump() == "[]", list);
     }
     for (const auto* text : {"crash", "known", "repeat"}) {
@@ -275,7 +277,7 @@ BOOST_AUTO_TEST_CASE(whateverALibraryPutsIntoATextCanBeWritten) {
     Report report = fullReport();
     CaseReport& first = report.libraries[0].cases[0];
     first.name = first.crash = first.known = first.repeat = hostile;
-    first.log = first.missing = {hostile};
+    first.log = first.missing = first.remarks = {hostile};
     first.checks[0].left = first.checks[0].right = first.checks[0].text = hostile;
     first.calls[0].function = hostile;
     first.calls[0].result = {{"uuid", hostile}};

@@ -306,6 +306,13 @@ BOOST_AUTO_TEST_CASE(aFaultStandsWithItsCase) {
     BOOST_TEST((ended.verdict == Verdict::pass));
 }
 
+BOOST_AUTO_TEST_CASE(whatTheLibraryLeftBehindIsARemark) {
+    tell(Kind::left, "", 0, {{"descriptors", 2}, {"threads", 1}});
+    const std::vector<std::string> remarks = {
+        "left behind by the library: 2 descriptors, 1 thread"};
+    BOOST_TEST(end().remarks == remarks, boost::test_tools::per_element());
+}
+
 BOOST_AUTO_TEST_CASE(whatTheProcessHoldsIsKept) {
     tell(Kind::usage, "", 0, {{"threads", 1}});
     end();

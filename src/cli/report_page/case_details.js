@@ -141,6 +141,8 @@ function caseParts(one) {
     return [el("p", { class: "aside" }, "Nothing was recorded of this case.")];
   }
   return [
+    one.remarks?.length > 0 && el("ul", { class: "remarks" },
+      one.remarks.map((text) => el("li", {}, text))),
     one.calls.length > 0 && new TimeLine(one).node,
     folded("Record as a table", () => recordTable(one)),
     one.checks.length > 0 && checkTable(one),
