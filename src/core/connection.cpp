@@ -310,7 +310,11 @@ std::optional<Frame> Connection::nextFrame() {
         return std::nullopt;
     }
     begin_ += measured.frameBytes;
-    const auto frame = interfaces::decode(bytes);
+    return decoded(bytes);
+}
+
+std::optional<Frame> Connection::decoded(const char* bytes, const char* payload) {
+    auto frame = interfaces::decode(bytes, payload);
     malformed_ = !frame;
     return frame;
 }
@@ -330,11 +334,9 @@ std::optional<Frame> Connection::nextLarge() {
     if (largeFilled_ < largeBytes_) {
         return std::nullopt;
     }
-    const auto frame = interfaces::decode(largeHead_.data(), largePayload_.get());
-    malformed_ = !frame;
     largeBegun_ = false;
     largeBytes_ = largeFilled_ = 0;
-    return frame;
+    return decoded(largeHead_.data(), largePayload_.get());
 }
 
 Connection::Io Connection::write(iovec*& pieces, std::size_t& count) {

@@ -123,6 +123,7 @@ class Connection {
     ssize_t readSome();
     void beginLarge(interfaces::Extent extent);
     std::optional<interfaces::Frame> nextLarge();
+    std::optional<interfaces::Frame> decoded(const char* bytes, const char* payload = nullptr);
 
     const int descriptor_;
     std::size_t payloadLimitBytes_;

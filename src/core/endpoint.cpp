@@ -423,11 +423,11 @@ void Endpoint::handedOut(const Message& message) {
     }
 }
 
-Message Endpoint::take(std::deque<Message>& queue) {
-    Message message = std::move(queue.front());
+Message::Fields Endpoint::take(std::deque<Message>& queue) {
+    handedOut(queue.front());
+    const Message::Fields fields = queue.front().release();
     queue.pop_front();
-    handedOut(message);
-    return message;
+    return fields;
 }
 
 // All signals are left to the program's own threads.

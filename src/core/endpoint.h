@@ -140,8 +140,8 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // What the endpoint holds for those who have not received it yet.
     void held(const Message& message) { heldBytes_ += message.bytes(); }
     void handedOut(const Message& message);
-    // The next message of a queue, handed out.
-    Message take(std::deque<Message>& queue);
+    // The strings of the next message of a queue, which are the caller's from now on.
+    Message::Fields take(std::deque<Message>& queue);
 
     template <typename Function>
     void install(Lock& lock, CallbackSlot<Function>& slot, Function function, void* context);

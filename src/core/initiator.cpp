@@ -45,7 +45,7 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
             handleFrames();  // an answer that is there goes first
         }
         if (!responses_.empty()) {
-            fields = take(responses_).release();
+            fields = take(responses_);
             return KAVRI_CORE_STATUS_NO_ERROR;
         }
         if (open_.hasFailureToTell()) {
@@ -217,12 +217,12 @@ bool Initiator::hasDelivery() const {
 
 void Initiator::deliver(Lock& lock) {
     if (responseCallback_.isInstalled() && !responses_.empty()) {
-        Message::Fields fields = take(responses_).release();
+        Message::Fields fields = take(responses_);
         invoke(lock, responseCallback_, [&fields](auto* callback, void* context) {
             callback(&fields[0], &fields[1], &fields[2], &fields[3], context);
         });
     } else {
-        Message::Fields fields = take(events_).release();
+        Message::Fields fields = take(events_);
         invoke(lock, eventCallback_, [&fields](auto* callback, void* context) {
             callback(&fields[0], &fields[1], &fields[3], context);  // an event has no uuid
         });

@@ -20,7 +20,7 @@ kavri_core_status Responder::receive(int timeoutMs, kavri_core_ipc_request& requ
         }
         if (!requests_.empty()) {
             request = nameOf(requests_.front());
-            fields = take(requests_).release();
+            fields = take(requests_);
             return KAVRI_CORE_STATUS_NO_ERROR;
         }
         if (wait == Wait::timedOut) {
@@ -70,14 +70,15 @@ void Responder::handleFrame(const Frame& frame, Text& payload) {
 
 // Nobody waits for the answers to these any more.
 void Responder::connectionLost() {
-    while (!requests_.empty()) {
-        take(requests_);
+    for (const Message& request : requests_) {
+        handedOut(request);
     }
+    requests_.clear();
 }
 
 void Responder::deliver(Lock& lock) {
     const kavri_core_ipc_request request = nameOf(requests_.front());
-    Message::Fields fields = take(requests_).release();
+    Message::Fields fields = take(requests_);
     invoke(lock, callback_, [&](auto* callback, void* context) {
         callback(request, &fields[0], &fields[1], &fields[2], &fields[3], context);
     });

@@ -163,7 +163,10 @@ Extent extentOf(const char* bytes) {
     return {load<std::uint32_t>(bytes) - payloadBytes, payloadBytes};
 }
 
+// The result is filled where it will be used: it is too large to be copied for
+// nothing.
 std::optional<Frame> decode(const char* bytes, const char* payload) {
+    std::optional<Frame> decoded;
     const Extent extent = extentOf(bytes);
     const char* const payloadAt = payload != nullptr ? payload : bytes + extent.headBytes;
     const auto hasNul = [](const char* text, std::size_t length) {
@@ -172,9 +175,9 @@ std::optional<Frame> decode(const char* bytes, const char* payload) {
     const std::size_t behindHead = payload == nullptr ? extent.payloadBytes : 0;
     if (hasNul(bytes + headerBytes, extent.headBytes - headerBytes + behindHead) ||
         (payload != nullptr && hasNul(payload, extent.payloadBytes))) {
-        return std::nullopt;
+        return decoded;
     }
-    Frame frame;
+    Frame& frame = decoded.emplace();
     frame.type = static_cast<FrameType>(bytes[typeOffset]);
     frame.status = load<std::uint16_t>(bytes + statusOffset);
     frame.token = load<std::uint64_t>(bytes + tokenOffset);
@@ -188,7 +191,7 @@ std::optional<Frame> decode(const char* bytes, const char* payload) {
             field += frame.fields[i].size();
         }
     }
-    return frame;
+    return decoded;
 }
 
 std::size_t encodedBytes(const Frame& frame) {
