@@ -1,8 +1,9 @@
 // What waits to be written to one peer, in order.
 //
 // A queue of slices of blocks. Small frames are copied behind one another into
-// one block, so that they leave in one write; large ones are slices of the
-// block they were read into. An empty outbox owns no memory.
+// one block, so that they leave in one write; large ones, and many events that
+// come together, are slices of a block that all who get them share. An empty
+// outbox owns no memory.
 #ifndef KAVRI_BROKER_OUTBOX_H
 #define KAVRI_BROKER_OUTBOX_H
 

@@ -30,6 +30,12 @@ Protocol::Protocol(const interfaces::Limits& limits, Router& router, BufferPool&
       close_(std::move(close)) {}
 
 Session* Protocol::take(Session& session, char* bytes, std::size_t count) {
+    Session* const waitFor = takeFrames(session, bytes, count);
+    router_.endPublishing();
+    return waitFor;
+}
+
+Session* Protocol::takeFrames(Session& session, char* bytes, std::size_t count) {
     while (count >= interfaces::headerBytes && !session.isClosing) {
         const interfaces::Measured measured = interfaces::measure(bytes, limits_.payloadBytes);
         if (measured.error) {
@@ -111,6 +117,9 @@ Session* Protocol::handle(Session& session, InputFrame& frame) {
         return nullptr;
     }
     frame.values = *values;
+    if (frame.values.type != FrameType::publish) {
+        router_.endPublishing();
+    }
     if (frame.values.type == FrameType::goodbye) {
         close_(session, KAVRI_CORE_STATUS_NO_ERROR, {});
         return nullptr;

@@ -38,6 +38,7 @@ class Protocol {
     Session* resume(Session& session);
 
   private:
+    Session* takeFrames(Session& session, char* bytes, std::size_t count);
     Session* handle(Session& session, InputFrame& frame);
     Session* handleInitiator(Session& session, InputFrame& frame);
     Session* handleResponder(Session& session, InputFrame& frame);

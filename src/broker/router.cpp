@@ -116,12 +116,34 @@ Session* Router::publish(Session& from, InputFrame& frame) {
         surroundings_.note(from, "published an event of a category that it does not serve");
         return nullptr;
     }
-    if (Session* slow = slowSubscriber(*from.served)) {
-        return slow;
+    if (run_.length == 0 || !run_.isGoneOnWith(frame)) {
+        endPublishing();
+        if (Session* slow = slowSubscriber(*from.served)) {
+            return slow;
+        }
+        run_ = {&from, frame.bytes, 0};
     }
     interfaces::replaceType(frame.bytes, FrameType::event);
-    deliverToSubscribers(*from.served, frame);
+    if (isLarge(frame)) {
+        run_ = {};
+        deliverToSubscribers(*from.served, frame);
+    } else {
+        run_.length += frame.length;
+    }
     return nullptr;
+}
+
+void Router::endPublishing() {
+    const EventRun run = std::exchange(run_, {});
+    if (run.length == 0) {
+        return;
+    }
+    InputFrame events{{}, run.bytes, run.length, {}};
+    if (isLarge(events) && run.from->served->subscribers.size() > 1) {
+        events.block = pool_.take(events.length);
+        std::memcpy(events.block->bytes(), events.bytes, events.length);
+    }
+    deliverToSubscribers(*run.from->served, events);
 }
 
 void Router::subscribe(Session& from, const Frame& frame) {

@@ -67,6 +67,10 @@ class Router {
     [[nodiscard]] Session* request(Session& from, InputFrame& frame);
     [[nodiscard]] Session* response(Session& from, InputFrame& frame);
     [[nodiscard]] Session* publish(Session& from, InputFrame& frame);
+    // Small events that stand behind one another in the same input are delivered
+    // together: each subscriber's outbox is then looked for once, not for each.
+    // To be called before any other frame is handled, and before their bytes go.
+    void endPublishing();
 
     void completion(Session& from, std::uint64_t token);
     void subscribe(Session& from, const interfaces::Frame& frame);
@@ -103,6 +107,15 @@ class Router {
     Category& categoryNamed(std::string_view name);
     void dropIfUnused(Category& category);
 
+    // Events behind one another, of the category that `from` serves.
+    struct EventRun {
+        const Session* from = nullptr;
+        char* bytes = nullptr;
+        std::size_t length = 0;
+
+        bool isGoneOnWith(const InputFrame& frame) const { return bytes + length == frame.bytes; }
+    };
+
     Session* answerEmbedded(Session& from, Category& category, const interfaces::Frame& request);
     Session* slowSubscriber(const Category& category) const;
     void deliverToSubscribers(const Category& category, const InputFrame& event);
@@ -126,6 +139,7 @@ class Router {
         categories_;
     OpenRequests openRequests_;
     std::vector<Session*> toWrite_;
+    EventRun run_;
 };
 
 }  // namespace kavri::broker

@@ -455,6 +455,20 @@ BOOST_FIXTURE_TEST_CASE(eventsComeInTheOrderPublished, Conversation) {
                "event 0 category=test identifier=event payload=two");
 }
 
+BOOST_FIXTURE_TEST_CASE(whatIsReadAtOnceIsDeliveredInOrder, Conversation) {
+    say(caller, subscribe(5));
+    hear(caller);
+    const std::uint64_t token = ask(7);
+    sayBytes(service, encode(publish("one")) + encode(publish("two")) +
+                          encode(publish("false news", "elsewhere")) + encode(publish("three")) +
+                          encode(response(token)) + encode(publish("four")) + "no frame" +
+                          std::string(32, '!'));
+    const std::string event = "event 0 category=test identifier=event payload=";
+    BOOST_TEST(hear(caller) == event + "one\n" + event + "two\n" + event + "three\nresponse 7" +
+                                   fields + "p\n" + event + "four");
+    BOOST_TEST(service.isClosing);
+}
+
 BOOST_FIXTURE_TEST_CASE(theAcknowledgementComesBeforeTheFirstEvent, Conversation) {
     say(caller, subscribe(5));
     say(service, publish("news"));
@@ -523,6 +537,27 @@ BOOST_FIXTURE_TEST_CASE(anEventThatNobodyWantsGoesNowhere, Conversation) {
     BOOST_TEST(say(service, publish("news")) == nullptr);
     BOOST_TEST(hear(service) == "");
     BOOST_TEST(notes.empty());
+}
+
+BOOST_FIXTURE_TEST_CASE(manySmallEventsReadAtOnceAreHeldOnceForAll, Conversation) {
+    Session& first = subscriber("test");
+    Session& second = subscriber("test");
+    std::string bytes;
+    std::string expected;
+    for (int i = 0; bytes.size() < largeFrameBytes; ++i) {
+        const std::string payload = std::to_string(i);
+        bytes += encode(publish(payload));
+        expected += (i == 0 ? "" : "\n") + std::string("event 0 category=test identifier=event") +
+                    " payload=" + payload;
+    }
+    sayBytes(service, bytes);
+    iovec firstPiece{};
+    iovec secondPiece{};
+    BOOST_REQUIRE(first.outbox.gather(&firstPiece, 1) == 1U);
+    BOOST_REQUIRE(second.outbox.gather(&secondPiece, 1) == 1U);
+    BOOST_TEST(firstPiece.iov_base == secondPiece.iov_base);
+    BOOST_TEST(hear(first) == expected);
+    BOOST_TEST(hear(second) == expected);
 }
 
 // Copying a small frame is cheaper than sharing it; a large one is never copied.
