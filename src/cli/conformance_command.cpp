@@ -167,6 +167,7 @@ class Conformance {
                   RunDisplay& display);
     void prove(const LibraryRun& library, RunDisplay& display);
     void keep(LibraryReport& report, const std::vector<CaseReport>& cases);
+    void writeFiles();
     void annotate(std::vector<CaseReport>& cases);
     void conclude(const CasesOutcome& outcome, const std::optional<ExitState>& brokerExit);
     ExitStatus judge();
@@ -175,7 +176,7 @@ class Conformance {
     const RunLimits& limits_;
     const ConformanceOptions& options_;
     const Clock::time_point begun_;
-    Clock::time_point libraryBegun_;
+    Clock::time_point casesBegun_;  // of the library that is under way
     KitFiles files_;
     Report report_;
     std::optional<ReportFiles> reportFiles_;
@@ -249,7 +250,6 @@ unsigned Conformance::jobs(unsigned most) const {
 }
 
 void Conformance::runLibrary(const std::optional<std::string>& folder) {
-    libraryBegun_ = Clock::now();
     const LibraryRun library(files_, folder, limits_);
     const std::vector<std::string> cases = library.select(options_.casePatterns, limits_);
     RunDisplay display(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases);
@@ -274,7 +274,11 @@ void Conformance::keep(LibraryReport& report, const std::vector<CaseReport>& cas
     for (CaseReport& each : report.cases) {
         each.repeat = commandFor(report.name, each.name);
     }
-    report.seconds = secondsSince(libraryBegun_);
+    report.seconds = secondsSince(casesBegun_);
+    writeFiles();
+}
+
+void Conformance::writeFiles() {
     report_.seconds = secondsSince(begun_);
     reportFiles_->update(report_);
 }
@@ -297,6 +301,7 @@ void Conformance::runOnce(const LibraryRun& library, const std::vector<std::stri
     ModuleRunRequest request = library.request(own ? own->socket() : fs::path(*options_.socket));
     request.userArguments = options_.moduleArguments;
     request.fault = options_.fault;
+    casesBegun_ = Clock::now();
     CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, patience());
     const CasesOutcome outcome =
         run.run(request, cases, [&](const auto& soFar) { keep(report, soFar); });
@@ -347,6 +352,7 @@ void Conformance::runOften(const LibraryRun& library, const std::vector<std::str
                     .shuffle = options_.shuffle,
                     .jobs = options_.socket ? 1 : jobs(*options_.repeat),
                     .socket = options_.socket};
+    casesBegun_ = Clock::now();
     Repeats repeats(files_, library, limits_, patience());
     const RepeatOutcome outcome = repeats.run(
         plan, request, cases, [this](auto& ended) { annotate(ended); },
@@ -385,7 +391,7 @@ void Conformance::prove(const LibraryRun& library, RunDisplay& display) {
                                     display.showProgress("faults", done, all);
                                 });
     showMatrix(*report_.matrix, display);
-    reportFiles_->update(report_);
+    writeFiles();
 }
 
 // The verdict on all that was run, and the line that goes with it.
