@@ -104,7 +104,9 @@ void Endpoint::end() {
 }
 
 kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
-    while (connecting_) {
+    // Who still reads from a lost connection is about to notice; what wakes him
+    // until then must not end the making of the next.
+    while (connecting_ || (connection_ == nullptr && reading_)) {
         if (deadline && Clock::now() >= *deadline) {
             return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
         }
