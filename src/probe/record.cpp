@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 namespace kavri::probe {
@@ -53,6 +54,17 @@ struct Holding {
 
 // When the library was brought up last.
 Holding heldBefore;
+
+// With a program's first thread a sanitizer starts one of its own, which is not to
+// be taken for the library's.
+void runFirstThread() {
+    pid_t id = 0;
+    std::thread([&id] { id = gettid(); }).join();
+    const std::string listed = "/proc/self/task/" + std::to_string(id);
+    while (access(listed.c_str(), F_OK) == 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+}
 
 // A thread that was waited for is still listed for a moment.
 Holding settled() {
@@ -144,9 +156,12 @@ void recordPeer(bool isThere, const Json& details) {
 }
 
 void noteUsage() {
-    if (isRecording()) {
-        heldBefore = Holding::now();
+    if (!isRecording()) {
+        return;
     }
+    static std::once_flag isFirstThreadOver;
+    std::call_once(isFirstThreadOver, runFirstThread);
+    heldBefore = Holding::now();
 }
 
 void recordUsage() {
