@@ -117,9 +117,6 @@ Session* Protocol::handle(Session& session, InputFrame& frame) {
         return nullptr;
     }
     frame.values = *values;
-    if (frame.values.type != FrameType::publish) {
-        router_.endPublishing();
-    }
     if (frame.values.type == FrameType::goodbye) {
         close_(session, KAVRI_CORE_STATUS_NO_ERROR, {});
         return nullptr;
@@ -190,6 +187,9 @@ Session* Protocol::handleInitiator(Session& session, InputFrame& frame) {
 // A responder's answers are taken even while it takes no requests: it may be
 // busy giving them. Only what makes the broker answer has to wait.
 Session* Protocol::handleResponder(Session& session, InputFrame& frame) {
+    if (frame.values.type != FrameType::publish) {
+        router_.endPublishing();
+    }
     switch (frame.values.type) {
         case FrameType::response:
             return router_.response(session, frame);

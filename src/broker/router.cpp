@@ -116,7 +116,7 @@ Session* Router::publish(Session& from, InputFrame& frame) {
         surroundings_.note(from, "published an event of a category that it does not serve");
         return nullptr;
     }
-    if (run_.length == 0 || !run_.isGoneOnWith(frame)) {
+    if (!run_.isGoneOnWith(frame)) {
         endPublishing();
         if (Session* slow = slowSubscriber(*from.served)) {
             return slow;

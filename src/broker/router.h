@@ -69,7 +69,8 @@ class Router {
     [[nodiscard]] Session* publish(Session& from, InputFrame& frame);
     // Small events that stand behind one another in the same input are delivered
     // together: each subscriber's outbox is then looked for once, not for each.
-    // To be called before any other frame is handled, and before their bytes go.
+    // To be called before any other frame of theirs is handled, and before their
+    // bytes go.
     void endPublishing();
 
     void completion(Session& from, std::uint64_t token);
