@@ -646,16 +646,12 @@ constexpr std::array deliveryRows = {
 
 // ------------------------------------------------------------------- the chosen
 
-constexpr int couldNotRun = 3;
-
 // Empty: nothing is broken.
 const std::string& chosenFault() {
     static const std::string chosen = [] {
         std::string name = environmentVariable("KAVRI_PROBE_FAULT");
         if (!name.empty() && !canBreak(name)) {
-            const std::string line = "kavri-probe: no fault \"" + name + "\"\n";
-            static_cast<void>(!write(STDERR_FILENO, line.data(), line.size()));
-            _exit(couldNotRun);
+            giveUp("no fault \"" + name + "\"");
         }
         return name;
     }();

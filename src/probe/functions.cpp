@@ -6,7 +6,6 @@
 
 #include <array>
 #include <atomic>
-#include <string>
 
 namespace kavri::probe {
 
@@ -35,6 +34,12 @@ const char* functionName(Function function) {
     return names.at(static_cast<std::size_t>(function));
 }
 
+void giveUp(const std::string& why) {
+    const std::string line = "kavri-probe: " + why + "\n";
+    static_cast<void>(!write(STDERR_FILENO, line.data(), line.size()));
+    _exit(couldNotRun);
+}
+
 void* functionBehind(Function function) {
     static std::array<std::atomic<void*>, functionCount> found;
     std::atomic<void*>& place = found.at(static_cast<std::size_t>(function));
@@ -44,10 +49,7 @@ void* functionBehind(Function function) {
         place.store(address);
     }
     if (address == nullptr) {
-        const std::string line =
-            std::string("kavri-probe: the library has no ") + functionName(function) + "\n";
-        static_cast<void>(!write(STDERR_FILENO, line.data(), line.size()));
-        _exit(couldNotRun);
+        giveUp(std::string("the library has no ") + functionName(function));
     }
     return address;
 }

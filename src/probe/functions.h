@@ -4,6 +4,7 @@
 #define KAVRI_PROBE_FUNCTIONS_H
 
 #include <cstddef>
+#include <string>
 
 namespace kavri::probe {
 
@@ -25,6 +26,9 @@ inline constexpr std::size_t functionCount = 12;
 
 // As in the public headers.
 const char* functionName(Function function);
+
+// Ends the process: the probe cannot do what it was loaded for.
+[[noreturn]] void giveUp(const std::string& why);
 
 // The function of this name that comes after the probe's own in the order of the
 // loader. Ends the process where there is none: the module would not have been

@@ -117,6 +117,45 @@ Json callbackArguments(bool installs, const void* context) {
             {"context", context != nullptr ? pointerText(context) : Json()}};
 }
 
+// Installs or removes a callback of the module's; what the library gets in its
+// place is `substitute`, and what is known of the installation `describe` notes.
+template <typename Signature, typename Callback, typename Describe>
+kavri_core_status setCallback(Function function, kavri_core_ipc_initiator* initiator,
+                              Callback callback, void* context, Callback substitute,
+                              const Describe& describe) {
+    Call call;
+    call.function = function;
+    call.installs = callback != nullptr;
+    call.forward = [=](const Call& now) {
+        const auto install = real<Signature>(function);
+        // Where the call is the library's own the callback is too.
+        if (now.number == 0 || callback == nullptr) {
+            return install(initiator, callback, context);
+        }
+        Installation& installation = newInstallation();
+        describe(installation);
+        installation.context = context;
+        return install(initiator, substitute, &installation);
+    };
+    return make(
+        call, [&] { return callbackArguments(call.installs, context); }, nothingStored);
+}
+
+// Begins or ends a subscription.
+template <typename Signature>
+kavri_core_status callWithCategory(Function function, kavri_core_ipc_initiator* initiator,
+                                   const char* category) {
+    Call call;
+    call.function = function;
+    call.forward = [=](const Call&) { return real<Signature>(function)(initiator, category); };
+    return make(
+        call,
+        [category] {
+            return Json{{"category", shortened(category)}};
+        },
+        nothingStored);
+}
+
 Json deliveryArguments(const Delivery& delivery) {
     const auto text = [&delivery](Text which) {
         char** argument = delivery.texts.at(which);
@@ -305,79 +344,33 @@ kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initi
 kavri_core_status kavri_core_ipc_initiator_response_receive_callback(
     kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_response_callback callback,
     void* context) {
-    constexpr auto function = Function::responseCallback;
-    Call call;
-    call.function = function;
-    call.installs = callback != nullptr;
-    call.forward = [=](const Call& now) {
-        const auto install =
-            real<decltype(kavri_core_ipc_initiator_response_receive_callback)>(function);
-        // Where the call is the library's own the callback is too.
-        if (now.number == 0 || callback == nullptr) {
-            return install(initiator, callback, context);
-        }
-        Installation& installation = newInstallation();
-        installation.stream = Stream::response;
-        installation.responseCallback = callback;
-        installation.context = context;
-        return install(initiator, responseArrived, &installation);
-    };
-    return make(
-        call, [&] { return callbackArguments(call.installs, context); }, nothingStored);
+    return setCallback<decltype(kavri_core_ipc_initiator_response_receive_callback)>(
+        Function::responseCallback, initiator, callback, context, responseArrived,
+        [callback](Installation& made) {
+            made.stream = Stream::response;
+            made.responseCallback = callback;
+        });
 }
 
 kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initiator* initiator,
                                                            const char* category) {
-    Call call;
-    call.function = Function::eventSubscribe;
-    call.forward = [initiator, category](const Call&) {
-        return real<decltype(kavri_core_ipc_initiator_event_subscribe)>(Function::eventSubscribe)(
-            initiator, category);
-    };
-    return make(
-        call,
-        [category] {
-            return Json{{"category", shortened(category)}};
-        },
-        nothingStored);
+    return callWithCategory<decltype(kavri_core_ipc_initiator_event_subscribe)>(
+        Function::eventSubscribe, initiator, category);
 }
 
 kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(kavri_core_ipc_initiator* initiator,
                                                              const char* category) {
-    Call call;
-    call.function = Function::eventUnsubscribe;
-    call.forward = [initiator, category](const Call&) {
-        return real<decltype(kavri_core_ipc_initiator_event_unsubscribe)>(
-            Function::eventUnsubscribe)(initiator, category);
-    };
-    return make(
-        call,
-        [category] {
-            return Json{{"category", shortened(category)}};
-        },
-        nothingStored);
+    return callWithCategory<decltype(kavri_core_ipc_initiator_event_unsubscribe)>(
+        Function::eventUnsubscribe, initiator, category);
 }
 
 kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
     kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_event_callback callback,
     void* context) {
-    constexpr auto function = Function::eventCallback;
-    Call call;
-    call.function = function;
-    call.installs = callback != nullptr;
-    call.forward = [=](const Call& now) {
-        const auto install =
-            real<decltype(kavri_core_ipc_initiator_event_receive_callback)>(function);
-        // Where the call is the library's own the callback is too.
-        if (now.number == 0 || callback == nullptr) {
-            return install(initiator, callback, context);
-        }
-        Installation& installation = newInstallation();
-        installation.stream = Stream::event;
-        installation.eventCallback = callback;
-        installation.context = context;
-        return install(initiator, eventArrived, &installation);
-    };
-    return make(
-        call, [&] { return callbackArguments(call.installs, context); }, nothingStored);
+    return setCallback<decltype(kavri_core_ipc_initiator_event_receive_callback)>(
+        Function::eventCallback, initiator, callback, context, eventArrived,
+        [callback](Installation& made) {
+            made.stream = Stream::event;
+            made.eventCallback = callback;
+        });
 }
