@@ -22,8 +22,25 @@ BlockRef BufferPool::take(std::size_t bytes) {
         free_.pop_back();
         return BlockRef(block);
     }
+    if (Block* block = bytes > standardBytes ? takeLarge(bytes) : nullptr) {
+        return BlockRef(block);
+    }
     const std::size_t capacity = std::max(bytes, standardBytes);
     return BlockRef(new (::operator new(sizeof(Block) + capacity)) Block(*this, capacity));
+}
+
+// One that is not much too large; null where there is none.
+Block* BufferPool::takeLarge(std::size_t bytes) {
+    const auto found = std::ranges::find_if(freeLarge_, [bytes](const Block* block) {
+        return block->capacity() >= bytes && block->capacity() / 2 <= bytes;
+    });
+    if (found == freeLarge_.end()) {
+        return nullptr;
+    }
+    Block* const block = std::exchange(*found, freeLarge_.back());
+    freeLarge_.pop_back();
+    freeLargeBytes_ -= block->capacity();
+    return block;
 }
 
 void BufferPool::append(std::list<Slice>& slices, Slice slice) {
@@ -41,16 +58,23 @@ void BufferPool::popFront(std::list<Slice>& slices) {
 }
 
 void BufferPool::trim() {
-    for (Block* block : free_) {
-        ::operator delete(block);
+    for (std::vector<Block*>* blocks : {&free_, &freeLarge_}) {
+        for (Block* block : *blocks) {
+            ::operator delete(block);
+        }
+        blocks->clear();
     }
-    free_.clear();
+    freeLargeBytes_ = 0;
     freeSlices_.clear();
 }
 
 void BufferPool::giveBack(Block* block) {
     if (block->capacity() == standardBytes && free_.size() < keptBlocks) {
         free_.push_back(block);
+    } else if (block->capacity() > standardBytes &&
+               freeLargeBytes_ + block->capacity() <= keptLargeBytes) {
+        freeLarge_.push_back(block);
+        freeLargeBytes_ += block->capacity();
     } else {
         ::operator delete(block);
     }

@@ -86,7 +86,7 @@ class BufferPool {
     void popFront(std::list<Slice>& slices);
 
     // Whether nothing waits to be used again.
-    bool isEmpty() const { return free_.empty() && freeSlices_.empty(); }
+    bool isEmpty() const { return free_.empty() && freeLarge_.empty() && freeSlices_.empty(); }
     // Gives the memory of what does back to the system.
     void trim();
 
@@ -94,10 +94,15 @@ class BufferPool {
     friend class BlockRef;
     // Keeps the memory of a burst for the next one, up to 8 MiB.
     static constexpr std::size_t keptBlocks = 512;
+    // And of larger blocks as much again.
+    static constexpr std::size_t keptLargeBytes = keptBlocks * standardBytes;
 
+    Block* takeLarge(std::size_t bytes);
     void giveBack(Block* block);
 
     std::vector<Block*> free_;
+    std::vector<Block*> freeLarge_;
+    std::size_t freeLargeBytes_ = 0;
     std::list<Slice> freeSlices_;
 };
 

@@ -250,10 +250,36 @@ BOOST_AUTO_TEST_CASE(thePoolGivesTheSameMemoryAgain) {
     BOOST_TEST(static_cast<const void*>(another->bytes()) != static_cast<const void*>(used));
 }
 
-BOOST_AUTO_TEST_CASE(aLargeBlockHasItsOwnSizeAndIsNotKept) {
+BOOST_AUTO_TEST_CASE(aLargeBlockHasItsOwnSizeAndServesNoSmallOne) {
     BufferPool pool;
     BOOST_TEST(pool.take(standard + 1)->capacity() == standard + 1);
     BOOST_TEST(pool.take(1)->capacity() == standard);
+}
+
+BOOST_AUTO_TEST_CASE(aLargeBlockServesAgainWhereItIsNotMuchTooLarge) {
+    BufferPool pool;
+    const char* used = pool.take(4 * standard)->bytes();
+    BOOST_TEST(pool.take(4 * standard + 1)->capacity() == 4 * standard + 1);
+    BOOST_TEST(pool.take(standard + 1)->capacity() == standard + 1);
+    const BlockRef again = pool.take(2 * standard);
+    BOOST_TEST(static_cast<const void*>(again->bytes()) == static_cast<const void*>(used));
+    BOOST_TEST(!pool.isEmpty());
+    pool.trim();
+    BOOST_TEST(pool.isEmpty());
+}
+
+BOOST_AUTO_TEST_CASE(largeBlocksAreKeptUpToALimit) {
+    BufferPool pool;
+    const std::size_t kept = 512 * standard;
+    { const BlockRef tooMuch = pool.take(kept + 1); }
+    BOOST_TEST(pool.isEmpty());
+    { const BlockRef all = pool.take(kept); }
+    BOOST_TEST(!pool.isEmpty());
+    const char* used = pool.take(kept)->bytes();
+    { const BlockRef noMore = pool.take(standard + 1); }
+    const BlockRef again = pool.take(kept);
+    BOOST_TEST(static_cast<const void*>(again->bytes()) == static_cast<const void*>(used));
+    BOOST_TEST(pool.isEmpty());
 }
 
 BOOST_AUTO_TEST_CASE(aBlockLivesAsLongAsAnyReferenceToIt) {
