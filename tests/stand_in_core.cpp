@@ -8,13 +8,13 @@
 //   STAND_IN_DEFECT  what is wrong, as "name" or "name=value"; see `knownDefects`
 //   STAND_IN_RECORD  the file that gets a line for each call, delivery, release
 //                    and pause, written at once, so that it outlives a crash
+//   STAND_IN_DELIVERY  when callbacks are called; see `Delivery`
 //
 // Pauses are played too: `usleep` and `sleep` of this library take the place of
-// the C library's, are recorded, and take no time. Callbacks come on a thread of
-// this library's own, one at a time, while the module is in `sleep`; so every run
-// of a case gives the same record. `free` is replaced to see what becomes of the
-// strings handed out; under a sanitizer, which has its own, releases are not
-// recorded.
+// the C library's, are recorded, and take no time. Callbacks come one at a time,
+// unless otherwise asked for on a thread of this library's own while the module is
+// in `sleep`; so every run of a case gives the same record. `free` is replaced to see what becomes
+// of the strings handed out; under a sanitizer, which has its own, releases are not recorded.
 #include <fcntl.h>
 #include <kavri/ipc.h>
 #include <signal.h>
@@ -26,6 +26,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <iterator>
@@ -112,6 +113,33 @@ bool defectIs(std::string_view name, int value) {
 kavri_core_status statusOf(std::string_view name) {
     const std::optional<std::string> value = defect(name);
     return value ? static_cast<kavri_core_status>(std::stoi(*value)) : KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+// When callbacks are called.
+enum class Delivery {
+    inSleep,       // by the library's thread, while the module sleeps
+    atOnce,        // by the library's thread, while the module goes on sending
+    beforeReturn,  // by the library's thread, while the send waits for it
+    inSend,        // by the sender's thread, within the send
+    underLock      // by the library's thread at once, which holds the library's lock meanwhile
+};
+
+Delivery chosenDelivery() {
+    const char* text = getenv("STAND_IN_DELIVERY");
+    const std::string_view chosen = text != nullptr ? text : "inSleep";
+    constexpr std::string_view names[] = {"inSleep", "atOnce", "beforeReturn", "inSend",
+                                          "underLock"};
+    const auto found = std::find(std::begin(names), std::end(names), chosen);
+    if (found == std::end(names)) {
+        fprintf(stderr, "stand-in core library: unknown delivery \"%s\"\n", text);
+        abort();
+    }
+    return static_cast<Delivery>(found - std::begin(names));
+}
+
+bool deliveryIs(Delivery delivery) {
+    static const Delivery chosen = chosenDelivery();
+    return chosen == delivery;
 }
 
 // ------------------------------------------------------------------- the record
@@ -266,8 +294,9 @@ struct kavri_core_ipc_initiator {
 
 namespace {
 
-// Guards all that follows and the initiator's members. Never held in a callback, and
-// never destroyed: a case that dies leaves its thread behind when the process ends.
+// Guards all that follows and the initiator's members. Held in a callback only where that
+// is asked for, and never destroyed: a case that dies leaves its thread behind when the
+// process ends.
 std::mutex& stateMutex = *new std::mutex;
 
 // Kept for good: the module does not end what came before a failed initialisation.
@@ -276,11 +305,11 @@ std::deque<kavri_core_logging> loggings;
 int initiatorsMade = 0;
 kavri_core_ipc_initiator* current = nullptr;  // the module has one at a time
 
-// The delivering thread, and what it is to do. `sleep` tells it to deliver and waits
-// until it is idle again.
-enum class Task { idle, deliver, end };
-std::atomic<Task> task = Task::idle;
+// The delivering thread. `deliveryWanted` is taken back once everything is delivered.
 std::thread& deliverer = *new std::thread;
+std::condition_variable& delivererChanged = *new std::condition_variable;
+bool deliveryWanted = false;
+bool delivererEnds = false;
 
 int serviceCounter() {
     const std::optional<std::string> start = defect("counterStart");
@@ -411,13 +440,17 @@ void deliverResponse(std::unique_lock<std::mutex>& lock, kavri_core_ipc_initiato
     initiator.responses.pop_front();
     const auto callback = initiator.responseCallback;
     void* const context = contextToPass(initiator.responseContext);
-    lock.unlock();
+    if (!deliveryIs(Delivery::underLock)) {
+        lock.unlock();
+    }
     record("deliver " + described(message) + " " + hexadecimal(context));
     Strings strings = handOut(message);
     callback(argument("targetCategory", strings.category),
              argument("targetIdentifier", strings.identifier), argument("uuid", strings.uuid),
              argument("payload", strings.payload), context);
-    lock.lock();
+    if (!lock.owns_lock()) {
+        lock.lock();
+    }
 }
 
 void deliverEvent(std::unique_lock<std::mutex>& lock, kavri_core_ipc_initiator& initiator) {
@@ -425,13 +458,17 @@ void deliverEvent(std::unique_lock<std::mutex>& lock, kavri_core_ipc_initiator& 
     initiator.eventsToCome.pop_front();
     const auto callback = initiator.eventCallback;
     void* const context = contextToPass(initiator.eventContext);
-    lock.unlock();
+    if (!deliveryIs(Delivery::underLock)) {
+        lock.unlock();
+    }
     record("deliver " + described(message) + " " + hexadecimal(context));
     Strings strings = handOut(message);
     callback(argument("targetCategory", strings.category),
              argument("targetIdentifier", strings.identifier), argument("payload", strings.payload),
              context);
-    lock.lock();
+    if (!lock.owns_lock()) {
+        lock.lock();
+    }
 }
 
 bool responseDue(const kavri_core_ipc_initiator& initiator) {
@@ -456,26 +493,49 @@ void deliverAll(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void setTask(Task next) {
-    task.store(next);
-    task.notify_all();
-}
-
 void runDeliverer() {
+    std::unique_lock<std::mutex> lock(stateMutex);
     while (true) {
-        task.wait(Task::idle);
-        if (task.load() == Task::end) {
+        delivererChanged.wait(lock, [] { return deliveryWanted || delivererEnds; });
+        if (delivererEnds) {
             return;
         }
+        deliverAll(lock);
+        deliveryWanted = false;
+        delivererChanged.notify_all();
+    }
+}
+
+void startDelivery() {
+    const std::lock_guard<std::mutex> lock(stateMutex);
+    deliveryWanted = true;
+    delivererChanged.notify_all();
+}
+
+void waitForDelivery() {
+    std::unique_lock<std::mutex> lock(stateMutex);
+    delivererChanged.wait(lock, [] { return !deliveryWanted; });
+}
+
+// What a send does about deliveries before it returns.
+void deliverAfterSend() {
+    if (deliveryIs(Delivery::inSend)) {
         std::unique_lock<std::mutex> lock(stateMutex);
         deliverAll(lock);
-        lock.unlock();
-        setTask(Task::idle);
+    } else if (!deliveryIs(Delivery::inSleep)) {
+        startDelivery();
+    }
+    if (deliveryIs(Delivery::beforeReturn)) {
+        waitForDelivery();
     }
 }
 
 void stopDeliverer() {
-    setTask(Task::end);
+    {
+        const std::lock_guard<std::mutex> lock(stateMutex);
+        delivererEnds = true;
+        delivererChanged.notify_all();
+    }
     deliverer.join();
 }
 
@@ -488,7 +548,8 @@ void startDeliverer() {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    task.store(Task::idle);
+    deliveryWanted = false;
+    delivererEnds = false;
     deliverer = std::thread(runDeliverer);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
@@ -595,7 +656,7 @@ kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator
                                                         const char* targetCategory,
                                                         const char* targetIdentifier,
                                                         const char* uuid, const char* payload) {
-    const std::lock_guard<std::mutex> lock(stateMutex);
+    std::unique_lock<std::mutex> lock(stateMutex);
     const std::string call = "kavri_core_ipc_initiator_command_send(" + nameOf(initiator) + ", " +
                              quoted(targetCategory) + ", " + quoted(targetIdentifier) + ", " +
                              quoted(uuid) + ", " + quoted(payload) + ")";
@@ -604,8 +665,12 @@ kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator
         return returned(call, KAVRI_CORE_STATUS_IPC_TOO_LARGE);
     }
     serve(*initiator, Message{"", targetCategory, targetIdentifier, uuid, payload});
-    return returned(call, defect("sendsMisreported") ? KAVRI_CORE_STATUS_IPC_TOO_LARGE
-                                                     : KAVRI_CORE_STATUS_NO_ERROR);
+    const kavri_core_status status =
+        returned(call, defect("sendsMisreported") ? KAVRI_CORE_STATUS_IPC_TOO_LARGE
+                                                  : KAVRI_CORE_STATUS_NO_ERROR);
+    lock.unlock();
+    deliverAfterSend();
+    return status;
 }
 
 kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initiator* initiator,
@@ -699,8 +764,8 @@ extern "C" {
 unsigned int sleep(unsigned int seconds) {
     record("sleep(" + std::to_string(seconds) + ")");
     if (deliverer.joinable()) {
-        setTask(Task::deliver);
-        task.wait(Task::deliver);
+        startDelivery();
+        waitForDelivery();
     }
     return 0;
 }

@@ -1,27 +1,16 @@
 // The conformance module for the initiator side of the kavri core library.
 //
-// It proves, case by case, that a core library brings an initiator up and down,
-// sends requests, hands out the responses in each of the three ways (blocking,
-// polling, callback), refuses a receive that a callback rules out, and delivers
-// events. The library is a black box behind the twelve C functions of
-// <kavri/ipc.h>; whichever one the loader finds is the one that is judged.
+// It proves that a core library brings an initiator up and down, sends requests,
+// delivers responses in each of the three ways (blocking, polling, callback), refuses
+// a receive that a callback rules out, and delivers events. The library is a black box
+// behind the twelve C functions of <kavri/ipc.h>; the loader decides which one it is.
 //
-// At the other end of the library's broker there must be a test service for the
-// category "test", which knows these commands:
-//
-//   echo              answers with the request's own payload
-//   static_response   answers "my static payload" to whatever payload
-//   clr_repeat_count  sets its counter to 0; no answer
-//   inc_repeat_count  adds 1 to its counter; no answer
-//   get_repeat_count  answers with the counter in decimal
-//   event             publishes one event on "test"
-//
-// Answers carry their request's uuid and come in the order of the requests. An
-// answer that is owed and never comes makes a blocking case wait for ever; a
-// limit to that is for whoever runs the module to set.
-//
-// A check names what is expected first, and a failed one does not end its case:
-// the log then shows all that is wrong, not only the first of it.
+// The library's broker must have a test service for the category "test", which answers
+// "echo" with the request's payload, "static_response" with "my static payload", and
+// "get_repeat_count" with its counter in decimal, which "clr_repeat_count" sets to 0 and
+// "inc_repeat_count" raises by 1, both without an answer; "event" publishes one event on
+// "test". Responses carry their request's uuid, in the order of the requests. A missing
+// one makes a blocking case wait for ever: run the module under a time limit.
 #define BOOST_TEST_DYN_LINK
 #define BOOST_TEST_MODULE testIpcInitiator
 #include <kavri/ipc.h>
@@ -29,6 +18,7 @@
 #include <unistd.h>
 
 #include <boost/test/unit_test.hpp>
+#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -37,13 +27,18 @@ using std::string;
 // How many requests a repeating case sends, and so how many must arrive.
 static const unsigned int limit = 10;
 
-// Calls of the two callbacks below. Plain integers, because a case touches its
-// counter only while no callback is installed.
+// The framework takes no lock, and a library may deliver on a thread of its own while the
+// case is still sending. So one thread at a time uses the framework: a callback takes its
+// turn for its whole body, a case has its turn except while a function of the library runs
+// and while it sleeps. A library may therefore call back on the caller's thread, make the
+// caller wait for a callback, or hold a lock of its own meanwhile: nothing deadlocks.
+static std::mutex framework;
+
+// Calls of the two callbacks below. Plain integers: only the thread whose turn it is uses them.
 unsigned int callbackCounter = 0;
 unsigned int eventCounter = 0;
 
-// Marks where a repeating case begins and ends its run. The label is formed and
-// dropped: a place to hook in a trace or a clock when a run is looked into.
+// Marks where a repeating case begins and ends: a place to hook in a trace or a clock.
 static void mark(const string& /*label*/) {}
 
 // The text before it, if any, and the number in plain decimal.
@@ -52,6 +47,10 @@ static string numbered(const char* text, unsigned long number) {
     stream << text << number;
     return stream.str();
 }
+
+// The log quotes each check and its line, by which its readers know those of the callback
+// cases. So no check is broken over lines, and those stay. NULL is quoted as "__null".
+// clang-format off
 
 // For the length of one case: a core library that is up, with logging and an initiator;
 // what a request carries unless the case says otherwise; the response received last.
@@ -63,55 +62,75 @@ struct basicInitiatorFixture {
     string uuid = "0";
     string payload = "this is my payload";
 
-    // Each is null or owns a string that the library handed out. Whatever releases one
-    // sets it to null at once.
+    // Each is null or owns a string that the library allocated.
     char* rcat = NULL;
     char* rident = NULL;
     char* ruuid = NULL;
     char* rpayload = NULL;
 
     kavri_core_logging_cookie logCookie = NULL;
+    std::unique_lock<std::mutex> turn{framework};
 
-    // Without an initiator there is nothing to try: only that ends a case at once. The
-    // destructor then does not run, so nothing is ended.
+    // Only a missing initiator ends a case at once. The destructor then does not run.
     basicInitiatorFixture() {
         BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_init());
-        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR,
-                          kavri_core_logging_init("ipcInitiatorTest", &logCookie));
-        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR,
-                          kavri_core_ipc_initiator_init(logCookie, NULL, &c));
+        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_logging_init("ipcInitiatorTest", &logCookie));
+        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_ipc_initiator_init(logCookie, NULL, &c));
         BOOST_REQUIRE(c != NULL);
     }
 
     ~basicInitiatorFixture() {
+        turn.unlock();
         kavri_core_ipc_deinit(c);
         kavri_core_logging_deinit(logCookie);
         kavri_core_deinit();
         freeResponse();
     }
 
+    // Calls a function while callbacks may take their turn.
+    template <typename Function, typename... Arguments>
+    auto outOfTurn(const Function& function, Arguments... arguments) {
+        turn.unlock();
+        const auto result = function(arguments...);
+        turn.lock();
+        return result;
+    }
+
+    // What a case calls by these names, which its checks quote, it calls out of turn.
+    template <typename... Fields>
+    kavri_core_status kavri_core_ipc_initiator_command_send(Fields... fields) {
+        return outOfTurn(::kavri_core_ipc_initiator_command_send, fields...);
+    }
+    template <typename... Variables>
+    kavri_core_status kavri_core_ipc_initiator_response_receive(Variables... variables) {
+        return outOfTurn(::kavri_core_ipc_initiator_response_receive, variables...);
+    }
+    kavri_core_status kavri_core_ipc_initiator_response_receive_callback(kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_response_callback callback, void* context) {
+        return outOfTurn(::kavri_core_ipc_initiator_response_receive_callback, initiator, callback, context);
+    }
+    kavri_core_status kavri_core_ipc_initiator_event_receive_callback(kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_event_callback callback, void* context) {
+        return outOfTurn(::kavri_core_ipc_initiator_event_receive_callback, initiator, callback, context);
+    }
+    void sleep(unsigned int seconds) { outOfTurn(::sleep, seconds); }
+
     kavri_core_status send(const char* targetIdentifier) {
-        return kavri_core_ipc_initiator_command_send(c, cat.c_str(), targetIdentifier, uuid.c_str(),
-                                                     payload.c_str());
+        return kavri_core_ipc_initiator_command_send(c, cat.c_str(), targetIdentifier, uuid.c_str(), payload.c_str());
     }
 
-    // Waits without limit unless told otherwise. The response held before must
-    // have been released: the library does not do it.
+    // Without limit unless told otherwise. What the variables held must be released before.
     kavri_core_status recv(int timeout = -1) {
-        return kavri_core_ipc_initiator_response_receive(c, timeout, &rcat, &rident, &ruuid,
-                                                         &rpayload);
+        return kavri_core_ipc_initiator_response_receive(c, timeout, &rcat, &rident, &ruuid, &rpayload);
     }
 
-    // A library may let a subscription take effect a little after the call, so
-    // the pause is part of subscribing.
+    // A library may let a subscription take effect a little after the call.
     kavri_core_status eventSubscribe(const char* category) {
-        const kavri_core_status status = kavri_core_ipc_initiator_event_subscribe(c, category);
+        const kavri_core_status status = outOfTurn(kavri_core_ipc_initiator_event_subscribe, c, category);
         usleep(10000);
         return status;
     }
 
     kavri_core_status eventUnsubscribe(const char* category) {
-        return kavri_core_ipc_initiator_event_unsubscribe(c, category);
+        return outOfTurn(kavri_core_ipc_initiator_event_unsubscribe, c, category);
     }
 
     void freeResponse() {
@@ -121,33 +140,24 @@ struct basicInitiatorFixture {
         }
     }
 
-    // The log quotes these calls; a break behind "(" would put a blank into them.
-    // clang-format off
-
     void clearBrokerRepeatCount() {
-        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR,
-            kavri_core_ipc_initiator_command_send(c, "test", "clr_repeat_count", "0", " "));
+        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_ipc_initiator_command_send(c, "test", "clr_repeat_count", "0", " "));
     }
 
-    // The service's counter; -1 when the answer has no payload. Whatever response
-    // comes first is taken for the answer.
+    // The service's counter; -1 without a payload. The first response counts as the answer.
     int getBrokerRepeatCount() {
-        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR,
-            kavri_core_ipc_initiator_command_send(c, "test", "get_repeat_count", "0", " "));
-        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR,
-            kavri_core_ipc_initiator_response_receive(c, -1, &rcat, &rident, &ruuid, &rpayload));
+        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_ipc_initiator_command_send(c, "test", "get_repeat_count", "0", " "));
+        BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_ipc_initiator_response_receive(c, -1, &rcat, &rident, &ruuid, &rpayload));
         const int count = rpayload != NULL ? static_cast<int>(strtol(rpayload, NULL, 10)) : -1;
         freeResponse();
         return count;
     }
-
-    // clang-format on
 };
 
 // Takes a response: complete, for this installation, and the next in order. Its
 // uuid is its number, so a lost, doubled or overtaken one shows.
-void dummyInitiatorReceiveCallback(char** targetCategory, char** targetIdentifier, char** uuid,
-                                   char** payload, void* context) {
+void dummyInitiatorReceiveCallback(char** targetCategory, char** targetIdentifier, char** uuid, char** payload, void* context) {
+    const std::lock_guard<std::mutex> turn(framework);
     BOOST_CHECK(targetCategory);
     BOOST_CHECK(targetIdentifier);
     BOOST_CHECK(uuid);
@@ -162,10 +172,9 @@ void dummyInitiatorReceiveCallback(char** targetCategory, char** targetIdentifie
     free(*payload);
 }
 
-// Takes an event: complete and for this installation. Events are counted, not
-// put in order.
-void dummyInitiatorEventReceiveCallback(char** targetCategory, char** targetIdentifier,
-                                        char** payload, void* context) {
+// Takes an event: complete and for this installation. Events have no order.
+void dummyInitiatorEventReceiveCallback(char** targetCategory, char** targetIdentifier, char** payload, void* context) {
+    const std::lock_guard<std::mutex> turn(framework);
     BOOST_CHECK(targetCategory);
     BOOST_CHECK(targetIdentifier);
     BOOST_CHECK(payload);
@@ -178,16 +187,14 @@ void dummyInitiatorEventReceiveCallback(char** targetCategory, char** targetIden
 
 BOOST_FIXTURE_TEST_SUITE(initiatorSend, basicInitiatorFixture)
 
-// A request is accepted although nobody need answer it, and leaves the initiator
-// fit for use. If it is answered, that answer is the one taken here for the
-// count, so the count says nothing.
+// A request is accepted although nobody need answer it, and leaves the initiator fit for
+// use. An answer to it would be taken for the count, so the count is not checked.
 BOOST_AUTO_TEST_CASE(initiatorSendPass) {
     BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, send(ident.c_str()));
     getBrokerRepeatCount();
 }
 
-// Requests that get no answer arrive nevertheless: each once, and all of them before
-// the query that is sent after them.
+// Requests without an answer arrive once each, and before the query sent after them.
 BOOST_AUTO_TEST_CASE(initiatorSendRepeat) {
     clearBrokerRepeatCount();
     BOOST_CHECK_EQUAL(0, getBrokerRepeatCount());
@@ -228,9 +235,8 @@ BOOST_AUTO_TEST_CASE(initiatorRepeatEcho) {
     mark("echoing");
 }
 
-// A receive that does not wait takes nothing until the response is there, and
-// takes it then. A response that misses all five tries is not waited for: it
-// spoils the next iteration, which shows that it came, and came late.
+// A receive that does not wait takes a response once it is there. One that misses all five
+// tries is not waited for: it spoils the next iteration, which shows that it came late.
 BOOST_AUTO_TEST_CASE(initiatorRepeatEchoNonBlocking) {
     mark("echoing non blocking");
     for (unsigned long i = 0; i < 10; ++i) {
@@ -252,13 +258,7 @@ BOOST_AUTO_TEST_CASE(initiatorRepeatEchoNonBlocking) {
     mark("echoing non blocking");
 }
 
-// Readers of the log know the checks of the callback cases by their lines, so those
-// stay where they are; and as compilers differ over which line a broken check is on,
-// none is broken from here on. NULL is what makes the log say "__null".
-// clang-format off
-
-// Responses reach an installed callback, each once and in the order of the
-// requests, with the context it was installed with.
+// Responses reach an installed callback, each once, in the order of the requests.
 BOOST_AUTO_TEST_CASE(initiatorRepeatCallback) {
     callbackCounter = 0;
     mark("callback");
