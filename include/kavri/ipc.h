@@ -23,9 +23,8 @@
  *
  * Callbacks run one at a time per initiator or responder, on a thread of the
  * library's own in which all signals are blocked. Every function may be called
- * from within a callback. While other threads send over an initiator, its
- * callbacks wait until 200 microseconds after the last send, for 2 ms at most:
- * what answers a burst is delivered together, and not against the sender.
+ * from within a callback. What has arrived is delivered at once: a response may
+ * reach the callback before the send of its request has returned.
  *
  * Time-outs are in milliseconds; 0 does not wait, -1 waits without limit.
  *
@@ -65,11 +64,12 @@ typedef struct kavri_core_ipc_options {
      * subscribe or unsubscribe for its acknowledgement, in milliseconds; 0:
      * 10000. */
     unsigned int sendTimeoutMs;
-    /* Of a responder. Not 0: what its callback sends is gathered, and leaves
-     * in one write when the library's thread has no further request at hand,
-     * or 64 KiB are together. For callbacks that are quick: an answer waits
-     * for those that come after it. A gathered message that then cannot be
-     * sent counts as lost with the connection. */
+    /* Not 0: what a callback sends is gathered, and leaves in one write when the
+     * library's thread has nothing further to deliver or waits for something,
+     * when 64 KiB are together, or ahead of whatever else is sent. For callbacks
+     * that are quick: what one sends waits for those that come after it. The order
+     * is that of the sends, gathered or not. A gathered message that then cannot
+     * be written counts as lost with the connection. */
     unsigned int gatherWrites;
 } kavri_core_ipc_options;
 

@@ -15,16 +15,13 @@
 #include <string_view>
 #include <utility>
 
+#include "core/deadline.h"
 #include "core/message.h"
 #include "interfaces/frame.h"
 #include "interfaces/spin.h"
 #include "kavri/core.h"
 
 namespace kavri::core {
-
-using Clock = std::chrono::steady_clock;
-// A moment to wait until; nothing: without limit.
-using Deadline = std::optional<Clock::time_point>;
 
 // The status of a frame; one that this library does not know is a later version's.
 inline kavri_core_status statusIn(const interfaces::Frame& frame) {

@@ -16,20 +16,12 @@ using interfaces::FrameType;
 
 namespace {
 
-// A write of this size costs as much as its bytes do, not more by its being one.
-constexpr std::size_t gatherBytes = 64 * interfaces::kibibyte;
-
 bool isWithinLimits(const Frame& frame, std::size_t payloadLimitBytes) {
     return std::all_of(frame.fields.begin(), frame.fields.end() - 1,
                        [](std::string_view field) {
                            return field.size() <= interfaces::fieldLimitBytes;
                        }) &&
            frame.fields.back().size() <= payloadLimitBytes;
-}
-
-// Worth a write of its own, without being copied.
-bool isLarge(const Frame& frame) {
-    return interfaces::encodedBytes(frame) >= interfaces::largeFrameBytes;
 }
 
 }  // namespace
@@ -72,16 +64,14 @@ bool isTimeout(int timeout) {
     return timeout >= -1;
 }
 
-Deadline deadlineAfter(int timeoutMs) {
-    if (timeoutMs < 0) {
-        return std::nullopt;
-    }
-    return Clock::now() + std::chrono::milliseconds(timeoutMs);
+CallDeadline deadlineAfter(int timeoutMs) {
+    return timeoutMs < 0 ? CallDeadline() : CallDeadline(std::chrono::milliseconds(timeoutMs));
 }
 
 kavri_core_status Endpoint::start() {
     Lock lock = acquire();
-    return connectIfNeeded(lock);
+    CallDeadline unlimited;  // but for the time that connecting may take
+    return connectIfNeeded(lock, unlimited);
 }
 
 void Endpoint::end() {
@@ -103,25 +93,26 @@ void Endpoint::end() {
     thread_.join();
 }
 
-kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
-    // Who still reads from a lost connection is about to notice; what wakes him
-    // until then must not end the making of the next.
+kavri_core_status Endpoint::connectIfNeeded(Lock& lock, CallDeadline& deadline) {
+    // The reader of a lost connection must leave first: a wake-up meant for it would abort
+    // the new handshake.
     while (connecting_ || (connection_ == nullptr && reading_)) {
-        if (deadline && Clock::now() >= *deadline) {
+        if (deadline.hasPassed()) {
             return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
         }
-        waitForOthers(lock, deadline);
+        waitForOthers(lock, deadline.at());
     }
     if (connection_ != nullptr) {
         return KAVRI_CORE_STATUS_NO_ERROR;
     }
     const Clock::time_point limit = Clock::now() + settings_.connectTimeout;
+    const Clock::time_point latest = std::min(limit, deadline.at().value_or(limit));
     connecting_ = true;
     lock.unlock();
     Connection::Opened opened;
     try {
         opened = Connection::open(settings_.address, settings_.role, settings_.servedCategory,
-                                  waker_, deadline ? std::min(limit, *deadline) : limit);
+                                  waker_, latest);
     } catch (...) {
         opened.status = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
         opened.reason = "memory or descriptors ran out";
@@ -139,139 +130,120 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, Deadline deadline) {
     return opened.status;
 }
 
-kavri_core_status Endpoint::sendFrame(Lock& lock, Frame frame) {
+kavri_core_status Endpoint::sendFrame(Lock& lock, Frame frame, CallDeadline& deadline) {
     std::size_t sent = 0;
-    return sendFrames(lock, {&frame, 1}, sent);
+    return sendFrames(lock, {&frame, 1}, nullptr, deadline, sent);
 }
 
-kavri_core_status Endpoint::sendFrames(Lock& lock, std::span<Frame> frames, std::size_t& sent) {
+kavri_core_status Endpoint::sendFrames(Lock& lock, std::span<Frame> frames,
+                                       PendingRequests* pending, CallDeadline& deadline,
+                                       std::size_t& sent) {
     bool triedAgain = false;
     while (sent < frames.size()) {
-        if (const kavri_core_status status = connectIfNeeded(lock);
-            status != KAVRI_CORE_STATUS_NO_ERROR) {
-            return status;
+        if (connection_ == nullptr) {
+            const kavri_core_status status = connectIfNeeded(lock, deadline);
+            if (status != KAVRI_CORE_STATUS_NO_ERROR) {
+                return status;
+            }
         }
-        const Pushed pushed = pushGathered(lock, frames.subspan(sent), sent);
-        // The connection turned out to be dead before anything went over it:
-        // another may be had.
-        const bool again = pushed.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST &&
-                           pushed.untouched && !triedAgain;
-        if (pushed.status != KAVRI_CORE_STATUS_NO_ERROR && !again) {
-            return pushed.status;
+        const Sent part = sendPart(lock, frames.subspan(sent), pending, deadline, sent);
+        // The connection turned out to be dead before anything went over it: another one
+        // may be had.
+        const bool again =
+            part.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST && part.untouched && !triedAgain;
+        if (part.status != KAVRI_CORE_STATUS_NO_ERROR && !again) {
+            return part.status;
         }
         triedAgain = again;
     }
     return KAVRI_CORE_STATUS_NO_ERROR;
 }
 
-kavri_core_status Endpoint::sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
-                                          Frame& frame) {
+kavri_core_status Endpoint::sendFrameOver(Lock& lock, std::uint64_t connectionNumber, Frame frame,
+                                          CallDeadline& deadline) {
     if (connection_ == nullptr || connectionNumber_ != connectionNumber) {
         return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
     }
-    return push(lock, frame).status;
+    std::size_t sent = 0;
+    return sendPart(lock, {&frame, 1}, nullptr, deadline, sent).status;
 }
 
-Endpoint::Outgoing::Outgoing(const Frame& frame) {
-    const interfaces::Header header = interfaces::encodeHeader(frame);
-    char* end = std::copy(header.begin(), header.end(), copied.begin());
-    if (interfaces::encodedBytes(frame) <= copied.size()) {
-        for (const std::string_view& field : frame.fields) {
-            end = std::copy(field.begin(), field.end(), end);
+Endpoint::Sent Endpoint::sendPart(Lock& lock, std::span<Frame> frames, PendingRequests* pending,
+                                  CallDeadline& deadline, std::size_t& sent) {
+    const std::uint64_t number = connectionNumber_;
+    while (writing_) {
+        if (deadline.hasPassed()) {
+            return {KAVRI_CORE_STATUS_IPC_OVERLOADED, true};
         }
-    } else {
-        for (const std::string_view& field : frame.fields) {
-            storage[count++] = {const_cast<char*>(field.data()), field.size()};
-        }
+        waitForOthers(lock, deadline.at());
     }
-    storage[0] = {copied.data(), static_cast<std::size_t>(end - copied.data())};
-    beginning = storage[0].iov_base;
-}
-
-Endpoint::Outgoing::Outgoing(std::string& gathered) {
-    storage[0] = {gathered.data(), gathered.size()};
-    beginning = storage[0].iov_base;
-}
-
-Endpoint::Pushed Endpoint::push(Lock& lock, Frame& frame) {
-    if (isLarge(frame)) {
-        flushGathered(lock);
-    }
-    changed_.wait(lock, [this] { return !sending_; });
-    const std::shared_ptr<Connection> connection = connection_;
-    if (connection == nullptr) {
+    if (connection_ == nullptr || connectionNumber_ != number) {
         return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, true};
     }
-    if (!isWithinLimits(frame, connection->payloadLimitBytes())) {
+    const std::size_t earlierBytes = sendBuffer_.size();
+    const Accepted accepted = accept(frames, pending, *connection_);
+    if (accepted.count == 0) {
         return {KAVRI_CORE_STATUS_IPC_TOO_LARGE, true};
     }
-    const bool isRequest = frame.type == FrameType::request;
-    if (isRequest) {
-        number(frame, 0);
+    Sent result;
+    if (accepted.large != nullptr || !gathers() || sendBuffer_.isWorthAWrite()) {
+        result = writeOut(lock, earlierBytes, accepted.large, deadline);
     }
-    Pushed pushed;
-    if (gathers() && !isLarge(frame)) {
-        gather(lock, frame);
-    } else {
-        Outgoing outgoing(frame);
-        pushed = pushBytes(lock, connection, outgoing);
+    if (result.status == KAVRI_CORE_STATUS_NO_ERROR) {
+        sent += accepted.count;
+    } else if (pending != nullptr) {
+        pending->takeBack(accepted.count);
     }
-    if (isRequest && pushed.status == KAVRI_CORE_STATUS_NO_ERROR) {
-        numbered(1);
-    }
-    return pushed;
+    return result;
 }
 
-// As many of the requests as make a good write; a large one, and one that has no
-// others behind it, goes alone and is not copied.
-Endpoint::Pushed Endpoint::pushGathered(Lock& lock, std::span<Frame> frames, std::size_t& sent) {
-    if (frames.size() == 1 || isLarge(frames.front())) {
-        const Pushed pushed = push(lock, frames.front());
-        sent += pushed.status == KAVRI_CORE_STATUS_NO_ERROR ? 1 : 0;
-        return pushed;
-    }
-    changed_.wait(lock, [this] { return !sending_; });
-    const std::shared_ptr<Connection> connection = connection_;
-    if (connection == nullptr) {
-        return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, true};
-    }
-    std::string bytes;
-    std::size_t gathered = 0;
-    for (Frame& frame : frames) {
-        if (bytes.size() >= gatherBytes || isLarge(frame) ||
-            !isWithinLimits(frame, connection->payloadLimitBytes())) {
-            break;
+// Requests are pending from before the write on: the first may be answered while the last
+// has to wait for room.
+Endpoint::Accepted Endpoint::accept(std::span<Frame> frames, PendingRequests* pending,
+                                    const Connection& connection) {
+    const std::size_t earlierBytes = sendBuffer_.size();
+    Accepted accepted;
+    try {
+        for (Frame& frame : frames) {
+            if (sendBuffer_.isWorthAWrite() || accepted.large != nullptr ||
+                !isWithinLimits(frame, connection.payloadLimitBytes())) {
+                break;
+            }
+            if (pending != nullptr) {
+                frame.token = pending->nextToken() + accepted.count;
+            }
+            accepted.large = sendBuffer_.append(frame) ? &frame : nullptr;
+            ++accepted.count;
         }
-        number(frame, gathered);
-        interfaces::appendEncoded(frame, bytes);
-        ++gathered;
+        if (pending != nullptr) {
+            pending->add(accepted.count);
+        }
+    } catch (...) {
+        sendBuffer_.truncate(earlierBytes);
+        throw;
     }
-    if (gathered == 0) {
-        return {KAVRI_CORE_STATUS_IPC_TOO_LARGE, true};
-    }
-    // Before the write: the first may be answered while the last has to wait.
-    numbered(gathered);
-    Outgoing outgoing(bytes);
-    const Pushed pushed = pushBytes(lock, connection, outgoing);
-    if (pushed.status == KAVRI_CORE_STATUS_NO_ERROR) {
-        sent += gathered;
-    } else {
-        takeBackNumbered(gathered);
-    }
-    return pushed;
+    return accepted;
 }
 
-Endpoint::Pushed Endpoint::pushBytes(Lock& lock, const std::shared_ptr<Connection>& connection,
-                                     Outgoing& outgoing) {
-    Connection::Io io = connection->write(outgoing.pieces, outgoing.count);
+// Writes the send buffer, of which `earlierBytes` are not this call's. Where nothing of
+// this call's went out, its frames are taken back.
+Endpoint::Sent Endpoint::writeOut(Lock& lock, std::size_t earlierBytes, const Frame* large,
+                                  CallDeadline& deadline) {
+    const std::shared_ptr<Connection> connection = connection_;
+    SendBuffer::Write write;
+    sendBuffer_.prepare(write, large);
+    Connection::Io io = connection->write(write.pieces, write.count);
     if (io == Connection::Io::wouldBlock) {
-        io = pushBlocked(lock, *connection, outgoing);
+        io = writeWaiting(lock, *connection, write, deadline);
     }
     if (io == Connection::Io::done) {
-        return {KAVRI_CORE_STATUS_NO_ERROR, false};
+        sendBuffer_.clear();
+        return {};
     }
-    const bool untouched = outgoing.isUntouched();
+    const bool untouched = write.written() <= earlierBytes;
     if (io == Connection::Io::wouldBlock && untouched) {
+        sendBuffer_.truncate(earlierBytes);
+        sendBuffer_.consume(write.written());
         return {KAVRI_CORE_STATUS_IPC_OVERLOADED, true};
     }
     if (connection_ == connection) {
@@ -280,48 +252,33 @@ Endpoint::Pushed Endpoint::pushBytes(Lock& lock, const std::shared_ptr<Connectio
     return {KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, untouched};
 }
 
-void Endpoint::gather(Lock& lock, const Frame& frame) {
-    interfaces::appendEncoded(frame, gathered_);
-    if (gathered_.size() >= gatherBytes) {
-        flushGathered(lock);
-    }
-}
-
-// What cannot be sent now was promised all the same: the connection then counts
-// as lost, which tells those who wait for it.
-void Endpoint::flushGathered(Lock& lock) {
-    changed_.wait(lock, [this] { return !sending_; });
-    std::string bytes = std::exchange(gathered_, {});
-    const std::shared_ptr<Connection> connection = connection_;
-    if (connection != nullptr && !bytes.empty()) {
-        Outgoing outgoing(bytes);
-        if (pushBytes(lock, connection, outgoing).status == KAVRI_CORE_STATUS_IPC_OVERLOADED) {
-            lose("the broker takes nothing");
-        }
-    }
-    bytes.clear();
-    if (gathered_.empty()) {
-        gathered_ = std::move(bytes);  // its memory serves again
-    }
-}
-
-// The broker takes nothing for now. It may be waiting for this side to take
-// something: so what arrives is read meanwhile.
-Connection::Io Endpoint::pushBlocked(Lock& lock, Connection& connection, Outgoing& outgoing) {
-    const Clock::time_point deadline = Clock::now() + settings_.sendTimeout;
-    sending_ = true;
+// The broker takes nothing for now. It may be waiting for this side to read: so what
+// arrives is read meanwhile.
+Connection::Io Endpoint::writeWaiting(Lock& lock, Connection& connection, SendBuffer::Write& write,
+                                      CallDeadline& deadline) {
+    writing_ = true;
     Connection::Io io = Connection::Io::wouldBlock;
-    while (io == Connection::Io::wouldBlock && Clock::now() < deadline) {
-        waitForRoom(lock, connection, deadline);
-        if (connection_.get() != &connection) {
-            io = Connection::Io::lost;
-            break;
-        }
-        io = connection.write(outgoing.pieces, outgoing.count);
+    while (io == Connection::Io::wouldBlock && !deadline.hasPassed()) {
+        waitForRoom(lock, connection, deadline.at());
+        io = connection_.get() == &connection ? connection.write(write.pieces, write.count)
+                                              : Connection::Io::lost;
     }
-    sending_ = false;
+    writing_ = false;
     changed_.notify_all();
     return io;
+}
+
+// Writes what callbacks have sent. What cannot be written now was accepted all the same:
+// the connection then counts as lost, which its callers learn.
+void Endpoint::flush(Lock& lock) {
+    changed_.wait(lock, [this] { return !writing_; });
+    if (connection_ == nullptr || sendBuffer_.isEmpty()) {
+        return;
+    }
+    CallDeadline deadline(settings_.sendTimeout);
+    if (writeOut(lock, 0, nullptr, deadline).status == KAVRI_CORE_STATUS_IPC_OVERLOADED) {
+        lose("the broker takes nothing");
+    }
 }
 
 void Endpoint::waitForRoom(Lock& lock, Connection& connection, Deadline deadline) {
@@ -402,7 +359,7 @@ void Endpoint::lose(std::string_view reason) {
     handleFrames();           // what has arrived counts
     connection_->shutDown();  // whoever waits for it wakes up
     connection_ = nullptr;
-    gathered_.clear();
+    sendBuffer_.clear();
     log().warning("lost the connection to the broker at " + settings_.address + ": " +
                   std::string(reason));
     connectionLost();
@@ -450,50 +407,27 @@ void Endpoint::ensureThread() {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void Endpoint::noteSend() {
-    if (thread_.joinable() && !isOwnThread()) {
-        lastSend_ = Clock::now();
-    }
-}
-
-void Endpoint::deliverAfterBurst(Lock& lock) {
-    if (lastSend_ == Clock::time_point()) {
-        deliver(lock);
-        return;
-    }
-    const Clock::time_point now = Clock::now();
-    if (!deliveryDue_) {
-        deliveryDue_ = now + interfaces::burstLimit;
-    }
-    const Clock::time_point burstEnd = std::min(lastSend_ + interfaces::burstPause, *deliveryDue_);
-    if (now < burstEnd) {
-        changed_.wait_until(lock, burstEnd);
-        return;
-    }
-    deliver(lock);
-}
-
 void Endpoint::runThread() {
     Lock lock = acquire();
     std::chrono::milliseconds pause = interfaces::firstReconnectPause;
     while (!ending_) {
+        CallDeadline unlimited;
         if (hasCallback() && becomesReady([this] { return hasDelivery(); })) {
-            deliverAfterBurst(lock);
-            continue;
-        }
-        deliveryDue_.reset();
-        if (!gathered_.empty()) {
-            flushGathered(lock);
+            deliver(lock);
+        } else if (!sendBuffer_.isEmpty()) {
+            flush(lock);
         } else if (!hasCallback()) {
             changed_.wait(lock);
         } else if (connection_ != nullptr) {
             pause = interfaces::firstReconnectPause;
-            waitUntil(lock, {}, [this] { return ending_ || hasDelivery() || !hasCallback(); });
-        } else if (connectIfNeeded(lock) != KAVRI_CORE_STATUS_NO_ERROR) {
+            waitUntil(lock, unlimited,
+                      [this] { return ending_ || hasDelivery() || !hasCallback(); });
+        } else if (connectIfNeeded(lock, unlimited) != KAVRI_CORE_STATUS_NO_ERROR) {
             changed_.wait_for(lock, pause);
             pause = std::min(pause * 2, interfaces::lastReconnectPause);
         }
     }
+    flush(lock);
 }
 
 }  // namespace kavri::core

@@ -15,7 +15,6 @@
 #ifndef KAVRI_CORE_ENDPOINT_H
 #define KAVRI_CORE_ENDPOINT_H
 
-#include <array>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -25,8 +24,11 @@
 #include <thread>
 
 #include "core/connection.h"
+#include "core/deadline.h"
 #include "core/logging.h"
 #include "core/message.h"
+#include "core/pending_requests.h"
+#include "core/send_buffer.h"
 #include "interfaces/frame.h"
 #include "kavri/ipc.h"
 
@@ -50,7 +52,7 @@ kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* opt
 
 // 0 and above in milliseconds, -1 without limit; nothing else.
 bool isTimeout(int timeout);
-Deadline deadlineAfter(int timeoutMs);
+CallDeadline deadlineAfter(int timeoutMs);
 
 // A callback, and how often it was begun and ended: whoever replaces it waits
 // until what was begun before has ended.
@@ -85,12 +87,6 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Each is called with the lock held. A large frame's payload comes in memory of
     // its own, which may be taken over.
     virtual void handleFrame(const interfaces::Frame& frame, Text& payload) = 0;
-    // The request is the one to be written after the next `ahead`; no other will be
-    // numbered before these are written. `numbered` says how many are, and
-    // `takeBackNumbered` how many of the last in the end were not.
-    virtual void number(interfaces::Frame&, std::size_t /*ahead*/) {}
-    virtual void numbered(std::size_t /*count*/) {}
-    virtual void takeBackNumbered(std::size_t /*count*/) {}
     virtual void connectionMade(Lock& lock) = 0;
     virtual void connectionLost() = 0;
     virtual bool hasCallback() const = 0;
@@ -113,23 +109,22 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Waits until `ready()`, the time is over, or there is no connection, or no
     // longer the one there was.
     template <typename Ready>
-    Wait waitUntil(Lock& lock, Deadline deadline, const Ready& ready);
+    Wait waitUntil(Lock& lock, CallDeadline& deadline, const Ready& ready);
 
-    kavri_core_status connectIfNeeded(Lock& lock, Deadline deadline = {});
+    kavri_core_status connectIfNeeded(Lock& lock, CallDeadline& deadline);
 
-    // Puts the frame into the socket. Connects before, where needed, unless the
-    // frame belongs to one connection alone.
-    kavri_core_status sendFrame(Lock& lock, interfaces::Frame frame);
-    kavri_core_status sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
-                                    interfaces::Frame& frame);
-    // Numbers requests and puts them into the socket, many with one write. How many
-    // went is in `sent`.
+    // Sends frames in order, as many with one write as make a good one, over the
+    // connection there is or a new one. `sent` rises by how many were accepted. Frames
+    // that are requests get their correlation tokens from `pending`, where they are then
+    // added; others come with null. What a callback sends may stay in the send buffer
+    // until its thread has nothing else to do; whatever is sent next leaves behind it.
     kavri_core_status sendFrames(Lock& lock, std::span<interfaces::Frame> frames,
+                                 PendingRequests* pending, CallDeadline& deadline,
                                  std::size_t& sent);
-
-    // A thread of the program's own has sent: what answers it is delivered when
-    // the burst, if it is one, is over.
-    void noteSend();
+    kavri_core_status sendFrame(Lock& lock, interfaces::Frame frame, CallDeadline& deadline);
+    // Likewise a frame that belongs to one connection alone.
+    kavri_core_status sendFrameOver(Lock& lock, std::uint64_t connectionNumber,
+                                    interfaces::Frame frame, CallDeadline& deadline);
 
     // Something changed that others may wait for.
     void announce();
@@ -153,41 +148,33 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     void readOnce(Lock& lock, Deadline deadline, bool onlyLook);
     void handleInput(Connection& connection, Connection::Io io);
     bool handleNextFrame();
-    // Bytes on their way into the socket: one frame, or several gathered ones.
-    struct Outgoing {
-        // A small frame, whole; of a larger one the header.
-        std::array<char, 4096> copied;
-        std::array<iovec, 1 + interfaces::fieldCount> storage;
-        iovec* pieces = storage.data();
-        std::size_t count = 1;
-        const void* beginning = nullptr;
-
-        explicit Outgoing(const interfaces::Frame& frame);
-        explicit Outgoing(std::string& gathered);
-        Outgoing(const Outgoing&) = delete;
-        Outgoing& operator=(const Outgoing&) = delete;
-        bool isUntouched() const { return pieces->iov_base == beginning; }
-    };
-    // What a try came to, and whether not a byte went out.
-    struct Pushed {
+    // What a try to send came to, and whether not a byte of its frames went out.
+    struct Sent {
         kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
         bool untouched = true;
     };
-    Pushed push(Lock& lock, interfaces::Frame& frame);
-    Pushed pushGathered(Lock& lock, std::span<interfaces::Frame> frames, std::size_t& sent);
-    Pushed pushBytes(Lock& lock, const std::shared_ptr<Connection>& connection, Outgoing& outgoing);
-    Connection::Io pushBlocked(Lock& lock, Connection& connection, Outgoing& outgoing);
-    // Whether what is sent now is to wait for more.
-    bool gathers() const { return settings_.gatherWrites && isOwnThread(); }
-    void gather(Lock& lock, const interfaces::Frame& frame);
-    void flushGathered(Lock& lock);
+    Sent sendPart(Lock& lock, std::span<interfaces::Frame> frames, PendingRequests* pending,
+                  CallDeadline& deadline, std::size_t& sent);
+    // Accepts into the send buffer; how many, and the last of them where it is large.
+    struct Accepted {
+        std::size_t count = 0;
+        const interfaces::Frame* large = nullptr;
+    };
+    Accepted accept(std::span<interfaces::Frame> frames, PendingRequests* pending,
+                    const Connection& connection);
+    Sent writeOut(Lock& lock, std::size_t earlierBytes, const interfaces::Frame* large,
+                  CallDeadline& deadline);
+    Connection::Io writeWaiting(Lock& lock, Connection& connection, SendBuffer::Write& write,
+                                CallDeadline& deadline);
     void waitForRoom(Lock& lock, Connection& connection, Deadline deadline);
+    // Whether what is sent now may wait for more.
+    bool gathers() const { return settings_.gatherWrites && isOwnThread(); }
+    void flush(Lock& lock);
     void lose(std::string_view reason);
     bool mayRead() const;
     bool isOwnThread() const { return thread_.get_id() == std::this_thread::get_id(); }
     void ensureThread();
     void runThread();
-    void deliverAfterBurst(Lock& lock);
 
     const Settings settings_;
     std::mutex mutex_;
@@ -196,14 +183,12 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     std::uint64_t connectionNumber_ = 0;
     Waker waker_;
     std::size_t heldBytes_ = 0;
-    std::string gathered_;
+    SendBuffer sendBuffer_;
     bool reading_ = false;
-    bool sending_ = false;
+    bool writing_ = false;  // a thread waits for room; the send buffer is its
     bool connecting_ = false;
     bool woken_ = false;
     bool ending_ = false;
-    Clock::time_point lastSend_;
-    std::optional<Clock::time_point> deliveryDue_;  // the latest moment for what waits
     std::thread thread_;
 };
 
@@ -218,7 +203,7 @@ bool Endpoint::becomesReady(const Ready& ready) {
 }
 
 template <typename Ready>
-Endpoint::Wait Endpoint::waitUntil(Lock& lock, Deadline deadline, const Ready& ready) {
+Endpoint::Wait Endpoint::waitUntil(Lock& lock, CallDeadline& deadline, const Ready& ready) {
     const std::uint64_t number = connectionNumber_;
     while (true) {
         if (becomesReady(ready)) {
@@ -227,15 +212,19 @@ Endpoint::Wait Endpoint::waitUntil(Lock& lock, Deadline deadline, const Ready& r
         if (connection_ == nullptr || connectionNumber_ != number) {
             return Wait::lost;
         }
-        const bool expired = deadline && Clock::now() >= *deadline;
+        if (!sendBuffer_.isEmpty() && isOwnThread()) {
+            flush(lock);  // what it waits for may be the answer
+            continue;
+        }
+        const bool expired = deadline.hasPassed();
         if (mayRead()) {
-            readOnce(lock, deadline, expired);
+            readOnce(lock, deadline.at(), expired);
         }
         if (expired && connection_ != nullptr) {
             return becomesReady(ready) ? Wait::ready : Wait::timedOut;
         }
         if (!mayRead() && !ready()) {
-            waitForOthers(lock, deadline);
+            waitForOthers(lock, deadline.at());
         }
     }
 }

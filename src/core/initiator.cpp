@@ -11,45 +11,31 @@ using interfaces::FrameType;
 
 kavri_core_status Initiator::send(std::span<Frame> requests, std::size_t& sent) {
     Lock lock = acquire();
-    const kavri_core_status status = sendFrames(lock, requests, sent);
-    noteSend();
-    return status;
-}
-
-void Initiator::number(Frame& frame, std::size_t ahead) {
-    frame.token = open_.nextToken() + ahead;
-}
-
-void Initiator::numbered(std::size_t written) {
-    open_.add(written);
-}
-
-void Initiator::takeBackNumbered(std::size_t count) {
-    open_.takeBack(count);
+    CallDeadline deadline(sendTimeout());
+    return sendFrames(lock, requests, &pending_, deadline, sent);
 }
 
 kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
     Lock lock = acquire();
     const auto isReady = [this] {
-        return responseCallback_.isInstalled() || !responses_.empty() || open_.hasFailureToTell();
+        return responseCallback_.isInstalled() || !responses_.empty() || pending_.hasFailure();
     };
-    // Who need not wait needs no clock.
-    const Deadline deadline = becomesReady(isReady) ? std::nullopt : deadlineAfter(timeoutMs);
+    CallDeadline deadline = deadlineAfter(timeoutMs);
     while (true) {
         const bool wasConnected = isConnected();
         const Wait wait = waitUntil(lock, deadline, isReady);
         if (responseCallback_.isInstalled()) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
         }
-        if (responses_.empty() && open_.hasFailureToTell()) {
+        if (responses_.empty() && pending_.hasFailure()) {
             handleFrames();  // an answer that is there goes first
         }
         if (!responses_.empty()) {
             fields = take(responses_);
             return KAVRI_CORE_STATUS_NO_ERROR;
         }
-        if (open_.hasFailureToTell()) {
-            return open_.takeFailure();
+        if (pending_.hasFailure()) {
+            return pending_.takeFailure();
         }
         if (wait == Wait::timedOut) {
             return KAVRI_CORE_STATUS_IPC_NO_MESSAGE;
@@ -105,10 +91,10 @@ Frame Initiator::question(FrameType type, const std::string& category, bool awai
 kavri_core_status Initiator::ask(Lock& lock, FrameType type, const std::string& category) {
     const Frame frame = question(type, category, true);
     const Question& asked = questions_.at(frame.token);
-    kavri_core_status status = sendFrame(lock, frame);
+    CallDeadline deadline(sendTimeout());
+    kavri_core_status status = sendFrame(lock, frame, deadline);
     if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-        const Wait wait = waitUntil(lock, Clock::now() + sendTimeout(),
-                                    [&asked] { return asked.answer.has_value(); });
+        const Wait wait = waitUntil(lock, deadline, [&asked] { return asked.answer.has_value(); });
         status = wait == Wait::ready  ? *asked.answer
                  : wait == Wait::lost ? KAVRI_CORE_STATUS_IPC_CONNECTION_LOST
                                       : KAVRI_CORE_STATUS_IPC_OVERLOADED;
@@ -120,12 +106,13 @@ kavri_core_status Initiator::ask(Lock& lock, FrameType type, const std::string& 
 void Initiator::connectionMade(Lock& lock) {
     const std::set<std::string, std::less<>> restored = subscriptions_;
     for (const std::string& category : restored) {
-        sendFrame(lock, question(FrameType::subscribe, category, false));
+        CallDeadline deadline(sendTimeout());
+        sendFrame(lock, question(FrameType::subscribe, category, false), deadline);
     }
 }
 
 void Initiator::connectionLost() {
-    open_.failAll(KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    pending_.failAll(KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     std::erase_if(questions_, [](const auto& entry) { return !entry.second.awaited; });
 }
 
@@ -135,10 +122,10 @@ void Initiator::handleFrame(const Frame& frame, Text& payload) {
             handleResponse(frame, payload);
             break;
         case FrameType::completion:
-            open_.close(frame.token);
+            pending_.close(frame.token);
             break;
         case FrameType::notice:
-            open_.fail(frame.token, failureIn(frame, KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
+            pending_.fail(frame.token, failureIn(frame, KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
             break;
         case FrameType::event:
             handleEvent(frame, payload);
@@ -153,7 +140,7 @@ void Initiator::handleFrame(const Frame& frame, Text& payload) {
 
 // A response to nothing that is open would be a second one.
 void Initiator::handleResponse(const Frame& frame, Text& payload) {
-    if (!open_.close(frame.token)) {
+    if (!pending_.close(frame.token)) {
         log().warning("dropped a response to a request that is not open");
         return;
     }

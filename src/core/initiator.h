@@ -9,7 +9,7 @@
 #include <string>
 
 #include "core/endpoint.h"
-#include "core/open_requests.h"
+#include "core/pending_requests.h"
 
 namespace kavri::core {
 
@@ -17,7 +17,7 @@ class Initiator : public Endpoint {
   public:
     using Endpoint::Endpoint;
 
-    // Numbers the requests and sends them; how many went is in `sent`.
+    // Gives the requests their tokens and sends them; how many were accepted is in `sent`.
     kavri_core_status send(std::span<interfaces::Frame> requests, std::size_t& sent);
     // Stores the four strings of the next response.
     kavri_core_status receive(int timeoutMs, Message::Fields& fields);
@@ -38,9 +38,6 @@ class Initiator : public Endpoint {
     bool hasDelivery() const override;
     void deliver(Lock& lock) override;
 
-    void number(interfaces::Frame& frame, std::size_t ahead) override;
-    void numbered(std::size_t written) override;
-    void takeBackNumbered(std::size_t count) override;
     void handleResponse(const interfaces::Frame& frame, Text& payload);
     void handleEvent(const interfaces::Frame& frame, Text& payload);
     void handleAcknowledgement(const interfaces::Frame& frame);
@@ -49,7 +46,7 @@ class Initiator : public Endpoint {
                                bool awaited);
     kavri_core_status ask(Lock& lock, interfaces::FrameType type, const std::string& category);
 
-    OpenRequests open_;
+    PendingRequests pending_;
     std::deque<Message> responses_;
     CallbackSlot<kavri_core_ipc_initiator_response_callback> responseCallback_;
 

@@ -10,7 +10,7 @@ using interfaces::FrameType;
 kavri_core_status Responder::receive(int timeoutMs, kavri_core_ipc_request& request,
                                      Message::Fields& fields) {
     Lock lock = acquire();
-    const Deadline deadline = deadlineAfter(timeoutMs);
+    CallDeadline deadline = deadlineAfter(timeoutMs);
     while (true) {
         const bool wasConnected = isConnected();
         const Wait wait = waitUntil(
@@ -49,7 +49,8 @@ kavri_core_status Responder::setRequestCallback(kavri_core_ipc_responder_request
 kavri_core_status Responder::finish(kavri_core_ipc_request request, Frame frame) {
     Lock lock = acquire();
     frame.token = request.token;
-    return sendFrameOver(lock, request.connection, frame);
+    CallDeadline deadline(sendTimeout());
+    return sendFrameOver(lock, request.connection, frame, deadline);
 }
 
 kavri_core_status Responder::publish(Frame event) {
@@ -58,7 +59,8 @@ kavri_core_status Responder::publish(Frame event) {
     }
     Lock lock = acquire();
     event.type = FrameType::publish;
-    return sendFrame(lock, event);
+    CallDeadline deadline(sendTimeout());
+    return sendFrame(lock, event, deadline);
 }
 
 void Responder::handleFrame(const Frame& frame, Text& payload) {

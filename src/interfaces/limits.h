@@ -65,13 +65,6 @@ inline constexpr std::size_t libraryQueueBytes = 64 * mebibyte;
 inline constexpr unsigned defaultConnectTimeoutMs = 5000;
 inline constexpr unsigned defaultSendTimeoutMs = 10000;
 
-// While the program's own threads send, callbacks wait until this long after the
-// last send, and not longer than that after the first of what is delivered: what
-// answers a burst is then delivered together, and does not run against the
-// sender, who may not have put anything in order yet.
-inline constexpr std::chrono::microseconds burstPause{200};
-inline constexpr std::chrono::microseconds burstLimit{2000};
-
 // Pauses between the library's tries to connect again on its own thread.
 inline constexpr std::chrono::milliseconds firstReconnectPause{10};
 inline constexpr std::chrono::milliseconds lastReconnectPause{1000};

@@ -1,5 +1,5 @@
-// Which failures the library tells its caller, and when.
-#define BOOST_TEST_MODULE coreOpenRequests
+// Which failures a caller receives, and when.
+#define BOOST_TEST_MODULE corePendingRequests
 
 #include <algorithm>
 #include <boost/test/unit_test.hpp>
@@ -7,9 +7,9 @@
 #include <random>
 #include <vector>
 
-#include "core/open_requests.h"
+#include "core/pending_requests.h"
 
-using kavri::core::OpenRequests;
+using kavri::core::PendingRequests;
 
 namespace {
 
@@ -17,7 +17,7 @@ constexpr auto noResponder = KAVRI_CORE_STATUS_IPC_NO_RESPONDER;
 constexpr auto lost = KAVRI_CORE_STATUS_IPC_RESPONDER_LOST;
 constexpr auto connectionLost = KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
 
-struct Requests : OpenRequests {
+struct Requests : PendingRequests {
     std::uint64_t send() {
         const std::uint64_t token = nextToken();
         add();
@@ -53,7 +53,7 @@ class NaiveRequests {
             sent_[i] = {false, std::nullopt};
         }
     }
-    bool hasFailureToTell() const { return tellable() != sent_.size(); }
+    bool hasFailure() const { return tellable() != sent_.size(); }
     kavri_core_status takeFailure() { return *std::exchange(sent_[tellable()].failure, {}); }
 
   private:
@@ -90,7 +90,7 @@ BOOST_AUTO_TEST_CASE(tokensRiseByOneFromOne) {
 }
 
 BOOST_AUTO_TEST_CASE(nothingIsToBeToldAtFirst) {
-    BOOST_TEST(!Requests().hasFailureToTell());
+    BOOST_TEST(!Requests().hasFailure());
 }
 
 BOOST_AUTO_TEST_CASE(anAnsweredRequestIsClosedOnce) {
@@ -98,7 +98,7 @@ BOOST_AUTO_TEST_CASE(anAnsweredRequestIsClosedOnce) {
     const auto token = requests.send();
     BOOST_TEST(requests.close(token));
     BOOST_TEST(!requests.close(token));
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
 }
 
 BOOST_AUTO_TEST_CASE(aTokenThatWasNeverGivenOutIsNotOpen) {
@@ -108,16 +108,16 @@ BOOST_AUTO_TEST_CASE(aTokenThatWasNeverGivenOutIsNotOpen) {
         BOOST_TEST(!requests.close(token));
         requests.fail(token, lost);
     }
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     BOOST_TEST(requests.close(1));
 }
 
 BOOST_AUTO_TEST_CASE(aFailureIsToldOnce) {
     Requests requests;
     requests.fail(requests.send(), noResponder);
-    BOOST_REQUIRE(requests.hasFailureToTell());
+    BOOST_REQUIRE(requests.hasFailure());
     BOOST_TEST(requests.takeFailure() == noResponder);
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
 }
 
 BOOST_AUTO_TEST_CASE(failuresAreToldFromTheOldestOn) {
@@ -128,7 +128,7 @@ BOOST_AUTO_TEST_CASE(failuresAreToldFromTheOldestOn) {
     requests.fail(first, noResponder);
     BOOST_TEST(requests.takeFailure() == noResponder);
     BOOST_TEST(requests.takeFailure() == lost);
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
 }
 
 BOOST_AUTO_TEST_CASE(aFailureWaitsWhileALaterRequestIsOpen) {
@@ -136,16 +136,16 @@ BOOST_AUTO_TEST_CASE(aFailureWaitsWhileALaterRequestIsOpen) {
     const auto failed = requests.send();
     const auto later = requests.send();
     requests.fail(failed, noResponder);
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     requests.close(later);
-    BOOST_TEST(requests.hasFailureToTell());
+    BOOST_TEST(requests.hasFailure());
 }
 
 BOOST_AUTO_TEST_CASE(aFailureDoesNotWaitForAnEarlierRequest) {
     Requests requests;
     const auto neverAnswered = requests.send();
     requests.fail(requests.send(), lost);
-    BOOST_TEST(requests.hasFailureToTell());
+    BOOST_TEST(requests.hasFailure());
     BOOST_TEST(requests.takeFailure() == lost);
     BOOST_TEST(requests.close(neverAnswered));
 }
@@ -158,7 +158,7 @@ BOOST_AUTO_TEST_CASE(onlyFailuresBehindTheYoungestOpenRequestAreTold) {
     requests.fail(before, noResponder);
     requests.fail(behind, lost);
     BOOST_TEST(requests.takeFailure() == lost);
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     requests.close(open);
     BOOST_TEST(requests.takeFailure() == noResponder);
 }
@@ -167,7 +167,7 @@ BOOST_AUTO_TEST_CASE(aRequestSentLaterHoldsBackAFailureNotYetTold) {
     Requests requests;
     requests.fail(requests.send(), noResponder);
     const auto later = requests.send();
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     requests.close(later);
     BOOST_TEST(requests.takeFailure() == noResponder);
 }
@@ -184,7 +184,7 @@ BOOST_AUTO_TEST_CASE(failingAllFailsWhatIsOpenAndNothingElse) {
     BOOST_TEST(requests.takeFailure() == connectionLost);
     BOOST_TEST(requests.takeFailure() == noResponder);
     BOOST_TEST(requests.takeFailure() == connectionLost);
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     BOOST_TEST(requests.nextToken() == 5U);
 }
 
@@ -203,7 +203,7 @@ BOOST_AUTO_TEST_CASE(requestsCloseInAnyOrder) {
         for (const std::uint64_t token : order) {
             BOOST_REQUIRE(!requests.close(token));
         }
-        BOOST_REQUIRE(requests.hasFailureToTell());
+        BOOST_REQUIRE(requests.hasFailure());
         BOOST_REQUIRE(requests.nextToken() == 7U);
     } while (std::ranges::next_permutation(order).found);
 }
@@ -213,9 +213,9 @@ BOOST_AUTO_TEST_CASE(severalAreAddedAtOnce) {
     requests.add(3);
     BOOST_TEST(requests.nextToken() == 4U);
     requests.fail(1, noResponder);
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     BOOST_TEST(requests.close(3));
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     BOOST_TEST(requests.close(2));
     BOOST_TEST(requests.takeFailure() == noResponder);
 }
@@ -228,7 +228,7 @@ BOOST_AUTO_TEST_CASE(whatIsTakenBackIsNeitherOpenNorToBeTold) {
     requests.fail(3, lost);  // its failure came before it was taken back
     requests.takeBack(3);
     BOOST_TEST(requests.takeFailure() == noResponder);
-    BOOST_TEST(!requests.hasFailureToTell());
+    BOOST_TEST(!requests.hasFailure());
     for (const std::uint64_t token : {2, 3, 4}) {
         BOOST_TEST(!requests.close(token));
     }
@@ -244,7 +244,7 @@ BOOST_AUTO_TEST_CASE(theOldestOfTooManyFailuresAreForgotten) {
         requests.fail(requests.send(), lost);
     }
     int told = 0;
-    for (; requests.hasFailureToTell(); ++told) {
+    for (; requests.hasFailure(); ++told) {
         BOOST_REQUIRE(requests.takeFailure() == lost);
     }
     BOOST_TEST(told == kept);
@@ -254,7 +254,7 @@ BOOST_AUTO_TEST_CASE(itAgreesWithTheNaiveOneWhateverHappens) {
     std::mt19937 random(20240501);  // NOLINT(cert-msc51-cpp): the same every time
     constexpr std::array statuses = {noResponder, lost, KAVRI_CORE_STATUS_IPC_REFUSED};
     for (int round = 0; round < 200; ++round) {
-        OpenRequests requests;
+        PendingRequests requests;
         NaiveRequests naive;
         for (int step = 0; step < 200; ++step) {
             const std::uint64_t next = naive.nextToken();
@@ -281,7 +281,7 @@ BOOST_AUTO_TEST_CASE(itAgreesWithTheNaiveOneWhateverHappens) {
                     break;
                 case 4:
                 case 5:
-                    if (naive.hasFailureToTell()) {
+                    if (naive.hasFailure()) {
                         BOOST_REQUIRE(requests.takeFailure() == naive.takeFailure());
                     }
                     break;
@@ -302,7 +302,7 @@ BOOST_AUTO_TEST_CASE(itAgreesWithTheNaiveOneWhateverHappens) {
                     break;
             }
             BOOST_REQUIRE(requests.nextToken() == naive.nextToken());
-            BOOST_REQUIRE(requests.hasFailureToTell() == naive.hasFailureToTell());
+            BOOST_REQUIRE(requests.hasFailure() == naive.hasFailure());
         }
     }
 }
