@@ -211,7 +211,7 @@ BOOST_AUTO_TEST_CASE(aCaseThatHangsIsNamedWithItsLastCheckAndTheCall) {
     BOOST_TEST(result.exit.code == 2);
     BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  timeout    4 checks"));
     checkComplaint(result.error, with(misbehavingPlace, {"kavri_core_ipc_initiator_command_send",
-                                                         "initiator", "did not return within 2."}));
+                                                         "initiator", "did not return within"}));
 }
 
 BOOST_AUTO_TEST_CASE(aHangShowsTheStacksWhereThereIsADebugger) {
@@ -229,7 +229,7 @@ BOOST_AUTO_TEST_CASE(aRunThatTakesTooLongIsEnded) {
     const ToolResult result =
         run(with(misbehaving, {"--timeout", "4"}), {{"MISBEHAVIOUR", "hang"}});
     BOOST_TEST(result.exit.code == 2);
-    checkComplaint(result.error, with(misbehavingPlace, {"4.0 s"}));
+    checkComplaint(result.error, with(misbehavingPlace, {"the 4 s were over"}));
 }
 
 BOOST_AUTO_TEST_CASE(aCaseThatCrashesIsNamedWithTheSignalAndItsLastCheck) {
