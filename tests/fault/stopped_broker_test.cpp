@@ -256,7 +256,9 @@ BOOST_AUTO_TEST_CASE(aSubscriptionThatIsNotAcknowledgedIsOverloaded) {
     BOOST_TEST(initiator.unsubscribe("test") == KAVRI_CORE_STATUS_IPC_OVERLOADED);
     BOOST_TEST((Clock::now() - begin >= 2 * timeout));
     broker.thaw();
-    BOOST_TEST(initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+    // The broker may take longer than the short timeout to get to the first try.
+    BOOST_TEST(
+        eventually([&] { return initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR; }));
     Inbox inbox;
     initiator.onEvent(Inbox::event, &inbox);
     initiator.send("test", "event", "0", "after all");

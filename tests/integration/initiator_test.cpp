@@ -226,7 +226,8 @@ BOOST_AUTO_TEST_CASE(receiveWithoutWaitingReturnsAtOnceBeforeTheBrokerAnswered) 
     const auto elapsed = Clock::now() - begin;
     BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
     BOOST_TEST(strings.areUntouched());
-    BOOST_TEST((elapsed < std::chrono::seconds(1)));
+    // Less than the shortest wait that the library has of its own, on a busy machine too.
+    BOOST_TEST((elapsed < std::chrono::milliseconds(kavri::interfaces::defaultConnectTimeoutMs)));
     broker.thaw();
     BOOST_TEST((initiator.receive().uuid == "0"));
 }
@@ -269,13 +270,14 @@ BOOST_AUTO_TEST_CASE(receiveFailsWhileCallbackInstalled) {
     Initiator initiator(address);
     Inbox inbox;
     BOOST_TEST(initiator.onResponse(Inbox::response, &inbox) == KAVRI_CORE_STATUS_NO_ERROR);
-    for (const int timeoutMs : {-1, 0, 100}) {
+    // A receive that waits would not return, or not before the longest of the timeouts.
+    for (const int timeoutMs : {-1, 0, patienceMs}) {
         Strings strings;
         const auto begin = Clock::now();
         const kavri_core_status status = kavri_core_ipc_initiator_response_receive(
             initiator.get(), timeoutMs, &strings.category, &strings.identifier, &strings.uuid,
             &strings.payload);
-        BOOST_TEST((Clock::now() - begin < std::chrono::milliseconds(100)));
+        BOOST_TEST((Clock::now() - begin < patience));
         BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_FAILED);
         BOOST_TEST(strings.areUntouched());
     }
