@@ -166,7 +166,7 @@ class MqttSubscriber {
         connection_.subscribe(eventsOf(service));
     }
 
-    void receive(EventSink& sink) { sink.event(connection_.receive(-1).payload); }
+    void receive(MessageSink& sink) { sink.deliver(connection_.receive(-1).payload); }
     void interrupt() { connection_.shutDown(); }
 
   private:
@@ -214,7 +214,7 @@ class MqttTransport : public Transport {
     }
 
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<MqttSubscriber>>(sink, place, service);
     }
 

@@ -195,9 +195,9 @@ class NatsSubscriber {
         connection_.listen(eventsOf(service));
     }
 
-    void receive(EventSink& sink) {
+    void receive(MessageSink& sink) {
         connection_.receive(event_, withoutLimitMs);
-        sink.event(event_.payload());
+        sink.deliver(event_.payload());
     }
     void interrupt() { connection_.shutDown(); }
 
@@ -240,7 +240,7 @@ class NatsTransport : public Transport {
     }
 
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<NatsSubscriber>>(sink, place, service);
     }
 
