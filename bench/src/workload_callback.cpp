@@ -1,7 +1,6 @@
 // Responses by callback: one request after the other, and a window of requests
 // kept under way, refilled from within the callback or by the client's own thread.
 #include <atomic>
-#include <stdexcept>
 #include <thread>
 
 #include "arrivals.h"
@@ -168,9 +167,6 @@ nlohmann::json inFlight(const Options& options) {
     Refill refill(session);
     refill.runFor(options.seconds * warmUpShare);
     const Rate rate = refill.runFor(options.seconds);
-    if (rate.messages == 0) {
-        throw std::runtime_error("no response came while it was measured");
-    }
     const double perSecond = static_cast<double>(rate.messages) / rate.seconds;
     return {{"messagesPerSecond", perSecond},
             {"bytesPerSecond", perSecond * static_cast<double>(options.payloadBytes)},
