@@ -53,8 +53,8 @@ class Report(unittest.TestCase):
         self.assertIn("&lt;gone&gt;", page.page(some))
 
     def judged_callbacks(self, **factors):
-        """(value, reached) of the targets by callback, whose figures are worse by these factors
-        than those by receive."""
+        """(value, reached) of the targets by callback, with kavri's figures of some cases made
+        worse by a factor."""
         some = results()
         for case, factor in factors.items():
             some.content["measurements"][case.replace("_", "-")]["kavri"] = \
@@ -71,6 +71,9 @@ class Report(unittest.TestCase):
         self.assertEqual(self.judged_callbacks(callback=0.99, callback_one_processor=1.21,
                                                callback_in_flight=1.26),
                          [(0.99, True), (1.21, False), (0.794, False)])
+        self.assertEqual(self.judged_callbacks(round_trip=2, round_trip_one_processor=0.5,
+                                               in_flight_32=0.5),
+                         [(0.5, True), (2, False), (0.5, False)])
 
     def test_two_cases_are_compared_within_a_round(self):
         some = results()

@@ -86,7 +86,7 @@ def throughput_targets():
 
 
 def callback_targets():
-    rows = [at_most(limit, f"Send to callback, over a round trip by receive{where}",
+    rows = [at_most(limit, f"Send to callback, over round trip by receive{where}",
                     (f"callback{case}", "kavri", "p50Us"), (f"round-trip{case}", "kavri", "p50Us"))
             for case, where, limit in (("", "", 1.0), ("-one-processor", ", one core", 1.2))]
     return rows + [at_least(0.8, "64 in flight by callback instead of by receive",
