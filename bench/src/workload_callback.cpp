@@ -87,7 +87,7 @@ class RefillByCallback : public MessageSink {
                 requests_.send();
             }
         } else if (requests_.sent() == check_.count()) {
-            drained_.add();
+            lastResponse_.add();
         }
     }
 
@@ -100,7 +100,7 @@ class RefillByCallback : public MessageSink {
 
     std::uint64_t drain() {
         isDraining_ = true;
-        drained_.takeAll();
+        lastResponse_.takeAll();
         return received_;
     }
 
@@ -109,7 +109,7 @@ class RefillByCallback : public MessageSink {
     PayloadCheck check_;
     std::atomic<std::uint64_t> received_ = 0;
     std::atomic<bool> isDraining_ = false;
-    Arrivals drained_;
+    Arrivals lastResponse_;
     Requests requests_;  // last: callbacks use the others until it is gone
 };
 
