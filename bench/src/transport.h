@@ -59,8 +59,7 @@ class MessageSink {
 };
 
 // One that sends requests; responses are delivered to a sink until it is
-// destroyed. One thread at a time sends, which may be the one that delivers: it
-// can send again while the send that it got the response to is still returning.
+// destroyed. One thread at a time sends, which may be the one that delivers.
 class CallbackClient {
   public:
     CallbackClient() = default;

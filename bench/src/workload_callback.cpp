@@ -1,6 +1,7 @@
 // Responses by callback: one request after the other, and a window of requests
 // kept under way, refilled from within the callback or by the client's own thread.
 #include <atomic>
+#include <latch>
 #include <thread>
 
 #include "arrivals.h"
@@ -21,8 +22,6 @@ class Requests {
         : payload_(session.options().payloadBytes),
           client_(session.transport().connectCallback(session.place(), serviceName, responses)) {}
 
-    // Touches nothing once the request is on its way: the callback may send the
-    // next one by then.
     void send() { client_->send(payload_.with({Kind::echo, sent_++, 0, 0})); }
     std::uint64_t sent() const { return sent_; }
 
@@ -77,9 +76,11 @@ class RefillByCallback : public MessageSink {
           check_(Kind::echo, session.options().payloadBytes),
           requests_(session, *this) {
         requests_.send();
+        firstSent_.count_down();
     }
 
     void deliver(std::string_view payload) override {
+        firstSent_.wait();  // that send may still be returning
         check_.next(payload);
         received_ = check_.count();
         if (!isDraining_) {
@@ -107,6 +108,7 @@ class RefillByCallback : public MessageSink {
   private:
     const std::uint64_t window_;
     PayloadCheck check_;
+    std::latch firstSent_{1};
     std::atomic<std::uint64_t> received_ = 0;
     std::atomic<bool> isDraining_ = false;
     Arrivals lastResponse_;
