@@ -155,6 +155,17 @@ def sections(results):
          figure("Bytes per second", payload_chart(results, "bytesPerSecond", "bytes per second",
                                                   "B"))])
     yield section(
+        "Responses by callback", "Requests of 32 bytes; each response is delivered on a thread of "
+        "the client library. One after the other: the time from the send to the entry of the "
+        "callback. 64 in flight: the callback sends the next request, or the client's own thread "
+        "does.",
+        [figure("Cores as the scheduler chooses", distribution_chart(results, "callback")),
+         figure("Everything on one core", distribution_chart(results, "callback-one-processor")),
+         figure("64 in flight, the callback sends: messages per second",
+                bars(results, "callback-in-flight", "messagesPerSecond")),
+         figure("64 in flight, the client's own thread sends: messages per second",
+                bars(results, "callback-in-flight-own-thread", "messagesPerSecond"))])
+    yield section(
         "Cost over number of clients", "Each initiator sends one request after the other.",
         [figure("Cost per message", clients_chart(results, "messagesPerSecond", "µs per message",
                                                   lambda rate: 1e6 / rate)),

@@ -32,6 +32,9 @@ TITLES = {
 # difference there.
 SINGLE = [name for name in TRANSPORTS if not name.endswith("-batched")]
 SEPARATE = [name for name in SINGLE if name not in ("kavri-embedded",) and "inside" not in name]
+# Whose client library delivers on a thread of its own. The relay has one that
+# reads and calls a function, which is the limit.
+CALLBACK = [name for name in SINGLE if name not in ("dbus", "zeromq", "redis")]
 EVENTS = [name for name in TRANSPORTS if name != "kavri-embedded" and "inside" not in name]
 
 
@@ -59,10 +62,19 @@ IDLE = 1000
 CASES = [
     case("round-trip", "round-trip", "Round trip, 32 B, cores as the scheduler chooses",
          "round-trip", SINGLE, "p50Us"),
+    case("callback", "callback", "Send to callback, 32 B, cores as the scheduler chooses",
+         "round-trip-by-callback", CALLBACK, "p50Us"),
     case("round-trip-one-processor", "round-trip", "Round trip, 32 B, everything on one core",
          "round-trip --one-processor", SINGLE, "p50Us"),
+    case("callback-one-processor", "callback", "Send to callback, 32 B, everything on one core",
+         "round-trip-by-callback --one-processor", CALLBACK, "p50Us"),
     case("round-trip-busy", "busy", "Round trip, 32 B, both cores busy with other work",
          "round-trip --busy 2", SEPARATE, "p50Us"),
+    case("callback-in-flight", "callback", "64 in flight by callback, which sends the next",
+         "in-flight-by-callback", CALLBACK, "messagesPerSecond"),
+    case("callback-in-flight-own-thread", "callback",
+         "64 in flight by callback, sent by the client's own thread",
+         "in-flight-by-callback --refill-by-own-thread", CALLBACK, "messagesPerSecond"),
     *[case(f"in-flight-{size}", "in-flight", f"64 in flight, {text}",
            f"in-flight --payload {size}", TRANSPORTS, "messagesPerSecond")
       for size, text in PAYLOADS.items()],

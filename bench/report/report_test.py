@@ -52,10 +52,51 @@ class Report(unittest.TestCase):
         self.assertEqual(list(some.errors()), [("round-trip", "kavri", 1, "<gone>")])
         self.assertIn("&lt;gone&gt;", page.page(some))
 
+    def judged_callbacks(self, **factors):
+        """(value, reached) of the targets by callback, with kavri's figures of some cases made
+        worse by a factor."""
+        some = results()
+        for case, factor in factors.items():
+            some.content["measurements"][case.replace("_", "-")]["kavri"] = \
+                [made_up("kavri", 0.1 * factor)] * 3
+        judged = [each for each in outcomes(some) if each.target.ours[0].startswith("callback")]
+        self.assertEqual({each.beside for each in judged}, {"itself"})
+        return [(round(each.value, 3), each.is_reached) for each in judged]
+
+    def test_a_callback_is_judged_beside_a_receive(self):
+        self.assertEqual(self.judged_callbacks(), [(1, True)] * 3)
+        self.assertEqual(self.judged_callbacks(callback=1.01, callback_one_processor=1.19,
+                                               callback_in_flight=1.24),
+                         [(1.01, False), (1.19, True), (0.806, True)])
+        self.assertEqual(self.judged_callbacks(callback=0.99, callback_one_processor=1.21,
+                                               callback_in_flight=1.26),
+                         [(0.99, True), (1.21, False), (0.794, False)])
+        self.assertEqual(self.judged_callbacks(round_trip=2, round_trip_one_processor=0.5,
+                                               in_flight_32=0.5),
+                         [(0.5, True), (2, False), (0.5, False)])
+
+    def test_two_cases_are_compared_within_a_round(self):
+        some = results()
+        some.content["measurements"]["round-trip"]["kavri"] = [
+            made_up("kavri", factor) for factor in (1, 2, 4)]
+        some.content["measurements"]["callback"]["kavri"] = [
+            made_up("kavri", factor) for factor in (3, 1, 4)]
+        outcome = next(each for each in outcomes(some) if each.target.ours[0] == "callback")
+        self.assertEqual((outcome.value, outcome.spread), (1, (0.5, 3)))
+
+    def test_callbacks_have_tables_and_charts(self):
+        some = results()
+        some.content["measurements"] = {case.name: some.content["measurements"][case.name]
+                                        for case in plan.CASES if case.group == "callback"}
+        text = tables.markdown(some)
+        self.assertIn("### Send to callback, everything on one core", text)
+        self.assertIn("| kavri, service embedded | 1.00 M/s | 1.00 M/s |", text)
+        self.assertEqual(page.page(some).count("<svg"), 4)
+
     def test_the_page_needs_nothing_from_elsewhere(self):
         text = page.page(results())
         self.assertNotIn("http", text)
-        self.assertGreaterEqual(text.count("<svg"), 14)
+        self.assertGreaterEqual(text.count("<svg"), 18)
 
     def test_what_was_not_measured_is_left_out(self):
         some = results()

@@ -48,6 +48,15 @@ SECTIONS = [
      [(text, f"in-flight-{size}", "messagesPerSecond") for size, text in PAYLOADS.items()]),
     ("64 in flight, bytes per second",
      [(text, f"in-flight-{size}", "bytesPerSecond") for size, text in PAYLOADS.items()]),
+    ("Send to callback, cores as the scheduler chooses",
+     [(title, "callback", figure) for title, figure in
+      (("p50", "p50Us"), ("p99", "p99Us"), ("p99.9", "p999Us"))]),
+    ("Send to callback, everything on one core",
+     [(title, "callback-one-processor", figure) for title, figure in
+      (("p50", "p50Us"), ("p99", "p99Us"), ("p99.9", "p999Us"))]),
+    ("64 in flight by callback, messages per second",
+     [("the callback sends", "callback-in-flight", "messagesPerSecond"),
+      ("the client's own thread sends", "callback-in-flight-own-thread", "messagesPerSecond")]),
     ("Events, deliveries per second, by subscribers",
      [(str(count), f"events-{count}", "deliveriesPerSecond") for count in SUBSCRIBERS]),
     ("Active initiators, messages per second",

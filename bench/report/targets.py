@@ -85,6 +85,15 @@ def throughput_targets():
     return rows
 
 
+def callback_targets():
+    rows = [at_most(limit, f"Send to callback, over round trip by receive{where}",
+                    (f"callback{case}", "kavri", "p50Us"), (f"round-trip{case}", "kavri", "p50Us"))
+            for case, where, limit in (("", "", 1.0), ("-one-processor", ", one core", 1.2))]
+    return rows + [at_least(0.8, "64 in flight by callback instead of by receive",
+                            ("callback-in-flight", "kavri", "messagesPerSecond"),
+                            ("in-flight-32", "kavri", "messagesPerSecond"))]
+
+
 def client_targets():
     rows = [at_most(0.75, "Connect, one round trip, close",
                     *against("connect", "p50Us", "kavri", FASTEST)),
@@ -115,7 +124,7 @@ def client_targets():
 
 
 def targets():
-    return round_trip_targets() + throughput_targets() + client_targets()
+    return round_trip_targets() + throughput_targets() + callback_targets() + client_targets()
 
 
 def outcome_of(target, results):

@@ -220,20 +220,20 @@ int answer(sd_bus_message* request, void* handler, sd_bus_error*) {
 }
 
 int takeEvent(sd_bus_message* event, void* sink, sd_bus_error*) {
-    static_cast<EventSink*>(sink)->event(payloadOf(event));
+    static_cast<MessageSink*>(sink)->deliver(payloadOf(event));
     return 0;
 }
 
 class DbusSubscriber {
   public:
-    DbusSubscriber(const Place& place, EventSink& sink) : bus_(connectTo(place)) {
+    DbusSubscriber(const Place& place, MessageSink& sink) : bus_(connectTo(place)) {
         check(sd_bus_add_match(bus_.get(), nullptr,
                                "type='signal',interface='org.kavri.Bench',member='Event'",
                                takeEvent, &sink),
               "subscribing");
     }
 
-    void receive(EventSink&) { step(bus_.get(), withoutLimit); }
+    void receive(MessageSink&) { step(bus_.get(), withoutLimit); }
     void interrupt() { ::shutdown(sd_bus_get_fd(bus_.get()), SHUT_RDWR); }
 
   private:
@@ -271,7 +271,7 @@ class DbusTransport : public Transport {
     }
 
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string&,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<DbusSubscriber>>(sink, place, sink);
     }
 

@@ -62,55 +62,70 @@ class Uuid {
     std::string text_ = std::string(uuidLength, '0');
 };
 
-kavri_core_ipc_initiator* newInitiator(const Place& place) {
-    const std::string socket = socketOf(place);
-    kavri_core_ipc_options options = optionsFor(socket, false);
-    kavri_core_ipc_initiator* initiator = nullptr;
-    check(kavri_core_ipc_initiator_init(log(), &options, &initiator), "connecting");
-    return initiator;
+class Initiator {
+  public:
+    explicit Initiator(const Place& place) {
+        const std::string socket = socketOf(place);
+        kavri_core_ipc_options options = optionsFor(socket, false);
+        check(kavri_core_ipc_initiator_init(log(), &options, &initiator_), "connecting");
+    }
+    Initiator(const Initiator&) = delete;
+    Initiator& operator=(const Initiator&) = delete;
+    // Waits for a callback under way.
+    ~Initiator() { kavri_core_ipc_deinit(initiator_); }
+
+    kavri_core_ipc_initiator* get() const { return initiator_; }
+    void send(const std::string& category, const Uuid& uuid, const std::string& payload) const {
+        check(kavri_core_ipc_initiator_command_send(initiator_, category.c_str(), identifier,
+                                                    uuid.text(), payload.c_str()),
+              "sending");
+    }
+
+  private:
+    kavri_core_ipc_initiator* initiator_ = nullptr;
+};
+
+// Compares a response's uuid with the one after `expected`, which it becomes.
+void checkOrder(std::string_view uuid, Uuid& expected) {
+    expected.next();
+    if (uuid != expected.text()) {
+        throw std::runtime_error("a response came through out of order");
+    }
 }
 
 class KavriClient : public Client {
   public:
     KavriClient(const Place& place, std::string category)
-        : category_(std::move(category)), initiator_(newInitiator(place)) {}
+        : category_(std::move(category)), initiator_(place) {}
 
-    ~KavriClient() override {
-        release();
-        kavri_core_ipc_deinit(initiator_);
-    }
+    ~KavriClient() override { release(); }
 
     void send(const std::string& payload) override {
-        check(kavri_core_ipc_initiator_command_send(initiator_, category_.c_str(), identifier,
-                                                    sent_.text(), payload.c_str()),
-              "sending");
         sent_.next();
+        initiator_.send(category_, sent_, payload);
     }
 
     void sendBatch(std::span<const std::string> payloads) override {
         uuids_.resize(std::max(uuids_.size(), payloads.size()));
         commands_.clear();
         for (std::size_t i = 0; i < payloads.size(); ++i) {
-            uuids_[i] = sent_;
             sent_.next();
+            uuids_[i] = sent_;
             commands_.push_back(
                 {category_.c_str(), identifier, uuids_[i].text(), payloads[i].c_str()});
         }
         std::size_t sent = 0;
-        check(kavri_core_ipc_initiator_command_send_batch(initiator_, commands_.data(),
+        check(kavri_core_ipc_initiator_command_send_batch(initiator_.get(), commands_.data(),
                                                           commands_.size(), &sent),
               "sending");
     }
 
     std::string_view receive() override {
         release();
-        check(kavri_core_ipc_initiator_response_receive(initiator_, patienceMs, &fields_[0],
+        check(kavri_core_ipc_initiator_response_receive(initiator_.get(), patienceMs, &fields_[0],
                                                         &fields_[1], &fields_[2], &fields_[3]),
               "receiving");
-        if (std::string_view(fields_[2]) != received_.text()) {
-            throw std::runtime_error("a response came through out of order");
-        }
-        received_.next();
+        checkOrder(fields_[2], received_);
         return fields_[3];
     }
 
@@ -122,7 +137,7 @@ class KavriClient : public Client {
     }
 
     const std::string category_;
-    kavri_core_ipc_initiator* initiator_;
+    const Initiator initiator_;
     Uuid sent_;
     Uuid received_;
     std::vector<Uuid> uuids_;
@@ -130,8 +145,42 @@ class KavriClient : public Client {
     std::array<char*, 4> fields_{};
 };
 
+class KavriCallbackClient : public CallbackClient {
+  public:
+    KavriCallbackClient(const Place& place, std::string category, MessageSink& sink)
+        : category_(std::move(category)), sink_(sink), initiator_(place) {
+        check(kavri_core_ipc_initiator_response_receive_callback(initiator_.get(), takeResponse,
+                                                                 this),
+              "installing the callback");
+    }
+
+    void send(const std::string& payload) override {
+        sent_.next();
+        initiator_.send(category_, sent_, payload);
+    }
+
+  private:
+    static void takeResponse(char** category, char** name, char** uuid, char** payload,
+                             void* context) {
+        auto& self = *static_cast<KavriCallbackClient*>(context);
+        failMeasurementOnException([&] {
+            self.sink_.deliver(*payload);
+            checkOrder(*uuid, self.received_);
+        });
+        for (char** field : {category, name, uuid, payload}) {
+            std::free(*field);
+        }
+    }
+
+    const std::string category_;
+    MessageSink& sink_;
+    Uuid sent_;
+    Uuid received_;
+    const Initiator initiator_;  // last: the callback uses the others until it is gone
+};
+
 void takeEvent(char** category, char** name, char** payload, void* context) {
-    static_cast<EventSink*>(context)->event(*payload);
+    failMeasurementOnException([&] { static_cast<MessageSink*>(context)->deliver(*payload); });
     for (char** field : {category, name, payload}) {
         std::free(*field);
     }
@@ -139,17 +188,16 @@ void takeEvent(char** category, char** name, char** payload, void* context) {
 
 class KavriSubscription : public Subscription {
   public:
-    KavriSubscription(const Place& place, const std::string& category, EventSink& sink)
-        : initiator_(newInitiator(place)) {
-        check(kavri_core_ipc_initiator_event_receive_callback(initiator_, takeEvent, &sink),
+    KavriSubscription(const Place& place, const std::string& category, MessageSink& sink)
+        : initiator_(place) {
+        check(kavri_core_ipc_initiator_event_receive_callback(initiator_.get(), takeEvent, &sink),
               "installing the callback");
-        check(kavri_core_ipc_initiator_event_subscribe(initiator_, category.c_str()),
+        check(kavri_core_ipc_initiator_event_subscribe(initiator_.get(), category.c_str()),
               "subscribing");
     }
-    ~KavriSubscription() override { kavri_core_ipc_deinit(initiator_); }
 
   private:
-    kavri_core_ipc_initiator* initiator_;
+    const Initiator initiator_;
 };
 
 // A responder at work; its callback gets this.
@@ -185,12 +233,7 @@ void answer(kavri_core_ipc_request request, char** category, char** name, char**
             char** payload, void* context) {
     const auto& server = *static_cast<const Server*>(context);
     KavriAnswers answers(server.responder, request, {*category, *name, *uuid});
-    try {
-        (*server.handler)(*payload, answers);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "kavri-bench-measure: %s\n", error.what());
-        std::_Exit(1);
-    }
+    failMeasurementOnException([&] { (*server.handler)(*payload, answers); });
     for (char** field : {category, name, uuid, payload}) {
         std::free(*field);
     }
@@ -223,8 +266,13 @@ class KavriTransport : public Transport {
         return std::make_unique<KavriClient>(place, isEmbedded_ ? "test" : service);
     }
 
+    std::unique_ptr<CallbackClient> connectCallback(const Place& place, const std::string& service,
+                                                    MessageSink& sink) const override {
+        return std::make_unique<KavriCallbackClient>(place, isEmbedded_ ? "test" : service, sink);
+    }
+
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<KavriSubscription>(place, isEmbedded_ ? "test" : service, sink);
     }
 

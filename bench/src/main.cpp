@@ -16,9 +16,15 @@ using namespace kavri::bench;
 
 nlohmann::json measure(const Options& options) {
     static const std::map<std::string, std::function<nlohmann::json(const Options&)>> workloads{
-        {"round-trip", measureRoundTrip}, {"in-flight", measureInFlight}, {"events", measureEvents},
-        {"active", measureActive},        {"connect", measureConnect},    {"idle", measureIdle},
+        {"round-trip", measureRoundTrip},
+        {"in-flight", measureInFlight},
+        {"events", measureEvents},
+        {"active", measureActive},
+        {"connect", measureConnect},
+        {"idle", measureIdle},
         {"flood", measureFlood},
+        {"round-trip-by-callback", measureRoundTripByCallback},
+        {"in-flight-by-callback", measureInFlightByCallback},
     };
     const auto found = workloads.find(options.workload);
     if (found == workloads.end()) {
@@ -38,8 +44,7 @@ int main(int argc, char** argv) {
         std::cout << measure(readOptions(argc, argv)).dump() << std::endl;
         // Threads of subscribers and libraries are still at work: ends them all.
         std::_Exit(0);
-    } catch (const std::exception& error) {
-        std::cerr << "kavri-bench-measure: " << error.what() << std::endl;
-        std::_Exit(1);
+    } catch (const std::exception& failure) {
+        failMeasurement(failure);
     }
 }

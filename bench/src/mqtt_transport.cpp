@@ -3,7 +3,8 @@
 // bench/responses/CLIENT.
 //
 // The client library is driven from the caller's own thread, which saves a
-// thread switch per message over its threaded way.
+// thread switch per message over its threaded way. Responses by callback come on
+// the library's thread, which also writes what others send.
 #include <mosquitto.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,8 +12,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <deque>
 #include <fstream>
+#include <future>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -160,13 +163,66 @@ class MqttClient : public Client {
     Connection connection_;
 };
 
+class MqttCallbackClient : public CallbackClient {
+  public:
+    MqttCallbackClient(const Place& place, const std::string& service, MessageSink& sink)
+        : name_(newName()),
+          topic_("bench/" + service + "/requests/" + name_),
+          sink_(sink),
+          client_(mosquitto_new(name_.c_str(), true, this)) {
+        mosquitto_connect_callback_set(client_, subscribe);
+        mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
+            static_cast<MqttCallbackClient*>(self)->subscribed_.set_value();
+        });
+        mosquitto_message_callback_set(client_, take);
+        check(mosquitto_connect(client_, socketOf(place).c_str(), 0, keepAliveS), "connecting");
+        check(mosquitto_loop_start(client_), "starting the library's thread");
+        if (subscribed_.get_future().wait_for(std::chrono::milliseconds(patienceMs)) !=
+            std::future_status::ready) {
+            throw std::runtime_error("subscribing took too long");
+        }
+    }
+    ~MqttCallbackClient() override {
+        mosquitto_disconnect(client_);
+        mosquitto_loop_stop(client_, false);
+        mosquitto_destroy(client_);
+    }
+
+    void send(const std::string& payload) override {
+        check(mosquitto_publish(client_, nullptr, topic_.c_str(), static_cast<int>(payload.size()),
+                                payload.data(), 0, false),
+              "sending");
+    }
+
+  private:
+    static void subscribe(mosquitto* client, void* self, int result) {
+        if (result == 0) {
+            const std::string topic = responses + static_cast<MqttCallbackClient*>(self)->name_;
+            mosquitto_subscribe(client, nullptr, topic.c_str(), 0);
+        }
+    }
+    static void take(mosquitto*, void* self, const mosquitto_message* message) {
+        failMeasurementOnException([&] {
+            static_cast<MqttCallbackClient*>(self)->sink_.deliver(
+                {static_cast<const char*>(message->payload),
+                 static_cast<std::size_t>(message->payloadlen)});
+        });
+    }
+
+    const std::string name_;
+    const std::string topic_;
+    MessageSink& sink_;
+    std::promise<void> subscribed_;
+    mosquitto* client_;
+};
+
 class MqttSubscriber {
   public:
     MqttSubscriber(const Place& place, const std::string& service) : connection_(place, newName()) {
         connection_.subscribe(eventsOf(service));
     }
 
-    void receive(EventSink& sink) { sink.event(connection_.receive(-1).payload); }
+    void receive(MessageSink& sink) { sink.deliver(connection_.receive(-1).payload); }
     void interrupt() { connection_.shutDown(); }
 
   private:
@@ -213,8 +269,13 @@ class MqttTransport : public Transport {
         return std::make_unique<MqttClient>(place, service);
     }
 
+    std::unique_ptr<CallbackClient> connectCallback(const Place& place, const std::string& service,
+                                                    MessageSink& sink) const override {
+        return std::make_unique<MqttCallbackClient>(place, service, sink);
+    }
+
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<MqttSubscriber>>(sink, place, service);
     }
 

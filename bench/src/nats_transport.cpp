@@ -4,7 +4,8 @@
 // The client library is driven from the caller's own thread through its
 // interface for event loops, which saves two thread switches per message over
 // its own threads. What is published while more input is at hand leaves with
-// the rest.
+// the rest. Responses by callback come on the library's threads, one of which
+// reads and another delivers.
 #include <nats/nats.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,6 +13,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
@@ -155,6 +157,14 @@ class Connection {
 
 constexpr int withoutLimitMs = -1;
 
+std::string newInbox() {
+    natsInbox* made = nullptr;
+    check(natsInbox_Create(&made), "making an inbox");
+    const std::string inbox = made;
+    natsInbox_Destroy(made);
+    return inbox;
+}
+
 std::string requestsOf(const std::string& service) {
     return "requests." + service;
 }
@@ -165,11 +175,7 @@ std::string eventsOf(const std::string& service) {
 class NatsClient : public Client {
   public:
     NatsClient(const Place& place, const std::string& service)
-        : connection_(place), subject_(requestsOf(service)) {
-        natsInbox* inbox = nullptr;
-        check(natsInbox_Create(&inbox), "making an inbox");
-        reply_ = inbox;
-        natsInbox_Destroy(inbox);
+        : connection_(place), subject_(requestsOf(service)), reply_(newInbox()) {
         connection_.listen(reply_);
     }
 
@@ -185,8 +191,61 @@ class NatsClient : public Client {
   private:
     Connection connection_;
     const std::string subject_;
-    std::string reply_;
+    const std::string reply_;
     Message message_;
+};
+
+class NatsCallbackClient : public CallbackClient {
+  public:
+    NatsCallbackClient(const Place& place, const std::string& service, MessageSink& sink)
+        : sink_(sink), subject_(requestsOf(service)), reply_(newInbox()) {
+        connect(place);
+        check(natsConnection_Subscribe(&subscription_, connection_, reply_.c_str(), take, this),
+              "subscribing");
+        natsSubscription_SetPendingLimits(subscription_, -1, -1);
+        check(natsSubscription_SetOnCompleteCB(subscription_, endDelivery, this), "subscribing");
+        check(natsConnection_Flush(connection_), "subscribing");
+    }
+    ~NatsCallbackClient() override {
+        natsSubscription_Unsubscribe(subscription_);
+        deliveryEnded_.get_future().wait();
+        natsSubscription_Destroy(subscription_);
+        natsConnection_Destroy(connection_);
+    }
+
+    void send(const std::string& payload) override {
+        check(natsConnection_PublishRequest(connection_, subject_.c_str(), reply_.c_str(),
+                                            payload.data(), static_cast<int>(payload.size())),
+              "sending");
+    }
+
+  private:
+    void connect(const Place& place) {
+        natsOptions* options = nullptr;
+        check(natsOptions_Create(&options), "options");
+        natsOptions_SetURL(options, addressIn(place).c_str());
+        natsOptions_SetAllowReconnect(options, false);
+        natsOptions_SetSendAsap(options, true);  // a thread that writes later would be a third
+        const natsStatus status = natsConnection_Connect(&connection_, options);
+        natsOptions_Destroy(options);
+        check(status, "connecting");
+    }
+    static void take(natsConnection*, natsSubscription*, natsMsg* message, void* self) {
+        Message taken;
+        taken.message = message;
+        failMeasurementOnException(
+            [&] { static_cast<NatsCallbackClient*>(self)->sink_.deliver(taken.payload()); });
+    }
+    static void endDelivery(void* self) {
+        static_cast<NatsCallbackClient*>(self)->deliveryEnded_.set_value();
+    }
+
+    MessageSink& sink_;
+    const std::string subject_;
+    const std::string reply_;
+    std::promise<void> deliveryEnded_;
+    natsConnection* connection_ = nullptr;
+    natsSubscription* subscription_ = nullptr;
 };
 
 class NatsSubscriber {
@@ -195,9 +254,9 @@ class NatsSubscriber {
         connection_.listen(eventsOf(service));
     }
 
-    void receive(EventSink& sink) {
+    void receive(MessageSink& sink) {
         connection_.receive(event_, withoutLimitMs);
-        sink.event(event_.payload());
+        sink.deliver(event_.payload());
     }
     void interrupt() { connection_.shutDown(); }
 
@@ -239,8 +298,13 @@ class NatsTransport : public Transport {
         return std::make_unique<NatsClient>(place, service);
     }
 
+    std::unique_ptr<CallbackClient> connectCallback(const Place& place, const std::string& service,
+                                                    MessageSink& sink) const override {
+        return std::make_unique<NatsCallbackClient>(place, service, sink);
+    }
+
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<NatsSubscriber>>(sink, place, service);
     }
 

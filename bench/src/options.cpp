@@ -85,6 +85,8 @@ void addMeasurement(CLI::App& app, Options& options) {
     command->add_option("--busy", options.busyProcesses, "Processes that use a processor each");
     command->add_flag("--one-processor", options.onOneProcessor, "Everything on one processor");
     command->add_flag("--flood-other", options.floodsOther, "The flood goes to another service");
+    command->add_flag("--refill-by-own-thread", options.refillsByOwnThread,
+                      "Callbacks do not send");
     command->add_option("--seconds", options.seconds, "Of measuring")
         ->check(CLI::Range(0.001, 3600.0));
 }

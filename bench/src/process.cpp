@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -188,6 +190,11 @@ Usage ownUsage() {
                         static_cast<std::uint64_t>(time.tv_nsec);
     usage.wakeUps = static_cast<std::uint64_t>(counted.ru_nvcsw);
     return usage;
+}
+
+void failMeasurement(const std::exception& failure) {
+    std::fprintf(stderr, "kavri-bench-measure: %s\n", failure.what());
+    std::_Exit(1);
 }
 
 void pinToOneProcessor() {

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <string>
 #include <vector>
@@ -60,6 +61,18 @@ struct Usage {
 Usage usageOf(pid_t process);
 // Of this process, at next to no cost; memory is left out.
 Usage ownUsage();
+
+// Ends this process with the reason, as main() does, for threads that have no
+// caller to throw to: neither libraries in C nor a thread's entry function.
+[[noreturn]] void failMeasurement(const std::exception& failure);
+template <typename Action>
+void failMeasurementOnException(const Action& action) noexcept {
+    try {
+        action();
+    } catch (const std::exception& failure) {
+        failMeasurement(failure);
+    }
+}
 
 // Everything from now on runs on one processor: the last that is allowed.
 void pinToOneProcessor();

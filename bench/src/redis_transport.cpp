@@ -155,8 +155,8 @@ class RedisSubscriber {
     RedisSubscriber(const Place& place, const std::string& service)
         : listener_(place, eventsOf(service)) {}
 
-    void receive(EventSink& sink) {
-        sink.event(listener_.receive([] {}));
+    void receive(MessageSink& sink) {
+        sink.deliver(listener_.receive([] {}));
     }
     void interrupt() { listener_.shutDown(); }
 
@@ -197,7 +197,7 @@ class RedisTransport : public Transport {
     }
 
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<RedisSubscriber>>(sink, place, service);
     }
 

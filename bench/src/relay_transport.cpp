@@ -2,6 +2,7 @@
 // process or inside, with one write per message or gathered.
 #include <unistd.h>
 
+#include "delivery_thread.h"
 #include "relay_stream.h"
 #include "threaded_subscription.h"
 #include "transport.h"
@@ -43,6 +44,34 @@ class RelayClient : public Client {
     const RelayHeader header_;
 };
 
+// Takes responses on the thread that delivers them, and sends on any other.
+class RelayResponses {
+  public:
+    RelayResponses(const Place& place, const std::string& service, bool spins)
+        : stream_(socketOf(place), spins), header_(headerFor(RelayKind::request, service)) {}
+
+    void send(const std::string& payload) { stream_.send(header_, payload); }
+    void receive(MessageSink& sink) { sink.deliver(stream_.receive().payload); }
+    void interrupt() { stream_.shutDown(); }
+
+  private:
+    RelayStream stream_;
+    const RelayHeader header_;
+};
+
+// What a callback costs at least: a thread that reads and calls a function.
+class RelayCallbackClient : public CallbackClient {
+  public:
+    RelayCallbackClient(const Place& place, const std::string& service, bool spins,
+                        MessageSink& sink)
+        : thread_(sink, place, service, spins) {}
+
+    void send(const std::string& payload) override { thread_.receiver().send(payload); }
+
+  private:
+    DeliveryThread<RelayResponses> thread_;
+};
+
 class RelaySubscriber {
   public:
     RelaySubscriber(const Place& place, const std::string& service, bool spins)
@@ -50,7 +79,7 @@ class RelaySubscriber {
         stream_.send(headerFor(RelayKind::subscribe, service), {});
     }
 
-    void receive(EventSink& sink) { sink.event(stream_.receive().payload); }
+    void receive(MessageSink& sink) { sink.deliver(stream_.receive().payload); }
     void interrupt() { stream_.shutDown(); }
 
   private:
@@ -101,8 +130,13 @@ class RelayTransport : public Transport {
         return std::make_unique<RelayClient>(place, service, spins_);
     }
 
+    std::unique_ptr<CallbackClient> connectCallback(const Place& place, const std::string& service,
+                                                    MessageSink& sink) const override {
+        return std::make_unique<RelayCallbackClient>(place, service, spins_, sink);
+    }
+
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<RelaySubscriber>>(sink, place, service,
                                                                        spins_);
     }

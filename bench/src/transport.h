@@ -49,11 +49,25 @@ class Client {
     virtual std::string_view receive() = 0;
 };
 
-// Receives events, on a thread of the subscription's own.
-class EventSink {
+// Receives events or responses, one at a time, on a thread that is not the
+// caller's. A message that is not the expected one is an exception, with which
+// the delivering thread ends the process.
+class MessageSink {
   public:
-    virtual ~EventSink() = default;
-    virtual void event(std::string_view payload) = 0;
+    virtual ~MessageSink() = default;
+    virtual void deliver(std::string_view payload) = 0;
+};
+
+// One that sends requests; responses are delivered to a sink until it is
+// destroyed. One thread at a time sends, which may be the one that delivers.
+class CallbackClient {
+  public:
+    CallbackClient() = default;
+    CallbackClient(const CallbackClient&) = delete;
+    CallbackClient& operator=(const CallbackClient&) = delete;
+    virtual ~CallbackClient() = default;
+
+    virtual void send(const std::string& payload) = 0;
 };
 
 // Events come until it is destroyed.
@@ -89,9 +103,13 @@ class Transport {
     virtual std::vector<std::unique_ptr<Child>> startServers(const Place& place) const = 0;
     virtual std::unique_ptr<Client> connect(const Place& place,
                                             const std::string& service) const = 0;
+    // Throws where the client library has no thread that delivers.
+    virtual std::unique_ptr<CallbackClient> connectCallback(const Place& place,
+                                                            const std::string& service,
+                                                            MessageSink& sink) const;
     // In effect, at the latest, some moments later.
     virtual std::unique_ptr<Subscription> subscribe(const Place& place, const std::string& service,
-                                                    EventSink& sink) const = 0;
+                                                    MessageSink& sink) const = 0;
     // Serves until the process is ended; calls `ready` once requests come through.
     virtual void serve(const Place& place, const std::string& service, const Handler& handler,
                        const std::function<void()>& ready) const = 0;

@@ -63,11 +63,11 @@ class Progress {
     std::uint64_t taken_ = 0;
 };
 
-class Subscriber : public EventSink {
+class Subscriber : public MessageSink {
   public:
     explicit Subscriber(Progress& progress) : progress_(progress) {}
 
-    void event(std::string_view payload) override {
+    void deliver(std::string_view payload) override {
         if (payload.front() == static_cast<char>(Kind::probe)) {
             if (!isReached_) {
                 isReached_ = true;

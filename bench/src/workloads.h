@@ -15,6 +15,10 @@ namespace kavri::bench {
 nlohmann::json measureRoundTrip(const Options& options);
 // A window of requests always under way: messages and bytes per second.
 nlohmann::json measureInFlight(const Options& options);
+// One request after the other: the time until each response's callback.
+nlohmann::json measureRoundTripByCallback(const Options& options);
+// A window of requests always under way, responses by callback.
+nlohmann::json measureInFlightByCallback(const Options& options);
 // Many subscribers to one publisher: deliveries per second.
 nlohmann::json measureEvents(const Options& options);
 // Many initiators, each with one request after the other.

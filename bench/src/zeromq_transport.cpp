@@ -135,9 +135,9 @@ class ZeromqSubscriber {
         socket_.connect(eventsOut(place.folder));
     }
 
-    void receive(EventSink& sink) {
+    void receive(MessageSink& sink) {
         if (zmq_msg_recv(event_.get(), socket_.get(), 0) >= 0) {
-            sink.event(event_.text());
+            sink.deliver(event_.text());
         } else if (zmq_errno() == ETERM) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         } else {
@@ -203,7 +203,7 @@ class ZeromqTransport : public Transport {
     }
 
     std::unique_ptr<Subscription> subscribe(const Place& place, const std::string&,
-                                            EventSink& sink) const override {
+                                            MessageSink& sink) const override {
         return std::make_unique<ThreadedSubscription<ZeromqSubscriber>>(sink, place);
     }
 
