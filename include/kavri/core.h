@@ -88,7 +88,12 @@ typedef enum kavri_core_status {
 
     /* Another responder serves the category already.
      * kavri_core_ipc_responder_init. */
-    KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN = 15
+    KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN = 15,
+
+    /* The initiator or responder belongs to the process that forked this one.
+     * Nothing was done; make a new one. All IPC functions with such an object,
+     * except those that end it. */
+    KAVRI_CORE_STATUS_IPC_OTHER_PROCESS = 16
 } kavri_core_status;
 
 /* A logging context. Opaque; one pointer wide; passed by value. */

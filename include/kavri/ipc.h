@@ -16,7 +16,11 @@
  * Lost connections. The library connects again by itself, restores
  * subscriptions and the category served, and carries on: at the next call, or,
  * while a callback is installed, on its own thread, with pauses that grow from
- * 10 ms to 1 s. Requests that were on their way have the outcome unknown.
+ * 10 ms to 1 s. After a connection that lasted less than a second, every further
+ * one is preceded by such a pause, which a call spends waiting as far as its time
+ * limit allows. Requests that were on their way have the outcome unknown. Events
+ * that were published in the meantime are missed; a connection callback, in the
+ * options, is called when that may have happened.
  *
  * Strings handed out are allocated one by one with malloc. They belong to the
  * receiver, who releases each with free.
@@ -25,6 +29,13 @@
  * library's own in which all signals are blocked. Every function may be called
  * from within a callback. What has arrived is delivered at once: a response may
  * reach the callback before the send of its request has returned.
+ *
+ * Processes. An initiator or responder belongs to the process that made it. In a
+ * child that was forked, every function of it returns IPC_OTHER_PROCESS at once
+ * and changes nothing for the parent; ending it there releases the child's copy
+ * alone. The child may make objects of its own, with a logging context of its own.
+ * Until it ends those it inherited, or executes another program, the parent's
+ * connections stay open while the child lives.
  *
  * Time-outs are in milliseconds; 0 does not wait, -1 waits without limit.
  *
@@ -48,6 +59,45 @@ extern "C" {
 typedef struct kavri_core_ipc_initiator kavri_core_ipc_initiator;
 typedef struct kavri_core_ipc_responder kavri_core_ipc_responder;
 
+/* What happened to the connection of an initiator or responder. */
+typedef enum kavri_core_ipc_connection_event {
+    /* The first connection was made; init is about to return, or has. */
+    KAVRI_CORE_IPC_CONNECTION_MADE = 0,
+    /* The connection broke: the broker ended or was killed, or it took nothing
+     * for sendTimeoutMs. Outcomes of pending requests are unknown. */
+    KAVRI_CORE_IPC_CONNECTION_BROKEN = 1,
+    /* The broker closed it and said why: what it sent was not received fast
+     * enough, a limit was reached, or the broker was stopped. */
+    KAVRI_CORE_IPC_CONNECTION_CLOSED_BY_BROKER = 2,
+    /* There is a connection again; subscriptions and the category served are in
+     * effect. Events of the time in between were missed. */
+    KAVRI_CORE_IPC_CONNECTION_RESTORED = 3
+} kavri_core_ipc_connection_event;
+
+typedef struct kavri_core_ipc_connection_change {
+    /* The size of what the library fills in: later versions add members. */
+    size_t sizeBytes;
+    kavri_core_ipc_connection_event event;
+    /* NO_ERROR; of a connection that is gone what its pending requests got, or
+     * the status that the broker gave for closing it. */
+    kavri_core_status status;
+    /* In words, at most 199 bytes; never null; the library's, for the length of
+     * the call. */
+    const char* reason;
+    /* Of a restored connection: for how long there was none, in milliseconds. */
+    uint64_t disconnectedMs;
+} kavri_core_ipc_connection_change;
+
+/*
+ * Receives one change of the connection, on the library's thread, like the other
+ * callbacks and never at the same time as one of them; all functions may be called.
+ * A change is delivered before any message of the connection that it is about;
+ * messages of the lost connection may follow its loss. Where a callback takes so
+ * long that 16 changes are waiting, the oldest is dropped.
+ */
+typedef void (*kavri_core_ipc_connection_callback)(const kavri_core_ipc_connection_change* change,
+                                                   void* context);
+
 /*
  * How to reach the broker. Fill with zeros, then set sizeBytes and what is to
  * differ from the default.
@@ -60,9 +110,9 @@ typedef struct kavri_core_ipc_options {
     /* How long init, and connecting again, may wait for the broker's welcome,
      * in milliseconds; 0: 5000. */
     unsigned int connectTimeoutMs;
-    /* How long a send may wait for a broker that takes nothing, and a
-     * subscribe or unsubscribe for its acknowledgement, in milliseconds; 0:
-     * 10000. */
+    /* How long a call that sends may take, whatever it waits for (a connection,
+     * other senders, a broker that takes nothing), and a subscribe or unsubscribe
+     * with its acknowledgement, in milliseconds; 0: 10000. */
     unsigned int sendTimeoutMs;
     /* Not 0: what a callback sends is gathered, and leaves in one write when the
      * library's thread has nothing further to deliver or waits for something,
@@ -71,6 +121,12 @@ typedef struct kavri_core_ipc_options {
      * is that of the sends, gathered or not. A gathered message that then cannot
      * be written counts as lost with the connection. */
     unsigned int gatherWrites;
+    /* Null, or called for each change of the connection from init on until the
+     * end, with connectionContext. Then the library's thread exists from the
+     * beginning, reads what arrives, and connects again by itself. A program whose
+     * options end before this member works as before. */
+    kavri_core_ipc_connection_callback connectionCallback;
+    void* connectionContext;
 } kavri_core_ipc_options;
 
 /*
@@ -117,8 +173,9 @@ kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie
 kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator);
 
 /*
- * Sends one request and returns without waiting for its response. Blocks only
- * while the broker takes nothing, for at most sendTimeoutMs. What becomes of
+ * Sends one request and returns without waiting for its response. Blocks while
+ * the broker takes nothing, while other threads are sending, and where a
+ * connection has to be made; for at most sendTimeoutMs in all. What becomes of
  * the request is told by a later receive.
  *
  * targetCategory, targetIdentifier, uuid: at most 64 KiB each. payload: at
@@ -167,10 +224,13 @@ kavri_core_status kavri_core_ipc_initiator_command_send_batch(
  * the four variables, without releasing what they held. *payload becomes null
  * where the response has none. Without NO_ERROR the variables are left alone.
  *
- * Never waits for what cannot come. A request that failed makes one receive
- * return why, once no response is waiting and no request sent after it is
- * still open; so a command that is never answered does not spoil a receive for
- * a later one.
+ * Never waits for what cannot come: for a response that was lost with its
+ * responder or connection. A request that failed makes one receive return why,
+ * once no response is waiting and no request sent after it is still open; so a
+ * command that is never answered does not spoil a receive for a later one. A
+ * request that its responder ended without an answer is no failure and ends no
+ * receive: another thread may send what will be answered, so a receive without
+ * limit goes on waiting, even where nothing is pending.
  *
  * NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a response callback is installed;
  * returned at once whatever the time-out); IPC_NO_MESSAGE (none within the

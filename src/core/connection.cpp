@@ -145,6 +145,7 @@ Connection::Refusal Connection::greet(std::string_view role, Patience patience) 
     if (refusal.status == KAVRI_CORE_STATUS_NO_ERROR) {
         readGrantedLimits(welcome[Field::payload]);
     }
+    dropFrame();
     return refusal;
 }
 
@@ -158,6 +159,7 @@ Connection::Refusal Connection::registerFor(std::string_view category, Patience 
         return refusal;
     }
     const auto status = statusIn(acknowledgement);
+    dropFrame();
     return {status, kavri_core_status_text(status)};
 }
 
@@ -289,11 +291,15 @@ Connection::Io Connection::waitAndRead(const Waker& waker, Deadline deadline) {
 }
 
 std::optional<Frame> Connection::nextFrame() {
+    if (malformed_) {
+        return std::nullopt;
+    }
     if (largeBegun_) {
-        return nextLarge();
+        return largeFilled_ < largeBytes_ ? std::nullopt
+                                          : decoded(largeHead_.data(), largePayload_.get());
     }
     const std::size_t held = end_ - begin_;
-    if (malformed_ || held < interfaces::headerBytes) {
+    if (held < interfaces::headerBytes) {
         return std::nullopt;
     }
     const char* bytes = input_.get() + begin_;
@@ -309,7 +315,7 @@ std::optional<Frame> Connection::nextFrame() {
         }
         return std::nullopt;
     }
-    begin_ += measured.frameBytes;
+    frameBytes_ = measured.frameBytes;
     return decoded(bytes);
 }
 
@@ -319,24 +325,25 @@ std::optional<Frame> Connection::decoded(const char* bytes, const char* payload)
     return frame;
 }
 
+void Connection::dropFrame() {
+    if (largeBegun_) {
+        largeBegun_ = false;
+        largeBytes_ = largeFilled_ = 0;
+        largePayload_ = nullptr;
+        return;
+    }
+    begin_ += std::exchange(frameBytes_, 0);
+}
+
 void Connection::beginLarge(interfaces::Extent extent) {
     const char* const bytes = input_.get() + begin_;
-    largePayload_ = newText(extent.payloadBytes);
     largeHead_.assign(bytes, extent.headBytes);
+    largePayload_ = newText(extent.payloadBytes);
     largeBytes_ = extent.payloadBytes;
     largeFilled_ = end_ - begin_ - extent.headBytes;
     std::memcpy(largePayload_.get(), bytes + extent.headBytes, largeFilled_);
     largeBegun_ = true;
     begin_ = end_;
-}
-
-std::optional<Frame> Connection::nextLarge() {
-    if (largeFilled_ < largeBytes_) {
-        return std::nullopt;
-    }
-    largeBegun_ = false;
-    largeBytes_ = largeFilled_ = 0;
-    return decoded(largeHead_.data(), largePayload_.get());
 }
 
 Connection::Io Connection::write(iovec*& pieces, std::size_t& count) {

@@ -81,12 +81,13 @@ class Connection {
     // Likewise, after waiting until something arrives, the waker is woken or the
     // time is over. Tries again for a moment before it sleeps.
     Io waitAndRead(const Waker& waker, Deadline deadline);
-    // The next whole frame of what was taken in, valid until the next read.
-    // After malformed bytes there is none, and reading says that the connection
-    // is lost.
+    // The next whole frame of what was taken in, the same one until it is dropped, valid
+    // until the next read. After malformed bytes there is none, and reading says that the
+    // connection is lost.
     std::optional<interfaces::Frame> nextFrame();
-    // The memory of that frame's payload, where it has some of its own, to keep.
-    Text takeLargePayload() { return std::exchange(largePayload_, nullptr); }
+    // The memory of that frame's payload, where it has some of its own; may be moved from.
+    Text& largePayload() { return largePayload_; }
+    void dropFrame();
 
     // Writes the pieces as far as the socket takes them, and shortens them by
     // what it took. `done` when nothing is left.
@@ -113,13 +114,13 @@ class Connection {
     };
     Refusal greet(std::string_view role, Patience patience);
     Refusal registerFor(std::string_view category, Patience patience);
+    // The answer is the next frame, for the caller to drop.
     Refusal exchange(const interfaces::Frame& frame, interfaces::FrameType expected,
                      Patience patience, interfaces::Frame& answer);
     void readGrantedLimits(std::string_view text);
     void makeRoom();
     ssize_t readSome();
     void beginLarge(interfaces::Extent extent);
-    std::optional<interfaces::Frame> nextLarge();
     std::optional<interfaces::Frame> decoded(const char* bytes, const char* payload = nullptr);
 
     const int descriptor_;
@@ -133,6 +134,7 @@ class Connection {
     std::size_t capacity_ = 0;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
+    std::size_t frameBytes_ = 0;  // of the next frame, once it is decoded; 0 for a large one
     bool malformed_ = false;
 
     // A large frame that is coming in: its payload goes straight to where its

@@ -3,6 +3,10 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <exception>
+#include <vector>
 
 #include "core/lifecycle.h"
 #include "interfaces/address.h"
@@ -15,6 +19,9 @@ using interfaces::Frame;
 using interfaces::FrameType;
 
 namespace {
+
+// The options of a program that knows no connection callback.
+constexpr std::size_t smallestOptionsBytes = offsetof(kavri_core_ipc_options, connectionCallback);
 
 bool isWithinLimits(const Frame& frame, std::size_t payloadLimitBytes) {
     return std::all_of(frame.fields.begin(), frame.fields.end() - 1,
@@ -34,20 +41,24 @@ kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* opt
     kavri_core_ipc_options given{};
     if (options != nullptr) {
         const auto* chosen = static_cast<const kavri_core_ipc_options*>(options);
-        if (chosen->sizeBytes < sizeof given) {
+        if (chosen->sizeBytes < smallestOptionsBytes) {
             return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
         }
-        given = *chosen;
+        const bool isComplete = chosen->sizeBytes >= sizeof given;
+        std::memcpy(&given, chosen, isComplete ? sizeof given : smallestOptionsBytes);
+        if (given.connectionCallback == nullptr && given.connectionContext != nullptr) {
+            return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+        }
     }
     settings.log = cookie != nullptr ? cookie->log : std::make_shared<Log>("kavri");
     if (given.brokerAddress != nullptr && *given.brokerAddress == '\0') {
-        settings.log->info("the broker's address in the options is empty");
+        settings.log->info({"the broker's address in the options is empty"});
         return KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID;
     }
     settings.address =
         interfaces::brokerAddress(given.brokerAddress != nullptr ? given.brokerAddress : "");
     if (const auto error = interfaces::addressError(settings.address)) {
-        settings.log->info("cannot use the broker's address: " + *error);
+        settings.log->info({"cannot use the broker's address: ", *error});
         return KAVRI_CORE_STATUS_IPC_ADDRESS_INVALID;
     }
     const auto orDefault = [](unsigned chosen, unsigned otherwise) {
@@ -57,6 +68,8 @@ kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* opt
         orDefault(given.connectTimeoutMs, interfaces::defaultConnectTimeoutMs);
     settings.sendTimeout = orDefault(given.sendTimeoutMs, interfaces::defaultSendTimeoutMs);
     settings.gatherWrites = given.gatherWrites != 0;
+    settings.connectionCallback = given.connectionCallback;
+    settings.connectionContext = given.connectionContext;
     return KAVRI_CORE_STATUS_NO_ERROR;
 }
 
@@ -68,18 +81,28 @@ CallDeadline deadlineAfter(int timeoutMs) {
     return timeoutMs < 0 ? CallDeadline() : CallDeadline(std::chrono::milliseconds(timeoutMs));
 }
 
+Endpoint::Endpoint(Settings settings) : settings_(std::move(settings)) {
+    connectionCallback_.function = settings_.connectionCallback;
+    connectionCallback_.context = settings_.connectionContext;
+}
+
 kavri_core_status Endpoint::start() {
     Lock lock = acquire();
-    CallDeadline unlimited;  // but for the time that connecting may take
-    return connectIfNeeded(lock, unlimited);
+    CallDeadline unlimited;  // except for the time that connecting may take
+    const kavri_core_status status = connectIfNeeded(lock, unlimited);
+    if (status == KAVRI_CORE_STATUS_NO_ERROR && connectionCallback_.isInstalled()) {
+        ensureThread();
+    }
+    return status;
 }
 
 void Endpoint::end() {
     Lock lock = acquire();
     ending_ = true;
+    connectionCallback_.function = nullptr;
     removeCallbacks();
     if (connecting_) {
-        waker_.wake();  // for good: there is nothing left to wait for
+        waker_->wake();  // for good: there is nothing left to wait for
     }
     announce();
     if (!thread_.joinable()) {
@@ -93,14 +116,34 @@ void Endpoint::end() {
     thread_.join();
 }
 
+void Endpoint::abandon(std::shared_ptr<Endpoint> copy) {
+    // Reachable for good, and never destroyed.
+    static auto& abandoned = *new std::vector<std::shared_ptr<Endpoint>>;
+    Endpoint& endpoint = *abandoned.emplace_back(std::move(copy));
+    // Where a thread of the parent was at work when it forked, what it was changing may
+    // be half changed.
+    if (endpoint.mutex_.try_lock()) {
+        endpoint.connection_ = nullptr;
+        endpoint.waker_.reset();
+        endpoint.dropMessages();
+        endpoint.mutex_.unlock();
+    }
+}
+
+// Whether there is nothing to wait for before a connection is made. The reader of a lost
+// one must leave first: a wake-up meant for it would abort the new handshake.
+bool Endpoint::mayConnect() const {
+    return !connecting_ && !reading_ && Clock::now() >= reconnectPause_.notBefore();
+}
+
 kavri_core_status Endpoint::connectIfNeeded(Lock& lock, CallDeadline& deadline) {
-    // The reader of a lost connection must leave first: a wake-up meant for it would abort
-    // the new handshake.
-    while (connecting_ || (connection_ == nullptr && reading_)) {
-        if (deadline.hasPassed()) {
+    while (connection_ == nullptr && !mayConnect()) {
+        if (deadline.hasPassed() || ending_) {
             return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
         }
-        waitForOthers(lock, deadline.at());
+        const bool pauses = !connecting_ && !reading_;
+        const Clock::time_point end = reconnectPause_.notBefore();
+        waitForOthers(lock, pauses ? std::min(deadline.at().value_or(end), end) : deadline.at());
     }
     if (connection_ != nullptr) {
         return KAVRI_CORE_STATUS_NO_ERROR;
@@ -112,7 +155,7 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, CallDeadline& deadline) 
     Connection::Opened opened;
     try {
         opened = Connection::open(settings_.address, settings_.role, settings_.servedCategory,
-                                  waker_, latest);
+                                  *waker_, latest);
     } catch (...) {
         opened.status = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
         opened.reason = "memory or descriptors ran out";
@@ -121,10 +164,26 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, CallDeadline& deadline) 
     connecting_ = false;
     if (opened.connection != nullptr) {
         connection_ = std::move(opened.connection);
-        ++connectionNumber_;
-        connectionMade(lock);
+        const bool isFirst = connectionNumber_++ == 0;
+        const Clock::time_point now = Clock::now();
+        reconnectPause_.connected(now);
+        goodbye_.reset();
+        const auto disconnected = std::chrono::ceil<std::chrono::milliseconds>(now - lostAt_);
+        change(isFirst
+                   ? ConnectionChange(KAVRI_CORE_IPC_CONNECTION_MADE, KAVRI_CORE_STATUS_NO_ERROR,
+                                      "connected")
+                   : ConnectionChange(KAVRI_CORE_IPC_CONNECTION_RESTORED,
+                                      KAVRI_CORE_STATUS_NO_ERROR, "connected again", disconnected));
+        try {
+            connectionMade(lock);
+        } catch (const std::bad_alloc&) {
+            opened.status = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
+            if (connection_ != nullptr) {
+                lose("memory ran out while the subscriptions were restored");
+            }
+        }
     } else if (!ending_) {
-        log().info("no connection to the broker at " + settings_.address + ": " + opened.reason);
+        log().info({"no connection to the broker at ", settings_.address, ": ", opened.reason});
     }
     announce();
     return opened.status;
@@ -257,7 +316,7 @@ Endpoint::Sent Endpoint::writeOut(Lock& lock, std::size_t earlierBytes, const Fr
 Connection::Io Endpoint::writeWaiting(Lock& lock, Connection& connection, SendBuffer::Write& write,
                                       CallDeadline& deadline) {
     writing_ = true;
-    Connection::Io io = Connection::Io::wouldBlock;
+    auto io = Connection::Io::wouldBlock;
     while (io == Connection::Io::wouldBlock && !deadline.hasPassed()) {
         waitForRoom(lock, connection, deadline.at());
         io = connection_.get() == &connection ? connection.write(write.pieces, write.count)
@@ -282,12 +341,22 @@ void Endpoint::flush(Lock& lock) {
 }
 
 void Endpoint::waitForRoom(Lock& lock, Connection& connection, Deadline deadline) {
-    handleFrames();  // makes room for more
-    const bool reads = mayRead();
+    bool reads = false;
+    try {
+        handleFrames();  // makes room for more
+        reads = mayRead();
+    } catch (const std::bad_alloc&) {
+        // The frame stays where it is; there may be memory for it later.
+    }
     reading_ = reading_ || reads;
     lock.unlock();
-    connection.waitToWrite(waker_, reads, deadline);
-    const Connection::Io io = reads ? connection.read() : Connection::Io::wouldBlock;
+    connection.waitToWrite(*waker_, reads, deadline);
+    auto io = Connection::Io::wouldBlock;
+    try {
+        io = reads ? connection.read() : io;
+    } catch (const std::bad_alloc&) {
+        std::this_thread::yield();  // what arrived stays in the socket until there is memory
+    }
     lock.lock();
     if (reads) {
         handleInput(connection, io);
@@ -312,17 +381,25 @@ void Endpoint::readOnce(Lock& lock, Deadline deadline, bool onlyLook) {
     const std::shared_ptr<Connection> connection = connection_;
     reading_ = true;
     lock.unlock();
-    const Connection::Io io =
-        onlyLook ? connection->read() : connection->waitAndRead(waker_, deadline);
+    auto io = Connection::Io::wouldBlock;
+    std::exception_ptr failure;
+    try {
+        io = onlyLook ? connection->read() : connection->waitAndRead(*waker_, deadline);
+    } catch (...) {
+        failure = std::current_exception();
+    }
     lock.lock();
     handleInput(*connection, io);
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
 }
 
 // The end of a turn at reading: lets others read, and handle what came.
 void Endpoint::handleInput(Connection& connection, Connection::Io io) {
     reading_ = false;
     if (woken_) {
-        waker_.reset();
+        waker_->reset();
         woken_ = false;
     }
     if (io == Connection::Io::lost && connection_.get() == &connection) {
@@ -331,7 +408,8 @@ void Endpoint::handleInput(Connection& connection, Connection::Io io) {
     changed_.notify_all();
 }
 
-// The next frame of what has arrived; false when there is none.
+// The next frame of what has arrived; false when there is none. After an exception the
+// frame is still the next.
 bool Endpoint::handleNextFrame() {
     if (connection_ == nullptr || reading_) {
         return false;
@@ -341,11 +419,12 @@ bool Endpoint::handleNextFrame() {
         return false;
     }
     if (frame->type == FrameType::goodbye) {
-        log().info("the broker says goodbye: " + std::string((*frame)[Field::payload]));
+        goodbye_ = (*frame)[Field::payload];
+        goodbyeStatus_ = failureIn(*frame, KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     } else {
-        Text payload = connection_->takeLargePayload();
-        handleFrame(*frame, payload);
+        handleFrame(*frame, connection_->largePayload());
     }
+    connection_->dropFrame();
     changed_.notify_all();
     return true;
 }
@@ -356,20 +435,49 @@ void Endpoint::handleFrames() {
 }
 
 void Endpoint::lose(std::string_view reason) {
-    handleFrames();           // what has arrived counts
-    connection_->shutDown();  // whoever waits for it wakes up
+    try {
+        handleFrames();  // what has arrived counts
+    } catch (const std::bad_alloc&) {
+        // The outcome of what could not be stored is unknown, like that of the rest.
+    }
+    connection_->shutDown();  // its other waiters wake up
     connection_ = nullptr;
     sendBuffer_.clear();
-    log().warning("lost the connection to the broker at " + settings_.address + ": " +
-                  std::string(reason));
+    lostAt_ = Clock::now();
+    reconnectPause_.lost(lostAt_);
     connectionLost();
+    reportLoss(reason);
     changed_.notify_all();
+}
+
+void Endpoint::reportLoss(std::string_view reason) {
+    log().warning({"lost the connection to the broker at ", settings_.address, ": ",
+                   goodbye_ ? std::string_view(*goodbye_) : reason});
+    change(goodbye_ ? ConnectionChange(KAVRI_CORE_IPC_CONNECTION_CLOSED_BY_BROKER, goodbyeStatus_,
+                                       *goodbye_)
+                    : ConnectionChange(KAVRI_CORE_IPC_CONNECTION_BROKEN,
+                                       KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, reason));
+}
+
+void Endpoint::change(const ConnectionChange& what) {
+    if (connectionCallback_.isInstalled()) {
+        changes_.add(what);
+    }
+}
+
+void Endpoint::deliverChange(Lock& lock) {
+    const ConnectionChange next = changes_.take();
+    const kavri_core_ipc_connection_change given{
+        sizeof given, next.event, next.status, next.reason.data(),
+        static_cast<std::uint64_t>(next.disconnected.count())};
+    invoke(lock, connectionCallback_,
+           [&given](auto* callback, void* context) { callback(&given, context); });
 }
 
 void Endpoint::announce() {
     if (reading_ && !woken_) {
         woken_ = true;
-        waker_.wake();
+        waker_->wake();
     }
     changed_.notify_all();
 }
@@ -411,23 +519,36 @@ void Endpoint::runThread() {
     Lock lock = acquire();
     std::chrono::milliseconds pause = interfaces::firstReconnectPause;
     while (!ending_) {
-        CallDeadline unlimited;
-        if (hasCallback() && becomesReady([this] { return hasDelivery(); })) {
-            deliver(lock);
-        } else if (!sendBuffer_.isEmpty()) {
-            flush(lock);
-        } else if (!hasCallback()) {
-            changed_.wait(lock);
-        } else if (connection_ != nullptr) {
-            pause = interfaces::firstReconnectPause;
-            waitUntil(lock, unlimited,
-                      [this] { return ending_ || hasDelivery() || !hasCallback(); });
-        } else if (connectIfNeeded(lock, unlimited) != KAVRI_CORE_STATUS_NO_ERROR) {
-            changed_.wait_for(lock, pause);
-            pause = std::min(pause * 2, interfaces::lastReconnectPause);
+        try {
+            runThreadOnce(lock, pause);
+        } catch (const std::bad_alloc&) {
+            // Nothing is lost: what could not be stored is still the next. There may be
+            // memory again shortly.
+            changed_.wait_for(lock, interfaces::firstReconnectPause);
         }
     }
     flush(lock);
+}
+
+void Endpoint::runThreadOnce(Lock& lock, std::chrono::milliseconds& pause) {
+    const auto hasWork = [this] { return !changes_.isEmpty() || hasDelivery(); };
+    const bool reads = connectionCallback_.isInstalled() || hasCallback();
+    CallDeadline unlimited;
+    if (reads && becomesReady(hasWork)) {
+        changes_.isEmpty() ? deliver(lock) : deliverChange(lock);
+    } else if (!sendBuffer_.isEmpty()) {
+        flush(lock);
+    } else if (!reads) {
+        changed_.wait(lock);
+    } else if (connection_ != nullptr) {
+        pause = interfaces::firstReconnectPause;
+        waitUntil(lock, unlimited, [&] {
+            return ending_ || hasWork() || !(connectionCallback_.isInstalled() || hasCallback());
+        });
+    } else if (connectIfNeeded(lock, unlimited) != KAVRI_CORE_STATUS_NO_ERROR) {
+        changed_.wait_for(lock, pause);
+        pause = std::min(pause * 2, interfaces::lastReconnectPause);
+    }
 }
 
 }  // namespace kavri::core

@@ -24,10 +24,13 @@
 #include <thread>
 
 #include "core/connection.h"
+#include "core/connection_changes.h"
 #include "core/deadline.h"
 #include "core/logging.h"
 #include "core/message.h"
 #include "core/pending_requests.h"
+#include "core/process_generation.h"
+#include "core/reconnect_pause.h"
 #include "core/send_buffer.h"
 #include "interfaces/frame.h"
 #include "kavri/ipc.h"
@@ -42,6 +45,8 @@ struct Settings {
     std::chrono::milliseconds connectTimeout{};
     std::chrono::milliseconds sendTimeout{};
     bool gatherWrites = false;  // of what a callback sends
+    kavri_core_ipc_connection_callback connectionCallback = nullptr;
+    void* connectionContext = nullptr;
     std::shared_ptr<Log> log;
 };
 
@@ -68,7 +73,7 @@ struct CallbackSlot {
 
 class Endpoint : public std::enable_shared_from_this<Endpoint> {
   public:
-    explicit Endpoint(Settings settings) : settings_(std::move(settings)) {}
+    explicit Endpoint(Settings settings);
     Endpoint(const Endpoint&) = delete;
     Endpoint& operator=(const Endpoint&) = delete;
     virtual ~Endpoint() = default;
@@ -80,6 +85,12 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // thread ends when that returns.
     void end();
 
+    // Whether this process only has a copy of an endpoint of the one that forked it.
+    bool isInherited() const { return generation_ != processGeneration(); }
+    // Of such a copy, in place of its end: releases what it holds, and keeps the rest for
+    // good, since what waits in its lock and its condition are threads of the parent.
+    static void abandon(std::shared_ptr<Endpoint> copy);
+
   protected:
     using Lock = std::unique_lock<std::mutex>;
     enum class Wait { ready, timedOut, lost };
@@ -87,10 +98,13 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Each is called with the lock held. A large frame's payload comes in memory of
     // its own, which may be taken over.
     virtual void handleFrame(const interfaces::Frame& frame, Text& payload) = 0;
+    // May send over the new connection alone; it may be lost again on return.
     virtual void connectionMade(Lock& lock) = 0;
     virtual void connectionLost() = 0;
     virtual bool hasCallback() const = 0;
     virtual void removeCallbacks() = 0;
+    // Drops the messages that nobody has received.
+    virtual void dropMessages() = 0;
     // Whether something waits for a callback that is installed.
     virtual bool hasDelivery() const = 0;
     // Calls the callback for it, without the lock.
@@ -170,18 +184,30 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Whether what is sent now may wait for more.
     bool gathers() const { return settings_.gatherWrites && isOwnThread(); }
     void flush(Lock& lock);
+    bool mayConnect() const;
     void lose(std::string_view reason);
+    void reportLoss(std::string_view reason);
+    void change(const ConnectionChange& what);
+    void deliverChange(Lock& lock);
     bool mayRead() const;
     bool isOwnThread() const { return thread_.get_id() == std::this_thread::get_id(); }
     void ensureThread();
     void runThread();
+    void runThreadOnce(Lock& lock, std::chrono::milliseconds& pause);
 
     const Settings settings_;
+    const unsigned generation_ = processGeneration();
     std::mutex mutex_;
     std::condition_variable changed_;
     std::shared_ptr<Connection> connection_;
     std::uint64_t connectionNumber_ = 0;
-    Waker waker_;
+    std::optional<Waker> waker_{std::in_place};
+    ReconnectPause reconnectPause_;
+    Clock::time_point lostAt_;
+    kavri_core_status goodbyeStatus_ = KAVRI_CORE_STATUS_NO_ERROR;
+    std::optional<std::string> goodbye_;  // why the broker is closing the connection
+    ConnectionChanges changes_;
+    CallbackSlot<kavri_core_ipc_connection_callback> connectionCallback_;
     std::size_t heldBytes_ = 0;
     SendBuffer sendBuffer_;
     bool reading_ = false;

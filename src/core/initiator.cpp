@@ -90,24 +90,36 @@ Frame Initiator::question(FrameType type, const std::string& category, bool awai
 
 kavri_core_status Initiator::ask(Lock& lock, FrameType type, const std::string& category) {
     const Frame frame = question(type, category, true);
-    const Question& asked = questions_.at(frame.token);
-    CallDeadline deadline(sendTimeout());
-    kavri_core_status status = sendFrame(lock, frame, deadline);
-    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-        const Wait wait = waitUntil(lock, deadline, [&asked] { return asked.answer.has_value(); });
-        status = wait == Wait::ready  ? *asked.answer
-                 : wait == Wait::lost ? KAVRI_CORE_STATUS_IPC_CONNECTION_LOST
-                                      : KAVRI_CORE_STATUS_IPC_OVERLOADED;
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    try {
+        status = awaitAnswer(lock, frame);
+    } catch (...) {
+        questions_.erase(frame.token);
+        throw;
     }
     questions_.erase(frame.token);
     return status;
 }
 
+kavri_core_status Initiator::awaitAnswer(Lock& lock, const Frame& frame) {
+    const Question& asked = questions_.at(frame.token);
+    CallDeadline deadline(sendTimeout());
+    const kavri_core_status status = sendFrame(lock, frame, deadline);
+    if (status != KAVRI_CORE_STATUS_NO_ERROR) {
+        return status;
+    }
+    const Wait wait = waitUntil(lock, deadline, [&asked] { return asked.answer.has_value(); });
+    return wait == Wait::ready  ? *asked.answer
+           : wait == Wait::lost ? KAVRI_CORE_STATUS_IPC_CONNECTION_LOST
+                                : KAVRI_CORE_STATUS_IPC_OVERLOADED;
+}
+
 void Initiator::connectionMade(Lock& lock) {
+    const std::uint64_t connection = connectionNumber();
     const std::set<std::string, std::less<>> restored = subscriptions_;
+    CallDeadline deadline(sendTimeout());
     for (const std::string& category : restored) {
-        CallDeadline deadline(sendTimeout());
-        sendFrame(lock, question(FrameType::subscribe, category, false), deadline);
+        sendFrameOver(lock, connection, question(FrameType::subscribe, category, false), deadline);
     }
 }
 
@@ -138,19 +150,21 @@ void Initiator::handleFrame(const Frame& frame, Text& payload) {
     }
 }
 
-// A response to nothing that is open would be a second one.
+// A response to nothing that is pending would be a second one. The request ends only once
+// its response is stored.
 void Initiator::handleResponse(const Frame& frame, Text& payload) {
+    responses_.emplace_back(frame, payload);
     if (!pending_.close(frame.token)) {
-        log().warning("dropped a response to a request that is not open");
+        responses_.pop_back();
+        log().warning({"dropped a response to a request that is not pending"});
         return;
     }
-    responses_.emplace_back(frame, std::move(payload));
     held(responses_.back());
 }
 
 void Initiator::handleEvent(const Frame& frame, Text& payload) {
     if (eventCallback_.isInstalled() && subscriptions_.contains(frame[Field::category])) {
-        events_.emplace_back(frame, std::move(payload));
+        events_.emplace_back(frame, payload);
         held(events_.back());
     }
 }
@@ -168,8 +182,8 @@ void Initiator::handleAcknowledgement(const Frame& frame) {
             subscriptions_.insert(asked.category);
         } else {
             subscriptions_.erase(asked.category);
-            log().warning("subscription to \"" + asked.category +
-                          "\" failed: " + kavri_core_status_text(*asked.answer));
+            log().warning({"subscription to \"", asked.category,
+                           "\" failed: ", kavri_core_status_text(*asked.answer)});
         }
     }
     if (!asked.awaited) {
@@ -190,6 +204,11 @@ void Initiator::dropEvents(const std::string* ofCategory) {
 
 bool Initiator::hasCallback() const {
     return responseCallback_.isInstalled() || eventCallback_.isInstalled();
+}
+
+void Initiator::dropMessages() {
+    responses_.clear();
+    events_.clear();
 }
 
 void Initiator::removeCallbacks() {

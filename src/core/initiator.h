@@ -35,6 +35,7 @@ class Initiator : public Endpoint {
     void connectionLost() override;
     bool hasCallback() const override;
     void removeCallbacks() override;
+    void dropMessages() override;
     bool hasDelivery() const override;
     void deliver(Lock& lock) override;
 
@@ -45,6 +46,7 @@ class Initiator : public Endpoint {
     interfaces::Frame question(interfaces::FrameType type, const std::string& category,
                                bool awaited);
     kavri_core_status ask(Lock& lock, interfaces::FrameType type, const std::string& category);
+    kavri_core_status awaitAnswer(Lock& lock, const interfaces::Frame& frame);
 
     PendingRequests pending_;
     std::deque<Message> responses_;

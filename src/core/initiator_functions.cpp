@@ -71,11 +71,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* i
     if (initiator == nullptr) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
-        initiator->initiator->end();
-        delete initiator;
-        return KAVRI_CORE_STATUS_NO_ERROR;
-    });
+    return kavri::core::endHandle(initiator, initiator->initiator);
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send(
@@ -84,7 +80,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send(
     if (anyNull(initiator) || anyNull(targetCategory, targetIdentifier, uuid, payload)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
+    return guarded(initiator->initiator, [&] {
         Frame frame = request({targetCategory, targetIdentifier, uuid, payload});
         std::size_t sent = 0;
         return initiator->initiator->send({&frame, 1}, sent);
@@ -105,7 +101,9 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send_batch(
         })) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] { return sendAll(*initiator->initiator, {commands, count}, *sent); });
+    return guarded(initiator->initiator, [&] {
+        return sendAll(*initiator->initiator, {commands, count}, *sent);
+    });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive(
@@ -115,7 +113,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive(
         !kavri::core::isTimeout(timeout)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
+    return guarded(initiator->initiator, [&] {
         kavri::core::Message::Fields fields{};
         const kavri_core_status status = initiator->initiator->receive(timeout, fields);
         if (status == KAVRI_CORE_STATUS_NO_ERROR) {
@@ -134,7 +132,8 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive_callbac
     if (initiator == nullptr || (callback == nullptr && context != nullptr)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] { return initiator->initiator->setResponseCallback(callback, context); });
+    return guarded(initiator->initiator,
+                   [&] { return initiator->initiator->setResponseCallback(callback, context); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_subscribe(
@@ -142,7 +141,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_subscribe(
     if (anyNull(initiator) || anyNull(category) || *category == '\0') {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] { return initiator->initiator->subscribe(category); });
+    return guarded(initiator->initiator, [&] { return initiator->initiator->subscribe(category); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(
@@ -150,7 +149,8 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(
     if (anyNull(initiator) || anyNull(category) || *category == '\0') {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] { return initiator->initiator->unsubscribe(category); });
+    return guarded(initiator->initiator,
+                   [&] { return initiator->initiator->unsubscribe(category); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
@@ -159,5 +159,6 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
     if (initiator == nullptr || (callback == nullptr && context != nullptr)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] { return initiator->initiator->setEventCallback(callback, context); });
+    return guarded(initiator->initiator,
+                   [&] { return initiator->initiator->setEventCallback(callback, context); });
 }

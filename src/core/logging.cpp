@@ -5,6 +5,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include <cstdlib>
+#include <new>
 
 namespace kavri::core {
 
@@ -36,14 +37,32 @@ struct Log::Sink {
     spdlog::logger logger;
 };
 
+namespace {
+
+void write(Log::Sink& sink, spdlog::level::level_enum level, Log::Pieces pieces) noexcept {
+    try {
+        if (sink.logger.should_log(level)) {
+            std::string text;
+            for (const std::string_view piece : pieces) {
+                text += piece;
+            }
+            sink.logger.log(level, text);
+        }
+    } catch (const std::bad_alloc&) {
+        // Said in the header.
+    }
+}
+
+}  // namespace
+
 Log::Log(std::string_view name) : sink_(std::make_unique<Sink>(name)) {}
 Log::~Log() = default;
 
-void Log::warning(std::string_view text) noexcept {
-    sink_->logger.warn(text);
+void Log::warning(Pieces pieces) noexcept {
+    write(*sink_, spdlog::level::warn, pieces);
 }
-void Log::info(std::string_view text) noexcept {
-    sink_->logger.info(text);
+void Log::info(Pieces pieces) noexcept {
+    write(*sink_, spdlog::level::info, pieces);
 }
 
 }  // namespace kavri::core

@@ -2,6 +2,7 @@
 #ifndef KAVRI_CORE_LOGGING_H
 #define KAVRI_CORE_LOGGING_H
 
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,11 +18,14 @@ class Log {
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
 
-    void warning(std::string_view text) noexcept;
-    void info(std::string_view text) noexcept;
+    // The pieces are one text; a line for which there is no memory is left out.
+    using Pieces = std::initializer_list<std::string_view>;
+    void warning(Pieces pieces) noexcept;
+    void info(Pieces pieces) noexcept;
+
+    struct Sink;
 
   private:
-    struct Sink;
     std::unique_ptr<Sink> sink_;
 };
 

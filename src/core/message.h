@@ -33,13 +33,18 @@ class Message {
   public:
     using Fields = std::array<char*, interfaces::fieldCount>;
 
-    // Copies the fields of a frame, but the payload where it is given; an absent
-    // one becomes null.
-    Message(const interfaces::Frame& frame, Text payload) : token_(frame.token) {
+    // Copies the fields of a frame, except for the payload where it has memory of its own,
+    // which is taken over; an absent field becomes null. After an exception the frame and
+    // its payload are as they were.
+    Message(const interfaces::Frame& frame, Text& payload) : Message(frame.token) {
         for (std::size_t i = 0; i < fields_.size(); ++i) {
-            const bool isGiven = payload != nullptr && frame.fields[i].data() == payload.get();
-            fields_[i] = isGiven ? payload.release() : copyOf(frame.fields[i]);
+            if (payload == nullptr || frame.fields[i].data() != payload.get()) {
+                fields_[i] = copyOf(frame.fields[i]);
+            }
             bytes_ += frame.fields[i].size();
+        }
+        if (payload != nullptr) {
+            fields_.back() = payload.release();
         }
     }
     Message(Message&& other) noexcept
@@ -64,6 +69,9 @@ class Message {
     Fields release() { return std::exchange(fields_, {}); }
 
   private:
+    // Complete as far as the destructor is concerned, from here on.
+    explicit Message(std::uint64_t token) : token_(token) {}
+
     static char* copyOf(std::string_view text) {
         if (text.data() == nullptr) {
             return nullptr;

@@ -65,7 +65,7 @@ kavri_core_status Responder::publish(Frame event) {
 
 void Responder::handleFrame(const Frame& frame, Text& payload) {
     if (frame.type == FrameType::request) {
-        requests_.emplace_back(frame, std::move(payload));
+        requests_.emplace_back(frame, payload);
         held(requests_.back());
     }
 }

@@ -28,6 +28,7 @@ class Responder : public Endpoint {
     void connectionLost() override;
     bool hasCallback() const override { return callback_.isInstalled(); }
     void removeCallbacks() override { callback_.function = nullptr; }
+    void dropMessages() override { requests_.clear(); }
     bool hasDelivery() const override { return hasCallback() && !requests_.empty(); }
     void deliver(Lock& lock) override;
 

@@ -46,11 +46,7 @@ kavri_core_ipc_responder_deinit(kavri_core_ipc_responder* responder) {
     if (responder == nullptr) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
-        responder->responder->end();
-        delete responder;
-        return KAVRI_CORE_STATUS_NO_ERROR;
-    });
+    return kavri::core::endHandle(responder, responder->responder);
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_receive(
@@ -61,7 +57,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_receive(
         !kavri::core::isTimeout(timeout)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
+    return guarded(responder->responder, [&] {
         kavri::core::Message::Fields fields{};
         const kavri_core_status status = responder->responder->receive(timeout, *request, fields);
         if (status == KAVRI_CORE_STATUS_NO_ERROR) {
@@ -80,7 +76,8 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_receive_callback
     if (responder == nullptr || (callback == nullptr && context != nullptr)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] { return responder->responder->setRequestCallback(callback, context); });
+    return guarded(responder->responder,
+                   [&] { return responder->responder->setRequestCallback(callback, context); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_response_send(
@@ -89,7 +86,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_response_send(
     if (anyNull(responder) || anyNull(targetCategory, targetIdentifier, uuid)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
+    return guarded(responder->responder, [&] {
         Frame response;
         response.type = FrameType::response;
         response.fields = {targetCategory, targetIdentifier, uuid,
@@ -103,7 +100,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_end(
     if (responder == nullptr) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
+    return guarded(responder->responder, [&] {
         Frame completion;
         completion.type = FrameType::completion;
         return responder->responder->finish(request, completion);
@@ -116,7 +113,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_event_publish(
     if (anyNull(responder) || anyNull(targetCategory, targetIdentifier, payload)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded([&] {
+    return guarded(responder->responder, [&] {
         Frame event;
         event.fields = {targetCategory, targetIdentifier, std::string_view(), payload};
         return responder->responder->publish(event);

@@ -68,6 +68,8 @@ inline constexpr unsigned defaultSendTimeoutMs = 10000;
 // Pauses between the library's tries to connect again on its own thread.
 inline constexpr std::chrono::milliseconds firstReconnectPause{10};
 inline constexpr std::chrono::milliseconds lastReconnectPause{1000};
+// A connection that broke earlier did not last: the next one is made after a pause.
+inline constexpr std::chrono::milliseconds steadyConnectionTime{1000};
 
 // Frames from this size on are read into a buffer of their own and handed on
 // without being copied; smaller ones are cheaper to copy than to manage.

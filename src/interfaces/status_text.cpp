@@ -7,7 +7,7 @@
 namespace {
 
 // By number.
-constexpr std::array<const char*, 16> texts = {
+constexpr std::array<const char*, 17> texts = {
     "no error",
     "invalid argument",
     "library not initialised",
@@ -24,8 +24,9 @@ constexpr std::array<const char*, 16> texts = {
     "message too large",
     "overloaded",
     "category already served",
+    "made by the process that forked this one",
 };
-static_assert(texts.size() == KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN + 1);
+static_assert(texts.size() == KAVRI_CORE_STATUS_IPC_OTHER_PROCESS + 1);
 
 }  // namespace
 

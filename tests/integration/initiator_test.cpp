@@ -1,7 +1,9 @@
 // The initiator's arguments, sending and receiving, against the real broker.
 #define BOOST_TEST_MODULE initiator
 
+#include <atomic>
 #include <boost/test/unit_test.hpp>
+#include <cstddef>
 #include <map>
 
 #include "cli/temporary_folder.h"
@@ -134,10 +136,27 @@ BOOST_AUTO_TEST_CASE(noCategoryOrAnEmptyOneCannotBeSubscribedTo) {
 
 BOOST_AUTO_TEST_CASE(optionsSmallerThanAnyKnownAreRefused) {
     kavri_core_ipc_options options = optionsFor(address);
-    for (const std::size_t size : {std::size_t{0}, sizeof options - 1}) {
+    constexpr std::size_t firstVersion = offsetof(kavri_core_ipc_options, connectionCallback);
+    for (const std::size_t size : {std::size_t{0}, firstVersion - 1}) {
         options.sizeBytes = size;
         BOOST_TEST(initStatus(options) == KAVRI_CORE_STATUS_INVALID_ARGUMENT);
     }
+}
+
+// What lies behind the end of an older program's options is not the library's to read.
+BOOST_AUTO_TEST_CASE(membersThatAnOlderProgramDoesNotKnowAreNotRead) {
+    kavri_core_ipc_options options = optionsFor(address);
+    options.connectionCallback = [](const kavri_core_ipc_connection_change*, void* called) {
+        static_cast<std::atomic<bool>*>(called)->store(true);
+    };
+    std::atomic<bool> called{false};
+    options.connectionContext = &called;
+    options.sizeBytes = offsetof(kavri_core_ipc_options, connectionCallback);
+    kavri_core_ipc_initiator* initiator = nullptr;
+    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) ==
+               KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(!called);
 }
 
 BOOST_AUTO_TEST_CASE(optionsOfALaterVersionAreAccepted) {

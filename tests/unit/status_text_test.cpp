@@ -34,6 +34,8 @@ BOOST_AUTO_TEST_CASE(everyStatusIsNamedByWhatItMeans) {
     BOOST_TEST(text(KAVRI_CORE_STATUS_IPC_TOO_LARGE) == "message too large");
     BOOST_TEST(text(KAVRI_CORE_STATUS_IPC_OVERLOADED) == "overloaded");
     BOOST_TEST(text(KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN) == "category already served");
+    BOOST_TEST(text(KAVRI_CORE_STATUS_IPC_OTHER_PROCESS) ==
+               "made by the process that forked this one");
 }
 
 // Programs were compiled with these numbers, and they cross the wire.
@@ -54,19 +56,20 @@ BOOST_AUTO_TEST_CASE(theNumbersStayWhatTheyAre) {
     BOOST_TEST(KAVRI_CORE_STATUS_IPC_TOO_LARGE == 13);
     BOOST_TEST(KAVRI_CORE_STATUS_IPC_OVERLOADED == 14);
     BOOST_TEST(KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN == 15);
+    BOOST_TEST(KAVRI_CORE_STATUS_IPC_OTHER_PROCESS == 16);
 }
 
 BOOST_AUTO_TEST_CASE(noTwoStatusesHaveTheSameText) {
     std::set<std::string> texts;
-    for (int number = 0; number <= KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN; ++number) {
+    for (int number = 0; number <= KAVRI_CORE_STATUS_IPC_OTHER_PROCESS; ++number) {
         texts.insert(text(number));
     }
-    BOOST_TEST(texts.size() == KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN + 1U);
+    BOOST_TEST(texts.size() == KAVRI_CORE_STATUS_IPC_OTHER_PROCESS + 1U);
     BOOST_TEST(!texts.contains("unknown status"));
 }
 
 BOOST_AUTO_TEST_CASE(aNumberThatIsNoStatusIsUnknown) {
-    for (const int number : {KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN + 1, -1, 65535,
+    for (const int number : {KAVRI_CORE_STATUS_IPC_OTHER_PROCESS + 1, -1, 65535,
                              std::numeric_limits<int>::max(), std::numeric_limits<int>::min()}) {
         BOOST_TEST(text(number) == "unknown status");
     }
