@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <boost/test/unit_test.hpp>
+#include <list>
 
 #include "cli/exit_status.h"
 #include "support/environment_variable.h"
@@ -58,14 +59,19 @@ BOOST_AUTO_TEST_CASE(theVariablesOfWhatTheToolSetsAreReserved) {
 }
 
 // Without the variables by which log, report and colour could be chosen.
-struct NothingChosen {
-    EnvironmentVariable level{"BOOST_TEST_LOG_LEVEL", std::nullopt};
-    EnvironmentVariable format{"BOOST_TEST_LOG_FORMAT", std::nullopt};
-    EnvironmentVariable sink{"BOOST_TEST_LOG_SINK", std::nullopt};
-    EnvironmentVariable logger{"BOOST_TEST_LOGGER", std::nullopt};
-    EnvironmentVariable output{"BOOST_TEST_OUTPUT_FORMAT", std::nullopt};
-    EnvironmentVariable report{"BOOST_TEST_REPORT_LEVEL", std::nullopt};
-    EnvironmentVariable colour{"BOOST_TEST_COLOR_OUTPUT", std::nullopt};
+class NothingChosen {
+  public:
+    NothingChosen() {
+        for (const char* name :
+             {"BOOST_TEST_LOG_LEVEL", "BOOST_TEST_LOG_FORMAT", "BOOST_TEST_LOG_SINK",
+              "BOOST_TEST_LOGGER", "BOOST_TEST_OUTPUT_FORMAT", "BOOST_TEST_REPORT_LEVEL",
+              "BOOST_TEST_COLOR_OUTPUT"}) {
+            unset_.emplace_back(name, std::nullopt);
+        }
+    }
+
+  private:
+    std::list<EnvironmentVariable> unset_;
 };
 
 BOOST_FIXTURE_TEST_CASE(theCommandLineSelectsTheCasesAndIsSilent, NothingChosen) {
