@@ -240,11 +240,11 @@ std::string ModuleRun::lastPassed() const {
     return passed == checks.rend() ? "" : passed->text + ", at " + passed->place;
 }
 
-// ", during F with {…}, and during G with {…}": any of these may be to blame.
+// ", in F with {…} and in G with {…}": any of these may be to blame.
 std::string ModuleRun::callsUnderWay() const {
     std::string text;
     const auto add = [&text](const CallReport& call) {
-        text += std::string(text.empty() ? ", " : ", and ") + "during " + call.function + " with " +
+        text += std::string(text.empty() ? ", in " : " and in ") + call.function + " with " +
                 call.arguments.dump();
     };
     const CallReport* longest = record_.openCall();

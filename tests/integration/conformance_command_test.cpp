@@ -231,10 +231,9 @@ BOOST_AUTO_TEST_CASE(aCaseThatCrashesIsNamedWithTheSignalAndItsLastCheck) {
     const ToolResult result = run(misbehaving, {{"MISBEHAVIOUR", "crash"}});
     BOOST_TEST(result.exit.code == 2);
     BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  crash      4 checks"));
-    checkComplaint(
-        result.error,
-        with(misbehavingPlace, {"SIGABRT, during kavri_core_ipc_initiator_command_send with {",
-                                "\"targetIdentifier\":\"initiator\""}));
+    checkComplaint(result.error, with(misbehavingPlace,
+                                      {"SIGABRT, in kavri_core_ipc_initiator_command_send with {",
+                                       "\"targetIdentifier\":\"initiator\""}));
 }
 
 BOOST_AUTO_TEST_CASE(aLibraryThatEndsTheProcessInACaseDoesNotPass) {

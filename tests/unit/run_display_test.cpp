@@ -169,11 +169,11 @@ BOOST_FIXTURE_TEST_CASE(aCallThatHangsIsShownWithItsStacks, InAFile) {
 
 BOOST_FIXTURE_TEST_CASE(aCrashIsShownUnderItsCase, InAFile) {
     CaseReport report = caseWith("suite/short", Verdict::crash, 0, 0, 2'000'000);
-    report.crash = "the module was ended by SIGSEGV, during send with {}";
+    report.crash = "the module was ended by SIGSEGV, in send with {}";
     display.showCaseEnded(report);
     BOOST_TEST(take() ==
                "suite/short       crash      0 checks     2.0 ms\n"
-               "    the module was ended by SIGSEGV, during send with {}\n");
+               "    the module was ended by SIGSEGV, in send with {}\n");
 }
 
 BOOST_FIXTURE_TEST_CASE(aCaseThatWasNotRunSaysSo, InAFile) {
