@@ -55,8 +55,8 @@ bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left
     });
     outcome.end = moduleRun.run(module_, request);
     const RunRecord& record = moduleRun.record();
-    for (const LogEntry& entry : record.unclaimed()) {
-        display_.showRemark(entry.text);
+    for (const std::string& line : record.strayFailures()) {
+        display_.showRemark(line);
     }
     const auto& said = moduleRun.brokerLines();
     outcome.brokerLines.assign(said.begin(), said.end());

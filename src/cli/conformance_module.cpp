@@ -173,9 +173,8 @@ ChildSpawn ConformanceModule::runSpawn(const ModuleRunRequest& request) const {
         preloaded += (preloaded.empty() || library.empty() ? "" : ":") + library;
     }
     spawn.environment["LD_PRELOAD"] = preloaded;
-    spawn.inheritedDescriptors = {request.logDescriptor, request.eventsDescriptor};
-    spawn.arguments =
-        moduleCommandLine(request.cases, request.logDescriptor, request.userArguments);
+    spawn.inheritedDescriptors = {request.eventsDescriptor};
+    spawn.arguments = moduleCommandLine(request.cases, request.userArguments);
     return spawn;
 }
 

@@ -30,8 +30,7 @@ struct ModuleRunRequest {
     std::filesystem::path observer;
     std::filesystem::path probe;
     std::string fault;          // that the probe is to break; empty: none
-    int logDescriptor = -1;     // where the module writes its log
-    int eventsDescriptor = -1;  // where the observer writes
+    int eventsDescriptor = -1;  // where these two write
 };
 
 class ConformanceModule {

@@ -96,11 +96,10 @@ std::string failureText(const CaseReport& report) {
     std::vector<std::string> paragraphs;
     for (const CheckReport& check : report.checks) {
         if (!check.passed) {
-            paragraphs.push_back(fmt::format("{}: {}{}", check.place, check.text, compared(check)));
+            paragraphs.push_back(failureLine(check) + compared(check));
         }
     }
     paragraphs.insert(paragraphs.end(), report.missing.begin(), report.missing.end());
-    paragraphs.insert(paragraphs.end(), report.log.begin(), report.log.end());
     if (report.hang && !report.hang->lastPassed.empty()) {
         paragraphs.push_back("the last check that passed: " + report.hang->lastPassed);
     }
@@ -117,7 +116,7 @@ std::string firstOf(const std::vector<std::string>& lines, std::string_view othe
 std::string failureMessage(const CaseReport& report) {
     const auto first = std::ranges::find(report.checks, false, &CheckReport::passed);
     if (first == report.checks.end()) {
-        return firstOf(report.missing, firstOf(report.log, "failed"));
+        return firstOf(report.missing, "failed");
     }
     const unsigned others = report.checksFailed() - 1;
     return fmt::format("{}, at {}{}", first->text, first->place,

@@ -15,9 +15,9 @@ void checkModuleArguments(const std::vector<std::string>& arguments);
 // The environment variables by which the same could be set.
 std::vector<std::string> reservedVariables();
 
-// What makes the module run these cases (all where there are none) and write
-// what goes wrong to the descriptor, and after it the user's own.
-std::vector<std::string> moduleCommandLine(const std::vector<std::string>& cases, int logDescriptor,
+// What makes the module run these cases (all where there are none), and after it the
+// user's own.
+std::vector<std::string> moduleCommandLine(const std::vector<std::string>& cases,
                                            const std::vector<std::string>& userArguments);
 
 }  // namespace kavri::cli

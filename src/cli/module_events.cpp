@@ -25,10 +25,9 @@ struct Form {
 
 constexpr std::array forms = {
     Form{"began", Kind::began, false, true, false},
-    Form{"reached", Kind::reached, false, true, false},
     Form{"passed", Kind::passed, false, true, true},
     Form{"failed", Kind::failed, false, true, true},
-    Form{"aborted", Kind::aborted, false, false, false},
+    Form{"aborted", Kind::aborted, false, false, true},
     Form{"ended", Kind::ended, true, true, false},
     Form{"call", Kind::call, true, true, true},
     Form{"return", Kind::returned, true, false, true},

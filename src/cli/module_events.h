@@ -4,10 +4,10 @@
 // The observer, of the cases and checks:
 //
 //     began NS TID SUITE/CASE            a case begins
-//     reached NS TID FILE(LINE)          the place of the check that is made next
-//     passed NS TID FILE(LINE) JSON      it passed: {"check": its text}
-//     failed NS TID FILE(LINE) JSON      it did not: also "left" and "right"
-//     aborted NS TID                     an exception ended the case
+//     passed NS TID FILE(LINE) JSON      a check passed: {"check": its text}
+//     failed NS TID FILE(LINE) JSON      one failed: also "message", the framework's,
+//                                        and of a comparison "left" and "right"
+//     aborted NS TID JSON                an exception ended the case: {"message": which}
 //     ended NS TID MICROSECONDS SUITE/CASE
 //
 // The probe tells of the calls of the core library's functions and callbacks; its
@@ -28,7 +28,6 @@ namespace kavri::cli {
 struct ModuleEvent {
     enum class Kind {
         began,
-        reached,
         passed,
         failed,
         aborted,

@@ -1,185 +1,177 @@
-// Tells the tool what the conformance module is doing, while it is doing it.
+// Records the cases and checks of the conformance module while it runs.
 //
 // A small library that the tool has loaded into the module. It joins the test
-// framework as one more observer, and writes a line for each thing it sees to
-// the descriptor that KAVRI_MODULE_EVENTS names; see module_events.h for the
-// lines. Each is written at once and as a whole, so lines of two threads do not
-// mix, and what was written before a crash is there after it.
+// framework as one more observer, for the cases, and as one more log formatter, for
+// the checks and exceptions; the formatter that the user chooses logs beside it. For
+// each thing it writes a line to the descriptor that KAVRI_MODULE_EVENTS names; see
+// module_events.h for the lines. Each is written at once and as a whole, so what was
+// written before a crash is there after it.
 //
-// The framework's own log could say as much, at its fullest level. But it takes
-// no lock, and the module checks on two threads at a time: entries would be
-// mangled, and now and then miscounted. For the failures, which are left to the
-// log, the lock is supplied here: some of the framework's functions are called by
-// way of the ones of the same name at the end of this file. By way of one of them
-// comes every check, with its texts and values.
-#include <dlfcn.h>
+// The framework is not thread-safe, and neither is this: the module sees to it that
+// one thread at a time uses the framework.
 #include <sys/prctl.h>
 
+#include <boost/test/execution_monitor.hpp>
 #include <boost/test/framework.hpp>
-#include <boost/test/tools/assertion_result.hpp>
-#include <boost/test/tools/detail/fwd.hpp>
 #include <boost/test/tree/observer.hpp>
 #include <boost/test/tree/test_unit.hpp>
 #include <boost/test/unit_test_log.hpp>
-#include <cstdarg>
-#include <mutex>
+#include <boost/test/unit_test_log_formatter.hpp>
+#include <ostream>
 #include <sstream>
 #include <string>
 
+#include "cli/check_entry.h"
 #include "probe/record.h"
-
-using boost::unit_test::const_string;
-using boost::unit_test::test_unit;
-using boost::unit_test::unit_test_log_t;
-using kavri::probe::dumped;
-using kavri::probe::isRecording;
-using kavri::probe::Json;
-using kavri::probe::shortened;
-using kavri::probe::tell;
 
 namespace {
 
-// Held by the thread that is writing an entry of the log, from the entry's
-// beginning to its end.
-std::mutex logMutex;
-thread_local bool isWritingEntry = false;
+namespace ut = boost::unit_test;
+using kavri::probe::dumped;
+using kavri::probe::Json;
+using kavri::probe::shortened;
+using kavri::probe::tell;
+using ut::const_string;
 
-std::string placeText(const_string file, std::size_t line) {
-    return std::string(file.begin(), file.size()) + '(' + std::to_string(line) + ')';
+// Of what a failed check and an exception say, more is kept than of other texts.
+constexpr std::size_t failureLimitBytes = 800;
+
+Json atLength(const std::string& text) {
+    return shortened(text.c_str(), failureLimitBytes);
 }
 
-Json printed(const boost::unit_test::lazy_ostream& value) {
-    std::ostringstream stream;
-    stream << value;
-    return shortened(stream.str().c_str());
+std::string stringOf(const_string text) {
+    return {text.begin(), text.size()};
 }
 
-bool isCase(const test_unit& unit) {
-    return unit.p_type == boost::unit_test::TUT_CASE;
+std::string placeText(const std::string& file, std::size_t line) {
+    return file + '(' + std::to_string(line) + ')';
 }
 
-class Observer : public boost::unit_test::test_observer {
+class Formatter : public ut::unit_test_log_formatter {
   public:
-    void test_unit_start(const test_unit& unit) override {
+    void log_entry_start(std::ostream& /*stream*/, const ut::log_entry_data& data,
+                         log_entry_types type) override {
+        entry_ = {};
+        place_ = placeText(data.m_file_name, data.m_line_num);
+        type_ = type;
+    }
+
+    void log_entry_value(std::ostream& /*stream*/, const_string text) override {
+        entry_.addText(stringOf(text));
+    }
+
+    void log_entry_value(std::ostream& /*stream*/, const ut::lazy_ostream& value) override {
+        std::ostringstream printed;
+        printed << value;
+        entry_.addValue(printed.str());
+    }
+
+    void log_entry_finish(std::ostream& /*stream*/) override {
+        if (type_ == BOOST_UTL_ET_INFO) {
+            recordCheck("passed", {{"check", shortened(entry_.text().c_str())}});
+        } else if (type_ == BOOST_UTL_ET_ERROR || type_ == BOOST_UTL_ET_FATAL_ERROR) {
+            recordFailure();
+        }
+    }
+
+    // Of an exception, too, the context follows.
+    void log_exception_start(std::ostream& /*stream*/, const ut::log_checkpoint_data& checkpoint,
+                             const boost::execution_exception& exception) override {
+        const boost::execution_exception::location& where = exception.where();
+        entry_ = {};
+        entry_.addText(stringOf(exception.what()));
+        if (where.m_line_num != 0) {
+            entry_.addText(", at " + placeText(stringOf(where.m_file_name), where.m_line_num));
+        }
+        if (!checkpoint.m_file_name.is_empty()) {
+            entry_.addText("; last checkpoint: " +
+                           placeText(stringOf(checkpoint.m_file_name), checkpoint.m_line_num));
+        }
+    }
+
+    void log_exception_finish(std::ostream& /*stream*/) override {
+        tell("aborted", dumped({{"message", atLength(entry_.message())}}));
+    }
+
+    void log_entry_context(std::ostream& /*stream*/, ut::log_level /*level*/,
+                           const_string context) override {
+        entry_.addText("; in context: " + stringOf(context));
+    }
+
+    // What the observer records, or nobody needs.
+    void log_start(std::ostream& /*stream*/, ut::counter_t /*cases*/) override {}
+    void log_finish(std::ostream& /*stream*/) override {}
+    void log_build_info(std::ostream& /*stream*/, bool /*wanted*/) override {}
+    void test_unit_start(std::ostream& /*stream*/, const ut::test_unit& /*unit*/) override {}
+    void test_unit_finish(std::ostream& /*stream*/, const ut::test_unit& /*unit*/,
+                          unsigned long /*elapsedUs*/) override {}
+    void entry_context_start(std::ostream& /*stream*/, ut::log_level /*level*/) override {}
+    void entry_context_finish(std::ostream& /*stream*/, ut::log_level /*level*/) override {}
+
+  private:
+    void recordCheck(const char* word, const Json& said) {
+        tell(word, place_ + " " + dumped(said));
+    }
+
+    void recordFailure() {
+        const char* severity = type_ == BOOST_UTL_ET_FATAL_ERROR ? "fatal error: " : "error: ";
+        Json said = {{"check", shortened(entry_.text().c_str())},
+                     {"message", atLength(severity + entry_.message())}};
+        if (const std::vector<std::string> values = entry_.values(); !values.empty()) {
+            said["left"] = atLength(values[0]);
+            said["right"] = atLength(values[1]);
+        }
+        recordCheck("failed", said);
+    }
+
+    // Of the entry under way.
+    kavri::cli::CheckEntry entry_;
+    std::string place_;
+    log_entry_types type_ = BOOST_UTL_ET_INFO;
+};
+
+class Observer : public ut::test_observer {
+  public:
+    // By now the framework has set up the formatters that its arguments ask for, and
+    // disabled all others.
+    void test_start(ut::counter_t /*cases*/, ut::test_unit_id /*root*/) override {
+        // Takes what the framework itself writes to a formatter's stream, nothing. Never
+        // destroyed: the framework restores the stream's state when the program ends.
+        static std::ostream& nowhere = *new std::ostream(nullptr);
+        ut::unit_test_log.add_formatter(new Formatter);
+        ut::unit_test_log.set_threshold_level(ut::OF_CUSTOM_LOGGER, ut::log_successful_tests);
+        ut::unit_test_log.set_stream(ut::OF_CUSTOM_LOGGER, nowhere);
+        ut::unit_test_log.configure();
+    }
+
+    void test_unit_start(const ut::test_unit& unit) override {
         if (isCase(unit)) {
             tell("began", unit.full_name());
         }
     }
 
-    void test_unit_finish(const test_unit& unit, unsigned long elapsedUs) override {
+    void test_unit_finish(const ut::test_unit& unit, unsigned long elapsedUs) override {
         if (isCase(unit)) {
             tell("ended", std::to_string(elapsedUs) + " " + unit.full_name());
         }
     }
 
-    void exception_caught(const boost::execution_exception& /*exception*/) override {
-        tell("aborted", "");
-    }
-
     // Behind all of the framework's own: it takes an observer that comes before
     // the one with which it watches its own start for a failure to start.
     int priority() override { return 10; }
+
+  private:
+    static bool isCase(const ut::test_unit& unit) { return unit.p_type == ut::TUT_CASE; }
 };
 
 __attribute__((constructor)) void observe() {
-    if (isRecording()) {
+    if (kavri::probe::isRecording()) {
         static Observer observer;
-        boost::unit_test::framework::register_observer(observer);
+        ut::framework::register_observer(observer);
         // A debugger that the tool starts may look into this process.
         prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
     }
 }
 
-// The framework's function behind the one of the same name here.
-template <typename Function>
-Function* behind(const char* symbol) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol));
-}
-
 }  // namespace
-
-// Each check comes here before it evaluates anything, and says where it is.
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the framework's signature.
-void unit_test_log_t::set_checkpoint(const_string file, std::size_t line, const_string message) {
-    static const auto original =
-        behind<void(unit_test_log_t*, const_string, std::size_t, const_string)>(
-            "_ZN5boost9unit_test15unit_test_log_t14set_checkpointENS0_13basic_cstringIKcEEmS4_");
-    // Checkpoints with a message are those around a case.
-    if (message.is_empty()) {
-        tell("reached", placeText(file, line));
-    }
-    std::unique_lock<std::mutex> lock(logMutex, std::defer_lock);
-    if (!isWritingEntry) {
-        lock.lock();
-    }
-    original(this, file, line, message);
-}
-
-unit_test_log_t& unit_test_log_t::operator<<(const boost::unit_test::log::begin& begin) {
-    static const auto original =
-        behind<unit_test_log_t&(unit_test_log_t*, const boost::unit_test::log::begin&)>(
-            "_ZN5boost9unit_test15unit_test_log_tlsERKNS0_3log5beginE");
-    if (!isWritingEntry) {
-        logMutex.lock();
-        isWritingEntry = true;
-    }
-    return original(this, begin);
-}
-
-unit_test_log_t& unit_test_log_t::operator<<(const boost::unit_test::log::end& end) {
-    static const auto original =
-        behind<unit_test_log_t&(unit_test_log_t*, const boost::unit_test::log::end&)>(
-            "_ZN5boost9unit_test15unit_test_log_tlsERKNS0_3log3endE");
-    unit_test_log_t& result = original(this, end);
-    if (isWritingEntry) {
-        isWritingEntry = false;
-        logMutex.unlock();
-    }
-    return result;
-}
-
-// Every check comes here with what it compared. The values are printed for a check
-// that failed alone.
-namespace boost::test_tools::tt_detail {
-
-// NOLINTBEGIN(cert-dcl50-cpp,performance-unnecessary-value-param): the framework's signature.
-bool report_assertion(const boost::test_tools::assertion_result& result,
-                      const boost::unit_test::lazy_ostream& description, const_string file,
-                      std::size_t line, tool_level level, check_type type, std::size_t count, ...) {
-    // NOLINTEND(cert-dcl50-cpp,performance-unnecessary-value-param)
-    using Text = const char*;
-    using Value = const boost::unit_test::lazy_ostream*;
-    static const auto original = behind<bool(
-        const boost::test_tools::assertion_result&, const boost::unit_test::lazy_ostream&,
-        const_string, std::size_t, tool_level, check_type, std::size_t, ...)>(
-        "_ZN5boost10test_tools9tt_detail16report_assertionERKNS0_16assertion_resultERKNS_9unit_"
-        "test12lazy_ostreamENS5_13basic_cstringIKcEEmNS1_10tool_levelENS1_10check_typeEmz");
-    Text leftText = nullptr;
-    Value leftValue = nullptr;
-    Text rightText = nullptr;
-    Value rightValue = nullptr;
-    if (count == 2) {
-        va_list arguments;
-        va_start(arguments, count);
-        leftText = va_arg(arguments, Text);
-        leftValue = va_arg(arguments, Value);
-        rightText = va_arg(arguments, Text);
-        rightValue = va_arg(arguments, Value);
-        va_end(arguments);
-    }
-    const bool passed = !!result;
-    if (isRecording()) {
-        Json told;
-        told["check"] = count == 2 ? shortened((std::string(leftText) + " == " + rightText).c_str())
-                                   : printed(description);
-        if (!passed && count == 2) {
-            told["left"] = printed(*leftValue);
-            told["right"] = printed(*rightValue);
-        }
-        tell(passed ? "passed" : "failed", placeText(file, line) + " " + dumped(told));
-    }
-    return original(result, description, file, line, level, type, count, leftText, leftValue,
-                    rightText, rightValue);
-}
-
-}  // namespace boost::test_tools::tt_detail

@@ -1,8 +1,8 @@
 // The loop around poll; see module_run.h.
 //
-// What the module does comes over three ways: events, its log, its output. The
-// module writes what belongs to an event before the event. So in each round the
-// events are read first and shown last, and nothing of the other two is missing.
+// What the module does comes as events, what it prints as output. The module prints
+// what belongs to an event before the event. So in each round the events are read
+// first and shown last, and no output that belongs to them is missing.
 #include "cli/module_run.h"
 
 #include <fcntl.h>
@@ -94,7 +94,6 @@ ModuleRun::ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& 
       ended_(std::move(ended)) {}
 
 RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request) {
-    request.logDescriptor = logChannel_.writing();
     request.eventsDescriptor = eventsChannel_.writing();
     begun_ = Clock::now();
     ChildProcess process(module.runSpawn(request));
@@ -140,8 +139,7 @@ RunEnd ModuleRun::watch(ChildProcess& module) {
 }
 
 void ModuleRun::pollOnce(const ChildProcess& module) const {
-    std::array sources = {pollfd{logChannel_.reading(), POLLIN, 0},
-                          pollfd{eventsChannel_.reading(), POLLIN, 0},
+    std::array sources = {pollfd{eventsChannel_.reading(), POLLIN, 0},
                           pollfd{limits_.signals().descriptor(), POLLIN, 0},
                           pollfd{module.endedDescriptor(), POLLIN, 0},
                           pollfd{module.outputDescriptor(), POLLIN, 0},
@@ -169,7 +167,6 @@ ModuleRun::Clock::time_point ModuleRun::hangTime() const {
 
 void ModuleRun::follow(ChildProcess& module) {
     const std::string events = eventsChannel_.read();
-    keep(log_.read(logChannel_.read()));
     module.drain();
     output_.add(module.takeOutput(), [this](std::string_view line) { showModuleLine(line); });
     error_.add(module.takeError(), [this](std::string_view line) { showModuleLine(line); });
@@ -184,9 +181,6 @@ void ModuleRun::follow(ChildProcess& module) {
 
 void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     for (const ModuleEvent& event : events) {
-        if (event.kind == ModuleEvent::Kind::ended) {
-            keep(log_.complete(event.text));
-        }
         if (const CaseReport* ended = record_.add(event)) {
             display_.showCaseEnded(*ended);
             ended_(*ended);
@@ -200,16 +194,6 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     }
 }
 
-void ModuleRun::keep(const std::vector<LogEntry>& entries) {
-    for (const LogEntry& entry : entries) {
-        if (entry.caseName.empty()) {
-            display_.showRemark(entry.text);
-        } else {
-            record_.add(entry);
-        }
-    }
-}
-
 // What became of the case that was under way when the module ended.
 void ModuleRun::cutOff(RunEnd end) {
     if (record_.underWay() == nullptr) {
@@ -219,7 +203,7 @@ void ModuleRun::cutOff(RunEnd end) {
         end == RunEnd::hung || end == RunEnd::timeOver ? std::optional(hangReport()) : std::nullopt;
     const std::string passed = lastPassed();
     const std::string place =
-        (record_.reached().empty() ? "" : ", at " + record_.reached()) +
+        callsUnderWay() +
         (passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed);
     CaseReport& cut = record_.cutOff(verdictOnCutOff(end), cutOffNs_);
     cut.hang = hang;
@@ -256,12 +240,30 @@ std::string ModuleRun::lastPassed() const {
     return passed == checks.rend() ? "" : passed->text + ", at " + passed->place;
 }
 
+// ", in F with {…} and in G with {…}": any of these may be to blame.
+std::string ModuleRun::callsUnderWay() const {
+    std::string text;
+    const auto add = [&text](const CallReport& call) {
+        text += std::string(text.empty() ? ", in " : " and in ") + call.function + " with " +
+                call.arguments.dump();
+    };
+    const CallReport* longest = record_.openCall();
+    if (longest != nullptr && longest->number == 0) {
+        add(*longest);  // the probe's own, and so none of the case
+    }
+    for (const CallReport& call : record_.underWay()->calls) {
+        if (!call.endNs) {
+            add(call);
+        }
+    }
+    return text.empty() ? ", outside of any call" : text;
+}
+
 // Whatever was not whole is so now.
 void ModuleRun::finish() {
     output_.finish([this](std::string_view line) { showModuleLine(line); });
     error_.finish([this](std::string_view line) { showModuleLine(line); });
     brokerError_.finish([this](std::string_view line) { keepBrokerLine(line); });
-    keep(log_.finish());
 }
 
 void ModuleRun::showModuleLine(std::string_view line) {

@@ -14,7 +14,6 @@
 #include "cli/child_process.h"
 #include "cli/conformance_module.h"
 #include "cli/module_events.h"
-#include "cli/module_log.h"
 #include "cli/run_display.h"
 #include "cli/run_limits.h"
 #include "cli/run_record.h"
@@ -44,8 +43,8 @@ class ModuleRun {
     ModuleRun(ChildProcess* broker, const RunLimits& limits, RunDisplay& display, Patience patience,
               CaseEnded ended);
 
-    // Once: returns when the module has ended, by itself or not. The descriptors
-    // in the request are filled in here.
+    // Once: returns when the module has ended, by itself or not. The descriptor
+    // in the request is filled in here.
     RunEnd run(const ConformanceModule& module, ModuleRunRequest request);
 
     // How the module ended.
@@ -62,8 +61,8 @@ class ModuleRun {
     void cutOff(RunEnd end);
     HangReport hangReport() const;
     std::string lastPassed() const;
+    std::string callsUnderWay() const;
     void apply(const std::vector<ModuleEvent>& events);
-    void keep(const std::vector<LogEntry>& entries);
     void finish();
 
     // Passes on the whole lines of a stream.
@@ -102,9 +101,7 @@ class ModuleRun {
     Clock::time_point begun_;
     std::int64_t cutOffNs_ = 0;  // when watching ended
     std::string stacks_;
-    Channel logChannel_;
     Channel eventsChannel_;
-    ModuleLog log_;
     ModuleEvents events_;
     RunRecord record_;
     LineBuffer output_;

@@ -24,9 +24,9 @@ json listOf(const std::vector<Item>& items, const Make& make) {
 }
 
 json checkJson(const CheckReport& check) {
-    return {{"text", check.text},    {"place", check.place}, {"passed", check.passed},
-            {"left", check.left},    {"right", check.right}, {"atNs", check.atNs},
-            {"thread", check.thread}};
+    return {{"text", check.text}, {"place", check.place},  {"passed", check.passed},
+            {"left", check.left}, {"right", check.right},  {"message", check.message},
+            {"atNs", check.atNs}, {"thread", check.thread}};
 }
 
 json callJson(const CallReport& call) {
@@ -63,7 +63,7 @@ json caseJson(const CaseReport& report) {
             {"checks", listOf(report.checks, checkJson)},
             {"calls", listOf(report.calls, callJson)},
             {"faults", listOf(report.faults, faultFiredJson)},
-            {"log", report.log},
+            {"log", report.failureLines()},
             {"missing", report.missing},
             {"remarks", report.remarks},
             {"hang", hangJson(report.hang)},
@@ -159,6 +159,20 @@ std::string_view verdictText(Verdict verdict) {
 unsigned CaseReport::checksFailed() const {
     return static_cast<unsigned>(
         std::ranges::count_if(checks, [](const CheckReport& check) { return !check.passed; }));
+}
+
+std::string failureLine(const CheckReport& check) {
+    return check.place + ": " + check.message;
+}
+
+std::vector<std::string> CaseReport::failureLines() const {
+    std::vector<std::string> lines;
+    for (const CheckReport& check : checks) {
+        if (!check.passed) {
+            lines.push_back(failureLine(check));
+        }
+    }
+    return lines;
 }
 
 Verdict worstOf(const std::vector<CaseReport>& cases) {

@@ -28,9 +28,13 @@ struct CheckReport {
     bool passed = false;
     std::string left;  // the two values, where it compares
     std::string right;
+    std::string message;  // of a failed one, as the framework words it: "error: check …"
     std::int64_t atNs = 0;
     int thread = 0;
 };
+
+// "test_ipc_initiator.cpp(199): error: check …"
+std::string failureLine(const CheckReport& check);
 
 // A call of one of the twelve functions, or of a callback by the library.
 struct CallReport {
@@ -69,7 +73,6 @@ struct CaseReport {
     std::vector<CheckReport> checks;
     std::vector<CallReport> calls;
     std::vector<FaultFired> faults;
-    std::vector<std::string> log;      // the framework's entries about failures
     std::vector<std::string> missing;  // why it is no pass though no check failed
     std::vector<std::string> remarks;  // what is no failure, but worth knowing
     std::optional<HangReport> hang;
@@ -79,6 +82,7 @@ struct CaseReport {
 
     double seconds() const { return static_cast<double>(endNs - beginNs) / 1e9; }
     unsigned checksFailed() const;
+    std::vector<std::string> failureLines() const;  // of the failed checks
 };
 
 // What they came to; known failures do not count.

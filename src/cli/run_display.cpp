@@ -92,7 +92,7 @@ void RunDisplay::showDetails(const CaseReport& report) {
     const auto show = [this](std::string_view line) {
         results_ << "    " << printable(line) << '\n';
     };
-    std::ranges::for_each(report.log, show);
+    std::ranges::for_each(report.failureLines(), show);
     std::ranges::for_each(report.missing, show);
     std::ranges::for_each(report.remarks, show);
     if (!report.crash.empty()) {

@@ -39,7 +39,7 @@ class RunDisplay {
     void showCaseUnderWay(const CaseReport& report, double seconds);
     void showCaseEnded(const CaseReport& report);
     void showOthersLine(std::string_view line);
-    // Whatever the module's log says that belongs to no check.
+    // What is worth knowing and belongs to no case.
     void showRemark(std::string_view line);
     void showClosing(const std::vector<CaseReport>& cases, double seconds);
     // How far something long has come, on a terminal: "faults  [####    ] 12/66".
@@ -64,7 +64,7 @@ class RunDisplay {
 std::string durationText(double seconds);
 std::string hangText(const HangReport& hang);
 
-// A log entry on one line: line breaks and what else a terminal would act upon
+// A text on one line: line breaks and what else a terminal would act upon
 // are written as escapes.
 std::string printable(std::string_view text);
 

@@ -22,6 +22,7 @@ CheckReport checkIn(const ModuleEvent& event) {
             .passed = event.kind == Kind::passed,
             .left = textIn(event.data, "left"),
             .right = textIn(event.data, "right"),
+            .message = textIn(event.data, "message"),
             .atNs = event.atNs,
             .thread = event.thread};
 }
@@ -51,9 +52,9 @@ const CaseReport* RunRecord::add(const ModuleEvent& event) {
         underWay_->name = event.text;
         underWay_->verdict = Verdict::pass;
         underWay_->beginNs = event.atNs;
-        reached_.clear();
     }
     if (!underWay_) {
+        addStray(event);
         return nullptr;
     }
     if (event.kind == Kind::ended) {
@@ -63,11 +64,18 @@ const CaseReport* RunRecord::add(const ModuleEvent& event) {
     return nullptr;
 }
 
+// Of what happens between the cases, only failures matter.
+void RunRecord::addStray(const ModuleEvent& event) {
+    if (event.kind == Kind::failed) {
+        strayFailures_.push_back(failureLine(checkIn(event)));
+    } else if (event.kind == Kind::aborted) {
+        strayFailures_.push_back("an exception outside of every case: " +
+                                 textIn(event.data, "message"));
+    }
+}
+
 void RunRecord::addToCase(const ModuleEvent& event) {
     switch (event.kind) {
-        case Kind::reached:
-            reached_ = event.text;
-            break;
         case Kind::failed:
             underWay_->verdict = Verdict::fail;
             [[fallthrough]];
@@ -76,7 +84,8 @@ void RunRecord::addToCase(const ModuleEvent& event) {
             break;
         case Kind::aborted:
             underWay_->verdict = Verdict::fail;
-            underWay_->missing.emplace_back("an exception ended the case");
+            underWay_->missing.push_back("an exception ended the case: " +
+                                         textIn(event.data, "message"));
             break;
         case Kind::call:
             addCall(event, CallReport::Kind::call);
@@ -144,13 +153,6 @@ CaseReport& RunRecord::cutOff(Verdict verdict, std::int64_t nowNs) {
 // test service at the other end.
 CaseReport& RunRecord::end(std::int64_t nowNs) {
     underWay_->endNs = nowNs;
-    std::erase_if(unclaimed_, [this](const LogEntry& entry) {
-        const bool isItsOwn = entry.caseName == underWay_->name;
-        if (isItsOwn) {
-            underWay_->log.push_back(entry.text);
-        }
-        return isItsOwn;
-    });
     if (underWay_->verdict == Verdict::pass) {
         underWay_->missing = missingFrom(*underWay_);
         if (peerMissing_) {

@@ -1,5 +1,5 @@
-// What is known of one run of the module: the record of each case, made of what
-// the observer and the probe tell and what the log says.
+// What is known of one run of the module: the record of each case, made of the events
+// of the observer and the probe.
 #ifndef KAVRI_CLI_RUN_RECORD_H
 #define KAVRI_CLI_RUN_RECORD_H
 
@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "cli/module_events.h"
-#include "cli/module_log.h"
 #include "cli/report.h"
 
 namespace kavri::cli {
@@ -20,15 +19,11 @@ class RunRecord {
     // Takes in what the module is doing. Returns the case that this ended, if it did.
     const CaseReport* add(const ModuleEvent& event);
 
-    // Takes in what the log says; it is a failure of the case that it names, and
-    // stands there when that case has ended.
-    void add(const LogEntry& entry) { unclaimed_.push_back(entry); }
-    // What the log said that was about no case that has ended.
-    const std::vector<LogEntry>& unclaimed() const { return unclaimed_; }
+    // Failures outside of every case, a line each.
+    const std::vector<std::string>& strayFailures() const { return strayFailures_; }
 
-    // The case under way, if one is, and the place of the check that it came to.
+    // The case under way, if one is.
     const CaseReport* underWay() const { return underWay_ ? &*underWay_ : nullptr; }
-    const std::string& reached() const { return reached_; }
     // The call that has been under way the longest, if one is.
     const CallReport* openCall() const;
     // When the module last did anything; 0: it has not yet.
@@ -44,6 +39,7 @@ class RunRecord {
 
   private:
     void addToCase(const ModuleEvent& event);
+    void addStray(const ModuleEvent& event);
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
     void endCall(const ModuleEvent& event);
     CaseReport& end(std::int64_t nowNs);
@@ -52,10 +48,9 @@ class RunRecord {
     std::optional<CaseReport> underWay_;
     std::optional<CallReport> checkCall_;   // of the probe itself, while it is under way
     std::map<unsigned, std::size_t> open_;  // number of a call to its place in the case
-    std::string reached_;
     std::int64_t lastEventNs_ = 0;
     std::optional<std::string> peerMissing_;
-    std::vector<LogEntry> unclaimed_;
+    std::vector<std::string> strayFailures_;
     std::vector<nlohmann::json> usage_;
 };
 

@@ -114,13 +114,12 @@ unsigned nextNumber() {
     return ++last;
 }
 
-Json shortened(const char* text) {
+Json shortened(const char* text, std::size_t limitBytes) {
     if (text == nullptr) {
         return nullptr;
     }
     // A line holds four texts at most, and must stay below the 4096 bytes that a
     // pipe takes undivided, although one byte may take six in JSON.
-    constexpr std::size_t limitBytes = 200;
     constexpr std::size_t limitDumpedBytes = 900;
     const std::size_t length = strnlen(text, limitBytes + 1);
     for (std::size_t kept = std::min(length, limitBytes);; kept /= 2) {

@@ -42,8 +42,9 @@ std::string dumped(const Json& json);
 // The next N, from 1.
 unsigned nextNumber();
 
-// A text as it stands in a line: null stays null, and a long one is cut.
-Json shortened(const char* text);
+// A text as it stands in a line: null stays null, and a long one is cut, so that four
+// texts fit into a line whatever the limit.
+Json shortened(const char* text, std::size_t limitBytes = 200);
 
 void recordCall(unsigned number, const char* function, const Json& arguments);
 void recordReturn(unsigned number, const Json& result);

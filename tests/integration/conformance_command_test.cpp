@@ -187,11 +187,9 @@ BOOST_AUTO_TEST_CASE(failedChecksAreShownAsTheModuleWordsThem) {
     for (int i = 0; i < 10; ++i) {
         const std::string shown = lines[2 + static_cast<size_t>(i)];
         BOOST_TEST(shown.starts_with("    " KAVRI_SOURCE_DIR "/tests/test_ipc_initiator.cpp("));
-        BOOST_TEST(
-            shown.ends_with("): error: in \"initiatorSend/initiatorRepeatEcho\": check payload == "
-                            "rpayload has failed [CLIENT:echo " +
-                            std::to_string(i) + " != wrong\\x1b]"),
-            shown);
+        BOOST_TEST(shown.ends_with("): error: check payload == rpayload has failed [CLIENT:echo " +
+                                   std::to_string(i) + " != wrong\\x1b]"),
+                   shown);
     }
     BOOST_TEST(lines.back().starts_with("1 case, 0 passed; 44 checks, 34 passed, 10 failed; "));
 }
@@ -236,7 +234,9 @@ BOOST_AUTO_TEST_CASE(aCaseThatCrashesIsNamedWithTheSignalAndItsLastCheck) {
     const ToolResult result = run(misbehaving, {{"MISBEHAVIOUR", "crash"}});
     BOOST_TEST(result.exit.code == 2);
     BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  crash      4 checks"));
-    checkComplaint(result.error, with(misbehavingPlace, {"SIGABRT"}));
+    checkComplaint(result.error, with(misbehavingPlace,
+                                      {"SIGABRT, in kavri_core_ipc_initiator_command_send with {",
+                                       "\"targetIdentifier\":\"initiator\""}));
 }
 
 BOOST_AUTO_TEST_CASE(aLibraryThatEndsTheProcessInACaseDoesNotPass) {
@@ -424,7 +424,7 @@ BOOST_AUTO_TEST_CASE(wrongCommandLinesAreUsageErrors) {
         {{"--timeout", "nan"}, "'nan'"},
         {{"--timeout"}, "--timeout"},
         {{"--case"}, "--case"},
-        {{"--", "--log_level=all"}, "--log_level=all"}};
+        {{"--", "--run_test=*"}, "--run_test=*"}};
     for (const auto& [arguments, part] : wrong) {
         checkRefused(run(arguments), 64, {part});
     }
@@ -461,6 +461,29 @@ BOOST_AUTO_TEST_CASE(argumentsAfterTheDashesGoToTheModule) {
     BOOST_TEST(unknown.exit.code == 64);
     BOOST_TEST(contains(unknown.error, "no_such_argument"));
     checkComplaint(unknown.error, {"refused"});
+}
+
+BOOST_AUTO_TEST_CASE(theFrameworksOwnLogIsTheUsersToChoose) {
+    const Arguments echo = {"--library", standInFolder, "--case", "initiatorRepeatEcho"};
+    const Environment wrong = {{"STAND_IN_DEFECT", "answerPayload=wrong"}};
+    const std::string summary = "1 case, 0 passed; 44 checks, 34 passed, 10 failed; ";
+    const std::string failure = "check payload == rpayload has failed [CLIENT:echo 9 != wrong]";
+    const ToolResult silent = run(echo, wrong);
+    BOOST_TEST(contains(silent.output, summary));
+    BOOST_TEST(silent.error == "");
+    const TemporaryFolder folder;
+    const std::string log = folder / "log.xml";
+    const ToolResult asXml =
+        run(with(echo, {"--", "--log_format=XML", "--log_level=all", "--log_sink=" + log}), wrong);
+    BOOST_TEST(contains(asXml.output, summary));
+    BOOST_TEST(contains(asXml.output, failure));
+    std::ostringstream xml;
+    xml << std::ifstream(log).rdbuf();
+    BOOST_TEST(contains(xml.str(), failure));
+    BOOST_TEST(contains(xml.str(), "check payload == rpayload has failed [CLIENT:echo 0 "));
+    const ToolResult readable = run(with(echo, {"--", "--log_level=error"}), wrong);
+    BOOST_TEST(contains(readable.output, summary));
+    BOOST_TEST(contains(readable.error, failure));
 }
 
 BOOST_AUTO_TEST_CASE(theModulesVariablesDoNotDisturbTheRun) {

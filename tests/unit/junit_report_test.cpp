@@ -70,7 +70,8 @@ CheckReport failedCheck(const std::string& text, const std::string& left,
             .place = "test_ipc_initiator.cpp(199)",
             .passed = false,
             .left = left,
-            .right = right};
+            .right = right,
+            .message = "error: check " + text + " has failed"};
 }
 
 CallReport callOf(const std::string& function, std::optional<std::int64_t> endNs) {
@@ -130,11 +131,12 @@ BOOST_AUTO_TEST_CASE(aFailureHasCheckPlaceAndBothValues) {
     BOOST_TEST(attribute(failure, "message") ==
                "payload == rpayload, at test_ipc_initiator.cpp(199), and 1 more");
     BOOST_TEST(attribute(failure, "type") == "fail");
-    BOOST_TEST(failure.text().get() == std::string("test_ipc_initiator.cpp(199): payload == "
-                                                   "rpayload\n"
-                                                   "    left:  CLIENT:echo 0\n"
-                                                   "    right: CLIENT:ECHO 0\n"
-                                                   "test_ipc_initiator.cpp(199): jj != 0"));
+    BOOST_TEST(
+        failure.text().get() ==
+        std::string("test_ipc_initiator.cpp(199): error: check payload == rpayload has failed\n"
+                    "    left:  CLIENT:echo 0\n"
+                    "    right: CLIENT:ECHO 0\n"
+                    "test_ipc_initiator.cpp(199): error: check jj != 0 has failed"));
 }
 
 BOOST_AUTO_TEST_CASE(aFailureWithoutAFailedCheckSaysWhatIsMissing) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <boost/test/unit_test.hpp>
+#include <list>
 
 #include "cli/exit_status.h"
 #include "support/environment_variable.h"
@@ -26,31 +27,10 @@ bool has(const Arguments& arguments, const std::string& one) {
 }  // namespace
 
 BOOST_AUTO_TEST_CASE(argumentsThatTheToolSetsItselfAreRefused) {
-    for (const std::string argument : {"--log_level=all",
-                                       "--log_level",
-                                       "--log_l=all",
-                                       "--log",
-                                       "-l",
-                                       "-lall",
-                                       "--log_sink=x",
-                                       "-k",
-                                       "--logger=HRF",
-                                       "--log_format=XML",
-                                       "-f",
-                                       "--output_format=XML",
-                                       "-o",
-                                       "--run_test=x",
-                                       "-t",
-                                       "--result_code=no",
-                                       "-c",
-                                       "--catch_system_errors",
-                                       "-s",
-                                       "--color_output",
-                                       "-x",
-                                       "--list_content",
-                                       "--help",
-                                       "--help=log_level",
-                                       "--version"}) {
+    for (const std::string argument :
+         {"--run_test=x", "--run_t=x", "--run", "-t", "-tx", "--result_code=no", "-c",
+          "--catch_system_errors", "-s", "--list_content", "--list_labels", "--help",
+          "--help=log_level", "-h", "--version"}) {
         BOOST_CHECK_EXCEPTION(checkModuleArguments({"--random", argument}), CommandFailure,
                               [&](const CommandFailure& failure) {
                                   return failure.status() == ExitStatus::usage &&
@@ -61,39 +41,81 @@ BOOST_AUTO_TEST_CASE(argumentsThatTheToolSetsItselfAreRefused) {
 }
 
 BOOST_AUTO_TEST_CASE(otherArgumentsAreTheUsersOwn) {
-    BOOST_CHECK_NO_THROW(checkModuleArguments({"--report_level=detailed", "-r", "short",
-                                               "--random=7", "--show_progress", "--build_info", "-",
-                                               "x", "", "--", "--log_level=all"}));
+    BOOST_CHECK_NO_THROW(checkModuleArguments(
+        {"--report_level=detailed", "-r", "short", "--random=7", "--show_progress", "--build_info",
+         "--log_level=all", "-lall", "--log_format=XML", "--log_sink=x", "--logger=HRF",
+         "--output_format=XML", "--color_output", "-", "x", "", "--", "--run_test=x"}));
 }
 
 BOOST_AUTO_TEST_CASE(theVariablesOfWhatTheToolSetsAreReserved) {
     const Arguments variables = kavri::cli::reservedVariables();
-    for (const char* name :
-         {"BOOST_TEST_LOG_LEVEL", "BOOST_TEST_LOG_FORMAT", "BOOST_TEST_LOG_SINK",
-          "BOOST_TEST_LOGGER", "BOOST_TEST_RUN_FILTERS", "BOOST_TEST_COLOR_OUTPUT",
-          "BOOST_TEST_RESULT_CODE", "BOOST_TEST_CATCH_SYSTEM_ERRORS"}) {
+    for (const char* name : {"BOOST_TEST_RUN_FILTERS", "BOOST_TEST_RESULT_CODE",
+                             "BOOST_TEST_CATCH_SYSTEM_ERRORS", "BOOST_TEST_LIST_CONTENT"}) {
         BOOST_TEST(has(variables, name), name);
     }
     BOOST_TEST(!has(variables, "BOOST_TEST_REPORT_LEVEL"));
+    BOOST_TEST(!has(variables, "BOOST_TEST_LOG_LEVEL"));
     BOOST_TEST(!has(variables, ""));
 }
 
-BOOST_AUTO_TEST_CASE(theCommandLineSelectsTheCasesAndTheLog) {
-    const EnvironmentVariable none("BOOST_TEST_REPORT_LEVEL", std::nullopt);
+// Without the variables by which log, report and colour could be chosen.
+class NothingChosen {
+  public:
+    NothingChosen() {
+        for (const char* name :
+             {"BOOST_TEST_LOG_LEVEL", "BOOST_TEST_LOG_FORMAT", "BOOST_TEST_LOG_SINK",
+              "BOOST_TEST_LOGGER", "BOOST_TEST_OUTPUT_FORMAT", "BOOST_TEST_REPORT_LEVEL",
+              "BOOST_TEST_COLOR_OUTPUT"}) {
+            unset_.emplace_back(name, std::nullopt);
+        }
+    }
+
+  private:
+    std::list<EnvironmentVariable> unset_;
+};
+
+BOOST_FIXTURE_TEST_CASE(theCommandLineSelectsTheCasesAndIsSilent, NothingChosen) {
     const Arguments expected = {
-        "--log_level=error", "--log_format=HRF",         "--log_sink=/dev/fd/7",
-        "--color_output=no", "--catch_system_errors=no", "--run_test=a/b",
-        "--run_test=c/d",    "--report_level=no",        "--random=1"};
-    BOOST_TEST(moduleCommandLine({"a/b", "c/d"}, 7, {"--random=1"}) == expected,
+        "--catch_system_errors=no", "--run_test=a/b",    "--run_test=c/d", "--log_level=nothing",
+        "--report_level=no",        "--color_output=no", "--random=1"};
+    BOOST_TEST(moduleCommandLine({"a/b", "c/d"}, {"--random=1"}) == expected,
                boost::test_tools::per_element());
 }
 
-BOOST_AUTO_TEST_CASE(theReportIsLeftToTheUserWhoAsksForOne) {
-    for (const std::string argument : {"--report_level=short", "--report_l=short", "-rshort"}) {
-        const Arguments arguments = moduleCommandLine({}, 7, {argument});
-        BOOST_TEST(!has(arguments, "--report_level=no"));
+// What the tool leaves out where the user asks for something else.
+BOOST_FIXTURE_TEST_CASE(logReportAndColourAreLeftToTheUserWhoAsksForThem, NothingChosen) {
+    const std::string log = "--log_level=nothing";
+    const std::string report = "--report_level=no";
+    const std::string colour = "--color_output=no";
+    const std::vector<std::pair<std::string, std::string>> choices = {
+        {"--log_level=all", log},
+        {"--log_l=all", log},
+        {"-lall", log},
+        {"--log_format=XML", log},
+        {"-fXML", log},
+        {"--log_sink=x", log},
+        {"-kx", log},
+        {"--logger=XML,all,x", log},
+        {"--output_format=XML", log},
+        {"-oXML", log},
+        {"--report_level=short", report},
+        {"--report_l=short", report},
+        {"-rshort", report},
+        {"--color_output=yes", colour},
+        {"-x", colour}};
+    for (const auto& [argument, left] : choices) {
+        const Arguments arguments = moduleCommandLine({}, {argument});
         BOOST_TEST(arguments.back() == argument);
+        for (const std::string& own : {log, report, colour}) {
+            BOOST_TEST(has(arguments, own) == (own != left), argument << ", " << own);
+        }
     }
-    const EnvironmentVariable set("BOOST_TEST_REPORT_LEVEL", "detailed");
-    BOOST_TEST(!has(moduleCommandLine({}, 7, {}), "--report_level=no"));
+}
+
+BOOST_FIXTURE_TEST_CASE(logReportAndColourAreChosenByVariablesToo, NothingChosen) {
+    const EnvironmentVariable sink("BOOST_TEST_LOG_SINK", "x");
+    const EnvironmentVariable report("BOOST_TEST_REPORT_LEVEL", "detailed");
+    const EnvironmentVariable colour("BOOST_TEST_COLOR_OUTPUT", "yes");
+    const Arguments expected = {"--catch_system_errors=no"};
+    BOOST_TEST(moduleCommandLine({}, {}) == expected, boost::test_tools::per_element());
 }

@@ -48,6 +48,7 @@ Report fullReport() {
                     .passed = false,
                     .left = "1",
                     .right = "2",
+                    .message = "error: check a == b has failed [1 != 2]",
                     .atNs = 200,
                     .thread = 7}};
     full.calls = {callOf("send", 300, 400), callOf("response", 500, std::nullopt)};
@@ -57,7 +58,6 @@ Report fullReport() {
     full.calls[0].result = {{"status", 0}};
     full.calls[1].kind = CallReport::Kind::delivery;
     full.faults = {{"send-lost", 350, "lost it"}};
-    full.log = {"t.cpp(9): error", "and more"};
     full.missing = {"one thing"};
     full.remarks = {"another thing"};
     full.hang = HangReport{"receive", "{}", 10.5, "c == d", "#0 poll"};
@@ -101,7 +101,7 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(first, {"name", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
                          "missing", "remarks", "hang", "crash", "known", "repeat"});
     checkMembers(first["checks"][0],
-                 {"text", "place", "passed", "left", "right", "atNs", "thread"});
+                 {"text", "place", "passed", "left", "right", "message", "atNs", "thread"});
     for (const Json& call : first["calls"]) {
         checkMembers(call, {"kind", "number", "function", "thread", "beginNs", "endNs", "arguments",
                             "result"});
@@ -147,6 +147,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
                                  {"passed", false},
                                  {"left", "1"},
                                  {"right", "2"},
+                                 {"message", "error: check a == b has failed [1 != 2]"},
                                  {"atNs", 200},
                                  {"thread", 7}}})},
         {"calls", Json::array({{{"kind", "call"},
@@ -166,7 +167,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
                                 {"arguments", Json::object()},
                                 {"result", Json::object()}}})},
         {"faults", Json::array({{{"name", "send-lost"}, {"atNs", 350}, {"did", "lost it"}}})},
-        {"log", Json::array({"t.cpp(9): error", "and more"})},
+        {"log", Json::array({"t.cpp(9): error: check a == b has failed [1 != 2]"})},
         {"missing", Json::array({"one thing"})},
         {"remarks", Json::array({"another thing"})},
         {"hang",
@@ -277,8 +278,9 @@ BOOST_AUTO_TEST_CASE(whateverALibraryPutsIntoATextCanBeWritten) {
     Report report = fullReport();
     CaseReport& first = report.libraries[0].cases[0];
     first.name = first.crash = first.known = first.repeat = hostile;
-    first.log = first.missing = first.remarks = {hostile};
+    first.missing = first.remarks = {hostile};
     first.checks[0].left = first.checks[0].right = first.checks[0].text = hostile;
+    first.checks[0].message = hostile;
     first.calls[0].function = hostile;
     first.calls[0].result = {{"uuid", hostile}};
     first.hang->stacks = first.hang->arguments = hostile;
@@ -289,7 +291,7 @@ BOOST_AUTO_TEST_CASE(whateverALibraryPutsIntoATextCanBeWritten) {
     const std::string replaced = "\xef\xbf\xbd\xef\xbf\xbd(\x01\"";
     const Json& one = read["libraries"][0]["cases"][0];
     BOOST_TEST(one["name"] == replaced);
-    BOOST_TEST(one["log"][0] == replaced);
+    BOOST_TEST(one["log"][0] == "t.cpp(9): " + replaced);
     BOOST_TEST(one["checks"][0]["left"] == replaced);
     BOOST_TEST(one["calls"][0]["result"]["uuid"] == replaced);
     BOOST_TEST(read["libraries"][0]["latencies"].contains(replaced));

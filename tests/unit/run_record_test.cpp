@@ -1,4 +1,4 @@
-// What a run's events and log entries add up to.
+// What a run's events add up to.
 #define BOOST_TEST_MODULE runRecord
 
 #include "cli/run_record.h"
@@ -128,7 +128,8 @@ BOOST_AUTO_TEST_CASE(aFailedCheckFailsItsCase) {
 }
 
 BOOST_AUTO_TEST_CASE(aCheckHasItsTextPlaceValuesTimeAndThread) {
-    tell(Kind::failed, "t.cpp(9)", 0, {{"check", "x == y"}, {"left", "1"}, {"right", "2"}});
+    tell(Kind::failed, "t.cpp(9)", 0,
+         {{"check", "x == y"}, {"message", "error: check x"}, {"left", "1"}, {"right", "2"}});
     const std::int64_t failedNs = nowNs;
     tell(Kind::passed, "t.cpp(10)", 0, {{"check", "jj != 0"}});
     const CheckReport& failed = record.underWay()->checks.at(0);
@@ -137,6 +138,7 @@ BOOST_AUTO_TEST_CASE(aCheckHasItsTextPlaceValuesTimeAndThread) {
     BOOST_TEST(failed.place == "t.cpp(9)");
     BOOST_TEST(failed.left == "1");
     BOOST_TEST(failed.right == "2");
+    BOOST_TEST(failed.message == "error: check x");
     BOOST_TEST(failed.atNs == failedNs);
     BOOST_TEST(failed.thread == 7);
     const CheckReport& passed = record.underWay()->checks.at(1);
@@ -144,38 +146,26 @@ BOOST_AUTO_TEST_CASE(aCheckHasItsTextPlaceValuesTimeAndThread) {
     BOOST_TEST(passed.text == "jj != 0");
     BOOST_TEST(passed.left.empty());
     BOOST_TEST(passed.right.empty());
+    BOOST_TEST(passed.message.empty());
 }
 
 BOOST_AUTO_TEST_CASE(anExceptionFailsItsCaseAndIsSaid) {
-    tell(Kind::aborted);
+    tell(Kind::aborted, "", 0, {{"message", "std::bad_alloc; last checkpoint: t.cpp(1)"}});
     check(true, "t.cpp(1)");
     const CaseReport& ended = end();
     BOOST_TEST((ended.verdict == Verdict::fail));
-    checkLines(ended.missing, {"an exception ended the case"});
+    checkLines(ended.missing,
+               {"an exception ended the case: std::bad_alloc; last checkpoint: t.cpp(1)"});
 }
 
-BOOST_AUTO_TEST_CASE(howFarACaseGotIsKnown) {
-    BOOST_TEST(record.reached() == "");
-    tell(Kind::reached, "t.cpp(1)");
-    check(true, "t.cpp(1)");
-    BOOST_TEST(record.reached() == "t.cpp(1)");
-    tell(Kind::reached, "t.cpp(2)");
-    BOOST_TEST(record.reached() == "t.cpp(2)");
-    BOOST_TEST(record.lastEventNs() == nowNs);
+BOOST_AUTO_TEST_CASE(failuresOutsideOfACaseAreKept) {
+    check(false, "t.cpp(1)");
     end();
-    begin("s/later");
-    BOOST_TEST(record.reached() == "");
-}
-
-BOOST_AUTO_TEST_CASE(logEntriesStandWithTheCaseThatTheyName) {
-    record.add({unknown, "one"});
-    record.add({"s/later", "of the next case"});
-    record.add({unknown, "two"});
-    checkLines(end().log, {"one", "two"});
-    BOOST_TEST(record.unclaimed().size() == 1U);
-    begin("s/later");
-    checkLines(record.cutOff(Verdict::crash, nowNs).log, {"of the next case"});
-    BOOST_TEST(record.unclaimed().empty());
+    tell(Kind::failed, "t.cpp(9)", 0, {{"check", "a"}, {"message", "error: check a has failed"}});
+    check(true, "t.cpp(10)");
+    tell(Kind::aborted, "", 0, {{"message", "std::bad_alloc"}});
+    checkLines(record.strayFailures(), {"t.cpp(9): error: check a has failed",
+                                        "an exception outside of every case: std::bad_alloc"});
 }
 
 BOOST_AUTO_TEST_CASE(whatHappensOutsideOfACaseCountsForNone) {
