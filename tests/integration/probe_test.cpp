@@ -81,9 +81,7 @@ class Bench {
             .environment = {{"LD_PRELOAD", KAVRI_LIB_DIR "/libkavri-probe.so"},
                             // A sanitizer's runtime would come first otherwise.
                             {"ASAN_OPTIONS", "detect_leaks=1:verify_asan_link_order=0"},
-                            // The framework's own races are its own: what the probe
-                            // records is tested here.
-                            {"TSAN_OPTIONS", "exitcode=0:handle_segv=0:handle_abort=0"},
+                            {"TSAN_OPTIONS", "handle_segv=0:handle_abort=0"},
                             {"KAVRI_BROKER", socket_.string()},
                             {"KAVRI_MODULE_EVENTS", std::to_string(record)}},
             .inheritedDescriptors = {record}};
