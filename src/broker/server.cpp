@@ -240,7 +240,7 @@ void Server::acceptAll() {
                       std::generic_category().message(errno));
         ::epoll_ctl(epoll_, EPOLL_CTL_DEL, listener_.descriptor(), nullptr);
         listening_ = false;
-        deadlines_.add({now_ + listenPause, DeadlineKind::listen, {}});
+        deadlines_.set({now_ + listenPause, DeadlineKind::listen, {}});
     }
 }
 
@@ -269,7 +269,7 @@ void Server::open(const Accepted& accepted) {
     session.descriptor = accepted.descriptor;
     ++connections_;
     ++account.connections;
-    deadlines_.add({now_ + limits_.handshakeTime, DeadlineKind::handshake, session.id});
+    deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session.id});
     poll(session);
     readFrom(session);  // its hello is mostly there already
 }
@@ -334,7 +334,7 @@ void Server::waitOrGoOn(Session& session, Session* waitFor) {
     session.isHeldBack = waitFor != nullptr;
     if (waitFor != nullptr) {
         waitFor->heldBack.push_back(session.id);
-        deadlines_.add({std::max(waitFor->lastProgress, now_) + limits_.holdBackTime,
+        deadlines_.set({std::max(waitFor->lastProgress, now_) + limits_.holdBackTime,
                         DeadlineKind::patience, waitFor->id});
     }
     poll(session);
@@ -362,7 +362,7 @@ void Server::writeTo(Session& session) {
     if (!session.outbox.empty() && !session.watched) {
         session.watched = true;
         session.lastProgress = now_;
-        deadlines_.add({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
+        deadlines_.set({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
     }
     poll(session);
 }
@@ -390,7 +390,7 @@ void Server::checkProgress(Session& session) {
         return;
     }
     session.watched = true;
-    deadlines_.add({due, DeadlineKind::progress, session.id});
+    deadlines_.set({due, DeadlineKind::progress, session.id});
 }
 
 void Server::checkPatience(Session& session) {
@@ -399,7 +399,7 @@ void Server::checkPatience(Session& session) {
     }
     const Clock::time_point due = session.lastProgress + limits_.holdBackTime;
     if (due > now_) {
-        deadlines_.add({due, DeadlineKind::patience, session.id});
+        deadlines_.set({due, DeadlineKind::patience, session.id});
         return;
     }
     session.patienceOver = true;
