@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <system_error>
@@ -28,6 +29,10 @@ void Acceptor::listen() {
     }
 }
 
+void Acceptor::acceptSome(std::size_t readyDescriptors, Clock::time_point now) {
+    accept(std::clamp<std::size_t>(readyDescriptors / readyForEachAccept, 1, acceptsPerRound), now);
+}
+
 void Acceptor::accept(std::size_t most, Clock::time_point now) {
     for (std::size_t i = 0; i < most; ++i) {
         bool outOfDescriptors = false;
@@ -40,6 +45,8 @@ void Acceptor::accept(std::size_t most, Clock::time_point now) {
         }
         const Refusal refusal = refusalOf(*accepted);
         if (refusal.reason.empty()) {
+            ::setsockopt(accepted->descriptor, SOL_SOCKET, SO_SNDBUF,
+                         &interfaces::socketBufferBytes, sizeof interfaces::socketBufferBytes);
             surroundings_.open(*accepted);
         } else {
             refuse(*accepted, refusal);

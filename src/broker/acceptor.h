@@ -32,9 +32,10 @@ class Acceptor {
 
     Acceptor(Listener& listener, Surroundings surroundings);
 
-    // Accepts some of the connections that wait. Where descriptors are out, pauses
+    // Accepts some of the connections that wait: one in a short round, more in one
+    // that is long anyway because much is ready. Where descriptors are out, pauses
     // until a deadline of kind `listen`.
-    void acceptSome(Clock::time_point now) { accept(acceptsPerRound, now); }
+    void acceptSome(std::size_t readyDescriptors, Clock::time_point now);
     // Ends such a pause.
     void listen();
     // To be called when the listener's files may have gone: makes them again.
@@ -43,6 +44,7 @@ class Acceptor {
 
   private:
     static constexpr std::size_t acceptsPerRound = 16;
+    static constexpr std::size_t readyForEachAccept = 16;
     static constexpr std::chrono::milliseconds pause{100};
 
     // Why the connection is refused; an empty reason where it is not.

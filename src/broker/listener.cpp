@@ -15,7 +15,6 @@
 #include <utility>
 
 #include "interfaces/address.h"
-#include "interfaces/limits.h"
 
 namespace kavri::broker {
 
@@ -198,8 +197,6 @@ std::optional<Accepted> Listener::accept(bool& outOfDescriptors) {
             ucred peer{};
             socklen_t length = sizeof peer;
             if (::getsockopt(accepted, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0) {
-                ::setsockopt(accepted, SOL_SOCKET, SO_SNDBUF, &interfaces::socketBufferBytes,
-                             sizeof interfaces::socketBufferBytes);
                 return Accepted{accepted, peer.uid, peer.pid};
             }
             ::close(accepted);

@@ -28,16 +28,15 @@ class LogQueue {
     explicit LogQueue(std::string name) : prefix_(std::move(name) + ": ") {}
 
     void add(std::string_view message) {
-        const std::string line = printable(message);
         const std::scoped_lock lock(mutex_);
-        const auto summary = limiter_.nextSummary();
-        const bool admitted = limiter_.admit(line, LogLimiter::Clock::now());
-        if (admitted) {
-            push(line);
-        }
-        if (admitted || limiter_.nextSummary() != summary) {
+        if (admitLocked(message)) {
+            push(printable(message));
             changed_.notify_all();
         }
+    }
+    bool admit(std::string_view kind) {
+        const std::scoped_lock lock(mutex_);
+        return admitLocked(kind);
     }
 
     // The next line; waits for one. Nothing once all was taken and the log ends.
@@ -80,6 +79,15 @@ class LogQueue {
   private:
     static constexpr std::size_t mostBytes = 65536;
 
+    // Wakes the writer where it is to write a summary sooner than it knew.
+    bool admitLocked(std::string_view message) {
+        const auto summary = limiter_.nextSummary();
+        const bool admitted = limiter_.admit(message, LogLimiter::Clock::now());
+        if (limiter_.nextSummary() != summary) {
+            changed_.notify_all();
+        }
+        return admitted;
+    }
     void push(const std::string& message) {
         lines_.push_back(prefix_ + message + "\n");
         bytes_ += lines_.back().size();
@@ -158,6 +166,10 @@ Log::Log(const std::string& name, int descriptor) : queue_(std::make_shared<LogQ
     });
     spdlog::set_default_logger(
         std::make_shared<spdlog::logger>(name, std::make_shared<QueueSink>(queue_)));
+}
+
+bool Log::admits(std::string_view kind) const {
+    return queue_->admit(kind);
 }
 
 Log::~Log() {

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace kavri::broker {
@@ -28,6 +29,11 @@ class Log {
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
     ~Log();
+
+    // Whether a message of this kind may be logged now; it is counted otherwise. For
+    // messages that a peer can cause with each frame: asked first, this spares the
+    // cost of formatting them.
+    bool admits(std::string_view kind) const;
 
   private:
     const std::shared_ptr<LogQueue> queue_;

@@ -8,28 +8,47 @@ namespace kavri::broker {
 
 namespace {
 
-constexpr std::string_view otherKinds = "messages of other kinds";
+const std::string otherKinds = "messages of other kinds";
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
+// The characters of the message's kind, without the cost of a string.
+template <typename Take>
+void forEachOfKind(std::string_view message, const Take& take) {
+    const std::size_t quoted = std::min(message.find('"'), message.size());
+    const std::size_t last = message.rfind('"');
+    bool inNumber = false;
+    for (std::size_t i = 0; i < message.size(); ++i) {
+        if (i == quoted) {
+            for (const char c : std::string_view("\"...\"")) {
+                take(c);
+            }
+            i = last;
+        } else if (!isDigit(message[i])) {
+            take(message[i]);
+        } else if (!inNumber) {
+            take('#');
+        }
+        inNumber = isDigit(message[i]);
+    }
+}
+
+// FNV-1a.
+std::uint64_t hashOfKind(std::string_view message) {
+    std::uint64_t hash = 14695981039346656037U;
+    forEachOfKind(message, [&hash](char c) {
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211U;
+    });
+    return hash;
+}
+
 }  // namespace
 
 std::string kindOfMessage(std::string_view message) {
-    const std::size_t quoted = std::min(message.find('"'), message.size());
-    const std::size_t last = message.rfind('"');
     std::string kind;
-    for (std::size_t i = 0; i < message.size(); ++i) {
-        if (i == quoted) {
-            kind += "\"...\"";
-            i = last;
-        } else if (!isDigit(message[i])) {
-            kind += message[i];
-        } else if (kind.empty() || kind.back() != '#') {
-            kind += '#';
-        }
-    }
+    forEachOfKind(message, [&kind](char c) { kind += c; });
     return kind;
 }
 
@@ -68,17 +87,17 @@ LogLimiter::Kind& LogLimiter::kindOf(std::string_view message, Clock::time_point
     std::erase_if(kinds_, [now](const auto& kind) {
         return kind.second.counted == 0 && kind.second.begin + period <= now;
     });
-    const std::string name = kindOfMessage(message);
-    if (const auto known = kinds_.find(name); known != kinds_.end()) {
+    if (const auto known = kinds_.find(hashOfKind(message)); known != kinds_.end()) {
         return known->second;
     }
-    const std::string_view counted = kinds_.size() < kindsInAll ? name : otherKinds;
-    return kinds_.try_emplace(std::string(counted), Kind{now}).first->second;
+    const bool isOther = kinds_.size() >= kindsInAll;
+    const std::string name = isOther ? otherKinds : printable(kindOfMessage(message));
+    return kinds_.try_emplace(hashOfKind(isOther ? name : message), Kind{name, now}).first->second;
 }
 
 std::size_t LogLimiter::admittedInAll() const {
     std::size_t sum = 0;
-    for (const auto& [name, kind] : kinds_) {
+    for (const auto& [hash, kind] : kinds_) {
         sum += kind.admitted;
     }
     return sum;
@@ -86,7 +105,7 @@ std::size_t LogLimiter::admittedInAll() const {
 
 std::optional<LogLimiter::Clock::time_point> LogLimiter::nextSummary() const {
     std::optional<Clock::time_point> next;
-    for (const auto& [name, kind] : kinds_) {
+    for (const auto& [hash, kind] : kinds_) {
         if (kind.counted > 0 && (!next || kind.begin + period < *next)) {
             next = kind.begin + period;
         }
@@ -106,13 +125,13 @@ std::vector<std::string> LogLimiter::takeSummariesUntil(Clock::time_point due,
                                                         Clock::time_point now) {
     std::vector<std::string> lines;
     std::erase_if(kinds_, [&](const auto& entry) {
-        const auto& [name, kind] = entry;
+        const Kind& kind = entry.second;
         if (kind.counted == 0 || kind.begin + period > due) {
             return false;
         }
         const auto time = std::chrono::ceil<std::chrono::seconds>(now - kind.begin);
         lines.push_back("... and " + std::to_string(kind.counted) + " more in " +
-                        std::to_string(time.count()) + " s: " + name);
+                        std::to_string(time.count()) + " s: " + kind.name);
         return true;
     });
     return lines;

@@ -8,10 +8,11 @@
 #define KAVRI_BROKER_LOG_LIMITER_H
 
 #include <chrono>
-#include <map>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace kavri::broker {
@@ -37,6 +38,7 @@ class LogLimiter {
 
   private:
     struct Kind {
+        std::string name;
         Clock::time_point begin;
         std::size_t admitted = 0;
         std::size_t counted = 0;
@@ -45,7 +47,7 @@ class LogLimiter {
     std::size_t admittedInAll() const;
     std::vector<std::string> takeSummariesUntil(Clock::time_point due, Clock::time_point now);
 
-    std::map<std::string, Kind, std::less<>> kinds_;
+    std::unordered_map<std::uint64_t, Kind> kinds_;  // by a hash of their names
 };
 
 // The message with each number as "#", and all from the first quotation mark to

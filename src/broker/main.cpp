@@ -160,7 +160,7 @@ struct StoppingNotice {
     ~StoppingNotice() { sd_notify(0, "STOPPING=1"); }
 };
 
-void serve(const Arguments& arguments, int signals) {
+void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     broker::Config config = configOf(arguments);
     raiseDescriptorLimit(config.limits.connections);
     broker::Listener listener(interfaces::brokerAddress(arguments.socket),
@@ -169,7 +169,7 @@ void serve(const Arguments& arguments, int signals) {
         spdlog::warn("unknown test command \"{}\": answered with an empty payload",
                      identifier.substr(0, longestLoggedName));
     });
-    broker::Server server({config.limits, std::move(config.policy), newIdentity()}, listener);
+    broker::Server server({config.limits, std::move(config.policy), newIdentity()}, listener, log);
     if (arguments.testService) {
         server.embed(test_service::category, service);
     }
@@ -197,7 +197,7 @@ int runCommandLine(int argc, char** argv) {
     const int signals = signalsToHandle();
     const broker::Log log("kavri-broker", STDERR_FILENO);
     try {
-        serve(arguments, signals);
+        serve(arguments, signals, log);
     } catch (const std::exception& error) {
         spdlog::error("{}", error.what());
         return failure;

@@ -39,7 +39,7 @@ ssize_t sendSome(const Session& session) {
 
 }  // namespace
 
-Server::Server(ServerOptions options, Listener& listener)
+Server::Server(ServerOptions options, Listener& listener, const Log& log)
     : limits_(options.limits),
       policy_(std::move(options.policy)),
       router_(limits_, policy_, pool_,
@@ -47,8 +47,11 @@ Server::Server(ServerOptions options, Listener& listener)
                [this](Session& session, std::string_view reason) {
                    close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
                },
-               [](const Session& session, std::string_view what) {
-                   spdlog::warn("process {} of user {} {}", session.process, session.user, what);
+               [&log](const Session& session, std::string_view what) {
+                   if (log.admits(what)) {
+                       spdlog::warn("process {} of user {} {}", session.process, session.user,
+                                    what);
+                   }
                }}),
       protocol_(limits_, router_, pool_, std::move(options.identity),
                 [this](Session& session, kavri_core_status status, std::string_view reason) {
@@ -58,7 +61,7 @@ Server::Server(ServerOptions options, Listener& listener)
                            [this](const Accepted& accepted) { open(accepted); }}),
       clock_(Clock::now()),
       now_(clock_.now()),
-      readBuffer_(BufferPool::standardBytes + readBytes) {}
+      readBuffer_(BufferPool::standardBytes + readBytesOfEvents) {}
 
 void Server::run(int signalDescriptor, std::function<void()> onSignal) {
     onSignal_ = std::move(onSignal);
@@ -77,7 +80,7 @@ void Server::run(int signalDescriptor, std::function<void()> onSignal) {
             keepListening();
         }
         if (std::exchange(connectionsWait_, false)) {
-            acceptor_.acceptSome(now_);
+            acceptor_.acceptSome(readiness_.events().size(), now_);
         }
         finishRound();
     }
@@ -151,10 +154,9 @@ void Server::receive(Session& session) {
 // from it costs as many times as much.
 std::size_t Server::readShare(const Session& session) const {
     const std::size_t receivers =
-        session.served == nullptr ? 1
-                                  : std::max<std::size_t>(session.served->subscribers.size(), 1);
-    return std::clamp(readBytesPerRound / std::max(readiness_.events().size(), receivers),
-                      leastReadBytes, readBytes);
+        session.served == nullptr ? 0 : session.served->subscribers.size();
+    const std::size_t share = readBytesPerRound / std::max(readiness_.events().size(), receivers);
+    return std::clamp(share, leastReadBytes, receivers > 1 ? readBytesOfEvents : readBytes);
 }
 
 void Server::handleDeadlines() {
@@ -238,7 +240,7 @@ void Server::open(const Accepted& accepted) {
     Session& session = sessions_.add(accepted, pool_);
     deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session.id});
     poll(session);
-    readLimitBytes_ = leastReadBytes;
+    readLimitBytes_ = readBytes;
     readFrom(session);  // its hello is mostly there already
 }
 

@@ -17,6 +17,7 @@
 #include "broker/acceptor.h"
 #include "broker/deadlines.h"
 #include "broker/listener.h"
+#include "broker/log.h"
 #include "broker/loop_clock.h"
 #include "broker/policy.h"
 #include "broker/protocol.h"
@@ -35,7 +36,7 @@ struct ServerOptions {
 
 class Server {
   public:
-    Server(ServerOptions options, Listener& listener);
+    Server(ServerOptions options, Listener& listener, const Log& log);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
 
@@ -58,13 +59,15 @@ class Server {
 
   private:
     static constexpr std::size_t removalsPerRound = 64;
-    // One read takes at most this much from one session; in front of it there
-    // is room for the beginning of a frame that came before.
-    static constexpr std::size_t readBytes = 128 * interfaces::kibibyte;
+    // One read takes at most this much from one session, so that a peer with much
+    // to say delays others by some microseconds only. From one that may have events
+    // for several it takes more, since these then leave in fewer writes.
+    static constexpr std::size_t readBytes = 8 * interfaces::kibibyte;
+    static constexpr std::size_t readBytesOfEvents = 128 * interfaces::kibibyte;
     static constexpr std::size_t readBehindLargeBytes = 512;
     // What all reads of a round share, and the least that one gets of it.
-    static constexpr std::size_t readBytesPerRound = 2 * interfaces::mebibyte;
-    static constexpr std::size_t leastReadBytes = 4 * interfaces::kibibyte;
+    static constexpr std::size_t readBytesPerRound = 1 * interfaces::mebibyte;
+    static constexpr std::size_t leastReadBytes = 2 * interfaces::kibibyte;
 
     void waitForEvents();
     int sleepTimeMs(Clock::time_point now) const;

@@ -223,6 +223,8 @@ const std::vector<Named> attacks = {
      [] {
          floodOf(1, 1, "responder", repeated(encode(makeFrame(FrameType::completion, 99)), 4096));
      }},
+    {"one-flood",
+     [] { floodOf(1, 1, "initiator", repeated(encode(makeFrame(FrameType::ping, 99)), 4096)); }},
     {"pings",
      [] { floodOf(3, 85, "initiator", repeated(encode(makeFrame(FrameType::ping, 99)), 4096)); }},
     {"many-pings",
