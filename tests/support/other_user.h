@@ -28,12 +28,13 @@ inline bool canActAsOthers() {
 // Connects as `user`. The kernel keeps the user of each thread, which the C library
 // hides, so that a thread of its own can be another user for a moment.
 inline RawPeer connectAs(uid_t user, const std::string& path) {
-    return std::async(std::launch::async, [&] {
-               if (::syscall(SYS_setresuid, user, user, user) != 0) {
-                   throw std::system_error(errno, std::generic_category(), "setresuid");
-               }
-               return RawPeer(path);
-           })
+    return std::async(std::launch::async,
+                      [&] {
+                          if (::syscall(SYS_setresuid, user, user, user) != 0) {
+                              throw std::system_error(errno, std::generic_category(), "setresuid");
+                          }
+                          return RawPeer(path);
+                      })
         .get();
 }
 
