@@ -26,10 +26,11 @@ struct Pipe {
         BOOST_REQUIRE(::pipe2(ends.data(), O_CLOEXEC) == 0);
         log.emplace("name", ends[1]);
     }
+    // The writing end stays open: a writer that is stuck in it outlives the log, and
+    // ends when nobody can read any more.
     ~Pipe() {
         log.reset();
         ::close(ends[0]);
-        ::close(ends[1]);
     }
 
     // What was written so far; never waits.
