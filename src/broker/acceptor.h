@@ -12,8 +12,8 @@
 #include "broker/policy.h"
 #include "broker/readiness.h"
 #include "broker/sessions.h"
+#include "interfaces/frame.h"
 #include "interfaces/limits.h"
-#include "kavri/core.h"
 
 namespace kavri::broker {
 
