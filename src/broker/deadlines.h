@@ -1,15 +1,14 @@
-// What is to be looked at when, at the latest.
+// What is due when: at most one deadline of each kind for each session.
 //
-// Entries are never taken back: whoever set one finds out, when it is due,
-// whether there is still anything to do. So a session that goes in time costs
-// nothing but its entry.
+// A deadline that no longer holds is cancelled, so the table never has more
+// entries than there are sessions with something to wait for.
 #ifndef KAVRI_BROKER_DEADLINES_H
 #define KAVRI_BROKER_DEADLINES_H
 
-#include <functional>
+#include <map>
 #include <optional>
-#include <queue>
-#include <vector>
+#include <set>
+#include <tuple>
 
 #include "broker/session.h"
 
@@ -19,30 +18,59 @@ enum class DeadlineKind : std::uint8_t { handshake, progress, patience, listen }
 
 struct Deadline {
     Clock::time_point due;
-    DeadlineKind kind;
+    DeadlineKind kind = DeadlineKind::handshake;
     SessionId session;
-    bool operator>(const Deadline& other) const { return due > other.due; }
+
+    bool operator<(const Deadline& other) const { return order() < other.order(); }
+
+  private:
+    std::tuple<Clock::time_point, DeadlineKind, std::uint32_t, std::uint32_t> order() const {
+        return {due, kind, session.index, session.generation};
+    }
 };
 
 class Deadlines {
   public:
-    void add(Deadline deadline) { queue_.push(deadline); }
-
-    std::optional<Clock::time_point> next() const {
-        return queue_.empty() ? std::nullopt : std::optional(queue_.top().due);
+    // Replaces the session's earlier deadline of this kind.
+    void set(const Deadline& deadline) {
+        cancel(deadline.kind, deadline.session);
+        dueTimes_.emplace(keyOf(deadline.kind, deadline.session), deadline.due);
+        byTime_.insert(deadline);
     }
 
+    // Does nothing where there is none.
+    void cancel(DeadlineKind kind, SessionId session) {
+        const auto found = dueTimes_.find(keyOf(kind, session));
+        if (found != dueTimes_.end()) {
+            byTime_.erase({found->second, kind, session});
+            dueTimes_.erase(found);
+        }
+    }
+
+    std::optional<Clock::time_point> next() const {
+        return byTime_.empty() ? std::nullopt : std::optional(byTime_.begin()->due);
+    }
+
+    // The earliest deadline that has come, which is then no longer set.
     std::optional<Deadline> takeDue(Clock::time_point now) {
-        if (queue_.empty() || queue_.top().due > now) {
+        if (byTime_.empty() || byTime_.begin()->due > now) {
             return std::nullopt;
         }
-        const Deadline due = queue_.top();
-        queue_.pop();
+        const Deadline due = *byTime_.begin();
+        cancel(due.kind, due.session);
         return due;
     }
 
+    std::size_t size() const { return byTime_.size(); }
+
   private:
-    std::priority_queue<Deadline, std::vector<Deadline>, std::greater<>> queue_;
+    using Key = std::tuple<std::uint32_t, std::uint32_t, DeadlineKind>;
+    static Key keyOf(DeadlineKind kind, SessionId session) {
+        return {session.index, session.generation, kind};
+    }
+
+    std::map<Key, Clock::time_point> dueTimes_;
+    std::set<Deadline> byTime_;
 };
 
 }  // namespace kavri::broker

@@ -12,9 +12,9 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "interfaces/address.h"
-#include "interfaces/limits.h"
 
 namespace kavri::broker {
 
@@ -41,6 +41,10 @@ int newSocket() {
     return made;
 }
 
+mode_t maskFor(bool openToOthers) {
+    return openToOthers ? 0111 : 0177;
+}
+
 sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -51,60 +55,96 @@ sockaddr_un addressOf(const std::string& path) {
 }  // namespace
 
 Listener::Listener(std::string path, bool openToOthers)
-    : path_(std::move(path)), lockPath_(path_ + ".lock") {
+    : path_(std::move(path)), lockPath_(path_ + ".lock"), openToOthers_(openToOthers) {
     if (const auto error = interfaces::addressError(path_)) {
         throw CannotListen(*error);
     }
     checkFolder(path_);
-    try {
-        lock();
-    } catch (...) {
-        closeAll();
-        throw;
-    }
+    lock_ = takeLock();
     try {
         removeLeftover();
-        bindAndListen(openToOthers);
+        socket_ = bindAndListen();
     } catch (...) {
         ::unlink(lockPath_.c_str());
         closeAll();
         throw;
     }
+    socketFile_ = fileAt(path_);
+    watchFiles();
 }
 
 Listener::~Listener() {
-    ::unlink(path_.c_str());
-    ::unlink(lockPath_.c_str());
+    if (ownsSocketFile()) {
+        ::unlink(path_.c_str());
+    }
+    if (ownsLockFile()) {
+        ::unlink(lockPath_.c_str());
+    }
     closeAll();
 }
 
 // Until the lock is on the file that has the name now: the broker that held it
 // before may have removed its file between our open and our lock.
-void Listener::lock() {
+int Listener::takeLock() const {
     while (true) {
-        lock_ = ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (lock_ < 0) {
+        const int lock = ::open(lockPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (lock < 0) {
             throw CannotListen("cannot create " + lockPath_ + ": " + reasonOf(errno) +
                                ": make the folder writable or choose another --socket");
         }
-        if (::flock(lock_, LOCK_EX | LOCK_NB) != 0) {
+        if (::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+            ::close(lock);
             throw CannotListen("a broker is running on " + path_ +
                                " already: stop it or choose another --socket");
         }
-        struct stat locked {};
-        struct stat named {};
-        if (::fstat(lock_, &locked) == 0 && ::stat(lockPath_.c_str(), &named) == 0 &&
-            locked.st_ino == named.st_ino && locked.st_dev == named.st_dev) {
-            return;
+        if (fileBehind(lock) == fileAt(lockPath_)) {
+            return lock;
         }
-        ::close(lock_);
-        lock_ = -1;
+        ::close(lock);
     }
+}
+
+bool Listener::ownsSocketFile() const {
+    return socketFile_ && fileAt(path_) == socketFile_;
+}
+
+bool Listener::ownsLockFile() const {
+    return lock_ >= 0 && fileAt(lockPath_) == fileBehind(lock_);
+}
+
+bool Listener::ownsItsFiles() {
+    watch_.drain();
+    return ownsSocketFile() && ownsLockFile();
+}
+
+void Listener::restoreFiles() {
+    if (!ownsLockFile()) {
+        ::close(std::exchange(lock_, takeLock()));
+    }
+    if (!ownsSocketFile()) {
+        removeLeftover();
+        ::close(std::exchange(socket_, bindAndListen()));
+        socketFile_ = fileAt(path_);
+    }
+    watchFiles();
+}
+
+// Another broker's file is not touched.
+void Listener::setOpenToOthers(bool openToOthers) {
+    if (std::exchange(openToOthers_, openToOthers) != openToOthers && ownsSocketFile()) {
+        ::chmod(path_.c_str(), 0777U & ~maskFor(openToOthers));
+    }
+}
+
+void Listener::watchFiles() {
+    watch_.watchFolder(std::filesystem::absolute(path_).parent_path());
+    watch_.watchFile(path_);
+    watch_.watchFile(lockPath_);
 }
 
 // No broker holds the lock, so nobody should listen; whatever else does is not
 // to be pushed aside.
-void Listener::removeLeftover() {
+void Listener::removeLeftover() const {
     struct stat existing {};
     if (::lstat(path_.c_str(), &existing) != 0) {
         return;
@@ -125,20 +165,20 @@ void Listener::removeLeftover() {
     ::unlink(path_.c_str());
 }
 
-void Listener::bindAndListen(bool openToOthers) {
-    socket_ = newSocket();
+int Listener::bindAndListen() const {
+    const int made = newSocket();
     const sockaddr_un address = addressOf(path_);
     // The mode is right from the first moment on, not after a chmod.
-    const mode_t before = ::umask(openToOthers ? 0111 : 0177);
-    const int bound = ::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const mode_t before = ::umask(maskFor(openToOthers_));
+    const int bound = ::bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     const int error = errno;
     ::umask(before);
-    if (bound != 0) {
-        throw CannotListen("cannot listen on " + path_ + ": " + reasonOf(error));
+    if (bound != 0 || ::listen(made, SOMAXCONN) != 0) {
+        const std::string reason = reasonOf(bound != 0 ? error : errno);
+        ::close(made);
+        throw CannotListen("cannot listen on " + path_ + ": " + reason);
     }
-    if (::listen(socket_, SOMAXCONN) != 0) {
-        throw CannotListen("cannot listen on " + path_ + ": " + reasonOf(errno));
-    }
+    return made;
 }
 
 void Listener::closeAll() {
@@ -157,8 +197,6 @@ std::optional<Accepted> Listener::accept(bool& outOfDescriptors) {
             ucred peer{};
             socklen_t length = sizeof peer;
             if (::getsockopt(accepted, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0) {
-                ::setsockopt(accepted, SOL_SOCKET, SO_SNDBUF, &interfaces::socketBufferBytes,
-                             sizeof interfaces::socketBufferBytes);
                 return Accepted{accepted, peer.uid, peer.pid};
             }
             ::close(accepted);

@@ -1,7 +1,9 @@
-// The broker's listening socket: made, held against a second broker, removed.
+// The broker's listening socket: made, kept against a second broker, removed.
 //
-// Whoever holds the lock on PATH.lock owns the socket file PATH: a file that
-// nobody holds is left over from a broker that was killed, and is replaced.
+// The broker that holds the lock on PATH.lock owns the socket file PATH: a file that
+// nobody holds is left over from a broker that was killed, and is replaced. Files
+// may be removed under a broker, and another broker may then make its own: a
+// listener removes only the files that it made, known by device and inode.
 #ifndef KAVRI_BROKER_LISTENER_H
 #define KAVRI_BROKER_LISTENER_H
 
@@ -11,9 +13,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "broker/file_watch.h"
+
 namespace kavri::broker {
 
-// Says in one line why the broker cannot start, and what to do.
+// Says in one line why the broker cannot listen, and what to do.
 class CannotListen : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
@@ -37,20 +41,37 @@ class Listener {
     int descriptor() const { return socket_; }
     const std::string& path() const { return path_; }
 
+    // Readable when one of the files may have gone; -1 where that goes unnoticed.
+    int watchDescriptor() const { return watch_.descriptor(); }
+    // Whether socket and lock are still found where they were made.
+    bool ownsItsFiles();
+    // Makes them again: the socket as another descriptor, since one that lost its
+    // name cannot get it back. Throws CannotListen where another broker was faster
+    // or the files cannot be made.
+    void restoreFiles();
+
+    void setOpenToOthers(bool openToOthers);
+
     // The next connection that waits; nothing when none does. outOfDescriptors is
     // set when one waits and cannot be taken.
     std::optional<Accepted> accept(bool& outOfDescriptors);
 
   private:
-    void lock();
-    void removeLeftover();
-    void bindAndListen(bool openToOthers);
+    int takeLock() const;
+    void removeLeftover() const;
+    int bindAndListen() const;
+    bool ownsSocketFile() const;
+    bool ownsLockFile() const;
+    void watchFiles();
     void closeAll();
 
     const std::string path_;
     const std::string lockPath_;
+    bool openToOthers_;
     int lock_ = -1;
     int socket_ = -1;
+    std::optional<FileId> socketFile_;
+    FileWatch watch_;
 };
 
 }  // namespace kavri::broker

@@ -1,6 +1,5 @@
 // kavri-broker: the process around the broker. Command line, configuration,
 // signals, readiness and exit status.
-#include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -11,13 +10,16 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "broker/config.h"
 #include "broker/listener.h"
+#include "broker/log.h"
 #include "broker/server.h"
 #include "interfaces/address.h"
 #include "test_service/test_service.h"
@@ -27,8 +29,11 @@ namespace {
 using namespace kavri;
 
 // Exit statuses beyond 0.
-constexpr int cannotStart = 1;
+constexpr int failure = 1;
 constexpr int badUsage = 64;
+
+// Of a name that a peer chose.
+constexpr std::size_t longestLoggedName = 100;
 
 struct Arguments {
     std::string socket;
@@ -48,8 +53,9 @@ void describe(CLI::App& app, Arguments& arguments) {
     app.add_flag("--test-service", arguments.testService,
                  "Serve category \"test\" in the broker's own process");
     app.footer(
-        "Says on standard error when it is ready, and stops on SIGTERM and SIGINT.\n"
-        "Exit status: 0 stopped, 1 could not start, 64 wrong usage.");
+        "Says on standard error when it is ready, stops on SIGTERM and SIGINT, and reads\n"
+        "its configuration again on SIGHUP.\n"
+        "Exit status: 0 stopped, 1 could not start or lost its socket, 64 wrong usage.");
 }
 
 std::string newIdentity() {
@@ -60,12 +66,13 @@ std::string newIdentity() {
     return text.data();
 }
 
-// SIGTERM and SIGINT become readable here, instead of interrupting anything.
-int stopSignals() {
+// These become readable here, instead of interrupting anything.
+int signalsToHandle() {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&set, number);
+    }
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     return signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
@@ -92,29 +99,85 @@ void raiseDescriptorLimit(std::size_t connections) {
     }
 }
 
-void serve(const Arguments& arguments) {
-    broker::Config config =
-        arguments.config.empty() ? broker::defaultConfig() : broker::readConfig(arguments.config);
+bool isOpenToOthers(const broker::Policy& policy) {
+    return policy.connect.everybody || std::ranges::any_of(policy.connect.listed, [](uid_t user) {
+               return user != 0 && user != geteuid();
+           });
+}
+
+broker::Config configOf(const Arguments& arguments) {
+    return arguments.config.empty() ? broker::defaultConfig()
+                                    : broker::readConfig(arguments.config);
+}
+
+// A file with an error changes nothing.
+void reload(const Arguments& arguments, broker::Listener& listener, broker::Server& server) {
+    if (arguments.config.empty()) {
+        spdlog::warn("nothing to reload: started without --config");
+        return;
+    }
+    try {
+        broker::Config config = configOf(arguments);
+        raiseDescriptorLimit(config.limits.connections);
+        listener.setOpenToOthers(isOpenToOthers(config.policy));
+        if (config.limits.payloadBytes != server.limits().payloadBytes) {
+            spdlog::warn("payload_bytes stays {} until the broker is started anew",
+                         server.limits().payloadBytes);
+        }
+        server.reconfigure(config.limits, std::move(config.policy));
+        spdlog::info("reloaded \"{}\"", arguments.config);
+    } catch (const broker::BadConfig& error) {
+        spdlog::error("the configuration stays as it was: {}", error.what());
+    }
+}
+
+// The service manager orders what it is told by the monotonic clock.
+void notifyReloading() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now);
+    sd_notifyf(0, "RELOADING=1\nMONOTONIC_USEC=%lld", static_cast<long long>(nowUs.count()));
+}
+
+void handleSignals(int signals, const Arguments& arguments, broker::Listener& listener,
+                   broker::Server& server) {
+    signalfd_siginfo info{};
+    while (read(signals, &info, sizeof info) == sizeof info) {
+        if (info.ssi_signo == SIGHUP) {
+            notifyReloading();
+            reload(arguments, listener, server);
+            sd_notify(0, "READY=1");
+        } else {
+            server.stop();
+        }
+    }
+}
+
+// Says so, at its end, however it comes to it.
+struct StoppingNotice {
+    StoppingNotice() = default;
+    StoppingNotice(const StoppingNotice&) = delete;
+    StoppingNotice& operator=(const StoppingNotice&) = delete;
+    ~StoppingNotice() { sd_notify(0, "STOPPING=1"); }
+};
+
+void serve(const Arguments& arguments, int signals, const broker::Log& log) {
+    broker::Config config = configOf(arguments);
     raiseDescriptorLimit(config.limits.connections);
-    const int stop = stopSignals();
-    const auto& connect = config.policy.connect;
-    const bool openToOthers =
-        connect.everybody || std::ranges::any_of(connect.listed, [](uid_t user) {
-            return user != 0 && user != geteuid();
-        });
-    broker::Listener listener(interfaces::brokerAddress(arguments.socket), openToOthers);
+    broker::Listener listener(interfaces::brokerAddress(arguments.socket),
+                              isOpenToOthers(config.policy));
     test_service::TestService service([](std::string_view identifier) {
-        spdlog::warn("unknown test command \"{}\": answered with an empty payload", identifier);
+        spdlog::warn("unknown test command \"{}\": answered with an empty payload",
+                     identifier.substr(0, longestLoggedName));
     });
-    broker::Server server({config.limits, std::move(config.policy), newIdentity(), stop}, listener);
+    broker::Server server({config.limits, std::move(config.policy), newIdentity()}, listener, log);
     if (arguments.testService) {
         server.embed(test_service::category, service);
     }
     spdlog::info("ready on {}{}", listener.path(),
                  arguments.testService ? ", serving category \"test\"" : "");
     sd_notify(0, "READY=1");
-    server.run();
-    sd_notify(0, "STOPPING=1");
+    const StoppingNotice stopping;
+    server.run(signals, [&] { handleSignals(signals, arguments, listener, server); });
     spdlog::info("stopped");
 }
 
@@ -131,9 +194,14 @@ int runCommandLine(int argc, char** argv) {
         std::fprintf(stderr, "kavri-broker: %s; see kavri-broker --help\n", error.what());
         return badUsage;
     }
-    spdlog::set_default_logger(spdlog::stderr_logger_st("kavri-broker"));
-    spdlog::set_pattern("%n: %v");
-    serve(arguments);
+    const int signals = signalsToHandle();
+    const broker::Log log("kavri-broker", STDERR_FILENO);
+    try {
+        serve(arguments, signals, log);
+    } catch (const std::exception& error) {
+        spdlog::error("{}", error.what());
+        return failure;
+    }
     return 0;
 }
 
@@ -144,6 +212,6 @@ int main(int argc, char** argv) {
         return runCommandLine(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kavri-broker: %s\n", error.what());
-        return cannotStart;
+        return failure;
     }
 }

@@ -26,7 +26,6 @@ Protocol::Protocol(const interfaces::Limits& limits, Router& router, BufferPool&
       router_(router),
       pool_(pool),
       identity_(std::move(identity)),
-      grantedLimits_(limitsText(limits)),
       close_(std::move(close)) {}
 
 Session* Protocol::take(Session& session, char* bytes, std::size_t count) {
@@ -157,7 +156,8 @@ void Protocol::handleHello(Session& session, const Frame& frame) {
     welcome.type = FrameType::welcome;
     welcome.token = interfaces::protocolVersion;
     welcome[Field::uuid] = identity_;
-    welcome[Field::payload] = grantedLimits_;
+    const std::string granted = limitsText(limits_);
+    welcome[Field::payload] = granted;
     router_.send(session, welcome);
 }
 

@@ -51,7 +51,6 @@ class Protocol {
     Router& router_;
     BufferPool& pool_;
     const std::string identity_;
-    const std::string grantedLimits_;
     Close close_;
 };
 

@@ -191,6 +191,12 @@ void Router::registerResponder(Session& from, const Frame& frame) {
     acknowledge(from, frame.token, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
+void Router::policyChanged() {
+    for (const auto& [name, category] : categories_) {
+        category->policy = &policy_.at(name);
+    }
+}
+
 void Router::embed(std::string_view category, test_service::TestService& service) {
     categoryNamed(category).embedded = &service;
 }

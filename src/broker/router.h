@@ -78,6 +78,9 @@ class Router {
     void unsubscribe(Session& from, const interfaces::Frame& frame);
     void registerResponder(Session& from, const interfaces::Frame& frame);
 
+    // The policy has other contents than before.
+    void policyChanged();
+
     // Serves a category within this process.
     void embed(std::string_view category, test_service::TestService& service);
 

@@ -3,6 +3,7 @@
 
 #include <spdlog/spdlog.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,47 +12,16 @@
 #include <cstring>
 #include <system_error>
 
-namespace kavri::broker {
+#include "broker/goodbye.h"
+#include "broker/rights.h"
 
-using interfaces::Field;
-using interfaces::Frame;
-using interfaces::FrameType;
+namespace kavri::broker {
 
 namespace {
 
-// What an event belongs to: a session's id, or one of these.
-constexpr std::uint64_t listenerMark = UINT64_MAX;
-constexpr std::uint64_t stopMark = UINT64_MAX - 1;
-
-constexpr std::chrono::milliseconds listenPause{100};
 constexpr std::size_t piecesPerWrite = 64;
 // Memory that is kept for use again goes back to the system after such a pause.
 constexpr std::chrono::milliseconds pauseBeforeTrim{1000};
-
-std::uint64_t markOf(SessionId id) {
-    return (static_cast<std::uint64_t>(id.generation) << 32U) | id.index;
-}
-
-SessionId idOf(std::uint64_t mark) {
-    return {static_cast<std::uint32_t>(mark), static_cast<std::uint32_t>(mark >> 32U)};
-}
-
-Frame goodbyeFrame(kavri_core_status status, std::string_view reason) {
-    Frame frame;
-    frame.type = FrameType::goodbye;
-    frame.status = static_cast<std::uint16_t>(status);
-    frame[Field::payload] = reason;
-    return frame;
-}
-
-void watch(int epoll, int descriptor, std::uint64_t mark) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = mark;
-    if (::epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) != 0) {
-        throw std::system_error(errno, std::generic_category(), "epoll_ctl");
-    }
-}
 
 ssize_t sendSome(const Session& session) {
     std::array<iovec, piecesPerWrite> pieces;
@@ -69,70 +39,69 @@ ssize_t sendSome(const Session& session) {
 
 }  // namespace
 
-Server::Server(ServerOptions options, Listener& listener)
+Server::Server(ServerOptions options, Listener& listener, const Log& log)
     : limits_(options.limits),
       policy_(std::move(options.policy)),
-      listener_(listener),
-      stopDescriptor_(options.stopDescriptor),
-      epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       router_(limits_, policy_, pool_,
               {[this](SessionId id) { return find(id); },
                [this](Session& session, std::string_view reason) {
                    close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
                },
-               [](const Session& session, std::string_view what) {
-                   spdlog::warn("process {} of user {} {}", session.process, session.user, what);
+               [&log](const Session& session, std::string_view what) {
+                   if (log.admits(what)) {
+                       spdlog::warn("process {} of user {} {}", session.process, session.user,
+                                    what);
+                   }
                }}),
       protocol_(limits_, router_, pool_, std::move(options.identity),
                 [this](Session& session, kavri_core_status status, std::string_view reason) {
                     close(session, status, reason);
                 }),
-      events_(eventsPerRound),
-      readBuffer_(BufferPool::standardBytes + readBytes) {
-    if (epoll_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "epoll_create1");
-    }
-    watch(epoll_, stopDescriptor_, stopMark);
-    watch(epoll_, listener_.descriptor(), listenerMark);
-    listening_ = true;
-}
+      acceptor_(listener, {readiness_, deadlines_, sessions_, limits_, policy_,
+                           [this](const Accepted& accepted) { open(accepted); }}),
+      clock_(Clock::now()),
+      now_(clock_.now()),
+      readBuffer_(BufferPool::standardBytes + readBytesOfEvents) {}
 
-Server::~Server() {
-    for (Place& place : places_) {
-        if (place.session != nullptr) {
-            ::close(place.session->descriptor);
-        }
-    }
-    ::close(epoll_);
-}
-
-void Server::run() {
+void Server::run(int signalDescriptor, std::function<void()> onSignal) {
+    onSignal_ = std::move(onSignal);
+    readiness_.watch(signalDescriptor, signalMark);
+    filesChanged_ = true;  // perhaps before they were watched
     while (!stopping_) {
-        const std::size_t count = waitForEvents();
-        for (std::size_t i = 0; i < count; ++i) {
-            handleEvent(events_[i]);
+        waitForEvents();
+        for (const epoll_event& event : readiness_.events()) {
+            handleEvent(event);
+        }
+        if (stopping_) {
+            break;
         }
         handleDeadlines();
+        if (std::exchange(filesChanged_, false)) {
+            keepListening();
+        }
+        if (std::exchange(connectionsWait_, false)) {
+            acceptor_.acceptSome(readiness_.events().size(), now_);
+        }
         finishRound();
     }
-    stop();
+    sayGoodbye();
+    if (!failure_.empty()) {
+        throw CannotListen(failure_);
+    }
 }
 
-std::size_t Server::waitForEvents() {
-    int count = 0;
-    const auto look = [this, &count](int timeoutMs) {
-        count = ::epoll_wait(epoll_, events_.data(), static_cast<int>(events_.size()), timeoutMs);
-        return count > 0;
-    };
-    if (spin_.until([&look] { return look(0); })) {
-        now_ = Clock::now();
-    } else {
+void Server::waitForEvents() {
+    Clock::duration planned{};
+    if (hasWorkLeft()) {
+        readiness_.wait(0);
+    } else if (!spin_.until([this] { return readiness_.wait(0); })) {
         const Clock::time_point begin = Clock::now();
-        const bool somethingCame = look(sleepTimeMs(begin));
-        now_ = Clock::now();
-        somethingCame ? spin_.slept(now_ - begin) : pool_.trim();
+        const int timeoutMs = sleepTimeMs(clock_.at(begin));
+        planned = timeoutMs < 0 ? Clock::duration::max() : std::chrono::milliseconds(timeoutMs);
+        readiness_.wait(timeoutMs) ? spin_.slept(Clock::now() - begin) : pool_.trim();
     }
-    return count > 0 ? static_cast<std::size_t>(count) : 0;
+    clock_.advance(Clock::now(), planned);
+    now_ = clock_.now();
 }
 
 // Until the next deadline; and not long while the pool keeps what a longer pause
@@ -150,13 +119,18 @@ int Server::sleepTimeMs(Clock::time_point now) const {
 }
 
 void Server::handleEvent(const epoll_event& event) {
-    if (event.data.u64 == stopMark) {
-        stopping_ = true;
-        return;
-    }
-    if (event.data.u64 == listenerMark) {
-        acceptAll();
-        return;
+    switch (event.data.u64) {
+        case signalMark:
+            onSignal_();
+            return;
+        case listenerMark:
+            connectionsWait_ = true;
+            return;
+        case filesMark:
+            filesChanged_ = true;
+            return;
+        default:
+            break;
     }
     Session* session = find(idOf(event.data.u64));
     if (session == nullptr || session->isClosing) {
@@ -167,125 +141,121 @@ void Server::handleEvent(const epoll_event& event) {
     }
     if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !session->isHeldBack &&
         !session->isClosing) {
-        session->large ? readLarge(*session) : readFrom(*session);
+        readLimitBytes_ = readShare(*session);
+        receive(*session);
     }
+}
+
+void Server::receive(Session& session) {
+    session.large ? readLarge(session) : readFrom(session);
+}
+
+// Each frame of a responder may be an event to all who subscribed, so what is read
+// from it costs as many times as much.
+std::size_t Server::readShare(const Session& session) const {
+    const std::size_t receivers =
+        session.served == nullptr ? 0 : session.served->subscribers.size();
+    const std::size_t share = readBytesPerRound / std::max(readiness_.events().size(), receivers);
+    return std::clamp(share, leastReadBytes, receivers > 1 ? readBytesOfEvents : readBytes);
 }
 
 void Server::handleDeadlines() {
     while (const auto due = deadlines_.takeDue(now_)) {
         if (due->kind == DeadlineKind::listen) {
-            if (!listening_) {
-                watch(epoll_, listener_.descriptor(), listenerMark);
-                listening_ = true;
-            }
+            acceptor_.listen();
             continue;
         }
         Session* session = find(due->session);
-        if (session == nullptr || session->isClosing) {
-            continue;
-        }
-        switch (due->kind) {
-            case DeadlineKind::handshake:
-                if (session->role == Role::unknown) {
-                    close(*session, KAVRI_CORE_STATUS_IPC_REFUSED, "said no hello in time");
-                }
-                break;
-            case DeadlineKind::progress:
-                checkProgress(*session);
-                break;
-            default:
-                checkPatience(*session);
-                break;
+        if (session != nullptr && !session->isClosing) {
+            handleDeadline(due->kind, *session);
         }
     }
 }
 
-// Writing can let others go on, which fills outboxes; closing tells others. So
-// both go on until neither has anything left.
-void Server::finishRound() {
-    while (!router_.toWrite().empty() || !closing_.empty()) {
-        std::vector<Session*>& toWrite = router_.toWrite();
-        for (std::size_t i = 0; i < toWrite.size(); ++i) {
-            Session& session = *toWrite[i];
-            session.listedForWriting = false;
-            if (!session.isClosing) {
-                writeTo(session);
+void Server::handleDeadline(DeadlineKind kind, Session& session) {
+    switch (kind) {
+        case DeadlineKind::handshake:
+            // Its hello may have come in time, and wait behind others' input.
+            if (session.role == Role::unknown) {
+                receive(session);
             }
-        }
-        toWrite.clear();
-        for (std::size_t i = 0; i < closing_.size(); ++i) {
-            remove(*closing_[i]);
-        }
-        closing_.clear();
+            if (session.role == Role::unknown && !session.isClosing) {
+                close(session, KAVRI_CORE_STATUS_IPC_REFUSED, "said no hello in time");
+            }
+            break;
+        case DeadlineKind::progress:
+            checkProgress(session);
+            break;
+        default:
+            checkPatience(session);
+            break;
     }
 }
 
-void Server::stop() {
-    for (const Place& place : places_) {
-        if (place.session != nullptr) {
-            close(*place.session, KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE,
-                  "the broker is stopping");
+// Writing and closing let other sessions go on, which fills send queues: those are
+// written to in the next round.
+void Server::finishRound() {
+    std::vector<Session*>& toWrite = router_.toWrite();
+    const std::size_t listed = toWrite.size();
+    for (std::size_t i = 0; i < listed; ++i) {
+        Session& session = *toWrite[i];
+        session.listedForWriting = false;
+        if (!session.isClosing) {
+            writeTo(session);
         }
     }
-    finishRound();
+    toWrite.erase(toWrite.begin(), toWrite.begin() + static_cast<std::ptrdiff_t>(listed));
+    const auto removals = static_cast<std::ptrdiff_t>(std::min(closing_.size(), removalsPerRound));
+    for (std::ptrdiff_t i = 0; i < removals; ++i) {
+        remove(*closing_[static_cast<std::size_t>(i)]);
+    }
+    closing_.erase(closing_.begin(), closing_.begin() + removals);
 }
 
-void Server::acceptAll() {
-    bool outOfDescriptors = false;
-    while (const auto accepted = listener_.accept(outOfDescriptors)) {
-        open(*accepted);
+void Server::sayGoodbye() {
+    stopping_ = true;
+    const std::string reason =
+        failure_.empty() ? "the broker is stopping" : "the broker is stopping: " + failure_;
+    sessions_.forEach([&](Session& session) {
+        close(session, KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE, reason);
+    });
+    while (!closing_.empty()) {
+        finishRound();
     }
-    if (outOfDescriptors) {
-        spdlog::error("cannot accept a connection: {}; trying again shortly",
-                      std::generic_category().message(errno));
-        ::epoll_ctl(epoll_, EPOLL_CTL_DEL, listener_.descriptor(), nullptr);
-        listening_ = false;
-        deadlines_.add({now_ + listenPause, DeadlineKind::listen, {}});
-    }
+}
+
+void Server::reconfigure(interfaces::Limits limits, Policy policy) {
+    limits.payloadBytes = limits_.payloadBytes;
+    limits_ = limits;
+    policy_ = std::move(policy);
+    router_.policyChanged();
+    sessions_.forEach([this](Session& session) {
+        if (const std::string_view reason = lostRight(session, policy_); !reason.empty()) {
+            close(session, KAVRI_CORE_STATUS_IPC_REFUSED, reason);
+        }
+    });
 }
 
 void Server::open(const Accepted& accepted) {
-    if (!policy_.connect.contains(accepted.user)) {
-        turnAway(accepted, KAVRI_CORE_STATUS_IPC_REFUSED, "this user may not connect");
-        return;
-    }
-    UserAccount& account = users_[accepted.user];
-    if (connections_ >= limits_.connections || account.connections >= limits_.connectionsPerUser) {
-        turnAway(accepted, KAVRI_CORE_STATUS_IPC_OVERLOADED,
-                 "the broker has as many connections as it may");
-        return;
-    }
-    if (freePlaces_.empty()) {
-        freePlaces_.push_back(static_cast<std::uint32_t>(places_.size()));
-        places_.emplace_back();
-    }
-    const std::uint32_t index = freePlaces_.back();
-    freePlaces_.pop_back();
-    Place& place = places_[index];
-    place.session = std::make_unique<Session>(SessionId{index, place.generation}, accepted.user,
-                                              account, pool_);
-    Session& session = *place.session;
-    session.process = accepted.process;
-    session.descriptor = accepted.descriptor;
-    ++connections_;
-    ++account.connections;
-    deadlines_.add({now_ + limits_.handshakeTime, DeadlineKind::handshake, session.id});
+    Session& session = sessions_.add(accepted, pool_);
+    deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session.id});
     poll(session);
+    readLimitBytes_ = readBytes;
     readFrom(session);  // its hello is mostly there already
 }
 
-// A peer that just connected has room for the reason.
-void Server::turnAway(const Accepted& accepted, kavri_core_status status, std::string_view reason) {
-    spdlog::warn("process {} of user {} turned away: {}", accepted.process, accepted.user, reason);
-    std::string bytes;
-    interfaces::appendEncoded(goodbyeFrame(status, reason), bytes);
-    ::send(accepted.descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    ::close(accepted.descriptor);
+void Server::keepListening() {
+    try {
+        acceptor_.keepListening(now_);
+    } catch (const CannotListen& error) {
+        failure_ = "the socket was removed or replaced: " + std::string(error.what());
+        stopping_ = true;
+    }
 }
 
 void Server::readFrom(Session& session) {
     char* const begin = readBuffer_.data() + session.backlogBytes;
-    const ssize_t count = ::recv(session.descriptor, begin, readBytes, 0);
+    const ssize_t count = ::recv(session.descriptor, begin, readLimitBytes_, 0);
     if (count <= 0) {
         ended(session, count == 0 ? 0 : errno);
         return;
@@ -334,7 +304,7 @@ void Server::waitOrGoOn(Session& session, Session* waitFor) {
     session.isHeldBack = waitFor != nullptr;
     if (waitFor != nullptr) {
         waitFor->heldBack.push_back(session.id);
-        deadlines_.add({std::max(waitFor->lastProgress, now_) + limits_.holdBackTime,
+        deadlines_.set({std::max(waitFor->lastProgress, now_) + limits_.holdBackTime,
                         DeadlineKind::patience, waitFor->id});
     }
     poll(session);
@@ -362,7 +332,7 @@ void Server::writeTo(Session& session) {
     if (!session.outbox.empty() && !session.watched) {
         session.watched = true;
         session.lastProgress = now_;
-        deadlines_.add({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
+        deadlines_.set({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
     }
     poll(session);
 }
@@ -390,7 +360,7 @@ void Server::checkProgress(Session& session) {
         return;
     }
     session.watched = true;
-    deadlines_.add({due, DeadlineKind::progress, session.id});
+    deadlines_.set({due, DeadlineKind::progress, session.id});
 }
 
 void Server::checkPatience(Session& session) {
@@ -399,7 +369,7 @@ void Server::checkPatience(Session& session) {
     }
     const Clock::time_point due = session.lastProgress + limits_.holdBackTime;
     if (due > now_) {
-        deadlines_.add({due, DeadlineKind::patience, session.id});
+        deadlines_.set({due, DeadlineKind::patience, session.id});
         return;
     }
     session.patienceOver = true;
@@ -427,19 +397,12 @@ void Server::poll(Session& session) {
     } else if (wanted == 0) {
         change = EPOLL_CTL_DEL;
     }
-    if (::epoll_ctl(epoll_, change, session.descriptor, &event) == 0) {
+    if (::epoll_ctl(readiness_.descriptor(), change, session.descriptor, &event) == 0) {
         session.interest = wanted;
     } else {
         close(session, KAVRI_CORE_STATUS_OUT_OF_RESOURCES,
               "the kernel cannot watch the connection");
     }
-}
-
-Session* Server::find(SessionId id) {
-    if (id.index >= places_.size() || places_[id.index].generation != id.generation) {
-        return nullptr;
-    }
-    return places_[id.index].session.get();
 }
 
 void Server::close(Session& session, kavri_core_status status, std::string_view reason) {
@@ -463,13 +426,7 @@ void Server::remove(Session& session) {
     router_.forget(session);
     release(session);
     std::erase(router_.toWrite(), &session);
-    ::close(session.descriptor);
-    --connections_;
-    --session.account.connections;
-    Place& place = places_[session.id.index];
-    ++place.generation;
-    freePlaces_.push_back(session.id.index);
-    place.session = nullptr;
+    sessions_.remove(session);
 }
 
 }  // namespace kavri::broker

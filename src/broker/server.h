@@ -1,26 +1,29 @@
-// The broker's loop: sockets, sessions and time, around the protocol and the
-// router. The only file of the broker that waits, reads and writes.
+// The broker's event loop: sockets, sessions and time, around the protocol and the
+// router.
 //
-// One thread. Each round takes what the kernel has ready: one read from each
-// session that has something, so that none keeps the others waiting; then one
-// write to each session that something was put up for; then the sessions that
-// are to go. Between rounds it tries again for a moment before it sleeps.
+// One thread. Each round does a bounded amount of each kind of work, so that no
+// peer starves another: signals; then one read from each session that is ready,
+// the smaller the more there are; then the deadlines that have passed; then a few
+// of the connections that wait; then one write to each session with new output,
+// and the closing of some sessions. Between rounds the loop tries again for a
+// moment before it sleeps.
 #ifndef KAVRI_BROKER_SERVER_H
 #define KAVRI_BROKER_SERVER_H
 
-#include <sys/epoll.h>
-
-#include <memory>
+#include <functional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
+#include "broker/acceptor.h"
 #include "broker/deadlines.h"
 #include "broker/listener.h"
+#include "broker/log.h"
+#include "broker/loop_clock.h"
 #include "broker/policy.h"
 #include "broker/protocol.h"
+#include "broker/readiness.h"
 #include "broker/router.h"
-#include "broker/session.h"
+#include "broker/sessions.h"
 #include "interfaces/spin.h"
 
 namespace kavri::broker {
@@ -29,41 +32,56 @@ struct ServerOptions {
     interfaces::Limits limits;
     Policy policy;
     std::string identity;  // a uuid
-    // Becomes readable when the broker is to stop.
-    int stopDescriptor = -1;
 };
 
 class Server {
   public:
-    Server(ServerOptions options, Listener& listener);
+    Server(ServerOptions options, Listener& listener, const Log& log);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
-    ~Server();
+
+    const interfaces::Limits& limits() const { return limits_; }
 
     void embed(std::string_view category, test_service::TestService& service) {
         router_.embed(category, service);
     }
 
-    // Serves until the stop descriptor is readable, then says goodbye to all.
-    void run();
+    // Serves until it is stopped, then says goodbye to all. Throws CannotListen,
+    // after the goodbye, where its socket was taken away for good. Calls onSignal
+    // once in each round in which the descriptor is readable; it may call stop and
+    // reconfigure.
+    void run(int signalDescriptor, std::function<void()> onSignal);
+    void stop() { stopping_ = true; }
+
+    // What is decided from now on goes by these, except that the longest payload
+    // stays as it was negotiated. Closes the sessions that lose a right they use.
+    void reconfigure(interfaces::Limits limits, Policy policy);
 
   private:
-    static constexpr std::size_t eventsPerRound = 256;
-    // One read takes at most this much from one session; in front of it there
-    // is room for the beginning of a frame that came before.
-    static constexpr std::size_t readBytes = 128 * interfaces::kibibyte;
+    static constexpr std::size_t removalsPerRound = 64;
+    // One read takes at most this much from one session, so that a peer with much
+    // to say delays others by some microseconds only. From one that may have events
+    // for several it takes more, since these then leave in fewer writes.
+    static constexpr std::size_t readBytes = 8 * interfaces::kibibyte;
+    static constexpr std::size_t readBytesOfEvents = 128 * interfaces::kibibyte;
     static constexpr std::size_t readBehindLargeBytes = 512;
+    // What all reads of a round share, and the least that one gets of it.
+    static constexpr std::size_t readBytesPerRound = 1 * interfaces::mebibyte;
+    static constexpr std::size_t leastReadBytes = 2 * interfaces::kibibyte;
 
-    std::size_t waitForEvents();
+    void waitForEvents();
     int sleepTimeMs(Clock::time_point now) const;
+    bool hasWorkLeft() { return !router_.toWrite().empty() || !closing_.empty(); }
     void handleEvent(const epoll_event& event);
+    void receive(Session& session);
+    std::size_t readShare(const Session& session) const;
     void handleDeadlines();
+    void handleDeadline(DeadlineKind kind, Session& session);
     void finishRound();
-    void stop();
+    void sayGoodbye();
 
-    void acceptAll();
     void open(const Accepted& accepted);
-    void turnAway(const Accepted& accepted, kavri_core_status status, std::string_view reason);
+    void keepListening();
 
     void readFrom(Session& session);
     void readLarge(Session& session);
@@ -77,39 +95,33 @@ class Server {
     void checkPatience(Session& session);
     void poll(Session& session);
 
-    Session* find(SessionId id);
+    Session* find(SessionId id) { return sessions_.find(id); }
     void close(Session& session, kavri_core_status status, std::string_view reason);
     void remove(Session& session);
 
-    const interfaces::Limits limits_;
-    const Policy policy_;
-    Listener& listener_;
-    const int stopDescriptor_;
-    int epoll_ = -1;
-    bool listening_ = false;
+    interfaces::Limits limits_;
+    Policy policy_;
+    std::function<void()> onSignal_;
+    bool connectionsWait_ = false;
+    bool filesChanged_ = false;
     bool stopping_ = false;
+    std::string failure_;  // why it cannot go on, if so
 
     BufferPool pool_;
+    SessionTable sessions_;
     Router router_;
     Protocol protocol_;
     Deadlines deadlines_;
+    Readiness readiness_;
+    Acceptor acceptor_;
     interfaces::Spin spin_;
-    Clock::time_point now_;
+    LoopClock clock_;
+    Clock::time_point now_;  // by the loop's clock
 
-    std::unordered_map<uid_t, UserAccount> users_;
-    std::size_t connections_ = 0;
-    // Sessions by the index of their id; an index is used again with the next
-    // generation.
-    struct Place {
-        std::unique_ptr<Session> session;
-        std::uint32_t generation = 0;
-    };
-    std::vector<Place> places_;
-    std::vector<std::uint32_t> freePlaces_;
     std::vector<Session*> closing_;
 
-    std::vector<epoll_event> events_;
     std::vector<char> readBuffer_;
+    std::size_t readLimitBytes_ = readBytes;  // of the next read
 };
 
 }  // namespace kavri::broker

@@ -6,11 +6,13 @@
 #ifndef KAVRI_TESTS_SUPPORT_RAW_PEER_H
 #define KAVRI_TESTS_SUPPORT_RAW_PEER_H
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -97,6 +99,15 @@ class RawPeer {
         const ssize_t taken =
             ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         return taken > 0 ? static_cast<std::size_t>(taken) : 0;
+    }
+
+    int descriptor() const { return descriptor_; }
+    void makeNonBlocking() { ::fcntl(descriptor_, F_SETFL, O_NONBLOCK); }
+    // Drops what waits to be read, for now.
+    void discard() {
+        std::array<char, 65536> bytes;
+        while (::recv(descriptor_, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
+        }
     }
 
     // What waits to be read, and stays there.

@@ -9,6 +9,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -55,6 +57,9 @@ class ServiceProcess {
         }
     }
     void thaw() { process_.signal(SIGCONT); }
+    void signal(int number) { process_.signal(number); }
+    // Nothing where it goes on.
+    std::optional<cli::ExitState> waitForEnd() { return process_.wait(patience); }
 
     // Whether it has nothing to do just now.
     bool sleeps() const { return stateIn("/proc/" + std::to_string(pid()) + "/stat") == "S"; }
@@ -86,7 +91,13 @@ class ServiceProcess {
 struct BrokerSettings {
     bool testService = false;
     std::string config{};  // the text of a configuration file
+    std::map<std::string, std::optional<std::string>> environment{};
 };
+
+// The file that a broker on this socket is configured by, where it is.
+inline void writeConfig(const std::filesystem::path& socket, const std::string& config) {
+    std::ofstream(socket.string() + ".toml") << config;
+}
 
 class BrokerProcess : public ServiceProcess {
   public:
@@ -100,11 +111,12 @@ class BrokerProcess : public ServiceProcess {
             arguments.emplace_back("--test-service");
         }
         if (!settings.config.empty()) {
-            const std::string file = socket.string() + ".toml";
-            std::ofstream(file) << settings.config;
-            arguments.insert(arguments.end(), {"--config", file});
+            writeConfig(socket, settings.config);
+            arguments.insert(arguments.end(), {"--config", socket.string() + ".toml"});
         }
-        return {.program = KAVRI_BIN_DIR "/kavri-broker", .arguments = std::move(arguments)};
+        return {.program = KAVRI_BIN_DIR "/kavri-broker",
+                .arguments = std::move(arguments),
+                .environment = settings.environment};
     }
 };
 

@@ -27,7 +27,7 @@ BOOST_AUTO_TEST_CASE(nothingIsEverDueWithoutADeadline) {
 
 BOOST_AUTO_TEST_CASE(aDeadlineIsDueFromItsMomentOn) {
     Deadlines deadlines;
-    deadlines.add(at(10));
+    deadlines.set(at(10));
     BOOST_TEST(!deadlines.takeDue(begin + milliseconds(9)).has_value());
     BOOST_TEST((deadlines.next() == begin + milliseconds(10)));
     BOOST_TEST(deadlines.takeDue(begin + milliseconds(10)).has_value());
@@ -35,7 +35,7 @@ BOOST_AUTO_TEST_CASE(aDeadlineIsDueFromItsMomentOn) {
 
 BOOST_AUTO_TEST_CASE(aDeadlineIsTakenOnce) {
     Deadlines deadlines;
-    deadlines.add(at(10));
+    deadlines.set(at(10));
     BOOST_TEST(deadlines.takeDue(begin + milliseconds(20)).has_value());
     BOOST_TEST(!deadlines.takeDue(begin + milliseconds(20)).has_value());
     BOOST_TEST(!deadlines.next().has_value());
@@ -43,7 +43,7 @@ BOOST_AUTO_TEST_CASE(aDeadlineIsTakenOnce) {
 
 BOOST_AUTO_TEST_CASE(whatWasAddedComesBackWhole) {
     Deadlines deadlines;
-    deadlines.add({begin + milliseconds(5), DeadlineKind::handshake, {42, 7}});
+    deadlines.set({begin + milliseconds(5), DeadlineKind::handshake, {42, 7}});
     const auto due = deadlines.takeDue(begin + milliseconds(5));
     BOOST_REQUIRE(due.has_value());
     BOOST_TEST((due->kind == DeadlineKind::handshake));
@@ -53,17 +53,17 @@ BOOST_AUTO_TEST_CASE(whatWasAddedComesBackWhole) {
 
 BOOST_AUTO_TEST_CASE(theNextIsTheEarliestWhateverTheOrderOfAdding) {
     Deadlines deadlines;
-    for (const int ms : {30, 10, 20}) {
-        deadlines.add(at(ms));
-    }
+    deadlines.set(at(30, 3));
+    deadlines.set(at(10, 1));
+    deadlines.set(at(20, 2));
     BOOST_TEST((deadlines.next() == begin + milliseconds(10)));
 }
 
 BOOST_AUTO_TEST_CASE(onlyWhatIsDueIsTaken) {
     Deadlines deadlines;
-    deadlines.add(at(30, 3));
-    deadlines.add(at(10, 1));
-    deadlines.add(at(20, 2));
+    deadlines.set(at(30, 3));
+    deadlines.set(at(10, 1));
+    deadlines.set(at(20, 2));
     const Clock::time_point now = begin + milliseconds(20);
     const auto first = deadlines.takeDue(now);
     const auto second = deadlines.takeDue(now);
@@ -79,7 +79,7 @@ BOOST_AUTO_TEST_CASE(manyComeInTheOrderOfTheirTimeAndNoneIsLost) {
     Deadlines deadlines;
     constexpr std::uint32_t many = 1000;
     for (std::uint32_t i = 0; i < many; ++i) {
-        deadlines.add(at(static_cast<int>(random() % 100), i));  // several at the same moment
+        deadlines.set(at(static_cast<int>(random() % 100), i));  // several at the same moment
     }
     std::vector<bool> seen(many);
     Clock::time_point last = begin;
@@ -90,4 +90,30 @@ BOOST_AUTO_TEST_CASE(manyComeInTheOrderOfTheirTimeAndNoneIsLost) {
         seen[due->session.index] = true;
     }
     BOOST_TEST(std::count(seen.begin(), seen.end(), true) == many);
+}
+
+BOOST_AUTO_TEST_CASE(aSessionHasOneDeadlineOfEachKind) {
+    Deadlines deadlines;
+    deadlines.set(at(10, 1));
+    deadlines.set(at(30, 1));
+    deadlines.set(at(20, 1, DeadlineKind::handshake));
+    BOOST_TEST(deadlines.size() == 2U);
+    const auto first = deadlines.takeDue(begin + milliseconds(40));
+    const auto second = deadlines.takeDue(begin + milliseconds(40));
+    BOOST_REQUIRE((first && second));
+    BOOST_TEST((first->kind == DeadlineKind::handshake));
+    BOOST_TEST((second->due == begin + milliseconds(30)));
+}
+
+BOOST_AUTO_TEST_CASE(aCancelledDeadlineIsGoneAndNoOtherIs) {
+    Deadlines deadlines;
+    deadlines.set(at(10, 1));
+    deadlines.set(at(20, 1, DeadlineKind::handshake));
+    deadlines.set(at(30, 2));
+    deadlines.cancel(DeadlineKind::progress, {1, 0});
+    deadlines.cancel(DeadlineKind::progress, {1, 0});
+    BOOST_TEST(deadlines.size() == 2U);
+    BOOST_TEST((deadlines.next() == begin + milliseconds(20)));
+    BOOST_TEST((deadlines.takeDue(begin + milliseconds(20))->kind == DeadlineKind::handshake));
+    BOOST_TEST((deadlines.takeDue(begin + milliseconds(30))->session == SessionId{2, 0}));
 }

@@ -1,0 +1,30 @@
+// Whether a session still has the rights that it uses, where the policy changed.
+#ifndef KAVRI_BROKER_RIGHTS_H
+#define KAVRI_BROKER_RIGHTS_H
+
+#include <algorithm>
+#include <string_view>
+
+#include "broker/policy.h"
+#include "broker/router.h"
+#include "broker/session.h"
+
+namespace kavri::broker {
+
+// The right that it lost, as the reason to close it; empty when it lost none.
+inline std::string_view lostRight(const Session& session, const Policy& policy) {
+    if (!policy.connect.contains(session.user)) {
+        return "this user may no longer connect";
+    }
+    if (session.served != nullptr && !session.served->policy->serve.contains(session.user)) {
+        return "this user may no longer serve its category";
+    }
+    const bool maySubscribe = std::ranges::all_of(session.subscriptions, [&](const Category* to) {
+        return to->policy->subscribe.contains(session.user);
+    });
+    return maySubscribe ? "" : "this user may no longer subscribe to one of its categories";
+}
+
+}  // namespace kavri::broker
+
+#endif

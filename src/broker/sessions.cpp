@@ -1,0 +1,51 @@
+// The table of sessions; see sessions.h.
+#include "broker/sessions.h"
+
+#include <unistd.h>
+
+namespace kavri::broker {
+
+SessionTable::~SessionTable() {
+    forEach([](const Session& session) { ::close(session.descriptor); });
+}
+
+std::size_t SessionTable::connectionsOf(uid_t user) const {
+    const auto known = users_.find(user);
+    return known == users_.end() ? 0 : known->second.connections;
+}
+
+Session& SessionTable::add(const Accepted& accepted, BufferPool& pool) {
+    if (freePlaces_.empty()) {
+        freePlaces_.push_back(static_cast<std::uint32_t>(places_.size()));
+        places_.emplace_back();
+    }
+    const std::uint32_t index = freePlaces_.back();
+    freePlaces_.pop_back();
+    Place& place = places_[index];
+    UserAccount& account = users_[accepted.user];
+    place.session =
+        std::make_unique<Session>(SessionId{index, place.generation}, accepted.user, account, pool);
+    Session& session = *place.session;
+    session.process = accepted.process;
+    session.descriptor = accepted.descriptor;
+    ++account.connections;
+    return session;
+}
+
+Session* SessionTable::find(SessionId id) {
+    if (id.index >= places_.size() || places_[id.index].generation != id.generation) {
+        return nullptr;
+    }
+    return places_[id.index].session.get();
+}
+
+void SessionTable::remove(Session& session) {
+    ::close(session.descriptor);
+    --session.account.connections;
+    Place& place = places_[session.id.index];
+    ++place.generation;
+    freePlaces_.push_back(session.id.index);
+    place.session = nullptr;
+}
+
+}  // namespace kavri::broker
