@@ -2,7 +2,7 @@
 //
 // Small frames are copied into blocks of standard size, which come from and go
 // back to a pool; a large frame is read into a block of its own and then shared
-// by the outboxes that it goes to, and so are many small events of one read.
+// by the send queues that it goes to, and so are many small events of one read.
 // Single-threaded, so the counts are plain.
 #ifndef KAVRI_BROKER_BUFFER_H
 #define KAVRI_BROKER_BUFFER_H

@@ -66,23 +66,24 @@ Session* Router::request(Session& from, InputFrame& frame) {
         return answerEmbedded(from, *category, frame.values);
     }
     Session& responder = *category->responder;
-    if (from.openRequests >= limits_.openRequestsPerInitiator ||
-        responder.requestsInHand >= limits_.openRequestsPerResponder) {
+    if (from.pendingRequests >= limits_.openRequestsPerInitiator ||
+        responder.requestsInFlight >= limits_.openRequestsPerResponder) {
         refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
         return nullptr;
     }
-    if (isStalled(responder) || (isLarge(frame) && responder.outbox.bytes() > queuedAheadBytes)) {
+    if (isStalled(responder) ||
+        (isLarge(frame) && responder.sendQueue.bytes() > queuedAheadBytes)) {
         return &responder;
     }
-    ++from.openRequests;
+    ++from.pendingRequests;
     interfaces::replaceToken(frame.bytes,
-                             openRequests_.open(responder, {from.id, frame.values.token}));
+                             pendingRequests_.open(responder, {from.id, frame.values.token}));
     deliver(responder, frame);
     return nullptr;
 }
 
 Session* Router::response(Session& from, InputFrame& frame) {
-    const OpenRequest* known = openRequests_.find(from, frame.values.token);
+    const PendingRequest* known = pendingRequests_.find(from, frame.values.token);
     if (known == nullptr) {
         surroundings_.note(from, "answered a request that it does not have in hand; dropped");
         return nullptr;
@@ -92,23 +93,23 @@ Session* Router::response(Session& from, InputFrame& frame) {
         if (isWorthWaitingFor(*initiator)) {
             return initiator;
         }
-        --initiator->openRequests;
+        --initiator->pendingRequests;
         interfaces::replaceToken(frame.bytes, known->initiatorToken);
         deliver(*initiator, frame);
     }
-    openRequests_.close(from, frame.values.token);
+    pendingRequests_.close(from, frame.values.token);
     return nullptr;
 }
 
 void Router::completion(Session& from, std::uint64_t token) {
-    const OpenRequest* known = openRequests_.find(from, token);
+    const PendingRequest* known = pendingRequests_.find(from, token);
     if (known == nullptr) {
         surroundings_.note(from, "ended a request that it does not have in hand");
         return;
     }
     tell(known->initiator,
          outcomeFrame(FrameType::completion, known->initiatorToken, KAVRI_CORE_STATUS_NO_ERROR));
-    openRequests_.close(from, token);
+    pendingRequests_.close(from, token);
 }
 
 Session* Router::publish(Session& from, InputFrame& frame) {
@@ -200,7 +201,7 @@ void Router::forget(Session& session) {
         std::erase(category->subscribers, &session);
         dropIfUnused(*category);
     }
-    while (const auto lost = openRequests_.closeAny(session)) {
+    while (const auto lost = pendingRequests_.closeAny(session)) {
         tell(lost->initiator, outcomeFrame(FrameType::notice, lost->initiatorToken,
                                            KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
     }
@@ -211,7 +212,7 @@ void Router::forget(Session& session) {
 }
 
 void Router::send(Session& to, const Frame& frame) {
-    to.outbox.append(frame);
+    to.sendQueue.append(frame);
     markForWriting(to);
 }
 
@@ -285,13 +286,13 @@ void Router::deliver(Session& to, const InputFrame& frame) {
         return;
     }
     if (isFilledTo(to, 4)) {
-        surroundings_.close(to, "does not take what is sent to it: its outbox is full");
+        surroundings_.close(to, "does not take what is sent to it: its send queue is full");
         return;
     }
     if (isLarge(frame) && frame.block) {
-        to.outbox.appendShared(frame.block, frame.length);
+        to.sendQueue.appendShared(frame.block, frame.length);
     } else {
-        to.outbox.appendCopy({frame.bytes, frame.length});
+        to.sendQueue.appendCopy({frame.bytes, frame.length});
     }
     markForWriting(to);
 }
@@ -299,7 +300,7 @@ void Router::deliver(Session& to, const InputFrame& frame) {
 // What became of a request, to the initiator that sent it, if it is still there.
 void Router::tell(SessionId initiator, const Frame& outcome) {
     if (Session* session = surroundings_.find(initiator)) {
-        --session->openRequests;
+        --session->pendingRequests;
         send(*session, outcome);
     }
 }
@@ -315,11 +316,11 @@ void Router::acknowledge(Session& to, std::uint64_t token, kavri_core_status sta
 // A user's limit counts against those of his sessions that have something
 // waiting: a session that takes everything is never slow.
 bool Router::isFilledTo(const Session& session, std::size_t quarters) const {
-    if (session.outbox.empty()) {
+    if (session.sendQueue.empty()) {
         return false;
     }
-    return session.outbox.bytes() >= limits_.outboxBytes / 4 * quarters ||
-           session.account.outboxBytes >= limits_.outboxBytesPerUser / 4 * quarters;
+    return session.sendQueue.bytes() >= limits_.sendQueueBytes / 4 * quarters ||
+           session.account.sendQueueBytes >= limits_.sendQueueBytesPerUser / 4 * quarters;
 }
 
 void Router::markForWriting(Session& session) {

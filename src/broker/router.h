@@ -1,13 +1,13 @@
 // Where frames go: from initiators to the responder of a category and back, and
 // from a responder to those who subscribed. No I/O: it takes frames and fills
-// outboxes.
+// send queues.
 //
-// A frame may be held back because a session takes nothing and its outbox is
+// A frame may be held back because a session takes nothing and its send queue is
 // three quarters full: the router then names that session and leaves the frame
 // to its sender, which is not read from until there is room. So a sender waits
 // for the slow peer that it sends to, and nobody else does. Responses and events
 // wait for a slow initiator only while it makes some progress; what still comes
-// for it then fills its outbox to the limit, and at the limit it is closed.
+// for it then fills its send queue to the limit, and at the limit it is closed.
 #ifndef KAVRI_BROKER_ROUTER_H
 #define KAVRI_BROKER_ROUTER_H
 
@@ -18,7 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "broker/open_requests.h"
+#include "broker/pending_requests.h"
 #include "broker/policy.h"
 #include "broker/session.h"
 #include "interfaces/frame.h"
@@ -68,7 +68,7 @@ class Router {
     [[nodiscard]] Session* response(Session& from, InputFrame& frame);
     [[nodiscard]] Session* publish(Session& from, InputFrame& frame);
     // Small events that stand behind one another in the same input are delivered
-    // together: each subscriber's outbox is then looked for once, not for each.
+    // together: each subscriber's send queue is then looked for once, not for each.
     // To be called before any other frame of theirs is handled, and before their
     // bytes go.
     void endPublishing();
@@ -88,7 +88,7 @@ class Router {
     // For everything else that is to be said to a session.
     void send(Session& to, const interfaces::Frame& frame);
 
-    // Sessions whose outbox got something since the list was last taken.
+    // Sessions whose send queue got something since the list was last taken.
     std::vector<Session*>& toWrite() { return toWrite_; }
 
     // Three quarters full: it takes its answers before it may ask for more.
@@ -138,7 +138,7 @@ class Router {
     Surroundings surroundings_;
     std::unordered_map<std::string, std::unique_ptr<Category>, NameHash, std::equal_to<>>
         categories_;
-    OpenRequests openRequests_;
+    PendingRequests pendingRequests_;
     std::vector<Session*> toWrite_;
     EventRun run_;
 };

@@ -55,7 +55,7 @@ void watch(int epoll, int descriptor, std::uint64_t mark) {
 
 ssize_t sendSome(const Session& session) {
     std::array<iovec, piecesPerWrite> pieces;
-    const std::size_t count = session.outbox.gather(pieces.data(), pieces.size());
+    const std::size_t count = session.sendQueue.gather(pieces.data(), pieces.size());
     if (count <= 1) {
         return count == 0 ? 0
                           : ::send(session.descriptor, pieces[0].iov_base, pieces[0].iov_len,
@@ -200,7 +200,7 @@ void Server::handleDeadlines() {
     }
 }
 
-// Writing can let others go on, which fills outboxes; closing tells others. So
+// Writing can let others go on, which fills send queues; closing tells others. So
 // both go on until neither has anything left.
 void Server::finishRound() {
     while (!router_.toWrite().empty() || !closing_.empty()) {
@@ -357,9 +357,9 @@ void Server::writeTo(Session& session) {
     } else if (errno != EAGAIN && errno != EINTR) {
         // The peer is gone. What it sent before may still be there to be read;
         // the end of that closes the session.
-        wrote(session, session.outbox.bytes());
+        wrote(session, session.sendQueue.bytes());
     }
-    if (!session.outbox.empty() && !session.watched) {
+    if (!session.sendQueue.empty() && !session.watched) {
         session.watched = true;
         session.lastProgress = now_;
         deadlines_.set({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
@@ -368,7 +368,7 @@ void Server::writeTo(Session& session) {
 }
 
 void Server::wrote(Session& session, std::size_t count) {
-    session.outbox.consume(count);
+    session.sendQueue.consume(count);
     session.lastProgress = now_;
     if (router_.hasRoomAgain(session)) {
         session.patienceOver = false;
@@ -380,7 +380,7 @@ void Server::wrote(Session& session, std::size_t count) {
 
 void Server::checkProgress(Session& session) {
     session.watched = false;
-    if (session.outbox.empty()) {
+    if (session.sendQueue.empty()) {
         return;
     }
     const Clock::time_point due = session.lastProgress + limits_.progressTime;
@@ -411,10 +411,10 @@ void Server::checkPatience(Session& session) {
 // be reported again and again. What is written at the end of this round anyway
 // needs no watching yet.
 void Server::poll(Session& session) {
-    const std::uint32_t wanted =
-        (session.isHeldBack ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
-        (session.outbox.empty() || session.listedForWriting ? 0U
-                                                            : static_cast<std::uint32_t>(EPOLLOUT));
+    const std::uint32_t wanted = (session.isHeldBack ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
+                                 (session.sendQueue.empty() || session.listedForWriting
+                                      ? 0U
+                                      : static_cast<std::uint32_t>(EPOLLOUT));
     if (wanted == session.interest || session.isClosing) {
         return;
     }
@@ -455,7 +455,7 @@ void Server::close(Session& session, kavri_core_status status, std::string_view 
         spdlog::warn("closing the connection of process {} of user {}: {}", session.process,
                      session.user, reason);
     }
-    session.outbox.append(goodbyeFrame(status, reason));
+    session.sendQueue.append(goodbyeFrame(status, reason));
 }
 
 void Server::remove(Session& session) {

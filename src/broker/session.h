@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "broker/buffer.h"
-#include "broker/outbox.h"
 #include "broker/policy.h"
+#include "broker/send_queue.h"
 
 namespace kavri::broker {
 
@@ -33,7 +33,7 @@ enum class Role : std::uint8_t { unknown, initiator, responder };
 // What one user's sessions take together.
 struct UserAccount {
     std::size_t connections = 0;
-    std::size_t outboxBytes = 0;
+    std::size_t sendQueueBytes = 0;
 };
 
 struct Category;
@@ -43,7 +43,10 @@ inline constexpr std::uint32_t noRequest = UINT32_MAX;
 
 struct Session {
     Session(SessionId itsId, uid_t itsUser, UserAccount& itsAccount, BufferPool& pool)
-        : id(itsId), user(itsUser), account(itsAccount), outbox(pool, itsAccount.outboxBytes) {}
+        : id(itsId),
+          user(itsUser),
+          account(itsAccount),
+          sendQueue(pool, itsAccount.sendQueueBytes) {}
 
     const SessionId id;
     const uid_t user;
@@ -53,8 +56,8 @@ struct Session {
     std::uint32_t interest = 0;  // the events that it is polled for
     Role role = Role::unknown;   // unknown until its hello
 
-    Outbox outbox;
-    bool listedForWriting = false;    // the router put something into the outbox
+    SendQueue sendQueue;
+    bool listedForWriting = false;    // the router put something into the sendQueue
     Clock::time_point lastProgress;   // when the peer last took something
     bool watched = false;             // a deadline for its progress is set
     bool patienceOver = false;        // others no longer wait until it takes more
@@ -70,12 +73,12 @@ struct Session {
     bool isHeldBack = false;  // not read from
 
     // Of an initiator.
-    std::size_t openRequests = 0;
+    std::size_t pendingRequests = 0;
     std::vector<Category*> subscriptions;
     // Of a responder.
     Category* served = nullptr;
     std::uint32_t firstRequest = noRequest;
-    std::size_t requestsInHand = 0;
+    std::size_t requestsInFlight = 0;
 
     bool isClosing = false;
 };

@@ -33,9 +33,9 @@ struct Limits {
 
     // What waits for a peer that does not read. Above three quarters its senders
     // are held back while it makes progress; at the limit it is closed.
-    std::size_t outboxBytes = 8 * mebibyte;
-    // All outboxes of one user's connections together.
-    std::size_t outboxBytesPerUser = 64 * mebibyte;
+    std::size_t sendQueueBytes = 8 * mebibyte;
+    // All send queues of one user's connections together.
+    std::size_t sendQueueBytesPerUser = 64 * mebibyte;
 
     // Requests without an answer: of one initiator, and at one responder.
     std::size_t openRequestsPerInitiator = 65536;
@@ -49,7 +49,7 @@ struct Limits {
     // A peer that has something waiting and takes none of it for this long is closed.
     std::chrono::milliseconds progressTime{10000};
     // Senders are held back for the sake of a peer for at most this long
-    // without its taking anything; then it goes on towards its outbox limit.
+    // without its taking anything; then it goes on towards its send queue limit.
     std::chrono::milliseconds holdBackTime{100};
 };
 

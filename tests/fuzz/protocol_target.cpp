@@ -19,8 +19,8 @@ constexpr unsigned pieceUnit = 128;  // how much a step with a large piece count
 interfaces::Limits tightLimits() {
     interfaces::Limits limits;
     limits.payloadBytes = 40'000;
-    limits.outboxBytes = 65'536;
-    limits.outboxBytesPerUser = 150'000;
+    limits.sendQueueBytes = 65'536;
+    limits.sendQueueBytesPerUser = 150'000;
     limits.openRequestsPerInitiator = 4;
     limits.openRequestsPerResponder = 6;
     limits.subscriptionsPerInitiator = 2;
@@ -101,7 +101,8 @@ class Stage {
 
     void noteWaiting(unsigned who, const Session* waitFor) {
         if (waitFor != nullptr) {
-            mustHold(!waitFor->outbox.empty(), "nobody waits for a peer with an empty outbox");
+            mustHold(!waitFor->sendQueue.empty(),
+                     "nobody waits for a peer with an empty sendQueue");
             waiting_.insert(who);
         } else {
             waiting_.erase(who);
@@ -110,7 +111,7 @@ class Stage {
 
     void hear(unsigned who) {
         if (sessions_[who] != nullptr) {
-            hearALittle(who, sessions_[who]->outbox.bytes());
+            hearALittle(who, sessions_[who]->sendQueue.bytes());
         }
     }
 
@@ -120,13 +121,13 @@ class Stage {
             return;
         }
         std::array<iovec, 3> pieces{};
-        while (most > 0 && !session->outbox.empty()) {
-            const std::size_t count = session->outbox.gather(pieces.data(), pieces.size());
-            mustHold(count > 0, "an outbox that is not empty gives something");
+        while (most > 0 && !session->sendQueue.empty()) {
+            const std::size_t count = session->sendQueue.gather(pieces.data(), pieces.size());
+            mustHold(count > 0, "a send queue that is not empty gives something");
             const std::size_t part = std::min(most, pieces[0].iov_len);
             mustHold(part > 0, "a piece is not empty");
             heard_[who].append(static_cast<const char*>(pieces[0].iov_base), part);
-            session->outbox.consume(part);
+            session->sendQueue.consume(part);
             most -= part;
         }
         checkHeard(who);
@@ -183,12 +184,12 @@ class Stage {
         std::size_t open = 0;
         for (const Session* session : sessions_) {
             if (session != nullptr) {
-                waitingBytes += session->outbox.bytes();
-                inHand += session->requestsInHand;
-                open += session->openRequests;
-                mustHold(session->openRequests <= broker_.limits.openRequestsPerInitiator,
+                waitingBytes += session->sendQueue.bytes();
+                inHand += session->requestsInFlight;
+                open += session->pendingRequests;
+                mustHold(session->pendingRequests <= broker_.limits.openRequestsPerInitiator,
                          "open requests stay within their limit");
-                mustHold(session->requestsInHand <= broker_.limits.openRequestsPerResponder,
+                mustHold(session->requestsInFlight <= broker_.limits.openRequestsPerResponder,
                          "requests in hand stay within their limit");
                 mustHold(session->subscriptions.size() <= broker_.limits.subscriptionsPerInitiator,
                          "subscriptions stay within their limit");

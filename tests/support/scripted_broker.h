@@ -1,5 +1,5 @@
 // The broker's router and protocol with sessions that have no sockets: a test
-// says frames for a session, and hears what waits in its outbox.
+// says frames for a session, and hears what waits in its sendQueue.
 //
 // Stands where the broker's loop stands: feeds what a session says in as the
 // loop does, keeps the table of sessions, and notes what is closed and why. It
@@ -101,13 +101,13 @@ class ScriptedBroker {
     // All that waits for the session, which takes it.
     std::string hearBytes(Session& session) {
         std::string bytes;
-        while (!session.outbox.empty()) {
+        while (!session.sendQueue.empty()) {
             iovec piece{};
-            if (session.outbox.gather(&piece, 1) != 1 || piece.iov_len == 0) {
-                throw std::logic_error("an outbox with bytes in it gives none");
+            if (session.sendQueue.gather(&piece, 1) != 1 || piece.iov_len == 0) {
+                throw std::logic_error("a send queue with bytes in it gives none");
             }
             bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
-            session.outbox.consume(piece.iov_len);
+            session.sendQueue.consume(piece.iov_len);
         }
         std::erase(router.toWrite(), &session);
         session.listedForWriting = false;
@@ -137,7 +137,7 @@ class ScriptedBroker {
         return found == closings_.end() ? std::string() : found->second;
     }
 
-    std::size_t userBytes(uid_t user) { return accounts_[user].outboxBytes; }
+    std::size_t userBytes(uid_t user) { return accounts_[user].sendQueueBytes; }
 
     const interfaces::Limits limits;
     const broker::Policy policy;

@@ -1,9 +1,9 @@
-// The table of open requests; see open_requests.h.
-#include "broker/open_requests.h"
+// The table of pending requests; see pending_requests.h.
+#include "broker/pending_requests.h"
 
 namespace kavri::broker {
 
-std::uint64_t OpenRequests::open(Session& responder, OpenRequest request) {
+std::uint64_t PendingRequests::open(Session& responder, PendingRequest request) {
     std::uint32_t index = firstFree_;
     if (index == noRequest) {
         index = static_cast<std::uint32_t>(slots_.size());
@@ -21,11 +21,11 @@ std::uint64_t OpenRequests::open(Session& responder, OpenRequest request) {
         slots_[slot.next].previous = index;
     }
     responder.firstRequest = index;
-    ++responder.requestsInHand;
+    ++responder.requestsInFlight;
     return (static_cast<std::uint64_t>(slot.generation) << 32U) | index;
 }
 
-const OpenRequest* OpenRequests::find(const Session& responder, std::uint64_t token) const {
+const PendingRequest* PendingRequests::find(const Session& responder, std::uint64_t token) const {
     const auto index = static_cast<std::uint32_t>(token);
     const auto generation = static_cast<std::uint32_t>(token >> 32U);
     if (index >= slots_.size()) {
@@ -37,26 +37,26 @@ const OpenRequest* OpenRequests::find(const Session& responder, std::uint64_t to
     return inHand ? &slot.request : nullptr;
 }
 
-void OpenRequests::close(Session& responder, std::uint64_t token) {
+void PendingRequests::close(Session& responder, std::uint64_t token) {
     const auto index = static_cast<std::uint32_t>(token);
     Slot& slot = slots_[index];
     (slot.previous == noRequest ? responder.firstRequest : slots_[slot.previous].next) = slot.next;
     if (slot.next != noRequest) {
         slots_[slot.next].previous = slot.previous;
     }
-    --responder.requestsInHand;
+    --responder.requestsInFlight;
     slot.used = false;
     ++slot.generation;
     slot.next = firstFree_;
     firstFree_ = index;
 }
 
-std::optional<OpenRequest> OpenRequests::closeAny(Session& responder) {
+std::optional<PendingRequest> PendingRequests::closeAny(Session& responder) {
     if (responder.firstRequest == noRequest) {
         return std::nullopt;
     }
     const std::uint32_t index = responder.firstRequest;
-    const OpenRequest request = slots_[index].request;
+    const PendingRequest request = slots_[index].request;
     close(responder, index);
     return request;
 }

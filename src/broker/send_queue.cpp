@@ -1,12 +1,12 @@
-// The queue of what waits to be written; see outbox.h.
-#include "broker/outbox.h"
+// The queue of what waits to be written; see send_queue.h.
+#include "broker/send_queue.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace kavri::broker {
 
-void Outbox::append(const interfaces::Frame& frame) {
+void SendQueue::append(const interfaces::Frame& frame) {
     const interfaces::Header header = interfaces::encodeHeader(frame);
     appendCopy({header.data(), header.size()});
     for (const std::string_view& field : frame.fields) {
@@ -14,7 +14,7 @@ void Outbox::append(const interfaces::Frame& frame) {
     }
 }
 
-void Outbox::appendCopy(std::string_view bytes) {
+void SendQueue::appendCopy(std::string_view bytes) {
     account(bytes.size());
     while (!bytes.empty()) {
         const bool lastHasRoom = !slices_.empty() && !slices_.back().block.isShared() &&
@@ -30,12 +30,12 @@ void Outbox::appendCopy(std::string_view bytes) {
     }
 }
 
-void Outbox::appendShared(const BlockRef& block, std::size_t length) {
+void SendQueue::appendShared(const BlockRef& block, std::size_t length) {
     account(length);
     pool_.append(slices_, {block, 0, length});
 }
 
-std::size_t Outbox::gather(iovec* pieces, std::size_t most) const {
+std::size_t SendQueue::gather(iovec* pieces, std::size_t most) const {
     std::size_t count = 0;
     for (const Slice& slice : slices_) {
         if (count == most) {
@@ -46,7 +46,7 @@ std::size_t Outbox::gather(iovec* pieces, std::size_t most) const {
     return count;
 }
 
-void Outbox::consume(std::size_t bytes) {
+void SendQueue::consume(std::size_t bytes) {
     bytes_ -= bytes;
     userBytes_ -= bytes;
     while (bytes > 0) {
@@ -60,7 +60,7 @@ void Outbox::consume(std::size_t bytes) {
     }
 }
 
-void Outbox::clear() {
+void SendQueue::clear() {
     while (!slices_.empty()) {
         pool_.popFront(slices_);
     }

@@ -3,8 +3,8 @@
 // A table of slots that are used again; the token that a responder sees names a
 // slot and how often it was used, so that a second answer, or one from a
 // responder that the request never went to, finds nothing.
-#ifndef KAVRI_BROKER_OPEN_REQUESTS_H
-#define KAVRI_BROKER_OPEN_REQUESTS_H
+#ifndef KAVRI_BROKER_PENDING_REQUESTS_H
+#define KAVRI_BROKER_PENDING_REQUESTS_H
 
 #include <cstdint>
 #include <optional>
@@ -14,28 +14,28 @@
 
 namespace kavri::broker {
 
-struct OpenRequest {
+struct PendingRequest {
     SessionId initiator;
     std::uint64_t initiatorToken = 0;
 };
 
-class OpenRequests {
+class PendingRequests {
   public:
     // The token under which `responder` gets the request.
-    std::uint64_t open(Session& responder, OpenRequest request);
+    std::uint64_t open(Session& responder, PendingRequest request);
 
     // The request that `responder` has in hand under the token, or null.
-    const OpenRequest* find(const Session& responder, std::uint64_t token) const;
+    const PendingRequest* find(const Session& responder, std::uint64_t token) const;
 
     // Ends it; the token must be one that find knows.
     void close(Session& responder, std::uint64_t token);
 
     // Ends one that `responder` has in hand, whichever; nothing when there is none.
-    std::optional<OpenRequest> closeAny(Session& responder);
+    std::optional<PendingRequest> closeAny(Session& responder);
 
   private:
     struct Slot {
-        OpenRequest request;
+        PendingRequest request;
         SessionId responder;
         std::uint32_t generation = 0;
         std::uint32_t previous = noRequest;  // in the responder's list, or

@@ -3,9 +3,9 @@
 // A queue of slices of blocks. Small frames are copied behind one another into
 // one block, so that they leave in one write; large ones, and many events that
 // come together, are slices of a block that all who get them share. An empty
-// outbox owns no memory.
-#ifndef KAVRI_BROKER_OUTBOX_H
-#define KAVRI_BROKER_OUTBOX_H
+// send queue owns no memory.
+#ifndef KAVRI_BROKER_SEND_QUEUE_H
+#define KAVRI_BROKER_SEND_QUEUE_H
 
 #include <sys/uio.h>
 
@@ -18,13 +18,13 @@
 
 namespace kavri::broker {
 
-class Outbox {
+class SendQueue {
   public:
-    // `userBytes` is the account of the peer's user: all outboxes of his together.
-    Outbox(BufferPool& pool, std::size_t& userBytes) : pool_(pool), userBytes_(userBytes) {}
-    Outbox(const Outbox&) = delete;
-    Outbox& operator=(const Outbox&) = delete;
-    ~Outbox() { clear(); }
+    // `userBytes` is the account of the peer's user: all send queues of his together.
+    SendQueue(BufferPool& pool, std::size_t& userBytes) : pool_(pool), userBytes_(userBytes) {}
+    SendQueue(const SendQueue&) = delete;
+    SendQueue& operator=(const SendQueue&) = delete;
+    ~SendQueue() { clear(); }
 
     std::size_t bytes() const { return bytes_; }
     bool empty() const { return bytes_ == 0; }

@@ -1,19 +1,19 @@
 // The broker's table of the requests that responders have in hand.
-#define BOOST_TEST_MODULE brokerOpenRequests
+#define BOOST_TEST_MODULE pendingRequests
+
+#include "broker/pending_requests.h"
 
 #include <boost/test/unit_test.hpp>
 #include <map>
 #include <random>
 #include <set>
 
-#include "broker/open_requests.h"
-
 using namespace kavri::broker;
 
 namespace {
 
 struct Table {
-    OpenRequests requests;
+    PendingRequests requests;
     BufferPool pool;
     UserAccount account;
     Session first{{0, 0}, 1000, account, pool};
@@ -25,7 +25,7 @@ struct Table {
     }
     // What `responder` has in hand under the token; 0 for nothing.
     std::uint64_t found(const Session& responder, std::uint64_t token) const {
-        const OpenRequest* known = requests.find(responder, token);
+        const PendingRequest* known = requests.find(responder, token);
         return known == nullptr ? 0 : known->initiatorToken;
     }
 };
@@ -34,11 +34,11 @@ struct Table {
 
 BOOST_FIXTURE_TEST_CASE(aRequestIsFoundByTheTokenItWasGiven, Table) {
     const auto token = open(first, 11);
-    const OpenRequest* known = requests.find(first, token);
+    const PendingRequest* known = requests.find(first, token);
     BOOST_REQUIRE(known != nullptr);
     BOOST_TEST(known->initiatorToken == 11U);
     BOOST_TEST((known->initiator == SessionId{7, 3}));
-    BOOST_TEST(first.requestsInHand == 1U);
+    BOOST_TEST(first.requestsInFlight == 1U);
 }
 
 BOOST_FIXTURE_TEST_CASE(nothingIsFoundUnderATokenThatWasNotGiven, Table) {
@@ -60,7 +60,7 @@ BOOST_FIXTURE_TEST_CASE(aClosedRequestIsNotFoundAgain, Table) {
     const auto token = open(first, 11);
     requests.close(first, token);
     BOOST_TEST(found(first, token) == 0U);
-    BOOST_TEST(first.requestsInHand == 0U);
+    BOOST_TEST(first.requestsInFlight == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aTokenIsNotGivenOutAgain, Table) {
@@ -93,7 +93,7 @@ BOOST_FIXTURE_TEST_CASE(requestsCloseInAnyOrderOfThree, Table) {
         std::size_t left = 3;
         for (const int which : order) {
             requests.close(first, tokens[static_cast<std::size_t>(which)]);
-            BOOST_TEST(first.requestsInHand == --left);
+            BOOST_TEST(first.requestsInFlight == --left);
         }
         BOOST_TEST(!requests.closeAny(first).has_value());
     }
@@ -111,8 +111,8 @@ BOOST_FIXTURE_TEST_CASE(allOfOneResponderCanBeClosedAndNoneOfAnother, Table) {
         BOOST_TEST(expected.erase(closed->initiatorToken) == 1U);
     }
     BOOST_TEST(expected.empty());
-    BOOST_TEST(first.requestsInHand == 0U);
-    BOOST_TEST(second.requestsInHand == 10U);
+    BOOST_TEST(first.requestsInFlight == 0U);
+    BOOST_TEST(second.requestsInFlight == 10U);
     for (std::uint64_t i = 1; i <= 10; ++i) {
         BOOST_TEST(found(second, othersTokens[i - 1]) == 100 + i);
     }
@@ -145,7 +145,7 @@ BOOST_FIXTURE_TEST_CASE(itAgreesWithAPlainMapWhateverHappens, Table) {
                 expected.erase(known);
             }
         }
-        BOOST_REQUIRE(responder.requestsInHand == expected.size());
+        BOOST_REQUIRE(responder.requestsInFlight == expected.size());
     }
     for (const auto& [token, request] : plain[0]) {
         BOOST_REQUIRE(found(first, token) == request);
