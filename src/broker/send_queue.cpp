@@ -15,7 +15,6 @@ void SendQueue::append(const interfaces::Frame& frame) {
 }
 
 void SendQueue::appendCopy(std::string_view bytes) {
-    account(bytes.size());
     while (!bytes.empty()) {
         const bool lastHasRoom = !slices_.empty() && !slices_.back().block.isShared() &&
                                  slices_.back().end < slices_.back().block->capacity();
@@ -26,13 +25,14 @@ void SendQueue::appendCopy(std::string_view bytes) {
         const std::size_t part = std::min(bytes.size(), slice.block->capacity() - slice.end);
         std::memcpy(slice.block->bytes() + slice.end, bytes.data(), part);
         slice.end += part;
+        charge_.grow(part);
         bytes.remove_prefix(part);
     }
 }
 
 void SendQueue::appendShared(const BlockRef& block, std::size_t length) {
-    account(length);
     pool_.append(slices_, {block, 0, length});
+    charge_.grow(length);
 }
 
 std::size_t SendQueue::gather(iovec* pieces, std::size_t most) const {
@@ -47,8 +47,7 @@ std::size_t SendQueue::gather(iovec* pieces, std::size_t most) const {
 }
 
 void SendQueue::consume(std::size_t bytes) {
-    bytes_ -= bytes;
-    userBytes_ -= bytes;
+    charge_.shrink(bytes);
     while (bytes > 0) {
         Slice& first = slices_.front();
         const std::size_t part = std::min(bytes, first.end - first.begin);
@@ -64,8 +63,7 @@ void SendQueue::clear() {
     while (!slices_.empty()) {
         pool_.popFront(slices_);
     }
-    userBytes_ -= bytes_;
-    bytes_ = 0;
+    charge_.shrink(charge_.bytes());
 }
 
 }  // namespace kavri::broker

@@ -1,7 +1,9 @@
 // The broker's loop; see server.h.
 #include "broker/server.h"
 
+#include <linux/sockios.h>
 #include <spdlog/spdlog.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <system_error>
 
 namespace kavri::broker {
@@ -53,6 +56,13 @@ void watch(int epoll, int descriptor, std::uint64_t mark) {
     }
 }
 
+// What the kernel holds for the peer and it has not taken, with the kernel's own
+// overhead.
+std::size_t bytesInSocket(const Session& session) {
+    int bytes = 0;
+    return ::ioctl(session.descriptor, SIOCOUTQ, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
 ssize_t sendSome(const Session& session) {
     std::array<iovec, piecesPerWrite> pieces;
     const std::size_t count = session.sendQueue.gather(pieces.data(), pieces.size());
@@ -76,8 +86,7 @@ Server::Server(ServerOptions options, Listener& listener)
       stopDescriptor_(options.stopDescriptor),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       router_(limits_, policy_, pool_,
-              {[this](SessionId id) { return find(id); },
-               [this](Session& session, std::string_view reason) {
+              {[this](Session& session, std::string_view reason) {
                    close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
                },
                [](const Session& session, std::string_view what) {
@@ -165,7 +174,7 @@ void Server::handleEvent(const epoll_event& event) {
     if ((event.events & EPOLLOUT) != 0) {
         writeTo(*session);
     }
-    if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !session->isHeldBack &&
+    if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !session->isBlocked() &&
         !session->isClosing) {
         session->large ? readLarge(*session) : readFrom(*session);
     }
@@ -190,11 +199,11 @@ void Server::handleDeadlines() {
                     close(*session, KAVRI_CORE_STATUS_IPC_REFUSED, "said no hello in time");
                 }
                 break;
-            case DeadlineKind::progress:
-                checkProgress(*session);
+            case DeadlineKind::drain:
+                checkDrain(*session);
                 break;
             default:
-                checkPatience(*session);
+                checkFrame(*session);
                 break;
         }
     }
@@ -291,12 +300,12 @@ void Server::readFrom(Session& session) {
         return;
     }
     if (session.backlog) {
-        std::memcpy(readBuffer_.data(), session.backlog->bytes(), session.backlogBytes);
-        session.backlog = {};
+        std::memcpy(readBuffer_.data(), session.backlogBegin(), session.backlogBytes);
+        session.takeBacklog();
     }
     const std::size_t total =
         std::exchange(session.backlogBytes, 0) + static_cast<std::size_t>(count);
-    waitOrGoOn(session, protocol_.take(session, readBuffer_.data(), total));
+    takeInput(session, [&] { return protocol_.take(session, readBuffer_.data(), total); });
 }
 
 // Straight into the large frame's own block; of what follows it little, since that
@@ -312,14 +321,27 @@ void Server::readLarge(Session& session) {
     }
     const std::size_t filled = std::min(missing, static_cast<std::size_t>(count));
     const std::size_t behind = static_cast<std::size_t>(count) - filled;
-    session.largeFilled += filled;
-    Session* waitFor = protocol_.takeLarge(session);
-    if (waitFor != nullptr) {
-        protocol_.keep(session, readBuffer_.data(), behind);
-    } else if (behind > 0 && !session.isClosing) {
-        waitFor = protocol_.take(session, readBuffer_.data(), behind);
+    session.largeFilled += static_cast<std::uint32_t>(filled);
+    takeInput(session, [&] {
+        Session* waitFor = protocol_.takeLarge(session);
+        if (waitFor != nullptr) {
+            protocol_.keep(session, readBuffer_.data(), behind);
+        } else if (behind > 0 && !session.isClosing) {
+            waitFor = protocol_.take(session, readBuffer_.data(), behind);
+        }
+        return waitFor;
+    });
+}
+
+// Running out of memory costs the session whose input needed it, and no other.
+template <typename Take>
+void Server::takeInput(Session& session, Take take) {
+    try {
+        waitOrGoOn(session, take());
+    } catch (const std::bad_alloc&) {
+        close(session, KAVRI_CORE_STATUS_OUT_OF_RESOURCES,
+              "the broker has no memory for what it sends");
     }
-    waitOrGoOn(session, waitFor);
 }
 
 void Server::ended(Session& session, int error) {
@@ -328,25 +350,62 @@ void Server::ended(Session& session, int error) {
     }
 }
 
-// A session that has to wait is listed with the one it waits for, and not read
-// from until that one lets it go on.
+// A session that has to wait is not read from until it is resumed.
 void Server::waitOrGoOn(Session& session, Session* waitFor) {
-    session.isHeldBack = waitFor != nullptr;
-    if (waitFor != nullptr) {
-        waitFor->heldBack.push_back(session.id);
-        deadlines_.set({std::max(waitFor->lastProgress, now_) + limits_.holdBackTime,
-                        DeadlineKind::patience, waitFor->id});
+    if (waitFor != nullptr && !session.isClosing) {
+        router_.flowControl().block(session, *waitFor, now_);
+        beginMeasuring(*waitFor);
+        session.frameBegan = {};
+    } else if (session.hasPartOfFrame()) {
+        watchFrame(session);
     }
     poll(session);
 }
 
-void Server::release(Session& slow) {
-    for (const SessionId id : std::exchange(slow.heldBack, {})) {
-        Session* session = find(id);
-        if (session != nullptr && !session->isClosing) {
-            waitOrGoOn(*session, protocol_.resume(*session));
+// Resumes those that wait for the session, as far as there is room. One that
+// comes to wait again without having sent anything ends the turns.
+void Server::release(Session& drained) {
+    FlowControl& flow = router_.flowControl();
+    while (Session* const sender = flow.resumeNext(drained)) {
+        if (sender->isClosing) {
+            continue;
+        }
+        const std::size_t before = drained.sendQueue.bytes();
+        takeInput(*sender, [&] { return protocol_.resume(*sender); });
+        if (sender->blockedOn == &drained && drained.sendQueue.bytes() == before) {
+            break;
         }
     }
+    flow.endTurn();
+}
+
+// An incomplete frame has until progressTime after the time that its bytes so far
+// take at the drain rate.
+void Server::watchFrame(Session& session) {
+    if (session.frameBegan == Clock::time_point{}) {
+        session.frameBegan = now_;
+    }
+    if (!session.frameDeadlineIsSet) {
+        deadlines_.set({now_ + limits_.progressTime, DeadlineKind::frame, session.id});
+        session.frameDeadlineIsSet = true;
+    }
+}
+
+void Server::checkFrame(Session& session) {
+    session.frameDeadlineIsSet = false;
+    if (session.isBlocked() || !session.hasPartOfFrame()) {
+        return;
+    }
+    const std::chrono::duration<double> earned(static_cast<double>(session.bytesOfPart()) /
+                                               static_cast<double>(limits_.drainBytesPerSecond));
+    const Clock::time_point due = session.frameBegan + limits_.progressTime +
+                                  std::chrono::duration_cast<Clock::duration>(earned);
+    if (due <= now_) {
+        close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, "left a frame incomplete for too long");
+        return;
+    }
+    deadlines_.set({due, DeadlineKind::frame, session.id});
+    session.frameDeadlineIsSet = true;
 }
 
 // One write; what it leaves is for the next round, after the others.
@@ -359,59 +418,75 @@ void Server::writeTo(Session& session) {
         // the end of that closes the session.
         wrote(session, session.sendQueue.bytes());
     }
-    if (!session.sendQueue.empty() && !session.watched) {
-        session.watched = true;
-        session.lastProgress = now_;
-        deadlines_.set({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
+    if (!session.sendQueue.empty()) {
+        beginMeasuring(session);
     }
     poll(session);
 }
 
 void Server::wrote(Session& session, std::size_t count) {
     session.sendQueue.consume(count);
-    session.lastProgress = now_;
-    if (router_.hasRoomAgain(session)) {
-        session.patienceOver = false;
-        if (!session.heldBack.empty()) {
-            release(session);
-        }
+    if (session.congestion != nullptr) {
+        session.congestion->writtenBytes += static_cast<std::int64_t>(count);
+        release(session);
+        endIfDrained(session);
     }
 }
 
-void Server::checkProgress(Session& session) {
-    session.watched = false;
-    if (session.sendQueue.empty()) {
+// From when something stays queued, or somebody waits: how fast does it go?
+void Server::beginMeasuring(Session& session) {
+    Congestion& congestion = router_.flowControl().congestionOf(session, now_);
+    if (!congestion.isMeasured) {
+        congestion.isMeasured = true;
+        congestion.writtenBytes = static_cast<std::int64_t>(bytesInSocket(session));
+        setDrainDeadline(session);
+    }
+}
+
+// The peers' progress is looked at four times in the time after which one that
+// stopped is given up on, and less often when it was.
+void Server::setDrainDeadline(const Session& session) {
+    constexpr std::chrono::milliseconds longest{50};
+    const auto every =
+        std::clamp<std::chrono::milliseconds>(std::min(limits_.stallTime, limits_.progressTime) / 4,
+                                              std::chrono::milliseconds(1), longest);
+    const int times = session.congestion->meter.isSteady() ? 1 : 4;
+    deadlines_.set({now_ + every * times, DeadlineKind::drain, session.id});
+}
+
+void Server::checkDrain(Session& session) {
+    if (session.congestion == nullptr) {
         return;
     }
-    const Clock::time_point due = session.lastProgress + limits_.progressTime;
-    if (due <= now_) {
+    const std::size_t left = bytesInSocket(session);
+    DrainMeter& meter = session.congestion->meter;
+    meter.sample(now_, session.congestion->writtenBytes - static_cast<std::int64_t>(left), left);
+    if (!session.sendQueue.empty() && meter.lastTaken() + limits_.progressTime <= now_) {
         close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED,
               "took nothing of what waits for it for too long");
         return;
     }
-    session.watched = true;
-    deadlines_.set({due, DeadlineKind::progress, session.id});
-}
-
-void Server::checkPatience(Session& session) {
-    if (session.heldBack.empty() || session.patienceOver) {
-        return;
-    }
-    const Clock::time_point due = session.lastProgress + limits_.holdBackTime;
-    if (due > now_) {
-        deadlines_.set({due, DeadlineKind::patience, session.id});
-        return;
-    }
-    session.patienceOver = true;
     release(session);
+    if (session.congestion != nullptr) {
+        setDrainDeadline(session);
+    }
 }
 
-// Tells the kernel what the session is to be woken for. One that is held back
+// A peer that took everything, and for which nobody waits, is not looked at.
+void Server::endIfDrained(Session& session) {
+    if (session.congestion != nullptr && session.sendQueue.empty() &&
+        !session.congestion->somebodyWaits()) {
+        session.congestion = nullptr;
+        deadlines_.cancel(DeadlineKind::drain, session.id);
+    }
+}
+
+// Tells the kernel what the session is to be woken for. One that is blocked
 // and has nothing to take is left out altogether: its peer's end would otherwise
 // be reported again and again. What is written at the end of this round anyway
 // needs no watching yet.
 void Server::poll(Session& session) {
-    const std::uint32_t wanted = (session.isHeldBack ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
+    const std::uint32_t wanted = (session.isBlocked() ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
                                  (session.sendQueue.empty() || session.listedForWriting
                                       ? 0U
                                       : static_cast<std::uint32_t>(EPOLLOUT));
@@ -455,7 +530,11 @@ void Server::close(Session& session, kavri_core_status status, std::string_view 
         spdlog::warn("closing the connection of process {} of user {}: {}", session.process,
                      session.user, reason);
     }
-    session.sendQueue.append(goodbyeFrame(status, reason));
+    try {
+        session.sendQueue.append(goodbyeFrame(status, reason));
+    } catch (const std::bad_alloc&) {
+        // Closed without a reason: there is no memory for one.
+    }
 }
 
 void Server::remove(Session& session) {
@@ -463,6 +542,8 @@ void Server::remove(Session& session) {
     router_.forget(session);
     release(session);
     std::erase(router_.toWrite(), &session);
+    deadlines_.cancel(DeadlineKind::drain, session.id);
+    deadlines_.cancel(DeadlineKind::frame, session.id);
     ::close(session.descriptor);
     --connections_;
     --session.account.connections;
@@ -470,6 +551,7 @@ void Server::remove(Session& session) {
     ++place.generation;
     freePlaces_.push_back(session.id.index);
     place.session = nullptr;
+    reserve_.restore();
 }
 
 }  // namespace kavri::broker

@@ -17,6 +17,7 @@
 
 #include "broker/deadlines.h"
 #include "broker/listener.h"
+#include "broker/memory_reserve.h"
 #include "broker/policy.h"
 #include "broker/protocol.h"
 #include "broker/router.h"
@@ -68,13 +69,19 @@ class Server {
     void readFrom(Session& session);
     void readLarge(Session& session);
     void ended(Session& session, int error);
+    template <typename Take>
+    void takeInput(Session& session, Take take);
     void waitOrGoOn(Session& session, Session* waitFor);
-    void release(Session& slow);
+    void release(Session& drained);
+    void watchFrame(Session& session);
+    void checkFrame(Session& session);
 
     void writeTo(Session& session);
     void wrote(Session& session, std::size_t count);
-    void checkProgress(Session& session);
-    void checkPatience(Session& session);
+    void beginMeasuring(Session& session);
+    void checkDrain(Session& session);
+    void setDrainDeadline(const Session& session);
+    void endIfDrained(Session& session);
     void poll(Session& session);
 
     Session* find(SessionId id);
@@ -89,14 +96,15 @@ class Server {
     bool listening_ = false;
     bool stopping_ = false;
 
+    MemoryReserve reserve_;
     BufferPool pool_;
+    std::unordered_map<uid_t, UserAccount> users_;
     Router router_;
     Protocol protocol_;
     Deadlines deadlines_;
     interfaces::Spin spin_;
     Clock::time_point now_;
 
-    std::unordered_map<uid_t, UserAccount> users_;
     std::size_t connections_ = 0;
     // Sessions by the index of their id; an index is used again with the next
     // generation.

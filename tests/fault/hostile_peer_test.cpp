@@ -323,7 +323,7 @@ BOOST_AUTO_TEST_CASE(aThousandConnectionsAboveTheLimitOfAUserAreTurnedAway) {
 }
 
 BOOST_AUTO_TEST_CASE(aSubscriberThatNeverReadsIsClosedAtItsLimit) {
-    Setting setting("[limits]\nsend_queue_bytes = 1000000\nhold_back_ms = 0\n");
+    Setting setting("[limits]\nsend_queue_bytes = 1000000\nstall_ms = 0\n");
     RawPeer deaf(setting.address, "initiator");
     deaf.send(makeFrame(FrameType::subscribe, 1, {.category = "test"}));
     deaf.expect(FrameType::acknowledgement);
@@ -354,7 +354,8 @@ BOOST_AUTO_TEST_CASE(anInitiatorThatNeverReadsItsAnswersIsClosedAfterATime) {
 }
 
 BOOST_AUTO_TEST_CASE(aResponderThatTakesNothingHoldsUpOnlyWhoSendsToIt) {
-    Setting setting("[limits]\nsend_queue_bytes = 1000000\nprogress_ms = 3600000\n");
+    Setting setting(
+        "[limits]\nsend_queue_bytes = 1000000\nstall_ms = 3600000\nprogress_ms = 3600000\n");
     RawPeer deaf(setting.address, "responder");
     deaf.send(makeFrame(FrameType::registration, 1, {.category = "deaf"}));
     deaf.expect(FrameType::acknowledgement);
@@ -385,7 +386,7 @@ BOOST_AUTO_TEST_CASE(aResponderThatTakesNothingHoldsUpOnlyWhoSendsToIt) {
 BOOST_AUTO_TEST_CASE(aResponderIsLetGoWhenTheInitiatorThatItWaitsForLeaves) {
     // Patience without end: only the initiator's leaving can let it go.
     Setting setting(
-        "[limits]\nsend_queue_bytes = 1000000\nhold_back_ms = 3600000\nprogress_ms = 3600000\n");
+        "[limits]\nsend_queue_bytes = 1000000\nstall_ms = 3600000\nprogress_ms = 3600000\n");
     RawPeer responder(setting.address, "responder");
     responder.send(makeFrame(FrameType::registration, 1, {.category = "work"}));
     responder.expect(FrameType::acknowledgement);

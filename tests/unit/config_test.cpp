@@ -65,13 +65,14 @@ const std::vector<Setting> settings = {
     {"connections", "1", manyThings, number<&Limits::connections>},
     {"connections_per_user", "1", manyThings, number<&Limits::connectionsPerUser>},
     {"send_queue_bytes", "65536", manyBytes, number<&Limits::sendQueueBytes>},
-    {"send_queue_bytes_per_user", "65536", manyBytes, number<&Limits::sendQueueBytesPerUser>},
+    {"bytes_per_user", "65536", manyBytes, number<&Limits::bytesPerUser>},
+    {"drain_bytes_per_second", "1", manyBytes, number<&Limits::drainBytesPerSecond>},
+    {"stall_ms", "0", anHour, milliseconds<&Limits::stallTime>},
     {"open_requests_per_initiator", "1", manyThings, number<&Limits::openRequestsPerInitiator>},
     {"open_requests_per_responder", "1", manyThings, number<&Limits::openRequestsPerResponder>},
     {"subscriptions_per_initiator", "0", manyThings, number<&Limits::subscriptionsPerInitiator>},
     {"handshake_ms", "1", anHour, milliseconds<&Limits::handshakeTime>},
     {"progress_ms", "1", anHour, milliseconds<&Limits::progressTime>},
-    {"hold_back_ms", "0", anHour, milliseconds<&Limits::holdBackTime>},
 };
 
 std::vector<std::int64_t> valuesOf(const Limits& limits) {

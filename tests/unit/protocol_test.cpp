@@ -367,7 +367,7 @@ BOOST_FIXTURE_TEST_CASE(framesBehindTheOneThatWaitsKeepTheirOrder, Slow) {
     BOOST_TEST(sayBytes(caller, encode(echo(1, "one")) + encode(echo(2, "two")) +
                                     encode(echo(3, "three")).substr(0, 40)) == &service);
     service.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "one;two;");
     sayBytes(caller, encode(echo(3, "three")).substr(40));
     BOOST_TEST(asked() == "three;");
@@ -378,9 +378,9 @@ BOOST_FIXTURE_TEST_CASE(aLargeFrameWaitsWithWhatIsBehindIt, Slow) {
     const Frame large = echoOfSize(2, 2 * largeFrameBytes, payload);
     stall(service);
     BOOST_TEST(sayBytes(caller, encode(large) + encode(echo(3, "behind"))) == &service);
-    BOOST_TEST(protocol.resume(caller) == &service);
+    BOOST_TEST(resume(caller) == &service);
     service.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "llllllllll;behind;");
     BOOST_TEST((!caller.large && !caller.backlog));
 }
@@ -390,7 +390,7 @@ BOOST_FIXTURE_TEST_CASE(aLargeFrameWaitsAlone, Slow) {
     stall(service);
     BOOST_TEST(say(caller, echoOfSize(1, 2 * largeFrameBytes, payload)) == &service);
     service.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "llllllllll;");
 }
 
@@ -401,7 +401,7 @@ BOOST_FIXTURE_TEST_CASE(nothingOvertakesALargeFrameThatWaits, Slow) {
                                     encode(ping(2))) == &service);
     BOOST_TEST(hear(caller) == "");
     service.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(hear(caller) == "pong 2");
 }
 
@@ -412,7 +412,7 @@ BOOST_FIXTURE_TEST_CASE(aLargeFrameThatCameInPartsMayHaveToWait, Slow) {
     stall(service);
     BOOST_TEST(sayBytes(caller, bytes.substr(20'000) + encode(echo(3, "behind"))) == &service);
     service.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "llllllllll;behind;");
 }
 
@@ -423,7 +423,7 @@ BOOST_FIXTURE_TEST_CASE(aSmallFrameWaitsInFrontOfALargeOne, Slow) {
     stall(service);
     BOOST_TEST(sayBytes(caller, bytes) == &service);
     service.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "small;llllllllll;");
 }
 
@@ -433,7 +433,7 @@ BOOST_FIXTURE_TEST_CASE(onlyWhatHasToWaitDoes, Slow) {
                &service);
     BOOST_TEST(hear(caller) == "pong 1");
     service.sendQueue.clear();
-    protocol.resume(caller);
+    resume(caller);
     BOOST_TEST(hear(caller) == "pong 3");
 }
 
@@ -453,13 +453,13 @@ BOOST_FIXTURE_TEST_CASE(itMayHaveToWaitAgainFurtherOn, Slow) {
         BOOST_REQUIRE(waitFor == &service);
         BOOST_REQUIRE(turns < 20);
         all += asked();
-        waitFor = protocol.resume(caller);
+        waitFor = resume(caller);
     }
     BOOST_TEST(all + asked() == expected);
 }
 
 BOOST_FIXTURE_TEST_CASE(goingOnWithNothingKeptIsNothing, Slow) {
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "");
 }
 
@@ -468,7 +468,7 @@ BOOST_FIXTURE_TEST_CASE(whatIsBadBehindTheOneThatWaitedIsFoundWhenItGoesOn, Slow
     sayBytes(caller, encode(echo(1, "one")) + std::string(40, '\xff'));
     BOOST_TEST(closing(caller) == "");
     service.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "one;");
     BOOST_TEST(closing(caller) == "status 9: malformed: unknown frame type");
 }

@@ -22,7 +22,7 @@ constexpr std::size_t threeQuarters = queueLimit / 4 * 3;
 Limits smallLimits() {
     Limits limits;
     limits.sendQueueBytes = queueLimit;
-    limits.sendQueueBytesPerUser = 10 * queueLimit;
+    limits.bytesPerUser = 10 * queueLimit;
     limits.openRequestsPerInitiator = 3;
     limits.openRequestsPerResponder = 5;
     limits.subscriptionsPerInitiator = 2;
@@ -594,7 +594,7 @@ BOOST_FIXTURE_TEST_CASE(aRequestWaitsForAResponderThatIsThreeQuartersFull, Conve
     BOOST_TEST(service.sendQueue.bytes() == threeQuarters);
     BOOST_TEST(caller.pendingRequests == 1U);
     hearBytes(service);
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     const std::string bytes = hearBytes(service);
     BOOST_TEST(framesIn(bytes).at(0)[Field::payload] == "waits");
 }
@@ -602,10 +602,10 @@ BOOST_FIXTURE_TEST_CASE(aRequestWaitsForAResponderThatIsThreeQuartersFull, Conve
 BOOST_FIXTURE_TEST_CASE(aRequestThatWaitsIsStillWaitingAfterAVainTry, Conversation) {
     fill(service, threeQuarters);
     BOOST_TEST(say(caller, request(8)) == &service);
-    BOOST_TEST(protocol.resume(caller) == &service);
-    BOOST_TEST(protocol.resume(caller) == &service);
+    BOOST_TEST(resume(caller) == &service);
+    BOOST_TEST(resume(caller) == &service);
     hearBytes(service);
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(describeAll(hearBytes(service)).find("request") == 0U);
     BOOST_TEST(caller.pendingRequests == 1U);
 }
@@ -621,16 +621,22 @@ BOOST_AUTO_TEST_CASE(aLargeRequestWaitsWhileMuchIsAheadOfItAndASmallOneDoesNot) 
     BOOST_TEST(conversation.say(conversation.caller, request(2, payload)) == &conversation.service);
     BOOST_TEST(conversation.say(other, request(3)) == nullptr);
     conversation.hearBytes(conversation.service);
-    BOOST_TEST(conversation.protocol.resume(conversation.caller) == nullptr);
+    BOOST_TEST(conversation.resume(conversation.caller) == nullptr);
     BOOST_TEST(conversation.caller.pendingRequests == 2U);
 }
 
-// Its requests were never promised to arrive while it makes no progress; that
-// it is closed then is the loop's.
-BOOST_FIXTURE_TEST_CASE(requestsWaitForAResponderWhateverThePatience, Conversation) {
+// One that stopped: its senders, and what they have for others, do not wait.
+BOOST_FIXTURE_TEST_CASE(aRequestToAResponderThatWasGivenUpOnIsRefused, Conversation) {
     fill(service, threeQuarters);
-    service.patienceOver = true;
     BOOST_TEST(say(caller, request(7)) == &service);
+    giveUpOn(service);
+    resumeAllAt(service);
+    BOOST_TEST(!caller.isBlocked());
+    BOOST_TEST(hear(caller) == "notice 7 status=14");
+    BOOST_TEST(say(caller, request(8)) == nullptr);
+    BOOST_TEST(hear(caller) == "notice 8 status=14");
+    BOOST_TEST(service.sendQueue.bytes() == threeQuarters);
+    BOOST_TEST(caller.pendingRequests == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(whoSendsElsewhereDoesNotWait, Conversation) {
@@ -647,8 +653,8 @@ BOOST_FIXTURE_TEST_CASE(anAnswerWaitsForASlowInitiatorWhileItIsWorthIt, Conversa
     BOOST_TEST(say(service, response(token)) == &caller);
     BOOST_TEST(service.requestsInFlight == 1U);
     BOOST_TEST(caller.sendQueue.bytes() == threeQuarters);
-    caller.patienceOver = true;
-    BOOST_TEST(protocol.resume(service) == nullptr);
+    giveUpOn(caller);
+    BOOST_TEST(resume(service) == nullptr);
     BOOST_TEST(service.requestsInFlight == 0U);
     const std::string bytes = hearBytes(caller);
     BOOST_TEST(describe(framesIn(bytes).at(1)) == "response 7" + fields + "p");
@@ -657,7 +663,7 @@ BOOST_FIXTURE_TEST_CASE(anAnswerWaitsForASlowInitiatorWhileItIsWorthIt, Conversa
 BOOST_FIXTURE_TEST_CASE(anInitiatorThatIsFullIsClosedAndItsResponderGoesOn, Conversation) {
     const auto first = ask(7);
     const auto second = ask(8);
-    caller.patienceOver = true;
+    giveUpOn(caller);
     fill(caller, queueLimit - 1);
     BOOST_TEST(say(service, response(first)) == nullptr);
     BOOST_TEST(closing(caller) == "");
@@ -684,8 +690,8 @@ BOOST_FIXTURE_TEST_CASE(anEventWaitsForASlowSubscriberWhileItIsWorthIt, Conversa
     fill(slow, threeQuarters);
     BOOST_TEST(say(service, publish("news")) == &slow);
     BOOST_TEST(hear(quick) == "");  // nor does anybody get it twice later
-    slow.patienceOver = true;
-    BOOST_TEST(protocol.resume(service) == nullptr);
+    giveUpOn(slow);
+    BOOST_TEST(resume(service) == nullptr);
     BOOST_TEST(hear(quick) == "event 0 category=test identifier=event payload=news");
     BOOST_TEST(slow.sendQueue.bytes() > threeQuarters);
 }
@@ -694,7 +700,7 @@ BOOST_FIXTURE_TEST_CASE(aSubscriberThatIsFullIsClosedAndTheOthersGetTheEvent, Co
     Session& full = subscriber("test");
     Session& quick = subscriber("test");
     fill(full, queueLimit);
-    full.patienceOver = true;
+    giveUpOn(full);
     BOOST_TEST(say(service, publish("news")) == nullptr);
     BOOST_TEST(closing(full) ==
                "status 14: does not take what is sent to it: its send queue is full");
@@ -704,7 +710,7 @@ BOOST_FIXTURE_TEST_CASE(aSubscriberThatIsFullIsClosedAndTheOthersGetTheEvent, Co
 BOOST_FIXTURE_TEST_CASE(anInitiatorTakesItsAnswersBeforeItAsksForMore, Conversation) {
     fill(caller, threeQuarters);
     for (const Frame& frame : {request(7), subscribe(8), unsubscribe(9)}) {
-        BOOST_TEST(router.isStalled(caller));
+        BOOST_TEST(router.flowControl().isCongested(caller));
         BOOST_TEST(say(caller, frame) == &caller);
     }
     BOOST_TEST(hear(service) == "");
@@ -720,10 +726,10 @@ BOOST_FIXTURE_TEST_CASE(aResponderThatTakesNothingMayStillAnswer, Conversation) 
 
 BOOST_FIXTURE_TEST_CASE(thereIsRoomAgainBelowTheHalf, Conversation) {
     fill(caller, queueLimit / 2);
-    BOOST_TEST(!router.hasRoomAgain(caller));
-    BOOST_TEST(!router.isStalled(caller));
+    BOOST_TEST(!router.flowControl().hasRoomAgain(caller));
+    BOOST_TEST(!router.flowControl().isCongested(caller));
     caller.sendQueue.consume(1);
-    BOOST_TEST(router.hasRoomAgain(caller));
+    BOOST_TEST(router.flowControl().hasRoomAgain(caller));
 }
 
 BOOST_AUTO_TEST_SUITE_END()
@@ -734,26 +740,28 @@ BOOST_AUTO_TEST_SUITE(userLimits)
 struct TwoUsers : Conversation {
     static Limits withSmallAccount() {
         Limits limits = smallLimits();
-        limits.sendQueueBytesPerUser = 2 * queueLimit;
+        limits.bytesPerUser = 2 * queueLimit;
         return limits;
     }
     TwoUsers() : Conversation(withSmallAccount()) {
         // Three quarters of the account, by sessions of which none is stalled itself.
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < 2; ++i) {
             fill(initiator(), queueLimit / 2);
         }
+        Session& last = initiator();
+        fill(last, threeQuarters * 2 - userBytes(someUser));
         BOOST_REQUIRE(userBytes(someUser) == threeQuarters * 2);
     }
 };
 
 BOOST_FIXTURE_TEST_CASE(aFullAccountStallsThoseWhoHaveSomethingWaiting, TwoUsers) {
-    BOOST_TEST(!router.isStalled(service));
+    BOOST_TEST(!router.flowControl().isCongested(service));
     BOOST_TEST(say(caller, request(7)) == nullptr);
-    BOOST_TEST(router.isStalled(service));
+    BOOST_TEST(router.flowControl().isCongested(service));
     BOOST_TEST(say(caller, request(8)) == &service);
     hearBytes(service);  // what takes everything is never slow
-    BOOST_TEST(!router.isStalled(service));
-    BOOST_TEST(router.hasRoomAgain(service));
+    BOOST_TEST(!router.flowControl().isCongested(service));
+    BOOST_TEST(router.flowControl().hasRoomAgain(service));
 }
 
 BOOST_FIXTURE_TEST_CASE(aFullAccountIsNobodyElses, TwoUsers) {
@@ -761,17 +769,18 @@ BOOST_FIXTURE_TEST_CASE(aFullAccountIsNobodyElses, TwoUsers) {
     Session& other = initiator(otherUser);
     BOOST_TEST(say(other, request(1, "p", "others")) == nullptr);
     BOOST_TEST(say(other, request(2, "p", "others")) == nullptr);
-    BOOST_TEST(!router.isStalled(others));
+    BOOST_TEST(!router.flowControl().isCongested(others));
 }
 
 BOOST_FIXTURE_TEST_CASE(atTheAccountsLimitWhoHasSomethingWaitingIsClosed, TwoUsers) {
     const auto first = ask(7);
     const auto second = ask(8);
-    fill(initiator(), queueLimit / 2);
-    BOOST_REQUIRE(userBytes(someUser) == queueLimit * 2);
+    Session& hoarder = initiator();
+    fill(hoarder, queueLimit * 2 - userBytes(someUser));
     BOOST_TEST(say(service, response(first)) == nullptr);
     BOOST_TEST(closing(caller) == "");  // it had nothing waiting before
-    caller.patienceOver = true;
+    giveUpOn(caller);
+    fill(hoarder, hoarder.sendQueue.bytes() + 200);
     BOOST_TEST(say(service, response(second)) == nullptr);
     BOOST_TEST(closing(caller) != "");
 }
@@ -849,7 +858,7 @@ BOOST_FIXTURE_TEST_CASE(itsEventWaitsForASlowSubscriber, Embedded) {
     BOOST_TEST(command(caller, 7, "event", "news") == &slow);
     BOOST_TEST(hear(caller) == "");
     slow.sendQueue.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(hear(caller) == "completion 7");
     BOOST_TEST(hear(slow) == "event 0 category=test identifier=event payload=news");
 }

@@ -9,6 +9,7 @@
 
 #include "support/frames.h"
 
+using kavri::broker::Account;
 using kavri::broker::BlockRef;
 using kavri::broker::BufferPool;
 using kavri::broker::SendQueue;
@@ -20,8 +21,8 @@ constexpr std::size_t standard = BufferPool::standardBytes;
 
 struct Peer {
     BufferPool pool;
-    std::size_t userBytes = 0;
-    SendQueue sendQueue{pool, userBytes};
+    Account account;
+    SendQueue sendQueue{pool, account};
 };
 
 std::vector<iovec> pieces(const SendQueue& sendQueue, std::size_t most = 1000) {
@@ -112,8 +113,8 @@ BOOST_FIXTURE_TEST_CASE(aSharedBlockIsNotCopied, Peer) {
 
 BOOST_FIXTURE_TEST_CASE(oneBlockGoesToManyPeersAndEachTakesItAtItsOwnPace, Peer) {
     const std::string bytes = distinctBytes(50'000);
-    std::size_t otherUserBytes = 0;
-    SendQueue other(pool, otherUserBytes);
+    Account otherAccount;
+    SendQueue other(pool, otherAccount);
     {
         const BlockRef block = blockOf(pool, bytes);
         sendQueue.appendShared(block, bytes.size());
@@ -130,8 +131,8 @@ BOOST_FIXTURE_TEST_CASE(oneBlockGoesToManyPeersAndEachTakesItAtItsOwnPace, Peer)
 // What is appended behind a shared block must not be written into it: others
 // would see it.
 BOOST_FIXTURE_TEST_CASE(nothingIsWrittenIntoABlockThatOthersHaveToo, Peer) {
-    std::size_t otherUserBytes = 0;
-    SendQueue other(pool, otherUserBytes);
+    Account otherAccount;
+    SendQueue other(pool, otherAccount);
     const BlockRef block = blockOf(pool, "shared");  // with room behind
     sendQueue.appendShared(block, 6);
     other.appendShared(block, 6);
@@ -191,20 +192,20 @@ BOOST_FIXTURE_TEST_CASE(noMoreIsGatheredThanIsAskedFor, Peer) {
 
 BOOST_FIXTURE_TEST_CASE(theUsersAccountIsTheSumOfHisSendQueues, Peer) {
     {
-        SendQueue another(pool, userBytes);
+        SendQueue another(pool, account);
         sendQueue.appendCopy("12345");
         another.appendShared(blockOf(pool, "1234567"), 7);
-        BOOST_TEST(userBytes == 12U);
+        BOOST_TEST(account.bytes() == 12U);
         sendQueue.consume(2);
-        BOOST_TEST(userBytes == 10U);
+        BOOST_TEST(account.bytes() == 10U);
         another.append(makeFrame(FrameType::ping, 1));
-        BOOST_TEST(userBytes == 42U);
+        BOOST_TEST(account.bytes() == 42U);
         another.consume(8);
-        BOOST_TEST(userBytes == 34U);
+        BOOST_TEST(account.bytes() == 34U);
     }
-    BOOST_TEST(userBytes == 3U);  // the other is gone, with what was left in it
+    BOOST_TEST(account.bytes() == 3U);  // the other is gone, with what was left in it
     sendQueue.clear();
-    BOOST_TEST(userBytes == 0U);
+    BOOST_TEST(account.bytes() == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aClearedSendQueueIsAsGoodAsNew, Peer) {
@@ -215,7 +216,7 @@ BOOST_FIXTURE_TEST_CASE(aClearedSendQueueIsAsGoodAsNew, Peer) {
     BOOST_TEST(pieces(sendQueue).empty());
     sendQueue.appendCopy("new");
     BOOST_TEST(content(sendQueue) == "new");
-    BOOST_TEST(userBytes == 3U);
+    BOOST_TEST(account.bytes() == 3U);
 }
 
 // A chain of pieces that freed itself by recursion would end the program here.
@@ -224,9 +225,9 @@ BOOST_FIXTURE_TEST_CASE(aSendQueueOfVeryManyPiecesGoesQuietly, Peer) {
     for (int i = 0; i < 300'000; ++i) {
         sendQueue.appendShared(block, 1);
     }
-    BOOST_TEST(userBytes == 300'000U);
+    BOOST_TEST(account.bytes() == 300'000U);
     sendQueue.clear();
-    BOOST_TEST(userBytes == 0U);
+    BOOST_TEST(account.bytes() == 0U);
     BOOST_TEST(!block.isShared());
 }
 
@@ -300,8 +301,8 @@ BOOST_AUTO_TEST_CASE(aBlockLivesAsLongAsAnyReferenceToIt) {
 BOOST_AUTO_TEST_CASE(whatASendQueueLetsGoIsKeptUntilThePoolIsTrimmed) {
     BufferPool pool;
     BOOST_TEST(pool.isEmpty());
-    std::size_t userBytes = 0;
-    SendQueue sendQueue(pool, userBytes);
+    Account account;
+    SendQueue sendQueue(pool, account);
     sendQueue.appendCopy("x");
     BOOST_TEST(pool.isEmpty());
     sendQueue.consume(1);
