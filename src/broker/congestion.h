@@ -19,6 +19,7 @@ class WaitingLine {
     bool empty() const { return first_ == nullptr; }
     Session* first() const { return first_; }
     void append(Session& sender);
+    void prepend(Session& sender);
     void remove(Session& sender);
 
   private:

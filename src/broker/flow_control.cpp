@@ -49,7 +49,7 @@ FlowControl::Verdict FlowControl::request(const Session& from, Session& responde
     return Verdict::deliver;
 }
 
-bool FlowControl::mustWaitToBegin(const Session& from, const Session& responder,
+bool FlowControl::mustWaitToBegin(Session& from, const Session& responder,
                                   std::size_t frameBytes) const {
     if (responder.congestion == nullptr || !isSteady(responder) || !isShort(from, frameBytes)) {
         return false;
@@ -59,8 +59,9 @@ bool FlowControl::mustWaitToBegin(const Session& from, const Session& responder,
     }
     // In its turn it is let in, up to three quarters of the share; and in any case
     // when there is nothing left of the responder's to wait for.
-    return !responder.sendQueue.empty() &&
-           from.account.memory.bytes() + frameBytes > limits_.bytesPerUser / 4 * 3;
+    from.isLetIn = responder.sendQueue.empty() ||
+                   from.account.memory.bytes() + frameBytes <= limits_.bytesPerUser / 4 * 3;
+    return !from.isLetIn;
 }
 
 bool FlowControl::mustWait(const Session& from, const Session& receiver) const {
@@ -78,7 +79,8 @@ void FlowControl::block(Session& sender, Session& on, Clock::time_point now) {
     if (&sender == &on) {
         congestion.waitsForItself = true;
     } else {
-        lineFor(sender, on, congestion).append(sender);
+        WaitingLine& line = lineFor(sender, on, congestion);
+        sender.isLetIn ? line.prepend(sender) : line.append(sender);
     }
 }
 
@@ -149,6 +151,14 @@ void WaitingLine::append(Session& sender) {
     sender.nextWaiting = nullptr;
     (last_ == nullptr ? first_ : last_->nextWaiting) = &sender;
     last_ = &sender;
+}
+
+void WaitingLine::prepend(Session& sender) {
+    sender.line = this;
+    sender.previousWaiting = nullptr;
+    sender.nextWaiting = first_;
+    (first_ == nullptr ? last_ : first_->previousWaiting) = &sender;
+    first_ = &sender;
 }
 
 void WaitingLine::remove(Session& sender) {

@@ -52,8 +52,7 @@ class FlowControl {
     // Whether a large request is left in its sender's socket until it is its turn:
     // where many wait for a responder, no more than a quarter of the share is held
     // for them.
-    bool mustWaitToBegin(const Session& from, const Session& responder,
-                         std::size_t frameBytes) const;
+    bool mustWaitToBegin(Session& from, const Session& responder, std::size_t frameBytes) const;
     bool isShort(const Session& session, std::size_t bytes) const {
         return session.account.memory.bytes() + bytes > limits_.bytesPerUser / 4;
     }
@@ -63,11 +62,22 @@ class FlowControl {
     // It no longer waits.
     static void unblock(Session& sender);
 
-    // The next sender to resume at this session, which is then no longer blocked
-    // and has its turn until the next call; null where nobody waits or there is no
-    // room. A turn lasts for what was read from the sender before it had to wait.
-    Session* resumeNext(Session& at);
-    void endTurn() { turn_ = {}; }
+    // Resumes those that wait for the session, one after the other, as far as there
+    // is room: each is unblocked and has its turn while `resume` handles what was
+    // read from it before it had to wait. One that sends nothing and is not done
+    // either ends the turns, until something else happens.
+    template <typename Resume>
+    void resumeWaiting(Session& at, const Resume& resume) {
+        while (Session* const sender = resumeNext(at)) {
+            const std::size_t before = at.sendQueue.bytes();
+            resume(*sender);
+            const bool isNotDone = sender->blockedOn == &at || sender->isLetIn;
+            if (isNotDone && at.sendQueue.bytes() == before) {
+                break;
+            }
+        }
+        turn_ = {};
+    }
 
     // The session's congestion, which is made where there is none.
     Congestion& congestionOf(Session& session, Clock::time_point now) const;
@@ -80,8 +90,9 @@ class FlowControl {
 
     bool isFilledTo(const Session& session, std::size_t quarters) const;
     bool hasTurn(const Session& from, const Session& at) const {
-        return turn_.sender == &from && turn_.at == &at;
+        return from.isLetIn || (turn_.sender == &from && turn_.at == &at);
     }
+    Session* resumeNext(Session& at);
     Session* nextAt(Session& at) const;
 
     const interfaces::Limits& limits_;

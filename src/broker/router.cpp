@@ -98,7 +98,7 @@ Session* Router::request(Session& from, InputFrame& frame) {
     return nullptr;
 }
 
-Session* Router::mustWaitToBegin(const Session& from, const char* bytes, std::size_t count,
+Session* Router::mustWaitToBegin(Session& from, const char* bytes, std::size_t count,
                                  std::size_t frameBytes) {
     if (from.role != Role::initiator || !flow_.isShort(from, frameBytes)) {
         return nullptr;

@@ -63,7 +63,7 @@ class Router {
 
     // The session that a frame of this size has to wait for before the rest of it
     // is read, or null; the first `count` bytes are there.
-    Session* mustWaitToBegin(const Session& from, const char* bytes, std::size_t count,
+    Session* mustWaitToBegin(Session& from, const char* bytes, std::size_t count,
                              std::size_t frameBytes);
 
     // Each returns the session that the frame must wait for, or null when it

@@ -362,21 +362,12 @@ void Server::waitOrGoOn(Session& session, Session* waitFor) {
     poll(session);
 }
 
-// Resumes those that wait for the session, as far as there is room. One that
-// comes to wait again without having sent anything ends the turns.
 void Server::release(Session& drained) {
-    FlowControl& flow = router_.flowControl();
-    while (Session* const sender = flow.resumeNext(drained)) {
-        if (sender->isClosing) {
-            continue;
+    router_.flowControl().resumeWaiting(drained, [this](Session& sender) {
+        if (!sender.isClosing) {
+            takeInput(sender, [&] { return protocol_.resume(sender); });
         }
-        const std::size_t before = drained.sendQueue.bytes();
-        takeInput(*sender, [&] { return protocol_.resume(*sender); });
-        if (sender->blockedOn == &drained && drained.sendQueue.bytes() == before) {
-            break;
-        }
-    }
-    flow.endTurn();
+    });
 }
 
 // An incomplete frame has until progressTime after the time that its bytes so far

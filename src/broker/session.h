@@ -68,6 +68,7 @@ struct Session {
     bool isClosing = false;
     bool listedForWriting = false;  // the router put something into the send queue
     bool frameDeadlineIsSet = false;
+    bool isLetIn = false;  // it is this one's turn as soon as its large request is complete
     SendQueue sendQueue;
     std::unique_ptr<Congestion> congestion;  // of the send queue
 
@@ -97,6 +98,7 @@ struct Session {
     void dropLarge() {
         inputCharge.shrink(large->capacity());
         large = {};
+        isLetIn = false;
     }
     BlockRef takeBacklog() {
         inputCharge.shrink(backlog->capacity());

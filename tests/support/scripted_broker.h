@@ -87,15 +87,10 @@ class ScriptedBroker {
     }
     // Those that wait for the session, as the loop does after each write to it.
     void resumeAllAt(Session& drained) {
-        while (Session* sender = router.flowControl().resumeNext(drained)) {
-            const std::size_t before = drained.sendQueue.bytes();
-            resumed.push_back(sender);
-            blockOn(*sender, protocol.resume(*sender));
-            if (sender->blockedOn == &drained && drained.sendQueue.bytes() == before) {
-                break;
-            }
-        }
-        router.flowControl().endTurn();
+        router.flowControl().resumeWaiting(drained, [this](Session& sender) {
+            resumed.push_back(&sender);
+            blockOn(sender, protocol.resume(sender));
+        });
     }
     std::vector<Session*> resumed;
 
