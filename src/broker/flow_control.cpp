@@ -135,16 +135,6 @@ Congestion& FlowControl::congestionOf(Session& session, Clock::time_point now) c
     return *session.congestion;
 }
 
-// A user's limit counts against those of his sessions that have something
-// queued: a session that takes everything is never slow.
-bool FlowControl::isFilledTo(const Session& session, std::size_t quarters) const {
-    if (session.sendQueue.empty()) {
-        return false;
-    }
-    return session.sendQueue.bytes() >= limits_.sendQueueBytes / 4 * quarters ||
-           session.account.memory.bytes() >= limits_.bytesPerUser / 4 * quarters;
-}
-
 void WaitingLine::append(Session& sender) {
     sender.line = this;
     sender.previousWaiting = last_;

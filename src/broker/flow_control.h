@@ -41,9 +41,17 @@ class FlowControl {
     bool mustWait(const Session& from, const Session& receiver) const;
 
     // At the high-water mark, the low-water mark, or the limit.
-    bool isCongested(const Session& session) const { return isFilledTo(session, 3); }
-    bool hasRoomAgain(const Session& session) const { return !isFilledTo(session, 2); }
-    bool isFull(const Session& session) const { return isFilledTo(session, 4); }
+    // A user's share counts against those of his sessions that have something
+    // queued: a session that takes everything is never slow.
+    bool isCongested(const Session& session) const {
+        return !session.sendQueue.empty() && isFilledTo(session, 3);
+    }
+    bool hasRoomAgain(const Session& session) const {
+        return session.sendQueue.empty() || !isFilledTo(session, 2);
+    }
+    bool isFull(const Session& session) const {
+        return !session.sendQueue.empty() && isFilledTo(session, 4);
+    }
 
     // Whether the user may be charged for this much more.
     bool hasShareLeft(const Session& session, std::size_t bytes) const {
@@ -88,7 +96,10 @@ class FlowControl {
         const Session* at = nullptr;
     };
 
-    bool isFilledTo(const Session& session, std::size_t quarters) const;
+    bool isFilledTo(const Session& session, std::size_t quarters) const {
+        return session.sendQueue.bytes() >= limits_.sendQueueBytes / 4 * quarters ||
+               session.account.memory.bytes() >= limits_.bytesPerUser / 4 * quarters;
+    }
     bool hasTurn(const Session& from, const Session& at) const {
         return from.isLetIn || (turn_.sender == &from && turn_.at == &at);
     }

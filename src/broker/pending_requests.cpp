@@ -9,7 +9,7 @@ std::uint64_t PendingRequests::open(Session& responder, Session& initiator,
     Slot& opened = slot(index);
     opened.request = {&initiator, initiatorToken};
     opened.responder = &responder;
-    opened.charge = Charge(initiator.account.memory, bytesEach);
+    initiator.charge.grow(bytesEach);
     opened.generation = ++lastGeneration_;
     opened.inFlight = {noRequest, responder.firstRequest};
     if (responder.firstRequest != noRequest) {
@@ -72,7 +72,7 @@ void PendingRequests::close(std::uint64_t token) {
     }
     --initiator.pendingRequests;
     closed.responder = nullptr;
-    closed.charge = {};
+    initiator.charge.shrink(bytesEach);
     freeSlot(index);
 }
 

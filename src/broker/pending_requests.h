@@ -31,7 +31,6 @@ class PendingRequests {
     struct Slot {
         PendingRequest request;
         Session* responder = nullptr;  // null where the slot is free
-        Charge charge;
         std::uint32_t generation = 0;
         Links inFlight;  // in the responder's list; among the free slots, next alone
         Links sent;      // in the initiator's

@@ -153,7 +153,7 @@ bool Protocol::chargeInput(Session& session, std::size_t bytes) {
                "its user has used up bytes_per_user: there is no room for what it sends");
         return false;
     }
-    session.inputCharge.grow(bytes);
+    session.charge.grow(bytes);
     return true;
 }
 

@@ -55,7 +55,7 @@ struct Session {
           user(itsUser),
           account(itsAccount),
           sendQueue(pool, itsAccount.memory),
-          inputCharge(itsAccount.memory, fixedBytes) {}
+          charge(itsAccount.memory, fixedBytes) {}
 
     const SessionId id;
     const uid_t user;
@@ -87,7 +87,8 @@ struct Session {
     std::uint32_t largeFilled = 0;
     std::uint32_t backlogOffset = 0;
     std::uint32_t backlogBytes = 0;
-    Charge inputCharge;  // for the session itself and for both blocks
+    // For the session itself, its input and its pending requests.
+    Charge charge;  // for the session itself, its input and its pending requests
     // When the frame began that is still incomplete; zero when that is not known yet.
     Clock::time_point frameBegan;
 
@@ -96,12 +97,12 @@ struct Session {
     char* backlogBegin() const { return backlog->bytes() + backlogOffset; }
     // Both end the charge; what is in the backlog is the caller's from then on.
     void dropLarge() {
-        inputCharge.shrink(large->capacity());
+        charge.shrink(large->capacity());
         large = {};
         isLetIn = false;
     }
     BlockRef takeBacklog() {
-        inputCharge.shrink(backlog->capacity());
+        charge.shrink(backlog->capacity());
         return std::move(backlog);
     }
 

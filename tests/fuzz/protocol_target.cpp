@@ -183,8 +183,7 @@ class Stage {
     }
 
     static std::size_t chargedFor(const Session& session) {
-        std::size_t bytes = session.sendQueue.bytes() + session.inputCharge.bytes() +
-                            session.pendingRequests * broker::PendingRequests::bytesEach;
+        std::size_t bytes = session.sendQueue.bytes() + session.charge.bytes();
         for (const broker::Subscription& subscription : session.subscriptions) {
             bytes += subscription.charge.bytes();
         }
