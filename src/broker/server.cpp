@@ -458,6 +458,7 @@ void Server::checkDrain(Session& session) {
         return;
     }
     release(session);
+    endIfDrained(session);
     if (session.congestion != nullptr) {
         setDrainDeadline(session);
     }
