@@ -1,7 +1,10 @@
 // Blocks of bytes and their pool; see buffer.h.
 #include "broker/buffer.h"
 
+#include <malloc.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <new>
 
 namespace kavri::broker {
@@ -12,8 +15,14 @@ void BlockRef::release() {
     }
 }
 
+// With room for all that is kept, so that giving a block back never allocates.
+BufferPool::BufferPool() {
+    free_.reserve(keptBlocks);
+    freeLarge_.reserve(keptLargeBytes / standardBytes);
+}
+
 BufferPool::~BufferPool() {
-    trim();
+    freeAll();
 }
 
 BlockRef BufferPool::take(std::size_t bytes) {
@@ -26,7 +35,27 @@ BlockRef BufferPool::take(std::size_t bytes) {
         return BlockRef(block);
     }
     const std::size_t capacity = std::max(bytes, standardBytes);
-    return BlockRef(new (::operator new(sizeof(Block) + capacity)) Block(*this, capacity));
+    void* memory = std::malloc(sizeof(Block) + capacity);
+    if (memory == nullptr) {
+        memory = takeLastMemory(sizeof(Block) + capacity);
+    }
+    return BlockRef(new (memory) Block(*this, capacity));
+}
+
+// What is kept for later is needed now. The reserve is only for small blocks, in
+// which peers are told why they are closed.
+void* BufferPool::takeLastMemory(std::size_t bytes) {
+    freeAll();
+    void* memory = std::malloc(bytes);
+    while (memory == nullptr) {
+        const std::new_handler giveUpReserve = std::get_new_handler();
+        if (giveUpReserve == nullptr || bytes > sizeof(Block) + standardBytes) {
+            throw std::bad_alloc();
+        }
+        giveUpReserve();
+        memory = std::malloc(bytes);
+    }
+    return memory;
 }
 
 // One that is not much too large; null where there is none.
@@ -58,9 +87,16 @@ void BufferPool::popFront(std::list<Slice>& slices) {
 }
 
 void BufferPool::trim() {
+    if (!isEmpty()) {
+        freeAll();
+        ::malloc_trim(0);
+    }
+}
+
+void BufferPool::freeAll() {
     for (std::vector<Block*>* blocks : {&free_, &freeLarge_}) {
         for (Block* block : *blocks) {
-            ::operator delete(block);
+            std::free(block);
         }
         blocks->clear();
     }
@@ -76,7 +112,7 @@ void BufferPool::giveBack(Block* block) {
         freeLarge_.push_back(block);
         freeLargeBytes_ += block->capacity();
     } else {
-        ::operator delete(block);
+        std::free(block);
     }
 }
 

@@ -2,7 +2,7 @@
 //
 // Small frames are copied into blocks of standard size, which come from and go
 // back to a pool; a large frame is read into a block of its own and then shared
-// by the outboxes that it goes to, and so are many small events of one read.
+// by the send queues that it goes to, and so are many small events of one read.
 // Single-threaded, so the counts are plain.
 #ifndef KAVRI_BROKER_BUFFER_H
 #define KAVRI_BROKER_BUFFER_H
@@ -73,12 +73,12 @@ class BufferPool {
   public:
     static constexpr std::size_t standardBytes = interfaces::largeFrameBytes;
 
-    BufferPool() = default;
+    BufferPool();
     BufferPool(const BufferPool&) = delete;
     BufferPool& operator=(const BufferPool&) = delete;
     ~BufferPool();
 
-    // A block with room for at least `bytes`. Ends the program when memory is out.
+    // A block with room for at least `bytes`. Throws std::bad_alloc.
     BlockRef take(std::size_t bytes);
 
     // Puts a slice at the end of a list, and takes the first one off.
@@ -87,7 +87,7 @@ class BufferPool {
 
     // Whether nothing waits to be used again.
     bool isEmpty() const { return free_.empty() && freeLarge_.empty() && freeSlices_.empty(); }
-    // Gives the memory of what does back to the system.
+    // Gives the memory of what does, and all other free memory, back to the system.
     void trim();
 
   private:
@@ -98,6 +98,8 @@ class BufferPool {
     static constexpr std::size_t keptLargeBytes = keptBlocks * standardBytes;
 
     Block* takeLarge(std::size_t bytes);
+    void* takeLastMemory(std::size_t bytes);
+    void freeAll();
     void giveBack(Block* block);
 
     std::vector<Block*> free_;

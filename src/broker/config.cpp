@@ -40,9 +40,10 @@ constexpr std::array settings = {
                   setNumber<&Limits::payloadBytes>},
     NumberSetting{"connections", 1, manyThings, setNumber<&Limits::connections>},
     NumberSetting{"connections_per_user", 1, manyThings, setNumber<&Limits::connectionsPerUser>},
-    NumberSetting{"outbox_bytes", 65536, manyBytes, setNumber<&Limits::outboxBytes>},
-    NumberSetting{"outbox_bytes_per_user", 65536, manyBytes,
-                  setNumber<&Limits::outboxBytesPerUser>},
+    NumberSetting{"send_queue_bytes", 65536, manyBytes, setNumber<&Limits::sendQueueBytes>},
+    NumberSetting{"bytes_per_user", 65536, manyBytes, setNumber<&Limits::bytesPerUser>},
+    NumberSetting{"drain_bytes_per_second", 1, manyBytes, setNumber<&Limits::drainBytesPerSecond>},
+    NumberSetting{"stall_ms", 0, anHourMs, setNumber<&Limits::stallTime>},
     NumberSetting{"open_requests_per_initiator", 1, manyThings,
                   setNumber<&Limits::openRequestsPerInitiator>},
     NumberSetting{"open_requests_per_responder", 1, manyThings,
@@ -51,7 +52,6 @@ constexpr std::array settings = {
                   setNumber<&Limits::subscriptionsPerInitiator>},
     NumberSetting{"handshake_ms", 1, anHourMs, setNumber<&Limits::handshakeTime>},
     NumberSetting{"progress_ms", 1, anHourMs, setNumber<&Limits::progressTime>},
-    NumberSetting{"hold_back_ms", 0, anHourMs, setNumber<&Limits::holdBackTime>},
 };
 
 class Reader {

@@ -14,7 +14,7 @@
 
 namespace kavri::broker {
 
-enum class DeadlineKind : std::uint8_t { handshake, progress, patience, listen };
+enum class DeadlineKind : std::uint8_t { handshake, drain, frame, listen };
 
 struct Deadline {
     Clock::time_point due;

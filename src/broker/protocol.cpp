@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace kavri::broker {
 
@@ -28,23 +29,42 @@ Protocol::Protocol(const interfaces::Limits& limits, Router& router, BufferPool&
       identity_(std::move(identity)),
       close_(std::move(close)) {}
 
-Session* Protocol::take(Session& session, char* bytes, std::size_t count) {
-    Session* const waitFor = takeFrames(session, bytes, count);
-    router_.endPublishing();
-    return waitFor;
+Session* Protocol::take(Session& session, char* bytes, std::size_t count, const BlockRef& block) {
+    try {
+        Session* const waitFor = takeFrames(session, bytes, count, block);
+        router_.endPublishing();
+        return waitFor;
+    } catch (const std::bad_alloc&) {
+        router_.cancelPublishing();
+        throw;
+    }
 }
 
-Session* Protocol::takeFrames(Session& session, char* bytes, std::size_t count) {
+Session* Protocol::takeFrames(Session& session, char* bytes, std::size_t count,
+                              const BlockRef& block) {
     while (count >= interfaces::headerBytes && !session.isClosing) {
         const interfaces::Measured measured = interfaces::measure(bytes, limits_.payloadBytes);
         if (measured.error) {
             closeMalformed(session, interfaces::errorText(*measured.error));
             return nullptr;
         }
+        if (session.role == Role::unknown && measured.frameBytes >= interfaces::helloFrameBytes) {
+            closeMalformed(session, "its first frame is no hello");
+            return nullptr;
+        }
         const std::size_t part = std::min(count, measured.frameBytes);
         Session* waitFor = nullptr;
         if (measured.frameBytes >= interfaces::largeFrameBytes) {
-            beginLarge(session, bytes, part, measured.frameBytes);
+            waitFor = part < measured.frameBytes
+                          ? router_.mustWaitToBegin(session, bytes, part, measured.frameBytes)
+                          : nullptr;
+            if (waitFor != nullptr) {
+                keepIn(block, session, bytes, count);
+                return waitFor;
+            }
+            if (!beginLarge(session, bytes, part, measured.frameBytes)) {
+                return nullptr;
+            }
             waitFor = takeLarge(session);
         } else if (part < measured.frameBytes) {
             break;
@@ -52,14 +72,15 @@ Session* Protocol::takeFrames(Session& session, char* bytes, std::size_t count) 
             InputFrame frame{{}, bytes, measured.frameBytes, {}};
             waitFor = handle(session, frame);
             if (waitFor != nullptr) {
-                keep(session, bytes, count);
+                keepIn(block, session, bytes, count);
                 return waitFor;
             }
+            session.frameBegan = {};
         }
         bytes += part;
         count -= part;
         if (waitFor != nullptr) {
-            keep(session, bytes, count);
+            keepIn(block, session, bytes, count);
             return waitFor;
         }
     }
@@ -67,12 +88,17 @@ Session* Protocol::takeFrames(Session& session, char* bytes, std::size_t count) 
     return nullptr;
 }
 
-void Protocol::beginLarge(Session& session, const char* bytes, std::size_t count,
+bool Protocol::beginLarge(Session& session, const char* bytes, std::size_t count,
                           std::size_t frameBytes) {
-    session.large = pool_.take(frameBytes);
-    session.largeBytes = frameBytes;
-    session.largeFilled = count;
+    BlockRef block = pool_.take(frameBytes);
+    if (!chargeInput(session, block->capacity())) {
+        return false;
+    }
+    session.large = std::move(block);
+    session.largeBytes = static_cast<std::uint32_t>(frameBytes);
+    session.largeFilled = static_cast<std::uint32_t>(count);
     std::memcpy(session.large->bytes(), bytes, count);
+    return true;
 }
 
 Session* Protocol::takeLarge(Session& session) {
@@ -82,7 +108,8 @@ Session* Protocol::takeLarge(Session& session) {
     InputFrame frame{{}, session.large->bytes(), session.largeBytes, session.large};
     Session* waitFor = handle(session, frame);
     if (waitFor == nullptr) {
-        session.large = {};
+        session.dropLarge();
+        session.frameBegan = {};
     }
     return waitFor;
 }
@@ -96,17 +123,37 @@ Session* Protocol::resume(Session& session) {
     if (!session.backlog) {
         return nullptr;
     }
-    const BlockRef kept = std::move(session.backlog);
-    return take(session, kept->bytes(), std::exchange(session.backlogBytes, 0));
+    char* const begin = session.backlogBegin();
+    const BlockRef kept = session.takeBacklog();
+    return take(session, begin, std::exchange(session.backlogBytes, 0), kept);
 }
 
-void Protocol::keep(Session& session, const char* bytes, std::size_t count) {
-    if (count == 0) {
+void Protocol::keepIn(const BlockRef& block, Session& session, const char* bytes,
+                      std::size_t count) {
+    if (count == 0 || session.isClosing) {
         return;
     }
-    session.backlog = pool_.take(count);
-    session.backlogBytes = count;
-    std::memcpy(session.backlog->bytes(), bytes, count);
+    BlockRef kept = block ? block : pool_.take(count);
+    if (!chargeInput(session, kept->capacity())) {
+        return;
+    }
+    session.backlog = std::move(kept);
+    session.backlogOffset =
+        block ? static_cast<std::uint32_t>(bytes - session.backlog->bytes()) : 0;
+    session.backlogBytes = static_cast<std::uint32_t>(count);
+    if (!block) {
+        std::memcpy(session.backlog->bytes(), bytes, count);
+    }
+}
+
+bool Protocol::chargeInput(Session& session, std::size_t bytes) {
+    if (!router_.flowControl().hasShareLeft(session, bytes)) {
+        close_(session, KAVRI_CORE_STATUS_IPC_OVERLOADED,
+               "its user has used up bytes_per_user: there is no room for what it sends");
+        return false;
+    }
+    session.charge.grow(bytes);
+    return true;
 }
 
 Session* Protocol::handle(Session& session, InputFrame& frame) {
@@ -162,7 +209,7 @@ void Protocol::handleHello(Session& session, const Frame& frame) {
 }
 
 Session* Protocol::handleInitiator(Session& session, InputFrame& frame) {
-    if (router_.isStalled(session)) {
+    if (router_.flowControl().isCongested(session)) {
         return &session;
     }
     switch (frame.values.type) {
@@ -205,7 +252,7 @@ Session* Protocol::handleResponder(Session& session, InputFrame& frame) {
             closeMalformed(session, "a responder does not send this type");
             return nullptr;
     }
-    if (router_.isStalled(session)) {
+    if (router_.flowControl().isCongested(session)) {
         return &session;
     }
     if (frame.values.type == FrameType::registration) {

@@ -26,24 +26,30 @@ class Protocol {
 
     // Handles the frames in `bytes`, and keeps with the session what cannot be
     // handled yet. Returns the session that this one must wait for, or null.
-    Session* take(Session& session, char* bytes, std::size_t count);
+    // Bytes that are in a block already are not copied to be kept.
+    Session* take(Session& session, char* bytes, std::size_t count, const BlockRef& block = {});
 
     // The session's large frame has got all its bytes. Returns as take does.
     Session* takeLarge(Session& session);
 
     // Keeps bytes with the session until they can be handled.
-    void keep(Session& session, const char* bytes, std::size_t count);
+    void keep(Session& session, const char* bytes, std::size_t count) {
+        keepIn({}, session, bytes, count);
+    }
 
-    // Goes on with what was kept while the session was held back.
+    // Goes on with what was kept while the session was blocked.
     Session* resume(Session& session);
 
   private:
-    Session* takeFrames(Session& session, char* bytes, std::size_t count);
+    Session* takeFrames(Session& session, char* bytes, std::size_t count, const BlockRef& block);
     Session* handle(Session& session, InputFrame& frame);
     Session* handleInitiator(Session& session, InputFrame& frame);
     Session* handleResponder(Session& session, InputFrame& frame);
     void handleHello(Session& session, const interfaces::Frame& frame);
-    void beginLarge(Session& session, const char* bytes, std::size_t count, std::size_t frameBytes);
+    // False where the frame cannot be taken in now.
+    bool beginLarge(Session& session, const char* bytes, std::size_t count, std::size_t frameBytes);
+    void keepIn(const BlockRef& block, Session& session, const char* bytes, std::size_t count);
+    bool chargeInput(Session& session, std::size_t bytes);
 
     void closeMalformed(Session& session, std::string_view what);
 

@@ -19,9 +19,10 @@ inline std::string_view lostRight(const Session& session, const Policy& policy) 
     if (session.served != nullptr && !session.served->policy->serve.contains(session.user)) {
         return "this user may no longer serve its category";
     }
-    const bool maySubscribe = std::ranges::all_of(session.subscriptions, [&](const Category* to) {
-        return to->policy->subscribe.contains(session.user);
-    });
+    const bool maySubscribe =
+        std::ranges::all_of(session.subscriptions, [&](const Subscription& to) {
+            return to.category->policy->subscribe.contains(session.user);
+        });
     return maySubscribe ? "" : "this user may no longer subscribe to one of its categories";
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 namespace kavri::broker {
 
@@ -12,13 +13,15 @@ using interfaces::FrameType;
 
 namespace {
 
-// A large request waits with its sender rather than with the responder, until
-// what is ahead of it there is no more than this: so another sender's small
-// request never has more than one large one before it.
-constexpr std::size_t queuedAheadBytes = 64 * interfaces::kibibyte;
-
 bool isLarge(const InputFrame& frame) {
     return frame.length >= interfaces::largeFrameBytes;
+}
+
+// What a subscription or a registration is charged: the name, and what goes with
+// it in the tables.
+constexpr std::size_t categoryBytes = 256;
+std::size_t chargedFor(std::string_view name) {
+    return categoryBytes + name.size();
 }
 
 Frame outcomeFrame(FrameType type, std::uint64_t token, kavri_core_status status) {
@@ -27,6 +30,10 @@ Frame outcomeFrame(FrameType type, std::uint64_t token, kavri_core_status status
     frame.token = token;
     frame.status = static_cast<std::uint16_t>(status);
     return frame;
+}
+
+bool isSubscribed(const Session& session, const Category& category) {
+    return std::ranges::count(session.subscriptions, &category, &Subscription::category) > 0;
 }
 
 // A frame of the broker's own making in the form of one that came in.
@@ -48,7 +55,11 @@ InputFrame asInput(const Frame& frame, BufferPool& pool) {
 
 Router::Router(const interfaces::Limits& limits, const Policy& policy, BufferPool& pool,
                Surroundings surroundings)
-    : limits_(limits), policy_(policy), pool_(pool), surroundings_(std::move(surroundings)) {}
+    : limits_(limits),
+      policy_(policy),
+      pool_(pool),
+      surroundings_(std::move(surroundings)),
+      flow_(limits) {}
 
 Session* Router::request(Session& from, InputFrame& frame) {
     const std::string_view name = frame.values[Field::category];
@@ -66,49 +77,79 @@ Session* Router::request(Session& from, InputFrame& frame) {
         return answerEmbedded(from, *category, frame.values);
     }
     Session& responder = *category->responder;
-    if (from.openRequests >= limits_.openRequestsPerInitiator ||
-        responder.requestsInHand >= limits_.openRequestsPerResponder) {
+    if (from.pendingRequests >= limits_.openRequestsPerInitiator ||
+        responder.requestsInFlight >= limits_.openRequestsPerResponder ||
+        !flow_.hasShareLeft(from, PendingRequests::bytesEach)) {
         refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
         return nullptr;
     }
-    if (isStalled(responder) || (isLarge(frame) && responder.outbox.bytes() > queuedAheadBytes)) {
-        return &responder;
+    switch (flow_.request(from, responder, frame.length)) {
+        case FlowControl::Verdict::wait:
+            return &responder;
+        case FlowControl::Verdict::refuse:
+            refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
+            return nullptr;
+        case FlowControl::Verdict::deliver:
+            break;
     }
-    ++from.openRequests;
     interfaces::replaceToken(frame.bytes,
-                             openRequests_.open(responder, {from.id, frame.values.token}));
+                             pendingRequests_.open(responder, from, frame.values.token));
     deliver(responder, frame);
     return nullptr;
 }
 
-Session* Router::response(Session& from, InputFrame& frame) {
-    const OpenRequest* known = openRequests_.find(from, frame.values.token);
-    if (known == nullptr) {
-        surroundings_.note(from, "answered a request that it does not have in hand; dropped");
+Session* Router::mustWaitToBegin(Session& from, const char* bytes, std::size_t count,
+                                 std::size_t frameBytes) {
+    if (from.role != Role::initiator || !flow_.isShort(from, frameBytes)) {
         return nullptr;
     }
-    Session* initiator = surroundings_.find(known->initiator);
-    if (initiator != nullptr) {
-        if (isWorthWaitingFor(*initiator)) {
-            return initiator;
+    const std::optional<std::string_view> name = interfaces::categoryOf(bytes, count);
+    const Category* category = name ? findCategory(*name) : nullptr;
+    Session* responder = category == nullptr ? nullptr : category->responder;
+    return responder != nullptr && flow_.mustWaitToBegin(from, *responder, frameBytes) ? responder
+                                                                                       : nullptr;
+}
+
+Session* Router::response(Session& from, InputFrame& frame) {
+    const std::uint64_t token = frame.values.token;
+    const PendingRequest* known = pendingRequests_.find(from, token);
+    if (known == nullptr) {
+        if (!dropsSilently(from)) {
+            surroundings_.note(from, "answered a request that it does not have in hand; dropped");
         }
-        --initiator->openRequests;
-        interfaces::replaceToken(frame.bytes, known->initiatorToken);
-        deliver(*initiator, frame);
+        return nullptr;
     }
-    openRequests_.close(from, frame.values.token);
+    Session& initiator = *known->initiator;
+    if (flow_.mustWait(from, initiator)) {
+        return &initiator;
+    }
+    interfaces::replaceToken(frame.bytes, known->initiatorToken);
+    pendingRequests_.close(token);
+    deliver(initiator, frame);
     return nullptr;
 }
 
 void Router::completion(Session& from, std::uint64_t token) {
-    const OpenRequest* known = openRequests_.find(from, token);
+    const PendingRequest* known = pendingRequests_.find(from, token);
     if (known == nullptr) {
-        surroundings_.note(from, "ended a request that it does not have in hand");
+        if (!dropsSilently(from)) {
+            surroundings_.note(from, "ended a request that it does not have in hand");
+        }
         return;
     }
-    tell(known->initiator,
-         outcomeFrame(FrameType::completion, known->initiatorToken, KAVRI_CORE_STATUS_NO_ERROR));
-    openRequests_.close(from, token);
+    const PendingRequest ended = *known;
+    pendingRequests_.close(token);
+    send(*ended.initiator,
+         outcomeFrame(FrameType::completion, ended.initiatorToken, KAVRI_CORE_STATUS_NO_ERROR));
+}
+
+// A responder need not know that the initiator has left meanwhile.
+bool Router::dropsSilently(Session& responder) {
+    if (responder.abandonedRequests == 0) {
+        return false;
+    }
+    --responder.abandonedRequests;
+    return true;
 }
 
 Session* Router::publish(Session& from, InputFrame& frame) {
@@ -118,7 +159,7 @@ Session* Router::publish(Session& from, InputFrame& frame) {
     }
     if (!run_.isGoneOnWith(frame)) {
         endPublishing();
-        if (Session* slow = slowSubscriber(*from.served)) {
+        if (Session* slow = slowSubscriber(from, *from.served)) {
             return slow;
         }
         run_ = {&from, frame.bytes, 0};
@@ -153,22 +194,41 @@ void Router::subscribe(Session& from, const Frame& frame) {
         return;
     }
     Category* known = findCategory(name);
-    const bool already = known != nullptr && std::ranges::count(from.subscriptions, known) > 0;
+    const bool already = known != nullptr && isSubscribed(from, *known);
     if (!already) {
-        if (from.subscriptions.size() >= limits_.subscriptionsPerInitiator) {
+        if (from.subscriptions.size() >= limits_.subscriptionsPerInitiator ||
+            !flow_.hasShareLeft(from, chargedFor(name))) {
             acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
             return;
         }
-        Category& category = categoryNamed(name);
-        category.subscribers.push_back(&from);
-        from.subscriptions.push_back(&category);
+        addSubscription(from, name);
     }
     acknowledge(from, frame.token, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
+// Whatever of this fails for lack of memory leaves nothing behind.
+void Router::addSubscription(Session& subscriber, std::string_view name) {
+    subscriber.subscriptions.push_back(
+        {nullptr, Charge(subscriber.account.memory, chargedFor(name))});
+    try {
+        Category& category = categoryNamed(name);
+        subscriber.subscriptions.back().category = &category;
+        category.subscribers.push_back(&subscriber);
+    } catch (const std::bad_alloc&) {
+        subscriber.subscriptions.pop_back();
+        if (Category* category = findCategory(name)) {
+            dropIfUnused(*category);
+        }
+        throw;
+    }
+}
+
 void Router::unsubscribe(Session& from, const Frame& frame) {
     Category* category = findCategory(frame[Field::category]);
-    if (category != nullptr && std::erase(from.subscriptions, category) > 0) {
+    const auto isOfCategory = [category](const Subscription& subscription) {
+        return subscription.category == category;
+    };
+    if (category != nullptr && std::erase_if(from.subscriptions, isOfCategory) > 0) {
         std::erase(category->subscribers, &from);
         dropIfUnused(*category);
     }
@@ -186,8 +246,13 @@ void Router::registerResponder(Session& from, const Frame& frame) {
         acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN);
         return;
     }
+    if (!flow_.hasShareLeft(from, chargedFor(name))) {
+        acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
+        return;
+    }
     from.served = &categoryNamed(name);
     from.served->responder = &from;
+    from.served->responderCharge = Charge(from.account.memory, chargedFor(name));
     acknowledge(from, frame.token, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
@@ -202,27 +267,30 @@ void Router::embed(std::string_view category, test_service::TestService& service
 }
 
 void Router::forget(Session& session) {
-    for (Category* category : std::exchange(session.subscriptions, {})) {
-        std::erase(category->subscribers, &session);
-        dropIfUnused(*category);
+    for (const Subscription& subscription : std::exchange(session.subscriptions, {})) {
+        std::erase(subscription.category->subscribers, &session);
+        dropIfUnused(*subscription.category);
     }
-    while (const auto lost = openRequests_.closeAny(session)) {
-        tell(lost->initiator, outcomeFrame(FrameType::notice, lost->initiatorToken,
-                                           KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
+    pendingRequests_.abandonAll(session);
+    while (const auto lost = pendingRequests_.closeAny(session)) {
+        send(*lost->initiator, outcomeFrame(FrameType::notice, lost->initiatorToken,
+                                            KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
     }
     if (Category* served = std::exchange(session.served, nullptr)) {
         served->responder = nullptr;
+        served->responderCharge = {};
         dropIfUnused(*served);
     }
+    FlowControl::unblock(session);
 }
 
 void Router::send(Session& to, const Frame& frame) {
-    to.outbox.append(frame);
-    markForWriting(to);
-}
-
-bool Router::hasRoomAgain(const Session& session) const {
-    return !isFilledTo(session, 2);
+    try {
+        to.sendQueue.append(frame);
+        markForWriting(to);
+    } catch (const std::bad_alloc&) {
+        closeOutOfMemory(to);
+    }
 }
 
 Category* Router::findCategory(std::string_view name) {
@@ -237,12 +305,16 @@ Category& Router::categoryNamed(std::string_view name) {
     auto category = std::make_unique<Category>();
     category->name = name;
     category->policy = &policy_.at(name);
-    return *categories_.emplace(category->name, std::move(category)).first->second;
+    const std::string_view key = category->name;
+    return *categories_.emplace(key, std::move(category)).first->second;
 }
 
 void Router::dropIfUnused(Category& category) {
     if (!category.isServed() && category.subscribers.empty()) {
         categories_.erase(categories_.find(category.name));
+        if (categories_.bucket_count() / 8 > std::max<std::size_t>(categories_.size(), 8)) {
+            categories_.rehash(0);  // its memory after many came and went
+        }
     }
 }
 
@@ -252,7 +324,7 @@ Session* Router::answerEmbedded(Session& from, Category& category, const Frame& 
     const test_service::TestService::Reaction reaction =
         category.embedded->handle(request[Field::identifier], request[Field::payload]);
     if (reaction.publishes) {
-        if (Session* slow = slowSubscriber(category)) {
+        if (Session* slow = slowSubscriber(from, category)) {
             return slow;
         }
         Frame event;
@@ -273,10 +345,10 @@ Session* Router::answerEmbedded(Session& from, Category& category, const Frame& 
     return nullptr;
 }
 
-Session* Router::slowSubscriber(const Category& category) const {
-    const auto slow = std::ranges::find_if(category.subscribers, [this](const Session* subscriber) {
-        return isWorthWaitingFor(*subscriber);
-    });
+Session* Router::slowSubscriber(const Session& from, const Category& category) const {
+    const auto slow = std::ranges::find_if(
+        category.subscribers,
+        [this, &from](const Session* subscriber) { return flow_.mustWait(from, *subscriber); });
     return slow == category.subscribers.end() ? nullptr : *slow;
 }
 
@@ -290,24 +362,25 @@ void Router::deliver(Session& to, const InputFrame& frame) {
     if (to.isClosing) {
         return;
     }
-    if (isFilledTo(to, 4)) {
-        surroundings_.close(to, "does not take what is sent to it: its outbox is full");
+    if (flow_.isFull(to)) {
+        surroundings_.close(to, "does not take what is sent to it: its send queue is full");
         return;
     }
-    if (isLarge(frame) && frame.block) {
-        to.outbox.appendShared(frame.block, frame.length);
-    } else {
-        to.outbox.appendCopy({frame.bytes, frame.length});
+    try {
+        if (isLarge(frame) && frame.block) {
+            to.sendQueue.appendShared(frame.block, frame.length);
+        } else {
+            to.sendQueue.appendCopy({frame.bytes, frame.length});
+        }
+        markForWriting(to);
+    } catch (const std::bad_alloc&) {
+        closeOutOfMemory(to);
     }
-    markForWriting(to);
 }
 
-// What became of a request, to the initiator that sent it, if it is still there.
-void Router::tell(SessionId initiator, const Frame& outcome) {
-    if (Session* session = surroundings_.find(initiator)) {
-        --session->openRequests;
-        send(*session, outcome);
-    }
+// A part of a frame may be queued already, so nothing can follow it.
+void Router::closeOutOfMemory(Session& session) {
+    surroundings_.close(session, "the broker has no memory for what is sent to it");
 }
 
 void Router::refuse(Session& from, std::uint64_t token, kavri_core_status status) {
@@ -318,20 +391,10 @@ void Router::acknowledge(Session& to, std::uint64_t token, kavri_core_status sta
     send(to, outcomeFrame(FrameType::acknowledgement, token, status));
 }
 
-// A user's limit counts against those of his sessions that have something
-// waiting: a session that takes everything is never slow.
-bool Router::isFilledTo(const Session& session, std::size_t quarters) const {
-    if (session.outbox.empty()) {
-        return false;
-    }
-    return session.outbox.bytes() >= limits_.outboxBytes / 4 * quarters ||
-           session.account.outboxBytes >= limits_.outboxBytesPerUser / 4 * quarters;
-}
-
 void Router::markForWriting(Session& session) {
     if (!session.listedForWriting) {
-        session.listedForWriting = true;
         toWrite_.push_back(&session);
+        session.listedForWriting = true;
     }
 }
 

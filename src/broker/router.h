@@ -1,13 +1,10 @@
 // Where frames go: from initiators to the responder of a category and back, and
 // from a responder to those who subscribed. No I/O: it takes frames and fills
-// outboxes.
+// send queues.
 //
-// A frame may be held back because a session takes nothing and its outbox is
-// three quarters full: the router then names that session and leaves the frame
-// to its sender, which is not read from until there is room. So a sender waits
-// for the slow peer that it sends to, and nobody else does. Responses and events
-// wait for a slow initiator only while it makes some progress; what still comes
-// for it then fills its outbox to the limit, and at the limit it is closed.
+// A frame may have to wait for a congested session (see flow_control.h): the
+// router then names that session and leaves the frame to its sender, which is not
+// read from until it is resumed.
 #ifndef KAVRI_BROKER_ROUTER_H
 #define KAVRI_BROKER_ROUTER_H
 
@@ -18,7 +15,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "broker/open_requests.h"
+#include "broker/flow_control.h"
+#include "broker/pending_requests.h"
 #include "broker/policy.h"
 #include "broker/session.h"
 #include "interfaces/frame.h"
@@ -40,6 +38,7 @@ struct Category {
     std::string name;
     const CategoryPolicy* policy = nullptr;
     Session* responder = nullptr;
+    Charge responderCharge;                         // for the name
     test_service::TestService* embedded = nullptr;  // in a responder's place
     std::vector<Session*> subscribers;
 
@@ -50,8 +49,6 @@ class Router {
   public:
     // What the router needs of those who own the sessions.
     struct Surroundings {
-        // Null when the session is gone.
-        std::function<Session*(SessionId)> find;
         // Closes the session at the end of this round; the reason is logged and
         // told to it.
         std::function<void(Session&, std::string_view reason)> close;
@@ -62,16 +59,25 @@ class Router {
     Router(const interfaces::Limits& limits, const Policy& policy, BufferPool& pool,
            Surroundings surroundings);
 
+    FlowControl& flowControl() { return flow_; }
+
+    // The session that a frame of this size has to wait for before the rest of it
+    // is read, or null; the first `count` bytes are there.
+    Session* mustWaitToBegin(Session& from, const char* bytes, std::size_t count,
+                             std::size_t frameBytes);
+
     // Each returns the session that the frame must wait for, or null when it
     // was handled.
     [[nodiscard]] Session* request(Session& from, InputFrame& frame);
     [[nodiscard]] Session* response(Session& from, InputFrame& frame);
     [[nodiscard]] Session* publish(Session& from, InputFrame& frame);
     // Small events that stand behind one another in the same input are delivered
-    // together: each subscriber's outbox is then looked for once, not for each.
+    // together: each subscriber's send queue is then looked for once, not for each.
     // To be called before any other frame of theirs is handled, and before their
     // bytes go.
     void endPublishing();
+    // Drops those that are not delivered yet.
+    void cancelPublishing() { run_ = {}; }
 
     void completion(Session& from, std::uint64_t token);
     void subscribe(Session& from, const interfaces::Frame& frame);
@@ -85,31 +91,21 @@ class Router {
     void embed(std::string_view category, test_service::TestService& service);
 
     // The session is about to go: its subscriptions and what it serves end, and
-    // the senders of the requests that it had in hand are told.
+    // the senders of the requests that it had in flight get a notice. Its own
+    // requests are no longer pending.
     void forget(Session& session);
 
     // For everything else that is to be said to a session.
     void send(Session& to, const interfaces::Frame& frame);
 
-    // Sessions whose outbox got something since the list was last taken.
+    // Sessions whose send queue got something since the list was last taken.
     std::vector<Session*>& toWrite() { return toWrite_; }
 
-    // Three quarters full: it takes its answers before it may ask for more.
-    bool isStalled(const Session& session) const { return isFilledTo(session, 3); }
-    // Half empty: those who wait for it may go on.
-    bool hasRoomAgain(const Session& session) const;
-
   private:
-    struct NameHash {
-        using is_transparent = void;
-        std::size_t operator()(std::string_view name) const {
-            return std::hash<std::string_view>{}(name);
-        }
-    };
-
     Category* findCategory(std::string_view name);
     Category& categoryNamed(std::string_view name);
     void dropIfUnused(Category& category);
+    void addSubscription(Session& subscriber, std::string_view name);
 
     // Events behind one another, of the category that `from` serves.
     struct EventRun {
@@ -121,27 +117,23 @@ class Router {
     };
 
     Session* answerEmbedded(Session& from, Category& category, const interfaces::Frame& request);
-    Session* slowSubscriber(const Category& category) const;
+    Session* slowSubscriber(const Session& from, const Category& category) const;
     void deliverToSubscribers(const Category& category, const InputFrame& event);
     void deliver(Session& to, const InputFrame& frame);
-    void tell(SessionId initiator, const interfaces::Frame& outcome);
     void refuse(Session& from, std::uint64_t token, kavri_core_status status);
     void acknowledge(Session& to, std::uint64_t token, kavri_core_status status);
 
-    bool isFilledTo(const Session& session, std::size_t quarters) const;
-    // One that is being closed takes nothing more, and lets go who waits for it.
-    bool isWorthWaitingFor(const Session& session) const {
-        return isStalled(session) && !session.patienceOver && !session.isClosing;
-    }
+    bool dropsSilently(Session& responder);
+    void closeOutOfMemory(Session& session);
     void markForWriting(Session& session);
 
     const interfaces::Limits& limits_;
     const Policy& policy_;
     BufferPool& pool_;
     Surroundings surroundings_;
-    std::unordered_map<std::string, std::unique_ptr<Category>, NameHash, std::equal_to<>>
-        categories_;
-    OpenRequests openRequests_;
+    FlowControl flow_;
+    std::unordered_map<std::string_view, std::unique_ptr<Category>> categories_;
+    PendingRequests pendingRequests_;
     std::vector<Session*> toWrite_;
     EventRun run_;
 };

@@ -2,15 +2,11 @@
 #include "broker/server.h"
 
 #include <spdlog/spdlog.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <system_error>
+#include <new>
+#include <utility>
 
 #include "broker/goodbye.h"
 #include "broker/rights.h"
@@ -19,23 +15,8 @@ namespace kavri::broker {
 
 namespace {
 
-constexpr std::size_t piecesPerWrite = 64;
 // Memory that is kept for use again goes back to the system after such a pause.
 constexpr std::chrono::milliseconds pauseBeforeTrim{1000};
-
-ssize_t sendSome(const Session& session) {
-    std::array<iovec, piecesPerWrite> pieces;
-    const std::size_t count = session.outbox.gather(pieces.data(), pieces.size());
-    if (count <= 1) {
-        return count == 0 ? 0
-                          : ::send(session.descriptor, pieces[0].iov_base, pieces[0].iov_len,
-                                   MSG_DONTWAIT | MSG_NOSIGNAL);
-    }
-    msghdr message{};
-    message.msg_iov = pieces.data();
-    message.msg_iovlen = count;
-    return ::sendmsg(session.descriptor, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-}
 
 }  // namespace
 
@@ -43,8 +24,7 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
     : limits_(options.limits),
       policy_(std::move(options.policy)),
       router_(limits_, policy_, pool_,
-              {[this](SessionId id) { return find(id); },
-               [this](Session& session, std::string_view reason) {
+              {[this](Session& session, std::string_view reason) {
                    close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
                },
                [&log](const Session& session, std::string_view what) {
@@ -59,9 +39,12 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
                 }),
       acceptor_(listener, {readiness_, deadlines_, sessions_, limits_, policy_,
                            [this](const Accepted& accepted) { open(accepted); }}),
+      traffic_({limits_, router_, protocol_, deadlines_, readiness_, now_,
+                [this](Session& session, kavri_core_status status, std::string_view reason) {
+                    close(session, status, reason);
+                }}),
       clock_(Clock::now()),
-      now_(clock_.now()),
-      readBuffer_(BufferPool::standardBytes + readBytesOfEvents) {}
+      now_(clock_.now()) {}
 
 void Server::run(int signalDescriptor, std::function<void()> onSignal) {
     onSignal_ = std::move(onSignal);
@@ -137,17 +120,12 @@ void Server::handleEvent(const epoll_event& event) {
         return;
     }
     if ((event.events & EPOLLOUT) != 0) {
-        writeTo(*session);
+        traffic_.writeTo(*session);
     }
-    if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !session->isHeldBack &&
+    if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !session->isBlocked() &&
         !session->isClosing) {
-        readLimitBytes_ = readShare(*session);
-        receive(*session);
+        traffic_.receive(*session, readShare(*session));
     }
-}
-
-void Server::receive(Session& session) {
-    session.large ? readLarge(session) : readFrom(session);
 }
 
 // Each frame of a responder may be an event to all who subscribed, so what is read
@@ -177,17 +155,17 @@ void Server::handleDeadline(DeadlineKind kind, Session& session) {
         case DeadlineKind::handshake:
             // Its hello may have come in time, and wait behind others' input.
             if (session.role == Role::unknown) {
-                receive(session);
+                traffic_.receive(session, readBytes);
             }
             if (session.role == Role::unknown && !session.isClosing) {
                 close(session, KAVRI_CORE_STATUS_IPC_REFUSED, "said no hello in time");
             }
             break;
-        case DeadlineKind::progress:
-            checkProgress(session);
+        case DeadlineKind::drain:
+            traffic_.checkDrain(session);
             break;
         default:
-            checkPatience(session);
+            traffic_.checkFrame(session);
             break;
     }
 }
@@ -201,7 +179,7 @@ void Server::finishRound() {
         Session& session = *toWrite[i];
         session.listedForWriting = false;
         if (!session.isClosing) {
-            writeTo(session);
+            traffic_.writeTo(session);
         }
     }
     toWrite.erase(toWrite.begin(), toWrite.begin() + static_cast<std::ptrdiff_t>(listed));
@@ -237,11 +215,18 @@ void Server::reconfigure(interfaces::Limits limits, Policy policy) {
 }
 
 void Server::open(const Accepted& accepted) {
-    Session& session = sessions_.add(accepted, pool_);
-    deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session.id});
-    poll(session);
-    readLimitBytes_ = readBytes;
-    readFrom(session);  // its hello is mostly there already
+    Session* session = nullptr;
+    try {
+        session = &sessions_.add(accepted, pool_);
+        deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session->id});
+    } catch (const std::bad_alloc&) {
+        spdlog::error("no memory for another connection");
+        session == nullptr ? static_cast<void>(::close(accepted.descriptor))
+                           : sessions_.remove(*session);
+        return;
+    }
+    traffic_.watch(*session);
+    traffic_.receive(*session, readBytes);  // its hello is mostly there already
 }
 
 void Server::keepListening() {
@@ -250,158 +235,6 @@ void Server::keepListening() {
     } catch (const CannotListen& error) {
         failure_ = "the socket was removed or replaced: " + std::string(error.what());
         stopping_ = true;
-    }
-}
-
-void Server::readFrom(Session& session) {
-    char* const begin = readBuffer_.data() + session.backlogBytes;
-    const ssize_t count = ::recv(session.descriptor, begin, readLimitBytes_, 0);
-    if (count <= 0) {
-        ended(session, count == 0 ? 0 : errno);
-        return;
-    }
-    if (session.backlog) {
-        std::memcpy(readBuffer_.data(), session.backlog->bytes(), session.backlogBytes);
-        session.backlog = {};
-    }
-    const std::size_t total =
-        std::exchange(session.backlogBytes, 0) + static_cast<std::size_t>(count);
-    waitOrGoOn(session, protocol_.take(session, readBuffer_.data(), total));
-}
-
-// Straight into the large frame's own block; of what follows it little, since that
-// may be another large one.
-void Server::readLarge(Session& session) {
-    const std::size_t missing = session.largeBytes - session.largeFilled;
-    std::array<iovec, 2> pieces{{{session.large->bytes() + session.largeFilled, missing},
-                                 {readBuffer_.data(), readBehindLargeBytes}}};
-    const ssize_t count = ::readv(session.descriptor, pieces.data(), pieces.size());
-    if (count <= 0) {
-        ended(session, count == 0 ? 0 : errno);
-        return;
-    }
-    const std::size_t filled = std::min(missing, static_cast<std::size_t>(count));
-    const std::size_t behind = static_cast<std::size_t>(count) - filled;
-    session.largeFilled += filled;
-    Session* waitFor = protocol_.takeLarge(session);
-    if (waitFor != nullptr) {
-        protocol_.keep(session, readBuffer_.data(), behind);
-    } else if (behind > 0 && !session.isClosing) {
-        waitFor = protocol_.take(session, readBuffer_.data(), behind);
-    }
-    waitOrGoOn(session, waitFor);
-}
-
-void Server::ended(Session& session, int error) {
-    if (error != EAGAIN && error != EINTR) {
-        close(session, KAVRI_CORE_STATUS_NO_ERROR, {});
-    }
-}
-
-// A session that has to wait is listed with the one it waits for, and not read
-// from until that one lets it go on.
-void Server::waitOrGoOn(Session& session, Session* waitFor) {
-    session.isHeldBack = waitFor != nullptr;
-    if (waitFor != nullptr) {
-        waitFor->heldBack.push_back(session.id);
-        deadlines_.set({std::max(waitFor->lastProgress, now_) + limits_.holdBackTime,
-                        DeadlineKind::patience, waitFor->id});
-    }
-    poll(session);
-}
-
-void Server::release(Session& slow) {
-    for (const SessionId id : std::exchange(slow.heldBack, {})) {
-        Session* session = find(id);
-        if (session != nullptr && !session->isClosing) {
-            waitOrGoOn(*session, protocol_.resume(*session));
-        }
-    }
-}
-
-// One write; what it leaves is for the next round, after the others.
-void Server::writeTo(Session& session) {
-    const ssize_t count = sendSome(session);
-    if (count >= 0) {
-        wrote(session, static_cast<std::size_t>(count));
-    } else if (errno != EAGAIN && errno != EINTR) {
-        // The peer is gone. What it sent before may still be there to be read;
-        // the end of that closes the session.
-        wrote(session, session.outbox.bytes());
-    }
-    if (!session.outbox.empty() && !session.watched) {
-        session.watched = true;
-        session.lastProgress = now_;
-        deadlines_.set({now_ + limits_.progressTime, DeadlineKind::progress, session.id});
-    }
-    poll(session);
-}
-
-void Server::wrote(Session& session, std::size_t count) {
-    session.outbox.consume(count);
-    session.lastProgress = now_;
-    if (router_.hasRoomAgain(session)) {
-        session.patienceOver = false;
-        if (!session.heldBack.empty()) {
-            release(session);
-        }
-    }
-}
-
-void Server::checkProgress(Session& session) {
-    session.watched = false;
-    if (session.outbox.empty()) {
-        return;
-    }
-    const Clock::time_point due = session.lastProgress + limits_.progressTime;
-    if (due <= now_) {
-        close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED,
-              "took nothing of what waits for it for too long");
-        return;
-    }
-    session.watched = true;
-    deadlines_.set({due, DeadlineKind::progress, session.id});
-}
-
-void Server::checkPatience(Session& session) {
-    if (session.heldBack.empty() || session.patienceOver) {
-        return;
-    }
-    const Clock::time_point due = session.lastProgress + limits_.holdBackTime;
-    if (due > now_) {
-        deadlines_.set({due, DeadlineKind::patience, session.id});
-        return;
-    }
-    session.patienceOver = true;
-    release(session);
-}
-
-// Tells the kernel what the session is to be woken for. One that is held back
-// and has nothing to take is left out altogether: its peer's end would otherwise
-// be reported again and again. What is written at the end of this round anyway
-// needs no watching yet.
-void Server::poll(Session& session) {
-    const std::uint32_t wanted =
-        (session.isHeldBack ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
-        (session.outbox.empty() || session.listedForWriting ? 0U
-                                                            : static_cast<std::uint32_t>(EPOLLOUT));
-    if (wanted == session.interest || session.isClosing) {
-        return;
-    }
-    epoll_event event{};
-    event.events = wanted;
-    event.data.u64 = markOf(session.id);
-    int change = EPOLL_CTL_MOD;
-    if (session.interest == 0) {
-        change = EPOLL_CTL_ADD;
-    } else if (wanted == 0) {
-        change = EPOLL_CTL_DEL;
-    }
-    if (::epoll_ctl(readiness_.descriptor(), change, session.descriptor, &event) == 0) {
-        session.interest = wanted;
-    } else {
-        close(session, KAVRI_CORE_STATUS_OUT_OF_RESOURCES,
-              "the kernel cannot watch the connection");
     }
 }
 
@@ -418,15 +251,24 @@ void Server::close(Session& session, kavri_core_status status, std::string_view 
         spdlog::warn("closing the connection of process {} of user {}: {}", session.process,
                      session.user, reason);
     }
-    session.outbox.append(goodbyeFrame(status, reason));
+    try {
+        session.sendQueue.append(goodbyeFrame(status, reason));
+    } catch (const std::bad_alloc&) {
+        // Closed without a reason: there is no memory for one.
+    }
 }
 
 void Server::remove(Session& session) {
-    sendSome(session);  // one try to say why
+    Traffic::sendLast(session);  // says why it is closed
     router_.forget(session);
-    release(session);
+    traffic_.release(session);
     std::erase(router_.toWrite(), &session);
+    for (const DeadlineKind kind :
+         {DeadlineKind::handshake, DeadlineKind::drain, DeadlineKind::frame}) {
+        deadlines_.cancel(kind, session.id);
+    }
     sessions_.remove(session);
+    reserve_.restore();
 }
 
 }  // namespace kavri::broker

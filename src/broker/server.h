@@ -19,11 +19,13 @@
 #include "broker/listener.h"
 #include "broker/log.h"
 #include "broker/loop_clock.h"
+#include "broker/memory_reserve.h"
 #include "broker/policy.h"
 #include "broker/protocol.h"
 #include "broker/readiness.h"
 #include "broker/router.h"
 #include "broker/sessions.h"
+#include "broker/traffic.h"
 #include "interfaces/spin.h"
 
 namespace kavri::broker {
@@ -63,8 +65,7 @@ class Server {
     // to say delays others by some microseconds only. From one that may have events
     // for several it takes more, since these then leave in fewer writes.
     static constexpr std::size_t readBytes = 8 * interfaces::kibibyte;
-    static constexpr std::size_t readBytesOfEvents = 128 * interfaces::kibibyte;
-    static constexpr std::size_t readBehindLargeBytes = 512;
+    static constexpr std::size_t readBytesOfEvents = Traffic::mostReadBytes;
     // What all reads of a round share, and the least that one gets of it.
     static constexpr std::size_t readBytesPerRound = 1 * interfaces::mebibyte;
     static constexpr std::size_t leastReadBytes = 2 * interfaces::kibibyte;
@@ -73,7 +74,6 @@ class Server {
     int sleepTimeMs(Clock::time_point now) const;
     bool hasWorkLeft() { return !router_.toWrite().empty() || !closing_.empty(); }
     void handleEvent(const epoll_event& event);
-    void receive(Session& session);
     std::size_t readShare(const Session& session) const;
     void handleDeadlines();
     void handleDeadline(DeadlineKind kind, Session& session);
@@ -82,18 +82,6 @@ class Server {
 
     void open(const Accepted& accepted);
     void keepListening();
-
-    void readFrom(Session& session);
-    void readLarge(Session& session);
-    void ended(Session& session, int error);
-    void waitOrGoOn(Session& session, Session* waitFor);
-    void release(Session& slow);
-
-    void writeTo(Session& session);
-    void wrote(Session& session, std::size_t count);
-    void checkProgress(Session& session);
-    void checkPatience(Session& session);
-    void poll(Session& session);
 
     Session* find(SessionId id) { return sessions_.find(id); }
     void close(Session& session, kavri_core_status status, std::string_view reason);
@@ -107,6 +95,7 @@ class Server {
     bool stopping_ = false;
     std::string failure_;  // why it cannot go on, if so
 
+    MemoryReserve reserve_;
     BufferPool pool_;
     SessionTable sessions_;
     Router router_;
@@ -114,14 +103,12 @@ class Server {
     Deadlines deadlines_;
     Readiness readiness_;
     Acceptor acceptor_;
+    Traffic traffic_;
     interfaces::Spin spin_;
     LoopClock clock_;
     Clock::time_point now_;  // by the loop's clock
 
     std::vector<Session*> closing_;
-
-    std::vector<char> readBuffer_;
-    std::size_t readLimitBytes_ = readBytes;  // of the next read
 };
 
 }  // namespace kavri::broker

@@ -20,12 +20,12 @@ Session& SessionTable::add(const Accepted& accepted, BufferPool& pool) {
         places_.emplace_back();
     }
     const std::uint32_t index = freePlaces_.back();
-    freePlaces_.pop_back();
     Place& place = places_[index];
     UserAccount& account = users_[accepted.user];
     place.session =
         std::make_unique<Session>(SessionId{index, place.generation}, accepted.user, account, pool);
     Session& session = *place.session;
+    freePlaces_.pop_back();
     session.process = accepted.process;
     session.descriptor = accepted.descriptor;
     ++account.connections;

@@ -22,7 +22,7 @@ class SessionTable {
     std::size_t size() const { return places_.size() - freePlaces_.size(); }
     std::size_t connectionsOf(uid_t user) const;
 
-    // The session owns the accepted descriptor.
+    // The session owns the accepted descriptor. Strong guarantee.
     Session& add(const Accepted& accepted, BufferPool& pool);
     // Null when the session is gone.
     Session* find(SessionId id);

@@ -163,6 +163,16 @@ Extent extentOf(const char* bytes) {
     return {load<std::uint32_t>(bytes) - payloadBytes, payloadBytes};
 }
 
+std::optional<std::string_view> categoryOf(const char* bytes, std::size_t count) {
+    constexpr auto category = static_cast<std::size_t>(Field::category);
+    const std::size_t length = fieldLength(bytes, category);
+    const bool isPresent = (static_cast<std::uint8_t>(bytes[presentOffset]) >> category & 1U) != 0;
+    if (!isPresent || headerBytes + length > count) {
+        return std::nullopt;
+    }
+    return std::string_view(bytes + headerBytes, length);
+}
+
 // The result is filled where it will be used: it is too large to be copied for
 // nothing.
 std::optional<Frame> decode(const char* bytes, const char* payload) {

@@ -110,6 +110,10 @@ struct Extent {
 };
 Extent extentOf(const char* bytes);
 
+// The category of a measured frame of which the first `count` bytes are there;
+// nothing where it has none or not all of it is there.
+std::optional<std::string_view> categoryOf(const char* bytes, std::size_t count);
+
 // The header that goes before the fields of `frame`.
 Header encodeHeader(const Frame& frame);
 std::size_t encodedBytes(const Frame& frame);

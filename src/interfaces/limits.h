@@ -19,6 +19,10 @@ inline constexpr std::size_t mebibyte = 1024 * kibibyte;
 // and keeps a peer from using names to get around the payload's limit.
 inline constexpr std::size_t fieldLimitBytes = 64 * kibibyte;
 
+// A hello holds a version and a role; nothing longer is taken in from a peer that
+// has not said who it is.
+inline constexpr std::size_t helloFrameBytes = 4 * kibibyte;
+
 // No configuration may allow a larger payload: one message is held in memory
 // as a whole.
 inline constexpr std::size_t payloadCeilingBytes = 64 * mebibyte;
@@ -31,11 +35,18 @@ struct Limits {
     std::size_t connections = 4096;
     std::size_t connectionsPerUser = 256;
 
-    // What waits for a peer that does not read. Above three quarters its senders
-    // are held back while it makes progress; at the limit it is closed.
-    std::size_t outboxBytes = 8 * mebibyte;
-    // All outboxes of one user's connections together.
-    std::size_t outboxBytesPerUser = 64 * mebibyte;
+    // What is queued for a peer that does not read. From three quarters on its
+    // senders are blocked while it drains; at the limit it is closed.
+    std::size_t sendQueueBytes = 8 * mebibyte;
+    // All that is held for one user: the connections, incomplete frames, names,
+    // subscriptions, pending requests and send queues of all his programs.
+    std::size_t bytesPerUser = 64 * mebibyte;
+
+    // A peer that takes what is queued for it at least this fast is waited for:
+    // slower than any program that still works, faster than one that stopped.
+    std::size_t drainBytesPerSecond = 1 * mebibyte;
+    // How long a peer may take nothing before nobody waits for it any more.
+    std::chrono::milliseconds stallTime{200};
 
     // Requests without an answer: of one initiator, and at one responder.
     std::size_t openRequestsPerInitiator = 65536;
@@ -46,11 +57,10 @@ struct Limits {
 
     // A peer that connects has this long to say hello.
     std::chrono::milliseconds handshakeTime{5000};
-    // A peer that has something waiting and takes none of it for this long is closed.
+    // A peer that takes nothing of its send queue for this long is closed, and so is
+    // one that leaves a frame incomplete this long beyond the time that the bytes
+    // it did send take at the drain rate.
     std::chrono::milliseconds progressTime{10000};
-    // Senders are held back for the sake of a peer for at most this long
-    // without its taking anything; then it goes on towards its outbox limit.
-    std::chrono::milliseconds holdBackTime{100};
 };
 
 // What is asked of the kernel as room between two ends of a connection (it may

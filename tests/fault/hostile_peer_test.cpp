@@ -323,7 +323,7 @@ BOOST_AUTO_TEST_CASE(aThousandConnectionsAboveTheLimitOfAUserAreTurnedAway) {
 }
 
 BOOST_AUTO_TEST_CASE(aSubscriberThatNeverReadsIsClosedAtItsLimit) {
-    Setting setting("[limits]\noutbox_bytes = 1000000\nhold_back_ms = 0\n");
+    Setting setting("[limits]\nsend_queue_bytes = 1000000\nstall_ms = 0\n");
     RawPeer deaf(setting.address, "initiator");
     deaf.send(makeFrame(FrameType::subscribe, 1, {.category = "test"}));
     deaf.expect(FrameType::acknowledgement);
@@ -333,13 +333,13 @@ BOOST_AUTO_TEST_CASE(aSubscriberThatNeverReadsIsClosedAtItsLimit) {
                            KAVRI_CORE_STATUS_NO_ERROR);
         setting.bystander.echo("0");
         BOOST_TEST_REQUIRE((setting.bystander.receive().uuid == "0"));
-        return setting.broker.log().find("outbox is full") != std::string::npos;
+        return setting.broker.log().find("send queue is full") != std::string::npos;
     }));
     setting.expectOthersUnharmed();
 }
 
 BOOST_AUTO_TEST_CASE(anInitiatorThatNeverReadsItsAnswersIsClosedAfterATime) {
-    Setting setting("[limits]\noutbox_bytes = 1000000\nprogress_ms = 50\n");
+    Setting setting("[limits]\nsend_queue_bytes = 1000000\nprogress_ms = 50\n");
     RawPeer deaf(setting.address, "initiator");
     const std::string request = encode(echoFrame(1, std::string(100'000, 'x')));
     BlockedCall attack([&] {
@@ -354,7 +354,8 @@ BOOST_AUTO_TEST_CASE(anInitiatorThatNeverReadsItsAnswersIsClosedAfterATime) {
 }
 
 BOOST_AUTO_TEST_CASE(aResponderThatTakesNothingHoldsUpOnlyWhoSendsToIt) {
-    Setting setting("[limits]\noutbox_bytes = 1000000\nprogress_ms = 3600000\n");
+    Setting setting(
+        "[limits]\nsend_queue_bytes = 1000000\nstall_ms = 3600000\nprogress_ms = 3600000\n");
     RawPeer deaf(setting.address, "responder");
     deaf.send(makeFrame(FrameType::registration, 1, {.category = "deaf"}));
     deaf.expect(FrameType::acknowledgement);
@@ -385,7 +386,7 @@ BOOST_AUTO_TEST_CASE(aResponderThatTakesNothingHoldsUpOnlyWhoSendsToIt) {
 BOOST_AUTO_TEST_CASE(aResponderIsLetGoWhenTheInitiatorThatItWaitsForLeaves) {
     // Patience without end: only the initiator's leaving can let it go.
     Setting setting(
-        "[limits]\noutbox_bytes = 1000000\nhold_back_ms = 3600000\nprogress_ms = 3600000\n");
+        "[limits]\nsend_queue_bytes = 1000000\nstall_ms = 3600000\nprogress_ms = 3600000\n");
     RawPeer responder(setting.address, "responder");
     responder.send(makeFrame(FrameType::registration, 1, {.category = "work"}));
     responder.expect(FrameType::acknowledgement);
@@ -418,7 +419,7 @@ BOOST_AUTO_TEST_CASE(aResponderIsLetGoWhenTheInitiatorThatItWaitsForLeaves) {
 }
 
 BOOST_AUTO_TEST_CASE(aSlowReaderThatGoesOnReadingGetsEverything) {
-    Setting setting("[limits]\noutbox_bytes = 1000000\n");
+    Setting setting("[limits]\nsend_queue_bytes = 1000000\n");
     RawPeer slow(setting.address, "initiator");
     const std::string request = encode(echoFrame(1, std::string(100'000, 'x')));
     constexpr int count = 150;

@@ -3,7 +3,6 @@
 // A script is a row of steps of at least two bytes: who and what, how much, and
 // then as many bytes as that says.
 #include <array>
-#include <set>
 
 #include "fuzz/fuzz_check.h"
 #include "fuzz/targets.h"
@@ -19,8 +18,8 @@ constexpr unsigned pieceUnit = 128;  // how much a step with a large piece count
 interfaces::Limits tightLimits() {
     interfaces::Limits limits;
     limits.payloadBytes = 40'000;
-    limits.outboxBytes = 65'536;
-    limits.outboxBytesPerUser = 150'000;
+    limits.sendQueueBytes = 65'536;
+    limits.bytesPerUser = 150'000;
     limits.openRequestsPerInitiator = 4;
     limits.openRequestsPerResponder = 6;
     limits.subscriptionsPerInitiator = 2;
@@ -56,8 +55,8 @@ class Stage {
                 break;
             case Action::loseHeart:
                 if (sessions_[who] != nullptr) {
-                    sessions_[who]->patienceOver = true;
-                    release();
+                    broker_.giveUpOn(*sessions_[who]);
+                    broker_.resumeAllAt(*sessions_[who]);
                 }
                 break;
         }
@@ -94,23 +93,14 @@ class Stage {
     // As the loop does: a session that has to wait is not read from.
     void speak(unsigned who, std::string_view bytes) {
         Session* session = sessions_[who];
-        if (session != nullptr && !waiting_.contains(who) && !bytes.empty()) {
-            noteWaiting(who, broker_.sayBytes(*session, bytes));
-        }
-    }
-
-    void noteWaiting(unsigned who, const Session* waitFor) {
-        if (waitFor != nullptr) {
-            mustHold(!waitFor->outbox.empty(), "nobody waits for a peer with an empty outbox");
-            waiting_.insert(who);
-        } else {
-            waiting_.erase(who);
+        if (session != nullptr && !session->isBlocked() && !bytes.empty()) {
+            broker_.sayBytes(*session, bytes);
         }
     }
 
     void hear(unsigned who) {
         if (sessions_[who] != nullptr) {
-            hearALittle(who, sessions_[who]->outbox.bytes());
+            hearALittle(who, sessions_[who]->sendQueue.bytes());
         }
     }
 
@@ -120,17 +110,17 @@ class Stage {
             return;
         }
         std::array<iovec, 3> pieces{};
-        while (most > 0 && !session->outbox.empty()) {
-            const std::size_t count = session->outbox.gather(pieces.data(), pieces.size());
-            mustHold(count > 0, "an outbox that is not empty gives something");
+        while (most > 0 && !session->sendQueue.empty()) {
+            const std::size_t count = session->sendQueue.gather(pieces.data(), pieces.size());
+            mustHold(count > 0, "a send queue that is not empty gives something");
             const std::size_t part = std::min(most, pieces[0].iov_len);
             mustHold(part > 0, "a piece is not empty");
             heard_[who].append(static_cast<const char*>(pieces[0].iov_base), part);
-            session->outbox.consume(part);
+            session->sendQueue.consume(part);
             most -= part;
         }
         checkHeard(who);
-        release();
+        broker_.resumeAllAt(*session);
     }
 
     // Whatever the peers say: what the broker says is frames.
@@ -152,12 +142,6 @@ class Stage {
         heard.erase(0, begin);
     }
 
-    void release() {
-        for (const unsigned who : std::set<unsigned>(waiting_)) {
-            noteWaiting(who, broker_.protocol.resume(*sessions_[who]));
-        }
-    }
-
     // Those that were closed go.
     void endRound() {
         for (unsigned who = 0; who < peers; ++who) {
@@ -172,30 +156,41 @@ class Stage {
             broker_.leave(*sessions_[who]);
             sessions_[who] = nullptr;
             heard_[who].clear();
-            waiting_.erase(who);
-            release();
         }
     }
 
     void check() {
-        std::size_t waitingBytes = 0;
+        std::size_t charged = 0;
         std::size_t inHand = 0;
         std::size_t open = 0;
         for (const Session* session : sessions_) {
             if (session != nullptr) {
-                waitingBytes += session->outbox.bytes();
-                inHand += session->requestsInHand;
-                open += session->openRequests;
-                mustHold(session->openRequests <= broker_.limits.openRequestsPerInitiator,
+                charged += chargedFor(*session);
+                mustHold(session->blockedOn == nullptr || !session->blockedOn->sendQueue.empty(),
+                         "nobody waits for a peer with an empty send queue");
+                inHand += session->requestsInFlight;
+                open += session->pendingRequests;
+                mustHold(session->pendingRequests <= broker_.limits.openRequestsPerInitiator,
                          "open requests stay within their limit");
-                mustHold(session->requestsInHand <= broker_.limits.openRequestsPerResponder,
+                mustHold(session->requestsInFlight <= broker_.limits.openRequestsPerResponder,
                          "requests in hand stay within their limit");
                 mustHold(session->subscriptions.size() <= broker_.limits.subscriptionsPerInitiator,
                          "subscriptions stay within their limit");
             }
         }
-        mustHold(waitingBytes == broker_.userBytes(someUser), "the account is the sum");
-        mustHold(open <= inHand, "every open request is in somebody's hand");
+        mustHold(charged == broker_.userBytes(someUser), "the account is the sum");
+        mustHold(open == inHand, "every pending request is in flight");
+    }
+
+    static std::size_t chargedFor(const Session& session) {
+        std::size_t bytes = session.sendQueue.bytes() + session.charge.bytes();
+        for (const broker::Subscription& subscription : session.subscriptions) {
+            bytes += subscription.charge.bytes();
+        }
+        if (session.served != nullptr) {
+            bytes += session.served->responderCharge.bytes();
+        }
+        return bytes;
     }
 
     test_service::TestService service_{[](std::string_view) {}};
@@ -203,7 +198,6 @@ class Stage {
     std::array<Session*, peers> sessions_{};
     std::array<std::string, peers> heard_;  // the beginning of a frame
     std::size_t framesHeard_ = 0;
-    std::set<unsigned> waiting_;  // those that are held back
 };
 
 }  // namespace

@@ -80,6 +80,13 @@ class RawPeer {
     // Says no more, and still listens.
     void endSending() { ::shutdown(descriptor_, SHUT_WR); }
 
+    // Bytes as they come, without looking at them; 0 when the other side closed.
+    std::size_t readUpTo(std::vector<char>& chunk) {
+        wait(POLLIN);
+        const ssize_t count = ::recv(descriptor_, chunk.data(), chunk.size(), 0);
+        return count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+
     // All of the bytes; a peer that closes meanwhile is no failure here.
     void write(std::string_view bytes) {
         while (!bytes.empty()) {

@@ -1,9 +1,10 @@
 // The broker's router and protocol with sessions that have no sockets: a test
-// says frames for a session, and hears what waits in its outbox.
+// says frames for a session, and hears what waits in its sendQueue.
 //
 // Stands where the broker's loop stands: feeds what a session says in as the
-// loop does, keeps the table of sessions, and notes what is closed and why. It
-// knows no time: that somebody's patience is over is said by the test.
+// loop does, keeps the table of sessions, blocks and resumes senders, and notes
+// what is closed and why. It knows no time: that somebody is given up on is said
+// by the test.
 #ifndef KAVRI_TESTS_SUPPORT_SCRIPTED_BROKER_H
 #define KAVRI_TESTS_SUPPORT_SCRIPTED_BROKER_H
 
@@ -76,38 +77,40 @@ class ScriptedBroker {
 
     // The same with any bytes: as much as the loop would have read at once.
     Session* sayBytes(Session& from, std::string_view bytes) {
-        if (from.large) {
-            const std::size_t filled = std::min(bytes.size(), from.largeBytes - from.largeFilled);
-            std::memcpy(from.large->bytes() + from.largeFilled, bytes.data(), filled);
-            from.largeFilled += filled;
-            bytes.remove_prefix(filled);
-            if (Session* waitFor = protocol.takeLarge(from)) {
-                protocol.keep(from, bytes.data(), bytes.size());
-                return waitFor;
-            }
-            return bytes.empty() || from.isClosing ? nullptr : sayBytes(from, bytes);
-        }
-        // In memory of just its size, so that a byte too far is noticed.
-        const std::size_t before = from.backlog ? std::exchange(from.backlogBytes, 0) : 0;
-        std::vector<char> all(before + bytes.size());
-        if (before > 0) {
-            std::memcpy(all.data(), from.backlog->bytes(), before);
-        }
-        from.backlog = {};
-        std::copy(bytes.begin(), bytes.end(), all.begin() + static_cast<std::ptrdiff_t>(before));
-        return protocol.take(from, all.data(), all.size());
+        return blockOn(from, takeBytes(from, bytes));
+    }
+
+    // The sender's turn has come, or a test says so.
+    Session* resume(Session& sender) {
+        broker::FlowControl::unblock(sender);
+        return blockOn(sender, protocol.resume(sender));
+    }
+    // Those that wait for the session, as the loop does after each write to it.
+    void resumeAllAt(Session& drained) {
+        router.flowControl().resumeWaiting(drained, [this](Session& sender) {
+            resumed.push_back(&sender);
+            blockOn(sender, protocol.resume(sender));
+        });
+    }
+    std::vector<Session*> resumed;
+
+    // The session has taken nothing for far too long.
+    void giveUpOn(Session& session) {
+        router.flowControl()
+            .congestionOf(session, now)
+            .meter.sample(now + std::chrono::hours(1), 0, 1);
     }
 
     // All that waits for the session, which takes it.
     std::string hearBytes(Session& session) {
         std::string bytes;
-        while (!session.outbox.empty()) {
+        while (!session.sendQueue.empty()) {
             iovec piece{};
-            if (session.outbox.gather(&piece, 1) != 1 || piece.iov_len == 0) {
-                throw std::logic_error("an outbox with bytes in it gives none");
+            if (session.sendQueue.gather(&piece, 1) != 1 || piece.iov_len == 0) {
+                throw std::logic_error("a send queue with bytes in it gives none");
             }
             bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
-            session.outbox.consume(piece.iov_len);
+            session.sendQueue.consume(piece.iov_len);
         }
         std::erase(router.toWrite(), &session);
         session.listedForWriting = false;
@@ -123,7 +126,9 @@ class ScriptedBroker {
 
     // The session goes, as at the end of the round in which it was closed.
     void leave(Session& session) {
+        session.isClosing = true;
         router.forget(session);
+        resumeAllAt(session);
         std::erase(router.toWrite(), &session);
         closings_.erase(session.id.index);
         Place& place = places_[session.id.index];
@@ -137,18 +142,24 @@ class ScriptedBroker {
         return found == closings_.end() ? std::string() : found->second;
     }
 
-    std::size_t userBytes(uid_t user) { return accounts_[user].outboxBytes; }
+    std::size_t userBytes(uid_t user) { return accounts_[user].memory.bytes(); }
+
+    const broker::Clock::time_point now;
 
     const interfaces::Limits limits;
     const broker::Policy policy;
+
+  private:
+    std::map<uid_t, broker::UserAccount> accounts_;
+
+  public:
     broker::BufferPool pool;
     std::vector<std::string> notes;  // what the router would log
     broker::Router router{
         limits,
         policy,
         pool,
-        {[this](SessionId id) { return find(id); },
-         [this](Session& session, std::string_view reason) {
+        {[this](Session& session, std::string_view reason) {
              close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
          },
          [this](const Session& /*session*/, std::string_view what) { notes.emplace_back(what); }}};
@@ -162,10 +173,35 @@ class ScriptedBroker {
         std::uint32_t generation = 0;
     };
 
-    Session* find(SessionId id) {
-        return id.index < places_.size() && places_[id.index].generation == id.generation
-                   ? places_[id.index].session.get()
-                   : nullptr;
+    Session* takeBytes(Session& from, std::string_view bytes) {
+        if (from.large) {
+            const std::size_t filled =
+                std::min<std::size_t>(bytes.size(), from.largeBytes - from.largeFilled);
+            std::memcpy(from.large->bytes() + from.largeFilled, bytes.data(), filled);
+            from.largeFilled += static_cast<std::uint32_t>(filled);
+            bytes.remove_prefix(filled);
+            if (Session* waitFor = protocol.takeLarge(from)) {
+                protocol.keep(from, bytes.data(), bytes.size());
+                return waitFor;
+            }
+            return bytes.empty() || from.isClosing ? nullptr : takeBytes(from, bytes);
+        }
+        // In memory of just its size, so that a byte too far is noticed.
+        const std::size_t before = from.backlog ? std::exchange(from.backlogBytes, 0) : 0;
+        std::vector<char> all(before + bytes.size());
+        if (before > 0) {
+            std::memcpy(all.data(), from.backlogBegin(), before);
+            from.takeBacklog();
+        }
+        std::copy(bytes.begin(), bytes.end(), all.begin() + static_cast<std::ptrdiff_t>(before));
+        return protocol.take(from, all.data(), all.size());
+    }
+
+    Session* blockOn(Session& sender, Session* waitFor) {
+        if (waitFor != nullptr && !sender.isClosing) {
+            router.flowControl().block(sender, *waitFor, now);
+        }
+        return waitFor;
     }
 
     void close(Session& session, kavri_core_status status, std::string_view reason) {
@@ -176,7 +212,6 @@ class ScriptedBroker {
         }
     }
 
-    std::map<uid_t, broker::UserAccount> accounts_;
     std::vector<Place> places_;
     std::map<std::uint32_t, std::string> closings_;
 };

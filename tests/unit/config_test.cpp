@@ -64,14 +64,15 @@ const std::vector<Setting> settings = {
     {"payload_bytes", "1", std::to_string(64 * mebibyte), number<&Limits::payloadBytes>},
     {"connections", "1", manyThings, number<&Limits::connections>},
     {"connections_per_user", "1", manyThings, number<&Limits::connectionsPerUser>},
-    {"outbox_bytes", "65536", manyBytes, number<&Limits::outboxBytes>},
-    {"outbox_bytes_per_user", "65536", manyBytes, number<&Limits::outboxBytesPerUser>},
+    {"send_queue_bytes", "65536", manyBytes, number<&Limits::sendQueueBytes>},
+    {"bytes_per_user", "65536", manyBytes, number<&Limits::bytesPerUser>},
+    {"drain_bytes_per_second", "1", manyBytes, number<&Limits::drainBytesPerSecond>},
+    {"stall_ms", "0", anHour, milliseconds<&Limits::stallTime>},
     {"open_requests_per_initiator", "1", manyThings, number<&Limits::openRequestsPerInitiator>},
     {"open_requests_per_responder", "1", manyThings, number<&Limits::openRequestsPerResponder>},
     {"subscriptions_per_initiator", "0", manyThings, number<&Limits::subscriptionsPerInitiator>},
     {"handshake_ms", "1", anHour, milliseconds<&Limits::handshakeTime>},
     {"progress_ms", "1", anHour, milliseconds<&Limits::progressTime>},
-    {"hold_back_ms", "0", anHour, milliseconds<&Limits::holdBackTime>},
 };
 
 std::vector<std::int64_t> valuesOf(const Limits& limits) {

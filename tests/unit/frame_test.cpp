@@ -344,3 +344,14 @@ BOOST_AUTO_TEST_CASE(framesFollowOneAnotherWithoutGaps) {
     BOOST_TEST(describeAll(std::string_view(bytes).substr(6)) ==
                "ping 1\nsubscribe 2 category=test");
 }
+
+BOOST_AUTO_TEST_CASE(theCategoryIsReadAsSoonAsAllOfItIsThere) {
+    using kavri::interfaces::categoryOf;
+    const std::string bytes =
+        encode(makeFrame(FrameType::request, 1, {"category", "identifier", "u", "payload"}));
+    BOOST_TEST(categoryOf(bytes.data(), bytes.size()).value() == "category");
+    BOOST_TEST(categoryOf(bytes.data(), 40).value() == "category");
+    BOOST_TEST(!categoryOf(bytes.data(), 39).has_value());
+    const std::string without = encode(makeFrame(FrameType::ping, 1));
+    BOOST_TEST(!categoryOf(without.data(), without.size()).has_value());
+}

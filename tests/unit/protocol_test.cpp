@@ -74,7 +74,7 @@ BOOST_FIXTURE_TEST_CASE(aRoleThatIsNoneIsRefused, ScriptedBroker) {
         say(session, hello(role));
         BOOST_TEST(closing(session) ==
                    "status 9: malformed: its role is neither initiator nor responder");
-        BOOST_TEST(session.outbox.empty());
+        BOOST_TEST(session.sendQueue.empty());
     }
 }
 
@@ -157,7 +157,7 @@ BOOST_FIXTURE_TEST_CASE(aGoodbyeClosesWithoutAReason, ScriptedBroker) {
     for (Session* session : {&connect(), &join("initiator"), &join("responder")}) {
         say(*session, makeFrame(FrameType::goodbye, 0, {.payload = "leaving"}));
         BOOST_TEST(closing(*session) == "status 0: ");
-        BOOST_TEST(session->outbox.empty());
+        BOOST_TEST(session->sendQueue.empty());
     }
 }
 
@@ -193,7 +193,7 @@ BOOST_FIXTURE_TEST_CASE(aNulInALargeFrameIsFoundToo, WithService) {
     Session& session = initiator();
     say(session, echo(7, payload));
     BOOST_TEST(closing(session) == "status 9: malformed: a field has a NUL byte in it");
-    BOOST_TEST(session.outbox.empty());
+    BOOST_TEST(session.sendQueue.empty());
 }
 
 BOOST_AUTO_TEST_CASE(aPayloadMayBeAsLargeAsGrantedAndNoLarger) {
@@ -329,7 +329,7 @@ BOOST_FIXTURE_TEST_CASE(anIdleSessionOwnsNoMemory, WithService) {
     hearBytes(session);
     BOOST_TEST(!session.backlog);
     BOOST_TEST(!session.large);
-    BOOST_TEST(session.outbox.empty());
+    BOOST_TEST(session.sendQueue.empty());
 }
 
 BOOST_AUTO_TEST_SUITE_END()
@@ -338,18 +338,18 @@ BOOST_AUTO_TEST_SUITE_END()
 BOOST_AUTO_TEST_SUITE(waiting)
 
 struct Slow : ScriptedBroker {
-    static Limits smallOutbox() {
+    static Limits smallSendQueue() {
         Limits limits;
-        limits.outboxBytes = 64 * 1024;
+        limits.sendQueueBytes = 64 * 1024;
         return limits;
     }
-    Slow() : ScriptedBroker(smallOutbox()) {}
+    Slow() : ScriptedBroker(smallSendQueue()) {}
 
     Session& caller = initiator();
     Session& service = responder("test");
 
     void stall(Session& session) {
-        session.outbox.appendCopy(std::string(limits.outboxBytes / 4 * 3, 's'));
+        session.sendQueue.appendCopy(std::string(limits.sendQueueBytes / 4 * 3, 's'));
     }
     // The payloads of the requests that the responder has got.
     std::string asked() {
@@ -366,8 +366,8 @@ BOOST_FIXTURE_TEST_CASE(framesBehindTheOneThatWaitsKeepTheirOrder, Slow) {
     stall(service);
     BOOST_TEST(sayBytes(caller, encode(echo(1, "one")) + encode(echo(2, "two")) +
                                     encode(echo(3, "three")).substr(0, 40)) == &service);
-    service.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    service.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "one;two;");
     sayBytes(caller, encode(echo(3, "three")).substr(40));
     BOOST_TEST(asked() == "three;");
@@ -378,9 +378,9 @@ BOOST_FIXTURE_TEST_CASE(aLargeFrameWaitsWithWhatIsBehindIt, Slow) {
     const Frame large = echoOfSize(2, 2 * largeFrameBytes, payload);
     stall(service);
     BOOST_TEST(sayBytes(caller, encode(large) + encode(echo(3, "behind"))) == &service);
-    BOOST_TEST(protocol.resume(caller) == &service);
-    service.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == &service);
+    service.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "llllllllll;behind;");
     BOOST_TEST((!caller.large && !caller.backlog));
 }
@@ -389,8 +389,8 @@ BOOST_FIXTURE_TEST_CASE(aLargeFrameWaitsAlone, Slow) {
     std::string payload;
     stall(service);
     BOOST_TEST(say(caller, echoOfSize(1, 2 * largeFrameBytes, payload)) == &service);
-    service.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    service.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "llllllllll;");
 }
 
@@ -400,8 +400,8 @@ BOOST_FIXTURE_TEST_CASE(nothingOvertakesALargeFrameThatWaits, Slow) {
     BOOST_TEST(sayBytes(caller, encode(echoOfSize(1, 2 * largeFrameBytes, payload)) +
                                     encode(ping(2))) == &service);
     BOOST_TEST(hear(caller) == "");
-    service.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    service.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(hear(caller) == "pong 2");
 }
 
@@ -411,8 +411,8 @@ BOOST_FIXTURE_TEST_CASE(aLargeFrameThatCameInPartsMayHaveToWait, Slow) {
     sayBytes(caller, bytes.substr(0, 20'000));
     stall(service);
     BOOST_TEST(sayBytes(caller, bytes.substr(20'000) + encode(echo(3, "behind"))) == &service);
-    service.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    service.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "llllllllll;behind;");
 }
 
@@ -422,8 +422,8 @@ BOOST_FIXTURE_TEST_CASE(aSmallFrameWaitsInFrontOfALargeOne, Slow) {
         encode(echo(1, "small")) + encode(echoOfSize(2, 2 * largeFrameBytes, payload));
     stall(service);
     BOOST_TEST(sayBytes(caller, bytes) == &service);
-    service.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    service.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "small;llllllllll;");
 }
 
@@ -432,8 +432,8 @@ BOOST_FIXTURE_TEST_CASE(onlyWhatHasToWaitDoes, Slow) {
     BOOST_TEST(sayBytes(caller, encode(ping(1)) + encode(echo(2, "waits")) + encode(ping(3))) ==
                &service);
     BOOST_TEST(hear(caller) == "pong 1");
-    service.outbox.clear();
-    protocol.resume(caller);
+    service.sendQueue.clear();
+    resume(caller);
     BOOST_TEST(hear(caller) == "pong 3");
 }
 
@@ -453,13 +453,13 @@ BOOST_FIXTURE_TEST_CASE(itMayHaveToWaitAgainFurtherOn, Slow) {
         BOOST_REQUIRE(waitFor == &service);
         BOOST_REQUIRE(turns < 20);
         all += asked();
-        waitFor = protocol.resume(caller);
+        waitFor = resume(caller);
     }
     BOOST_TEST(all + asked() == expected);
 }
 
 BOOST_FIXTURE_TEST_CASE(goingOnWithNothingKeptIsNothing, Slow) {
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "");
 }
 
@@ -467,8 +467,8 @@ BOOST_FIXTURE_TEST_CASE(whatIsBadBehindTheOneThatWaitedIsFoundWhenItGoesOn, Slow
     stall(service);
     sayBytes(caller, encode(echo(1, "one")) + std::string(40, '\xff'));
     BOOST_TEST(closing(caller) == "");
-    service.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    service.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(asked() == "one;");
     BOOST_TEST(closing(caller) == "status 9: malformed: unknown frame type");
 }

@@ -15,14 +15,14 @@ using kavri::interfaces::Limits;
 
 namespace {
 
-constexpr std::size_t outboxLimit = 64 * 1024;
-constexpr std::size_t threeQuarters = outboxLimit / 4 * 3;
+constexpr std::size_t queueLimit = 64 * 1024;
+constexpr std::size_t threeQuarters = queueLimit / 4 * 3;
 
 // Small enough that a test fills it with a few frames.
 Limits smallLimits() {
     Limits limits;
-    limits.outboxBytes = outboxLimit;
-    limits.outboxBytesPerUser = 10 * outboxLimit;
+    limits.sendQueueBytes = queueLimit;
+    limits.bytesPerUser = 10 * queueLimit;
     limits.openRequestsPerInitiator = 3;
     limits.openRequestsPerResponder = 5;
     limits.subscriptionsPerInitiator = 2;
@@ -74,12 +74,12 @@ struct Conversation : ScriptedBroker {
         return hearToken(service);
     }
 
-    // Puts something into the session's outbox up to just this many bytes.
+    // Puts something into the session's send queue up to just this many bytes.
     void fill(Session& session, std::size_t bytes) {
-        session.outbox.appendCopy(
-            encode(makeFrame(FrameType::goodbye, 0,
-                             {.payload = std::string(bytes - session.outbox.bytes() - 32, 'f')})));
-        BOOST_REQUIRE(session.outbox.bytes() == bytes);
+        session.sendQueue.appendCopy(encode(
+            makeFrame(FrameType::goodbye, 0,
+                      {.payload = std::string(bytes - session.sendQueue.bytes() - 32, 'f')})));
+        BOOST_REQUIRE(session.sendQueue.bytes() == bytes);
     }
 };
 
@@ -94,8 +94,8 @@ BOOST_FIXTURE_TEST_CASE(aRequestIsAnsweredUnderTheSendersToken, Conversation) {
     BOOST_TEST(describe(asked) == "request " + std::to_string(asked.token) + fields + "hi");
     say(service, response(asked.token, "hello"));
     BOOST_TEST(hear(caller) == "response 7" + fields + "hello");
-    BOOST_TEST(caller.openRequests == 0U);
-    BOOST_TEST(service.requestsInHand == 0U);
+    BOOST_TEST(caller.pendingRequests == 0U);
+    BOOST_TEST(service.requestsInFlight == 0U);
     BOOST_TEST(notes.empty());
 }
 
@@ -150,7 +150,7 @@ BOOST_FIXTURE_TEST_CASE(aRequestThatNobodyServesIsNotDelivered, Conversation) {
         BOOST_TEST(hear(caller) == "notice 7 status=10");
     }
     BOOST_TEST(hear(service) == "");
-    BOOST_TEST(caller.openRequests == 0U);
+    BOOST_TEST(caller.pendingRequests == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aCategoryWithSubscribersAloneIsNotServed, Conversation) {
@@ -184,7 +184,7 @@ BOOST_FIXTURE_TEST_CASE(anInitiatorHasSoManyRequestsOpenAndNoMore, Conversation)
     say(service, response(first));
     hear(caller);
     ask(5);
-    BOOST_TEST(caller.openRequests == 3U);
+    BOOST_TEST(caller.pendingRequests == 3U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aResponderHasSoManyRequestsInHandAndNoMore, Conversation) {
@@ -200,7 +200,7 @@ BOOST_FIXTURE_TEST_CASE(aResponderHasSoManyRequestsInHandAndNoMore, Conversation
     say(service, completion(framesIn(bytes).at(0).token));
     say(other, request(4));
     BOOST_TEST(hear(other) == "completion 1");
-    BOOST_TEST(service.requestsInHand == 5U);
+    BOOST_TEST(service.requestsInFlight == 5U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aLimitReachedElsewhereIsNobodyElses, Conversation) {
@@ -216,8 +216,8 @@ BOOST_FIXTURE_TEST_CASE(aRequestRefusedForItsLimitTakesNoRoom, Conversation) {
     for (std::uint64_t token = 1; token <= 10; ++token) {
         say(caller, request(token));
     }
-    BOOST_TEST(caller.openRequests == 3U);
-    BOOST_TEST(service.requestsInHand == 3U);
+    BOOST_TEST(caller.pendingRequests == 3U);
+    BOOST_TEST(service.requestsInFlight == 3U);
 }
 
 BOOST_AUTO_TEST_SUITE_END()
@@ -235,7 +235,7 @@ BOOST_FIXTURE_TEST_CASE(aSecondAnswerIsDropped, Conversation) {
         "answered a request that it does not have in hand; dropped",
         "ended a request that it does not have in hand"};
     BOOST_TEST(notes == expected, boost::test_tools::per_element());
-    BOOST_TEST(caller.openRequests == 0U);
+    BOOST_TEST(caller.pendingRequests == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(anAnswerToWhatWasEndedIsDropped, Conversation) {
@@ -281,8 +281,8 @@ BOOST_FIXTURE_TEST_CASE(anAnswerToAnInitiatorThatLeftGoesNowhere, Conversation) 
     say(service, response(first));
     say(service, completion(second));
     BOOST_TEST(hear(newcomer) == "");
-    BOOST_TEST(newcomer.openRequests == 0U);
-    BOOST_TEST(service.requestsInHand == 0U);
+    BOOST_TEST(newcomer.pendingRequests == 0U);
+    BOOST_TEST(service.requestsInFlight == 0U);
     BOOST_TEST(notes.empty());
 }
 
@@ -303,8 +303,8 @@ BOOST_FIXTURE_TEST_CASE(everySenderOfARequestInHandIsTold, Conversation) {
                 told == "notice 8 status=11\nnotice 7 status=11"),
                told);
     BOOST_TEST(hear(other) == "notice 9 status=11");
-    BOOST_TEST(caller.openRequests == 0U);
-    BOOST_TEST(other.openRequests == 0U);
+    BOOST_TEST(caller.pendingRequests == 0U);
+    BOOST_TEST(other.pendingRequests == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(theCategoryIsNobodysAgainAndThenAnothers, Conversation) {
@@ -383,7 +383,7 @@ BOOST_FIXTURE_TEST_CASE(aRequestThatIsNotAllowedIsRefused, Restricted) {
     say(stranger, request(7));
     BOOST_TEST(hear(stranger) == "notice 7 status=9");
     BOOST_TEST(hear(service) == "");
-    BOOST_TEST(stranger.openRequests == 0U);
+    BOOST_TEST(stranger.pendingRequests == 0U);
     ask(7);
 }
 
@@ -416,7 +416,7 @@ BOOST_FIXTURE_TEST_CASE(otherCategoriesAreOpenToWhoeverConnects, Restricted) {
     say(stranger, subscribe(1, "elsewhere"));
     say(stranger, request(7, "p", "elsewhere"));
     BOOST_TEST(hear(stranger) == "acknowledgement 1");
-    BOOST_TEST(stranger.openRequests == 1U);
+    BOOST_TEST(stranger.pendingRequests == 1U);
 }
 
 BOOST_AUTO_TEST_CASE(eachRightIsAskedForByItself) {
@@ -553,8 +553,8 @@ BOOST_FIXTURE_TEST_CASE(manySmallEventsReadAtOnceAreHeldOnceForAll, Conversation
     sayBytes(service, bytes);
     iovec firstPiece{};
     iovec secondPiece{};
-    BOOST_REQUIRE(first.outbox.gather(&firstPiece, 1) == 1U);
-    BOOST_REQUIRE(second.outbox.gather(&secondPiece, 1) == 1U);
+    BOOST_REQUIRE(first.sendQueue.gather(&firstPiece, 1) == 1U);
+    BOOST_REQUIRE(second.sendQueue.gather(&secondPiece, 1) == 1U);
     BOOST_TEST(firstPiece.iov_base == secondPiece.iov_base);
     BOOST_TEST(hear(first) == expected);
     BOOST_TEST(hear(second) == expected);
@@ -570,8 +570,8 @@ BOOST_FIXTURE_TEST_CASE(aLargeEventIsHeldOnceForAll, Conversation) {
         say(service, publish(payload));
         iovec firstPiece{};
         iovec secondPiece{};
-        BOOST_REQUIRE(first.outbox.gather(&firstPiece, 1) == 1U);
-        BOOST_REQUIRE(second.outbox.gather(&secondPiece, 1) == 1U);
+        BOOST_REQUIRE(first.sendQueue.gather(&firstPiece, 1) == 1U);
+        BOOST_REQUIRE(second.sendQueue.gather(&secondPiece, 1) == 1U);
         BOOST_TEST((firstPiece.iov_base == secondPiece.iov_base) == (size >= largeFrameBytes));
         const std::string bytes = hearBytes(first);
         BOOST_TEST((framesIn(bytes).at(0)[Field::payload] == payload));
@@ -591,10 +591,10 @@ BOOST_FIXTURE_TEST_CASE(aRequestWaitsForAResponderThatIsThreeQuartersFull, Conve
     hearBytes(service);
     fill(service, threeQuarters);
     BOOST_TEST(say(caller, request(8, "waits")) == &service);
-    BOOST_TEST(service.outbox.bytes() == threeQuarters);
-    BOOST_TEST(caller.openRequests == 1U);
+    BOOST_TEST(service.sendQueue.bytes() == threeQuarters);
+    BOOST_TEST(caller.pendingRequests == 1U);
     hearBytes(service);
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     const std::string bytes = hearBytes(service);
     BOOST_TEST(framesIn(bytes).at(0)[Field::payload] == "waits");
 }
@@ -602,12 +602,12 @@ BOOST_FIXTURE_TEST_CASE(aRequestWaitsForAResponderThatIsThreeQuartersFull, Conve
 BOOST_FIXTURE_TEST_CASE(aRequestThatWaitsIsStillWaitingAfterAVainTry, Conversation) {
     fill(service, threeQuarters);
     BOOST_TEST(say(caller, request(8)) == &service);
-    BOOST_TEST(protocol.resume(caller) == &service);
-    BOOST_TEST(protocol.resume(caller) == &service);
+    BOOST_TEST(resume(caller) == &service);
+    BOOST_TEST(resume(caller) == &service);
     hearBytes(service);
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(describeAll(hearBytes(service)).find("request") == 0U);
-    BOOST_TEST(caller.openRequests == 1U);
+    BOOST_TEST(caller.pendingRequests == 1U);
 }
 
 // So another's small request has at most one large one before it.
@@ -621,16 +621,22 @@ BOOST_AUTO_TEST_CASE(aLargeRequestWaitsWhileMuchIsAheadOfItAndASmallOneDoesNot) 
     BOOST_TEST(conversation.say(conversation.caller, request(2, payload)) == &conversation.service);
     BOOST_TEST(conversation.say(other, request(3)) == nullptr);
     conversation.hearBytes(conversation.service);
-    BOOST_TEST(conversation.protocol.resume(conversation.caller) == nullptr);
-    BOOST_TEST(conversation.caller.openRequests == 2U);
+    BOOST_TEST(conversation.resume(conversation.caller) == nullptr);
+    BOOST_TEST(conversation.caller.pendingRequests == 2U);
 }
 
-// Its requests were never promised to arrive while it makes no progress; that
-// it is closed then is the loop's.
-BOOST_FIXTURE_TEST_CASE(requestsWaitForAResponderWhateverThePatience, Conversation) {
+// One that stopped: its senders, and what they have for others, do not wait.
+BOOST_FIXTURE_TEST_CASE(aRequestToAResponderThatWasGivenUpOnIsRefused, Conversation) {
     fill(service, threeQuarters);
-    service.patienceOver = true;
     BOOST_TEST(say(caller, request(7)) == &service);
+    giveUpOn(service);
+    resumeAllAt(service);
+    BOOST_TEST(!caller.isBlocked());
+    BOOST_TEST(hear(caller) == "notice 7 status=14");
+    BOOST_TEST(say(caller, request(8)) == nullptr);
+    BOOST_TEST(hear(caller) == "notice 8 status=14");
+    BOOST_TEST(service.sendQueue.bytes() == threeQuarters);
+    BOOST_TEST(caller.pendingRequests == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(whoSendsElsewhereDoesNotWait, Conversation) {
@@ -638,18 +644,18 @@ BOOST_FIXTURE_TEST_CASE(whoSendsElsewhereDoesNotWait, Conversation) {
     fill(service, threeQuarters);
     Session& other = initiator();
     BOOST_TEST(say(other, request(7, "p", "elsewhere")) == nullptr);
-    BOOST_TEST(!elsewhere.outbox.empty());
+    BOOST_TEST(!elsewhere.sendQueue.empty());
 }
 
 BOOST_FIXTURE_TEST_CASE(anAnswerWaitsForASlowInitiatorWhileItIsWorthIt, Conversation) {
     const auto token = ask(7);
     fill(caller, threeQuarters);
     BOOST_TEST(say(service, response(token)) == &caller);
-    BOOST_TEST(service.requestsInHand == 1U);
-    BOOST_TEST(caller.outbox.bytes() == threeQuarters);
-    caller.patienceOver = true;
-    BOOST_TEST(protocol.resume(service) == nullptr);
-    BOOST_TEST(service.requestsInHand == 0U);
+    BOOST_TEST(service.requestsInFlight == 1U);
+    BOOST_TEST(caller.sendQueue.bytes() == threeQuarters);
+    giveUpOn(caller);
+    BOOST_TEST(resume(service) == nullptr);
+    BOOST_TEST(service.requestsInFlight == 0U);
     const std::string bytes = hearBytes(caller);
     BOOST_TEST(describe(framesIn(bytes).at(1)) == "response 7" + fields + "p");
 }
@@ -657,17 +663,17 @@ BOOST_FIXTURE_TEST_CASE(anAnswerWaitsForASlowInitiatorWhileItIsWorthIt, Conversa
 BOOST_FIXTURE_TEST_CASE(anInitiatorThatIsFullIsClosedAndItsResponderGoesOn, Conversation) {
     const auto first = ask(7);
     const auto second = ask(8);
-    caller.patienceOver = true;
-    fill(caller, outboxLimit - 1);
+    giveUpOn(caller);
+    fill(caller, queueLimit - 1);
     BOOST_TEST(say(service, response(first)) == nullptr);
     BOOST_TEST(closing(caller) == "");
-    BOOST_TEST(caller.outbox.bytes() > outboxLimit);
-    const std::size_t before = caller.outbox.bytes();
+    BOOST_TEST(caller.sendQueue.bytes() > queueLimit);
+    const std::size_t before = caller.sendQueue.bytes();
     BOOST_TEST(say(service, response(second)) == nullptr);
     BOOST_TEST(closing(caller) ==
-               "status 14: does not take what is sent to it: its outbox is full");
-    BOOST_TEST(caller.outbox.bytes() == before);
-    BOOST_TEST(service.requestsInHand == 0U);
+               "status 14: does not take what is sent to it: its send queue is full");
+    BOOST_TEST(caller.sendQueue.bytes() == before);
+    BOOST_TEST(service.requestsInFlight == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aSessionThatIsClosingGetsNothingMore, Conversation) {
@@ -675,7 +681,7 @@ BOOST_FIXTURE_TEST_CASE(aSessionThatIsClosingGetsNothingMore, Conversation) {
     say(caller, makeFrame(FrameType::goodbye, 0, {.payload = ""}));
     BOOST_TEST(say(service, response(token)) == nullptr);
     BOOST_TEST(hear(caller) == "");
-    BOOST_TEST(service.requestsInHand == 0U);
+    BOOST_TEST(service.requestsInFlight == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(anEventWaitsForASlowSubscriberWhileItIsWorthIt, Conversation) {
@@ -684,26 +690,27 @@ BOOST_FIXTURE_TEST_CASE(anEventWaitsForASlowSubscriberWhileItIsWorthIt, Conversa
     fill(slow, threeQuarters);
     BOOST_TEST(say(service, publish("news")) == &slow);
     BOOST_TEST(hear(quick) == "");  // nor does anybody get it twice later
-    slow.patienceOver = true;
-    BOOST_TEST(protocol.resume(service) == nullptr);
+    giveUpOn(slow);
+    BOOST_TEST(resume(service) == nullptr);
     BOOST_TEST(hear(quick) == "event 0 category=test identifier=event payload=news");
-    BOOST_TEST(slow.outbox.bytes() > threeQuarters);
+    BOOST_TEST(slow.sendQueue.bytes() > threeQuarters);
 }
 
 BOOST_FIXTURE_TEST_CASE(aSubscriberThatIsFullIsClosedAndTheOthersGetTheEvent, Conversation) {
     Session& full = subscriber("test");
     Session& quick = subscriber("test");
-    fill(full, outboxLimit);
-    full.patienceOver = true;
+    fill(full, queueLimit);
+    giveUpOn(full);
     BOOST_TEST(say(service, publish("news")) == nullptr);
-    BOOST_TEST(closing(full) == "status 14: does not take what is sent to it: its outbox is full");
+    BOOST_TEST(closing(full) ==
+               "status 14: does not take what is sent to it: its send queue is full");
     BOOST_TEST(hear(quick) == "event 0 category=test identifier=event payload=news");
 }
 
 BOOST_FIXTURE_TEST_CASE(anInitiatorTakesItsAnswersBeforeItAsksForMore, Conversation) {
     fill(caller, threeQuarters);
     for (const Frame& frame : {request(7), subscribe(8), unsubscribe(9)}) {
-        BOOST_TEST(router.isStalled(caller));
+        BOOST_TEST(router.flowControl().isCongested(caller));
         BOOST_TEST(say(caller, frame) == &caller);
     }
     BOOST_TEST(hear(service) == "");
@@ -718,41 +725,43 @@ BOOST_FIXTURE_TEST_CASE(aResponderThatTakesNothingMayStillAnswer, Conversation) 
 }
 
 BOOST_FIXTURE_TEST_CASE(thereIsRoomAgainBelowTheHalf, Conversation) {
-    fill(caller, outboxLimit / 2);
-    BOOST_TEST(!router.hasRoomAgain(caller));
-    BOOST_TEST(!router.isStalled(caller));
-    caller.outbox.consume(1);
-    BOOST_TEST(router.hasRoomAgain(caller));
+    fill(caller, queueLimit / 2);
+    BOOST_TEST(!router.flowControl().hasRoomAgain(caller));
+    BOOST_TEST(!router.flowControl().isCongested(caller));
+    caller.sendQueue.consume(1);
+    BOOST_TEST(router.flowControl().hasRoomAgain(caller));
 }
 
 BOOST_AUTO_TEST_SUITE_END()
 
-// All outboxes of one user together.
+// All send queues of one user together.
 BOOST_AUTO_TEST_SUITE(userLimits)
 
 struct TwoUsers : Conversation {
     static Limits withSmallAccount() {
         Limits limits = smallLimits();
-        limits.outboxBytesPerUser = 2 * outboxLimit;
+        limits.bytesPerUser = 2 * queueLimit;
         return limits;
     }
     TwoUsers() : Conversation(withSmallAccount()) {
         // Three quarters of the account, by sessions of which none is stalled itself.
-        for (int i = 0; i < 3; ++i) {
-            fill(initiator(), outboxLimit / 2);
+        for (int i = 0; i < 2; ++i) {
+            fill(initiator(), queueLimit / 2);
         }
+        Session& last = initiator();
+        fill(last, threeQuarters * 2 - userBytes(someUser));
         BOOST_REQUIRE(userBytes(someUser) == threeQuarters * 2);
     }
 };
 
 BOOST_FIXTURE_TEST_CASE(aFullAccountStallsThoseWhoHaveSomethingWaiting, TwoUsers) {
-    BOOST_TEST(!router.isStalled(service));
+    BOOST_TEST(!router.flowControl().isCongested(service));
     BOOST_TEST(say(caller, request(7)) == nullptr);
-    BOOST_TEST(router.isStalled(service));
+    BOOST_TEST(router.flowControl().isCongested(service));
     BOOST_TEST(say(caller, request(8)) == &service);
     hearBytes(service);  // what takes everything is never slow
-    BOOST_TEST(!router.isStalled(service));
-    BOOST_TEST(router.hasRoomAgain(service));
+    BOOST_TEST(!router.flowControl().isCongested(service));
+    BOOST_TEST(router.flowControl().hasRoomAgain(service));
 }
 
 BOOST_FIXTURE_TEST_CASE(aFullAccountIsNobodyElses, TwoUsers) {
@@ -760,17 +769,18 @@ BOOST_FIXTURE_TEST_CASE(aFullAccountIsNobodyElses, TwoUsers) {
     Session& other = initiator(otherUser);
     BOOST_TEST(say(other, request(1, "p", "others")) == nullptr);
     BOOST_TEST(say(other, request(2, "p", "others")) == nullptr);
-    BOOST_TEST(!router.isStalled(others));
+    BOOST_TEST(!router.flowControl().isCongested(others));
 }
 
 BOOST_FIXTURE_TEST_CASE(atTheAccountsLimitWhoHasSomethingWaitingIsClosed, TwoUsers) {
     const auto first = ask(7);
     const auto second = ask(8);
-    fill(initiator(), outboxLimit / 2);
-    BOOST_REQUIRE(userBytes(someUser) == outboxLimit * 2);
+    Session& hoarder = initiator();
+    fill(hoarder, queueLimit * 2 - userBytes(someUser));
     BOOST_TEST(say(service, response(first)) == nullptr);
     BOOST_TEST(closing(caller) == "");  // it had nothing waiting before
-    caller.patienceOver = true;
+    giveUpOn(caller);
+    fill(hoarder, hoarder.sendQueue.bytes() + 200);
     BOOST_TEST(say(service, response(second)) == nullptr);
     BOOST_TEST(closing(caller) != "");
 }
@@ -797,7 +807,7 @@ struct Embedded : ScriptedBroker {
 BOOST_FIXTURE_TEST_CASE(itAnswersAtOnce, Embedded) {
     command(caller, 7, "echo", "hi");
     BOOST_TEST(hear(caller) == "response 7 category=test identifier=echo uuid=u payload=hi");
-    BOOST_TEST(caller.openRequests == 0U);
+    BOOST_TEST(caller.pendingRequests == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(anEmptyAnswerHasAPayload, Embedded) {
@@ -835,8 +845,8 @@ BOOST_FIXTURE_TEST_CASE(itsLargeEventIsHeldOnceForAll, Embedded) {
     command(caller, 7, "event", payload);
     iovec firstPiece{};
     iovec secondPiece{};
-    BOOST_REQUIRE(first.outbox.gather(&firstPiece, 1) == 1U);
-    BOOST_REQUIRE(second.outbox.gather(&secondPiece, 1) == 1U);
+    BOOST_REQUIRE(first.sendQueue.gather(&firstPiece, 1) == 1U);
+    BOOST_REQUIRE(second.sendQueue.gather(&secondPiece, 1) == 1U);
     BOOST_TEST(firstPiece.iov_base == secondPiece.iov_base);
     const std::string bytes = hearBytes(second);
     BOOST_TEST((framesIn(bytes).at(0)[Field::payload] == payload));
@@ -844,11 +854,11 @@ BOOST_FIXTURE_TEST_CASE(itsLargeEventIsHeldOnceForAll, Embedded) {
 
 BOOST_FIXTURE_TEST_CASE(itsEventWaitsForASlowSubscriber, Embedded) {
     Session& slow = subscriber("test");
-    slow.outbox.appendCopy(std::string(threeQuarters, 'f'));
+    slow.sendQueue.appendCopy(std::string(threeQuarters, 'f'));
     BOOST_TEST(command(caller, 7, "event", "news") == &slow);
     BOOST_TEST(hear(caller) == "");
-    slow.outbox.clear();
-    BOOST_TEST(protocol.resume(caller) == nullptr);
+    slow.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(hear(caller) == "completion 7");
     BOOST_TEST(hear(slow) == "event 0 category=test identifier=event payload=news");
 }

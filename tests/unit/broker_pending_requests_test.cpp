@@ -1,31 +1,33 @@
 // The broker's table of the requests that responders have in hand.
-#define BOOST_TEST_MODULE brokerOpenRequests
+#define BOOST_TEST_MODULE brokerPendingRequests
+
+#include "broker/pending_requests.h"
 
 #include <boost/test/unit_test.hpp>
 #include <map>
 #include <random>
 #include <set>
 
-#include "broker/open_requests.h"
-
 using namespace kavri::broker;
 
 namespace {
 
 struct Table {
-    OpenRequests requests;
-    BufferPool pool;
     UserAccount account;
+    UserAccount initiatorsAccount;
+    BufferPool pool;
+    PendingRequests requests;
+    Session initiator{{7, 3}, 1001, initiatorsAccount, pool};
     Session first{{0, 0}, 1000, account, pool};
     Session second{{1, 0}, 1000, account, pool};
 
     // By the initiator's token, which says which request it is.
     std::uint64_t open(Session& responder, std::uint64_t initiatorToken) {
-        return requests.open(responder, {{7, 3}, initiatorToken});
+        return requests.open(responder, initiator, initiatorToken);
     }
     // What `responder` has in hand under the token; 0 for nothing.
     std::uint64_t found(const Session& responder, std::uint64_t token) const {
-        const OpenRequest* known = requests.find(responder, token);
+        const PendingRequest* known = requests.find(responder, token);
         return known == nullptr ? 0 : known->initiatorToken;
     }
 };
@@ -34,11 +36,12 @@ struct Table {
 
 BOOST_FIXTURE_TEST_CASE(aRequestIsFoundByTheTokenItWasGiven, Table) {
     const auto token = open(first, 11);
-    const OpenRequest* known = requests.find(first, token);
+    const PendingRequest* known = requests.find(first, token);
     BOOST_REQUIRE(known != nullptr);
     BOOST_TEST(known->initiatorToken == 11U);
-    BOOST_TEST((known->initiator == SessionId{7, 3}));
-    BOOST_TEST(first.requestsInHand == 1U);
+    BOOST_TEST(known->initiator == &initiator);
+    BOOST_TEST(initiator.pendingRequests == 1U);
+    BOOST_TEST(first.requestsInFlight == 1U);
 }
 
 BOOST_FIXTURE_TEST_CASE(nothingIsFoundUnderATokenThatWasNotGiven, Table) {
@@ -58,9 +61,9 @@ BOOST_FIXTURE_TEST_CASE(anotherRespondersRequestIsNotFound, Table) {
 
 BOOST_FIXTURE_TEST_CASE(aClosedRequestIsNotFoundAgain, Table) {
     const auto token = open(first, 11);
-    requests.close(first, token);
+    requests.close(token);
     BOOST_TEST(found(first, token) == 0U);
-    BOOST_TEST(first.requestsInHand == 0U);
+    BOOST_TEST(first.requestsInFlight == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aTokenIsNotGivenOutAgain, Table) {
@@ -68,7 +71,7 @@ BOOST_FIXTURE_TEST_CASE(aTokenIsNotGivenOutAgain, Table) {
     for (std::uint64_t i = 1; i <= 1000; ++i) {
         const auto token = open(first, i);
         BOOST_REQUIRE(given.insert(token).second);
-        requests.close(first, token);
+        requests.close(token);
     }
     for (const auto token : given) {
         BOOST_REQUIRE(found(first, token) == 0U);
@@ -77,7 +80,7 @@ BOOST_FIXTURE_TEST_CASE(aTokenIsNotGivenOutAgain, Table) {
 
 BOOST_FIXTURE_TEST_CASE(aSlotIsUsedAgain, Table) {
     const auto before = open(first, 11);
-    requests.close(first, before);
+    requests.close(before);
     const auto after = open(second, 12);
     BOOST_TEST(static_cast<std::uint32_t>(before) == static_cast<std::uint32_t>(after));
     BOOST_TEST(found(first, before) == 0U);
@@ -92,8 +95,8 @@ BOOST_FIXTURE_TEST_CASE(requestsCloseInAnyOrderOfThree, Table) {
                                                      open(first, 3)};
         std::size_t left = 3;
         for (const int which : order) {
-            requests.close(first, tokens[static_cast<std::size_t>(which)]);
-            BOOST_TEST(first.requestsInHand == --left);
+            requests.close(tokens[static_cast<std::size_t>(which)]);
+            BOOST_TEST(first.requestsInFlight == --left);
         }
         BOOST_TEST(!requests.closeAny(first).has_value());
     }
@@ -111,8 +114,8 @@ BOOST_FIXTURE_TEST_CASE(allOfOneResponderCanBeClosedAndNoneOfAnother, Table) {
         BOOST_TEST(expected.erase(closed->initiatorToken) == 1U);
     }
     BOOST_TEST(expected.empty());
-    BOOST_TEST(first.requestsInHand == 0U);
-    BOOST_TEST(second.requestsInHand == 10U);
+    BOOST_TEST(first.requestsInFlight == 0U);
+    BOOST_TEST(second.requestsInFlight == 10U);
     for (std::uint64_t i = 1; i <= 10; ++i) {
         BOOST_TEST(found(second, othersTokens[i - 1]) == 100 + i);
     }
@@ -141,13 +144,75 @@ BOOST_FIXTURE_TEST_CASE(itAgreesWithAPlainMapWhateverHappens, Table) {
             const auto known = expected.find(token);
             BOOST_REQUIRE(found(responder, token) == (known == expected.end() ? 0 : known->second));
             if (known != expected.end()) {
-                requests.close(responder, token);
+                requests.close(token);
                 expected.erase(known);
             }
         }
-        BOOST_REQUIRE(responder.requestsInHand == expected.size());
+        BOOST_REQUIRE(responder.requestsInFlight == expected.size());
     }
     for (const auto& [token, request] : plain[0]) {
         BOOST_REQUIRE(found(first, token) == request);
     }
+}
+
+// An initiator leaves.
+
+BOOST_FIXTURE_TEST_CASE(whatALeaverSentIsPendingNoLonger, Table) {
+    Session stays({8, 0}, 1001, initiatorsAccount, pool);
+    const auto gone = open(first, 11);
+    open(second, 12);
+    const auto kept = requests.open(first, stays, 13);
+    requests.abandonAll(initiator);
+    BOOST_TEST(initiator.pendingRequests == 0U);
+    BOOST_TEST(found(first, gone) == 0U);
+    BOOST_TEST(first.requestsInFlight == 1U);
+    BOOST_TEST(second.requestsInFlight == 0U);
+    BOOST_TEST(first.abandonedRequests == 1U);
+    BOOST_TEST(second.abandonedRequests == 1U);
+    BOOST_TEST(found(first, kept) == 13U);
+    requests.close(kept);
+}
+
+BOOST_FIXTURE_TEST_CASE(requestsLeaveTheInitiatorsListInAnyOrder, Table) {
+    for (const std::array<int, 3> order : std::initializer_list<std::array<int, 3>>{
+             {0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}) {
+        const std::array<std::uint64_t, 3> tokens = {open(first, 1), open(second, 2),
+                                                     open(first, 3)};
+        requests.close(tokens[static_cast<std::size_t>(order[0])]);
+        requests.close(tokens[static_cast<std::size_t>(order[1])]);
+        BOOST_TEST(initiator.pendingRequests == 1U);
+        requests.abandonAll(initiator);
+        BOOST_TEST(initiator.pendingRequests == 0U);
+        BOOST_TEST(first.requestsInFlight + second.requestsInFlight == 0U);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(eachIsChargedToTheInitiatorsUserWhileItIsPending, Table) {
+    const std::size_t before = initiatorsAccount.memory.bytes();
+    const std::size_t respondersBefore = account.memory.bytes();
+    const auto token = open(first, 11);
+    open(first, 12);
+    BOOST_TEST(initiatorsAccount.memory.bytes() == before + 2 * PendingRequests::bytesEach);
+    BOOST_TEST(account.memory.bytes() == respondersBefore);
+    requests.close(token);
+    BOOST_TEST(initiatorsAccount.memory.bytes() == before + PendingRequests::bytesEach);
+    requests.abandonAll(initiator);
+    BOOST_TEST(initiatorsAccount.memory.bytes() == before);
+}
+
+BOOST_FIXTURE_TEST_CASE(theMemoryOfManyRequestsIsFreedWithThem, Table) {
+    const auto stays = open(second, 1);
+    const std::size_t before = requests.capacity();
+    std::vector<std::uint64_t> tokens;
+    for (std::uint64_t i = 0; i < 100'000; ++i) {
+        tokens.push_back(open(first, i));
+    }
+    BOOST_TEST(requests.capacity() >= 100'000U);
+    for (const auto token : tokens) {
+        requests.close(token);
+    }
+    BOOST_TEST(requests.capacity() <= 2 * before);
+    BOOST_TEST(found(first, tokens.back()) == 0U);
+    BOOST_TEST(found(second, stays) == 1U);
+    requests.close(stays);
 }

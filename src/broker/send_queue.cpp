@@ -1,12 +1,12 @@
-// The queue of what waits to be written; see outbox.h.
-#include "broker/outbox.h"
+// The queue of what waits to be written; see send_queue.h.
+#include "broker/send_queue.h"
 
 #include <algorithm>
 #include <cstring>
 
 namespace kavri::broker {
 
-void Outbox::append(const interfaces::Frame& frame) {
+void SendQueue::append(const interfaces::Frame& frame) {
     const interfaces::Header header = interfaces::encodeHeader(frame);
     appendCopy({header.data(), header.size()});
     for (const std::string_view& field : frame.fields) {
@@ -14,8 +14,7 @@ void Outbox::append(const interfaces::Frame& frame) {
     }
 }
 
-void Outbox::appendCopy(std::string_view bytes) {
-    account(bytes.size());
+void SendQueue::appendCopy(std::string_view bytes) {
     while (!bytes.empty()) {
         const bool lastHasRoom = !slices_.empty() && !slices_.back().block.isShared() &&
                                  slices_.back().end < slices_.back().block->capacity();
@@ -26,16 +25,17 @@ void Outbox::appendCopy(std::string_view bytes) {
         const std::size_t part = std::min(bytes.size(), slice.block->capacity() - slice.end);
         std::memcpy(slice.block->bytes() + slice.end, bytes.data(), part);
         slice.end += part;
+        charge_.grow(part);
         bytes.remove_prefix(part);
     }
 }
 
-void Outbox::appendShared(const BlockRef& block, std::size_t length) {
-    account(length);
+void SendQueue::appendShared(const BlockRef& block, std::size_t length) {
     pool_.append(slices_, {block, 0, length});
+    charge_.grow(length);
 }
 
-std::size_t Outbox::gather(iovec* pieces, std::size_t most) const {
+std::size_t SendQueue::gather(iovec* pieces, std::size_t most) const {
     std::size_t count = 0;
     for (const Slice& slice : slices_) {
         if (count == most) {
@@ -46,9 +46,8 @@ std::size_t Outbox::gather(iovec* pieces, std::size_t most) const {
     return count;
 }
 
-void Outbox::consume(std::size_t bytes) {
-    bytes_ -= bytes;
-    userBytes_ -= bytes;
+void SendQueue::consume(std::size_t bytes) {
+    charge_.shrink(bytes);
     while (bytes > 0) {
         Slice& first = slices_.front();
         const std::size_t part = std::min(bytes, first.end - first.begin);
@@ -60,12 +59,11 @@ void Outbox::consume(std::size_t bytes) {
     }
 }
 
-void Outbox::clear() {
+void SendQueue::clear() {
     while (!slices_.empty()) {
         pool_.popFront(slices_);
     }
-    userBytes_ -= bytes_;
-    bytes_ = 0;
+    charge_.shrink(charge_.bytes());
 }
 
 }  // namespace kavri::broker

@@ -1,7 +1,7 @@
 // What waits for a peer: order, sharing, accounts and memory.
-#define BOOST_TEST_MODULE outbox
+#define BOOST_TEST_MODULE sendQueue
 
-#include "broker/outbox.h"
+#include "broker/send_queue.h"
 
 #include <boost/test/unit_test.hpp>
 #include <random>
@@ -9,9 +9,10 @@
 
 #include "support/frames.h"
 
+using kavri::broker::Account;
 using kavri::broker::BlockRef;
 using kavri::broker::BufferPool;
-using kavri::broker::Outbox;
+using kavri::broker::SendQueue;
 using namespace kavri::tests;
 
 namespace {
@@ -20,20 +21,20 @@ constexpr std::size_t standard = BufferPool::standardBytes;
 
 struct Peer {
     BufferPool pool;
-    std::size_t userBytes = 0;
-    Outbox outbox{pool, userBytes};
+    Account account;
+    SendQueue sendQueue{pool, account};
 };
 
-std::vector<iovec> pieces(const Outbox& outbox, std::size_t most = 1000) {
+std::vector<iovec> pieces(const SendQueue& sendQueue, std::size_t most = 1000) {
     std::vector<iovec> all(most);
-    all.resize(outbox.gather(all.data(), most));
+    all.resize(sendQueue.gather(all.data(), most));
     return all;
 }
 
 // What the peer would be written, which stays there.
-std::string content(const Outbox& outbox) {
+std::string content(const SendQueue& sendQueue) {
     std::string bytes;
-    for (const iovec& piece : pieces(outbox)) {
+    for (const iovec& piece : pieces(sendQueue)) {
         bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
     }
     return bytes;
@@ -57,186 +58,186 @@ BlockRef blockOf(BufferPool& pool, const std::string& bytes) {
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_CASE(aFreshOutboxIsEmptyAndHoldsNothing, Peer) {
-    BOOST_TEST(outbox.empty());
-    BOOST_TEST(outbox.bytes() == 0U);
-    BOOST_TEST(pieces(outbox).empty());
+BOOST_FIXTURE_TEST_CASE(aFreshSendQueueIsEmptyAndHoldsNothing, Peer) {
+    BOOST_TEST(sendQueue.empty());
+    BOOST_TEST(sendQueue.bytes() == 0U);
+    BOOST_TEST(pieces(sendQueue).empty());
 }
 
 BOOST_FIXTURE_TEST_CASE(whatIsAppendedComesOutInOrder, Peer) {
-    outbox.appendCopy("one, ");
-    outbox.appendShared(blockOf(pool, "two, "), 5);
-    outbox.appendCopy("three");
-    BOOST_TEST(content(outbox) == "one, two, three");
-    BOOST_TEST(outbox.bytes() == 15U);
+    sendQueue.appendCopy("one, ");
+    sendQueue.appendShared(blockOf(pool, "two, "), 5);
+    sendQueue.appendCopy("three");
+    BOOST_TEST(content(sendQueue) == "one, two, three");
+    BOOST_TEST(sendQueue.bytes() == 15U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aFrameIsAppendedAsItIsEncoded, Peer) {
     const Frame frame = makeFrame(FrameType::request, 7, {"test", "echo", "u", "payload"}, 3);
-    outbox.append(frame);
-    BOOST_TEST((content(outbox) == encode(frame)));
-    BOOST_TEST(outbox.bytes() == kavri::interfaces::encodedBytes(frame));
+    sendQueue.append(frame);
+    BOOST_TEST((content(sendQueue) == encode(frame)));
+    BOOST_TEST(sendQueue.bytes() == kavri::interfaces::encodedBytes(frame));
 }
 
 BOOST_FIXTURE_TEST_CASE(smallFramesLeaveInOnePiece, Peer) {
     for (std::uint64_t i = 0; i < 100; ++i) {
-        outbox.append(makeFrame(FrameType::ping, i));
+        sendQueue.append(makeFrame(FrameType::ping, i));
     }
-    BOOST_TEST(pieces(outbox).size() == 1U);
+    BOOST_TEST(pieces(sendQueue).size() == 1U);
 }
 
 BOOST_FIXTURE_TEST_CASE(copiesThatDoNotFitGoOnInTheNextBlock, Peer) {
     const std::string bytes = distinctBytes(3 * standard + 100);
     for (std::size_t i = 0; i < bytes.size(); i += 1000) {
-        outbox.appendCopy(std::string_view(bytes).substr(i, 1000));
+        sendQueue.appendCopy(std::string_view(bytes).substr(i, 1000));
     }
-    BOOST_TEST((content(outbox) == bytes));
-    BOOST_TEST(pieces(outbox).size() == 4U);
+    BOOST_TEST((content(sendQueue) == bytes));
+    BOOST_TEST(pieces(sendQueue).size() == 4U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aBlockIsFilledToItsLastByteFirst, Peer) {
-    outbox.appendCopy(std::string(standard, 'x'));
-    BOOST_TEST(pieces(outbox).size() == 1U);
-    outbox.appendCopy("y");
-    BOOST_TEST(pieces(outbox).size() == 2U);
+    sendQueue.appendCopy(std::string(standard, 'x'));
+    BOOST_TEST(pieces(sendQueue).size() == 1U);
+    sendQueue.appendCopy("y");
+    BOOST_TEST(pieces(sendQueue).size() == 2U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aSharedBlockIsNotCopied, Peer) {
     const std::string bytes = distinctBytes(100'000);
     const BlockRef block = blockOf(pool, bytes);
-    outbox.appendShared(block, bytes.size());
-    BOOST_REQUIRE(pieces(outbox).size() == 1U);
-    BOOST_TEST(pieces(outbox)[0].iov_base == static_cast<void*>(block->bytes()));
-    BOOST_TEST(pieces(outbox)[0].iov_len == bytes.size());
+    sendQueue.appendShared(block, bytes.size());
+    BOOST_REQUIRE(pieces(sendQueue).size() == 1U);
+    BOOST_TEST(pieces(sendQueue)[0].iov_base == static_cast<void*>(block->bytes()));
+    BOOST_TEST(pieces(sendQueue)[0].iov_len == bytes.size());
 }
 
 BOOST_FIXTURE_TEST_CASE(oneBlockGoesToManyPeersAndEachTakesItAtItsOwnPace, Peer) {
     const std::string bytes = distinctBytes(50'000);
-    std::size_t otherUserBytes = 0;
-    Outbox other(pool, otherUserBytes);
+    Account otherAccount;
+    SendQueue other(pool, otherAccount);
     {
         const BlockRef block = blockOf(pool, bytes);
-        outbox.appendShared(block, bytes.size());
+        sendQueue.appendShared(block, bytes.size());
         other.appendShared(block, bytes.size());
         BOOST_TEST(block.isShared());
     }
-    outbox.consume(49'999);
+    sendQueue.consume(49'999);
     BOOST_TEST((content(other) == bytes));
-    outbox.consume(1);
-    BOOST_TEST(outbox.empty());
+    sendQueue.consume(1);
+    BOOST_TEST(sendQueue.empty());
     BOOST_TEST((content(other) == bytes));
 }
 
 // What is appended behind a shared block must not be written into it: others
 // would see it.
 BOOST_FIXTURE_TEST_CASE(nothingIsWrittenIntoABlockThatOthersHaveToo, Peer) {
-    std::size_t otherUserBytes = 0;
-    Outbox other(pool, otherUserBytes);
+    Account otherAccount;
+    SendQueue other(pool, otherAccount);
     const BlockRef block = blockOf(pool, "shared");  // with room behind
-    outbox.appendShared(block, 6);
+    sendQueue.appendShared(block, 6);
     other.appendShared(block, 6);
-    outbox.appendCopy(" and mine");
+    sendQueue.appendCopy(" and mine");
     other.appendCopy(" and another's");
-    BOOST_TEST(content(outbox) == "shared and mine");
+    BOOST_TEST(content(sendQueue) == "shared and mine");
     BOOST_TEST(content(other) == "shared and another's");
 }
 
 BOOST_FIXTURE_TEST_CASE(partsAreConsumedByteByByte, Peer) {
     const std::string bytes = distinctBytes(standard + 200);
-    outbox.appendCopy(std::string_view(bytes).substr(0, standard));
-    outbox.appendShared(blockOf(pool, bytes.substr(standard, 100)), 100);
-    outbox.appendCopy(std::string_view(bytes).substr(standard + 100));
+    sendQueue.appendCopy(std::string_view(bytes).substr(0, standard));
+    sendQueue.appendShared(blockOf(pool, bytes.substr(standard, 100)), 100);
+    sendQueue.appendCopy(std::string_view(bytes).substr(standard + 100));
     for (std::size_t taken = 0; taken < bytes.size();) {
         const std::size_t part = taken + 997 < standard ? 997 : 1;
-        outbox.consume(part);
+        sendQueue.consume(part);
         taken += part;
-        BOOST_REQUIRE(outbox.bytes() == bytes.size() - taken);
-        BOOST_REQUIRE(outbox.empty() == (taken == bytes.size()));
-        BOOST_REQUIRE((content(outbox) == bytes.substr(taken)));
+        BOOST_REQUIRE(sendQueue.bytes() == bytes.size() - taken);
+        BOOST_REQUIRE(sendQueue.empty() == (taken == bytes.size()));
+        BOOST_REQUIRE((content(sendQueue) == bytes.substr(taken)));
     }
 }
 
 BOOST_FIXTURE_TEST_CASE(oneConsumptionMayTakeSeveralPieces, Peer) {
     for (const char* text : {"one", "two", "three"}) {
-        outbox.appendShared(blockOf(pool, text), std::string_view(text).size());
+        sendQueue.appendShared(blockOf(pool, text), std::string_view(text).size());
     }
-    outbox.consume(8);
-    BOOST_TEST(content(outbox) == "ree");
-    BOOST_TEST(pieces(outbox).size() == 1U);
+    sendQueue.consume(8);
+    BOOST_TEST(content(sendQueue) == "ree");
+    BOOST_TEST(pieces(sendQueue).size() == 1U);
 }
 
 BOOST_FIXTURE_TEST_CASE(whatIsAppendedAfterAPartWasTakenFollowsTheRest, Peer) {
-    outbox.appendCopy("abcdef");
-    outbox.consume(4);
-    outbox.appendCopy("gh");
-    BOOST_TEST(content(outbox) == "efgh");
-    BOOST_TEST(pieces(outbox).size() == 1U);
-    outbox.consume(4);
-    outbox.appendCopy("again");
-    BOOST_TEST(content(outbox) == "again");
+    sendQueue.appendCopy("abcdef");
+    sendQueue.consume(4);
+    sendQueue.appendCopy("gh");
+    BOOST_TEST(content(sendQueue) == "efgh");
+    BOOST_TEST(pieces(sendQueue).size() == 1U);
+    sendQueue.consume(4);
+    sendQueue.appendCopy("again");
+    BOOST_TEST(content(sendQueue) == "again");
 }
 
 BOOST_FIXTURE_TEST_CASE(noMoreIsGatheredThanIsAskedFor, Peer) {
     for (int i = 0; i < 10; ++i) {
-        outbox.appendShared(blockOf(pool, std::to_string(i)), 1);
+        sendQueue.appendShared(blockOf(pool, std::to_string(i)), 1);
     }
-    BOOST_TEST(pieces(outbox, 0).empty());
-    const std::vector<iovec> first = pieces(outbox, 3);
+    BOOST_TEST(pieces(sendQueue, 0).empty());
+    const std::vector<iovec> first = pieces(sendQueue, 3);
     BOOST_REQUIRE(first.size() == 3U);
     BOOST_TEST(*static_cast<char*>(first[0].iov_base) == '0');
     BOOST_TEST(*static_cast<char*>(first[2].iov_base) == '2');
-    BOOST_TEST(pieces(outbox, 10).size() == 10U);
-    BOOST_TEST(pieces(outbox, 11).size() == 10U);
+    BOOST_TEST(pieces(sendQueue, 10).size() == 10U);
+    BOOST_TEST(pieces(sendQueue, 11).size() == 10U);
 }
 
-BOOST_FIXTURE_TEST_CASE(theUsersAccountIsTheSumOfHisOutboxes, Peer) {
+BOOST_FIXTURE_TEST_CASE(theUsersAccountIsTheSumOfHisSendQueues, Peer) {
     {
-        Outbox another(pool, userBytes);
-        outbox.appendCopy("12345");
+        SendQueue another(pool, account);
+        sendQueue.appendCopy("12345");
         another.appendShared(blockOf(pool, "1234567"), 7);
-        BOOST_TEST(userBytes == 12U);
-        outbox.consume(2);
-        BOOST_TEST(userBytes == 10U);
+        BOOST_TEST(account.bytes() == 12U);
+        sendQueue.consume(2);
+        BOOST_TEST(account.bytes() == 10U);
         another.append(makeFrame(FrameType::ping, 1));
-        BOOST_TEST(userBytes == 42U);
+        BOOST_TEST(account.bytes() == 42U);
         another.consume(8);
-        BOOST_TEST(userBytes == 34U);
+        BOOST_TEST(account.bytes() == 34U);
     }
-    BOOST_TEST(userBytes == 3U);  // the other is gone, with what was left in it
-    outbox.clear();
-    BOOST_TEST(userBytes == 0U);
+    BOOST_TEST(account.bytes() == 3U);  // the other is gone, with what was left in it
+    sendQueue.clear();
+    BOOST_TEST(account.bytes() == 0U);
 }
 
-BOOST_FIXTURE_TEST_CASE(aClearedOutboxIsAsGoodAsNew, Peer) {
-    outbox.appendCopy(std::string(3 * standard, 'x'));
-    outbox.consume(10);
-    outbox.clear();
-    BOOST_TEST(outbox.empty());
-    BOOST_TEST(pieces(outbox).empty());
-    outbox.appendCopy("new");
-    BOOST_TEST(content(outbox) == "new");
-    BOOST_TEST(userBytes == 3U);
+BOOST_FIXTURE_TEST_CASE(aClearedSendQueueIsAsGoodAsNew, Peer) {
+    sendQueue.appendCopy(std::string(3 * standard, 'x'));
+    sendQueue.consume(10);
+    sendQueue.clear();
+    BOOST_TEST(sendQueue.empty());
+    BOOST_TEST(pieces(sendQueue).empty());
+    sendQueue.appendCopy("new");
+    BOOST_TEST(content(sendQueue) == "new");
+    BOOST_TEST(account.bytes() == 3U);
 }
 
 // A chain of pieces that freed itself by recursion would end the program here.
-BOOST_FIXTURE_TEST_CASE(anOutboxOfVeryManyPiecesGoesQuietly, Peer) {
+BOOST_FIXTURE_TEST_CASE(aSendQueueOfVeryManyPiecesGoesQuietly, Peer) {
     const BlockRef block = blockOf(pool, "x");
     for (int i = 0; i < 300'000; ++i) {
-        outbox.appendShared(block, 1);
+        sendQueue.appendShared(block, 1);
     }
-    BOOST_TEST(userBytes == 300'000U);
-    outbox.clear();
-    BOOST_TEST(userBytes == 0U);
+    BOOST_TEST(account.bytes() == 300'000U);
+    sendQueue.clear();
+    BOOST_TEST(account.bytes() == 0U);
     BOOST_TEST(!block.isShared());
 }
 
-BOOST_FIXTURE_TEST_CASE(anEmptiedOutboxGivesItsBlocksBack, Peer) {
+BOOST_FIXTURE_TEST_CASE(anEmptiedSendQueueGivesItsBlocksBack, Peer) {
     const BlockRef block = blockOf(pool, "shared");
-    outbox.appendShared(block, 6);
+    sendQueue.appendShared(block, 6);
     BOOST_TEST(block.isShared());
-    outbox.consume(5);
+    sendQueue.consume(5);
     BOOST_TEST(block.isShared());
-    outbox.consume(1);
+    sendQueue.consume(1);
     BOOST_TEST(!block.isShared());
 }
 
@@ -297,18 +298,18 @@ BOOST_AUTO_TEST_CASE(aBlockLivesAsLongAsAnyReferenceToIt) {
                static_cast<const void*>(third->bytes()));
 }
 
-BOOST_AUTO_TEST_CASE(whatAnOutboxLetsGoIsKeptUntilThePoolIsTrimmed) {
+BOOST_AUTO_TEST_CASE(whatASendQueueLetsGoIsKeptUntilThePoolIsTrimmed) {
     BufferPool pool;
     BOOST_TEST(pool.isEmpty());
-    std::size_t userBytes = 0;
-    Outbox outbox(pool, userBytes);
-    outbox.appendCopy("x");
+    Account account;
+    SendQueue sendQueue(pool, account);
+    sendQueue.appendCopy("x");
     BOOST_TEST(pool.isEmpty());
-    outbox.consume(1);
+    sendQueue.consume(1);
     BOOST_TEST(!pool.isEmpty());
-    outbox.appendCopy("y");
+    sendQueue.appendCopy("y");
     BOOST_TEST(pool.isEmpty());
-    outbox.clear();
+    sendQueue.clear();
     pool.trim();
     BOOST_TEST(pool.isEmpty());
 }

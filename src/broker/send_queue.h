@@ -1,11 +1,11 @@
-// What waits to be written to one peer, in order.
+// What is queued to be written to one peer, in order.
 //
 // A queue of slices of blocks. Small frames are copied behind one another into
 // one block, so that they leave in one write; large ones, and many events that
 // come together, are slices of a block that all who get them share. An empty
-// outbox owns no memory.
-#ifndef KAVRI_BROKER_OUTBOX_H
-#define KAVRI_BROKER_OUTBOX_H
+// send queue owns no memory.
+#ifndef KAVRI_BROKER_SEND_QUEUE_H
+#define KAVRI_BROKER_SEND_QUEUE_H
 
 #include <sys/uio.h>
 
@@ -13,21 +13,23 @@
 #include <list>
 #include <string_view>
 
+#include "broker/account.h"
 #include "broker/buffer.h"
 #include "interfaces/frame.h"
 
 namespace kavri::broker {
 
-class Outbox {
+class SendQueue {
   public:
-    // `userBytes` is the account of the peer's user: all outboxes of his together.
-    Outbox(BufferPool& pool, std::size_t& userBytes) : pool_(pool), userBytes_(userBytes) {}
-    Outbox(const Outbox&) = delete;
-    Outbox& operator=(const Outbox&) = delete;
-    ~Outbox() { clear(); }
+    // What is queued is charged to `account`; of a block that many queues share, its
+    // bytes to each.
+    SendQueue(BufferPool& pool, Account& account) : pool_(pool), charge_(account) {}
+    SendQueue(const SendQueue&) = delete;
+    SendQueue& operator=(const SendQueue&) = delete;
+    ~SendQueue() { clear(); }
 
-    std::size_t bytes() const { return bytes_; }
-    bool empty() const { return bytes_ == 0; }
+    std::size_t bytes() const { return charge_.bytes(); }
+    bool empty() const { return charge_.bytes() == 0; }
 
     void append(const interfaces::Frame& frame);
     void appendCopy(std::string_view bytes);
@@ -39,14 +41,9 @@ class Outbox {
     void clear();
 
   private:
-    void account(std::size_t added) {
-        bytes_ += added;
-        userBytes_ += added;
-    }
     BufferPool& pool_;
-    std::size_t& userBytes_;
     std::list<Slice> slices_;
-    std::size_t bytes_ = 0;
+    Charge charge_;
 };
 
 }  // namespace kavri::broker
