@@ -13,7 +13,7 @@ namespace {
 
 const Clock::time_point begin{};
 
-Deadline at(int ms, std::uint32_t session = 0, DeadlineKind kind = DeadlineKind::progress) {
+Deadline at(int ms, std::uint32_t session = 0, DeadlineKind kind = DeadlineKind::drain) {
     return {begin + milliseconds(ms), kind, {session, 0}};
 }
 
@@ -110,8 +110,8 @@ BOOST_AUTO_TEST_CASE(aCancelledDeadlineIsGoneAndNoOtherIs) {
     deadlines.set(at(10, 1));
     deadlines.set(at(20, 1, DeadlineKind::handshake));
     deadlines.set(at(30, 2));
-    deadlines.cancel(DeadlineKind::progress, {1, 0});
-    deadlines.cancel(DeadlineKind::progress, {1, 0});
+    deadlines.cancel(DeadlineKind::drain, {1, 0});
+    deadlines.cancel(DeadlineKind::drain, {1, 0});
     BOOST_TEST(deadlines.size() == 2U);
     BOOST_TEST((deadlines.next() == begin + milliseconds(20)));
     BOOST_TEST((deadlines.takeDue(begin + milliseconds(20))->kind == DeadlineKind::handshake));
