@@ -178,6 +178,11 @@ kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator);
  * connection has to be made; for at most sendTimeoutMs in all. What becomes of
  * the request is told by a later receive.
  *
+ * While a request waits for a responder that does not keep up, what was sent after
+ * it over the same initiator waits too, also for other categories. The wait ends
+ * when the responder takes more, or with IPC_OVERLOADED some hundred milliseconds
+ * after it took too little (the broker's stall_ms).
+ *
  * targetCategory, targetIdentifier, uuid: at most 64 KiB each. payload: at
  * most what the broker allows (1 MiB unless configured). All four must be
  * given; all may be empty. The uuid comes back in the response; it need not be

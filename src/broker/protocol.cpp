@@ -157,6 +157,7 @@ bool Protocol::chargeInput(Session& session, std::size_t bytes) {
 }
 
 Session* Protocol::handle(Session& session, InputFrame& frame) {
+    ++frames_;
     const std::optional<Frame> values = interfaces::decode(frame.bytes);
     if (!values) {
         closeMalformed(session, interfaces::errorText(interfaces::FrameError::nulInField));

@@ -7,6 +7,7 @@
 #define KAVRI_BROKER_PROTOCOL_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "broker/router.h"
@@ -28,6 +29,9 @@ class Protocol {
     // handled yet. Returns the session that this one must wait for, or null.
     // Bytes that are in a block already are not copied to be kept.
     Session* take(Session& session, char* bytes, std::size_t count, const BlockRef& block = {});
+
+    // How many frames there were so far.
+    std::uint64_t frames() const { return frames_; }
 
     // The session's large frame has got all its bytes. Returns as take does.
     Session* takeLarge(Session& session);
@@ -58,6 +62,7 @@ class Protocol {
     BufferPool& pool_;
     const std::string identity_;
     Close close_;
+    std::uint64_t frames_ = 0;
 };
 
 }  // namespace kavri::broker

@@ -134,7 +134,10 @@ std::size_t Server::readShare(const Session& session) const {
     const std::size_t receivers =
         session.served == nullptr ? 0 : session.served->subscribers.size();
     const std::size_t share = readBytesPerRound / std::max(readiness_.events().size(), receivers);
-    return std::clamp(share, leastReadBytes, receivers > 1 ? readBytesOfEvents : readBytes);
+    const std::size_t most = receivers > 1 ? Traffic::mostReadBytes
+                                           : std::clamp(framesPerRead * session.typicalFrameBytes,
+                                                        leastReadBytes, Traffic::mostReadBytes);
+    return std::clamp(share, leastReadBytes, most);
 }
 
 void Server::handleDeadlines() {
@@ -155,7 +158,7 @@ void Server::handleDeadline(DeadlineKind kind, Session& session) {
         case DeadlineKind::handshake:
             // Its hello may have come in time, and wait behind others' input.
             if (session.role == Role::unknown) {
-                traffic_.receive(session, readBytes);
+                traffic_.receive(session, readShare(session));
             }
             if (session.role == Role::unknown && !session.isClosing) {
                 close(session, KAVRI_CORE_STATUS_IPC_REFUSED, "said no hello in time");
@@ -226,7 +229,7 @@ void Server::open(const Accepted& accepted) {
         return;
     }
     traffic_.watch(*session);
-    traffic_.receive(*session, readBytes);  // its hello is mostly there already
+    traffic_.receive(*session, readShare(*session));  // its hello is mostly there already
 }
 
 void Server::keepListening() {

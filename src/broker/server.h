@@ -61,11 +61,10 @@ class Server {
 
   private:
     static constexpr std::size_t removalsPerRound = 64;
-    // One read takes at most this much from one session, so that a peer with much
-    // to say delays others by some microseconds only. From one that may have events
-    // for several it takes more, since these then leave in fewer writes.
-    static constexpr std::size_t readBytes = 8 * interfaces::kibibyte;
-    static constexpr std::size_t readBytesOfEvents = Traffic::mostReadBytes;
+    // One read takes about so many frames from one session, so that a peer with much to
+    // say delays others by some microseconds only. From one that may have events for
+    // several it takes more, since these then leave in fewer writes.
+    static constexpr std::size_t framesPerRead = 128;
     // What all reads of a round share, and the least that one gets of it.
     static constexpr std::size_t readBytesPerRound = 1 * interfaces::mebibyte;
     static constexpr std::size_t leastReadBytes = 2 * interfaces::kibibyte;

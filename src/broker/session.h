@@ -87,6 +87,7 @@ struct Session {
     std::uint32_t largeFilled = 0;
     std::uint32_t backlogOffset = 0;
     std::uint32_t backlogBytes = 0;
+    std::uint32_t typicalFrameBytes = 64;  // of its latest input
     Charge charge;  // for the session itself, its input and its pending requests
     // When the frame began that is still incomplete; zero when that is not known yet.
     Clock::time_point frameBegan;

@@ -73,7 +73,18 @@ void Traffic::readFrom(Session& session, std::size_t mostBytes) {
     }
     const std::size_t total =
         std::exchange(session.backlogBytes, 0) + static_cast<std::size_t>(count);
+    const std::uint64_t framesBefore = protocol().frames();
     takeInput(session, [&] { return protocol().take(session, readBuffer_.data(), total); });
+    noteFrameSize(session, static_cast<std::size_t>(count), protocol().frames() - framesBefore);
+}
+
+// Grows slowly, so that a peer that changes the size of its frames gets one large read at
+// most before its next is small again.
+void Traffic::noteFrameSize(Session& session, std::size_t bytes, std::uint64_t frames) {
+    if (frames > 0) {
+        session.typicalFrameBytes = static_cast<std::uint32_t>(
+            std::min<std::size_t>(bytes / frames + 1, std::size_t{2} * session.typicalFrameBytes));
+    }
 }
 
 // Straight into the large frame's own block; of what follows it little, since that

@@ -59,6 +59,7 @@ class Traffic {
 
   private:
     void readFrom(Session& session, std::size_t mostBytes);
+    static void noteFrameSize(Session& session, std::size_t bytes, std::uint64_t frames);
     void readLarge(Session& session);
     template <typename Take>
     void takeInput(Session& session, Take take);
