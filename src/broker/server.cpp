@@ -133,7 +133,8 @@ void Server::handleEvent(const epoll_event& event) {
 std::size_t Server::readShare(const Session& session) const {
     const std::size_t receivers =
         session.served == nullptr ? 0 : session.served->subscribers.size();
-    const std::size_t share = readBytesPerRound / std::max(readiness_.events().size(), receivers);
+    const std::size_t share =
+        readBytesPerRound / std::max({std::size_t{1}, readiness_.events().size(), receivers});
     const std::size_t most = receivers > 1 ? Traffic::mostReadBytes
                                            : std::clamp(framesPerRead * session.typicalFrameBytes,
                                                         leastReadBytes, Traffic::mostReadBytes);
