@@ -131,14 +131,16 @@ void Server::handleEvent(const epoll_event& event) {
 // Each frame of a responder may be an event to all who subscribed, so what is read
 // from it costs as many times as much.
 std::size_t Server::readShare(const Session& session) const {
+    const std::size_t ready = std::max<std::size_t>(1, readiness_.events().size());
     const std::size_t receivers =
         session.served == nullptr ? 0 : session.served->subscribers.size();
-    const std::size_t share =
-        readBytesPerRound / std::max({std::size_t{1}, readiness_.events().size(), receivers});
-    const std::size_t most = receivers > 1 ? Traffic::mostReadBytes
-                                           : std::clamp(framesPerRead * session.typicalFrameBytes,
-                                                        leastReadBytes, Traffic::mostReadBytes);
-    return std::clamp(share, leastReadBytes, most);
+    if (receivers > 1) {
+        return std::clamp(eventBytesPerRound / std::max(ready, receivers), leastEventBytesPerRead,
+                          Traffic::mostReadBytes);
+    }
+    const std::size_t frames =
+        std::clamp(framesPerRound / ready, leastFramesPerRead, framesPerRead);
+    return std::min(frames * session.typicalFrameBytes, Traffic::mostReadBytes);
 }
 
 void Server::handleDeadlines() {

@@ -61,13 +61,16 @@ class Server {
 
   private:
     static constexpr std::size_t removalsPerRound = 64;
-    // One read takes about so many frames from one session, so that a peer with much to
-    // say delays others by some microseconds only. From one that may have events for
-    // several it takes more, since these then leave in fewer writes.
+    // What all reads of a round share in frames, about, and what one session gets of it:
+    // so a peer with much to say delays others by some microseconds only, and many by
+    // less than a millisecond.
+    static constexpr std::size_t framesPerRound = 4096;
     static constexpr std::size_t framesPerRead = 128;
-    // What all reads of a round share, and the least that one gets of it.
-    static constexpr std::size_t readBytesPerRound = 1 * interfaces::mebibyte;
-    static constexpr std::size_t leastReadBytes = 2 * interfaces::kibibyte;
+    static constexpr std::size_t leastFramesPerRead = 16;
+    // From one that may have events for several more is read, since these then leave in
+    // fewer writes; but a round delivers no more than this.
+    static constexpr std::size_t eventBytesPerRound = 1 * interfaces::mebibyte;
+    static constexpr std::size_t leastEventBytesPerRead = 2 * interfaces::kibibyte;
 
     void waitForEvents();
     int sleepTimeMs(Clock::time_point now) const;
