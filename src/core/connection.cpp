@@ -46,7 +46,8 @@ int pollTimeMs(Deadline deadline, Clock::time_point now) {
 }
 
 // 0, or the error.
-int connectSocket(int descriptor, const std::string& path, Clock::time_point deadline) {
+int connectSocket(int descriptor, const std::string& path, const Waker& waker,
+                  Clock::time_point deadline) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
@@ -54,7 +55,7 @@ int connectSocket(int descriptor, const std::string& path, Clock::time_point dea
            0) {
         const int error = errno;
         const bool again = error == EAGAIN || error == EINTR;
-        if (!again || Clock::now() >= deadline) {
+        if (!again || Clock::now() >= deadline || waker.isWoken()) {
             return error;
         }
         std::this_thread::sleep_for(connectPause);
@@ -103,14 +104,15 @@ bool Waker::isWoken() const {
 Connection::Opened Connection::open(const std::string& address, std::string_view role,
                                     std::string_view servedCategory, const Waker& waker,
                                     Clock::time_point deadline) {
+    std::unique_ptr<Connection> made(new Connection);
     const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (descriptor < 0) {
         return {KAVRI_CORE_STATUS_OUT_OF_RESOURCES, reasonOf(errno), nullptr};
     }
-    std::unique_ptr<Connection> made(new Connection(descriptor));
+    made->descriptor_ = descriptor;
     ::setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &interfaces::socketBufferBytes,
                  sizeof interfaces::socketBufferBytes);
-    if (const int error = connectSocket(descriptor, address, deadline); error != 0) {
+    if (const int error = connectSocket(descriptor, address, waker, deadline); error != 0) {
         return {KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE, reasonOf(error), nullptr};
     }
     Refusal refusal = made->greet(role, {waker, deadline});
@@ -123,11 +125,10 @@ Connection::Opened Connection::open(const std::string& address, std::string_view
     return {refusal.status, std::move(refusal.reason), std::move(made)};
 }
 
-Connection::Connection(int descriptor)
-    : descriptor_(descriptor), payloadLimitBytes_(interfaces::Limits{}.payloadBytes) {}
+Connection::Connection() : payloadLimitBytes_(interfaces::Limits{}.payloadBytes) {}
 
 Connection::~Connection() {
-    ::close(descriptor_);
+    closeCopy();
 }
 
 Connection::Refusal Connection::greet(std::string_view role, Patience patience) {
@@ -170,7 +171,8 @@ Connection::Refusal Connection::exchange(const Frame& frame, FrameType expected,
     iovec piece{bytes.data(), bytes.size()};
     iovec* pieces = &piece;
     std::size_t count = 1;
-    while (write(pieces, count) == Io::wouldBlock && Clock::now() < patience.deadline) {
+    while (write(pieces, count) == Io::wouldBlock && Clock::now() < patience.deadline &&
+           !patience.waker.isWoken()) {
         waitToWrite(patience.waker, false, patience.deadline);
     }
     while (true) {
@@ -377,6 +379,12 @@ void Connection::waitToWrite(const Waker& waker, bool orToRead, Deadline deadlin
 
 void Connection::shutDown() {
     ::shutdown(descriptor_, SHUT_RDWR);
+}
+
+void Connection::closeCopy() {
+    if (descriptor_ >= 0) {
+        ::close(std::exchange(descriptor_, -1));
+    }
 }
 
 }  // namespace kavri::core

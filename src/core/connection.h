@@ -98,9 +98,12 @@ class Connection {
 
     // No further byte goes either way, and whoever waits wakes up.
     void shutDown();
+    // Closes this process's descriptor alone: the connection of a process that forked this
+    // one stays as it is.
+    void closeCopy();
 
   private:
-    explicit Connection(int descriptor);
+    Connection();
 
     // Why the handshake failed; empty when it did not.
     struct Refusal {
@@ -123,7 +126,7 @@ class Connection {
     void beginLarge(interfaces::Extent extent);
     std::optional<interfaces::Frame> decoded(const char* bytes, const char* payload = nullptr);
 
-    const int descriptor_;
+    int descriptor_ = -1;  // -1: none yet, or closed
     std::size_t payloadLimitBytes_;
     interfaces::Spin spin_;
     // Whether to read before waiting: the last wait found that something was there.

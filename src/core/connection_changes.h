@@ -45,11 +45,12 @@ class ConnectionChanges {
     }
 
     // The oldest; there must be one.
+    const ConnectionChange& oldest() const { return changes_[first_]; }
     ConnectionChange take() {
-        const ConnectionChange oldest = changes_[first_];
+        const ConnectionChange taken = oldest();
         first_ = (first_ + 1) % capacity;
         --count_;
-        return oldest;
+        return taken;
     }
 
   private:

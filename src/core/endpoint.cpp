@@ -2,11 +2,11 @@
 #include "core/endpoint.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <exception>
-#include <vector>
 
 #include "core/lifecycle.h"
 #include "interfaces/address.h"
@@ -117,13 +117,18 @@ void Endpoint::end() {
 }
 
 void Endpoint::abandon(std::shared_ptr<Endpoint> copy) {
-    // Reachable for good, and never destroyed.
-    static auto& abandoned = *new std::vector<std::shared_ptr<Endpoint>>;
-    Endpoint& endpoint = *abandoned.emplace_back(std::move(copy));
+    // All of them stay reachable, and none is ever destroyed. Allocates nothing.
+    static std::atomic<Endpoint*> newest{nullptr};
+    Endpoint& endpoint = *copy;
+    endpoint.itself_ = std::move(copy);
+    endpoint.abandonedBefore_ = newest.exchange(&endpoint);
     // Where a thread of the parent was at work when it forked, what it was changing may
     // be half changed.
     if (endpoint.mutex_.try_lock()) {
-        endpoint.connection_ = nullptr;
+        if (endpoint.connection_ != nullptr) {
+            // A thread of the parent that was reading has a share in it, for good.
+            endpoint.connection_->closeCopy();
+        }
         endpoint.waker_.reset();
         endpoint.dropMessages();
         endpoint.mutex_.unlock();
@@ -158,7 +163,6 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, CallDeadline& deadline) 
                                   *waker_, latest);
     } catch (...) {
         opened.status = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
-        opened.reason = "memory or descriptors ran out";
     }
     lock.lock();
     connecting_ = false;
@@ -174,19 +178,34 @@ kavri_core_status Endpoint::connectIfNeeded(Lock& lock, CallDeadline& deadline) 
                                       "connected")
                    : ConnectionChange(KAVRI_CORE_IPC_CONNECTION_RESTORED,
                                       KAVRI_CORE_STATUS_NO_ERROR, "connected again", disconnected));
-        try {
-            connectionMade(lock);
-        } catch (const std::bad_alloc&) {
-            opened.status = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
-            if (connection_ != nullptr) {
-                lose("memory ran out while the subscriptions were restored");
-            }
-        }
+        opened.status = restore(lock, deadline);
     } else if (!ending_) {
-        log().info({"no connection to the broker at ", settings_.address, ": ", opened.reason});
+        log().info({"no connection to the broker at ", settings_.address, ": ",
+                    opened.reason.empty() ? kavri_core_status_text(opened.status)
+                                          : std::string_view(opened.reason)});
     }
     announce();
     return opened.status;
+}
+
+// A connection over which not everything is in effect again would miss messages in silence:
+// it is given up. Without memory the call fails; otherwise it is for the caller to see that
+// there is no connection.
+kavri_core_status Endpoint::restore(Lock& lock, CallDeadline& deadline) {
+    CallDeadline usual(settings_.sendTimeout);
+    const bool isShorter = deadline.at() && *deadline.at() < *usual.at();
+    const std::uint64_t number = connectionNumber_;
+    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    bool isComplete = false;
+    try {
+        isComplete = connectionMade(lock, isShorter ? deadline : usual);
+    } catch (const std::bad_alloc&) {
+        status = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
+    }
+    if (!isComplete && connection_ != nullptr && connectionNumber_ == number) {
+        lose("the subscriptions could not be restored");
+    }
+    return status;
 }
 
 kavri_core_status Endpoint::sendFrame(Lock& lock, Frame frame, CallDeadline& deadline) {
@@ -465,6 +484,16 @@ void Endpoint::change(const ConnectionChange& what) {
     }
 }
 
+// What was received over a restored connection is delivered behind the change that says so,
+// and that once everything is in effect; or once nothing further can be read before.
+bool Endpoint::hasWork() const {
+    if (changes_.isEmpty()) {
+        return hasDelivery();
+    }
+    return changes_.oldest().event != KAVRI_CORE_IPC_CONNECTION_RESTORED || isRestored() ||
+           heldBytes_ >= interfaces::libraryQueueBytes;
+}
+
 void Endpoint::deliverChange(Lock& lock) {
     const ConnectionChange next = changes_.take();
     const kavri_core_ipc_connection_change given{
@@ -531,10 +560,9 @@ void Endpoint::runThread() {
 }
 
 void Endpoint::runThreadOnce(Lock& lock, std::chrono::milliseconds& pause) {
-    const auto hasWork = [this] { return !changes_.isEmpty() || hasDelivery(); };
     const bool reads = connectionCallback_.isInstalled() || hasCallback();
     CallDeadline unlimited;
-    if (reads && becomesReady(hasWork)) {
+    if (reads && becomesReady([this] { return hasWork(); })) {
         changes_.isEmpty() ? deliver(lock) : deliverChange(lock);
     } else if (!sendBuffer_.isEmpty()) {
         flush(lock);
@@ -542,9 +570,14 @@ void Endpoint::runThreadOnce(Lock& lock, std::chrono::milliseconds& pause) {
         changed_.wait(lock);
     } else if (connection_ != nullptr) {
         pause = interfaces::firstReconnectPause;
-        waitUntil(lock, unlimited, [&] {
+        // A change that cannot be delivered yet waits for the broker's acknowledgements.
+        CallDeadline limit = changes_.isEmpty() ? unlimited : CallDeadline(settings_.sendTimeout);
+        const Wait wait = waitUntil(lock, limit, [&] {
             return ending_ || hasWork() || !(connectionCallback_.isInstalled() || hasCallback());
         });
+        if (wait == Wait::timedOut) {
+            lose("the subscriptions were not acknowledged");
+        }
     } else if (connectIfNeeded(lock, unlimited) != KAVRI_CORE_STATUS_NO_ERROR) {
         changed_.wait_for(lock, pause);
         pause = std::min(pause * 2, interfaces::lastReconnectPause);

@@ -98,8 +98,11 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Each is called with the lock held. A large frame's payload comes in memory of
     // its own, which may be taken over.
     virtual void handleFrame(const interfaces::Frame& frame, Text& payload) = 0;
-    // May send over the new connection alone; it may be lost again on return.
-    virtual void connectionMade(Lock& lock) = 0;
+    // Restores over the new connection, and no other, what belongs to one; false where not
+    // everything was sent. The connection may be lost again on return.
+    virtual bool connectionMade(Lock& lock, CallDeadline& deadline) = 0;
+    // Whether the broker has acknowledged all of that.
+    virtual bool isRestored() const = 0;
     virtual void connectionLost() = 0;
     virtual bool hasCallback() const = 0;
     virtual void removeCallbacks() = 0;
@@ -185,9 +188,12 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     bool gathers() const { return settings_.gatherWrites && isOwnThread(); }
     void flush(Lock& lock);
     bool mayConnect() const;
+    kavri_core_status restore(Lock& lock, CallDeadline& deadline);
     void lose(std::string_view reason);
     void reportLoss(std::string_view reason);
     void change(const ConnectionChange& what);
+    // Whether the library's thread has something to deliver.
+    bool hasWork() const;
     void deliverChange(Lock& lock);
     bool mayRead() const;
     bool isOwnThread() const { return thread_.get_id() == std::this_thread::get_id(); }
@@ -216,6 +222,9 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     bool woken_ = false;
     bool ending_ = false;
     std::thread thread_;
+    // Of a copy that was abandoned: keep it, and those abandoned before.
+    std::shared_ptr<Endpoint> itself_;
+    Endpoint* abandonedBefore_ = nullptr;
 };
 
 template <typename Ready>

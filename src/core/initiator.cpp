@@ -1,6 +1,7 @@
 // The initiator; see initiator.h.
 #include "core/initiator.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace kavri::core {
@@ -21,8 +22,8 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
         return responseCallback_.isInstalled() || !responses_.empty() || pending_.hasFailure();
     };
     CallDeadline deadline = deadlineAfter(timeoutMs);
+    bool wasConnected = isConnected();
     while (true) {
-        const bool wasConnected = isConnected();
         const Wait wait = waitUntil(lock, deadline, isReady);
         if (responseCallback_.isInstalled()) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
@@ -43,9 +44,17 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
         if (wasConnected) {
             return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
         }
-        if (timeoutMs == 0 || connectIfNeeded(lock, deadline) != KAVRI_CORE_STATUS_NO_ERROR) {
+        if (timeoutMs == 0) {
             return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
         }
+        // What else keeps it from connecting is, of a receive, the outcome of a request.
+        if (const kavri_core_status status = connectIfNeeded(lock, deadline);
+            status != KAVRI_CORE_STATUS_NO_ERROR) {
+            return status == KAVRI_CORE_STATUS_OUT_OF_RESOURCES
+                       ? status
+                       : KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
+        }
+        wasConnected = true;
     }
 }
 
@@ -61,7 +70,7 @@ kavri_core_status Initiator::setEventCallback(kavri_core_ipc_initiator_event_cal
     Lock lock = acquire();
     install(lock, eventCallback_, callback, context);
     if (!eventCallback_.isInstalled()) {
-        dropEvents(nullptr);
+        dropEvents(std::nullopt);
     }
     return KAVRI_CORE_STATUS_NO_ERROR;
 }
@@ -72,11 +81,13 @@ kavri_core_status Initiator::subscribe(const std::string& category) {
 }
 
 // Over in this library from now on, whatever the broker comes to say.
-kavri_core_status Initiator::unsubscribe(const std::string& category) {
+kavri_core_status Initiator::unsubscribe(std::string_view category) {
     Lock lock = acquire();
-    subscriptions_.erase(category);
-    dropEvents(&category);
-    return ask(lock, FrameType::unsubscribe, category);
+    if (const auto found = subscriptions_.find(category); found != subscriptions_.end()) {
+        subscriptions_.erase(found);
+    }
+    dropEvents(category);
+    return ask(lock, FrameType::unsubscribe, std::string(category));
 }
 
 Frame Initiator::question(FrameType type, const std::string& category, bool awaited) {
@@ -114,13 +125,22 @@ kavri_core_status Initiator::awaitAnswer(Lock& lock, const Frame& frame) {
                                 : KAVRI_CORE_STATUS_IPC_OVERLOADED;
 }
 
-void Initiator::connectionMade(Lock& lock) {
+bool Initiator::connectionMade(Lock& lock, CallDeadline& deadline) {
     const std::uint64_t connection = connectionNumber();
     const std::set<std::string, std::less<>> restored = subscriptions_;
-    CallDeadline deadline(sendTimeout());
-    for (const std::string& category : restored) {
-        sendFrameOver(lock, connection, question(FrameType::subscribe, category, false), deadline);
-    }
+    return std::ranges::all_of(restored, [&](const std::string& category) {
+        const Frame frame = question(FrameType::subscribe, category, false);
+        const bool isSent =
+            sendFrameOver(lock, connection, frame, deadline) == KAVRI_CORE_STATUS_NO_ERROR;
+        if (!isSent) {
+            questions_.erase(frame.token);  // another connection may be there by now
+        }
+        return isSent;
+    });
+}
+
+bool Initiator::isRestored() const {
+    return std::ranges::all_of(questions_, [](const auto& entry) { return entry.second.awaited; });
 }
 
 void Initiator::connectionLost() {
@@ -169,32 +189,34 @@ void Initiator::handleEvent(const Frame& frame, Text& payload) {
     }
 }
 
-// In effect before the next frame is looked at: events may follow right behind.
+// In effect before the next frame is looked at: events may follow right behind. The answer
+// is stored last: where memory runs out, the frame is handled once more.
 void Initiator::handleAcknowledgement(const Frame& frame) {
     const auto found = questions_.find(frame.token);
     if (found == questions_.end()) {
         return;
     }
     Question& asked = found->second;
-    asked.answer = statusIn(frame);
+    const kavri_core_status status = statusIn(frame);
     if (asked.type == FrameType::subscribe) {
-        if (*asked.answer == KAVRI_CORE_STATUS_NO_ERROR) {
+        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
             subscriptions_.insert(asked.category);
         } else {
             subscriptions_.erase(asked.category);
             log().warning({"subscription to \"", asked.category,
-                           "\" failed: ", kavri_core_status_text(*asked.answer)});
+                           "\" failed: ", kavri_core_status_text(status)});
         }
     }
+    asked.answer = status;
     if (!asked.awaited) {
         questions_.erase(found);
     }
 }
 
 // Of one category, or all.
-void Initiator::dropEvents(const std::string* ofCategory) {
+void Initiator::dropEvents(std::optional<std::string_view> ofCategory) {
     std::erase_if(events_, [this, ofCategory](const Message& event) {
-        const bool dropped = ofCategory == nullptr || event.category() == *ofCategory;
+        const bool dropped = !ofCategory || event.category() == *ofCategory;
         if (dropped) {
             handedOut(event);
         }

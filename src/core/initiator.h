@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "core/endpoint.h"
 #include "core/pending_requests.h"
@@ -25,13 +26,14 @@ class Initiator : public Endpoint {
                                           void* context);
 
     kavri_core_status subscribe(const std::string& category);
-    kavri_core_status unsubscribe(const std::string& category);
+    kavri_core_status unsubscribe(std::string_view category);
     kavri_core_status setEventCallback(kavri_core_ipc_initiator_event_callback callback,
                                        void* context);
 
   private:
     void handleFrame(const interfaces::Frame& frame, Text& payload) override;
-    void connectionMade(Lock& lock) override;
+    bool connectionMade(Lock& lock, CallDeadline& deadline) override;
+    bool isRestored() const override;
     void connectionLost() override;
     bool hasCallback() const override;
     void removeCallbacks() override;
@@ -42,7 +44,7 @@ class Initiator : public Endpoint {
     void handleResponse(const interfaces::Frame& frame, Text& payload);
     void handleEvent(const interfaces::Frame& frame, Text& payload);
     void handleAcknowledgement(const interfaces::Frame& frame);
-    void dropEvents(const std::string* ofCategory);
+    void dropEvents(std::optional<std::string_view> ofCategory);
     interfaces::Frame question(interfaces::FrameType type, const std::string& category,
                                bool awaited);
     kavri_core_status ask(Lock& lock, interfaces::FrameType type, const std::string& category);

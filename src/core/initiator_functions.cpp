@@ -34,7 +34,10 @@ kavri_core_status sendAll(kavri::core::Initiator& initiator,
         const auto part = commands.subspan(sent, std::min(frames.size(), commands.size() - sent));
         std::ranges::transform(part, frames.begin(), request);
         std::size_t gone = 0;
-        const kavri_core_status status = initiator.send({frames.data(), part.size()}, gone);
+        // Those that left count, also where memory runs out behind them.
+        const kavri_core_status status = guarded([&] {
+            return initiator.send({frames.data(), part.size()}, gone);
+        });
         sent += gone;
         if (status != KAVRI_CORE_STATUS_NO_ERROR) {
             return status;
@@ -57,10 +60,12 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_
         settings.role = "initiator";
         kavri_core_status status = kavri::core::readSettings(cookie, options, settings);
         if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            auto made = std::make_shared<kavri::core::Initiator>(std::move(settings));
-            status = made->start();
+            // Before the start: the library's thread, once it runs, must have an owner.
+            auto made = std::make_unique<kavri_core_ipc_initiator>();
+            made->initiator = std::make_shared<kavri::core::Initiator>(std::move(settings));
+            status = made->initiator->start();
             if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-                *initiator = new kavri_core_ipc_initiator{std::move(made)};
+                *initiator = made.release();
             }
         }
         return status;

@@ -2,9 +2,11 @@
 #include "core/logging.h"
 
 #include <spdlog/logger.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/base_sink.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 namespace kavri::core {
@@ -25,12 +27,23 @@ spdlog::level::level_enum chosenLevel() {
     return isKnown ? level : spdlog::level::warn;
 }
 
+// Each has a lock of its own. spdlog's sinks for standard error share one: a child would
+// inherit it locked where a thread of its parent was writing, and could never log.
+class StandardError : public spdlog::sinks::base_sink<std::mutex> {
+  protected:
+    void sink_it_(const spdlog::details::log_msg& message) override {
+        spdlog::memory_buf_t line;
+        formatter_->format(message, line);
+        std::fwrite(line.data(), 1, line.size(), stderr);
+    }
+    void flush_() override {}  // standard error is not buffered
+};
+
 }  // namespace
 
 struct Log::Sink {
     explicit Sink(std::string_view name)
-        : logger(std::string(name.substr(0, longestName)),
-                 std::make_shared<spdlog::sinks::stderr_sink_mt>()) {
+        : logger(std::string(name.substr(0, longestName)), std::make_shared<StandardError>()) {
         logger.set_pattern("%n: %l: %v");
         logger.set_level(chosenLevel());
     }

@@ -11,8 +11,8 @@ kavri_core_status Responder::receive(int timeoutMs, kavri_core_ipc_request& requ
                                      Message::Fields& fields) {
     Lock lock = acquire();
     CallDeadline deadline = deadlineAfter(timeoutMs);
+    bool wasConnected = isConnected();
     while (true) {
-        const bool wasConnected = isConnected();
         const Wait wait = waitUntil(
             lock, deadline, [this] { return callback_.isInstalled() || !requests_.empty(); });
         if (callback_.isInstalled()) {
@@ -36,6 +36,7 @@ kavri_core_status Responder::receive(int timeoutMs, kavri_core_ipc_request& requ
             status != KAVRI_CORE_STATUS_NO_ERROR) {
             return status;
         }
+        wasConnected = true;
     }
 }
 

@@ -24,7 +24,9 @@ class Responder : public Endpoint {
 
   private:
     void handleFrame(const interfaces::Frame& frame, Text& payload) override;
-    void connectionMade(Lock&) override {}
+    // The category served is registered within the handshake.
+    bool connectionMade(Lock&, CallDeadline&) override { return true; }
+    bool isRestored() const override { return true; }
     void connectionLost() override;
     bool hasCallback() const override { return callback_.isInstalled(); }
     void removeCallbacks() override { callback_.function = nullptr; }

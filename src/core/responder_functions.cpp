@@ -31,10 +31,12 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_init(kavri_core_logging_
         }
         kavri_core_status status = kavri::core::readSettings(cookie, options, settings);
         if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            auto made = std::make_shared<kavri::core::Responder>(std::move(settings));
-            status = made->start();
+            // Before the start: the library's thread, once it runs, must have an owner.
+            auto made = std::make_unique<kavri_core_ipc_responder>();
+            made->responder = std::make_shared<kavri::core::Responder>(std::move(settings));
+            status = made->responder->start();
             if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-                *responder = new kavri_core_ipc_responder{std::move(made)};
+                *responder = made.release();
             }
         }
         return status;

@@ -265,6 +265,109 @@ BOOST_AUTO_TEST_CASE(aSubscriptionThatIsNotAcknowledgedIsOverloaded) {
     BOOST_TEST(inbox.waitFor(1));
 }
 
+// Far below what the sum of the calls' time limits would be, and far above one.
+constexpr std::chrono::seconds generous{5};
+
+BOOST_AUTO_TEST_CASE(eachOfManySendersReturnsWithinItsTimeout) {
+    constexpr std::size_t count = 14;
+    Initiator initiator(address, sendWithin(1000));
+    broker.freeze();
+    std::vector<Clock::duration> took(count);
+    std::vector<kavri_core_status> statuses(count);
+    {
+        std::vector<std::jthread> senders;
+        for (std::size_t i = 0; i < count; ++i) {
+            senders.emplace_back([&, i] {
+                // Too large for the socket: the last of them fills it and waits.
+                while (statuses[i] == KAVRI_CORE_STATUS_NO_ERROR) {
+                    const auto begin = Clock::now();
+                    statuses[i] = initiator.echo("0", std::string(100'000, 'x'));
+                    took[i] = Clock::now() - begin;
+                }
+            });
+        }
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        BOOST_TEST((took[i] < generous));
+        BOOST_TEST((statuses[i] == KAVRI_CORE_STATUS_IPC_OVERLOADED ||
+                    statuses[i] == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST ||
+                    statuses[i] == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE));
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aSubscribeBehindOtherSendersReturnsWithinItsTimeout) {
+    Initiator initiator(address, sendWithin(1000));
+    broker.freeze();
+    fill(initiator, 1000);
+    std::vector<std::jthread> senders;
+    for (int i = 0; i < 5; ++i) {
+        senders.emplace_back([&] { initiator.echo("0", std::string(1000, 'x')); });
+    }
+    const auto begin = Clock::now();
+    BOOST_TEST(initiator.subscribe("test") == KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    BOOST_TEST((Clock::now() - begin < generous));
+    const auto next = Clock::now();
+    BOOST_TEST(initiator.unsubscribe("test") == KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    BOOST_TEST((Clock::now() - next < generous));
+}
+
+// The time to connect is longer than that of the call.
+BOOST_AUTO_TEST_CASE(aSendThatConnectsReturnsWithinItsTimeoutThoughNobodyWelcomesIt) {
+    const std::string other = folder / "fake.sock";
+    FakeBroker fake(other);
+    auto welcomed = fake.welcomeNext();
+    kavri_core_ipc_options options = sendWithin(200);
+    options.connectTimeoutMs = 60'000;
+    Initiator initiator(other, options);
+    welcomed.get().close();
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    for (int i = 0; i < 2; ++i) {
+        const auto begin = Clock::now();
+        const kavri_core_status status = i == 0 ? initiator.echo("0") : initiator.subscribe("test");
+        BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
+        BOOST_TEST((Clock::now() - begin >= 2 * timeout));
+        BOOST_TEST((Clock::now() - begin < generous));
+    }
+}
+
+// More subscriptions than the socket holds: what restores them counts as well, and a
+// connection without all of them is not kept.
+BOOST_AUTO_TEST_CASE(aSendThatRestoresSubscriptionsReturnsWithinItsTimeout) {
+    constexpr std::size_t count = 150;
+    const std::string filling(60'000, 'c');
+    const std::string other = folder / "fake.sock";
+    FakeBroker fake(other);
+    auto welcomed = fake.welcomeNext();
+    Initiator initiator(other, sendWithin(1000));
+    RawPeer peer = welcomed.get();
+    for (const std::string& name : numbers(count)) {
+        auto acknowledged = std::async(std::launch::async, [&] {
+            const std::uint64_t token = peer.expect(FrameType::subscribe).values.token;
+            peer.send(makeFrame(FrameType::acknowledgement, token));
+        });
+        BOOST_TEST(initiator.subscribe(name + filling) == KAVRI_CORE_STATUS_NO_ERROR);
+        acknowledged.get();
+    }
+    peer.close();
+    BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    welcomed = fake.welcomeNext();  // and reads no further
+    const auto begin = Clock::now();
+    const kavri_core_status status = initiator.echo("0");
+    BOOST_TEST((Clock::now() - begin < generous));
+    BOOST_TEST(status != KAVRI_CORE_STATUS_NO_ERROR);
+    peer = welcomed.get();
+    welcomed = fake.welcomeNext();
+    auto restored = std::async(std::launch::async, [&] {
+        RawPeer next = welcomed.get();
+        for (std::size_t i = 0; i < count; ++i) {
+            next.expect(FrameType::subscribe);
+        }
+        return next.expect(FrameType::request).values.token;
+    });
+    BOOST_TEST(initiator.echo("1") == KAVRI_CORE_STATUS_NO_ERROR);
+    restored.get();
+}
+
 BOOST_AUTO_TEST_CASE(callbacksAreRemovedAndEndedAllTheSame) {
     Initiator initiator(address);
     Inbox inbox;

@@ -283,6 +283,26 @@ BOOST_AUTO_TEST_CASE(aResponseWithoutPayloadIsNullInACallback) {
     BOOST_TEST((inbox.messages()[1].payload == ""));
 }
 
+BOOST_AUTO_TEST_CASE(aReceiveWithALimitWaitsForNothingAfterTheEndWithoutAnAnswer) {
+    BOOST_TEST(responder.finish(request()) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.receive(100).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+}
+
+BOOST_AUTO_TEST_CASE(aReceiveWithoutLimitWaitsForWhatAnotherThreadSendsLater) {
+    BOOST_TEST(responder.finish(request()) == KAVRI_CORE_STATUS_NO_ERROR);
+    Text received;
+    BlockedCall receive([&] { received = initiator.receive(-1).uuid; });
+    BOOST_TEST(receive.sleeps());
+    // The end of another request, while it waits, does not end it either.
+    BOOST_TEST(responder.finish(request("ended")) == KAVRI_CORE_STATUS_NO_ERROR);
+    const Message later = request("later");
+    BOOST_TEST(!receive.hasReturned());
+    BOOST_TEST(responder.answer(later, "after all") == KAVRI_CORE_STATUS_NO_ERROR);
+    receive.join();
+    BOOST_TEST((received == "later"));
+}
+
 BOOST_AUTO_TEST_CASE(anEndedRequestIsAnsweredToNobody) {
     BOOST_TEST(responder.finish(request()) == KAVRI_CORE_STATUS_NO_ERROR);
     expectSilence();

@@ -1,0 +1,331 @@
+// A child that was forked: what it inherited refuses every call and changes nothing of the
+// parent, and what it makes itself works.
+#define BOOST_TEST_MODULE forkedProcess
+
+#include <fcntl.h>
+#include <sys/wait.h>
+
+#include <boost/test/unit_test.hpp>
+#include <functional>
+
+#include "cli/temporary_folder.h"
+#include "support/client.h"
+#include "support/service_process.h"
+
+using namespace kavri::tests;
+
+namespace {
+
+constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
+constexpr auto otherProcess = KAVRI_CORE_STATUS_IPC_OTHER_PROCESS;
+
+struct Setting {
+    kavri::cli::TemporaryFolder folder;
+    std::string address = folder / "broker.sock";
+    BrokerProcess broker{address, {.testService = true}};
+    Library library;
+};
+
+// A child that does this and leaves with the number of the first step that was not right, or
+// 0. One that hangs is ended by its own alarm.
+class Child {
+  public:
+    explicit Child(const std::function<int()>& work) : pid_(::fork()) {
+        if (pid_ == 0) {
+            ::alarm(60);
+            ::_exit(work());
+        }
+    }
+    // The status it left with; -1: it was ended by a signal.
+    int wait() const {
+        int status = 0;
+        if (::waitpid(pid_, &status, 0) != pid_) {
+            return -1;
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+  private:
+    pid_t pid_;
+};
+
+int inChild(const std::function<int()>& work) {
+    return Child(work).wait();
+}
+
+// Every function of an inherited initiator; 0, or which of them was not refused.
+int callAll(kavri_core_ipc_initiator* initiator) {
+    Strings strings;
+    const kavri_core_ipc_command command{"test", "echo", "stolen", "x"};
+    std::size_t sent = 1;
+    const std::array<kavri_core_status, 8> statuses{
+        kavri_core_ipc_initiator_command_send(initiator, "test", "echo", "stolen", "x"),
+        kavri_core_ipc_initiator_command_send_batch(initiator, &command, 1, &sent),
+        kavri_core_ipc_initiator_response_receive(
+            initiator, -1, &strings.category, &strings.identifier, &strings.uuid, &strings.payload),
+        kavri_core_ipc_initiator_response_receive_callback(initiator, Inbox::response, nullptr),
+        kavri_core_ipc_initiator_response_receive_callback(initiator, nullptr, nullptr),
+        kavri_core_ipc_initiator_event_receive_callback(initiator, Inbox::event, nullptr),
+        kavri_core_ipc_initiator_event_subscribe(initiator, "test"),
+        kavri_core_ipc_initiator_event_unsubscribe(initiator, "test")};
+    for (std::size_t i = 0; i < statuses.size(); ++i) {
+        if (statuses[i] != otherProcess) {
+            return static_cast<int>(10 + i);
+        }
+    }
+    return sent == 0 && strings.areUntouched() ? 0 : 9;
+}
+
+int callAll(kavri_core_ipc_responder* responder) {
+    Strings strings;
+    kavri_core_ipc_request request{};
+    const std::array<kavri_core_status, 6> statuses{
+        kavri_core_ipc_responder_request_receive(responder, -1, &request, &strings.category,
+                                                 &strings.identifier, &strings.uuid,
+                                                 &strings.payload),
+        kavri_core_ipc_responder_request_receive_callback(responder, Inbox::request, nullptr),
+        kavri_core_ipc_responder_request_receive_callback(responder, nullptr, nullptr),
+        kavri_core_ipc_responder_response_send(responder, {1, 1}, "x", "x", "x", "x"),
+        kavri_core_ipc_responder_request_end(responder, {1, 1}),
+        kavri_core_ipc_responder_event_publish(responder, "work", "x", "x")};
+    for (std::size_t i = 0; i < statuses.size(); ++i) {
+        if (statuses[i] != otherProcess) {
+            return static_cast<int>(30 + i);
+        }
+    }
+    return strings.areUntouched() ? 0 : 29;
+}
+
+std::size_t descriptors() {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
+// A request and its answer, through an initiator of this process.
+int useOwn(const std::string& address) {
+    kavri_core_ipc_options options = optionsFor(address);
+    kavri_core_ipc_initiator* own = nullptr;
+    if (kavri_core_ipc_initiator_init(nullptr, &options, &own) != good) {
+        return 50;
+    }
+    Strings strings;
+    if (kavri_core_ipc_initiator_command_send(own, "test", "echo", "own", "x") != good ||
+        kavri_core_ipc_initiator_response_receive(own, patienceMs, &strings.category,
+                                                  &strings.identifier, &strings.uuid,
+                                                  &strings.payload) != good) {
+        return 51;
+    }
+    if (Message(good, strings).uuid != "own") {
+        return 52;
+    }
+    return kavri_core_ipc_deinit(own) == good ? 0 : 53;
+}
+
+}  // namespace
+
+BOOST_FIXTURE_TEST_SUITE(aChild, Setting)
+
+BOOST_AUTO_TEST_CASE(isRefusedByEveryFunctionAndTakesNothing) {
+    Initiator initiator(address);
+    for (const std::string& uuid : numbers(100)) {
+        initiator.echo(uuid);
+    }
+    const Child child([&] {
+        int failed = 0;
+        for (int i = 0; i < 2000 && failed == 0; ++i) {
+            failed = callAll(initiator.get());
+        }
+        return failed;
+    });
+    for (const std::string& uuid : numbers(100)) {
+        BOOST_TEST((initiator.receive().uuid == uuid));
+    }
+    BOOST_TEST(child.wait() == 0);
+    BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+}
+
+BOOST_AUTO_TEST_CASE(isRefusedThoughTheParentHasACallbackThread) {
+    Inbox inbox;
+    Inbox events;
+    Initiator initiator(address);
+    initiator.onResponse(Inbox::response, &inbox);
+    initiator.onEvent(Inbox::event, &events);
+    initiator.subscribe("test");
+    for (const std::string& uuid : numbers(50)) {
+        initiator.echo(uuid);
+    }
+    const Child child([&] {
+        int failed = 0;
+        for (int i = 0; i < 500 && failed == 0; ++i) {
+            failed = callAll(initiator.get());
+        }
+        return failed != 0 ? failed : kavri_core_ipc_deinit(initiator.get()) == good ? 0 : 1;
+    });
+    for (const std::string& uuid : numbers(50, 50)) {
+        initiator.echo(uuid);
+    }
+    BOOST_TEST(child.wait() == 0);
+    BOOST_TEST(inbox.waitFor(100));
+    BOOST_TEST(inbox.uuids() == numbers(100), boost::test_tools::per_element());
+    // The subscription is the parent's still.
+    initiator.send("test", "event");
+    BOOST_TEST(events.waitFor(1));
+}
+
+BOOST_AUTO_TEST_CASE(isRefusedByAResponder) {
+    Responder responder(address, "work");
+    Initiator initiator(address);
+    for (const std::string& uuid : numbers(20)) {
+        initiator.send("work", "do", uuid);
+    }
+    const Child child([&] {
+        const int failed = callAll(responder.get());
+        return failed != 0                                                ? failed
+               : kavri_core_ipc_responder_deinit(responder.get()) == good ? 0
+                                                                          : 1;
+    });
+    for (const std::string& uuid : numbers(20)) {
+        const Message request = responder.receive();
+        BOOST_TEST((request.uuid == uuid));
+        BOOST_TEST(responder.answer(request, "x") == good);
+        BOOST_TEST((initiator.receive().uuid == uuid));
+    }
+    BOOST_TEST(child.wait() == 0);
+    // Its end in the child was not the responder's.
+    initiator.send("work", "do", "after");
+    BOOST_TEST((responder.receive().uuid == "after"));
+}
+
+BOOST_AUTO_TEST_CASE(makesAnInitiatorOfItsOwnAndSoDoesItsChild) {
+    Initiator initiator(address);
+    initiator.echo("parent");
+    const int left = inChild([&] {
+        if (const int failed = useOwn(address); failed != 0) {
+            return failed;
+        }
+        kavri_core_ipc_options options = optionsFor(address);
+        kavri_core_ipc_initiator* own = nullptr;
+        if (kavri_core_ipc_initiator_init(nullptr, &options, &own) != good) {
+            return 1;
+        }
+        const int grandchild = inChild([&] {
+            const int inherited = callAll(initiator.get()) + callAll(own);
+            return inherited != 0 ? inherited : useOwn(address);
+        });
+        return grandchild != 0 ? grandchild : kavri_core_ipc_deinit(own) == good ? 0 : 2;
+    });
+    BOOST_TEST(left == 0);
+    BOOST_TEST((initiator.receive().uuid == "parent"));
+}
+
+BOOST_AUTO_TEST_CASE(releasesItsDescriptorsThoughAThreadOfTheParentReads) {
+    Initiator initiator(address);
+    BlockedCall receive([&] { initiator.receive(-1); });
+    BOOST_TEST(receive.sleeps());
+    BOOST_TEST(inChild([&] {
+                   const std::size_t before = descriptors();
+                   if (kavri_core_ipc_deinit(initiator.get()) != good) {
+                       return 1;
+                   }
+                   return descriptors() == before - 2 ? 0 : 2;  // the socket and the waker
+               }) == 0);
+    BOOST_TEST(!receive.hasReturned());
+    initiator.echo("0");
+    receive.join();
+}
+
+BOOST_AUTO_TEST_CASE(endsWhatItInheritedWhateverTheParentWasDoing) {
+    Initiator initiator(address);
+    Initiator waiting(address);
+    std::atomic<bool> stops{false};
+    std::atomic<int> received{0};
+    std::atomic<int> sent{0};
+    BlockedCall receive([&] { waiting.receive(-1); });
+    BOOST_TEST(receive.sleeps());
+    {
+        std::jthread sender([&] {
+            while (!stops) {
+                sent += initiator.echo(std::to_string(sent)) == good ? 1 : 0;
+                eventually([&] { return received > sent - 100; });
+            }
+        });
+        std::jthread receiver([&] {
+            while (!stops || received < sent) {
+                const Message message = initiator.receive(10);
+                if (message.status == good) {
+                    received += message.uuid == std::to_string(received) ? 1 : 1'000'000;
+                }
+            }
+        });
+        for (int i = 0; i < 100; ++i) {
+            BOOST_TEST(inChild([&] {
+                           const int failed = callAll(initiator.get()) + callAll(waiting.get());
+                           return failed != 0                                      ? failed
+                                  : kavri_core_ipc_deinit(initiator.get()) != good ? 1
+                                  : kavri_core_ipc_deinit(waiting.get()) != good   ? 2
+                                                                                   : 0;
+                       }) == 0);
+        }
+        stops = true;
+    }
+    BOOST_TEST(received == sent);  // each once, in order
+    waiting.echo("0");
+    receive.join();
+}
+
+// The sanitizers take a thread of a child for one of its parent's with the same address.
+#ifndef KAVRI_SANITIZED
+
+BOOST_AUTO_TEST_CASE(makesOneWithCallbacks) {
+    Inbox inherited;
+    Initiator initiator(address);
+    initiator.onResponse(Inbox::response, &inherited);
+    BOOST_TEST(inChild([&] {
+                   Inbox inbox;
+                   Initiator own(address);
+                   return own.onResponse(Inbox::response, &inbox) == good &&
+                                  own.echo("own") == good && inbox.waitFor(1)
+                              ? 0
+                              : 1;
+               }) == 0);
+    initiator.echo("parent");
+    BOOST_TEST(inherited.waitFor(1));
+    BOOST_TEST(inherited.count() == 1U);
+}
+
+// While one thread of the parent is stuck in writing a line of its log.
+BOOST_AUTO_TEST_CASE(logsThoughTheParentWasLogging) {
+    BOOST_TEST(
+        inChild([&] {
+            std::array<int, 2> ends{};
+            if (::pipe2(ends.data(), O_NONBLOCK) != 0 || ::dup2(ends[1], STDERR_FILENO) < 0) {
+                return 1;
+            }
+            const std::string filling(1 << 20, 'x');
+            while (::write(ends[1], filling.data(), filling.size()) > 0) {
+            }
+            ::fcntl(ends[1], F_SETFL, 0);
+            ::setenv("KAVRI_LOG", "info", 1);
+            const std::string nowhere = folder / "nowhere.sock";
+            kavri_core_ipc_options options = optionsFor(nowhere);
+            kavri_core_ipc_initiator* none = nullptr;
+            BlockedCall logging([&] { kavri_core_ipc_initiator_init(nullptr, &options, &none); });
+            if (!logging.sleeps()) {
+                return 2;
+            }
+            const int child = inChild([&] {
+                ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
+                kavri_core_ipc_initiator* own = nullptr;
+                return kavri_core_ipc_initiator_init(nullptr, &options, &own) ==
+                               KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE
+                           ? 0
+                           : 3;
+            });
+            ::_exit(child);  // the thread that logs is stuck for good
+            return child;
+        }) == 0);
+}
+
+#endif
+
+BOOST_AUTO_TEST_SUITE_END()
