@@ -26,7 +26,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <iterator>
@@ -305,11 +304,13 @@ std::deque<kavri_core_logging> loggings;
 int initiatorsMade = 0;
 kavri_core_ipc_initiator* current = nullptr;  // the module has one at a time
 
-// The delivering thread. `deliveryWanted` is taken back once everything is delivered.
+// The delivering thread: how often it was asked to deliver, and which of these requests
+// were the last when everything had been delivered. Atomic, because the thread sanitizer
+// sees no lock that is taken within `sleep`.
 std::thread& deliverer = *new std::thread;
-std::condition_variable& delivererChanged = *new std::condition_variable;
-bool deliveryWanted = false;
-bool delivererEnds = false;
+std::atomic<unsigned> deliveriesWanted = 0;
+std::atomic<unsigned> deliveriesDone = 0;
+std::atomic<bool> delivererEnds = false;
 
 int serviceCounter() {
     const std::optional<std::string> start = defect("counterStart");
@@ -494,27 +495,33 @@ void deliverAll(std::unique_lock<std::mutex>& lock) {
 }
 
 void runDeliverer() {
-    std::unique_lock<std::mutex> lock(stateMutex);
+    unsigned wanted = 0;
     while (true) {
-        delivererChanged.wait(lock, [] { return deliveryWanted || delivererEnds; });
+        deliveriesWanted.wait(wanted);
         if (delivererEnds) {
             return;
         }
-        deliverAll(lock);
-        deliveryWanted = false;
-        delivererChanged.notify_all();
+        wanted = deliveriesWanted;
+        {
+            std::unique_lock<std::mutex> lock(stateMutex);
+            deliverAll(lock);
+        }
+        deliveriesDone = wanted;
+        deliveriesDone.notify_all();
     }
 }
 
-void startDelivery() {
-    const std::lock_guard<std::mutex> lock(stateMutex);
-    deliveryWanted = true;
-    delivererChanged.notify_all();
+// The number of the request.
+unsigned wantDelivery() {
+    const unsigned number = ++deliveriesWanted;
+    deliveriesWanted.notify_all();
+    return number;
 }
 
-void waitForDelivery() {
-    std::unique_lock<std::mutex> lock(stateMutex);
-    delivererChanged.wait(lock, [] { return !deliveryWanted; });
+void waitForDelivery(unsigned number) {
+    for (unsigned done = deliveriesDone; done < number; done = deliveriesDone) {
+        deliveriesDone.wait(done);
+    }
 }
 
 // What a send does about deliveries before it returns.
@@ -522,20 +529,16 @@ void deliverAfterSend() {
     if (deliveryIs(Delivery::inSend)) {
         std::unique_lock<std::mutex> lock(stateMutex);
         deliverAll(lock);
+    } else if (deliveryIs(Delivery::beforeReturn)) {
+        waitForDelivery(wantDelivery());
     } else if (!deliveryIs(Delivery::inSleep)) {
-        startDelivery();
-    }
-    if (deliveryIs(Delivery::beforeReturn)) {
-        waitForDelivery();
+        wantDelivery();
     }
 }
 
 void stopDeliverer() {
-    {
-        const std::lock_guard<std::mutex> lock(stateMutex);
-        delivererEnds = true;
-        delivererChanged.notify_all();
-    }
+    delivererEnds = true;
+    wantDelivery();
     deliverer.join();
 }
 
@@ -548,7 +551,8 @@ void startDeliverer() {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    deliveryWanted = false;
+    deliveriesWanted = 0;
+    deliveriesDone = 0;
     delivererEnds = false;
     deliverer = std::thread(runDeliverer);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -764,8 +768,7 @@ extern "C" {
 unsigned int sleep(unsigned int seconds) {
     record("sleep(" + std::to_string(seconds) + ")");
     if (deliverer.joinable()) {
-        startDelivery();
-        waitForDelivery();
+        waitForDelivery(wantDelivery());
     }
     return 0;
 }

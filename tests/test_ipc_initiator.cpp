@@ -69,7 +69,7 @@ struct basicInitiatorFixture {
     char* rpayload = NULL;
 
     kavri_core_logging_cookie logCookie = NULL;
-    std::unique_lock<std::mutex> turn{framework};
+    std::unique_lock<std::mutex> turn{framework, std::defer_lock};
 
     // Only a missing initiator ends a case at once. The destructor then does not run.
     basicInitiatorFixture() {
@@ -77,6 +77,7 @@ struct basicInitiatorFixture {
         BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_logging_init("ipcInitiatorTest", &logCookie));
         BOOST_CHECK_EQUAL(KAVRI_CORE_STATUS_NO_ERROR, kavri_core_ipc_initiator_init(logCookie, NULL, &c));
         BOOST_REQUIRE(c != NULL);
+        turn.lock();
     }
 
     ~basicInitiatorFixture() {
@@ -128,7 +129,6 @@ struct basicInitiatorFixture {
         usleep(10000);
         return status;
     }
-
     kavri_core_status eventUnsubscribe(const char* category) {
         return outOfTurn(kavri_core_ipc_initiator_event_unsubscribe, c, category);
     }
