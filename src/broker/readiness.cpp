@@ -33,10 +33,9 @@ void Readiness::unwatch(int descriptor) {
 }
 
 bool Readiness::wait(int timeoutMs) {
-    events_.resize(eventsPerRound);
     const int count = ::epoll_wait(epoll_, events_.data(), eventsPerRound, timeoutMs);
-    events_.resize(static_cast<std::size_t>(std::max(count, 0)));
-    return count > 0;
+    count_ = static_cast<std::size_t>(std::max(count, 0));
+    return count_ > 0;
 }
 
 }  // namespace kavri::broker

@@ -5,8 +5,9 @@
 
 #include <sys/epoll.h>
 
+#include <array>
 #include <cstdint>
-#include <vector>
+#include <span>
 
 #include "broker/session.h"
 
@@ -42,13 +43,14 @@ class Readiness {
     // reports the others first the next time.
     bool wait(int timeoutMs);
     // Those of the last wait.
-    const std::vector<epoll_event>& events() const { return events_; }
+    std::span<const epoll_event> events() const { return {events_.data(), count_}; }
 
   private:
     static constexpr std::size_t eventsPerRound = 256;
 
     const int epoll_;
-    std::vector<epoll_event> events_;
+    std::array<epoll_event, eventsPerRound> events_;
+    std::size_t count_ = 0;
 };
 
 }  // namespace kavri::broker

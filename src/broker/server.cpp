@@ -78,13 +78,18 @@ void Server::waitForEvents() {
     if (hasWorkLeft()) {
         readiness_.wait(0);
     } else if (!spin_.until([this] { return readiness_.wait(0); })) {
-        const Clock::time_point begin = Clock::now();
-        const int timeoutMs = sleepTimeMs(clock_.at(begin));
-        planned = timeoutMs < 0 ? Clock::duration::max() : std::chrono::milliseconds(timeoutMs);
-        readiness_.wait(timeoutMs) ? spin_.slept(Clock::now() - begin) : pool_.trim();
+        planned = sleep();
     }
     clock_.advance(Clock::now(), planned);
     now_ = clock_.now();
+}
+
+// How long it was to sleep at most.
+Clock::duration Server::sleep() {
+    const Clock::time_point begin = Clock::now();
+    const int timeoutMs = sleepTimeMs(clock_.at(begin));
+    readiness_.wait(timeoutMs) ? spin_.slept(Clock::now() - begin) : pool_.trim();
+    return timeoutMs < 0 ? Clock::duration::max() : std::chrono::milliseconds(timeoutMs);
 }
 
 // Until the next deadline; and not long while the pool keeps what a longer pause

@@ -73,6 +73,7 @@ class Server {
     static constexpr std::size_t leastEventBytesPerRead = 2 * interfaces::kibibyte;
 
     void waitForEvents();
+    Clock::duration sleep();
     int sleepTimeMs(Clock::time_point now) const;
     bool hasWorkLeft() { return !router_.toWrite().empty() || !closing_.empty(); }
     void handleEvent(const epoll_event& event);
