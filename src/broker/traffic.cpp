@@ -78,12 +78,12 @@ void Traffic::readFrom(Session& session, std::size_t mostBytes) {
     noteFrameSize(session, static_cast<std::size_t>(count), protocol().frames() - framesBefore);
 }
 
-// Grows slowly, so that a peer that changes the size of its frames gets one large read at
-// most before its next is small again.
+// Grows step by step, so that one large frame among many small ones does not make the next
+// read one of thousands of these.
 void Traffic::noteFrameSize(Session& session, std::size_t bytes, std::uint64_t frames) {
     if (frames > 0) {
         session.typicalFrameBytes = static_cast<std::uint32_t>(
-            std::min<std::size_t>(bytes / frames + 1, std::size_t{2} * session.typicalFrameBytes));
+            std::min<std::size_t>(bytes / frames + 1, std::size_t{8} * session.typicalFrameBytes));
     }
 }
 

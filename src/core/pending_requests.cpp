@@ -1,6 +1,8 @@
 // Pending requests and failures; see pending_requests.h.
 #include "core/pending_requests.h"
 
+#include <algorithm>
+
 namespace kavri::core {
 
 namespace {
@@ -12,54 +14,88 @@ constexpr std::size_t failuresKept = 65536;
 }  // namespace
 
 void PendingRequests::add(std::size_t count) {
-    const std::uint64_t end = nextToken_ + count;
-    try {
-        for (std::uint64_t token = nextToken_; token < end; ++token) {
-            pending_.emplace_hint(pending_.end(), token, KAVRI_CORE_STATUS_NO_ERROR);
-        }
-    } catch (...) {
-        pending_.erase(pending_.lower_bound(nextToken_), pending_.end());
-        throw;
-    }
-    nextToken_ = end;
+    states_.resize(states_.size() + count, pending);
+    noneAbove_ = nextToken() - 1;
 }
 
 void PendingRequests::takeBack(std::size_t count) {
-    for (Entries* entries : {&pending_, &failures_}) {
-        entries->erase(entries->lower_bound(nextToken_ - count), entries->end());
+    const std::uint64_t begin = std::max(first_, nextToken() - count);
+    for (std::uint64_t token = begin; token < nextToken(); ++token) {
+        failures_ -= isFailure(stateOf(token)) ? 1 : 0;
+        stateOf(token) = over;
     }
+    popOver();
 }
 
 bool PendingRequests::close(std::uint64_t token) {
-    return pending_.erase(token) > 0;
+    if (!isPending(token)) {
+        return false;
+    }
+    stateOf(token) = over;
+    popOver();
+    return true;
 }
 
 void PendingRequests::fail(std::uint64_t token, kavri_core_status status) {
-    const auto found = pending_.find(token);
-    if (found != pending_.end()) {
-        record(found, status);
+    if (isPending(token)) {
+        record(token, status);
     }
 }
 
 void PendingRequests::failAll(kavri_core_status status) {
-    while (!pending_.empty()) {
-        record(pending_.begin(), status);
+    // Recording may drop what is oldest, and so move the beginning.
+    for (std::uint64_t token = first_; token < nextToken(); ++token) {
+        fail(token, status);
     }
 }
 
-void PendingRequests::record(Entries::iterator pending, kavri_core_status status) {
-    pending->second = status;
-    failures_.insert(pending_.extract(pending));
-    if (failures_.size() > failuresKept) {
-        failures_.erase(failures_.begin());
+void PendingRequests::record(std::uint64_t token, kavri_core_status status) {
+    stateOf(token) = static_cast<State>(status);
+    ++failures_;
+    noneBelow_ = std::min(noneBelow_, token);
+    if (failures_ > failuresKept) {
+        noneBelow_ = findFailure(std::max(first_, noneBelow_));
+        dropFailure(noneBelow_);
     }
+}
+
+std::uint64_t PendingRequests::findFailure(std::uint64_t from) {
+    while (from < nextToken() && !isFailure(stateOf(from))) {
+        ++from;
+    }
+    return from;
+}
+
+std::uint64_t PendingRequests::oldestReceivable() {
+    while (noneAbove_ >= first_ && stateOf(noneAbove_) != pending) {
+        --noneAbove_;
+    }
+    noneBelow_ = std::max(first_, noneBelow_);
+    if (noneAbove_ >= noneBelow_) {
+        return findFailure(noneAbove_ + 1);
+    }
+    noneBelow_ = findFailure(noneBelow_);
+    return noneBelow_;
 }
 
 kavri_core_status PendingRequests::takeFailure() {
-    const auto oldest = failures_.upper_bound(youngest());
-    const kavri_core_status status = oldest->second;
-    failures_.erase(oldest);
+    const std::uint64_t token = oldestReceivable();
+    const auto status = static_cast<kavri_core_status>(stateOf(token));
+    dropFailure(token);
     return status;
+}
+
+void PendingRequests::dropFailure(std::uint64_t token) {
+    stateOf(token) = over;
+    --failures_;
+    popOver();
+}
+
+void PendingRequests::popOver() {
+    while (!states_.empty() && states_.front() == over) {
+        states_.pop_front();
+        ++first_;
+    }
 }
 
 }  // namespace kavri::core

@@ -1,19 +1,20 @@
 // The requests of an initiator that have no outcome yet, and the failures that its caller
 // has not received yet.
 //
-// Correlation tokens rise by one from request to request. A failure is received once
-// nothing that was sent after the failed request is pending: so a command that is never
-// answered does not spoil a receive that waits for the answer to a later one, and a caller
-// who waits for the failed one itself learns of it at once.
+// Correlation tokens rise by one from request to request, so the requests are a queue of
+// states. A failure is received once nothing that was sent after the failed request is
+// pending: so a command that is never answered does not spoil a receive that waits for the
+// answer to a later one, and a caller who waits for the failed one itself learns of it at
+// once.
 //
-// Recording an outcome allocates nothing: the entry of a pending request becomes that of
-// its failure. Not thread-safe: guarded by the endpoint's lock.
+// Recording an outcome allocates nothing, and looks at no other request while there is no
+// failure. Not thread-safe: guarded by the endpoint's lock.
 #ifndef KAVRI_CORE_PENDING_REQUESTS_H
 #define KAVRI_CORE_PENDING_REQUESTS_H
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <deque>
 
 #include "kavri/core.h"
 
@@ -21,7 +22,7 @@ namespace kavri::core {
 
 class PendingRequests {
   public:
-    std::uint64_t nextToken() const { return nextToken_; }
+    std::uint64_t nextToken() const { return first_ + states_.size(); }
     // The requests with the next tokens. Strong guarantee.
     void add(std::size_t count = 1);
     // Forgets the last that were added, pending or failed: their caller learns of them in
@@ -36,20 +37,32 @@ class PendingRequests {
     void failAll(kavri_core_status status);
 
     // Whether a failure can be received now; and the oldest such.
-    bool hasFailure() const { return !failures_.empty() && failures_.rbegin()->first > youngest(); }
+    bool hasFailure() { return failures_ > 0 && oldestReceivable() != nextToken(); }
     kavri_core_status takeFailure();
 
   private:
-    // A status by token; that of a pending request says nothing.
-    using Entries = std::map<std::uint64_t, kavri_core_status>;
+    // Over, pending, or the status of a failure that was not received.
+    using State = std::uint8_t;
+    static constexpr State over = 0;
+    static constexpr State pending = UINT8_MAX;
 
-    // The token of the youngest pending request; 0: there is none.
-    std::uint64_t youngest() const { return pending_.empty() ? 0 : pending_.rbegin()->first; }
-    void record(Entries::iterator pending, kavri_core_status status);
+    State& stateOf(std::uint64_t token) { return states_[token - first_]; }
+    bool isPending(std::uint64_t token) {
+        return token >= first_ && token < nextToken() && stateOf(token) == pending;
+    }
+    static bool isFailure(State state) { return state != over && state != pending; }
+    void record(std::uint64_t token, kavri_core_status status);
+    // From the token on; nextToken() where there is none.
+    std::uint64_t findFailure(std::uint64_t from);
+    std::uint64_t oldestReceivable();
+    void dropFailure(std::uint64_t token);
+    void popOver();
 
-    Entries pending_;
-    Entries failures_;
-    std::uint64_t nextToken_ = 1;
+    std::uint64_t first_ = 1;      // the token of the first of
+    std::deque<State> states_;     // all requests from the oldest that is not over
+    std::size_t failures_ = 0;     // how many of them
+    std::uint64_t noneBelow_ = 1;  // no failure has a smaller token
+    std::uint64_t noneAbove_ = 0;  // no pending request has a greater token
 };
 
 }  // namespace kavri::core
