@@ -43,7 +43,6 @@ void PendingRequests::fail(std::uint64_t token, kavri_core_status status) {
 }
 
 void PendingRequests::failAll(kavri_core_status status) {
-    // Recording may drop what is oldest, and so move the beginning.
     for (std::uint64_t token = first_; token < nextToken(); ++token) {
         fail(token, status);
     }

@@ -1,12 +1,12 @@
 // The broker's table of the requests that responders have in hand.
 #define BOOST_TEST_MODULE brokerPendingRequests
 
-#include "broker/pending_requests.h"
-
 #include <boost/test/unit_test.hpp>
 #include <map>
 #include <random>
 #include <set>
+
+#include "broker/pending_requests.h"
 
 using namespace kavri::broker;
 

@@ -1,13 +1,13 @@
 // Which failures a caller receives, and when.
 #define BOOST_TEST_MODULE corePendingRequests
 
+#include "core/pending_requests.h"
+
 #include <algorithm>
 #include <boost/test/unit_test.hpp>
 #include <optional>
 #include <random>
 #include <vector>
-
-#include "core/pending_requests.h"
 
 using kavri::core::PendingRequests;
 
