@@ -31,6 +31,7 @@ void giveUpReserve() {
 }  // namespace
 
 MemoryReserve::MemoryReserve() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): unsafe beside another mallopt only; there is none.
     ::mallopt(M_MMAP_THRESHOLD, mappedBlockBytes);
     restore();
     std::set_new_handler(giveUpReserve);
