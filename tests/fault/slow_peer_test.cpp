@@ -186,7 +186,7 @@ BOOST_AUTO_TEST_CASE(aStoppedResponderHoldsUpRequestsForOthersForAShortTimeOnly)
 
 BOOST_AUTO_TEST_CASE(subscriptionsAreRefusedWhereTheShareIsUsedUpAndTheirMemoryReturns) {
     Setting setting("[limits]\nbytes_per_user = 8388608\n");
-    const std::size_t before = setting.residentBytes();
+    [[maybe_unused]] const std::size_t before = setting.residentBytes();
     {
         std::vector<RawPeer> greedy;
         int granted = 0;
@@ -204,7 +204,9 @@ BOOST_AUTO_TEST_CASE(subscriptionsAreRefusedWhereTheShareIsUsedUpAndTheirMemoryR
             granted += status == KAVRI_CORE_STATUS_NO_ERROR ? 1 : 0;
         }
         BOOST_TEST(granted > 100);
+#if !defined(KAVRI_SANITIZED)  // whose own memory would count
         BOOST_TEST(setting.residentBytes() < before + 3 * 8 * interfaces::mebibyte);
+#endif
         setting.expectOthersUnharmed();
     }
     // The share is there again, and the memory with the next pause.
