@@ -284,14 +284,16 @@ BOOST_AUTO_TEST_CASE(ofABatchJustThoseAreSentThatItSays) {
     const std::string large(100'000, 'x');
     commands[300].payload = large.c_str();
     bool wasPartlySent = false;
-    for (const long first : {1L, 2L, 3L, 5L, 10L, 30L, 70L, 100L, 200L, 300L, 400L, 599L, 610L}) {
+    bool hasFailed = true;
+    for (long first = 1; hasFailed; ++first) {
+        BOOST_REQUIRE(first < 1000);
         Initiator initiator(address);
         std::size_t sent = 0;
         failingHere.begin(first, 1);
         const kavri_core_status status = kavri_core_ipc_initiator_command_send_batch(
             initiator.get(), commands.data(), commands.size(), &sent);
-        const long failed = failingHere.end();
-        BOOST_TEST((status == (failed > 0 ? noMemory : good) || status == good));
+        hasFailed = failingHere.end() > 0;
+        BOOST_TEST((status == (hasFailed ? noMemory : good) || status == good));
         BOOST_TEST((sent == commands.size()) == (status == good));
         wasPartlySent = wasPartlySent || (sent > 0 && sent < commands.size());
         for (std::size_t i = 0; i < sent; ++i) {
