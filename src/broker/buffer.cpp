@@ -42,8 +42,8 @@ BlockRef BufferPool::take(std::size_t bytes) {
     return BlockRef(new (memory) Block(*this, capacity));
 }
 
-// What is kept for later is needed now. The reserve is only for small blocks, in
-// which peers are told why they are closed.
+// Frees the blocks that are kept for reuse. The memory reserve is for small blocks
+// only: for the goodbye that gives a closed peer the reason.
 void* BufferPool::takeLastMemory(std::size_t bytes) {
     freeAll();
     void* memory = std::malloc(bytes);

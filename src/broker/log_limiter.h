@@ -54,7 +54,7 @@ class LogLimiter {
 // the last as "...".
 std::string kindOfMessage(std::string_view message);
 
-// The text as it may stand in a line of a log, whoever chose it: anything but
+// The text made safe for a log line, also where a peer chose it: anything but
 // printable ASCII is written as \xNN, and what is too long is cut off.
 std::string printable(std::string_view text);
 inline constexpr std::size_t longestPrintedBytes = 1000;

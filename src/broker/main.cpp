@@ -131,7 +131,7 @@ void reload(const Arguments& arguments, broker::Listener& listener, broker::Serv
     }
 }
 
-// The service manager orders what it is told by the monotonic clock.
+// The service manager orders notifications by the monotonic clock.
 void notifyReloading() {
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     const auto nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now);

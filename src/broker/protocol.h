@@ -41,7 +41,7 @@ class Protocol {
         keepIn({}, session, bytes, count);
     }
 
-    // Goes on with what was kept while the session was blocked.
+    // Handles the input that was kept while the session was blocked.
     Session* resume(Session& session);
 
   private:

@@ -1,5 +1,4 @@
-// Which descriptors of the event loop are ready, as the kernel tells it (epoll,
-// level-triggered).
+// Which descriptors of the event loop are ready (epoll, level-triggered).
 #ifndef KAVRI_BROKER_READINESS_H
 #define KAVRI_BROKER_READINESS_H
 

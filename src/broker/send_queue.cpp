@@ -1,4 +1,4 @@
-// The queue of what waits to be written; see send_queue.h.
+// The bytes queued for one peer; see send_queue.h.
 #include "broker/send_queue.h"
 
 #include <algorithm>

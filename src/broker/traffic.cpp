@@ -253,8 +253,8 @@ void Traffic::endIfDrained(Session& session) {
     }
 }
 
-// Tells the kernel what the session is to be woken for. One that is blocked
-// and has nothing to take is left out altogether: its peer's end would otherwise
+// Registers the readiness that the session needs. One that is blocked
+// and has nothing queued is left out altogether: its peer's end would otherwise
 // be reported again and again. What is written at the end of this round anyway
 // needs no watching yet.
 void Traffic::watch(Session& session) {

@@ -88,7 +88,7 @@ class Endpoint : public std::enable_shared_from_this<Endpoint> {
     // Whether this process only has a copy of an endpoint of the one that forked it.
     bool isInherited() const { return generation_ != processGeneration(); }
     // Of such a copy, in place of its end: releases what it holds, and keeps the rest for
-    // good, since what waits in its lock and its condition are threads of the parent.
+    // good, since the waiters of its lock and condition are threads of the parent.
     static void abandon(std::shared_ptr<Endpoint> copy);
 
   protected:

@@ -1,4 +1,4 @@
-// Tells a process from the one that forked it.
+// Distinguishes a process from the one that forked it.
 //
 // A child has copies of its parent's objects, but neither their threads nor the right to
 // read from their sockets: a byte that it took would be missing in the parent.
