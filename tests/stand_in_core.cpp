@@ -10,6 +10,8 @@
 //                    and pause, written at once, so that it outlives a crash
 //   STAND_IN_DELIVERY  when callbacks are called; see `Delivery`
 //
+// Built with KAVRI_LACKING it does not have two of the functions.
+//
 // Pauses are played too: `usleep` and `sleep` of this library take the place of
 // the C library's, are recorded, and take no time. Callbacks come one at a time,
 // unless otherwise asked for on a thread of this library's own while the module is
@@ -72,7 +74,11 @@ constexpr std::string_view knownDefects[] = {  // Coming up. The value is the st
 
     // Deliveries. The value is the context, the argument, which one, or how many.
     "deliveryContext", "deliveryArgumentMissing", "deliveryTextMissing", "deliveriesInTime",
-    "eventLost", "eventDoubled"};
+    "eventLost", "eventDoubled",
+
+    // What a library does to its process: when it is loaded, or with each send.
+    "crashesWhenLoaded", "hangsWhenLoaded", "hangs", "leavesProcess", "startsThreads", "prints",
+    "doesNothing"};  // all calls succeed, and no message comes
 
 // Ends the run if the environment asks for a defect that this library cannot play:
 // the test that asked would otherwise judge a healthy library.
@@ -139,6 +145,51 @@ Delivery chosenDelivery() {
 bool deliveryIs(Delivery delivery) {
     static const Delivery chosen = chosenDelivery();
     return chosen == delivery;
+}
+
+// --------------------------------------------------- what is done to the process
+
+[[noreturn]] void hang() {
+    fputs("hanging\n", stderr);
+    while (true) {
+        pause();
+    }
+}
+
+// A process that outlives its parent, in a session of its own.
+void leaveProcess() {
+    if (fork() == 0) {
+        setsid();
+        if (fork() == 0) {
+            hang();
+        }
+        _exit(0);
+    }
+}
+
+void disturbProcess() {
+    if (defect("hangs")) {
+        hang();
+    } else if (defect("leavesProcess")) {
+        leaveProcess();
+    } else if (defect("startsThreads")) {
+        for (int i = 0; i < 3; ++i) {
+            std::thread(hang).detach();
+        }
+    } else if (defect("prints")) {
+        puts("a line on standard output");
+        fputs("a line on standard error\n", stderr);
+        fputs("no line break at the end", stdout);
+    }
+}
+
+__attribute__((constructor)) void disturbLoading() {
+    if (defect("crashesWhenLoaded")) {
+        fputs("cannot be loaded\n", stderr);
+        abort();
+    } else if (defect("hangsWhenLoaded")) {
+        hang();
+    }
 }
 
 // ------------------------------------------------------------------- the record
@@ -665,10 +716,13 @@ kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator
                              quoted(targetCategory) + ", " + quoted(targetIdentifier) + ", " +
                              quoted(uuid) + ", " + quoted(payload) + ")";
     ++initiator->sends;
+    disturbProcess();
     if (defect("sendsRefused") || defectIs("sendRefused", initiator->sends)) {
         return returned(call, KAVRI_CORE_STATUS_IPC_TOO_LARGE);
     }
-    serve(*initiator, Message{"", targetCategory, targetIdentifier, uuid, payload});
+    if (!defect("doesNothing")) {
+        serve(*initiator, Message{"", targetCategory, targetIdentifier, uuid, payload});
+    }
     const kavri_core_status status =
         returned(call, defect("sendsMisreported") ? KAVRI_CORE_STATUS_IPC_TOO_LARGE
                                                   : KAVRI_CORE_STATUS_NO_ERROR);
@@ -740,6 +794,7 @@ kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
     return returned(call, status);
 }
 
+#ifndef KAVRI_LACKING
 kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initiator* initiator,
                                                            const char* category) {
     const std::lock_guard<std::mutex> lock(stateMutex);
@@ -758,6 +813,7 @@ kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(kavri_core_ipc_init
                         quoted(category) + ")",
                     statusOf("unsubscribeRefused"));
 }
+#endif
 
 // -------------------------------------------- in place of the C library's functions
 

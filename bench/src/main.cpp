@@ -1,18 +1,47 @@
 // kavri-bench-measure: one workload over one transport, figures as JSON on
 // standard output; a failure is a reason on standard error and exit status 1.
+#include <sched.h>
+#include <sys/resource.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
+#include "failure.h"
 #include "options.h"
-#include "process.h"
-#include "workloads.h"
+#include "workloads/workloads.h"
 
 namespace {
 
 using namespace kavri::bench;
+
+// Everything from now on runs on one processor: the last that is allowed.
+void pinToOneProcessor() {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    ::sched_getaffinity(0, sizeof allowed, &allowed);
+    int last = CPU_SETSIZE - 1;
+    while (last > 0 && !CPU_ISSET(static_cast<std::size_t>(last), &allowed)) {
+        --last;
+    }
+    CPU_ZERO(&allowed);
+    CPU_SET(static_cast<std::size_t>(last), &allowed);
+    if (::sched_setaffinity(0, sizeof allowed, &allowed) != 0) {
+        throw std::system_error(errno, std::generic_category(), "sched_setaffinity");
+    }
+}
+
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);  // where it fails, connecting does later
+    }
+}
 
 nlohmann::json measure(const Options& options) {
     static const std::map<std::string, std::function<nlohmann::json(const Options&)>> workloads{

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "service.h"
-#include "transport.h"
-#include "workloads.h"
+#include "transports/transport.h"
+#include "workloads/workloads.h"
 
 namespace kavri::bench {
 

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "transport.h"
+#include "transports/transport.h"
 
 namespace kavri::bench {
 

@@ -1,28 +1,9 @@
 // The parts of one measurement; see session.h.
 #include "session.h"
 
-#include <stdlib.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace kavri::bench {
-
-PrivateFolder::PrivateFolder() {
-    std::string pattern = std::filesystem::temp_directory_path() / "kavri-bench-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), pattern);
-    }
-    path_ = pattern;
-}
-
-PrivateFolder::~PrivateFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 CheckedClient::CheckedClient(std::unique_ptr<Client> client, std::uint32_t number,
                              std::size_t payloadBytes)
@@ -56,19 +37,19 @@ void CheckedClient::receive() {
 Session::Session(const Options& options, bool manyInFlight)
     : options_(options),
       transport_(makeTransport(options.transport)),
-      place_{folder_.path(), manyInFlight} {
-    servers_ = transport_->startServers(place_);
+      place_{folder_.path(), manyInFlight},
+      server_(transport_->startServer(place_)) {
     startService(serviceName);
 }
 
 void Session::startService(const std::string& name) {
     if (!transport_->isServiceInside()) {
         services_.push_back(startHelper({"run-service", "--service", name}, true));
-        services_.back()->outputLine();  // it is ready
+        services_.back().outputLine();  // it is ready
     }
 }
 
-std::unique_ptr<Child> Session::startHelper(std::vector<std::string> arguments, bool readsOutput) {
+Child Session::startHelper(std::vector<std::string> arguments, bool readsOutput) {
     const std::string log = place_.at(arguments.front() + ".log");
     for (const std::string& further :
          {std::string("--transport"), options_.transport, std::string("--folder"), place_.folder}) {
@@ -77,8 +58,7 @@ std::unique_ptr<Child> Session::startHelper(std::vector<std::string> arguments, 
     if (place_.manyInFlight) {
         arguments.emplace_back("--many-in-flight");
     }
-    return std::make_unique<Child>(
-        Child::Start{ownCommand(std::move(arguments)), log, readsOutput});
+    return Child({ownCommand(std::move(arguments)), log, readsOutput});
 }
 
 std::unique_ptr<CheckedClient> Session::connect(std::size_t payloadBytes) {

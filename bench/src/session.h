@@ -8,26 +8,13 @@
 
 #include "options.h"
 #include "payload.h"
-#include "transport.h"
+#include "process/temporary_folder.h"
+#include "transports/transport.h"
 
 namespace kavri::bench {
 
 inline constexpr const char* serviceName = "bench";
 inline constexpr const char* otherServiceName = "other";
-
-// A folder under the temporary one, gone with the object.
-class PrivateFolder {
-  public:
-    PrivateFolder();
-    PrivateFolder(const PrivateFolder&) = delete;
-    PrivateFolder& operator=(const PrivateFolder&) = delete;
-    ~PrivateFolder();
-
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 // A client with what it has sent and got back so far.
 class CheckedClient {
@@ -69,18 +56,18 @@ class Session {
     std::vector<std::unique_ptr<CheckedClient>> connectIdle(std::size_t count);
     void startService(const std::string& name);
     // This program as a further process of the measurement.
-    std::unique_ptr<Child> startHelper(std::vector<std::string> arguments, bool readsOutput);
+    Child startHelper(std::vector<std::string> arguments, bool readsOutput);
 
-    const std::vector<std::unique_ptr<Child>>& servers() const { return servers_; }
-    const std::vector<std::unique_ptr<Child>>& services() const { return services_; }
+    const Child& server() const { return server_; }
+    const std::vector<Child>& services() const { return services_; }
 
   private:
     const Options options_;
     const std::unique_ptr<Transport> transport_;
-    PrivateFolder folder_;
+    const process::TemporaryFolder folder_;
     const Place place_;
-    std::vector<std::unique_ptr<Child>> servers_;
-    std::vector<std::unique_ptr<Child>> services_;
+    const Child server_;
+    std::vector<Child> services_;
     std::uint32_t clients_ = 0;
 };
 

@@ -2,9 +2,10 @@
  * kavri core library: status values, life of the library, logging.
  *
  * Plain C11 that also compiles as C++. Every function returns a
- * kavri_core_status and reports through it alone: nothing is thrown, the
- * process is never ended, errno is not part of the interface. All functions
- * may be called from any thread.
+ * kavri_core_status and reports through it alone: nothing is thrown, errno is
+ * not part of the interface, and nothing that a caller or a peer does ends the
+ * process. Only a defect of the library itself does, with a line on standard
+ * error. All functions may be called from any thread.
  *
  * Strings are NUL-terminated byte strings; the library attaches no encoding
  * to them. Strings passed in are read during the call only.
@@ -17,11 +18,11 @@ extern "C" {
 #endif
 
 /*
- * What a call came to. One value per thing that a caller would do differently;
- * the values never change their numbers.
+ * The result of a call: one value for each case that a caller would handle
+ * differently. The values never change their numbers.
  */
 typedef enum kavri_core_status {
-    /* The call did what was asked. All functions. */
+    /* The call succeeded. All functions. */
     KAVRI_CORE_STATUS_NO_ERROR = 0,
 
     /* A pointer that must not be null is null, a time-out is below -1, an
@@ -38,16 +39,16 @@ typedef enum kavri_core_status {
      * functions. */
     KAVRI_CORE_STATUS_OUT_OF_RESOURCES = 3,
 
-    /* A receive while a callback takes what it would receive. The receive
-     * functions. */
+    /* A receive while a callback is installed that receives the same messages.
+     * The receive functions. */
     KAVRI_CORE_STATUS_IPC_FAILED = 4,
 
-    /* Nothing was waiting within the time-out. Call again. The receive
+    /* No message arrived within the time-out. Call again. The receive
      * functions. */
     KAVRI_CORE_STATUS_IPC_NO_MESSAGE = 5,
 
-    /* No broker answers at the address. What was to be sent was not. All IPC
-     * functions that talk to the broker; each call tries again. */
+    /* No broker answers at the address. Nothing was sent. All IPC functions
+     * that need the broker; each call tries again. */
     KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE = 6,
 
     /* The address of the broker cannot be one: empty, or longer than a socket
@@ -58,7 +59,7 @@ typedef enum kavri_core_status {
      * two. The IPC init functions. */
     KAVRI_CORE_STATUS_IPC_INCOMPATIBLE = 8,
 
-    /* The broker's configuration does not allow this user to do that.
+    /* The broker's configuration does not allow this to the user.
      * Certainly not delivered. The IPC init functions, subscribe, and a
      * receive after a request that was refused. */
     KAVRI_CORE_STATUS_IPC_REFUSED = 9,
@@ -80,8 +81,8 @@ typedef enum kavri_core_status {
      * sending functions. */
     KAVRI_CORE_STATUS_IPC_TOO_LARGE = 13,
 
-    /* A limit is reached: too many requests without an answer, or the broker
-     * takes nothing more for now. Certainly not delivered; try again later.
+    /* A limit is reached: too many pending requests, or back-pressure of the
+     * broker for longer than the time-out. Certainly not delivered; try later.
      * The sending functions, subscribe, a receive after the request, and the
      * IPC init functions when the broker is full. */
     KAVRI_CORE_STATUS_IPC_OVERLOADED = 14,
@@ -123,10 +124,10 @@ kavri_core_status kavri_core_init(void);
 kavri_core_status kavri_core_deinit(void);
 
 /*
- * Opens a logging context and stores it in *cookie. What the library has to
- * say about objects made with it is written to standard error, each line with
- * `name` in it. The environment variable KAVRI_LOG sets from which severity
- * on: "off", "error", "warning" (the default), "info" or "debug".
+ * Opens a logging context and stores it in *cookie. The library's log lines
+ * about objects made with it go to standard error, each with `name` in it. The environment variable
+ * KAVRI_LOG sets from which severity on: "off", "error", "warning" (the default), "info" or
+ * "debug".
  *
  * name: up to 255 bytes are used. cookie: the caller's variable, left alone on
  * failure. Does not block.

@@ -1,7 +1,7 @@
 /*
- * kavri core library: talking to others through the local broker.
+ * kavri core library: requests, responses and events through the local broker.
  *
- * An initiator sends requests to a category; the broker hands each to the
+ * An initiator sends requests to a category; the broker routes each to the
  * responder of that category, whose response comes back with the request's
  * uuid. Events that a responder publishes reach the initiators that subscribed
  * to its category.
@@ -18,12 +18,12 @@
  * while a callback is installed, on its own thread, with pauses that grow from
  * 10 ms to 1 s. After a connection that lasted less than a second, every further
  * one is preceded by such a pause, which a call spends waiting as far as its time
- * limit allows. Requests that were on their way have the outcome unknown. Events
+ * limit allows. The outcome of requests in flight is unknown. Events
  * that were published in the meantime are missed; a connection callback, in the
  * options, is called when that may have happened.
  *
- * Strings handed out are allocated one by one with malloc. They belong to the
- * receiver, who releases each with free.
+ * Received strings are allocated one by one with malloc. They belong to the
+ * caller or callback that receives them, which releases each with free.
  *
  * Callbacks run one at a time per initiator or responder, on a thread of the
  * library's own in which all signals are blocked. Every function may be called
@@ -64,10 +64,10 @@ typedef enum kavri_core_ipc_connection_event {
     /* The first connection was made; init is about to return, or has. */
     KAVRI_CORE_IPC_CONNECTION_MADE = 0,
     /* The connection broke: the broker ended or was killed, or it took nothing
-     * for sendTimeoutMs. Outcomes of pending requests are unknown. */
+     * for sendTimeoutMs. The outcome of pending requests is unknown. */
     KAVRI_CORE_IPC_CONNECTION_BROKEN = 1,
-    /* The broker closed it and said why: what it sent was not received fast
-     * enough, a limit was reached, or the broker was stopped. */
+    /* The broker closed it and gave a reason: its messages were not received
+     * fast enough, a limit was reached, or the broker was stopped. */
     KAVRI_CORE_IPC_CONNECTION_CLOSED_BY_BROKER = 2,
     /* There is a connection again; subscriptions and the category served are in
      * effect. Events of the time in between were missed. */
@@ -78,11 +78,11 @@ typedef struct kavri_core_ipc_connection_change {
     /* The size of what the library fills in: later versions add members. */
     size_t sizeBytes;
     kavri_core_ipc_connection_event event;
-    /* NO_ERROR; of a connection that is gone what its pending requests got, or
-     * the status that the broker gave for closing it. */
+    /* NO_ERROR; of a connection that is gone the status of its pending requests,
+     * or the status that the broker gave for closing it. */
     kavri_core_status status;
-    /* In words, at most 199 bytes; never null; the library's, for the length of
-     * the call. */
+    /* In words, at most 199 bytes, never null. The library's; valid during the
+     * call. */
     const char* reason;
     /* Of a restored connection: for how long there was none, in milliseconds. */
     uint64_t disconnectedMs;
@@ -93,7 +93,7 @@ typedef struct kavri_core_ipc_connection_change {
  * callbacks and never at the same time as one of them; all functions may be called.
  * A change is delivered before any message of the connection that it is about;
  * messages of the lost connection may follow its loss. Where a callback takes so
- * long that 16 changes are waiting, the oldest is dropped.
+ * long that 16 changes are queued, the oldest is dropped.
  */
 typedef void (*kavri_core_ipc_connection_callback)(const kavri_core_ipc_connection_change* change,
                                                    void* context);
@@ -110,16 +110,16 @@ typedef struct kavri_core_ipc_options {
     /* How long init, and connecting again, may wait for the broker's welcome,
      * in milliseconds; 0: 5000. */
     unsigned int connectTimeoutMs;
-    /* How long a call that sends may take, whatever it waits for (a connection,
-     * other senders, a broker that takes nothing), and a subscribe or unsubscribe
-     * with its acknowledgement, in milliseconds; 0: 10000. */
+    /* How long a call that sends may take, with all of its waits (for a
+     * connection, for other senders, for room in the socket), and a subscribe or
+     * unsubscribe with its acknowledgement, in milliseconds; 0: 10000. */
     unsigned int sendTimeoutMs;
-    /* Not 0: what a callback sends is gathered, and leaves in one write when the
-     * library's thread has nothing further to deliver or waits for something,
-     * when 64 KiB are together, or ahead of whatever else is sent. For callbacks
-     * that are quick: what one sends waits for those that come after it. The order
-     * is that of the sends, gathered or not. A gathered message that then cannot
-     * be written counts as lost with the connection. */
+    /* Not 0: messages that a callback sends are gathered, and written together
+     * when the library's thread has nothing further to deliver or has to wait,
+     * when 64 KiB are gathered, or when another thread sends. For callbacks that
+     * return quickly: a gathered message is delayed until those that follow have
+     * returned. The order is that of the sends, gathered or not. A gathered
+     * message that then cannot be written counts as lost with the connection. */
     unsigned int gatherWrites;
     /* Null, or called for each change of the connection from init on until the
      * end, with connectionContext. Then the library's thread exists from the
@@ -155,7 +155,7 @@ typedef void (*kavri_core_ipc_initiator_event_callback)(char** targetCategory,
  *
  * NO_ERROR; INVALID_ARGUMENT (initiator null, options too small);
  * NOT_INITIALISED; OUT_OF_RESOURCES; IPC_ADDRESS_INVALID;
- * IPC_BROKER_UNAVAILABLE (nobody listens there, or no welcome in time);
+ * IPC_BROKER_UNAVAILABLE (no broker listens there, or no welcome in time);
  * IPC_INCOMPATIBLE; IPC_REFUSED (this user may not connect); IPC_OVERLOADED
  * (the broker has as many connections as it may).
  */
@@ -164,7 +164,7 @@ kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie
 
 /*
  * Ends an initiator: removes its callbacks, drops its subscriptions and the
- * responses nobody received, closes the connection, frees it. No other thread
+ * responses that were not received, closes the connection, frees it. No other thread
  * may be in a call with it, or make one afterwards. Waits for a callback under
  * way, except when called from within it.
  *
@@ -174,12 +174,12 @@ kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator);
 
 /*
  * Sends one request and returns without waiting for its response. Blocks while
- * the broker takes nothing, while other threads are sending, and where a
- * connection has to be made; for at most sendTimeoutMs in all. What becomes of
- * the request is told by a later receive.
+ * the socket is full, while other threads are sending, and where a connection
+ * has to be made; for at most sendTimeoutMs in all. The outcome of the request
+ * is returned by a later receive.
  *
- * While a request waits for a responder that does not keep up, what was sent after
- * it over the same initiator waits too, also for other categories. The wait ends
+ * While a request waits for a responder that does not keep up, later requests of
+ * the same initiator wait too, also those for other categories. The wait ends
  * when the responder takes more, or with IPC_OVERLOADED some hundred milliseconds
  * after it took too little (the broker's stall_ms).
  *
@@ -188,9 +188,9 @@ kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator);
  * given; all may be empty. The uuid comes back in the response; it need not be
  * unique.
  *
- * NO_ERROR (handed to the broker's socket); INVALID_ARGUMENT;
- * IPC_TOO_LARGE; IPC_OVERLOADED (nothing was taken within sendTimeoutMs, or
- * too many requests are without an answer); IPC_BROKER_UNAVAILABLE;
+ * NO_ERROR (written to the broker's socket); INVALID_ARGUMENT;
+ * IPC_TOO_LARGE; IPC_OVERLOADED (no room in the socket within sendTimeoutMs, or
+ * too many pending requests); IPC_BROKER_UNAVAILABLE;
  * IPC_CONNECTION_LOST; OUT_OF_RESOURCES.
  */
 kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* initiator,
@@ -214,9 +214,9 @@ typedef struct kavri_core_ipc_command {
  * one call for each, and otherwise the same.
  *
  * commands: `count` of them, read during the call only. *sent: how many were
- * handed to the broker's socket, always set; the first of the others is the one
- * that the status is about. After IPC_CONNECTION_LOST the outcome of up to
- * 64 KiB of requests behind those is unknown.
+ * written to the broker's socket, always set; the status is that of the first of
+ * the others. After IPC_CONNECTION_LOST the outcome of up to 64 KiB of requests
+ * after the sent ones is unknown.
  *
  * NO_ERROR (all sent); the failures of kavri_core_ipc_initiator_command_send.
  */
@@ -229,13 +229,13 @@ kavri_core_status kavri_core_ipc_initiator_command_send_batch(
  * the four variables, without releasing what they held. *payload becomes null
  * where the response has none. Without NO_ERROR the variables are left alone.
  *
- * Never waits for what cannot come: for a response that was lost with its
- * responder or connection. A request that failed makes one receive return why,
- * once no response is waiting and no request sent after it is still open; so a
- * command that is never answered does not spoil a receive for a later one. A
- * request that its responder ended without an answer is no failure and ends no
- * receive: another thread may send what will be answered, so a receive without
- * limit goes on waiting, even where nothing is pending.
+ * Never waits for a response that was lost with its responder or connection. A
+ * request that failed makes one receive return its status, once no response is
+ * queued and no request sent after it is pending; so a command that is never
+ * answered does not end a receive for a later one. A request that its responder
+ * ended without an answer is no failure and ends no receive. A receive without
+ * limit waits even where no request is pending, since another thread may send
+ * one.
  *
  * NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a response callback is installed;
  * returned at once whatever the time-out); IPC_NO_MESSAGE (none within the
@@ -252,12 +252,12 @@ kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initi
 
 /*
  * Installs the response callback, in place of the one before, or removes it
- * (callback and context both null). While one is installed every response goes
- * to it, those that were waiting first, and receives are refused. Responses
- * that arrive after its removal wait for a receive again.
+ * (callback and context both null). While one is installed, every response goes
+ * to it, those already queued first, and receives are refused. Responses that
+ * arrive after its removal are queued for a receive again.
  *
- * Returns when no call of the callback before is running or will be made,
- * except from within a callback, where only the latter holds.
+ * On return, no call of the callback before it is running or will be made; from
+ * within a callback, that call alone is still running.
  *
  * NO_ERROR; INVALID_ARGUMENT; OUT_OF_RESOURCES.
  */
@@ -285,8 +285,8 @@ kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initia
  * like subscribe. Ending one that is not
  * there changes nothing.
  *
- * NO_ERROR; the failures of subscribe. The subscription is over in this
- * library in any case.
+ * NO_ERROR; the failures of subscribe. Whatever the status, the library
+ * delivers no further event of the category.
  */
 kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(kavri_core_ipc_initiator* initiator,
                                                              const char* category);
@@ -314,7 +314,7 @@ typedef struct kavri_core_ipc_request {
 /*
  * Receives one request on the library's thread. Ownership of the four strings
  * as for the initiator's callbacks; all are always there. Answer with
- * kavri_core_ipc_responder_response_send, or say that no answer will come with
+ * kavri_core_ipc_responder_response_send, or end it without an answer with
  * kavri_core_ipc_responder_request_end; from here or later, from any thread.
  */
 typedef void (*kavri_core_ipc_responder_request_callback)(kavri_core_ipc_request request,
@@ -327,7 +327,7 @@ typedef void (*kavri_core_ipc_responder_request_callback)(kavri_core_ipc_request
  * stores it in *responder. Parameters, waiting and failures as for
  * kavri_core_ipc_initiator_init; category not empty, at most 64 KiB.
  *
- * Further: IPC_CATEGORY_TAKEN (somebody serves it already); IPC_REFUSED also
+ * Further: IPC_CATEGORY_TAKEN (another responder serves it); IPC_REFUSED also
  * when this user may not serve it.
  */
 kavri_core_status kavri_core_ipc_responder_init(kavri_core_logging_cookie cookie, void* options,
@@ -370,7 +370,7 @@ kavri_core_status kavri_core_ipc_responder_request_receive_callback(
  * null: a response without one. Blocks like
  * kavri_core_ipc_initiator_command_send.
  *
- * NO_ERROR; INVALID_ARGUMENT; IPC_TOO_LARGE (the request stays open);
+ * NO_ERROR; INVALID_ARGUMENT; IPC_TOO_LARGE (the request stays pending);
  * IPC_OVERLOADED (likewise); IPC_CONNECTION_LOST (the connection over which
  * the request came is gone, or broke now); OUT_OF_RESOURCES.
  */
@@ -381,9 +381,8 @@ kavri_core_status kavri_core_ipc_responder_response_send(kavri_core_ipc_responde
                                                          const char* uuid, const char* payload);
 
 /*
- * Says that a request is done and gets no answer. Every request is to be
- * answered or ended: an open one takes room in the broker, and its sender may
- * wait for it.
+ * Ends a request without an answer. Every request is to be answered or ended:
+ * a pending one uses memory of the broker, and its sender may wait for it.
  *
  * NO_ERROR; the failures of kavri_core_ipc_responder_response_send.
  */
@@ -392,7 +391,7 @@ kavri_core_status kavri_core_ipc_responder_request_end(kavri_core_ipc_responder*
 
 /*
  * Publishes one event of the category that this responder serves, to every
- * initiator subscribed at that moment. Nobody subscribed is no failure. Blocks
+ * initiator subscribed at that moment; where there is none, it succeeds. Blocks
  * like kavri_core_ipc_initiator_command_send.
  *
  * NO_ERROR; INVALID_ARGUMENT (also: targetCategory is not the one served);

@@ -15,7 +15,7 @@ namespace kavri::broker {
 
 namespace {
 
-using interfaces::Limits;
+using wire::Limits;
 
 // A limit by its name in the file, with the range that makes sense.
 struct NumberSetting {
@@ -36,8 +36,7 @@ constexpr std::int64_t manyThings = 1'000'000;
 constexpr std::int64_t anHourMs = 3'600'000;
 
 constexpr std::array settings = {
-    NumberSetting{"payload_bytes", 1, interfaces::payloadCeilingBytes,
-                  setNumber<&Limits::payloadBytes>},
+    NumberSetting{"payload_bytes", 1, wire::payloadCeilingBytes, setNumber<&Limits::payloadBytes>},
     NumberSetting{"connections", 1, manyThings, setNumber<&Limits::connections>},
     NumberSetting{"connections_per_user", 1, manyThings, setNumber<&Limits::connectionsPerUser>},
     NumberSetting{"send_queue_bytes", 65536, manyBytes, setNumber<&Limits::sendQueueBytes>},

@@ -6,7 +6,7 @@
 //     [access]
 //     connect = ["alice", 1001]          # users by name or number; "*": everybody
 //
-//     [access.category."test"]           # where it is left out: whoever connects
+//     [access.category."test"]           # default: all who may connect
 //     serve = ["alice"]
 //     send = ["*"]
 //     subscribe = ["*"]
@@ -16,8 +16,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "broker/policy.h"
-#include "interfaces/limits.h"
+#include "broker/routing/policy.h"
+#include "wire/limits.h"
 
 namespace kavri::broker {
 
@@ -28,7 +28,7 @@ class BadConfig : public std::runtime_error {
 };
 
 struct Config {
-    interfaces::Limits limits;
+    wire::Limits limits;
     Policy policy;
 };
 

@@ -18,11 +18,11 @@
 #include <utility>
 
 #include "broker/config.h"
-#include "broker/listener.h"
-#include "broker/log.h"
-#include "broker/server.h"
-#include "interfaces/address.h"
-#include "test_service/test_service.h"
+#include "broker/hosted_test_service.h"
+#include "broker/log/log.h"
+#include "broker/loop/listener.h"
+#include "broker/loop/server.h"
+#include "wire/address.h"
 
 namespace {
 
@@ -163,9 +163,8 @@ struct StoppingNotice {
 void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     broker::Config config = configOf(arguments);
     raiseDescriptorLimit(config.limits.connections);
-    broker::Listener listener(interfaces::brokerAddress(arguments.socket),
-                              isOpenToOthers(config.policy));
-    test_service::TestService service([](std::string_view identifier) {
+    broker::Listener listener(wire::brokerAddress(arguments.socket), isOpenToOthers(config.policy));
+    broker::HostedTestService service([](std::string_view identifier) {
         spdlog::warn("unknown test command \"{}\": answered with an empty payload",
                      identifier.substr(0, longestLoggedName));
     });

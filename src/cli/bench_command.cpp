@@ -15,8 +15,8 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "cli/latencies.h"
-#include "interfaces/address.h"
+#include "base/latencies.h"
+#include "wire/address.h"
 
 namespace kavri::cli {
 
@@ -36,7 +36,7 @@ constexpr std::array percentiles = {Percentile{"p50", 0.5}, Percentile{"p90", 0.
                                     Percentile{"p99", 0.99}, Percentile{"p99.9", 0.999}};
 
 struct Measurement {
-    Latencies latencies;
+    base::Latencies latencies;
     std::chrono::nanoseconds time{0};
 
     double perSecond() const {
@@ -68,9 +68,9 @@ std::string adviceOn(kavri_core_status status, const BenchOptions& options) {
 
 void check(kavri_core_status status, const BenchOptions& options) {
     if (status != KAVRI_CORE_STATUS_NO_ERROR) {
-        throw CommandFailure(
-            ExitStatus::couldNotRun,
-            fmt::format("broker at {}: {}: {}", interfaces::brokerAddress(options.socket),
+        throw process::CommandFailure(
+            process::ExitStatus::couldNotRun,
+            fmt::format("broker at {}: {}: {}", wire::brokerAddress(options.socket),
                         kavri_core_status_text(status), adviceOn(status, options)));
     }
 }
@@ -116,8 +116,8 @@ class Client {
             std::free(field);
         }
         if (!isRight) {
-            throw CommandFailure(
-                ExitStatus::failed,
+            throw process::CommandFailure(
+                process::ExitStatus::failed,
                 fmt::format("the answer to request {} is not the one that was due", uuid));
         }
     }
@@ -188,12 +188,12 @@ Measurement measure(Client& client, const BenchOptions& options, unsigned inFlig
     return result;
 }
 
-double microseconds(Latencies::Duration duration) {
+double microseconds(base::Latencies::Duration duration) {
     return static_cast<double>(duration.count()) / 1000.0;
 }
 
 void print(const char* what, const Measurement& measurement, const BenchOptions& options) {
-    const Latencies& latencies = measurement.latencies;
+    const base::Latencies& latencies = measurement.latencies;
     std::cout << fmt::format("{:<14} {:>10.0f} /s {:>9.1f} MB/s   ", what, measurement.perSecond(),
                              measurement.perSecond() * options.payloadBytes / 1e6);
     for (const Percentile& percentile : percentiles) {
@@ -256,7 +256,7 @@ void describeBench(CLI::App& command, BenchOptions& options) {
         "  kavri bench --payload 65536 --in-flight 16 --json");
 }
 
-ExitStatus runBench(const BenchOptions& options) {
+process::ExitStatus runBench(const BenchOptions& options) {
     Client client(options);
     const Measurement single = measure(client, options, 1, "one at a time");
     const Measurement many = measure(client, options, options.inFlight, "in flight");
@@ -271,7 +271,7 @@ ExitStatus runBench(const BenchOptions& options) {
         print("one at a time", single, options);
         print(fmt::format("{} in flight", options.inFlight).c_str(), many, options);
     }
-    return ExitStatus::passed;
+    return process::ExitStatus::passed;
 }
 
 }  // namespace kavri::cli

@@ -6,7 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "cli/exit_status.h"
+#include "process/exit_status.h"
 
 namespace kavri::cli {
 
@@ -23,7 +23,7 @@ struct BenchOptions {
 void describeBench(CLI::App& command, BenchOptions& options);
 
 // Throws CommandFailure where nothing can be measured.
-ExitStatus runBench(const BenchOptions& options);
+process::ExitStatus runBench(const BenchOptions& options);
 
 }  // namespace kavri::cli
 

@@ -1,16 +1,29 @@
-// `kavri conformance`: runs the conformance module against a broker and tells
-// what came of it.
+// `kavri conformance`: runs the conformance module against a broker and reports the
+// verdict.
 #ifndef KAVRI_CLI_CONFORMANCE_COMMAND_H
 #define KAVRI_CLI_CONFORMANCE_COMMAND_H
 
-#include "cli/conformance_options.h"
-#include "cli/exit_status.h"
+#include <CLI/CLI.hpp>
+#include <string>
+
+#include "conformance/run/conformance_run.h"
+#include "process/exit_status.h"
 
 namespace kavri::cli {
 
-// Throws CommandFailure where there can be no verdict. Ends the process by the
-// signal that asked it to stop, after tidying up.
-ExitStatus runConformance(const ConformanceOptions& options);
+struct ConformanceOptions {
+    conformance::RunPlan plan;
+    // Instead of a run.
+    bool listsCases = false;
+    bool listsFaults = false;
+    std::string explained;  // a case or a fault; empty: none
+};
+
+void describeConformance(CLI::App& command, ConformanceOptions& options);
+
+// Throws CommandFailure where there can be no verdict. Ends the process by the signal
+// that asked it to stop, after cleaning up.
+process::ExitStatus runConformance(const ConformanceOptions& options);
 
 }  // namespace kavri::cli
 

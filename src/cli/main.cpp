@@ -1,5 +1,5 @@
-// kavri: the tool around the library and the broker. Reads the command line
-// and hands over to the command that it names.
+// kavri: the tool around the library and the broker. Parses the command line and runs the
+// command that it names.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -11,13 +11,15 @@
 
 #include "cli/bench_command.h"
 #include "cli/conformance_command.h"
-#include "cli/exit_status.h"
+#include "process/exit_status.h"
 
 namespace {
 
 using namespace kavri::cli;
+namespace conformance = kavri::conformance;
+namespace process = kavri::process;
 
-int complain(const std::string& command, const std::string& line, ExitStatus status) {
+int complain(const std::string& command, const std::string& line, process::ExitStatus status) {
     std::cerr << command << ": " << line << std::endl;
     return static_cast<int>(status);
 }
@@ -27,8 +29,8 @@ std::string singleLine(std::string text) {
     return text;
 }
 
-// A pipe made while one of the first three descriptors is closed would become
-// that one, and be taken for standard input, output or error.
+// A pipe made while one of the first three descriptors is closed would get its number, and
+// be mistaken for standard input, output or error.
 void openMissingStandardDescriptors() {
     int descriptor = -1;
     do {
@@ -39,7 +41,7 @@ void openMissingStandardDescriptors() {
     }
 }
 
-// What follows "--" goes to the module, which only one command runs.
+// What follows "--" is for the module, which only one command runs.
 std::vector<std::string> cutModuleArguments(std::vector<std::string>& arguments) {
     const auto dashes = std::ranges::find(arguments, "--");
     if (dashes == arguments.end()) {
@@ -50,7 +52,7 @@ std::vector<std::string> cutModuleArguments(std::vector<std::string>& arguments)
     return cut;
 }
 
-// The commands, and what the command line said to them.
+// The commands and their options.
 struct Commands {
     CLI::App app{"Tools for the kavri core library and its broker.", "kavri"};
     ConformanceOptions conformance;
@@ -75,13 +77,13 @@ struct Commands {
         return called.empty() ? "kavri" : "kavri " + called.front()->get_name();
     }
 
-    ExitStatus run() {
+    process::ExitStatus run() {
         if (app.got_subcommand("conformance")) {
             return runConformance(conformance);
         }
-        if (!conformance.moduleArguments.empty()) {
-            throw CommandFailure(ExitStatus::usage,
-                                 "arguments after -- are for 'kavri conformance' only");
+        if (!conformance.plan.moduleArguments.empty()) {
+            throw process::CommandFailure(process::ExitStatus::usage,
+                                          "arguments after -- are for 'kavri conformance' only");
         }
         return runBench(bench);
     }
@@ -89,8 +91,10 @@ struct Commands {
 
 int runCommandLine(std::vector<std::string> arguments) {
     Commands commands;
-    commands.conformance.invocation = arguments;
-    commands.conformance.moduleArguments = cutModuleArguments(arguments);
+    conformance::RunPlan& plan = commands.conformance.plan;
+    plan.tool = "kavri " KAVRI_VERSION;
+    plan.invocation = arguments;
+    plan.moduleArguments = cutModuleArguments(arguments);
     try {
         std::ranges::reverse(arguments);  // as the parser takes them
         commands.app.parse(arguments);
@@ -103,12 +107,12 @@ int runCommandLine(std::vector<std::string> arguments) {
         if (commands.app.get_subcommands().empty() && !unknown.empty()) {
             return complain("kavri",
                             "no command or option '" + unknown.front() + "'; see 'kavri --help'",
-                            ExitStatus::usage);
+                            process::ExitStatus::usage);
         }
         const std::string name = commands.name();
         return complain(name, singleLine(error.what()) + "; see '" + name + " --help'",
-                        ExitStatus::usage);
-    } catch (const CommandFailure& failure) {
+                        process::ExitStatus::usage);
+    } catch (const process::CommandFailure& failure) {
         return complain(commands.name(), failure.what(), failure.status());
     }
 }
@@ -117,13 +121,13 @@ int runCommandLine(std::vector<std::string> arguments) {
 
 int main(int argc, char** argv) {
     openMissingStandardDescriptors();
-    // A reader of the output that goes away must not keep the tool from tidying up.
+    // Without a reader of the output, the tool must nevertheless clean up.
     std::signal(SIGPIPE, SIG_IGN);
     try {
         return runCommandLine({argv + 1, argv + argc});
     } catch (const std::exception& error) {
-        // The system's own refusal, such as that of a folder or a process.
+        // A failed system call, such as of a folder or a process.
         std::fprintf(stderr, "kavri: %s\n", error.what());
-        return static_cast<int>(ExitStatus::couldNotRun);
+        return static_cast<int>(process::ExitStatus::couldNotRun);
     }
 }

@@ -8,11 +8,11 @@
 namespace kavri::core {
 
 using Clock = std::chrono::steady_clock;
-// A moment to wait until; nothing: without limit.
+// When a wait ends; nothing: it has no limit.
 using Deadline = std::optional<Clock::time_point>;
 
-// The deadline of one call, whatever the call waits for. The clock is read when the call
-// first has to wait, so a call that need not wait does not read it.
+// The deadline of one call, for all of its waits together. The clock is read at the first
+// wait, so a call that need not wait does not read it.
 class CallDeadline {
   public:
     // Without limit.
@@ -31,6 +31,14 @@ class CallDeadline {
     std::optional<std::chrono::milliseconds> limit_;
     Deadline at_;
 };
+
+// Time-outs as the C functions take them: in milliseconds, or -1 without limit.
+inline bool isTimeout(int timeoutMs) {
+    return timeoutMs >= -1;
+}
+inline CallDeadline deadlineAfter(int timeoutMs) {
+    return timeoutMs < 0 ? CallDeadline() : CallDeadline(std::chrono::milliseconds(timeoutMs));
+}
 
 }  // namespace kavri::core
 

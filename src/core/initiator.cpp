@@ -4,11 +4,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "core/connection/frame_status.h"
+
 namespace kavri::core {
 
-using interfaces::Field;
-using interfaces::Frame;
-using interfaces::FrameType;
+using wire::Field;
+using wire::Frame;
+using wire::FrameType;
 
 kavri_core_status Initiator::send(std::span<Frame> requests, std::size_t& sent) {
     Lock lock = acquire();
@@ -29,7 +31,7 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
         }
         if (responses_.empty() && pending_.hasFailure()) {
-            handleFrames();  // an answer that is there goes first
+            handleFrames();  // a response that has arrived goes first
         }
         if (!responses_.empty()) {
             fields = take(responses_);
@@ -47,7 +49,7 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
         if (timeoutMs == 0) {
             return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
         }
-        // What else keeps it from connecting is, of a receive, the outcome of a request.
+        // A receive returns other reasons, such as a refusal, as outcomes of requests only.
         if (const kavri_core_status status = connectIfNeeded(lock, deadline);
             status != KAVRI_CORE_STATUS_NO_ERROR) {
             return status == KAVRI_CORE_STATUS_OUT_OF_RESOURCES
@@ -77,78 +79,79 @@ kavri_core_status Initiator::setEventCallback(kavri_core_ipc_initiator_event_cal
 
 kavri_core_status Initiator::subscribe(const std::string& category) {
     Lock lock = acquire();
-    return ask(lock, FrameType::subscribe, category);
+    return changeSubscription(lock, FrameType::subscribe, category);
 }
 
-// Over in this library from now on, whatever the broker comes to say.
+// The subscription is over in this library from now on, whatever the broker answers.
 kavri_core_status Initiator::unsubscribe(std::string_view category) {
     Lock lock = acquire();
     if (const auto found = subscriptions_.find(category); found != subscriptions_.end()) {
         subscriptions_.erase(found);
     }
     dropEvents(category);
-    return ask(lock, FrameType::unsubscribe, std::string(category));
+    return changeSubscription(lock, FrameType::unsubscribe, std::string(category));
 }
 
-Frame Initiator::question(FrameType type, const std::string& category, bool awaited) {
+Frame Initiator::addChange(FrameType type, const std::string& category, bool awaited) {
     Frame frame;
     frame.type = type;
-    frame.token = ++lastQuestion_;
+    frame.token = ++lastChange_;
     frame[Field::category] = category;
-    questions_.emplace(frame.token, Question{type, category, awaited, std::nullopt});
+    changes_.emplace(frame.token, SubscriptionChange{type, category, awaited, std::nullopt});
     return frame;
 }
 
-kavri_core_status Initiator::ask(Lock& lock, FrameType type, const std::string& category) {
-    const Frame frame = question(type, category, true);
+kavri_core_status Initiator::changeSubscription(Lock& lock, FrameType type,
+                                                const std::string& category) {
+    const Frame frame = addChange(type, category, true);
     kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
     try {
-        status = awaitAnswer(lock, frame);
+        status = sendAndAwaitAnswer(lock, frame);
     } catch (...) {
-        questions_.erase(frame.token);
+        changes_.erase(frame.token);
         throw;
     }
-    questions_.erase(frame.token);
+    changes_.erase(frame.token);
     return status;
 }
 
-kavri_core_status Initiator::awaitAnswer(Lock& lock, const Frame& frame) {
-    const Question& asked = questions_.at(frame.token);
+kavri_core_status Initiator::sendAndAwaitAnswer(Lock& lock, const Frame& frame) {
+    const SubscriptionChange& change = changes_.at(frame.token);
     CallDeadline deadline(sendTimeout());
     const kavri_core_status status = sendFrame(lock, frame, deadline);
     if (status != KAVRI_CORE_STATUS_NO_ERROR) {
         return status;
     }
-    const Wait wait = waitUntil(lock, deadline, [&asked] { return asked.answer.has_value(); });
-    return wait == Wait::ready  ? *asked.answer
+    const Wait wait = waitUntil(lock, deadline, [&change] { return change.answer.has_value(); });
+    return wait == Wait::ready  ? *change.answer
            : wait == Wait::lost ? KAVRI_CORE_STATUS_IPC_CONNECTION_LOST
                                 : KAVRI_CORE_STATUS_IPC_OVERLOADED;
 }
 
-bool Initiator::connectionMade(Lock& lock, CallDeadline& deadline) {
+bool Initiator::restore(Lock& lock, CallDeadline& deadline) {
     const std::uint64_t connection = connectionNumber();
     const std::set<std::string, std::less<>> restored = subscriptions_;
     return std::ranges::all_of(restored, [&](const std::string& category) {
-        const Frame frame = question(FrameType::subscribe, category, false);
+        const Frame frame = addChange(FrameType::subscribe, category, false);
         const bool isSent =
             sendFrameOver(lock, connection, frame, deadline) == KAVRI_CORE_STATUS_NO_ERROR;
         if (!isSent) {
-            questions_.erase(frame.token);  // another connection may be there by now
+            changes_.erase(frame.token);  // another connection may be there by now
         }
         return isSent;
     });
 }
 
 bool Initiator::isRestored() const {
-    return std::ranges::all_of(questions_, [](const auto& entry) { return entry.second.awaited; });
+    return std::ranges::all_of(changes_, [](const auto& entry) { return entry.second.awaited; });
 }
 
-void Initiator::connectionLost() {
+void Initiator::handleLoss() {
     pending_.failAll(KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
-    std::erase_if(questions_, [](const auto& entry) { return !entry.second.awaited; });
+    std::erase_if(changes_, [](const auto& entry) { return !entry.second.awaited; });
 }
 
-void Initiator::handleFrame(const Frame& frame, Text& payload) {
+void Initiator::frameReceived(const Frame& frame, Text& payload) {
     switch (frame.type) {
         case FrameType::response:
             handleResponse(frame, payload);
@@ -166,7 +169,7 @@ void Initiator::handleFrame(const Frame& frame, Text& payload) {
             handleAcknowledgement(frame);
             break;
         default:
-            break;  // of no concern to an initiator
+            break;  // an initiator has no use for these
     }
 }
 
@@ -179,37 +182,37 @@ void Initiator::handleResponse(const Frame& frame, Text& payload) {
         log().warning({"dropped a response to a request that is not pending"});
         return;
     }
-    held(responses_.back());
+    queued(responses_.back());
 }
 
 void Initiator::handleEvent(const Frame& frame, Text& payload) {
     if (eventCallback_.isInstalled() && subscriptions_.contains(frame[Field::category])) {
         events_.emplace_back(frame, payload);
-        held(events_.back());
+        queued(events_.back());
     }
 }
 
-// In effect before the next frame is looked at: events may follow right behind. The answer
-// is stored last: where memory runs out, the frame is handled once more.
+// Takes effect before the next frame is handled, which may be an event of the category. The
+// answer is stored last: where memory runs out, the frame is handled once more.
 void Initiator::handleAcknowledgement(const Frame& frame) {
-    const auto found = questions_.find(frame.token);
-    if (found == questions_.end()) {
+    const auto found = changes_.find(frame.token);
+    if (found == changes_.end()) {
         return;
     }
-    Question& asked = found->second;
+    SubscriptionChange& change = found->second;
     const kavri_core_status status = statusIn(frame);
-    if (asked.type == FrameType::subscribe) {
+    if (change.type == FrameType::subscribe) {
         if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            subscriptions_.insert(asked.category);
+            subscriptions_.insert(change.category);
         } else {
-            subscriptions_.erase(asked.category);
-            log().warning({"subscription to \"", asked.category,
+            subscriptions_.erase(change.category);
+            log().warning({"subscription to \"", change.category,
                            "\" failed: ", kavri_core_status_text(status)});
         }
     }
-    asked.answer = status;
-    if (!asked.awaited) {
-        questions_.erase(found);
+    change.answer = status;
+    if (!change.awaited) {
+        changes_.erase(found);
     }
 }
 
@@ -218,24 +221,15 @@ void Initiator::dropEvents(std::optional<std::string_view> ofCategory) {
     std::erase_if(events_, [this, ofCategory](const Message& event) {
         const bool dropped = !ofCategory || event.category() == *ofCategory;
         if (dropped) {
-            handedOut(event);
+            dequeued(event);
         }
         return dropped;
     });
 }
 
-bool Initiator::hasCallback() const {
-    return responseCallback_.isInstalled() || eventCallback_.isInstalled();
-}
-
 void Initiator::dropMessages() {
     responses_.clear();
     events_.clear();
-}
-
-void Initiator::removeCallbacks() {
-    responseCallback_.function = nullptr;
-    eventCallback_.function = nullptr;
 }
 
 bool Initiator::hasDelivery() const {
@@ -246,12 +240,12 @@ bool Initiator::hasDelivery() const {
 void Initiator::deliver(Lock& lock) {
     if (responseCallback_.isInstalled() && !responses_.empty()) {
         Message::Fields fields = take(responses_);
-        invoke(lock, responseCallback_, [&fields](auto* callback, void* context) {
+        dispatcher().invoke(lock, responseCallback_, [&fields](auto* callback, void* context) {
             callback(&fields[0], &fields[1], &fields[2], &fields[3], context);
         });
     } else {
         Message::Fields fields = take(events_);
-        invoke(lock, eventCallback_, [&fields](auto* callback, void* context) {
+        dispatcher().invoke(lock, eventCallback_, [&fields](auto* callback, void* context) {
             callback(&fields[0], &fields[1], &fields[3], context);  // an event has no uuid
         });
     }

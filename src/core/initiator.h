@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/endpoint.h"
+#include "core/endpoint/endpoint.h"
 #include "core/pending_requests.h"
 
 namespace kavri::core {
@@ -18,9 +18,9 @@ class Initiator : public Endpoint {
   public:
     using Endpoint::Endpoint;
 
-    // Gives the requests their tokens and sends them; how many were accepted is in `sent`.
-    kavri_core_status send(std::span<interfaces::Frame> requests, std::size_t& sent);
-    // Stores the four strings of the next response.
+    // Assigns the requests their tokens and sends them; `sent` is how many were accepted.
+    kavri_core_status send(std::span<wire::Frame> requests, std::size_t& sent);
+    // Takes the next response: its four strings are the caller's from then on.
     kavri_core_status receive(int timeoutMs, Message::Fields& fields);
     kavri_core_status setResponseCallback(kavri_core_ipc_initiator_response_callback callback,
                                           void* context);
@@ -31,42 +31,40 @@ class Initiator : public Endpoint {
                                        void* context);
 
   private:
-    void handleFrame(const interfaces::Frame& frame, Text& payload) override;
-    bool connectionMade(Lock& lock, CallDeadline& deadline) override;
+    void frameReceived(const wire::Frame& frame, Text& payload) override;
+    bool restore(Lock& lock, CallDeadline& deadline) override;
     bool isRestored() const override;
-    void connectionLost() override;
-    bool hasCallback() const override;
-    void removeCallbacks() override;
+    void handleLoss() override;
     void dropMessages() override;
     bool hasDelivery() const override;
     void deliver(Lock& lock) override;
 
-    void handleResponse(const interfaces::Frame& frame, Text& payload);
-    void handleEvent(const interfaces::Frame& frame, Text& payload);
-    void handleAcknowledgement(const interfaces::Frame& frame);
+    void handleResponse(const wire::Frame& frame, Text& payload);
+    void handleEvent(const wire::Frame& frame, Text& payload);
+    void handleAcknowledgement(const wire::Frame& frame);
     void dropEvents(std::optional<std::string_view> ofCategory);
-    interfaces::Frame question(interfaces::FrameType type, const std::string& category,
-                               bool awaited);
-    kavri_core_status ask(Lock& lock, interfaces::FrameType type, const std::string& category);
-    kavri_core_status awaitAnswer(Lock& lock, const interfaces::Frame& frame);
+    wire::Frame addChange(wire::FrameType type, const std::string& category, bool awaited);
+    kavri_core_status changeSubscription(Lock& lock, wire::FrameType type,
+                                         const std::string& category);
+    kavri_core_status sendAndAwaitAnswer(Lock& lock, const wire::Frame& frame);
 
     PendingRequests pending_;
     std::deque<Message> responses_;
-    CallbackSlot<kavri_core_ipc_initiator_response_callback> responseCallback_;
+    CallbackSlot<kavri_core_ipc_initiator_response_callback> responseCallback_{dispatcher()};
 
     std::set<std::string, std::less<>> subscriptions_;
     std::deque<Message> events_;
-    CallbackSlot<kavri_core_ipc_initiator_event_callback> eventCallback_;
+    CallbackSlot<kavri_core_ipc_initiator_event_callback> eventCallback_{dispatcher()};
 
-    // What the broker was asked and has not acknowledged, by token.
-    struct Question {
-        interfaces::FrameType type;
+    // A subscribe or unsubscribe that the broker has not acknowledged, by its token.
+    struct SubscriptionChange {
+        wire::FrameType type;
         std::string category;
-        bool awaited;  // a call waits for the answer, and removes the question
+        bool awaited;  // a call waits for the answer, and removes this
         std::optional<kavri_core_status> answer;
     };
-    std::map<std::uint64_t, Question> questions_;
-    std::uint64_t lastQuestion_ = 0;
+    std::map<std::uint64_t, SubscriptionChange> changes_;
+    std::uint64_t lastChange_ = 0;
 };
 
 }  // namespace kavri::core

@@ -1,4 +1,4 @@
-// The C functions of the initiator: arguments checked, work handed on.
+// The C functions of the initiator: they check their arguments and call the initiator's class.
 #include <algorithm>
 #include <array>
 #include <span>
@@ -6,7 +6,7 @@
 #include "core/initiator.h"
 #include "core/shim.h"
 
-// The handle: the endpoint's thread may hold the initiator a moment longer.
+// What a handle points to. The library's thread may own the initiator a moment longer.
 struct kavri_core_ipc_initiator {
     std::shared_ptr<kavri::core::Initiator> initiator;
 };
@@ -16,29 +16,29 @@ using kavri::core::guarded;
 
 namespace {
 
-using kavri::interfaces::Frame;
+using kavri::wire::Frame;
 
 Frame request(const kavri_core_ipc_command& command) {
     Frame frame;
-    frame.type = kavri::interfaces::FrameType::request;
+    frame.type = kavri::wire::FrameType::request;
     frame.fields = {command.targetCategory, command.targetIdentifier, command.uuid,
                     command.payload};
     return frame;
 }
 
-// Some at a time: a batch may be of any size.
+// In parts of limited size, since a batch may be of any.
 kavri_core_status sendAll(kavri::core::Initiator& initiator,
                           std::span<const kavri_core_ipc_command> commands, std::size_t& sent) {
     std::array<Frame, 256> frames;
     while (sent < commands.size()) {
         const auto part = commands.subspan(sent, std::min(frames.size(), commands.size() - sent));
         std::ranges::transform(part, frames.begin(), request);
-        std::size_t gone = 0;
-        // Those that left count, also where memory runs out behind them.
+        std::size_t sentOfPart = 0;
+        // Requests that were sent count, also where memory runs out afterwards.
         const kavri_core_status status = guarded([&] {
-            return initiator.send({frames.data(), part.size()}, gone);
+            return initiator.send({frames.data(), part.size()}, sentOfPart);
         });
-        sent += gone;
+        sent += sentOfPart;
         if (status != KAVRI_CORE_STATUS_NO_ERROR) {
             return status;
         }
@@ -60,7 +60,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_
         settings.role = "initiator";
         kavri_core_status status = kavri::core::readSettings(cookie, options, settings);
         if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            // Before the start: the library's thread, once it runs, must have an owner.
+            // Allocated before the start: once its thread runs, there must be a handle to end it.
             auto made = std::make_unique<kavri_core_ipc_initiator>();
             made->initiator = std::make_shared<kavri::core::Initiator>(std::move(settings));
             status = made->initiator->start();

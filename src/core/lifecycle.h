@@ -1,4 +1,4 @@
-// Whether the library is up: how many kavri_core_init are not undone yet.
+// Whether the library is initialised: more calls of kavri_core_init than were undone.
 #ifndef KAVRI_CORE_LIFECYCLE_H
 #define KAVRI_CORE_LIFECYCLE_H
 

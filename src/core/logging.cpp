@@ -62,7 +62,7 @@ void write(Log::Sink& sink, spdlog::level::level_enum level, Log::Pieces pieces)
             sink.logger.log(level, text);
         }
     } catch (const std::bad_alloc&) {
-        // Said in the header.
+        // The line is left out.
     }
 }
 

@@ -1,4 +1,4 @@
-// What the library has to say, under the name of the program's logging context.
+// The library's log lines, under the name of the program's logging context.
 #ifndef KAVRI_CORE_LOGGING_H
 #define KAVRI_CORE_LOGGING_H
 

@@ -1,5 +1,5 @@
-// A message as the library hands it out: up to four strings allocated one by
-// one with malloc, so that whoever receives them may free each.
+// A message as callers receive it: up to four strings, allocated one by one with malloc, so
+// that the receiver may free each.
 #ifndef KAVRI_CORE_MESSAGE_H
 #define KAVRI_CORE_MESSAGE_H
 
@@ -11,7 +11,7 @@
 #include <string_view>
 #include <utility>
 
-#include "interfaces/frame.h"
+#include "wire/frame.h"
 
 namespace kavri::core {
 
@@ -31,12 +31,12 @@ inline Text newText(std::size_t length) {
 
 class Message {
   public:
-    using Fields = std::array<char*, interfaces::fieldCount>;
+    using Fields = std::array<char*, wire::fieldCount>;
 
     // Copies the fields of a frame, except for the payload where it has memory of its own,
     // which is taken over; an absent field becomes null. After an exception the frame and
     // its payload are as they were.
-    Message(const interfaces::Frame& frame, Text& payload) : Message(frame.token) {
+    Message(const wire::Frame& frame, Text& payload) : Message(frame.token) {
         for (std::size_t i = 0; i < fields_.size(); ++i) {
             if (payload == nullptr || frame.fields[i].data() != payload.get()) {
                 fields_[i] = copyOf(frame.fields[i]);

@@ -3,12 +3,14 @@
 
 #include <algorithm>
 
+#include "base/assert.h"
+
 namespace kavri::core {
 
 namespace {
 
-// A caller who only sends what nobody answers never receives: the oldest failures are
-// dropped.
+// Failures that are kept for a receive; of more, the oldest are dropped. A program that only
+// sends commands never receives, and is not to fill the memory.
 constexpr std::size_t failuresKept = 65536;
 
 }  // namespace
@@ -19,6 +21,7 @@ void PendingRequests::add(std::size_t count) {
 }
 
 void PendingRequests::takeBack(std::size_t count) {
+    KAVRI_ASSERT(count < nextToken(), "only requests that were added are taken back");
     const std::uint64_t begin = std::max(first_, nextToken() - count);
     for (std::uint64_t token = begin; token < nextToken(); ++token) {
         failures_ -= isFailure(stateOf(token)) ? 1 : 0;
@@ -79,12 +82,14 @@ std::uint64_t PendingRequests::oldestReceivable() {
 
 kavri_core_status PendingRequests::takeFailure() {
     const std::uint64_t token = oldestReceivable();
+    KAVRI_ASSERT(token != nextToken(), "a failure is taken where there is one");
     const auto status = static_cast<kavri_core_status>(stateOf(token));
     dropFailure(token);
     return status;
 }
 
 void PendingRequests::dropFailure(std::uint64_t token) {
+    KAVRI_ASSERT(failures_ > 0, "every failure is counted");
     stateOf(token) = over;
     --failures_;
     popOver();

@@ -2,10 +2,9 @@
 // has not received yet.
 //
 // Correlation tokens rise by one from request to request, so the requests are a queue of
-// states. A failure is received once nothing that was sent after the failed request is
-// pending: so a command that is never answered does not spoil a receive that waits for the
-// answer to a later one, and a caller who waits for the failed one itself learns of it at
-// once.
+// states. A failure is received once no request sent after the failed one is pending: so a
+// command that is never answered does not end a receive for the response to a later request,
+// and a receive for the failed one ends at once.
 //
 // Recording an outcome allocates nothing, and looks at no other request while there is no
 // failure. Not thread-safe: guarded by the endpoint's lock.
@@ -23,20 +22,20 @@ namespace kavri::core {
 class PendingRequests {
   public:
     std::uint64_t nextToken() const { return first_ + states_.size(); }
-    // The requests with the next tokens. Strong guarantee.
+    // Adds the requests with the next tokens. Strong guarantee.
     void add(std::size_t count = 1);
-    // Forgets the last that were added, pending or failed: their caller learns of them in
-    // another way.
+    // Drops the last that were added, pending or failed: the call that sent them reports
+    // them itself.
     void takeBack(std::size_t count);
 
-    // Ends a pending request; false when there is none with this token.
+    // Ends a pending request; false when no pending request has this token.
     bool close(std::uint64_t token);
 
-    // Ends a pending request that failed, or all of them.
+    // Ends a pending request with a failure, or all of them.
     void fail(std::uint64_t token, kavri_core_status status);
     void failAll(kavri_core_status status);
 
-    // Whether a failure can be received now; and the oldest such.
+    // Whether a failure can be received now; and takes the oldest of these.
     bool hasFailure() { return failures_ > 0 && oldestReceivable() != nextToken(); }
     kavri_core_status takeFailure();
 

@@ -3,9 +3,9 @@
 
 namespace kavri::core {
 
-using interfaces::Field;
-using interfaces::Frame;
-using interfaces::FrameType;
+using wire::Field;
+using wire::Frame;
+using wire::FrameType;
 
 kavri_core_status Responder::receive(int timeoutMs, kavri_core_ipc_request& request,
                                      Message::Fields& fields) {
@@ -64,17 +64,17 @@ kavri_core_status Responder::publish(Frame event) {
     return sendFrame(lock, event, deadline);
 }
 
-void Responder::handleFrame(const Frame& frame, Text& payload) {
+void Responder::frameReceived(const Frame& frame, Text& payload) {
     if (frame.type == FrameType::request) {
         requests_.emplace_back(frame, payload);
-        held(requests_.back());
+        queued(requests_.back());
     }
 }
 
-// Nobody waits for the answers to these any more.
-void Responder::connectionLost() {
+// The broker has reported these requests to their senders as lost.
+void Responder::handleLoss() {
     for (const Message& request : requests_) {
-        handedOut(request);
+        dequeued(request);
     }
     requests_.clear();
 }
@@ -82,7 +82,7 @@ void Responder::connectionLost() {
 void Responder::deliver(Lock& lock) {
     const kavri_core_ipc_request request = nameOf(requests_.front());
     Message::Fields fields = take(requests_);
-    invoke(lock, callback_, [&](auto* callback, void* context) {
+    dispatcher().invoke(lock, callback_, [&](auto* callback, void* context) {
         callback(request, &fields[0], &fields[1], &fields[2], &fields[3], context);
     });
 }

@@ -5,7 +5,7 @@
 #include <deque>
 #include <string>
 
-#include "core/endpoint.h"
+#include "core/endpoint/endpoint.h"
 
 namespace kavri::core {
 
@@ -19,19 +19,17 @@ class Responder : public Endpoint {
     kavri_core_status setRequestCallback(kavri_core_ipc_responder_request_callback callback,
                                          void* context);
     // A response, or the end of the request without one.
-    kavri_core_status finish(kavri_core_ipc_request request, interfaces::Frame frame);
-    kavri_core_status publish(interfaces::Frame event);
+    kavri_core_status finish(kavri_core_ipc_request request, wire::Frame frame);
+    kavri_core_status publish(wire::Frame event);
 
   private:
-    void handleFrame(const interfaces::Frame& frame, Text& payload) override;
+    void frameReceived(const wire::Frame& frame, Text& payload) override;
     // The category served is registered within the handshake.
-    bool connectionMade(Lock&, CallDeadline&) override { return true; }
+    bool restore(Lock&, CallDeadline&) override { return true; }
     bool isRestored() const override { return true; }
-    void connectionLost() override;
-    bool hasCallback() const override { return callback_.isInstalled(); }
-    void removeCallbacks() override { callback_.function = nullptr; }
+    void handleLoss() override;
     void dropMessages() override { requests_.clear(); }
-    bool hasDelivery() const override { return hasCallback() && !requests_.empty(); }
+    bool hasDelivery() const override { return callback_.isInstalled() && !requests_.empty(); }
     void deliver(Lock& lock) override;
 
     // All that is queued came over the connection that there is now.
@@ -41,7 +39,7 @@ class Responder : public Endpoint {
 
     const std::string servedCategory_;
     std::deque<Message> requests_;
-    CallbackSlot<kavri_core_ipc_responder_request_callback> callback_;
+    CallbackSlot<kavri_core_ipc_responder_request_callback> callback_{dispatcher()};
 };
 
 }  // namespace kavri::core

@@ -1,7 +1,7 @@
-// The C functions of the responder: arguments checked, work handed on.
+// The C functions of the responder: they check their arguments and call the responder's class.
 #include "core/responder.h"
 #include "core/shim.h"
-#include "interfaces/limits.h"
+#include "wire/limits.h"
 
 struct kavri_core_ipc_responder {
     std::shared_ptr<kavri::core::Responder> responder;
@@ -9,8 +9,8 @@ struct kavri_core_ipc_responder {
 
 using kavri::core::anyNull;
 using kavri::core::guarded;
-using kavri::interfaces::Frame;
-using kavri::interfaces::FrameType;
+using kavri::wire::Frame;
+using kavri::wire::FrameType;
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_init(kavri_core_logging_cookie cookie,
                                                              void* options, const char* category,
@@ -26,12 +26,12 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_init(kavri_core_logging_
         kavri::core::Settings settings;
         settings.role = "responder";
         settings.servedCategory = category;
-        if (settings.servedCategory.size() > kavri::interfaces::fieldLimitBytes) {
+        if (settings.servedCategory.size() > kavri::wire::fieldLimitBytes) {
             return KAVRI_CORE_STATUS_IPC_TOO_LARGE;
         }
         kavri_core_status status = kavri::core::readSettings(cookie, options, settings);
         if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            // Before the start: the library's thread, once it runs, must have an owner.
+            // Allocated before the start: once its thread runs, there must be a handle to end it.
             auto made = std::make_unique<kavri_core_ipc_responder>();
             made->responder = std::make_shared<kavri::core::Responder>(std::move(settings));
             status = made->responder->start();

@@ -1,4 +1,5 @@
-// What every C function does around its work: no exception crosses it.
+// Around the work of every C function: exceptions become statuses, and inherited objects are
+// refused.
 #ifndef KAVRI_CORE_SHIM_H
 #define KAVRI_CORE_SHIM_H
 
@@ -7,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "core/endpoint.h"
+#include "core/endpoint/endpoint.h"
 #include "kavri/core.h"
 
 #define KAVRI_EXPORT extern "C" __attribute__((visibility("default")))

@@ -6,13 +6,13 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/attack.h"
 #include "support/other_user.h"
 #include "support/service_process.h"
 
 using namespace kavri::tests;
-namespace interfaces = kavri::interfaces;
+namespace wire = kavri::wire;
 
 namespace {
 
@@ -20,14 +20,14 @@ namespace {
 // else to do.
 constexpr double longestPingMs = 2000;
 constexpr std::size_t pings = 300;
-constexpr std::size_t mostLogBytes = 64 * interfaces::kibibyte;
+constexpr std::size_t mostLogBytes = 64 * wire::kibibyte;
 
 struct Setting {
     explicit Setting(const BrokerSettings& settings = {}) : broker(address, settings) {
         openFolder(folder.path());
     }
 
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker;
     Bystander bystander{address};
@@ -78,7 +78,7 @@ BOOST_AUTO_TEST_CASE(ofAUserWhoMayNotConnectStarveNobody) {
     }
     Setting setting(someoneElseMayConnect);
     const auto attackers = setting.storm(nobody);
-    BOOST_TEST(setting.broker.logs("turned away"));
+    BOOST_TEST(setting.broker.logs("refused process"));
     setting.expectUnharmed();
 }
 
@@ -109,7 +109,7 @@ BOOST_AUTO_TEST_CASE(ofPingsDelayOthersOnlyBriefly) {
 BOOST_AUTO_TEST_CASE(ofBogusCompletionsFillNoLog) {
     Setting setting;
     const auto attackers = setting.flood(1, "responder", FrameType::completion);
-    BOOST_TEST(setting.broker.logs("ended a request"));
+    BOOST_TEST(setting.broker.logs("completed a request"));
     setting.expectUnharmed();
     BOOST_TEST(setting.broker.log().find(" more in ") != std::string::npos);
 }

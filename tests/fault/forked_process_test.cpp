@@ -8,9 +8,9 @@
 #include <boost/test/unit_test.hpp>
 #include <functional>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
-#include "support/service_process.h"
+#include "base/pipe.h"
+#include "support/scripted_connection.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 
@@ -18,13 +18,6 @@ namespace {
 
 constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
 constexpr auto otherProcess = KAVRI_CORE_STATUS_IPC_OTHER_PROCESS;
-
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
-    Library library;
-};
 
 // A child that does this and leaves with the number of the first step that was not right, or
 // 0. One that hangs is ended by its own alarm.
@@ -123,7 +116,7 @@ int useOwn(const std::string& address) {
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_SUITE(aChild, Setting)
+BOOST_FIXTURE_TEST_SUITE(aChild, WithBroker)
 
 BOOST_AUTO_TEST_CASE(isRefusedByEveryFunctionAndTakesNothing) {
     Initiator initiator(address);
@@ -238,6 +231,7 @@ BOOST_AUTO_TEST_CASE(endsWhatItInheritedWhateverTheParentWasDoing) {
     Initiator initiator(address);
     Initiator waiting(address);
     std::atomic<bool> stops{false};
+    std::atomic<bool> allAreSent{false};
     std::atomic<int> received{0};
     std::atomic<int> sent{0};
     BlockedCall receive([&] { waiting.receive(-1); });
@@ -248,9 +242,10 @@ BOOST_AUTO_TEST_CASE(endsWhatItInheritedWhateverTheParentWasDoing) {
                 sent += initiator.echo(std::to_string(sent)) == good ? 1 : 0;
                 eventually([&] { return received > sent - 100; });
             }
+            allAreSent = true;
         });
         std::jthread receiver([&] {
-            while (!stops || received < sent) {
+            while (!allAreSent || received < sent) {
                 const Message message = initiator.receive(10);
                 if (message.status == good) {
                     received += message.uuid == std::to_string(received) ? 1 : 1'000'000;
@@ -276,6 +271,21 @@ BOOST_AUTO_TEST_CASE(endsWhatItInheritedWhateverTheParentWasDoing) {
 // The sanitizers take a thread of a child for one of its parent's with the same address.
 #ifndef KAVRI_SANITIZED
 
+namespace {
+
+// Has this process log into a pipe that is full: a thread that logs is stuck for good.
+bool blockLogging() {
+    static const kavri::base::Pipe pipe = kavri::base::Pipe::make(O_NONBLOCK);
+    const std::string filling(1 << 20, 'x');
+    while (::write(pipe.writeEnd.get(), filling.data(), filling.size()) > 0) {
+    }
+    ::fcntl(pipe.writeEnd.get(), F_SETFL, 0);
+    ::setenv("KAVRI_LOG", "info", 1);
+    return ::dup2(pipe.writeEnd.get(), STDERR_FILENO) >= 0;
+}
+
+}  // namespace
+
 BOOST_AUTO_TEST_CASE(makesOneWithCallbacks) {
     Inbox inherited;
     Initiator initiator(address);
@@ -295,35 +305,55 @@ BOOST_AUTO_TEST_CASE(makesOneWithCallbacks) {
 
 // While one thread of the parent is stuck in writing a line of its log.
 BOOST_AUTO_TEST_CASE(logsThoughTheParentWasLogging) {
-    BOOST_TEST(
-        inChild([&] {
-            std::array<int, 2> ends{};
-            if (::pipe2(ends.data(), O_NONBLOCK) != 0 || ::dup2(ends[1], STDERR_FILENO) < 0) {
-                return 1;
-            }
-            const std::string filling(1 << 20, 'x');
-            while (::write(ends[1], filling.data(), filling.size()) > 0) {
-            }
-            ::fcntl(ends[1], F_SETFL, 0);
-            ::setenv("KAVRI_LOG", "info", 1);
-            const std::string nowhere = folder / "nowhere.sock";
-            kavri_core_ipc_options options = optionsFor(nowhere);
-            kavri_core_ipc_initiator* none = nullptr;
-            BlockedCall logging([&] { kavri_core_ipc_initiator_init(nullptr, &options, &none); });
-            if (!logging.sleeps()) {
-                return 2;
-            }
-            const int child = inChild([&] {
-                ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
-                kavri_core_ipc_initiator* own = nullptr;
-                return kavri_core_ipc_initiator_init(nullptr, &options, &own) ==
-                               KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE
-                           ? 0
-                           : 3;
-            });
-            ::_exit(child);  // the thread that logs is stuck for good
-            return child;
-        }) == 0);
+    BOOST_TEST(inChild([&] {
+                   if (!blockLogging()) {
+                       return 1;
+                   }
+                   const std::string nowhere = folder / "nowhere.sock";
+                   kavri_core_ipc_options options = optionsFor(nowhere);
+                   kavri_core_ipc_initiator* none = nullptr;
+                   BlockedCall logging(
+                       [&] { kavri_core_ipc_initiator_init(nullptr, &options, &none); });
+                   if (!logging.sleeps()) {
+                       return 2;
+                   }
+                   const int child = inChild([&] {
+                       ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
+                       kavri_core_ipc_initiator* own = nullptr;
+                       return kavri_core_ipc_initiator_init(nullptr, &options, &own) ==
+                                      KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE
+                                  ? 0
+                                  : 3;
+                   });
+                   ::_exit(child);  // the thread that logs is stuck for good
+                   return child;
+               }) == 0);
+}
+
+// While one thread of the parent is stuck in writing a line of its log, with the lock of the
+// initiator that the child inherits.
+BOOST_AUTO_TEST_CASE(releasesItsDescriptorsThoughAThreadOfTheParentHeldTheLock) {
+    BOOST_TEST(inChild([&] {
+                   if (!blockLogging()) {
+                       return 1;
+                   }
+                   ScriptedConnection parent;
+                   // It is there when the receive looks for it, so that sleeps in the log only.
+                   parent.peer.send(responseFrame(77, "to no request"));
+                   BlockedCall receive([&] { parent.initiator.receive(-1); });
+                   if (!receive.sleeps()) {
+                       return 2;
+                   }
+                   const int child = inChild([&] {
+                       const std::size_t before = descriptors();
+                       if (kavri_core_ipc_deinit(parent.initiator.get()) != good) {
+                           return 3;
+                       }
+                       return descriptors() == before - 2 ? 0 : 4;  // the socket and the waker
+                   });
+                   ::_exit(child);
+                   return child;
+               }) == 0);
 }
 
 #endif

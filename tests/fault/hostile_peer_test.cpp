@@ -4,13 +4,13 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/client.h"
 #include "support/raw_peer.h"
 #include "support/service_process.h"
 
 using namespace kavri::tests;
-namespace interfaces = kavri::interfaces;
+namespace wire = kavri::wire;
 
 namespace {
 
@@ -18,7 +18,7 @@ struct Setting {
     explicit Setting(const std::string& config = {})
         : broker(address, {.testService = true, .config = config}) {}
 
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker;
     Library library;
@@ -73,14 +73,14 @@ BOOST_AUTO_TEST_CASE(garbageIsClosed) {
 
 BOOST_AUTO_TEST_CASE(aMebibyteOfGarbageIsClosed) {
     RawPeer peer(address);
-    peer.write(std::string(interfaces::mebibyte, '\xff'));
+    peer.write(std::string(wire::mebibyte, '\xff'));
     peer.expectEnd();
     expectOthersUnharmed();
 }
 
 BOOST_AUTO_TEST_CASE(anotherVersionIsToldWhich) {
     RawPeer peer(address);
-    peer.send(helloFrame("initiator", interfaces::protocolVersion + 1));
+    peer.send(helloFrame("initiator", wire::protocolVersion + 1));
     expectGoodbye(peer, KAVRI_CORE_STATUS_IPC_INCOMPATIBLE, "version");
 }
 
@@ -93,7 +93,7 @@ BOOST_AUTO_TEST_CASE(aRoleThatIsNoneIsClosed) {
 BOOST_AUTO_TEST_CASE(aRequestBeforeTheHelloIsClosed) {
     RawPeer peer(address);
     peer.send(echoFrame(1));
-    expectMalformed(peer, "its first frame is no hello");
+    expectMalformed(peer, "its first frame is not a hello");
 }
 
 BOOST_AUTO_TEST_CASE(connectingAndLeavingAtOnceIsNothing) {
@@ -155,7 +155,7 @@ BOOST_AUTO_TEST_CASE(aTotalThatContradictsTheFieldsIsClosed) {
 }
 
 BOOST_AUTO_TEST_CASE(absurdLengthsOfFieldsAreClosed) {
-    for (std::size_t field = 0; field < interfaces::fieldCount; ++field) {
+    for (std::size_t field = 0; field < wire::fieldCount; ++field) {
         RawPeer peer(address, "initiator");
         peer.write(withByte(echoFrame(1), lengthsOffset + 4 * field + 3, '\xff'));
         peer.expect(FrameType::goodbye);
@@ -166,16 +166,16 @@ BOOST_AUTO_TEST_CASE(absurdLengthsOfFieldsAreClosed) {
 
 BOOST_AUTO_TEST_CASE(aPayloadOneAboveTheLimitIsClosedBeforeItIsSent) {
     RawPeer peer(address, "initiator");
-    peer.write(encode(echoFrame(1, std::string(interfaces::mebibyte + 1, 'x')))
-                   .substr(0, interfaces::headerBytes));
+    peer.write(
+        encode(echoFrame(1, std::string(wire::mebibyte + 1, 'x'))).substr(0, wire::headerBytes));
     expectMalformed(peer, "the payload is above the limit");
 }
 
 BOOST_AUTO_TEST_CASE(aFieldAbove64KiBIsClosed) {
     RawPeer peer(address, "initiator");
-    const std::string above(interfaces::fieldLimitBytes + 1, 'x');
+    const std::string above(wire::fieldLimitBytes + 1, 'x');
     peer.write(encode(makeFrame(FrameType::request, 1, {"test", above, "0", "x"}))
-                   .substr(0, interfaces::headerBytes));
+                   .substr(0, wire::headerBytes));
     expectMalformed(peer, "a category, identifier or uuid is above 64 KiB");
 }
 
@@ -286,7 +286,7 @@ BOOST_AUTO_TEST_CASE(whoSaysNoHelloInTimeIsClosed) {
     slow.write(encode(helloFrame("initiator")).substr(0, 10));
     for (RawPeer* peer : {&silent, &slow}) {
         const RawFrame goodbye = peer->expect(FrameType::goodbye);
-        BOOST_TEST(goodbye.values[Field::payload] == "said no hello in time");
+        BOOST_TEST(goodbye.values[Field::payload] == "its hello did not arrive in time");
         peer->expectEnd();
     }
     // One who did is let be.
@@ -347,7 +347,7 @@ BOOST_AUTO_TEST_CASE(anInitiatorThatNeverReadsItsAnswersIsClosedAfterATime) {
             deaf.write(request);
         }
     });
-    BOOST_TEST(setting.broker.logs("took nothing of what waits for it for too long"));
+    BOOST_TEST(setting.broker.logs("its send queue made no progress for too long"));
     attack.join();
     deaf.close();
     setting.expectOthersUnharmed();

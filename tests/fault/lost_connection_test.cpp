@@ -1,25 +1,16 @@
-// The broker goes away: killed, stopped or started anew, while the library waits
-// for it or not. Nobody waits for what cannot come, and everybody finds back.
+// The broker is killed, stopped or restarted, while calls of the library wait or
+// not: every call returns with the right status, and the library reconnects.
 #define BOOST_TEST_MODULE lostConnection
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
 #include "support/fake_broker.h"
 #include "support/raw_peer.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 
 namespace {
-
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
-    Library library;
-};
 
 // A receive makes the connection again, if it can within its time.
 template <typename Endpoint>
@@ -29,7 +20,7 @@ bool connectsAgain(Endpoint& endpoint) {
 }
 
 // A responder that takes requests and answers none.
-struct SilentWorker : Setting {
+struct SilentWorker : WithBroker {
     Responder responder{address, "work"};
     Initiator initiator{address};
 
@@ -151,7 +142,7 @@ BOOST_AUTO_TEST_CASE(everythingIsEndedWithoutABroker) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
-BOOST_FIXTURE_TEST_SUITE(startedAnew, Setting)
+BOOST_FIXTURE_TEST_SUITE(startedAnew, WithBroker)
 
 BOOST_AUTO_TEST_CASE(aSendNoticesNothing) {
     Initiator initiator(address);
@@ -311,7 +302,7 @@ BOOST_AUTO_TEST_CASE(nothingIsLeftInTheFolder) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
-BOOST_FIXTURE_TEST_SUITE(replacedByOneThatNeverAnswers, Setting)
+BOOST_FIXTURE_TEST_SUITE(replacedByOneThatNeverAnswers, WithBroker)
 
 BOOST_AUTO_TEST_CASE(theEndDoesNotWaitForIt) {
     // So long that the test would end first.

@@ -3,7 +3,7 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/client.h"
 #include "support/service_process.h"
 
@@ -12,7 +12,7 @@ using namespace kavri::tests;
 namespace {
 
 struct Setting {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address};
     TestServiceProcess service{address};

@@ -3,7 +3,7 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/attack.h"
 #include "support/service_process.h"
 
@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 namespace {
 
 struct Setting {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     fs::path inner = folder / "inner";
     bool made = fs::create_directory(inner);
     fs::path address = inner / "broker.sock";
@@ -30,7 +30,7 @@ struct Setting {
         }
     }
     void expectOtherBrokerRefused() const {
-        kavri::cli::ChildProcess other(BrokerProcess::spawn(address));
+        kavri::process::ChildProcess other(BrokerProcess::spawn(address));
         const auto exit = other.wait(patience);
         BOOST_TEST((exit && exit->code == 1));
         BOOST_TEST(other.error().find("a broker is running on") != std::string::npos);

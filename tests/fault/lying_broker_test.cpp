@@ -1,25 +1,18 @@
-// The library against a broker that says what no broker should: nothing of it
-// may reach the caller as a message, crash him, or make him wait.
+// The library against a broker that breaks the protocol or invents answers: none of them may
+// reach the caller as a message, crash the program, or block a call.
 #define BOOST_TEST_MODULE lyingBroker
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
-#include "support/fake_broker.h"
+#include "support/scripted_connection.h"
 
 using namespace kavri::tests;
-namespace interfaces = kavri::interfaces;
+namespace wire = kavri::wire;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    FakeBroker broker{address};
-    Library library;
-
+struct Setting : WithFakeBroker {
     // What init comes to while the broker follows the script.
     template <typename Script>
     kavri_core_status initAgainst(const Script& script, unsigned connectTimeoutMs = 0) {
@@ -49,25 +42,10 @@ Frame statusFrame(FrameType type, std::uint64_t token, int status) {
     return makeFrame(type, token, {}, static_cast<std::uint16_t>(status));
 }
 
-Frame responseFrame(std::uint64_t token, std::string_view uuid,
-                    std::string_view payload = "payload") {
-    return makeFrame(FrameType::response, token, {"test", "echo", uuid, payload});
-}
+struct Connected : ScriptedConnection {
+    using ScriptedConnection::ScriptedConnection;
 
-// An initiator and the broker's end of its connection.
-struct Connected : Setting {
-    explicit Connected(const kavri_core_ipc_options& chosen = {}) : initiator(address, chosen) {}
-
-    std::future<RawPeer> welcomed = broker.welcomeNext();
-    Initiator initiator;
-    RawPeer peer = welcomed.get();
-
-    // A request of the initiator's as it reaches the broker.
-    std::uint64_t ask(const std::string& uuid = "0") {
-        requireSuccess(initiator.echo(uuid), "not sent");
-        return peer.expect(FrameType::request).values.token;
-    }
-    // That the connection is in order: a true answer arrives.
+    // That the connection works: a true answer arrives.
     void expectAnswer() {
         const std::uint64_t token = ask("true");
         peer.send(responseFrame(token, "true"));
@@ -76,7 +54,7 @@ struct Connected : Setting {
         BOOST_TEST((response.uuid == "true"));
         BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
     }
-    // That what was just sent to it cost it the connection, told once.
+    // That what was just sent to it cost it the connection, which it reports once.
     void expectLoss() {
         BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
         peer.expectEnd();
@@ -109,7 +87,7 @@ BOOST_AUTO_TEST_CASE(aRefusalWithoutAReasonIsNoSuccess) {
 BOOST_AUTO_TEST_CASE(aWelcomeOfAnotherVersionIsIncompatible) {
     BOOST_TEST(initAgainst([](RawPeer& peer) {
                    peer.expect(FrameType::hello);
-                   peer.send(FakeBroker::welcomeFrame("", interfaces::protocolVersion + 1));
+                   peer.send(FakeBroker::welcomeFrame("", wire::protocolVersion + 1));
                }) == KAVRI_CORE_STATUS_IPC_INCOMPATIBLE);
 }
 
@@ -147,10 +125,20 @@ BOOST_AUTO_TEST_CASE(noWelcomeInTimeIsUnavailable) {
     BOOST_TEST((Clock::now() - begin >= std::chrono::milliseconds(100)));
 }
 
-BOOST_AUTO_TEST_CASE(limitsThatMakeNoSenseAreIgnored) {
-    for (const char* granted : {"", "payload_bytes=", "payload_bytes=many\n",
-                                "payload_bytes=99999999999999999999999\n", "payload_bytes=-1\n"}) {
-        auto welcomed = broker.welcomeNext(granted);
+BOOST_AUTO_TEST_CASE(malformedLimitsAreIncompatible) {
+    for (const char* limits :
+         {"payload_bytes=", "payload_bytes=many\n", "payload_bytes=99999999999999999999999\n",
+          "payload_bytes=-1\n", "payload_bytes\n", "payload_bytes=10"}) {
+        BOOST_TEST(initAgainst([&](RawPeer& peer) {
+                       peer.expect(FrameType::hello);
+                       peer.send(FakeBroker::welcomeFrame(limits));
+                   }) == KAVRI_CORE_STATUS_IPC_INCOMPATIBLE);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aLimitCountsOnlyUnderItsOwnName) {
+    for (const char* limits : {"", "most_payload_bytes=10\n", "note=payload_bytes=10\n"}) {
+        auto welcomed = broker.welcomeNext(limits);
         Initiator initiator(address);
         RawPeer peer = welcomed.get();
         BOOST_TEST(initiator.echo("0", std::string(1000, 'x')) == KAVRI_CORE_STATUS_NO_ERROR);

@@ -5,11 +5,11 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/service_process.h"
 
 using namespace kavri::tests;
-using kavri::interfaces::Field;
+using kavri::wire::Field;
 
 namespace {
 
@@ -19,7 +19,7 @@ struct Setting {
         openFolder(folder.path());
     }
 
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker;
 
@@ -56,7 +56,7 @@ BOOST_AUTO_TEST_CASE(oneWhoMayNotConnectIsToldSo) {
     BOOST_TEST(goodbye.values.status == KAVRI_CORE_STATUS_IPC_REFUSED);
     BOOST_TEST(goodbye.values[Field::payload] == "this user may not connect");
     peer.expectEnd();
-    BOOST_TEST(setting.broker.logs("of user 65534 turned away: this user may not connect"));
+    BOOST_TEST(setting.broker.logs("of user 65534: this user may not connect"));
 }
 
 BOOST_AUTO_TEST_CASE(eachRightOfACategoryIsRefusedByItself) {

@@ -4,9 +4,7 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
-#include "support/fake_broker.h"
+#include "support/scripted_connection.h"
 
 using namespace kavri::tests;
 using namespace std::chrono_literals;
@@ -16,32 +14,13 @@ namespace {
 
 constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
 
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    FakeBroker broker{address};
-    Library library;
+struct Setting : ScriptedConnection {
+    Setting() : ScriptedConnection(sendWithin(5000)) {}
 
-    // An initiator, and the broker's end of its connection.
-    std::future<RawPeer> welcomed = broker.welcomeNext();
-    Initiator initiator{address, sendWithin(5000)};
-    RawPeer peer = welcomed.get();
-
-    // Has the initiator subscribe over the connection that there is.
-    void subscribe(const std::string& category) {
-        auto acknowledged = std::async(std::launch::async, [&] { acknowledge(peer); });
-        BOOST_TEST(initiator.subscribe(category) == good);
-        acknowledged.get();
-    }
-    static void acknowledge(RawPeer& to) {
-        to.send(
-            makeFrame(FrameType::acknowledgement, to.expect(FrameType::subscribe).values.token));
-    }
-    // The broker's part in a connection with everything restored.
-    void restoredNext(std::size_t subscriptions) {
-        peer = broker.acceptAndWelcome();
-        for (std::size_t i = 0; i < subscriptions; ++i) {
-            acknowledge(peer);
+    // The broker's part in so many connections, each of which it closes at once.
+    void closeNext(int count) {
+        for (int i = 0; i < count; ++i) {
+            broker.acceptAndWelcome();
         }
     }
     // That requests, responses and events go through; of the thread with the callbacks.
@@ -50,10 +29,7 @@ struct Setting {
         Inbox responses;
         BOOST_TEST(initiator.onEvent(Inbox::event, &events) == good);
         BOOST_TEST(initiator.onResponse(Inbox::response, &responses) == good);
-        BOOST_TEST(initiator.echo("request") == good);
-        const RawFrame request = peer.expect(FrameType::request);
-        peer.send(makeFrame(FrameType::response, request.values.token,
-                            {"test", "echo", "request", "payload"}));
+        peer.send(responseFrame(ask("request"), "request"));
         peer.send(makeFrame(FrameType::event, 0, {category, "x", {}, "payload"}));
         BOOST_TEST(responses.waitFor(1));
         BOOST_TEST(events.waitFor(1));
@@ -84,12 +60,10 @@ BOOST_AUTO_TEST_CASE(areMadeAfterPausesThatGrowOnTheLibrarysThread) {
     BOOST_TEST(initiator.onEvent(Inbox::event, &events) == good);
     const auto begin = Clock::now();
     peer.close();
-    for (int i = 0; i < count; ++i) {
-        broker.acceptAndWelcome();  // and closed
-    }
+    closeNext(count);
     // The first connection may have lasted a second on a busy machine: no pause follows it.
     BOOST_TEST((Clock::now() - begin >= pausesBefore(count - 1)));
-    restoredNext(1);
+    restoreNext(1);
     expectWorks("news");
 }
 
@@ -98,18 +72,14 @@ BOOST_AUTO_TEST_CASE(endAReceiveWithoutLimitEachAfterPausesThatGrow) {
     subscribe("news");
     const auto begin = Clock::now();
     peer.close();
-    auto closed = std::async(std::launch::async, [&] {
-        for (int i = 0; i < count; ++i) {
-            broker.acceptAndWelcome();
-        }
-    });
+    auto closed = std::async(std::launch::async, [&] { closeNext(count); });
     // One for each connection that breaks during the call, whenever that shows.
     for (int i = 0; i < count + 1; ++i) {
         BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     }
     closed.get();
     BOOST_TEST((Clock::now() - begin >= pausesBefore(count - 1)));
-    auto restored = std::async(std::launch::async, [&] { restoredNext(1); });
+    auto restored = std::async(std::launch::async, [&] { restoreNext(1); });
     BOOST_TEST(initiator.echo("connects") == good);
     restored.get();
     peer.send(makeFrame(FrameType::completion, peer.expect(FrameType::request).values.token));
@@ -120,10 +90,8 @@ BOOST_AUTO_TEST_CASE(areSpentWithinTheTimeOfASend) {
     subscribe("news");
     peer.close();
     auto closed = std::async(std::launch::async, [&] {
-        for (int i = 0; i < 4; ++i) {
-            broker.acceptAndWelcome();
-        }
-        restoredNext(1);
+        closeNext(4);
+        restoreNext(1);
         return peer.expect(FrameType::request).values.token;
     });
     // A send over a connection that turns out to be closed may fail, or have the outcome
@@ -150,7 +118,7 @@ BOOST_AUTO_TEST_CASE(restoreManySubscriptions) {
     for (int i = 0; i < 4; ++i) {
         broker.acceptAndWelcome().expect(FrameType::subscribe);
     }
-    restoredNext(categories.size());
+    restoreNext(categories.size());
     expectWorks("49");
 }
 
@@ -165,9 +133,7 @@ BOOST_AUTO_TEST_CASE(endWhileTheLibraryPauses) {
     Inbox events;
     BOOST_TEST(initiator.onEvent(Inbox::event, &events) == good);
     peer.close();
-    for (int i = 0; i < 6; ++i) {
-        broker.acceptAndWelcome();
-    }
+    closeNext(6);
     BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == good);
     BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
 }

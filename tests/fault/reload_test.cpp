@@ -6,14 +6,14 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/attack.h"
 #include "support/notify_socket.h"
 #include "support/other_user.h"
 #include "support/service_process.h"
 
 using namespace kavri::tests;
-using kavri::interfaces::Field;
+using kavri::wire::Field;
 
 namespace {
 
@@ -23,7 +23,7 @@ struct Setting {
         openFolder(folder.path());
     }
 
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker;
     Bystander bystander{address};
@@ -165,7 +165,7 @@ BOOST_AUTO_TEST_CASE(whoMayNoLongerConnectIsClosed) {
 }
 
 BOOST_AUTO_TEST_CASE(withoutAFileThereIsNothingToReload) {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address);
     RawPeer peer(address, "initiator");
@@ -178,7 +178,7 @@ BOOST_AUTO_TEST_CASE(withoutAFileThereIsNothingToReload) {
 }
 
 BOOST_AUTO_TEST_CASE(theServiceManagerIsNotified) {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const NotifySocket manager(folder / "notify");
     BrokerProcess broker(folder / "broker.sock",
                          {.environment = {{"NOTIFY_SOCKET", folder / "notify"}}});

@@ -6,14 +6,14 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/client.h"
 #include "support/fake_broker.h"
 #include "support/service_process.h"
 
 using namespace kavri::tests;
-using kavri::cli::ChildProcess;
-using kavri::cli::ChildSpawn;
+using kavri::process::ChildProcess;
+using kavri::process::ChildSpawn;
 
 namespace {
 
@@ -21,7 +21,7 @@ constexpr int cannotStart = 1;
 constexpr int badUsage = 64;
 
 struct Setting {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     Library library;
 

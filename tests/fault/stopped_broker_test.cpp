@@ -5,23 +5,16 @@
 #include <boost/test/unit_test.hpp>
 #include <set>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
 #include "support/fake_broker.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
-namespace interfaces = kavri::interfaces;
+namespace wire = kavri::wire;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
-    Library library;
-
+struct Setting : WithBroker {
     ~Setting() { broker.thaw(); }
 };
 
@@ -192,14 +185,14 @@ BOOST_AUTO_TEST_CASE(anAnswerIsReceivedThoughTheBatchIsNotAllSentYet) {
     // still under way.
     const std::string waiting = peer.peek();
     std::size_t last = 0;
-    for (std::size_t at = 0; at + interfaces::headerBytes <= waiting.size();) {
-        const auto measured = interfaces::measure(waiting.data() + at, interfaces::mebibyte);
+    for (std::size_t at = 0; at + wire::headerBytes <= waiting.size();) {
+        const auto measured = wire::measure(waiting.data() + at, wire::mebibyte);
         if (at + measured.frameBytes > waiting.size()) {
             break;
         }
         last = std::exchange(at, at + measured.frameBytes);
     }
-    const Frame request = interfaces::decode(waiting.data() + last).value();
+    const Frame request = wire::decode(waiting.data() + last).value();
     Frame response = request;
     response.type = FrameType::response;
     peer.send(response);
@@ -333,12 +326,12 @@ BOOST_AUTO_TEST_CASE(aSendThatConnectsReturnsWithinItsTimeoutThoughNobodyWelcome
 // More subscriptions than the socket holds: what restores them counts as well, and a
 // connection without all of them is not kept.
 BOOST_AUTO_TEST_CASE(aSendThatRestoresSubscriptionsReturnsWithinItsTimeout) {
-    constexpr std::size_t count = 150;
+    constexpr std::size_t count = 90;
     const std::string filling(60'000, 'c');
     const std::string other = folder / "fake.sock";
     FakeBroker fake(other);
     auto welcomed = fake.welcomeNext();
-    Initiator initiator(other, sendWithin(1000));
+    Initiator initiator(other, sendWithin(2000));
     RawPeer peer = welcomed.get();
     for (const std::string& name : numbers(count)) {
         auto acknowledged = std::async(std::launch::async, [&] {
@@ -356,13 +349,19 @@ BOOST_AUTO_TEST_CASE(aSendThatRestoresSubscriptionsReturnsWithinItsTimeout) {
     BOOST_TEST((Clock::now() - begin < generous));
     BOOST_TEST(status != KAVRI_CORE_STATUS_NO_ERROR);
     peer = welcomed.get();
-    welcomed = fake.welcomeNext();
     auto restored = std::async(std::launch::async, [&] {
-        RawPeer next = welcomed.get();
-        for (std::size_t i = 0; i < count; ++i) {
-            next.expect(FrameType::subscribe);
+        while (true) {
+            try {
+                RawPeer next = fake.welcomeNext().get();
+                for (std::size_t i = 0; i < count; ++i) {
+                    next.expect(FrameType::subscribe);
+                }
+                next.expect(FrameType::request);
+                return;
+            } catch (const std::runtime_error&) {
+                // A connection that was begun when the time of the send before was over.
+            }
         }
-        return next.expect(FrameType::request).values.token;
     });
     BOOST_TEST(initiator.echo("1") == KAVRI_CORE_STATUS_NO_ERROR);
     restored.get();

@@ -5,7 +5,7 @@
 #include <boost/test/unit_test.hpp>
 #include <thread>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/raw_peer.h"
 #include "support/service_process.h"
 
@@ -18,7 +18,7 @@ struct Setting {
         : broker(address, {.testService = true, .config = config}) {}
     ~Setting() { broker.thaw(); }
 
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker;
 

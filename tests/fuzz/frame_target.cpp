@@ -13,9 +13,9 @@ namespace {
 constexpr std::size_t payloadLimit = 4096;
 
 void checkFrame(const Frame& frame, std::string_view bytes) {
-    mustHold(interfaces::encodedBytes(frame) == bytes.size(), "a frame has the size it says");
+    mustHold(wire::encodedBytes(frame) == bytes.size(), "a frame has the size it says");
     mustHold(encode(frame) == bytes, "a frame is encoded as it came");
-    mustHold(interfaces::typeName(frame.type) != "unknown", "a frame has a type");
+    mustHold(wire::typeName(frame.type) != "unknown", "a frame has a type");
     mustHold(frame[Field::payload].size() <= payloadLimit, "a payload is within the limit");
     for (const std::string_view field : frame.fields) {
         mustHold(field.find('\0') == std::string_view::npos, "a field has no NUL");
@@ -26,20 +26,20 @@ void checkFrame(const Frame& frame, std::string_view bytes) {
 
 std::size_t fuzzFrames(std::string_view bytes) {
     std::size_t decoded = 0;
-    while (bytes.size() >= interfaces::headerBytes) {
-        const interfaces::Measured measured = interfaces::measure(bytes.data(), payloadLimit);
+    while (bytes.size() >= wire::headerBytes) {
+        const wire::Measured measured = wire::measure(bytes.data(), payloadLimit);
         if (measured.error) {
-            mustHold(!interfaces::errorText(*measured.error).empty(), "an error has a text");
+            mustHold(!wire::errorText(*measured.error).empty(), "an error has a text");
             break;
         }
-        mustHold(measured.frameBytes >= interfaces::headerBytes, "a frame has a header");
+        mustHold(measured.frameBytes >= wire::headerBytes, "a frame has a header");
         if (measured.frameBytes > bytes.size()) {
             break;
         }
         // In memory of just its size, so that a byte read too far is noticed.
         const std::vector<char> alone(
             bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(measured.frameBytes));
-        if (const auto frame = interfaces::decode(alone.data())) {
+        if (const auto frame = wire::decode(alone.data())) {
             checkFrame(*frame, {alone.data(), alone.size()});
             ++decoded;
         }

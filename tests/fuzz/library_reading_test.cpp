@@ -11,8 +11,8 @@
 #include <optional>
 #include <random>
 
-#include "cli/temporary_folder.h"
 #include "fuzz/mistakes.h"
+#include "process/temporary_folder.h"
 #include "support/fake_broker.h"
 
 using namespace kavri::tests;
@@ -28,7 +28,7 @@ constexpr int rounds = 1000;
 constexpr std::uint64_t requests = 3;
 
 struct Library {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const std::string path = folder / "broker.sock";
 
     Library() {

@@ -4,6 +4,7 @@
 // then as many bytes as that says.
 #include <array>
 
+#include "broker/hosted_test_service.h"
 #include "fuzz/fuzz_check.h"
 #include "fuzz/targets.h"
 #include "support/scripted_broker.h"
@@ -15,8 +16,8 @@ namespace {
 constexpr unsigned peers = 4;
 constexpr unsigned pieceUnit = 128;  // how much a step with a large piece counts by
 
-interfaces::Limits tightLimits() {
-    interfaces::Limits limits;
+wire::Limits tightLimits() {
+    wire::Limits limits;
     limits.payloadBytes = 40'000;
     limits.sendQueueBytes = 65'536;
     limits.bytesPerUser = 150'000;
@@ -127,14 +128,13 @@ class Stage {
     void checkHeard(unsigned who) {
         std::string& heard = heard_[who];
         std::size_t begin = 0;
-        while (heard.size() - begin >= interfaces::headerBytes) {
-            const auto measured =
-                interfaces::measure(heard.data() + begin, broker_.limits.payloadBytes);
+        while (heard.size() - begin >= wire::headerBytes) {
+            const auto measured = wire::measure(heard.data() + begin, broker_.limits.payloadBytes);
             mustHold(!measured.error, "the broker says nothing malformed");
             if (measured.frameBytes > heard.size() - begin) {
                 break;
             }
-            mustHold(interfaces::decode(heard.data() + begin).has_value(),
+            mustHold(wire::decode(heard.data() + begin).has_value(),
                      "the broker says nothing with a NUL in it");
             begin += measured.frameBytes;
             ++framesHeard_;
@@ -166,15 +166,18 @@ class Stage {
         for (const Session* session : sessions_) {
             if (session != nullptr) {
                 charged += chargedFor(*session);
-                mustHold(session->blockedOn == nullptr || !session->blockedOn->sendQueue.empty(),
+                mustHold(session->waiting.on == nullptr || !session->waiting.on->sendQueue.empty(),
                          "nobody waits for a peer with an empty send queue");
-                inHand += session->requestsInFlight;
-                open += session->pendingRequests;
-                mustHold(session->pendingRequests <= broker_.limits.openRequestsPerInitiator,
-                         "open requests stay within their limit");
-                mustHold(session->requestsInFlight <= broker_.limits.openRequestsPerResponder,
-                         "requests in hand stay within their limit");
-                mustHold(session->subscriptions.size() <= broker_.limits.subscriptionsPerInitiator,
+                inHand += session->asResponder.requestsInFlight;
+                open += session->asInitiator.pendingRequests;
+                mustHold(
+                    session->asInitiator.pendingRequests <= broker_.limits.openRequestsPerInitiator,
+                    "open requests stay within their limit");
+                mustHold(session->asResponder.requestsInFlight <=
+                             broker_.limits.openRequestsPerResponder,
+                         "requests in flight stay within their limit");
+                mustHold(session->asInitiator.subscriptions.size() <=
+                             broker_.limits.subscriptionsPerInitiator,
                          "subscriptions stay within their limit");
             }
         }
@@ -183,17 +186,18 @@ class Stage {
     }
 
     static std::size_t chargedFor(const Session& session) {
-        std::size_t bytes = session.sendQueue.bytes() + session.charge.bytes();
-        for (const broker::Subscription& subscription : session.subscriptions) {
+        std::size_t bytes =
+            session.sendQueue.bytes() + session.charge.bytes() + session.input.charge.bytes();
+        for (const broker::Subscription& subscription : session.asInitiator.subscriptions) {
             bytes += subscription.charge.bytes();
         }
-        if (session.served != nullptr) {
-            bytes += session.served->responderCharge.bytes();
+        if (session.asResponder.served != nullptr) {
+            bytes += session.asResponder.served->responderCharge.bytes();
         }
         return bytes;
     }
 
-    test_service::TestService service_{[](std::string_view) {}};
+    broker::HostedTestService service_{[](std::string_view) {}};
     ScriptedBroker broker_;
     std::array<Session*, peers> sessions_{};
     std::array<std::string, peers> heard_;  // the beginning of a frame

@@ -4,7 +4,7 @@
 #include <boost/test/unit_test.hpp>
 #include <nlohmann/json.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/service_process.h"
 
 using kavri::tests::BrokerProcess;
@@ -18,12 +18,12 @@ struct Result {
 };
 
 struct Folder {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::filesystem::path socket = folder.path() / "broker.sock";
 
     Result bench(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), {"bench", "--socket", socket, "--seconds", "0.05"});
-        kavri::cli::ChildProcess process(
+        kavri::process::ChildProcess process(
             {.program = KAVRI_BIN_DIR "/kavri", .arguments = std::move(arguments)});
         const auto exit = process.wait(kavri::tests::patience);
         BOOST_REQUIRE(exit);

@@ -11,20 +11,11 @@
 #include <semaphore>
 #include <set>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 
 namespace {
-
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
-    Library library;
-};
 
 // Does whatever a test wants within the first call, and counts all calls.
 class Action {
@@ -77,7 +68,7 @@ class HeldCall : public Action {
     std::binary_semaphore mayEnd_{0};
 };
 
-// What a callback can tell about the thread that it runs on.
+// What a callback observes of the thread that it runs on.
 struct ThreadReport {
     std::mutex mutex;
     std::set<std::thread::id> threads;
@@ -103,7 +94,7 @@ struct ThreadReport {
                 }
             }
         }
-        std::this_thread::yield();  // somebody else's chance to get in between
+        std::this_thread::yield();  // another thread may run now
         const std::lock_guard lock(mutex);
         --running;
     }
@@ -125,7 +116,7 @@ struct ThreadReport {
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_SUITE(delivery, Setting)
+BOOST_FIXTURE_TEST_SUITE(delivery, WithBroker)
 
 BOOST_AUTO_TEST_CASE(tenThousandResponsesArriveInOrderEachOnce) {
     Inbox inbox;
@@ -225,7 +216,7 @@ BOOST_AUTO_TEST_CASE(aReplacementGetsWhatComesFromThenOn) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
-BOOST_FIXTURE_TEST_SUITE(removal, Setting)
+BOOST_FIXTURE_TEST_SUITE(removal, WithBroker)
 
 BOOST_AUTO_TEST_CASE(removingWhatIsNotInstalledIsNoFailure) {
     Initiator initiator(address);
@@ -379,7 +370,7 @@ BOOST_AUTO_TEST_CASE(callbacksComeAndGoWhileResponsesArrive) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
-BOOST_FIXTURE_TEST_SUITE(fromWithin, Setting)
+BOOST_FIXTURE_TEST_SUITE(fromWithin, WithBroker)
 
 BOOST_AUTO_TEST_CASE(aCallbackRemovesItself) {
     Initiator initiator(address);
@@ -495,10 +486,10 @@ BOOST_AUTO_TEST_CASE(anEventCallbackUnsubscribes) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
-BOOST_FIXTURE_TEST_SUITE(gathering, Setting)
+BOOST_FIXTURE_TEST_SUITE(gathering, WithBroker)
 
 // A responder whose requests arrive in one order, and an initiator that gathers.
-struct Gathering : Setting {
+struct Gathering : WithBroker {
     kavri_core_ipc_options chosen = [] {
         kavri_core_ipc_options options{};
         options.gatherWrites = 1;

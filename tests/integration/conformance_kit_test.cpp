@@ -15,8 +15,8 @@
 
 #include "support/conformance_tool.h"
 
-using kavri::cli::ChildProcess;
-using kavri::cli::TemporaryFolder;
+using kavri::process::ChildProcess;
+using kavri::process::TemporaryFolder;
 using namespace kavri::tests;
 namespace fs = std::filesystem;
 

@@ -6,10 +6,8 @@
 #include <functional>
 #include <semaphore>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
-#include "support/fake_broker.h"
-#include "support/service_process.h"
+#include "support/scripted_connection.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 using namespace std::chrono_literals;
@@ -49,8 +47,8 @@ class Changes {
             self.work_(got);
         }
     }
-    kavri_core_ipc_options options() {
-        kavri_core_ipc_options chosen{};
+    kavri_core_ipc_options options(unsigned sendTimeoutMs = 0) {
+        kavri_core_ipc_options chosen = sendWithin(sendTimeoutMs);
         chosen.connectionCallback = callback;
         chosen.connectionContext = this;
         return chosen;
@@ -83,23 +81,15 @@ class Changes {
     std::vector<Change> changes_;
 };
 
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
-    Library library;
+// Made before the connection that it is called for.
+struct WithChanges {
+    Changes changes;
 };
 
 // An initiator with the callback, and a test in the broker's place.
-struct Scripted {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    FakeBroker broker{address};
-    Library library;
-    Changes changes;
-    std::future<RawPeer> welcomed = broker.welcomeNext();
-    Initiator initiator{address, changes.options()};
-    RawPeer peer = welcomed.get();
+struct Scripted : WithChanges, ScriptedConnection {
+    explicit Scripted(unsigned sendTimeoutMs = 0)
+        : ScriptedConnection(changes.options(sendTimeoutMs)) {}
 
     // What the callback gets where the broker says goodbye like this.
     Change changeAfterGoodbye(std::uint16_t status, const std::string& reason) {
@@ -107,20 +97,16 @@ struct Scripted {
         peer.close();
         return changes.at(1);
     }
-    void acknowledge(FrameType type) {
-        peer.send(makeFrame(FrameType::acknowledgement, peer.expect(type).values.token));
-    }
-    void subscribe(const std::string& category) {
-        auto acknowledged =
-            std::async(std::launch::async, [&] { acknowledge(FrameType::subscribe); });
-        BOOST_TEST(initiator.subscribe(category) == good);
-        acknowledged.get();
-    }
+};
+
+// With a deadline for a test that reaches it.
+struct ShortSendTimeout : Scripted {
+    ShortSendTimeout() : Scripted(100) {}
 };
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_SUITE(ofTheBroker, Setting)
+BOOST_FIXTURE_TEST_SUITE(ofTheBroker, WithBroker)
 
 BOOST_AUTO_TEST_CASE(isCalledForTheFirstConnectionOnAThreadOfTheLibrarys) {
     Changes changes;
@@ -160,7 +146,7 @@ BOOST_AUTO_TEST_CASE(isCalledForAKilledBrokerAndForItsReturn) {
     BOOST_TEST(changes.count() == 3U);
 }
 
-BOOST_AUTO_TEST_CASE(isToldByAStoppedBrokerThatItStops) {
+BOOST_AUTO_TEST_CASE(getsTheGoodbyeOfAStoppedBroker) {
     Changes changes;
     Initiator initiator(address, changes.options());
     changes.at(0);
@@ -286,7 +272,7 @@ BOOST_AUTO_TEST_CASE(isNotLookedForInOptionsOfAnEarlierVersion) {
     BOOST_TEST(changes.count() == 0U);
 }
 
-BOOST_AUTO_TEST_CASE(tellsAResponderThatItsCategoryIsServedAgain) {
+BOOST_AUTO_TEST_CASE(isCalledForAResponderOnceItsCategoryIsServedAgain) {
     std::optional<Message> answered;
     std::binary_semaphore done{0};
     Changes changes([&](const Change& change) {
@@ -358,13 +344,11 @@ BOOST_AUTO_TEST_CASE(isCalledForARestoredConnectionOnceItsSubscriptionsAreInEffe
     subscribe("second");
     peer.close();
     peer = broker.acceptAndWelcome();
-    acknowledge(FrameType::subscribe);
+    acknowledge(peer);
     peer.send(makeFrame(FrameType::event, 0, {"first", "x", {}, "early"}));
     const std::uint64_t last = peer.expect(FrameType::subscribe).values.token;
     // A response behind all that: the library's thread has handled what came before.
-    BOOST_TEST(initiator.echo("0") == good);
-    peer.send(makeFrame(FrameType::response, peer.expect(FrameType::request).values.token,
-                        {"test", "echo", "0", "x"}));
+    peer.send(responseFrame(ask(), "0"));
     BOOST_TEST((initiator.receive(-1).uuid == "0"));
     BOOST_TEST(changes.events() == (std::vector<int>{made, broken}),
                boost::test_tools::per_element());
@@ -373,6 +357,29 @@ BOOST_AUTO_TEST_CASE(isCalledForARestoredConnectionOnceItsSubscriptionsAreInEffe
     BOOST_TEST(changes.at(2).event == restored);
     BOOST_TEST(events.waitFor(1));  // kept until then
     BOOST_TEST((events.payloads() == std::vector<std::string>{"early"}));
+}
+
+BOOST_FIXTURE_TEST_CASE(isCalledForALossWhereSubscriptionsAreNotAcknowledged, ShortSendTimeout) {
+    subscribe("news");
+    peer.close();
+    peer = broker.acceptAndWelcome();
+    peer.expect(FrameType::subscribe);  // and never acknowledged
+    peer.expectEnd();
+    // The connection on which the subscription was not in effect ends with a loss of its own.
+    const auto isReported = [&] {
+        const std::vector<Change> seen = changes.all();
+        return std::any_of(seen.begin(), seen.end(), [](const Change& change) {
+            return change.event == broken &&
+                   change.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST &&
+                   change.reason == "the subscriptions were not acknowledged";
+        });
+    };
+    BOOST_TEST(eventually(isReported));
+    // The next connection, with an acknowledgement, lasts.
+    restoreNext(1);
+    BOOST_TEST(eventually([&] { return changes.all().back().event == restored; }));
+    peer.send(responseFrame(ask(), "0"));
+    BOOST_TEST((initiator.receive(-1).uuid == "0"));
 }
 
 BOOST_AUTO_TEST_CASE(keepsTheLatestSixteenOfThoseThatComeWhileItBlocks) {

@@ -7,21 +7,13 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
-#include "support/client.h"
+#include "process/temporary_folder.h"
 #include "support/raw_peer.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 
 namespace {
-
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
-    Library library;
-};
 
 // An initiator with its event callback installed, which records.
 struct Listener {
@@ -63,7 +55,7 @@ using Payloads = std::vector<std::string>;
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_SUITE(subscriptions, Setting)
+BOOST_FIXTURE_TEST_SUITE(subscriptions, WithBroker)
 
 BOOST_AUTO_TEST_CASE(anEventHasItsThreeFields) {
     Listener listener(address);
@@ -261,7 +253,7 @@ BOOST_AUTO_TEST_CASE(largeEventsReachEverySubscriber) {
 BOOST_AUTO_TEST_SUITE_END()
 
 BOOST_AUTO_TEST_CASE(moreSubscriptionsThanConfiguredAreOverloaded) {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address, {.config = "[limits]\nsubscriptions_per_initiator = 2"});
     Library library;
@@ -274,7 +266,7 @@ BOOST_AUTO_TEST_CASE(moreSubscriptionsThanConfiguredAreOverloaded) {
 }
 
 BOOST_AUTO_TEST_CASE(aCategoryOthersMayNotSubscribeToIsRefused) {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address,
                          {.testService = true,

@@ -6,24 +6,16 @@
 #include <cstddef>
 #include <map>
 
-#include "cli/temporary_folder.h"
-#include "interfaces/limits.h"
-#include "support/client.h"
-#include "support/service_process.h"
+#include "process/temporary_folder.h"
+#include "support/with_broker.h"
+#include "wire/limits.h"
 
 using namespace kavri::tests;
-using kavri::interfaces::fieldLimitBytes;
-using kavri::interfaces::mebibyte;
+using kavri::wire::fieldLimitBytes;
+using kavri::wire::mebibyte;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-struct Setting {
-    kavri::cli::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
-    Library library;
-};
 
 kavri_core_status initStatus(kavri_core_ipc_options options) {
     kavri_core_ipc_initiator* initiator = nullptr;
@@ -37,7 +29,7 @@ kavri_core_status initStatus(kavri_core_ipc_options options) {
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_SUITE(arguments, Setting)
+BOOST_FIXTURE_TEST_SUITE(arguments, WithBroker)
 
 BOOST_AUTO_TEST_CASE(nullIsRefusedByTheFunctionsOfTheLibrary) {
     kavri_core_logging_cookie log = nullptr;
@@ -198,7 +190,7 @@ BOOST_AUTO_TEST_CASE(withoutOptionsTheEnvironmentNamesTheBroker) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
-BOOST_FIXTURE_TEST_SUITE(receiving, Setting)
+BOOST_FIXTURE_TEST_SUITE(receiving, WithBroker)
 
 BOOST_AUTO_TEST_CASE(aResponseHasAllFourFields) {
     Initiator initiator(address);
@@ -246,7 +238,7 @@ BOOST_AUTO_TEST_CASE(receiveWithoutWaitingReturnsAtOnceBeforeTheBrokerAnswered) 
     BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
     BOOST_TEST(strings.areUntouched());
     // Less than the shortest wait that the library has of its own, on a busy machine too.
-    BOOST_TEST((elapsed < std::chrono::milliseconds(kavri::interfaces::defaultConnectTimeoutMs)));
+    BOOST_TEST((elapsed < std::chrono::milliseconds(kavri::wire::defaultConnectTimeoutMs)));
     broker.thaw();
     BOOST_TEST((initiator.receive().uuid == "0"));
 }
@@ -437,7 +429,7 @@ BOOST_AUTO_TEST_CASE(severalThreadsShareOneInitiator) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
-BOOST_FIXTURE_TEST_SUITE(sizes, Setting)
+BOOST_FIXTURE_TEST_SUITE(sizes, WithBroker)
 
 BOOST_AUTO_TEST_CASE(emptyFieldsArriveEmpty) {
     Initiator initiator(address);
@@ -530,7 +522,7 @@ BOOST_AUTO_TEST_CASE(manyLargePayloadsCrossInBothDirectionsAtOnce) {
 BOOST_AUTO_TEST_SUITE_END()
 
 BOOST_AUTO_TEST_CASE(theConfiguredPayloadLimitIsTheOneThatHolds) {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address, {.testService = true, .config = "[limits]\npayload_bytes = 10"});
     Library library;
@@ -541,7 +533,7 @@ BOOST_AUTO_TEST_CASE(theConfiguredPayloadLimitIsTheOneThatHolds) {
 }
 
 BOOST_AUTO_TEST_CASE(aConfiguredLargerPayloadArrives) {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const std::string address = folder / "broker.sock";
     BrokerProcess broker(address,
                          {.testService = true, .config = "[limits]\npayload_bytes = 5000000"});

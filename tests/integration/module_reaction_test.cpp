@@ -34,7 +34,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/child_process.h"
+#include "process/child_process.h"
 
 namespace {
 
@@ -400,23 +400,23 @@ kavri_core_ipc_initiator_event_unsubscribe(initiator1, "test") = 0
 struct Run {
     std::vector<std::string> lines;  // as in a script
     std::string report;
-    kavri::cli::ExitState exit;
+    kavri::process::ExitState exit;
 };
 
-kavri::cli::ChildProcess startModule(const std::string& defect,
-                                     const std::vector<std::string>& arguments) {
-    kavri::cli::ChildSpawn spawn{.program = KAVRI_BIN_DIR "/test_ipc_initiator",
-                                 .arguments = arguments,
-                                 .environment = {{"LD_LIBRARY_PATH", KAVRI_STAND_IN_DIR},
-                                                 {"STAND_IN_DEFECT", defect},
-                                                 {"STAND_IN_RECORD", "/dev/stdout"}}};
+kavri::process::ChildProcess startModule(const std::string& defect,
+                                         const std::vector<std::string>& arguments) {
+    kavri::process::ChildSpawn spawn{.program = KAVRI_BIN_DIR "/test_ipc_initiator",
+                                     .arguments = arguments,
+                                     .environment = {{"LD_LIBRARY_PATH", KAVRI_STAND_IN_DIR},
+                                                     {"STAND_IN_DEFECT", defect},
+                                                     {"STAND_IN_RECORD", "/dev/stdout"}}};
 #ifdef __SANITIZE_THREAD__
     // The sanitizer puts its own `sleep` before all others and calls the next one
     // from there with its eyes shut: the stand-in's must be the first, or the
     // hand-over to its thread is not seen.
     spawn.environment["LD_PRELOAD"] = KAVRI_STAND_IN_DIR "/libkavri-core-test.so";
 #endif
-    return kavri::cli::ChildProcess(spawn);
+    return kavri::process::ChildProcess(spawn);
 }
 
 std::string suiteOf(const std::string& name) {
@@ -496,7 +496,7 @@ std::vector<std::string> asScript(std::string output) {
 }
 
 Run runModule(const std::string& cases, const std::string& defect) {
-    kavri::cli::ChildProcess module =
+    kavri::process::ChildProcess module =
         startModule(defect, {"--run_test=" + cases, "--log_level=all", "--report_level=detailed",
                              "--color_output=no", "--catch_system_errors=no"});
     const auto exit = module.wait(std::chrono::seconds(30));
@@ -634,7 +634,7 @@ BOOST_AUTO_TEST_CASE(eachCasePassesAlone) {
 }
 
 BOOST_AUTO_TEST_CASE(theModuleListsItsSuitesAndCases) {
-    kavri::cli::ChildProcess module = startModule("", {"--list_content"});
+    kavri::process::ChildProcess module = startModule("", {"--list_content"});
     const auto exit = module.wait(std::chrono::seconds(30));
     BOOST_REQUIRE(exit);
     BOOST_CHECK_EQUAL(exit->code, 0);

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "cli/child_process.h"
+#include "process/child_process.h"
 
 namespace {
 
@@ -31,12 +31,12 @@ int countOf(std::string_view part, std::string_view text) {
 
 void expectEveryCheckToCount(const std::string& delivery) {
     for (int run = 0; run < runs; ++run) {
-        kavri::cli::ChildSpawn spawn;
+        kavri::process::ChildSpawn spawn;
         spawn.program = KAVRI_BIN_DIR "/test_ipc_initiator";
         spawn.arguments = {"--log_level=all", "--report_level=short", "--color_output=no"};
         spawn.environment = {{"LD_LIBRARY_PATH", KAVRI_STAND_IN_DIR},
                              {"STAND_IN_DELIVERY", delivery}};
-        kavri::cli::ChildProcess module(spawn);
+        kavri::process::ChildProcess module(spawn);
         const auto exit = module.wait(limit);
         BOOST_REQUIRE_MESSAGE(exit, "run " << run << " hangs");
         BOOST_REQUIRE_MESSAGE(exit->succeeded(), "run " << run << " failed:\n" << module.error());

@@ -8,17 +8,17 @@
 #include <fstream>
 #include <sstream>
 
-#include "cli/child_process.h"
-#include "cli/module_events.h"
-#include "cli/temporary_folder.h"
+#include "conformance/module/module_events.h"
+#include "process/child_process.h"
+#include "process/temporary_folder.h"
 
-using kavri::cli::ChildProcess;
-using kavri::cli::ChildSpawn;
-using kavri::cli::ExitState;
-using kavri::cli::ModuleEvent;
-using kavri::cli::ModuleEvents;
-using kavri::cli::TemporaryFolder;
-using Kind = kavri::cli::ModuleEvent::Kind;
+using kavri::conformance::ModuleEvent;
+using kavri::conformance::ModuleEvents;
+using kavri::process::ChildProcess;
+using kavri::process::ChildSpawn;
+using kavri::process::ExitState;
+using kavri::process::TemporaryFolder;
+using Kind = kavri::conformance::ModuleEvent::Kind;
 
 namespace {
 
@@ -43,7 +43,7 @@ struct Observed {
         ChildSpawn spawn = {
             .program = KAVRI_BIN_DIR "/observed_module",
             .arguments = {"--run_test=" + cases, "--log_level=nothing", "--report_level=no"},
-            .environment = {{"LD_PRELOAD", KAVRI_LIB_DIR "/libkavri-module-observer.so"},
+            .environment = {{"LD_PRELOAD", KAVRI_AGENT_DIR "/libkavri-module-observer.so"},
                             // A sanitizer's runtime would come first otherwise.
                             {"ASAN_OPTIONS", "detect_leaks=1:verify_asan_link_order=0"},
                             {"KAVRI_MODULE_EVENTS", std::to_string(descriptor)}},

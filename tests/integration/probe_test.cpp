@@ -1,5 +1,5 @@
 // The probe under the real module, with the real library, broker and service:
-// what it records, what it breaks, and what it says about a peer.
+// what it records, what it breaks, and what it finds out about a peer.
 #define BOOST_TEST_MODULE probe
 
 #include <fcntl.h>
@@ -13,14 +13,14 @@
 #include <set>
 #include <sstream>
 
-#include "cli/temporary_folder.h"
-#include "probe/record.h"
+#include "conformance/agent/record.h"
+#include "process/temporary_folder.h"
 #include "support/service_process.h"
 
-using kavri::cli::ChildProcess;
-using kavri::cli::ChildSpawn;
-using kavri::cli::ExitState;
-using kavri::cli::TemporaryFolder;
+using kavri::process::ChildProcess;
+using kavri::process::ChildSpawn;
+using kavri::process::ExitState;
+using kavri::process::TemporaryFolder;
 using kavri::tests::BrokerProcess;
 using kavri::tests::patience;
 using nlohmann::json;
@@ -78,7 +78,7 @@ class Bench {
         ChildSpawn spawn = {
             .program = KAVRI_BIN_DIR "/test_ipc_initiator",
             .arguments = {"--run_test=" + cases, "--catch_system_errors=no", "--log_level=error"},
-            .environment = {{"LD_PRELOAD", KAVRI_LIB_DIR "/libkavri-probe.so"},
+            .environment = {{"LD_PRELOAD", KAVRI_AGENT_DIR "/libkavri-probe.so"},
                             // A sanitizer's runtime would come first otherwise.
                             {"ASAN_OPTIONS", "detect_leaks=1:verify_asan_link_order=0"},
                             {"TSAN_OPTIONS", "handle_segv=0:handle_abort=0"},
@@ -235,7 +235,7 @@ BOOST_AUTO_TEST_CASE(deliveriesAreRecordedWithTheModulesContext) {
 }
 
 BOOST_AUTO_TEST_CASE(aTextIsCutSoThatFourFitIntoALine) {
-    using kavri::probe::shortened;
+    using kavri::conformance::shortened;
     BOOST_TEST(shortened(nullptr).is_null());
     BOOST_TEST(shortened("short").get<std::string>() == "short");
     BOOST_TEST(shortened(std::string(200, 'a').c_str()).get<std::string>() ==
@@ -247,7 +247,7 @@ BOOST_AUTO_TEST_CASE(aTextIsCutSoThatFourFitIntoALine) {
     BOOST_TEST(wide.get<std::string>().ends_with("…"));
 }
 
-BOOST_AUTO_TEST_CASE(usageTellsWhatTheProcessHolds) {
+BOOST_AUTO_TEST_CASE(usageIsWhatTheProcessHolds) {
     startBroker();
     const Lines usage = ofKind(run(passCase).lines, "usage");
     BOOST_REQUIRE(usage.size() == 1U);
@@ -298,7 +298,7 @@ BOOST_AUTO_TEST_CASE(deliveriesAreSwapped) {
     BOOST_TEST(deliveries[1].details.at("uuid") == "0");
 }
 
-BOOST_AUTO_TEST_CASE(aHeldBackDeliveryIsHandedOverWhenTheInitiatorEnds) {
+BOOST_AUTO_TEST_CASE(aDelayedDeliveryArrivesWhenTheInitiatorEnds) {
     startBroker();
     const Result result = run(callbackCase, {{"KAVRI_PROBE_FAULT", "response-removal-too-early"}});
     BOOST_TEST(result.exit.code == 201);

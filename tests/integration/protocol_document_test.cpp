@@ -8,8 +8,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "cli/temporary_folder.h"
 #include "kavri/core.h"
+#include "process/temporary_folder.h"
 #include "support/hex_text.h"
 #include "support/raw_peer.h"
 #include "support/service_process.h"
@@ -126,7 +126,7 @@ struct WithBroker {
     explicit WithBroker(const BrokerSettings& settings = {.testService = true})
         : broker(socket, settings) {}
 
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     const std::string socket = folder / "broker.sock";
     BrokerProcess broker;
 };
@@ -149,7 +149,7 @@ struct WithClient : WithBroker {
     };
     Result run(const std::string& category, const std::string& identifier,
                const std::string& payload) const {
-        kavri::cli::ChildProcess client(
+        kavri::process::ChildProcess client(
             {.program = "/usr/bin/env",
              .arguments = {"python3", script, socket, category, identifier, payload}});
         const auto ended = client.wait(patience);
@@ -165,7 +165,7 @@ BOOST_AUTO_TEST_CASE(theTypesAreThoseOfTheCode) {
     BOOST_TEST(rows.size() == allTypes.size());
     for (const auto& cells : rows) {
         const auto type = static_cast<FrameType>(std::stoi(cells.at(0)));
-        BOOST_TEST(cells.at(1) == kavri::interfaces::typeName(type));
+        BOOST_TEST(cells.at(1) == kavri::wire::typeName(type));
         const Frame smallest = smallestFrame(type, 0);
         std::string fields;
         for (std::size_t i = 0; i < smallest.fields.size(); ++i) {

@@ -4,20 +4,20 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
-#include "interfaces/limits.h"
+#include "process/temporary_folder.h"
 #include "support/client.h"
 #include "support/service_process.h"
+#include "wire/limits.h"
 
 using namespace kavri::tests;
-using kavri::interfaces::fieldLimitBytes;
-using kavri::interfaces::mebibyte;
+using kavri::wire::fieldLimitBytes;
+using kavri::wire::mebibyte;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
 struct Setting {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address};
     Library library;
@@ -303,7 +303,7 @@ BOOST_AUTO_TEST_CASE(aReceiveWithoutLimitWaitsForWhatAnotherThreadSendsLater) {
     BOOST_TEST((received == "later"));
 }
 
-BOOST_AUTO_TEST_CASE(anEndedRequestIsAnsweredToNobody) {
+BOOST_AUTO_TEST_CASE(anEndedRequestHasNoAnswer) {
     BOOST_TEST(responder.finish(request()) == KAVRI_CORE_STATUS_NO_ERROR);
     expectSilence();
 }
@@ -314,7 +314,7 @@ BOOST_AUTO_TEST_CASE(aSecondAnswerIsDroppedAndLogged) {
     BOOST_TEST(responder.answer(answered, "second") == KAVRI_CORE_STATUS_NO_ERROR);
     BOOST_TEST((initiator.receive().payload == "first"));
     expectSilence();
-    BOOST_TEST(broker.logs("answered a request that it does not have in hand"));
+    BOOST_TEST(broker.logs("answered a request that is not pending"));
 }
 
 BOOST_AUTO_TEST_CASE(anAnswerAfterTheEndIsDropped) {
@@ -331,7 +331,7 @@ BOOST_AUTO_TEST_CASE(aRequestInAnothersHandCannotBeAnswered) {
     const Message victim = request("victim's");
     stolen.request.token = victim.request.token;
     BOOST_TEST(thief.answer(stolen, "stolen") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(broker.logs("answered a request that it does not have in hand"));
+    BOOST_TEST(broker.logs("answered a request that is not pending"));
     responder.answer(victim, "rightful");
     BOOST_TEST((initiator.receive().payload == "rightful"));
 }
@@ -363,7 +363,7 @@ BOOST_AUTO_TEST_CASE(theEndOfAResponderFailsEachRequestInItsHandOnce) {
     BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
 }
 
-BOOST_AUTO_TEST_CASE(anAnswerToAnInitiatorThatLeftHarmsNobody) {
+BOOST_AUTO_TEST_CASE(anAnswerToAnInitiatorThatLeftIsDropped) {
     const Message request = [this] {
         Initiator leaving(address);
         leaving.send("work", "do", "left");

@@ -5,7 +5,7 @@
 #include <boost/mpl/list.hpp>
 #include <boost/test/unit_test.hpp>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/client.h"
 #include "support/service_process.h"
 
@@ -14,7 +14,7 @@ using namespace kavri::tests;
 namespace {
 
 struct Embedded {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address, {.testService = true}};
 
@@ -22,7 +22,7 @@ struct Embedded {
 };
 
 struct Separate {
-    kavri::cli::TemporaryFolder folder;
+    kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
     BrokerProcess broker{address};
     TestServiceProcess process{address};

@@ -3,11 +3,11 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
-#include "cli/report_page.h"
+#include "conformance/report/html/report_page.h"
 
 int main() {
     try {
-        std::cout << kavri::cli::reportPage(nlohmann::json::parse(std::cin));
+        std::cout << kavri::conformance::reportPage(nlohmann::json::parse(std::cin));
     } catch (const std::exception& error) {
         std::cerr << "render_report: " << error.what() << '\n';
         return 1;

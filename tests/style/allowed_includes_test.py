@@ -14,10 +14,12 @@ class AllowedIncludesTest(unittest.TestCase):
         self.root = pathlib.Path(folder.name)
         self.write("include/kavri/core.h", "")
         self.write("include/kavri/ipc.h", '#include <stddef.h>\n#include "core.h"\n')
-        self.write("src/interfaces/frame.h", "#include <string>\n")
-        self.write("src/core/connection.h", '#include "interfaces/frame.h"\n')
-        self.write("src/broker/router.h", "")
+        self.write("src/wire/frame.h", "#include <string>\n")
+        self.write("src/core/connection.h", '#include "wire/frame.h"\n')
+        self.write("src/broker/routing/router.h", "")
         self.write("src/test_service/test_service.h", "")
+        self.write("src/conformance/report/report.h", "")
+        self.write("src/conformance/run/repeats.h", '#include "conformance/report/report.h"\n')
 
     def write(self, name, text):
         path = self.root / name
@@ -29,11 +31,13 @@ class AllowedIncludesTest(unittest.TestCase):
         return list(allowed_includes.violations(self.root))
 
     def test_what_is_allowed_passes(self):
-        self.assertEqual([], self.found_in("src/broker/router.cpp", (
+        self.write("src/broker/loop/server.h", "#include <string>\n")
+        self.assertEqual([], self.found_in("src/broker/loop/server.cpp", (
             "#include <unistd.h>\n"
-            '#include "broker/router.h"\n'
-            '#include "interfaces/frame.h"\n'
-            '#include "test_service/test_service.h"\n')))
+            '#include "broker/loop/server.h"\n'
+            '#include "wire/frame.h"\n')))
+        self.assertEqual([], self.found_in(
+            "src/broker/hosted_test_service.h", '#include "test_service/test_service.h"\n'))
         self.assertEqual([], self.found_in("src/test_service/main.cpp", "#include <kavri/ipc.h>\n"))
         self.assertEqual([], self.found_in("tests/test_ipc_initiator.cpp", "#include <kavri/ipc.h>\n"))
 
@@ -41,10 +45,16 @@ class AllowedIncludesTest(unittest.TestCase):
         for name, text, part in (
                 ("src/broker/a.cpp", '#include "core/connection.h"\n', "may not use core"),
                 ("src/broker/a.cpp", "#include <kavri/ipc.h>\n", "may not use kavri"),
-                ("src/core/a.cpp", '  #  include "broker/router.h"\n', "may not use broker"),
-                ("src/interfaces/a.cpp", '#include "core/connection.h"\n', "may not use core"),
+                ("src/core/a.cpp", '  #  include "broker/routing/router.h"\n', "may not use broker"),
+                ("src/wire/a.cpp", '#include "core/connection.h"\n', "may not use core"),
                 ("src/test_service/a.cpp", "#include <kavri/ipc.h>\n", "may not use kavri"),
-                ("include/kavri/a.h", '#include "interfaces/frame.h"\n', "may not use interfaces")):
+                ("src/conformance/report/a.cpp", '#include "conformance/run/repeats.h"\n',
+                 "may not use conformance/run"),
+                ("src/conformance/report/html/a.cpp", '#include "conformance/run/repeats.h"\n',
+                 "may not use conformance/run"),
+                ("src/conformance/agent/a.cpp", '#include "conformance/report/report.h"\n',
+                 "may not use conformance/report"),
+                ("include/kavri/a.h", '#include "wire/frame.h"\n', "may not use wire")):
             with self.subTest(name=name, text=text):
                 found = self.found_in(name, text)
                 self.assertEqual(1, len(found), found)
@@ -55,7 +65,7 @@ class AllowedIncludesTest(unittest.TestCase):
     def test_input_and_output_where_there_is_to_be_none_are_found(self):
         for header in ("unistd.h", "sys/socket.h", "fstream", "iostream"):
             with self.subTest(header=header):
-                found = self.found_in("src/interfaces/a.cpp", f"#include <{header}>\n")
+                found = self.found_in("src/wire/a.cpp", f"#include <{header}>\n")
                 self.assertEqual(1, len(found), found)
                 self.assertIn("no input or output", found[0])
 
@@ -66,13 +76,16 @@ class AllowedIncludesTest(unittest.TestCase):
         self.assertIn("no such header", found[1])
 
     def test_an_unknown_folder_is_found(self):
-        found = self.found_in("src/extra/a.cpp", "")
-        self.assertEqual(1, len(found), found)
-        self.assertIn("src/extra", found[0])
+        for name in ("src/extra/a.cpp", "src/conformance/extra/a.cpp", "src/conformance/a.cpp"):
+            with self.subTest(name=name):
+                found = self.found_in(name, "")
+                self.assertEqual(1, len(found), found)
+                self.assertIn(name, found[0])
+                (self.root / name).unlink()
 
     def test_the_module_may_use_only_the_public_header(self):
         found = self.found_in("tests/test_ipc_initiator.cpp",
-                              '#include <kavri/core.h>\n#include "interfaces/frame.h"\n')
+                              '#include <kavri/core.h>\n#include "wire/frame.h"\n')
         self.assertEqual(2, len(found), found)
 
 

@@ -84,10 +84,9 @@ class Attacker {
 
 // Connects and closes at once.
 inline void connectAndClose(const std::string& path) {
-    const int made = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = socketAddress(path);
-    (void)::connect(made, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    ::close(made);
+    const base::Descriptor made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const base::UnixAddress address(path);
+    (void)::connect(made.get(), address.get(), address.size());
 }
 
 // A connection that sends the same bytes without end and discards what comes back.
@@ -127,6 +126,27 @@ inline void goOn(std::vector<Flood>& floods) {
             floods[i].go();
         }
     }
+}
+
+// A process with so many connections, each of which sends the same bytes without end.
+inline Attacker floodingAttacker(const std::string& path, std::size_t connections,
+                                 const std::string& role, const std::string& bytes) {
+    return Attacker([=, floods = std::vector<Flood>()]() mutable {
+        while (floods.size() < connections) {
+            floods.emplace_back(path, role, bytes);
+        }
+        goOn(floods);
+    });
+}
+
+// Takes part once the broker has acknowledged it.
+inline void subscribe(RawPeer& peer, std::string_view category) {
+    peer.send(makeFrame(FrameType::subscribe, 1, {.category = category}));
+    peer.expect(FrameType::acknowledgement);
+}
+inline void registerFor(RawPeer& peer, std::string_view category) {
+    peer.send(makeFrame(FrameType::registration, 1, {.category = category}));
+    peer.expect(FrameType::acknowledgement);
 }
 
 inline std::string repeated(const std::string& bytes, std::size_t times) {

@@ -1,5 +1,5 @@
-// `kavri conformance` as a process of a test's own, with a temporary folder that
-// nobody else uses. Its orphans come to the test, so that anything left over shows.
+// `kavri conformance` as a process of a test, with a temporary folder of its own. The test
+// adopts its orphans, so that it finds anything left over.
 #ifndef KAVRI_TESTS_SUPPORT_CONFORMANCE_TOOL_H
 #define KAVRI_TESTS_SUPPORT_CONFORMANCE_TOOL_H
 
@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "cli/child_process.h"
-#include "cli/temporary_folder.h"
+#include "process/child_process.h"
+#include "process/temporary_folder.h"
 
 namespace kavri::tests {
 
@@ -28,7 +28,7 @@ using Environment = std::map<std::string, std::optional<std::string>>;
 constexpr std::chrono::seconds longEnough{120};
 
 struct ToolResult {
-    cli::ExitState exit;
+    process::ExitState exit;
     std::string output;
     std::string error;
 };
@@ -40,23 +40,25 @@ class ConformanceTool {
     ConformanceTool& operator=(const ConformanceTool&) = delete;
     ~ConformanceTool() { prctl(PR_SET_CHILD_SUBREAPER, 0); }
 
-    cli::ChildSpawn spawn(const Arguments& arguments, const Environment& environment = {}) const {
-        cli::ChildSpawn result = {.program = std::filesystem::path(KAVRI_BIN_DIR) / "kavri",
-                                  .arguments = {"conformance"},
-                                  .environment = environment};
+    process::ChildSpawn spawn(const Arguments& arguments,
+                              const Environment& environment = {}) const {
+        process::ChildSpawn result = {.program = std::filesystem::path(KAVRI_BIN_DIR) / "kavri",
+                                      .arguments = {"conformance"},
+                                      .environment = environment};
         result.arguments.insert(result.arguments.end(), arguments.begin(), arguments.end());
         result.environment["TMPDIR"] = temporary_.path().string();
         return result;
     }
 
     ToolResult run(const Arguments& arguments, const Environment& environment = {}) const {
-        cli::ChildProcess tool(spawn(arguments, environment));
+        process::ChildProcess tool(spawn(arguments, environment));
         return finish(tool);
     }
 
     // Waits for the tool, and checks that it has tidied up.
-    ToolResult finish(cli::ChildProcess& tool, std::chrono::seconds patience = longEnough) const {
-        const std::optional<cli::ExitState> exit = tool.wait(patience);
+    ToolResult finish(process::ChildProcess& tool,
+                      std::chrono::seconds patience = longEnough) const {
+        const std::optional<process::ExitState> exit = tool.wait(patience);
         BOOST_REQUIRE_MESSAGE(exit.has_value(), "the tool does not end: " << tool.error());
         checkNothingIsLeft();
         return {*exit, tool.output(), tool.error()};
@@ -72,7 +74,7 @@ class ConformanceTool {
     const std::filesystem::path& temporary() const { return temporary_.path(); }
 
   private:
-    cli::TemporaryFolder temporary_;
+    process::TemporaryFolder temporary_;
 };
 
 inline bool contains(const std::string& text, const std::string& part) {

@@ -13,14 +13,14 @@
 #include <string_view>
 #include <vector>
 
-#include "interfaces/frame.h"
-#include "interfaces/limits.h"
+#include "wire/frame.h"
+#include "wire/limits.h"
 
 namespace kavri::tests {
 
-using interfaces::Field;
-using interfaces::Frame;
-using interfaces::FrameType;
+using wire::Field;
+using wire::Frame;
+using wire::FrameType;
 
 inline constexpr std::array allTypes = {FrameType::hello,
                                         FrameType::welcome,
@@ -83,15 +83,15 @@ inline Frame smallestFrame(FrameType type, std::uint64_t token) {
 
 inline std::string encode(const Frame& frame) {
     std::string bytes;
-    interfaces::appendEncoded(frame, bytes);
+    wire::appendEncoded(frame, bytes);
     return bytes;
 }
 
 inline std::string describe(const Frame& frame) {
-    constexpr std::array<const char*, interfaces::fieldCount> names = {"category", "identifier",
-                                                                       "uuid", "payload"};
+    constexpr std::array<const char*, wire::fieldCount> names = {"category", "identifier", "uuid",
+                                                                 "payload"};
     constexpr std::size_t longestShown = 100;
-    std::string text(interfaces::typeName(frame.type));
+    std::string text(wire::typeName(frame.type));
     text += " " + std::to_string(frame.token);
     if (frame.status != 0) {
         text += " status=" + std::to_string(frame.status);
@@ -111,17 +111,17 @@ inline std::string describe(const Frame& frame) {
 inline std::vector<Frame> framesIn(std::string_view bytes) {
     std::vector<Frame> frames;
     while (!bytes.empty()) {
-        if (bytes.size() < interfaces::headerBytes) {
+        if (bytes.size() < wire::headerBytes) {
             throw std::runtime_error("a part of a header is left");
         }
-        const auto measured = interfaces::measure(bytes.data(), interfaces::payloadCeilingBytes);
+        const auto measured = wire::measure(bytes.data(), wire::payloadCeilingBytes);
         if (measured.error) {
-            throw std::runtime_error(std::string(interfaces::errorText(*measured.error)));
+            throw std::runtime_error(std::string(wire::errorText(*measured.error)));
         }
         if (measured.frameBytes > bytes.size()) {
             throw std::runtime_error("a part of a frame is left");
         }
-        const auto frame = interfaces::decode(bytes.data());
+        const auto frame = wire::decode(bytes.data());
         if (!frame) {
             throw std::runtime_error("a field has a NUL in it");
         }

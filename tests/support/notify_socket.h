@@ -4,7 +4,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -12,7 +11,9 @@
 #include <string>
 #include <system_error>
 
-#include "support/raw_peer.h"
+#include "base/descriptor.h"
+#include "base/unix_address.h"
+#include "support/waiting.h"
 
 namespace kavri::tests {
 
@@ -20,28 +21,25 @@ class NotifySocket {
   public:
     explicit NotifySocket(const std::string& path)
         : descriptor_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const sockaddr_un address = socketAddress(path);
-        if (::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const base::UnixAddress address(path);
+        if (::bind(descriptor_.get(), address.get(), address.size()) != 0) {
             throw std::system_error(errno, std::generic_category(), "bind");
         }
     }
-    NotifySocket(const NotifySocket&) = delete;
-    NotifySocket& operator=(const NotifySocket&) = delete;
-    ~NotifySocket() { ::close(descriptor_); }
 
     // The next notification; empty when none comes.
     std::string next() const {
-        pollfd waited{descriptor_, POLLIN, 0};
+        pollfd waited{descriptor_.get(), POLLIN, 0};
         if (::poll(&waited, 1, patienceMs) != 1) {
             return {};
         }
         std::array<char, 4096> text;
-        const ssize_t count = ::recv(descriptor_, text.data(), text.size(), 0);
+        const ssize_t count = ::recv(descriptor_.get(), text.data(), text.size(), 0);
         return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
     }
 
   private:
-    int descriptor_;
+    base::Descriptor descriptor_;
 };
 
 }  // namespace kavri::tests

@@ -9,19 +9,18 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
 #include <vector>
 
+#include "base/descriptor.h"
+#include "base/unix_address.h"
 #include "support/frames.h"
 #include "support/waiting.h"
 
@@ -33,18 +32,7 @@ struct RawFrame {
     Frame values;
 };
 
-inline sockaddr_un socketAddress(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        throw std::invalid_argument("too long for a socket: " + path);
-    }
-    std::memcpy(address.sun_path, path.data(), path.size());
-    return address;
-}
-
-inline Frame helloFrame(std::string_view role,
-                        std::uint64_t version = interfaces::protocolVersion) {
+inline Frame helloFrame(std::string_view role, std::uint64_t version = wire::protocolVersion) {
     return makeFrame(FrameType::hello, version, {.identifier = role});
 }
 
@@ -53,8 +41,8 @@ class RawPeer {
     explicit RawPeer(int descriptor) : descriptor_(descriptor) {}
     explicit RawPeer(const std::string& path)
         : RawPeer(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const sockaddr_un address = socketAddress(path);
-        if (::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address)) {
+        const base::UnixAddress address(path);
+        if (::connect(descriptor(), address.get(), address.size()) != 0) {
             throw std::system_error(errno, std::generic_category(), "connect");
         }
     }
@@ -63,27 +51,15 @@ class RawPeer {
         send(helloFrame(role));
         expect(FrameType::welcome);
     }
-    RawPeer(RawPeer&& other) noexcept
-        : descriptor_(std::exchange(other.descriptor_, -1)), input_(std::move(other.input_)) {}
-    RawPeer& operator=(RawPeer&& other) noexcept {
-        std::swap(descriptor_, other.descriptor_);
-        std::swap(input_, other.input_);
-        return *this;
-    }
-    ~RawPeer() { close(); }
 
-    void close() {
-        if (descriptor_ >= 0) {
-            ::close(std::exchange(descriptor_, -1));
-        }
-    }
+    void close() { descriptor_.close(); }
     // Says no more, and still listens.
-    void endSending() { ::shutdown(descriptor_, SHUT_WR); }
+    void endSending() { ::shutdown(descriptor(), SHUT_WR); }
 
     // Bytes as they come, without looking at them; 0 when the other side closed.
     std::size_t readUpTo(std::vector<char>& chunk) {
         wait(POLLIN);
-        const ssize_t count = ::recv(descriptor_, chunk.data(), chunk.size(), 0);
+        const ssize_t count = ::recv(descriptor(), chunk.data(), chunk.size(), 0);
         return count > 0 ? static_cast<std::size_t>(count) : 0;
     }
 
@@ -92,7 +68,7 @@ class RawPeer {
         while (!bytes.empty()) {
             wait(POLLOUT);
             const ssize_t taken =
-                ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+                ::send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
             if (taken < 0 && errno != EAGAIN) {
                 return;
             }
@@ -104,16 +80,16 @@ class RawPeer {
     // As many bytes as the other side takes for now.
     std::size_t writeSome(std::string_view bytes) {
         const ssize_t taken =
-            ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            ::send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         return taken > 0 ? static_cast<std::size_t>(taken) : 0;
     }
 
-    int descriptor() const { return descriptor_; }
-    void makeNonBlocking() { ::fcntl(descriptor_, F_SETFL, O_NONBLOCK); }
+    int descriptor() const { return descriptor_.get(); }
+    void makeNonBlocking() { ::fcntl(descriptor(), F_SETFL, O_NONBLOCK); }
     // Drops what waits to be read, for now.
     void discard() {
         std::array<char, 65536> bytes;
-        while (::recv(descriptor_, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
+        while (::recv(descriptor(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
         }
     }
 
@@ -121,7 +97,7 @@ class RawPeer {
     std::string peek() const {
         std::string bytes(1 << 24, '\0');
         const ssize_t count =
-            ::recv(descriptor_, bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
+            ::recv(descriptor(), bytes.data(), bytes.size(), MSG_PEEK | MSG_DONTWAIT);
         bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
         return bytes;
     }
@@ -129,9 +105,8 @@ class RawPeer {
     RawFrame receive() {
         RawFrame frame;
         while (true) {
-            if (input_.size() >= interfaces::headerBytes) {
-                const auto measured =
-                    interfaces::measure(input_.data(), interfaces::payloadCeilingBytes);
+            if (input_.size() >= wire::headerBytes) {
+                const auto measured = wire::measure(input_.data(), wire::payloadCeilingBytes);
                 if (measured.error) {
                     throw std::runtime_error("received what is no frame");
                 }
@@ -139,7 +114,7 @@ class RawPeer {
                     frame.bytes.assign(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(
                                                                             measured.frameBytes));
                     input_.erase(0, measured.frameBytes);
-                    frame.values = interfaces::decode(frame.bytes.data()).value();
+                    frame.values = wire::decode(frame.bytes.data()).value();
                     return frame;
                 }
             }
@@ -151,9 +126,9 @@ class RawPeer {
     RawFrame expect(FrameType type) {
         RawFrame frame = receive();
         if (frame.values.type != type) {
-            throw std::runtime_error(
-                "received a " + std::string(interfaces::typeName(frame.values.type)) + " where a " +
-                std::string(interfaces::typeName(type)) + " was due");
+            throw std::runtime_error("received a " +
+                                     std::string(wire::typeName(frame.values.type)) + " where a " +
+                                     std::string(wire::typeName(type)) + " was due");
         }
         return frame;
     }
@@ -165,7 +140,7 @@ class RawPeer {
 
   private:
     void wait(short events) const {
-        pollfd waited{descriptor_, events, 0};
+        pollfd waited{descriptor(), events, 0};
         if (::poll(&waited, 1, patienceMs) != 1) {
             throw std::runtime_error("nothing happened on the connection");
         }
@@ -173,14 +148,14 @@ class RawPeer {
     bool readSome() {
         wait(POLLIN);
         std::vector<char> chunk(65536);
-        const ssize_t count = ::recv(descriptor_, chunk.data(), chunk.size(), 0);
+        const ssize_t count = ::recv(descriptor(), chunk.data(), chunk.size(), 0);
         if (count > 0) {
             input_.append(chunk.data(), static_cast<std::size_t>(count));
         }
         return count > 0;
     }
 
-    int descriptor_;
+    base::Descriptor descriptor_;
     std::string input_;
 };
 

@@ -18,8 +18,8 @@
 #include <string_view>
 #include <vector>
 
-#include "broker/protocol.h"
-#include "broker/router.h"
+#include "broker/routing/protocol.h"
+#include "broker/routing/router.h"
 #include "support/frames.h"
 
 namespace kavri::tests {
@@ -32,7 +32,7 @@ inline constexpr uid_t otherUser = 1001;
 
 class ScriptedBroker {
   public:
-    explicit ScriptedBroker(const interfaces::Limits& itsLimits = {}, broker::Policy itsPolicy = {})
+    explicit ScriptedBroker(const wire::Limits& itsLimits = {}, broker::Policy itsPolicy = {})
         : limits(itsLimits), policy(std::move(itsPolicy)) {}
 
     // A session that has said nothing yet.
@@ -53,8 +53,7 @@ class ScriptedBroker {
     // One that said hello and has heard the welcome.
     Session& join(std::string_view role, uid_t user = someUser) {
         Session& session = connect(user);
-        say(session,
-            makeFrame(FrameType::hello, interfaces::protocolVersion, {.identifier = role}));
+        say(session, makeFrame(FrameType::hello, wire::protocolVersion, {.identifier = role}));
         hearBytes(session);
         return session;
     }
@@ -86,11 +85,14 @@ class ScriptedBroker {
         return blockOn(sender, protocol.resume(sender));
     }
     // Those that wait for the session, as the loop does after each write to it.
-    void resumeAllAt(Session& drained) {
-        router.flowControl().resumeWaiting(drained, [this](Session& sender) {
-            resumed.push_back(&sender);
-            blockOn(sender, protocol.resume(sender));
-        });
+    // Returns whether all were resumed for whom there is room, of so many at most.
+    bool resumeAllAt(Session& drained, std::size_t most = SIZE_MAX) {
+        return router.flowControl().resumeWaiting(
+            drained, [&most] { return most-- > 0; },
+            [this](Session& sender) {
+                resumed.push_back(&sender);
+                blockOn(sender, protocol.resume(sender));
+            });
     }
     std::vector<Session*> resumed;
 
@@ -146,7 +148,7 @@ class ScriptedBroker {
 
     const broker::Clock::time_point now;
 
-    const interfaces::Limits limits;
+    const wire::Limits limits;
     const broker::Policy policy;
 
   private:
@@ -173,35 +175,39 @@ class ScriptedBroker {
         std::uint32_t generation = 0;
     };
 
-    Session* takeBytes(Session& from, std::string_view bytes) {
-        if (from.large) {
-            const std::size_t filled =
-                std::min<std::size_t>(bytes.size(), from.largeBytes - from.largeFilled);
-            std::memcpy(from.large->bytes() + from.largeFilled, bytes.data(), filled);
-            from.largeFilled += static_cast<std::uint32_t>(filled);
-            bytes.remove_prefix(filled);
-            if (Session* waitFor = protocol.takeLarge(from)) {
+    std::optional<broker::Blocked> takeBytes(Session& from, std::string_view bytes) {
+        if (from.input.large) {
+            wire::LargeFrame& large = from.input.largeFrame;
+            std::memcpy(from.input.large->bytes() + large.receivedBytes(), bytes.data(),
+                        std::min(bytes.size(), large.missingBytes()));
+            bytes.remove_prefix(bytes.size() - large.add(bytes.size()));
+            if (const auto blocked = protocol.takeLarge(from)) {
                 protocol.keep(from, bytes.data(), bytes.size());
-                return waitFor;
+                return blocked;
             }
-            return bytes.empty() || from.isClosing ? nullptr : takeBytes(from, bytes);
+            return bytes.empty() || from.isClosing ? std::nullopt : takeBytes(from, bytes);
         }
         // In memory of just its size, so that a byte too far is noticed.
-        const std::size_t before = from.backlog ? std::exchange(from.backlogBytes, 0) : 0;
+        const std::size_t before =
+            from.input.backlog ? std::exchange(from.input.backlogBytes, 0) : 0;
         std::vector<char> all(before + bytes.size());
         if (before > 0) {
-            std::memcpy(all.data(), from.backlogBegin(), before);
-            from.takeBacklog();
+            std::memcpy(all.data(), from.input.backlogBegin(), before);
+            from.input.takeBacklog();
         }
         std::copy(bytes.begin(), bytes.end(), all.begin() + static_cast<std::ptrdiff_t>(before));
         return protocol.take(from, all.data(), all.size());
     }
 
-    Session* blockOn(Session& sender, Session* waitFor) {
-        if (waitFor != nullptr && !sender.isClosing) {
-            router.flowControl().block(sender, *waitFor, now);
+    // Returns the session that blocks the sender, or null.
+    Session* blockOn(Session& sender, const std::optional<broker::Blocked>& blocked) {
+        if (!blocked) {
+            return nullptr;
         }
-        return waitFor;
+        if (!sender.isClosing) {
+            router.flowControl().block(sender, blocked->on, now);
+        }
+        return &blocked->on;
     }
 
     void close(Session& session, kavri_core_status status, std::string_view reason) {

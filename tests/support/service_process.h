@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "cli/child_process.h"
+#include "process/child_process.h"
 #include "support/waiting.h"
 
 namespace kavri::tests {
@@ -24,7 +24,8 @@ namespace kavri::tests {
 // A program that says on standard error when it is ready.
 class ServiceProcess {
   public:
-    explicit ServiceProcess(cli::ChildSpawn spawn) : spawn_(std::move(spawn)), process_(spawn_) {
+    explicit ServiceProcess(process::ChildSpawn spawn)
+        : spawn_(std::move(spawn)), process_(spawn_) {
         waitUntilReady();
     }
 
@@ -44,7 +45,7 @@ class ServiceProcess {
     // Starts it anew, with what it was started with.
     void restart() {
         kill();
-        process_ = cli::ChildProcess(spawn_);
+        process_ = process::ChildProcess(spawn_);
         waitUntilReady();
     }
 
@@ -59,7 +60,7 @@ class ServiceProcess {
     void thaw() { process_.signal(SIGCONT); }
     void signal(int number) { process_.signal(number); }
     // Nothing where it goes on.
-    std::optional<cli::ExitState> waitForEnd() { return process_.wait(patience); }
+    std::optional<process::ExitState> waitForEnd() { return process_.wait(patience); }
 
     // Whether it has nothing to do just now.
     bool sleeps() const { return stateIn("/proc/" + std::to_string(pid()) + "/stat") == "S"; }
@@ -84,8 +85,8 @@ class ServiceProcess {
         }
     }
 
-    cli::ChildSpawn spawn_;
-    cli::ChildProcess process_;
+    process::ChildSpawn spawn_;
+    process::ChildProcess process_;
 };
 
 struct BrokerSettings {
@@ -104,8 +105,8 @@ class BrokerProcess : public ServiceProcess {
     explicit BrokerProcess(const std::filesystem::path& socket, const BrokerSettings& settings = {})
         : ServiceProcess(spawn(socket, settings)) {}
 
-    static cli::ChildSpawn spawn(const std::filesystem::path& socket,
-                                 const BrokerSettings& settings = {}) {
+    static process::ChildSpawn spawn(const std::filesystem::path& socket,
+                                     const BrokerSettings& settings = {}) {
         std::vector<std::string> arguments = {"--socket", socket};
         if (settings.testService) {
             arguments.emplace_back("--test-service");
@@ -125,7 +126,7 @@ class TestServiceProcess : public ServiceProcess {
     explicit TestServiceProcess(const std::filesystem::path& socket)
         : ServiceProcess(spawn(socket)) {}
 
-    static cli::ChildSpawn spawn(const std::filesystem::path& socket) {
+    static process::ChildSpawn spawn(const std::filesystem::path& socket) {
         // What the library in it has to say is looked at.
         return {.program = KAVRI_BIN_DIR "/kavri-test-service",
                 .arguments = {"--socket", socket},

@@ -60,7 +60,7 @@ inline std::size_t furtherThreads() {
     return static_cast<std::size_t>(all - known);
 }
 
-// Runs a call that is to block, and tells when its thread sleeps in it.
+// Runs a call that is to block, on a thread whose sleep can be waited for.
 class BlockedCall {
   public:
     template <typename Call>

@@ -1,19 +1,19 @@
 // Where the broker is looked for, and which paths cannot be a socket's.
 #define BOOST_TEST_MODULE address
 
-#include "interfaces/address.h"
+#include "wire/address.h"
 
 #include <boost/test/unit_test.hpp>
 #include <filesystem>
 #include <fstream>
 
-#include "cli/temporary_folder.h"
+#include "process/temporary_folder.h"
 #include "support/environment_variable.h"
 
-using kavri::cli::TemporaryFolder;
-using kavri::interfaces::addressError;
-using kavri::interfaces::brokerAddress;
+using kavri::process::TemporaryFolder;
 using kavri::tests::EnvironmentVariable;
+using kavri::wire::addressError;
+using kavri::wire::brokerAddress;
 
 namespace {
 

@@ -2,7 +2,7 @@
 // and that nothing of them stays.
 #define BOOST_TEST_MODULE childProcess
 
-#include "cli/child_process.h"
+#include "process/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -15,9 +15,9 @@
 #include <cerrno>
 #include <system_error>
 
-using kavri::cli::ChildProcess;
-using kavri::cli::ChildSpawn;
-using kavri::cli::ExitState;
+using kavri::process::ChildProcess;
+using kavri::process::ChildSpawn;
+using kavri::process::ExitState;
 using namespace std::chrono_literals;
 
 namespace {

@@ -2,7 +2,7 @@
 // may never change for this version of the protocol.
 #define BOOST_TEST_MODULE frame
 
-#include "interfaces/frame.h"
+#include "wire/frame.h"
 
 #include <boost/test/unit_test.hpp>
 #include <filesystem>
@@ -11,7 +11,7 @@
 #include "support/frames.h"
 #include "support/hex_text.h"
 
-using namespace kavri::interfaces;
+using namespace kavri::wire;
 using namespace kavri::tests;
 
 namespace {
@@ -214,7 +214,7 @@ BOOST_AUTO_TEST_CASE(aTypeHasItsFieldsAndNoOthers) {
     }
 }
 
-BOOST_AUTO_TEST_CASE(aFieldThatNobodyKnowsIsUnexpected) {
+BOOST_AUTO_TEST_CASE(anUnknownFieldIsUnexpected) {
     for (unsigned unknown = 4; unknown < 8; ++unknown) {
         const int present = static_cast<int>(0x0fU | (1U << unknown));
         BOOST_TEST(whyNot(withByte(requestBytes(), 5, present)) ==
@@ -269,14 +269,14 @@ BOOST_AUTO_TEST_CASE(allNamesMayBeAtTheirLimitTogether) {
     checkEqual(*decoded, frame);
 }
 
-BOOST_AUTO_TEST_CASE(aPayloadMayHaveWhatWasGrantedAndNotAByteMore) {
-    for (const std::size_t granted : {std::size_t{1}, std::size_t{1000}, limit, 2 * limit}) {
-        const std::string longest(granted, 'p');
-        const std::string tooLong(granted + 1, 'p');
+BOOST_AUTO_TEST_CASE(aPayloadMayHaveTheNegotiatedLengthAndNotAByteMore) {
+    for (const std::size_t negotiated : {std::size_t{1}, std::size_t{1000}, limit, 2 * limit}) {
+        const std::string longest(negotiated, 'p');
+        const std::string tooLong(negotiated + 1, 'p');
         Frame frame = makeFrame(FrameType::request, 1, {"test", "echo", "u", longest});
-        BOOST_TEST(whyNot(encode(frame), granted) == "");
+        BOOST_TEST(whyNot(encode(frame), negotiated) == "");
         frame[Field::payload] = tooLong;
-        BOOST_TEST(whyNot(encode(frame), granted) == text(FrameError::payloadTooLong));
+        BOOST_TEST(whyNot(encode(frame), negotiated) == text(FrameError::payloadTooLong));
     }
 }
 
@@ -289,7 +289,7 @@ BOOST_AUTO_TEST_CASE(theLargestLengthsDoNotOverflow) {
     bytes.replace(28, 4, "\xff\xff\xff\xff");
     BOOST_TEST(whyNot(bytes) == text(FrameError::payloadTooLong));
     BOOST_TEST(whyNot(bytes, SIZE_MAX) == text(FrameError::lengthMismatch));
-    // All four lengths together are 33 bytes more than 32 bits can tell.
+    // All four lengths together are 33 bytes more than fit into 32 bits.
     bytes = requestBytes();
     bytes.replace(28, 4, "\xf8\xff\xff\xff");
     BOOST_TEST(whyNot(withByte(bytes, 0, 33), SIZE_MAX) == text(FrameError::lengthMismatch));
@@ -303,7 +303,7 @@ BOOST_AUTO_TEST_CASE(aNulInAnyFieldIsFound) {
             field[position] = '\0';
             frame.fields[i] = field;
             const std::string bytes = encode(frame);
-            BOOST_TEST(whyNot(bytes) == "");  // the header does not tell
+            BOOST_TEST(whyNot(bytes) == "");  // the header cannot show it
             BOOST_TEST(!decode(bytes.data()).has_value());
         }
     }
@@ -346,7 +346,7 @@ BOOST_AUTO_TEST_CASE(framesFollowOneAnotherWithoutGaps) {
 }
 
 BOOST_AUTO_TEST_CASE(theCategoryIsReadAsSoonAsAllOfItIsThere) {
-    using kavri::interfaces::categoryOf;
+    using kavri::wire::categoryOf;
     const std::string bytes =
         encode(makeFrame(FrameType::request, 1, {"category", "identifier", "u", "payload"}));
     BOOST_TEST(categoryOf(bytes.data(), bytes.size()).value() == "category");

@@ -10,7 +10,7 @@
 #include <set>
 #include <sstream>
 
-#include "cli/child_process.h"
+#include "process/child_process.h"
 #include "unit/headers_in_c.h"
 
 kavri_core_status cppInstall(kavri_core_ipc_initiator* initiator);
@@ -52,9 +52,9 @@ Names functionsDeclaredIn(const std::string& header) {
 }
 
 Names namesExportedBy(const std::string& library) {
-    kavri::cli::ChildProcess nm({.program = "/usr/bin/env",
-                                 .arguments = {"nm", "-D", "--defined-only", "--format=posix",
-                                               KAVRI_LIB_DIR "/" + library}});
+    kavri::process::ChildProcess nm({.program = "/usr/bin/env",
+                                     .arguments = {"nm", "-D", "--defined-only", "--format=posix",
+                                                   KAVRI_LIB_DIR "/" + library}});
     const auto ended = nm.wait(std::chrono::seconds(30));
     BOOST_REQUIRE((ended && ended->succeeded()));
     Names names;

@@ -1,15 +1,15 @@
-// When it is tried again without sleeping, and when not. How long a wait was is
-// said, so that no test depends on the clock.
+// When a wait spins before it sleeps, and when not. The tests pass in how long each wait
+// took, so that none depends on the clock.
 #define BOOST_TEST_MODULE spin
 
-#include "interfaces/spin.h"
+#include "wire/spin.h"
 
 #include <sched.h>
 
 #include <boost/test/unit_test.hpp>
 #include <thread>
 
-using kavri::interfaces::Spin;
+using kavri::wire::Spin;
 
 namespace {
 

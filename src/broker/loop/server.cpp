@@ -1,0 +1,335 @@
+// The broker's loop; see server.h.
+#include "broker/loop/server.h"
+
+#include <spdlog/spdlog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "base/assert.h"
+#include "broker/routing/goodbye.h"
+#include "broker/routing/rights.h"
+
+namespace kavri::broker {
+
+namespace {
+
+// Memory that is kept for use again goes back to the system after such a pause.
+constexpr std::chrono::milliseconds pauseBeforeTrim{1000};
+
+}  // namespace
+
+Server::Server(ServerOptions options, Listener& listener, const Log& log)
+    : limits_(options.limits),
+      policy_(std::move(options.policy)),
+      router_(limits_, policy_, pool_,
+              {[this](Session& session, std::string_view reason) {
+                   close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
+               },
+               [&log](const Session& session, std::string_view what) {
+                   if (log.admits(what)) {
+                       spdlog::warn("process {} of user {} {}", session.process, session.user,
+                                    what);
+                   }
+               }}),
+      protocol_(limits_, router_, pool_, std::move(options.identity),
+                [this](Session& session, kavri_core_status status, std::string_view reason) {
+                    close(session, status, reason);
+                }),
+      acceptor_(listener, {readiness_, deadlines_, sessions_, limits_, policy_,
+                           [this](const Accepted& accepted) { open(accepted); }}),
+      traffic_({limits_, router_, protocol_, deadlines_, readiness_, now_,
+                [this](Session& session, kavri_core_status status, std::string_view reason) {
+                    close(session, status, reason);
+                }}),
+      clock_(Clock::now()),
+      now_(clock_.now()) {}
+
+void Server::run(int signalDescriptor, std::function<void()> onSignal) {
+    onSignal_ = std::move(onSignal);
+    readiness_.watch(signalDescriptor, signalMark);
+    filesChanged_ = true;  // perhaps before they were watched
+    while (!stopping_) {
+        waitForEvents();
+        traffic_.releaseRest();
+        for (const epoll_event& event : readiness_.events()) {
+            handleEvent(event);
+        }
+        if (stopping_) {
+            break;
+        }
+        if (std::exchange(bulkIsReady_, false)) {
+            writeListed();  // so that the others' output does not wait for the bulk
+            handleBulk();
+        }
+        handleDeadlines();
+        if (std::exchange(filesChanged_, false)) {
+            keepListening();
+        }
+        if (std::exchange(connectionsWait_, false)) {
+            acceptor_.acceptSome(readiness_.events().size(), now_);
+        }
+        finishRound();
+    }
+    sayGoodbye();
+    if (!failure_.empty()) {
+        throw CannotListen(failure_);
+    }
+}
+
+void Server::waitForEvents() {
+    Clock::duration planned{};
+    if (hasWorkLeft()) {
+        readiness_.wait(0);
+    } else if (!spin_.until([this] { return readiness_.wait(0); })) {
+        planned = sleep();
+    }
+    clock_.advance(Clock::now(), planned);
+    now_ = clock_.now();
+}
+
+// How long it was to sleep at most.
+Clock::duration Server::sleep() {
+    const Clock::time_point begin = Clock::now();
+    const int timeoutMs = sleepTimeMs(clock_.at(begin));
+    readiness_.wait(timeoutMs) ? spin_.slept(Clock::now() - begin) : pool_.trim();
+    return timeoutMs < 0 ? Clock::duration::max() : std::chrono::milliseconds(timeoutMs);
+}
+
+// Until the next deadline; and no longer than the pause before a trim while the pool
+// keeps memory.
+int Server::sleepTimeMs(Clock::time_point now) const {
+    const auto next = deadlines_.next();
+    if (!next && pool_.isEmpty()) {
+        return -1;
+    }
+    auto left = pool_.isEmpty() ? std::chrono::milliseconds::max() : pauseBeforeTrim;
+    if (next) {
+        left = std::min(left, std::chrono::ceil<std::chrono::milliseconds>(*next - now));
+    }
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+void Server::handleEvent(const epoll_event& event) {
+    switch (event.data.u64) {
+        case signalMark:
+            onSignal_();
+            return;
+        case listenerMark:
+            connectionsWait_ = true;
+            return;
+        case filesMark:
+            filesChanged_ = true;
+            return;
+        case bulkMark:
+            bulkIsReady_ = true;
+            return;
+        default:
+            break;
+    }
+    Session* session = find(idOf(event.data.u64));
+    if (session != nullptr && !session->isClosing) {
+        handleSession(*session, event);
+    }
+}
+
+void Server::handleSession(Session& session, const epoll_event& event) {
+    if ((event.events & EPOLLOUT) != 0) {
+        traffic_.writeTo(session);
+    }
+    if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 && !session.isBlocked() &&
+        !session.isClosing) {
+        receive(session);
+    }
+}
+
+void Server::handleBulk() {
+    const auto events = readiness_.takeBulk();
+    bulkInRound_ = std::max<std::size_t>(1, events.size());
+    for (const epoll_event& event : events) {
+        handleEvent(event);
+    }
+}
+
+// A session that has more to be read than its share delays others, unless it is the
+// only one that is ready.
+void Server::receive(Session& session) {
+    const bool hasMore = traffic_.receive(session, readShare(session));
+    const bool isBulk = hasMore && (session.isBulk || readiness_.events().size() > 1);
+    if (isBulk != session.isBulk) {
+        traffic_.setBulk(session, isBulk);
+    }
+}
+
+// Each frame of a responder may be an event for all subscribers, so each byte read
+// from it costs that many times as much.
+std::size_t Server::readShare(const Session& session) const {
+    const std::size_t ready = std::max<std::size_t>(1, readiness_.events().size());
+    const std::size_t receivers =
+        session.asResponder.served == nullptr ? 0 : session.asResponder.served->subscribers.size();
+    if (receivers > 1) {
+        return std::clamp(eventBytesPerRound / std::max(ready, receivers), leastEventBytesPerRead,
+                          Traffic::mostReadBytes);
+    }
+    const std::size_t frames =
+        session.isBulk ? std::max(bulkFramesPerRound / bulkInRound_, leastFramesPerRead)
+                       : std::clamp(framesPerRound / ready, leastFramesPerRead, framesPerRead);
+    return std::min(frames * session.input.typicalFrameBytes, Traffic::mostReadBytes);
+}
+
+void Server::handleDeadlines() {
+    while (const auto due = deadlines_.takeDue(now_)) {
+        if (due->kind == DeadlineKind::listen) {
+            acceptor_.listen();
+            continue;
+        }
+        Session* session = find(due->session);
+        if (session != nullptr && !session->isClosing) {
+            handleDeadline(due->kind, *session);
+        }
+    }
+}
+
+void Server::handleDeadline(DeadlineKind kind, Session& session) {
+    switch (kind) {
+        case DeadlineKind::handshake:
+            // Its hello may have arrived in time and not been read yet.
+            if (session.role == Role::unknown) {
+                traffic_.receive(session, readShare(session));
+            }
+            if (session.role == Role::unknown && !session.isClosing) {
+                close(session, KAVRI_CORE_STATUS_IPC_REFUSED, "its hello did not arrive in time");
+            }
+            break;
+        case DeadlineKind::drain:
+            traffic_.checkDrain(session);
+            break;
+        default:
+            traffic_.checkFrame(session);
+            break;
+    }
+}
+
+// Writing resumes senders, which fills further send queues: those are written to the
+// next time.
+void Server::writeListed() {
+    std::vector<Session*>& toWrite = router_.toWrite();
+    const std::size_t listed = toWrite.size();
+    for (std::size_t i = 0; i < listed; ++i) {
+        Session& session = *toWrite[i];
+        session.listedForWriting = false;
+        if (!session.isClosing) {
+            traffic_.writeTo(session);
+        }
+    }
+    toWrite.erase(toWrite.begin(), toWrite.begin() + static_cast<std::ptrdiff_t>(listed));
+}
+
+void Server::finishRound() {
+    writeListed();
+    const auto goodbyes = static_cast<std::ptrdiff_t>(std::min(closing_.size(), goodbyesPerRound));
+    for (std::ptrdiff_t i = 0; i < goodbyes; ++i) {
+        leave(*closing_[static_cast<std::size_t>(i)]);
+    }
+    closing_.erase(closing_.begin(), closing_.begin() + goodbyes);
+    std::erase_if(leaving_, [this](Session* session) {
+        const bool nobodyWaits = traffic_.release(*session);
+        if (nobodyWaits) {
+            remove(*session);
+        }
+        return nobodyWaits;
+    });
+}
+
+void Server::sayGoodbye() {
+    stopping_ = true;
+    const std::string reason =
+        failure_.empty() ? "the broker is stopping" : "the broker is stopping: " + failure_;
+    sessions_.forEach([&](Session& session) {
+        close(session, KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE, reason);
+    });
+    while (!closing_.empty() || !leaving_.empty()) {
+        traffic_.releaseRest();
+        finishRound();
+    }
+}
+
+void Server::reconfigure(wire::Limits limits, Policy policy) {
+    limits.payloadBytes = limits_.payloadBytes;
+    limits_ = limits;
+    policy_ = std::move(policy);
+    router_.policyChanged();
+    sessions_.forEach([this](Session& session) {
+        if (const std::string_view reason = lostRight(session, policy_); !reason.empty()) {
+            close(session, KAVRI_CORE_STATUS_IPC_REFUSED, reason);
+        }
+    });
+}
+
+void Server::open(const Accepted& accepted) {
+    Session* session = nullptr;
+    try {
+        session = &sessions_.add(accepted, pool_);
+        deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session->id});
+    } catch (const std::bad_alloc&) {
+        spdlog::error("no memory for another connection");
+        session == nullptr ? static_cast<void>(::close(accepted.descriptor))
+                           : sessions_.remove(*session);
+        return;
+    }
+    traffic_.watch(*session);
+    traffic_.receive(*session, readShare(*session));  // its hello is mostly there already
+}
+
+void Server::keepListening() {
+    try {
+        acceptor_.keepListening(now_);
+    } catch (const CannotListen& error) {
+        failure_ = "the socket was removed or replaced: " + std::string(error.what());
+        stopping_ = true;
+    }
+}
+
+void Server::close(Session& session, kavri_core_status status, std::string_view reason) {
+    if (session.isClosing) {
+        return;
+    }
+    session.isClosing = true;
+    closing_.push_back(&session);
+    if (reason.empty()) {
+        return;  // the peer has closed the connection
+    }
+    if (!stopping_) {
+        spdlog::warn("closing the connection of process {} of user {}: {}", session.process,
+                     session.user, reason);
+    }
+    try {
+        session.sendQueue.append(goodbyeFrame(status, reason));
+    } catch (const std::bad_alloc&) {
+        // Closed without a reason: there is no memory for one.
+    }
+}
+
+void Server::leave(Session& session) {
+    Traffic::sendLast(session);  // says why it is closed
+    router_.forget(session);
+    leaving_.push_back(&session);
+}
+
+void Server::remove(Session& session) {
+    KAVRI_ASSERT(!session.isBlocked() &&
+                     (session.congestion == nullptr || !session.congestion->somebodyWaits()),
+                 "no session is blocked on one that is removed");
+    traffic_.forget(session);
+    std::erase(router_.toWrite(), &session);
+    for (const DeadlineKind kind :
+         {DeadlineKind::handshake, DeadlineKind::drain, DeadlineKind::frame}) {
+        deadlines_.cancel(kind, session.id);
+    }
+    sessions_.remove(session);
+    reserve_.restore();
+}
+
+}  // namespace kavri::broker

@@ -1,0 +1,132 @@
+// The broker's event loop: sockets, sessions and time, around the protocol and the
+// router.
+//
+// One thread. Each round does a bounded amount of each kind of work, so that no
+// peer starves another: signals; then one read from each session that is ready,
+// the smaller the more there are, and from a few of those that send more than their
+// share; then the deadlines that have passed; then a few of the connections that
+// wait; then one write to each session with new output, and the closing of some
+// sessions. Between rounds the loop tries again for a
+// moment before it sleeps.
+#ifndef KAVRI_BROKER_LOOP_SERVER_H
+#define KAVRI_BROKER_LOOP_SERVER_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "broker/log/log.h"
+#include "broker/loop/acceptor.h"
+#include "broker/loop/deadlines.h"
+#include "broker/loop/listener.h"
+#include "broker/loop/loop_clock.h"
+#include "broker/loop/readiness.h"
+#include "broker/loop/sessions.h"
+#include "broker/loop/traffic.h"
+#include "broker/memory/memory_reserve.h"
+#include "broker/routing/policy.h"
+#include "broker/routing/protocol.h"
+#include "broker/routing/router.h"
+#include "wire/spin.h"
+
+namespace kavri::broker {
+
+struct ServerOptions {
+    wire::Limits limits;
+    Policy policy;
+    std::string identity;  // a uuid
+};
+
+class Server {
+  public:
+    Server(ServerOptions options, Listener& listener, const Log& log);
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    const wire::Limits& limits() const { return limits_; }
+
+    void embed(std::string_view category, LocalService& service) {
+        router_.embed(category, service);
+    }
+
+    // Runs until stop is called, then closes all sessions with a goodbye. Throws
+    // CannotListen, after the goodbyes, if its socket was replaced by another's. Calls
+    // onSignal once in each round in which the descriptor is readable; it may call stop
+    // and reconfigure.
+    void run(int signalDescriptor, std::function<void()> onSignal);
+    void stop() { stopping_ = true; }
+
+    // Applies from now on, except that the payload limit stays as it was negotiated.
+    // Closes the sessions that lose a right that they use.
+    void reconfigure(wire::Limits limits, Policy policy);
+
+  private:
+    static constexpr std::size_t goodbyesPerRound = 64;
+    // About how many frames all reads of a round share, and how many of them one session
+    // gets: a busy peer delays others by microseconds, and many by less than a
+    // millisecond.
+    static constexpr std::size_t framesPerRound = 4096;
+    static constexpr std::size_t framesPerRead = 128;
+    static constexpr std::size_t leastFramesPerRead = 16;
+    // What all bulk sessions share in a round in which others may be waiting.
+    static constexpr std::size_t bulkFramesPerRound = 64;
+    // More is read from a session that may publish to several, since their events then
+    // leave in fewer writes; but a round delivers no more than this.
+    static constexpr std::size_t eventBytesPerRound = 1 * wire::mebibyte;
+    static constexpr std::size_t leastEventBytesPerRead = 2 * wire::kibibyte;
+
+    void waitForEvents();
+    Clock::duration sleep();
+    int sleepTimeMs(Clock::time_point now) const;
+    bool hasWorkLeft() {
+        return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease();
+    }
+    void handleEvent(const epoll_event& event);
+    void handleSession(Session& session, const epoll_event& event);
+    void handleBulk();
+    void receive(Session& session);
+    std::size_t readShare(const Session& session) const;
+    void handleDeadlines();
+    void handleDeadline(DeadlineKind kind, Session& session);
+    void writeListed();
+    void finishRound();
+    void sayGoodbye();
+
+    void open(const Accepted& accepted);
+    void keepListening();
+
+    Session* find(SessionId id) { return sessions_.find(id); }
+    void close(Session& session, kavri_core_status status, std::string_view reason);
+    void leave(Session& session);
+    void remove(Session& session);
+
+    wire::Limits limits_;
+    Policy policy_;
+    std::function<void()> onSignal_;
+    bool bulkIsReady_ = false;
+    std::size_t bulkInRound_ = 1;
+    bool connectionsWait_ = false;
+    bool filesChanged_ = false;
+    bool stopping_ = false;
+    std::string failure_;  // why the loop ends, unless it was stopped
+
+    MemoryReserve reserve_;
+    BufferPool pool_;
+    SessionTable sessions_;
+    Router router_;
+    Protocol protocol_;
+    Deadlines deadlines_;
+    Readiness readiness_;
+    Acceptor acceptor_;
+    Traffic traffic_;
+    wire::Spin spin_;
+    LoopClock clock_;
+    Clock::time_point now_;  // by the loop's clock
+
+    std::vector<Session*> closing_;
+    std::vector<Session*> leaving_;  // removed when no sender is blocked on them
+};
+
+}  // namespace kavri::broker
+
+#endif

@@ -1,0 +1,55 @@
+// The table of sessions, and the accounts of their users.
+#ifndef KAVRI_BROKER_LOOP_SESSIONS_H
+#define KAVRI_BROKER_LOOP_SESSIONS_H
+
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "broker/loop/listener.h"
+#include "broker/routing/session.h"
+
+namespace kavri::broker {
+
+class SessionTable {
+  public:
+    SessionTable() = default;
+    SessionTable(const SessionTable&) = delete;
+    SessionTable& operator=(const SessionTable&) = delete;
+    ~SessionTable();
+
+    std::size_t size() const { return places_.size() - freePlaces_.size(); }
+    std::size_t connectionsOf(uid_t user) const;
+
+    // The session owns the accepted descriptor. Strong guarantee.
+    Session& add(const Accepted& accepted, BufferPool& pool);
+    // Null when the session is gone.
+    Session* find(SessionId id);
+    void remove(Session& session);
+
+    // `visit` must neither add nor remove sessions.
+    template <typename Visit>
+    void forEach(const Visit& visit) {
+        for (const Place& place : places_) {
+            if (place.session != nullptr) {
+                visit(*place.session);
+            }
+        }
+    }
+
+  private:
+    // By the index of the session's id; an index is used again with the next generation.
+    struct Place {
+        std::unique_ptr<Session> session;
+        std::uint32_t generation = 0;
+    };
+
+    std::unordered_map<uid_t, UserAccount> users_;
+    std::vector<Place> places_;
+    std::vector<std::uint32_t> freePlaces_;
+};
+
+}  // namespace kavri::broker
+
+#endif

@@ -1,0 +1,46 @@
+// Who may do what, decided by the user that the kernel names for a connection.
+//
+// By default only the broker's own user and root may connect, and all who may
+// connect may do the rest. The configuration widens or narrows each of the four
+// rights; the last three for each category.
+#ifndef KAVRI_BROKER_ROUTING_POLICY_H
+#define KAVRI_BROKER_ROUTING_POLICY_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+
+namespace kavri::broker {
+
+// A set of users, or everybody.
+struct Users {
+    bool everybody = false;
+    std::set<uid_t> listed;
+
+    bool contains(uid_t user) const { return everybody || listed.contains(user); }
+};
+
+// The rights at one category.
+struct CategoryPolicy {
+    Users serve{true, {}};
+    Users send{true, {}};
+    Users subscribe{true, {}};
+};
+
+struct Policy {
+    Users connect;  // the broker's own user and root are always in it
+    CategoryPolicy otherCategories;
+    std::map<std::string, CategoryPolicy, std::less<>> categories;
+
+    const CategoryPolicy& at(std::string_view category) const {
+        const auto found = categories.find(category);
+        return found == categories.end() ? otherCategories : found->second;
+    }
+};
+
+}  // namespace kavri::broker
+
+#endif

@@ -1,0 +1,116 @@
+// Where frames go: from initiators to the responder of a category and back, and
+// from a responder to those who subscribed. No I/O: it takes frames and fills
+// send queues.
+//
+// A frame for a congested session is not routed: its sender is blocked on that session
+// (see blocked.h).
+#ifndef KAVRI_BROKER_ROUTING_ROUTER_H
+#define KAVRI_BROKER_ROUTING_ROUTER_H
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "broker/routing/blocked.h"
+#include "broker/routing/category_table.h"
+#include "broker/routing/flow_control.h"
+#include "broker/routing/policy.h"
+#include "broker/routing/request_table.h"
+#include "broker/routing/session.h"
+#include "wire/frame.h"
+#include "wire/limits.h"
+
+namespace kavri::broker {
+
+// A frame as it came in: its values, its bytes (whose header the router
+// changes), and the block whose beginning they are, where there is one.
+struct InputFrame {
+    wire::Frame values;
+    char* bytes = nullptr;
+    std::size_t length = 0;
+    BlockRef block;
+    // Bytes of input after the frame; publish() adds small events from there to `length`.
+    std::size_t bytesBehind = 0;
+    std::size_t frames = 1;
+};
+
+class Router {
+  public:
+    // What the router needs of those who own the sessions.
+    struct Surroundings {
+        // Closes the session at the end of this round; the reason is logged and sent
+        // to the peer.
+        std::function<void(Session&, std::string_view reason)> close;
+        // Logs a mistake of a session that stays connected.
+        std::function<void(const Session&, std::string_view what)> note;
+    };
+
+    Router(const wire::Limits& limits, const Policy& policy, BufferPool& pool,
+           Surroundings surroundings);
+
+    FlowControl& flowControl() { return flow_; }
+
+    // Whether a frame of this size is left in its sender's socket for now; its first
+    // `count` bytes are there.
+    [[nodiscard]] std::optional<Blocked> beginLarge(Session& from, const char* bytes,
+                                                    std::size_t count, std::size_t frameBytes);
+
+    [[nodiscard]] std::optional<Blocked> request(Session& from, InputFrame& frame);
+    [[nodiscard]] std::optional<Blocked> response(Session& from, InputFrame& frame);
+    [[nodiscard]] std::optional<Blocked> publish(Session& from, InputFrame& frame);
+    void completion(Session& from, std::uint64_t token);
+    void subscribe(Session& from, const wire::Frame& frame);
+    void unsubscribe(Session& from, const wire::Frame& frame);
+    void registerResponder(Session& from, const wire::Frame& frame);
+
+    // The policy has other contents than before.
+    void policyChanged() { categories_.policyChanged(); }
+
+    // Serves a category within this process. The service outlives the router.
+    void embed(std::string_view category, LocalService& service) {
+        categories_.at(category).local = &service;
+    }
+
+    // Removes a session that is being closed from every table: its subscriptions and
+    // its registration end, its own requests are no longer pending, and the senders of
+    // the requests that it had in flight get a notice.
+    void forget(Session& session);
+
+    // Enqueues a frame of the broker's own.
+    void send(Session& to, const wire::Frame& frame);
+
+    // Sessions whose send queue got something since the list was last taken.
+    std::vector<Session*>& toWrite() { return toWrite_; }
+
+  private:
+    void addSubscription(Session& subscriber, std::string_view name);
+
+    std::optional<Blocked> answerLocally(Session& from, Category& category,
+                                         const wire::Frame& request);
+    std::optional<Blocked> blockedOnSubscriber(const Session& from, const Category& category) const;
+    void gatherEvents(const Category& category, InputFrame& first) const;
+    void deliverToSubscribers(const Category& category, const InputFrame& event);
+    void deliver(Session& to, const InputFrame& frame);
+    void refuse(Session& from, std::uint64_t token, kavri_core_status status);
+    void acknowledge(Session& to, std::uint64_t token, kavri_core_status status);
+
+    bool dropsSilently(Session& responder);
+    void closeOutOfMemory(Session& session);
+    void markForWriting(Session& session);
+
+    const wire::Limits& limits_;
+    const Policy& policy_;
+    BufferPool& pool_;
+    Surroundings surroundings_;
+    FlowControl flow_;
+    CategoryTable categories_;
+    RequestTable requests_;
+    std::vector<Session*> toWrite_;
+};
+
+}  // namespace kavri::broker
+
+#endif

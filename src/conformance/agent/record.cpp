@@ -1,0 +1,187 @@
+// Writing the lines; see record.h.
+#include "conformance/agent/record.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+namespace kavri::conformance {
+
+namespace {
+
+// -1: nothing is recorded.
+int eventsDescriptor() {
+    static const int descriptor = [] {
+        const std::string text = environmentVariable("KAVRI_MODULE_EVENTS");
+        int number = -1;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        return error == std::errc() && end == text.data() + text.size() ? number : -1;
+    }();
+    return descriptor;
+}
+
+std::size_t entriesIn(const char* folder) {
+    std::error_code error;
+    const std::filesystem::directory_iterator entries(folder, error);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::size_t residentKiB() {
+    std::ifstream file("/proc/self/statm");
+    std::size_t allPages = 0;
+    std::size_t residentPages = 0;
+    file >> allPages >> residentPages;
+    return residentPages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+struct Holding {
+    std::size_t threads = 0;
+    std::size_t descriptors = 0;
+
+    static Holding now() {
+        // Without the descriptor with which they are counted.
+        return {entriesIn("/proc/self/task"), entriesIn("/proc/self/fd") - 1};
+    }
+};
+
+// At the last kavri_core_init.
+Holding heldBefore;
+
+// With a program's first thread a sanitizer starts one of its own, which must not count
+// as the library's.
+void runFirstThread() {
+    pid_t id = 0;
+    std::thread([&id] { id = gettid(); }).join();
+    const std::string listed = "/proc/self/task/" + std::to_string(id);
+    while (access(listed.c_str(), F_OK) == 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+}
+
+// A thread that was joined is still listed for a moment.
+Holding settled() {
+    using namespace std::chrono_literals;
+    const auto limit = std::chrono::steady_clock::now() + 50ms;
+    Holding held = Holding::now();
+    while (held.threads > heldBefore.threads && std::chrono::steady_clock::now() < limit) {
+        std::this_thread::sleep_for(1ms);
+        held = Holding::now();
+    }
+    return held;
+}
+
+}  // namespace
+
+std::string environmentVariable(const char* name) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the module never writes its environment.
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+bool isRecording() {
+    return eventsDescriptor() >= 0;
+}
+
+std::string dumped(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void tell(std::string_view word, const std::string& rest) {
+    if (!isRecording()) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const std::string line =
+        std::string(word) + " " +
+        std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()) + " " +
+        std::to_string(gettid()) + " " + rest + "\n";
+    // Short enough that a pipe takes it in one piece. A failure is ignored: there is no
+    // other place to report it.
+    while (write(eventsDescriptor(), line.data(), line.size()) < 0 && errno == EINTR) {
+    }
+}
+
+unsigned nextNumber() {
+    static std::atomic<unsigned> last{0};
+    return ++last;
+}
+
+Json shortened(const char* text, std::size_t limitBytes) {
+    if (text == nullptr) {
+        return nullptr;
+    }
+    // A line holds four texts at most, and must stay below the 4096 bytes that a
+    // pipe takes undivided, although one byte may take six in JSON.
+    constexpr std::size_t limitDumpedBytes = 900;
+    const std::size_t length = strnlen(text, limitBytes + 1);
+    for (std::size_t kept = std::min(length, limitBytes);; kept /= 2) {
+        Json result = std::string(text, kept) + (kept < length ? "…" : "");
+        if (dumped(result).size() <= limitDumpedBytes) {
+            return result;
+        }
+    }
+}
+
+void recordCall(unsigned number, const char* function, const Json& arguments) {
+    tell("call", std::to_string(number) + " " + function + " " + dumped(arguments));
+}
+
+void recordReturn(unsigned number, const Json& result) {
+    tell("return", std::to_string(number) + " " + dumped(result));
+}
+
+void recordDeliver(unsigned number, const char* callback, const Json& arguments) {
+    tell("deliver", std::to_string(number) + " " + callback + " " + dumped(arguments));
+}
+
+void recordDelivered(unsigned number) {
+    tell("delivered", std::to_string(number));
+}
+
+void recordFault(std::string_view name, unsigned number, std::string_view did) {
+    tell("fault", std::string(name) + " " + dumped({{"number", number}, {"did", did}}));
+}
+
+void recordPeer(bool isThere, const Json& details) {
+    tell("peer", std::string(isThere ? "ok " : "missing ") + dumped(details));
+}
+
+void noteUsage() {
+    if (!isRecording()) {
+        return;
+    }
+    static std::once_flag isFirstThreadOver;
+    std::call_once(isFirstThreadOver, runFirstThread);
+    heldBefore = Holding::now();
+}
+
+void recordUsage() {
+    if (!isRecording()) {
+        return;
+    }
+    const Holding held = settled();
+    tell("usage", dumped({{"descriptors", held.descriptors},
+                          {"threads", held.threads},
+                          {"residentKiB", residentKiB()}}));
+    Json left = Json::object();
+    const auto compare = [&left](const char* what, std::size_t now, std::size_t before) {
+        if (now > before) {
+            left[what] = now - before;
+        }
+    };
+    compare("threads", held.threads, heldBefore.threads);
+    compare("descriptors", held.descriptors, heldBefore.descriptors);
+    if (!left.empty()) {
+        tell("left", dumped(left));
+    }
+}
+
+}  // namespace kavri::conformance

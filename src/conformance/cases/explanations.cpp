@@ -1,0 +1,83 @@
+// Putting the texts into lines; see explanations.h.
+#include "conformance/cases/explanations.h"
+
+#include <fmt/format.h>
+
+#include <sstream>
+
+#include "conformance/cases/case_guide.h"
+#include "conformance/faults/fault_catalogue.h"
+#include "process/exit_status.h"
+
+namespace kavri::conformance {
+
+namespace {
+
+constexpr size_t columns = 80;
+
+// A paragraph with a title, in lines that a terminal shows whole, without Markdown.
+void paragraph(std::ostream& output, std::string_view title, std::string_view markdown) {
+    output << '\n' << title << '\n';
+    std::string text(markdown);
+    std::erase(text, '`');
+    std::istringstream words(text);
+    std::string line;
+    for (std::string word; words >> word;) {
+        if (line.size() + 1 + word.size() > columns) {
+            output << line << '\n';
+            line.clear();
+        }
+        line.append(line.empty() ? "  " : " ").append(word);
+    }
+    output << line << '\n';
+}
+
+void explainCase(const CaseGuide& guide, std::ostream& output) {
+    output << guide.name << '\n';
+    paragraph(output, "What it proves", guide.proves);
+    paragraph(output, "Procedure", guide.procedure);
+    paragraph(output, "What it asserts", guide.asserts);
+    paragraph(output, "What can make it fail", guide.failures);
+}
+
+void explainFault(const Fault& fault, std::ostream& output) {
+    output << fault.name << '\n';
+    paragraph(output, "What is broken", fault.description);
+    paragraph(output, "The rule", fault.clause);
+    if (!fault.survivesBecause.empty()) {
+        paragraph(output, "No case can detect it", fault.survivesBecause);
+        return;
+    }
+    output << "\nDetected by\n";
+    for (const Kill& kill : fault.kills) {
+        output << fmt::format("  {}: {}\n", kill.caseName, kill.how);
+    }
+}
+
+}  // namespace
+
+void listCases(std::ostream& output) {
+    for (const CaseGuide& guide : caseGuides()) {
+        output << fmt::format("{}\n    {}\n", guide.name, guide.proves);
+    }
+}
+
+void listFaults(std::ostream& output) {
+    for (const Fault& fault : faultCatalogue()) {
+        output << fmt::format("{:<36}  {}\n", fault.name, fault.description);
+    }
+}
+
+void explain(const std::string& name, std::ostream& output) {
+    if (const CaseGuide* guide = findCaseGuide(name)) {
+        explainCase(*guide, output);
+    } else if (const Fault* fault = findFault(name)) {
+        explainFault(*fault, output);
+    } else {
+        throw process::CommandFailure(
+            process::ExitStatus::usage,
+            fmt::format("no case and no fault '{}'; see --list and --list-faults", name));
+    }
+}
+
+}  // namespace kavri::conformance

@@ -1,0 +1,138 @@
+// Starting a broker, and trying to connect to one; see broker_access.h.
+#include "conformance/module/broker_access.h"
+
+#include <fmt/format.h>
+#include <kavri/ipc.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+
+#include "base/descriptor.h"
+#include "base/unix_address.h"
+#include "process/exit_status.h"
+#include "process/exit_text.h"
+#include "wire/address.h"
+
+namespace kavri::conformance {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds readyTime{10000};
+constexpr milliseconds stopTime{5000};
+
+std::string firstLine(const std::string& text) {
+    return text.substr(0, text.find('\n'));
+}
+
+std::filesystem::path checkedSocket(const std::filesystem::path& socket, const char* advice) {
+    if (const auto error = wire::addressError(socket.string())) {
+        throw process::CommandFailure(
+            process::ExitStatus::couldNotRun,
+            fmt::format("socket '{}': {}{}", socket.string(), *error, advice));
+    }
+    return socket;
+}
+
+// What the user can do about a failed connect.
+std::string connectAdvice(int error, const std::string& socket) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return fmt::format("start one with 'kavri-broker --test-service --socket {}'", socket);
+        case ECONNREFUSED:
+            if (!std::filesystem::is_socket(socket)) {
+                return "that is no socket; check the path";
+            }
+            return fmt::format(
+                "no program listens there; start one with 'kavri-broker --test-service --socket "
+                "{}'",
+                socket);
+        case EACCES:
+            return "run as the user that the broker runs as, or have it allow this one";
+        default:
+            return "check the path";
+    }
+}
+
+}  // namespace
+
+OwnBroker::OwnBroker(const std::filesystem::path& program, const RunLimits& limits)
+    : socket_(checkedSocket(folder_.path() / "broker.sock", "; set TMPDIR to a shorter folder")),
+      process_({.program = program,
+                .arguments = {"--test-service", "--socket", socket_.string()},
+                .interruptDescriptor = limits.signals().descriptor()}) {
+    awaitReady(limits);
+}
+
+OwnBroker::~OwnBroker() {
+    process_.stop(stopTime);
+}
+
+void OwnBroker::awaitReady(const RunLimits& limits) {
+    const milliseconds limit = std::min(readyTime, limits.left());
+    if (process_.waitForError(std::string(brokerReadyText), limit)) {
+        return;
+    }
+    if (const auto exit = process_.wait(milliseconds(0))) {
+        const std::string reason = firstLine(process_.error());
+        throw process::CommandFailure(
+            process::ExitStatus::couldNotRun,
+            fmt::format("the broker {} before it was ready{}{}", process::exitText(*exit),
+                        reason.empty() ? "" : ": ", reason));
+    }
+    if (limits.signals().received() || limit < readyTime) {
+        limits.giveUp("before the broker was ready");
+    }
+    throw process::CommandFailure(
+        process::ExitStatus::couldNotRun,
+        fmt::format("the broker was not ready within {} s; try 'kavri-broker --test-service' by "
+                    "itself",
+                    std::chrono::duration_cast<std::chrono::seconds>(readyTime).count()));
+}
+
+void checkBrokerListens(const std::filesystem::path& socket) {
+    checkedSocket(socket, "");
+    const base::UnixAddress address(socket.native());
+    const base::Descriptor descriptor(
+        ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!descriptor.isOpen()) {
+        throw std::system_error(errno, std::generic_category(), "cannot make a socket");
+    }
+    const int failed = connect(descriptor.get(), address.get(), base::UnixAddress::size());
+    const int error = errno;
+    // A full backlog shows that a program listens.
+    if (failed != 0 && error != EAGAIN) {
+        throw process::CommandFailure(process::ExitStatus::couldNotRun,
+                                      fmt::format("no broker at {}: {}; {}", socket.string(),
+                                                  std::generic_category().message(error),
+                                                  connectAdvice(error, socket.string())));
+    }
+}
+
+void checkBrokerAnswers(const std::string& socket) {
+    kavri_core_ipc_options options{};
+    options.sizeBytes = sizeof options;
+    options.brokerAddress = socket.c_str();
+    options.connectTimeoutMs = 2000;
+    kavri_core_ipc_initiator* initiator = nullptr;
+    kavri_core_init();
+    const kavri_core_status status = kavri_core_ipc_initiator_init(nullptr, &options, &initiator);
+    if (initiator != nullptr) {
+        kavri_core_ipc_deinit(initiator);
+    }
+    kavri_core_deinit();
+    if (status != KAVRI_CORE_STATUS_NO_ERROR) {
+        throw process::CommandFailure(
+            process::ExitStatus::couldNotRun,
+            fmt::format("the broker at {} does not serve: {}; is it stopped, or "
+                        "another program?",
+                        socket, kavri_core_status_text(status)));
+    }
+}
+
+}  // namespace kavri::conformance

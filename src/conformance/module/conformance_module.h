@@ -1,0 +1,65 @@
+// The conformance module as a program: which core library it would run with,
+// which cases it has, and how to start it.
+#ifndef KAVRI_CONFORMANCE_MODULE_CONFORMANCE_MODULE_H
+#define KAVRI_CONFORMANCE_MODULE_CONFORMANCE_MODULE_H
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "conformance/module/run_limits.h"
+#include "process/child_process.h"
+
+namespace kavri::conformance {
+
+// The libraries with which the loader runs the module.
+struct ModuleLibraries {
+    std::filesystem::path core;
+    // A sanitizer's, which must be loaded before anything else; or empty.
+    std::filesystem::path runtime;
+};
+
+// One run of the module.
+struct ModuleRunRequest {
+    std::filesystem::path brokerSocket;
+    std::vector<std::string> cases;  // none: all
+    std::vector<std::string> userArguments;
+    ModuleLibraries libraries;
+    // The two libraries that write what module_events.h reads.
+    std::filesystem::path observer;
+    std::filesystem::path probe;
+    std::string fault;          // for the probe to inject; empty: none
+    int eventsDescriptor = -1;  // where these two write
+};
+
+class ConformanceModule {
+  public:
+    // `libraryFolder`: where the core library under test is; none: the one
+    // that the module finds by itself. Throws CommandFailure when the folder
+    // is not there, or the loader cannot take it.
+    ConformanceModule(std::filesystem::path program,
+                      std::optional<std::filesystem::path> libraryFolder);
+
+    // Throws CommandFailure when there is no core library, not in the folder
+    // asked for, it cannot be loaded, or it lacks functions. Asks the loader
+    // alone: no code of the library is run.
+    ModuleLibraries findLibraries(const RunLimits& limits) const;
+
+    // The names of all cases, "suite/case", in the order of the module. The
+    // first step that runs the library's code: throws CommandFailure when
+    // loading it ends the module.
+    std::vector<std::string> listCases(const RunLimits& limits) const;
+
+    process::ChildSpawn runSpawn(const ModuleRunRequest& request) const;
+
+  private:
+    process::ChildSpawn baseSpawn() const;
+
+    std::filesystem::path program_;
+    std::optional<std::filesystem::path> libraryFolder_;
+};
+
+}  // namespace kavri::conformance
+
+#endif

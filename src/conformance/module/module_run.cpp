@@ -1,0 +1,277 @@
+// The loop around poll; see module_run.h.
+//
+// What the module does arrives as events, what it prints as output, on different pipes.
+// The module prints before it writes the event that the output belongs to. So in each
+// iteration events are read first and applied last, behind the output read in between.
+#include "conformance/module/module_run.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <cerrno>
+#include <csignal>
+
+#include "conformance/module/broker_access.h"
+#include "conformance/module/stacks.h"
+#include "process/exit_text.h"
+
+namespace kavri::conformance {
+
+namespace {
+
+// A longer line is passed on in pieces.
+constexpr size_t longestLineBytes = 65536;
+
+// The time of the current case is refreshed this often.
+constexpr std::chrono::milliseconds refreshTime{100};
+
+// Of the broker's log only the last lines are kept; they are shown where a case fails.
+constexpr size_t brokerLinesLimit = 100;
+
+Verdict verdictOnCutOff(RunEnd end) {
+    switch (end) {
+        case RunEnd::moduleEnded:
+            return Verdict::crash;
+        case RunEnd::hung:
+        case RunEnd::timeOver:
+            return Verdict::timeout;
+        case RunEnd::brokerLost:
+            return Verdict::harnessError;
+        case RunEnd::signalled:
+            break;
+    }
+    return Verdict::notRun;
+}
+
+bool hasEnded(process::ChildProcess& process) {
+    return process.wait(std::chrono::milliseconds(0)).has_value();
+}
+
+}  // namespace
+
+ModuleRun::ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
+                     WatchdogSettings watchdog, CaseEnded ended)
+    : broker_(broker),
+      limits_(limits),
+      display_(display),
+      watchdog_(watchdog),
+      ended_(std::move(ended)),
+      eventsPipe_(base::Pipe::make()) {
+    base::setNonBlocking(eventsPipe_.readEnd);
+}
+
+RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request) {
+    assert(record_.cases().empty() && !record_.underWay());  // runs once
+    request.eventsDescriptor = eventsPipe_.writeEnd.get();
+    begun_ = Clock::now();
+    process::ChildProcess process(module.runSpawn(request));
+    const RunEnd end = watch(process);
+    cutOffNs_ = Clock::now().time_since_epoch().count();
+    if (end == RunEnd::hung && watchdog_.wantsStacks) {
+        stacks_ = stacksOf(process.pid());
+    }
+    // Does nothing where the module has ended by itself.
+    process.signal(SIGKILL);
+    exit_ = process.wait(std::chrono::hours(1)).value_or(process::ExitState{});
+    follow(process);
+    finish();
+    cutOff(end);
+    return end;
+}
+
+RunEnd ModuleRun::watch(process::ChildProcess& module) {
+    while (true) {
+        pollOnce(module);
+        // Before follow(), because waiting drains the output, which must be shown before
+        // the next poll.
+        const bool moduleEnded = hasEnded(module);
+        const bool brokerEnded = broker_ != nullptr && hasEnded(*broker_);
+        follow(module);
+        if (moduleEnded) {
+            return RunEnd::moduleEnded;
+        }
+        if (limits_.signals().received()) {
+            return RunEnd::signalled;
+        }
+        if (brokerEnded) {
+            return RunEnd::brokerLost;
+        }
+        const Clock::time_point now = Clock::now();
+        if (now >= limits_.deadline()) {
+            return RunEnd::timeOver;
+        }
+        if (now >= hangTime()) {
+            return RunEnd::hung;
+        }
+    }
+}
+
+void ModuleRun::pollOnce(const process::ChildProcess& module) const {
+    std::array sources = {pollfd{eventsPipe_.readEnd.get(), POLLIN, 0},
+                          pollfd{limits_.signals().descriptor(), POLLIN, 0},
+                          pollfd{module.endedDescriptor(), POLLIN, 0},
+                          pollfd{module.outputDescriptor(), POLLIN, 0},
+                          pollfd{module.errorDescriptor(), POLLIN, 0},
+                          pollfd{broker_ != nullptr ? broker_->endedDescriptor() : -1, POLLIN, 0},
+                          pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
+                          pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0}};
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(
+        std::min(limits_.deadline(), hangTime()) - Clock::now());
+    if (display_.isLive()) {
+        left = std::min(left, refreshTime);
+    }
+    const auto waitMs = std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 3'600'000);
+    const int ready = poll(sources.data(), sources.size(), static_cast<int>(waitMs));
+    assert(ready >= 0 || errno == EINTR);
+    static_cast<void>(ready);
+}
+
+// When the module counts as hanging, unless an event comes before.
+ModuleRun::Clock::time_point ModuleRun::hangTime() const {
+    const auto at = [](std::int64_t ns) { return Clock::time_point(std::chrono::nanoseconds(ns)); };
+    const std::int64_t lastNs = record_.lastEventNs();
+    const Clock::time_point silent = (lastNs == 0 ? begun_ : at(lastNs)) + watchdog_.silenceLimit();
+    const CallReport* call = record_.openCall();
+    return call == nullptr ? silent : std::min(silent, at(call->beginNs) + watchdog_.callLimit);
+}
+
+void ModuleRun::follow(process::ChildProcess& module) {
+    std::string events;
+    base::readAvailable(eventsPipe_.readEnd, events);
+    module.drain();
+    output_.add(module.takeOutput(), [this](std::string_view line) { showModuleLine(line); });
+    error_.add(module.takeError(), [this](std::string_view line) { showModuleLine(line); });
+    if (broker_ != nullptr) {
+        broker_->drain();
+        broker_->takeOutput();
+        brokerError_.add(broker_->takeError(),
+                         [this](std::string_view line) { keepBrokerLine(line); });
+    }
+    apply(events_.read(events));
+}
+
+void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
+    for (const ModuleEvent& event : events) {
+        if (const CaseReport* ended = record_.add(event)) {
+            display_.showCaseEnded(*ended);
+            ended_(*ended);
+        }
+    }
+    if (record_.underWay() != nullptr) {
+        const auto taken =
+            Clock::now().time_since_epoch() - std::chrono::nanoseconds(record_.underWay()->beginNs);
+        display_.showCaseUnderWay(*record_.underWay(),
+                                  std::chrono::duration<double>(taken).count());
+    }
+}
+
+// The verdict on the case that was running when the module ended.
+void ModuleRun::cutOff(RunEnd end) {
+    if (record_.underWay() == nullptr) {
+        return;
+    }
+    const std::optional<HangReport> hang =
+        end == RunEnd::hung || end == RunEnd::timeOver ? std::optional(hangReport()) : std::nullopt;
+    const std::string passed = lastPassed();
+    const std::string place =
+        callsUnderWay() +
+        (passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed);
+    CaseReport& cut = record_.cutOff(verdictOnCutOff(end), cutOffNs_);
+    cut.hang = hang;
+    if (end == RunEnd::moduleEnded) {
+        cut.crash = "the module " + process::exitText(exit_) + place;
+    } else if (end == RunEnd::brokerLost) {
+        cut.missing.push_back("the broker ended during the case" + place);
+    } else if (end == RunEnd::signalled) {
+        cut.missing.push_back("the run was stopped during the case" + place);
+    }
+    display_.showCaseEnded(cut);
+    ended_(cut);
+}
+
+HangReport ModuleRun::hangReport() const {
+    HangReport report;
+    std::int64_t sinceNs = record_.lastEventNs();
+    if (const CallReport* call = record_.openCall()) {
+        report.call = call->function;
+        report.arguments = call->arguments.dump();
+        sinceNs = call->beginNs;
+    }
+    report.seconds = static_cast<double>(cutOffNs_ - sinceNs) / 1e9;
+    report.lastPassed = lastPassed();
+    report.stacks = stacks_;
+    return report;
+}
+
+// Text and place of the check that passed last in the case under way; or empty.
+std::string ModuleRun::lastPassed() const {
+    const std::vector<CheckReport>& checks = record_.underWay()->checks;
+    const auto passed = std::find_if(checks.rbegin(), checks.rend(),
+                                     [](const CheckReport& check) { return check.passed; });
+    return passed == checks.rend() ? "" : passed->text + ", at " + passed->place;
+}
+
+// ", in F with {…} and in G with {…}": any of these may be to blame.
+std::string ModuleRun::callsUnderWay() const {
+    std::string text;
+    const auto add = [&text](const CallReport& call) {
+        text += std::string(text.empty() ? ", in " : " and in ") + call.function + " with " +
+                call.arguments.dump();
+    };
+    const CallReport* longest = record_.openCall();
+    if (longest != nullptr && longest->number == 0) {
+        add(*longest);  // the probe's own, and so none of the case
+    }
+    for (const CallReport& call : record_.underWay()->calls) {
+        if (!call.endNs) {
+            add(call);
+        }
+    }
+    return text.empty() ? ", outside of any call" : text;
+}
+
+// Passes on the last lines, though they have no line break.
+void ModuleRun::finish() {
+    output_.finish([this](std::string_view line) { showModuleLine(line); });
+    error_.finish([this](std::string_view line) { showModuleLine(line); });
+    brokerError_.finish([this](std::string_view line) { keepBrokerLine(line); });
+}
+
+void ModuleRun::showModuleLine(std::string_view line) {
+    display_.showForeignLine(line);
+}
+
+void ModuleRun::keepBrokerLine(std::string_view line) {
+    if (line.find(brokerReadyText) != std::string_view::npos) {
+        return;
+    }
+    brokerLines_.emplace_back(line);
+    if (brokerLines_.size() > brokerLinesLimit) {
+        brokerLines_.pop_front();
+    }
+}
+
+void ModuleRun::LineBuffer::add(std::string_view bytes,
+                                const std::function<void(std::string_view)>& use) {
+    partial_ += bytes;
+    std::string_view rest = partial_;
+    for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
+        use(rest.substr(0, end));
+        rest.remove_prefix(end + 1);
+    }
+    partial_.erase(0, partial_.size() - rest.size());
+    if (partial_.size() > longestLineBytes) {
+        finish(use);
+    }
+}
+
+void ModuleRun::LineBuffer::finish(const std::function<void(std::string_view)>& use) {
+    if (!partial_.empty()) {
+        use(partial_);
+        partial_.clear();
+    }
+}
+
+}  // namespace kavri::conformance

@@ -1,0 +1,101 @@
+// One process of the module under a watchdog: starts it, reads its events and its output,
+// and kills it when a call does not return, the time is over, the broker has ended or a
+// signal arrives.
+#ifndef KAVRI_CONFORMANCE_MODULE_MODULE_RUN_H
+#define KAVRI_CONFORMANCE_MODULE_MODULE_RUN_H
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/pipe.h"
+#include "conformance/module/conformance_module.h"
+#include "conformance/module/module_events.h"
+#include "conformance/module/run_limits.h"
+#include "conformance/module/run_record.h"
+#include "conformance/report/run_display.h"
+#include "process/child_process.h"
+
+namespace kavri::conformance {
+
+enum class RunEnd { moduleEnded, hung, timeOver, brokerLost, signalled };
+
+// When the module counts as hanging.
+struct WatchdogSettings {
+    std::chrono::milliseconds callLimit;  // a call that takes longer does not return
+    bool wantsStacks;                     // of a module that hangs; this takes some time
+
+    // Between its calls the module sleeps for up to a second.
+    std::chrono::milliseconds silenceLimit() const {
+        return callLimit + std::chrono::milliseconds(1500);
+    }
+};
+
+class ModuleRun {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // `broker`: the run's own, or null. All of these must outlive this.
+    // `ended` is called for each case that has a verdict.
+    using CaseEnded = std::function<void(const CaseReport&)>;
+    ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
+              WatchdogSettings watchdog, CaseEnded ended);
+
+    // Once: returns when the module has ended, by itself or killed. Sets the descriptor
+    // of the request.
+    RunEnd run(const ConformanceModule& module, ModuleRunRequest request);
+
+    // How the module ended.
+    const process::ExitState& exit() const { return exit_; }
+    const RunRecord& record() const { return record_; }
+    // The last lines of the broker's log.
+    const std::deque<std::string>& brokerLines() const { return brokerLines_; }
+
+  private:
+    RunEnd watch(process::ChildProcess& module);
+    void pollOnce(const process::ChildProcess& module) const;
+    Clock::time_point hangTime() const;
+    void follow(process::ChildProcess& module);
+    void cutOff(RunEnd end);
+    HangReport hangReport() const;
+    std::string lastPassed() const;
+    std::string callsUnderWay() const;
+    void apply(const std::vector<ModuleEvent>& events);
+    void finish();
+
+    // Splits a stream into lines.
+    class LineBuffer {
+      public:
+        void add(std::string_view bytes, const std::function<void(std::string_view)>& use);
+        void finish(const std::function<void(std::string_view)>& use);
+
+      private:
+        std::string partial_;
+    };
+    void showModuleLine(std::string_view line);
+    void keepBrokerLine(std::string_view line);
+
+    process::ChildProcess* broker_;
+    const RunLimits& limits_;
+    RunDisplay& display_;
+    const WatchdogSettings watchdog_;
+    const CaseEnded ended_;
+    Clock::time_point begun_;
+    std::int64_t cutOffNs_ = 0;  // when watching ended
+    std::string stacks_;
+    base::Pipe eventsPipe_;  // the module's events, beside its output
+    ModuleEvents events_;
+    RunRecord record_;
+    LineBuffer output_;
+    LineBuffer error_;
+    LineBuffer brokerError_;
+    std::deque<std::string> brokerLines_;
+    process::ExitState exit_;
+};
+
+}  // namespace kavri::conformance
+
+#endif

@@ -1,0 +1,179 @@
+// The report as JSON; see report.h.
+#include "conformance/report/report.h"
+
+#include <algorithm>
+
+namespace kavri::conformance {
+
+using nlohmann::json;
+
+// Those whose keys are their members' names.
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckReport, text, place, passed, left, right, message, atNs,
+                                   thread)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(FaultFired, name, atNs, did)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(HangReport, call, arguments, seconds, lastPassed, stacks)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckKilled, caseName, check, faults)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(RepeatReport::Growth, what, first, last, most)
+
+namespace {
+
+template <typename Value>
+json orNull(const std::optional<Value>& value) {
+    return value ? json(*value) : json(nullptr);
+}
+
+json latenciesJson(const LatenciesByFunction& latencies) {
+    const auto us = [](base::Latencies::Duration time) {
+        return std::chrono::duration<double, std::micro>(time).count();
+    };
+    json all = json::object();
+    for (const auto& [function, times] : latencies) {
+        all[function] = {{"count", times.count()},
+                         {"p50Us", us(times.percentile(0.5))},
+                         {"p90Us", us(times.percentile(0.9))},
+                         {"p99Us", us(times.percentile(0.99))},
+                         {"maxUs", us(times.most())}};
+    }
+    return all;
+}
+
+}  // namespace
+
+// Found by the JSON library in the namespace of the types.
+static void to_json(json& result, const CallReport& call) {
+    result = {{"kind", call.kind == CallReport::Kind::call ? "call" : "delivery"},
+              {"number", call.number},
+              {"function", call.function},
+              {"thread", call.thread},
+              {"beginNs", call.beginNs},
+              {"endNs", orNull(call.endNs)},
+              {"arguments", call.arguments},
+              {"result", call.result}};
+}
+
+static void to_json(json& result, const CaseReport& report) {
+    result = {{"name", report.name},         {"verdict", verdictText(report.verdict)},
+              {"beginNs", report.beginNs},   {"endNs", report.endNs},
+              {"checks", report.checks},     {"calls", report.calls},
+              {"faults", report.faults},     {"log", report.failureLines()},
+              {"missing", report.missing},   {"remarks", report.remarks},
+              {"hang", orNull(report.hang)}, {"crash", report.crash},
+              {"known", report.known},       {"repeat", report.repeat}};
+}
+
+static void to_json(json& result, const LibraryReport& library) {
+    LatenciesByFunction latencies;
+    addLatencies(library.cases, latencies);
+    result = {{"name", library.name},
+              {"core", library.core},
+              {"broker", library.broker},
+              {"seconds", library.seconds},
+              {"verdict", verdictText(worstOf(library.cases))},
+              {"cases", library.cases},
+              {"latencies", latenciesJson(latencies)}};
+}
+
+static void to_json(json& result, const FaultReport& fault) {
+    result = {{"name", fault.name},     {"description", fault.description},
+              {"clause", fault.clause}, {"unnoticedBecause", fault.unnoticedBecause},
+              {"fired", fault.fired},   {"seconds", fault.seconds},
+              {"cases", fault.cases},   {"wrong", fault.wrong}};
+}
+
+static void to_json(json& result, const MatrixReport& matrix) {
+    result = {{"faults", matrix.faults}, {"checks", matrix.checks}, {"seconds", matrix.seconds}};
+}
+
+static void to_json(json& result, const RepeatReport& repeats) {
+    result = {{"runs", repeats.runs},
+              {"passed", repeats.passed},
+              {"growth", repeats.growth},
+              {"latencies", latenciesJson(repeats.latencies)}};
+}
+
+json toJson(const Report& report) {
+    return {{"schema", 1},
+            {"command", report.command},
+            {"date", report.date},
+            {"tool", report.tool},
+            {"verdict", verdictText(verdictOn(report))},
+            {"seconds", report.seconds},
+            {"libraries", report.libraries},
+            {"matrix", orNull(report.matrix)},
+            {"repeats", orNull(report.repeats)}};
+}
+
+std::string_view verdictText(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::pass:
+            return "pass";
+        case Verdict::fail:
+            return "fail";
+        case Verdict::timeout:
+            return "timeout";
+        case Verdict::crash:
+            return "crash";
+        case Verdict::notRun:
+            return "not run";
+        case Verdict::harnessError:
+            return "harness error";
+    }
+    return "";
+}
+
+unsigned CaseReport::checksFailed() const {
+    return static_cast<unsigned>(
+        std::ranges::count_if(checks, [](const CheckReport& check) { return !check.passed; }));
+}
+
+std::string failureLine(const CheckReport& check) {
+    return check.place + ": " + check.message;
+}
+
+std::vector<std::string> CaseReport::failureLines() const {
+    std::vector<std::string> lines;
+    for (const CheckReport& check : checks) {
+        if (!check.passed) {
+            lines.push_back(failureLine(check));
+        }
+    }
+    return lines;
+}
+
+Verdict worstOf(const std::vector<CaseReport>& cases) {
+    Verdict worst = Verdict::pass;
+    for (const CaseReport& report : cases) {
+        if (report.known.empty()) {
+            worst = std::max(worst, report.verdict);
+        }
+    }
+    return worst;
+}
+
+void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies) {
+    for (const CaseReport& report : cases) {
+        for (const CallReport& call : report.calls) {
+            if (call.kind == CallReport::Kind::call && call.endNs) {
+                latencies[call.function].add(std::chrono::nanoseconds(*call.endNs - call.beginNs));
+            }
+        }
+    }
+}
+
+bool MatrixReport::isProven() const {
+    return std::ranges::all_of(faults, &FaultReport::asExpected) &&
+           std::ranges::none_of(checks,
+                                [](const CheckKilled& check) { return check.faults.empty(); });
+}
+
+Verdict verdictOn(const Report& report) {
+    const bool failsOtherwise = (report.matrix && !report.matrix->isProven()) ||
+                                (report.repeats && report.repeats->passed < report.repeats->runs);
+    Verdict worst = failsOtherwise ? Verdict::fail : Verdict::pass;
+    for (const LibraryReport& library : report.libraries) {
+        worst = std::max(worst, worstOf(library.cases));
+    }
+    return worst;
+}
+
+}  // namespace kavri::conformance

@@ -1,0 +1,166 @@
+// The report of a run, as one value: the display, the JSON and JUnit files and the page
+// are made from it.
+//
+// Times are nanoseconds of the monotonic clock, as the probe and the observer
+// read it within the module.
+#ifndef KAVRI_CONFORMANCE_REPORT_REPORT_H
+#define KAVRI_CONFORMANCE_REPORT_REPORT_H
+
+#include <cstdint>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/latencies.h"
+
+namespace kavri::conformance {
+
+// From best to worst; what a whole run came to is its worst case.
+enum class Verdict { pass, fail, notRun, harnessError, timeout, crash };
+std::string_view verdictText(Verdict verdict);  // "pass", "not run", …
+
+struct CheckReport {
+    std::string text;   // "payload == rpayload", or the one expression
+    std::string place;  // "test_ipc_initiator.cpp(199)"
+    bool passed = false;
+    std::string left;  // the two values, where it compares
+    std::string right;
+    std::string message;  // of a failed one, as the framework words it: "error: check …"
+    std::int64_t atNs = 0;
+    int thread = 0;
+};
+
+// "test_ipc_initiator.cpp(199): error: check …"
+std::string failureLine(const CheckReport& check);
+
+// A call of one of the twelve functions, or of a callback by the library.
+struct CallReport {
+    enum class Kind { call, delivery };
+    Kind kind = Kind::call;
+    unsigned number = 0;   // as the probe counted it
+    std::string function;  // or "response", "event": the callback
+    int thread = 0;
+    std::int64_t beginNs = 0;
+    std::optional<std::int64_t> endNs;  // none: it did not return
+    nlohmann::json arguments = nlohmann::json::object();
+    nlohmann::json result = nlohmann::json::object();
+};
+
+// The probe injected the chosen fault.
+struct FaultFired {
+    std::string name;
+    std::int64_t atNs = 0;
+    std::string did;
+};
+
+// A call that did not return, or a case that did not end.
+struct HangReport {
+    std::string call;       // the function; empty: no call was under way
+    std::string arguments;  // as text
+    double seconds = 0;
+    std::string lastPassed;  // the last check that passed, text and place; or empty
+    std::string stacks;      // of all threads; empty where no debugger is there
+};
+
+struct CaseReport {
+    std::string name;  // "suite/case"
+    Verdict verdict = Verdict::notRun;
+    std::int64_t beginNs = 0;
+    std::int64_t endNs = 0;
+    std::vector<CheckReport> checks;
+    std::vector<CallReport> calls;
+    std::vector<FaultFired> faults;
+    std::vector<std::string> missing;  // why it is no pass although no check failed
+    std::vector<std::string> remarks;  // no failures, but worth knowing
+    std::optional<HangReport> hang;
+    std::string crash;   // "ended by signal 11 (Segmentation fault) …"
+    std::string known;   // the reason, where its failure is expected
+    std::string repeat;  // the command line that runs it again
+
+    double seconds() const { return static_cast<double>(endNs - beginNs) / 1e9; }
+    unsigned checksFailed() const;
+    std::vector<std::string> failureLines() const;  // of the failed checks
+};
+
+// The worst verdict; known failures do not count.
+Verdict worstOf(const std::vector<CaseReport>& cases);
+
+struct LibraryReport {
+    std::string name;  // as the user named it
+    std::string core;  // the file
+    std::string broker;
+    double seconds = 0;
+    std::vector<CaseReport> cases;  // in the order of the module
+};
+
+// How long the calls of each function took.
+using LatenciesByFunction = std::map<std::string, base::Latencies>;
+void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies);
+
+// One fault of the kill matrix.
+struct FaultReport {
+    std::string name;
+    std::string description;
+    std::string clause;
+    std::string unnoticedBecause;  // empty: some case must detect it
+    bool fired = false;
+    double seconds = 0;
+    std::vector<CaseReport> cases;
+    std::vector<std::string> wrong;  // what differed from the catalogue
+
+    bool asExpected() const { return wrong.empty(); }
+};
+
+// A check of the module, and what turned it red.
+struct CheckKilled {
+    std::string caseName;
+    std::string check;
+    std::vector<std::string> faults;
+};
+
+struct MatrixReport {
+    // Whether all faults were as expected, and every check turned red.
+    bool isProven() const;
+
+    std::vector<FaultReport> faults;
+    std::vector<CheckKilled> checks;
+    double seconds = 0;
+};
+
+// Many runs of the same.
+struct RepeatReport {
+    unsigned runs = 0;
+    unsigned passed = 0;
+    // First and last of what each run, or the broker after it, held.
+    struct Growth {
+        std::string what;  // "module, descriptors"
+        double first = 0;
+        double last = 0;
+        double most = 0;
+    };
+    std::vector<Growth> growth;
+    LatenciesByFunction latencies{};  // of all runs
+};
+
+struct Report {
+    std::string command;
+    std::string date;  // "2026-11-20T12:00:00Z"
+    std::string tool;
+    double seconds = 0;
+    std::vector<LibraryReport> libraries;
+    std::optional<MatrixReport> matrix;
+    std::optional<RepeatReport> repeats;
+};
+
+// Of all that was run.
+Verdict verdictOn(const Report& report);
+
+// The documented form; see docs/conformance.md.
+nlohmann::json toJson(const Report& report);
+
+}  // namespace kavri::conformance
+
+#endif

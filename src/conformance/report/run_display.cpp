@@ -1,0 +1,216 @@
+// Laying out lines; see run_display.h.
+#include "conformance/report/run_display.h"
+
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ostream>
+
+#include "base/environment.h"
+#include "base/text_scanner.h"
+
+namespace kavri::conformance {
+
+namespace {
+
+constexpr std::string_view green = "\x1b[32m";
+constexpr std::string_view red = "\x1b[31m";
+constexpr std::string_view plain = "\x1b[0m";
+constexpr std::string_view eraseLine = "\r\x1b[K";
+
+std::string counted(unsigned long count, std::string_view noun) {
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+}  // namespace
+
+DisplayStyle DisplayStyle::ofStandardOutput() {
+    DisplayStyle style;
+    const std::string terminal = base::environmentVariable("TERM");
+    style.terminal = isatty(STDOUT_FILENO) == 1 && !terminal.empty() && terminal != "dumb";
+    style.colour = style.terminal && base::environmentVariable("NO_COLOR").empty();
+    winsize size{};
+    if (style.terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+        style.columns = size.ws_col;
+    }
+    return style;
+}
+
+RunDisplay::RunDisplay(std::ostream& results, std::ostream& others, DisplayStyle style,
+                       const std::vector<std::string>& cases)
+    : results_(results), others_(others), style_(style), caseCount_(cases.size()), nameWidth_(0) {
+    for (const std::string& name : cases) {
+        nameWidth_ = std::max(nameWidth_, name.size());
+    }
+}
+
+void RunDisplay::showOpening(const std::string& library, const std::string& broker) {
+    results_ << fmt::format("core library {}, {}\n", printable(library), printable(broker))
+             << std::flush;
+}
+
+void RunDisplay::showCaseUnderWay(const CaseReport& report, double seconds) {
+    replaceProgress(fmt::format("{:<{}}  running {:>4.1f} s  {}", report.name, nameWidth_, seconds,
+                                counted(report.checks.size(), "check")));
+}
+
+void RunDisplay::showProgress(std::string_view what, size_t done, size_t all) {
+    constexpr size_t barColumns = 30;
+    const size_t filled = all == 0 ? 0 : barColumns * done / all;
+    replaceProgress(fmt::format("{}  [{}{}] {}/{}", what, std::string(filled, '#'),
+                                std::string(barColumns - filled, ' '), done, all));
+}
+
+void RunDisplay::replaceProgress(std::string line) {
+    if (!style_.terminal) {
+        return;
+    }
+    // A line that wraps could not be replaced.
+    line.resize(std::min<size_t>(line.size(), style_.columns - 1));
+    if (line != progress_) {
+        results_ << eraseLine << line << std::flush;
+        progress_ = line;
+    }
+}
+
+void RunDisplay::showCaseEnded(const CaseReport& report) {
+    clearProgress();
+    const unsigned failures = report.checksFailed();
+    const std::string failed = failures > 0 ? fmt::format("  ({} failed)", failures) : "";
+    const std::string verdict = coloured(fmt::format("{:<7}", verdictText(report.verdict)),
+                                         report.verdict == Verdict::pass ? green : red);
+    results_ << fmt::format("{:<{}}  {}  {:>10}  {:>9}{}\n", report.name, nameWidth_, verdict,
+                            counted(report.checks.size(), "check"), durationText(report.seconds()),
+                            failed);
+    showDetails(report);
+    results_.flush();
+}
+
+void RunDisplay::showDetails(const CaseReport& report) {
+    const auto show = [this](std::string_view line) {
+        results_ << "    " << printable(line) << '\n';
+    };
+    std::ranges::for_each(report.failureLines(), show);
+    std::ranges::for_each(report.missing, show);
+    std::ranges::for_each(report.remarks, show);
+    if (!report.crash.empty()) {
+        show(report.crash);
+    }
+    if (report.hang) {
+        show(hangText(*report.hang));
+        std::string_view stacks = report.hang->stacks;
+        while (const auto line = base::takeLine(stacks)) {
+            show(*line);
+        }
+    }
+}
+
+void RunDisplay::showForeignLine(std::string_view line) {
+    clearProgress();
+    others_ << std::string(line).append("\n") << std::flush;
+}
+
+void RunDisplay::showRemark(std::string_view line) {
+    clearProgress();
+    results_ << printable(line) << '\n' << std::flush;
+}
+
+void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double seconds) {
+    clearProgress();
+    const auto casesWith = [&cases](Verdict verdict) {
+        return std::ranges::count(cases, verdict, &CaseReport::verdict);
+    };
+    size_t checks = 0;
+    size_t failed = 0;
+    for (const CaseReport& report : cases) {
+        checks += report.checks.size();
+        failed += report.checksFailed();
+    }
+    const auto notRun = casesWith(Verdict::notRun);
+    results_ << fmt::format(
+                    "{}, {} passed{}; {}, {} passed, {} failed; {}", counted(caseCount_, "case"),
+                    casesWith(Verdict::pass), notRun > 0 ? fmt::format(", {} not run", notRun) : "",
+                    counted(checks, "check"), checks - failed, failed, durationText(seconds))
+             << std::endl;
+}
+
+void RunDisplay::showRepeats(const RepeatReport& repeats, double seconds) {
+    const auto us = [](const base::Latencies& times, double share) {
+        return std::chrono::duration<double, std::micro>(times.percentile(share)).count();
+    };
+    for (const auto& [function, times] : repeats.latencies) {
+        showRemark(fmt::format("{:<52}  {:>8} calls  p50 {:>9.1f} us  p99 {:>9.1f} us", function,
+                               times.count(), us(times, 0.5), us(times, 0.99)));
+    }
+    for (const RepeatReport::Growth& growth : repeats.growth) {
+        showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most", growth.what,
+                               growth.first, growth.last, growth.most));
+    }
+    showRemark(
+        fmt::format("{} runs, {} passed; {}", repeats.runs, repeats.passed, durationText(seconds)));
+}
+
+void RunDisplay::showMatrix(const MatrixReport& matrix) {
+    for (const CheckKilled& check : matrix.checks) {
+        if (check.faults.empty()) {
+            showRemark(fmt::format("{}: no fault turns red: {}", check.caseName, check.check));
+        }
+    }
+    const auto invisible = std::ranges::count_if(
+        matrix.faults, [](const FaultReport& fault) { return !fault.unnoticedBecause.empty(); });
+    const auto wrong = std::ranges::count_if(
+        matrix.faults, [](const FaultReport& fault) { return !fault.asExpected(); });
+    const auto survived = std::ranges::count_if(
+        matrix.checks, [](const CheckKilled& check) { return check.faults.empty(); });
+    showRemark(fmt::format(
+        "{} faults, {} detected as expected, {} that no case can detect, {} not as expected; "
+        "{} checks, {} turned red; {}",
+        matrix.faults.size(), std::ssize(matrix.faults) - invisible - wrong, invisible, wrong,
+        matrix.checks.size(), std::ssize(matrix.checks) - survived, durationText(matrix.seconds)));
+}
+
+void RunDisplay::clearProgress() {
+    if (!progress_.empty()) {
+        results_ << eraseLine << std::flush;
+        progress_.clear();
+    }
+}
+
+std::string RunDisplay::coloured(std::string_view text, std::string_view colour) const {
+    return style_.colour ? fmt::format("{}{}{}", colour, text, plain) : std::string(text);
+}
+
+std::string durationText(double seconds) {
+    if (seconds < 0.9995) {
+        return fmt::format("{:.1f} ms", seconds * 1e3);
+    }
+    return fmt::format("{:.2f} s", seconds);
+}
+
+std::string hangText(const HangReport& hang) {
+    const std::string what = hang.call.empty()
+                                 ? fmt::format("nothing happened for {:.1f} s", hang.seconds)
+                                 : fmt::format("{} with {} did not return within {:.1f} s",
+                                               hang.call, hang.arguments, hang.seconds);
+    return what + (hang.lastPassed.empty() ? "; no check had passed"
+                                           : "; the last check that passed: " + hang.lastPassed);
+}
+
+std::string printable(std::string_view text) {
+    std::string result;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\n') {
+            result += "\\n";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            result += fmt::format("\\x{:02x}", byte);
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
+}  // namespace kavri::conformance

@@ -1,0 +1,327 @@
+// The steps of a run; see conformance_run.h.
+#include "conformance/run/conformance_run.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <cassert>
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+#include <thread>
+
+#include "conformance/faults/fault_catalogue.h"
+#include "conformance/module/module_arguments.h"
+#include "conformance/run/kill_matrix.h"
+#include "conformance/run/repeats.h"
+#include "process/exit_text.h"
+
+namespace kavri::conformance {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// Of the whole run, unless the user sets a limit.
+constexpr double runLimitSeconds = 60;
+constexpr double proofLimitSeconds = 300;
+
+// With a fault, only a call that never returns takes long.
+constexpr milliseconds proofCallLimit{800};
+
+// The cases mostly sleep.
+constexpr unsigned jobsPerProcessor = 4;
+
+double secondsSince(RunLimits::Clock::time_point begin) {
+    return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
+}
+
+// A word of a command line as a shell takes it.
+std::string shellQuoted(const std::string& word) {
+    const bool isPlain = word.find_first_not_of(
+                             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                             "0123456789-_./=,:") == std::string::npos;
+    if (isPlain && !word.empty()) {
+        return word;
+    }
+    std::string result = "'";
+    for (const char c : word) {
+        result += c == '\'' ? "'\\''" : std::string(1, c);
+    }
+    return result + "'";
+}
+
+process::ExitStatus statusFor(Verdict verdict) {
+    switch (verdict) {
+        case Verdict::pass:
+            return process::ExitStatus::passed;
+        case Verdict::fail:
+            return process::ExitStatus::failed;
+        case Verdict::notRun:
+        case Verdict::harnessError:
+            return process::ExitStatus::couldNotRun;
+        case Verdict::timeout:
+        case Verdict::crash:
+            break;
+    }
+    return process::ExitStatus::ended;
+}
+
+// The first case that was cut off, known failures apart, and why.
+std::string cutOffText(const Report& report) {
+    for (const LibraryReport& library : report.libraries) {
+        for (const CaseReport& each : library.cases) {
+            if (each.known.empty() && (each.hang || !each.crash.empty())) {
+                return fmt::format("{}: {}", each.name,
+                                   each.hang ? hangText(*each.hang) : each.crash);
+            }
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+double RunPlan::limitSeconds() const {
+    const double oneRun = proves ? proofLimitSeconds : runLimitSeconds;
+    const auto libraryCount = static_cast<double>(std::max<size_t>(1, libraries.size()));
+    return timeoutSeconds.value_or(oneRun * timeScale * repeat.value_or(1) * libraryCount);
+}
+
+process::ExitStatus ConformanceRun::run() {
+    assert(!reportFiles_);  // runs once
+    checkModuleArguments(plan_.moduleArguments);
+    if (plan_.socket) {
+        checkBrokerListens(*plan_.socket);
+        // Another library may talk to its broker in another way.
+        if (plan_.libraries.empty()) {
+            checkBrokerAnswers(*plan_.socket);
+        }
+    }
+    if (!plan_.expectations.empty()) {
+        expectations_ = Expectations::read(plan_.expectations);
+    }
+    files_ = KitFiles::find();
+    report_ = openingReport();
+    reportFiles_.emplace(plan_.reports, report_);
+    if (plan_.libraries.empty()) {
+        runLibrary(std::nullopt);
+    }
+    for (const std::string& folder : plan_.libraries) {
+        runLibrary(folder);
+    }
+    return judge();
+}
+
+Report ConformanceRun::openingReport() const {
+    Report report;
+    report.command = "kavri";
+    for (const std::string& word : plan_.invocation) {
+        report.command += " " + shellQuoted(word);
+    }
+    report.date = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
+    report.tool = plan_.tool;
+    return report;
+}
+
+// The command that runs one case again.
+std::string ConformanceRun::commandFor(const std::string& library,
+                                       const std::string& caseName) const {
+    std::vector<std::string> words = {"kavri", "conformance"};
+    const auto add = [&words](const char* option, const std::string& value) {
+        words.emplace_back(option);
+        words.push_back(shellQuoted(value));
+    };
+    if (plan_.socket) {
+        add("--socket", *plan_.socket);
+    }
+    if (!plan_.fault.empty()) {
+        add("--fault", plan_.fault);
+    }
+    if (!plan_.libraries.empty()) {
+        add("--library", library);
+    }
+    add("--case", caseName);
+    return fmt::format("{}", fmt::join(words, " "));
+}
+
+WatchdogSettings ConformanceRun::watchdog() const {
+    return {milliseconds(static_cast<long>(plan_.callTimeoutSeconds * plan_.timeScale * 1000)),
+            true};
+}
+
+unsigned ConformanceRun::jobs(unsigned most) const {
+    const unsigned byDefault = jobsPerProcessor * std::max(1U, std::thread::hardware_concurrency());
+    return std::min(plan_.jobs == 0 ? byDefault : plan_.jobs, most);
+}
+
+void ConformanceRun::runLibrary(const std::optional<std::string>& folder) {
+    const LibraryRun library(files_, folder, limits_);
+    const std::vector<std::string> cases = library.select(plan_.casePatterns, limits_);
+    RunDisplay display(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases);
+    LibraryReport& report = report_.libraries.emplace_back();
+    report.name = library.name();
+    report.core = library.core();
+    report.broker = plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+    if (plan_.repeat) {
+        repeat(library, cases, display);
+    } else {
+        runOnce(library, cases, display);
+    }
+    if (plan_.proves) {
+        prove(library, display);
+    }
+}
+
+void ConformanceRun::markKnownFailures(std::vector<CaseReport>& cases) {
+    if (expectations_) {
+        expectations_->apply(cases);
+    }
+}
+
+void ConformanceRun::addToReport(LibraryReport& report, const std::vector<CaseReport>& cases) {
+    report.cases = cases;
+    markKnownFailures(report.cases);
+    for (CaseReport& each : report.cases) {
+        each.repeat = commandFor(report.name, each.name);
+    }
+    report.seconds = secondsSince(casesBegun_);
+    writeFiles();
+}
+
+void ConformanceRun::writeFiles() {
+    report_.seconds = secondsSince(begun_);
+    reportFiles_->update(report_);
+}
+
+void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
+                             RunDisplay& display) {
+    LibraryReport& report = report_.libraries.back();
+    std::optional<OwnBroker> own;
+    if (!plan_.socket) {
+        own.emplace(files_.broker, limits_);
+    }
+    display.showOpening(report.core, report.broker);
+    ModuleRunRequest request =
+        library.request(own ? own->socket() : std::filesystem::path(*plan_.socket));
+    request.userArguments = plan_.moduleArguments;
+    request.fault = plan_.fault;
+    casesBegun_ = Clock::now();
+    CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
+    const CasesOutcome outcome =
+        run.run(request, cases, [&](const auto& soFar) { addToReport(report, soFar); });
+    if (worstOf(outcome.cases) != Verdict::pass) {
+        for (const std::string& line : outcome.brokerLines) {
+            display.showForeignLine(line);
+        }
+    }
+    display.showClosing(report.cases, report.seconds);
+    throwUnlessEnded(outcome, own ? own->process().wait(milliseconds(0)) : std::nullopt);
+}
+
+// Throws CommandFailure where the run ended before its cases had.
+void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
+                                      const std::optional<process::ExitState>& brokerExit) const {
+    if (outcome.refused) {
+        throw process::CommandFailure(plan_.moduleArguments.empty()
+                                          ? process::ExitStatus::couldNotRun
+                                          : process::ExitStatus::usage,
+                                      "the module refused to run, for the reason above");
+    }
+    if (outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung) {
+        return;
+    }
+    const auto cut = std::ranges::find_if(outcome.cases, [](const CaseReport& report) {
+        return report.verdict != Verdict::pass && report.verdict != Verdict::fail;
+    });
+    std::string place = cut == outcome.cases.end() ? "after the last case" : "in " + cut->name;
+    if (cut != outcome.cases.end() && cut->hang) {
+        place += "; " + printable(hangText(*cut->hang));
+    }
+    if (outcome.end == RunEnd::brokerLost) {
+        throw process::CommandFailure(
+            process::ExitStatus::couldNotRun,
+            fmt::format("the broker {} {}",
+                        process::exitText(brokerExit.value_or(process::ExitState{})), place));
+    }
+    limits_.giveUp(place);
+}
+
+void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::string>& cases,
+                            RunDisplay& display) {
+    LibraryReport& report = report_.libraries.back();
+    display.showOpening(report.core, plan_.socket ? report.broker : "brokers of its own");
+    ModuleRunRequest request = library.request({});
+    request.userArguments = plan_.moduleArguments;
+    request.fault = plan_.fault;
+    const RepeatPlan repeatPlan{.runs = *plan_.repeat,
+                                .untilFail = plan_.untilFail,
+                                .shuffle = plan_.shuffle,
+                                .jobs = plan_.socket ? 1 : jobs(*plan_.repeat),
+                                .socket = plan_.socket};
+    casesBegun_ = Clock::now();
+    const RepeatOutcome outcome = runRepeatedly(
+        {files_, library, limits_, watchdog()}, repeatPlan, request, cases,
+        [this](auto& ended) { markKnownFailures(ended); },
+        [&](unsigned done, unsigned passed) {
+            display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
+        });
+    report_.repeats = outcome.report;
+    addToReport(report, outcome.cases);
+    for (const CaseReport& each : report.cases) {
+        if (each.verdict != Verdict::pass) {
+            display.showCaseEnded(each);
+        }
+    }
+    display.showRepeats(outcome.report, report.seconds);
+    if (outcome.end != RunEnd::moduleEnded) {
+        limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
+    }
+}
+
+void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
+    const std::vector<CaseReport>& baseline = report_.libraries.back().cases;
+    if (worstOf(baseline) != Verdict::pass) {
+        throw process::CommandFailure(process::ExitStatus::failed,
+                                      "--prove needs a library with which all cases pass; mend "
+                                      "what fails without a fault first");
+    }
+    const WatchdogSettings watchdog{
+        std::chrono::duration_cast<milliseconds>(proofCallLimit * plan_.timeScale), false};
+    report_.matrix =
+        runKillMatrix({files_, library, limits_, watchdog}, baseline,
+                      jobs(static_cast<unsigned>(faultCatalogue().size())),
+                      [&display](const FaultReport& fault, size_t done, size_t all) {
+                          for (const std::string& line : fault.wrong) {
+                              display.showRemark(fmt::format("{}: {}", fault.name, line));
+                          }
+                          display.showProgress("faults", done, all);
+                      });
+    display.showMatrix(*report_.matrix);
+    writeFiles();
+}
+
+process::ExitStatus ConformanceRun::judge() const {
+    process::ExitStatus status = statusFor(verdictOn(report_));
+    const std::vector<std::string> complaints =
+        expectations_ ? expectations_->complaints() : std::vector<std::string>();
+    for (const std::string& complaint : complaints) {
+        std::cerr << "kavri conformance: " << complaint << std::endl;
+    }
+    if (!complaints.empty() && status == process::ExitStatus::passed) {
+        status = process::ExitStatus::failed;
+    }
+    if (!reportFiles_->complaint().empty()) {
+        throw process::CommandFailure(
+            status == process::ExitStatus::passed ? process::ExitStatus::couldNotRun : status,
+            reportFiles_->complaint());
+    }
+    if (status == process::ExitStatus::ended) {
+        throw process::CommandFailure(status, printable(cutOffText(report_)));
+    }
+    return status;
+}
+
+}  // namespace kavri::conformance

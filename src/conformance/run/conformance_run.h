@@ -1,0 +1,84 @@
+// A whole run of `kavri conformance`: each library under test in turn, as often and
+// with what faults the plan asks for, and its reports.
+#ifndef KAVRI_CONFORMANCE_RUN_CONFORMANCE_RUN_H
+#define KAVRI_CONFORMANCE_RUN_CONFORMANCE_RUN_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "conformance/cases/expectations.h"
+#include "conformance/module/run_limits.h"
+#include "conformance/report/report_files.h"
+#include "conformance/run/library_run.h"
+#include "process/exit_status.h"
+
+namespace kavri::conformance {
+
+// What the user asked for.
+struct RunPlan {
+    std::string tool;                     // its name and version, for the report
+    std::vector<std::string> invocation;  // the whole command line, for the report
+    std::optional<std::string> socket;
+    std::vector<std::string> libraries;  // folders; none: the library that the module finds
+    std::vector<std::string> casePatterns;
+    std::optional<double> timeoutSeconds;  // of the whole run
+    double callTimeoutSeconds = 10;
+    double timeScale = 1;
+    std::string fault;  // to run with; empty: none
+    bool proves = false;
+    std::optional<unsigned> repeat;
+    bool untilFail = false;
+    std::optional<unsigned> shuffle;
+    unsigned jobs = 0;         // at a time; 0: as many as suit the machine
+    std::string expectations;  // a file; empty: none
+    ReportPlaces reports;
+    std::vector<std::string> moduleArguments;
+
+    // How long the whole run may take.
+    double limitSeconds() const;
+};
+
+class ConformanceRun {
+  public:
+    // Both must outlive this.
+    ConformanceRun(const RunPlan& plan, const RunLimits& limits)
+        : plan_(plan), limits_(limits), begun_(Clock::now()) {}
+
+    // Once. Returns the verdict on all that was run; throws CommandFailure where there
+    // is none. Whatever can be known to be wrong is found out before anything is started.
+    process::ExitStatus run();
+
+  private:
+    using Clock = RunLimits::Clock;
+
+    Report openingReport() const;
+    std::string commandFor(const std::string& library, const std::string& caseName) const;
+    WatchdogSettings watchdog() const;
+    unsigned jobs(unsigned most) const;
+    void runLibrary(const std::optional<std::string>& folder);
+    void runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
+                 RunDisplay& display);
+    void repeat(const LibraryRun& library, const std::vector<std::string>& cases,
+                RunDisplay& display);
+    void prove(const LibraryRun& library, RunDisplay& display);
+    void markKnownFailures(std::vector<CaseReport>& cases);
+    void addToReport(LibraryReport& report, const std::vector<CaseReport>& cases);
+    void writeFiles();
+    void throwUnlessEnded(const CasesOutcome& outcome,
+                          const std::optional<process::ExitState>& brokerExit) const;
+    process::ExitStatus judge() const;
+
+    const RunPlan& plan_;
+    const RunLimits& limits_;
+    const Clock::time_point begun_;
+    Clock::time_point casesBegun_;  // of the library under test
+    KitFiles files_;
+    Report report_;
+    std::optional<ReportFiles> reportFiles_;
+    std::optional<Expectations> expectations_;
+};
+
+}  // namespace kavri::conformance
+
+#endif

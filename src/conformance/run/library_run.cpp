@@ -1,0 +1,73 @@
+// Finding the pieces; see library_run.h.
+#include "conformance/run/library_run.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <ostream>
+
+#include "conformance/cases/case_listing.h"
+#include "process/exit_status.h"
+
+namespace kavri::conformance {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A file that belongs to this program, by its place relative to it.
+fs::path installedFile(const char* place) {
+    fs::path file = fs::read_symlink("/proc/self/exe").parent_path() / place;
+    file = file.lexically_normal();
+    if (access(file.c_str(), R_OK) != 0) {
+        throw process::CommandFailure(
+            process::ExitStatus::couldNotRun,
+            fmt::format("{} is missing; build it, or install it with kavri", file.string()));
+    }
+    return file;
+}
+
+}  // namespace
+
+KitFiles KitFiles::find() {
+    return {installedFile("test_ipc_initiator"),
+            installedFile(KAVRI_AGENT_PLACE "/libkavri-module-observer.so"),
+            installedFile(KAVRI_AGENT_PLACE "/libkavri-probe.so"), installedFile("kavri-broker")};
+}
+
+LibraryRun::LibraryRun(const KitFiles& files, const std::optional<std::string>& folder,
+                       const RunLimits& limits)
+    : files_(files),
+      module_(files.module, folder ? std::optional<fs::path>(*folder) : std::nullopt),
+      libraries_(module_.findLibraries(limits)),
+      name_(folder.value_or(libraries_.core.filename().string())) {}
+
+std::vector<std::string> LibraryRun::select(const std::vector<std::string>& patterns,
+                                            const RunLimits& limits) const {
+    return selectCases(module_.listCases(limits), patterns);
+}
+
+std::string LibraryRun::core() const {
+    const fs::path normal = libraries_.core.lexically_normal();
+    const fs::path relative = normal.lexically_relative(fs::current_path());
+    return relative.empty() || *relative.begin() == ".." ? normal.string() : relative.string();
+}
+
+ModuleRunRequest LibraryRun::request(const fs::path& socket) const {
+    ModuleRunRequest request;
+    request.brokerSocket = socket;
+    request.libraries = libraries_;
+    request.observer = files_.observer;
+    request.probe = files_.probe;
+    return request;
+}
+
+CasesOutcome runUnseen(const RunContext& context, process::ChildProcess* broker,
+                       ModuleRunRequest request, const std::vector<std::string>& cases) {
+    std::ostream nowhere(nullptr);
+    RunDisplay silent(nowhere, nowhere, DisplayStyle(), cases);
+    CasesRun run(context.library.module(), broker, context.limits, silent, context.watchdog);
+    return run.run(std::move(request), cases, [](const auto&) {});
+}
+
+}  // namespace kavri::conformance

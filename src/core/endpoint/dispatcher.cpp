@@ -1,0 +1,93 @@
+// The thread's life and its loop; see dispatcher.h.
+#include "core/endpoint/dispatcher.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <new>
+
+#include "wire/limits.h"
+
+namespace kavri::core {
+
+namespace {
+
+// Blocks all signals of the calling thread, which a thread that it makes inherits: they are
+// left to the program's own threads.
+class BlockedSignals {
+  public:
+    BlockedSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    BlockedSignals(const BlockedSignals&) = delete;
+    BlockedSignals& operator=(const BlockedSignals&) = delete;
+    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+  private:
+    sigset_t before_;
+};
+
+}  // namespace
+
+CallbackPlace::CallbackPlace(Dispatcher& dispatcher)
+    : dispatcher_(dispatcher), next_(dispatcher.places_) {
+    dispatcher.places_ = this;
+}
+
+void CallbackPlace::setInstalled(bool isInstalled) {
+    dispatcher_.installed_ += static_cast<int>(isInstalled) - static_cast<int>(isInstalled_);
+    isInstalled_ = isInstalled;
+}
+
+void Dispatcher::ensureThread(const std::shared_ptr<Work>& work) {
+    if (!thread_.joinable()) {
+        const BlockedSignals blocked;
+        thread_ = std::thread([this, work] { run(*work); });
+    }
+}
+
+void Dispatcher::run(Work& work) {
+    Lock lock = monitor_.acquire();
+    while (!isEnding()) {
+        try {
+            work.dispatchOnce(lock);
+        } catch (const std::bad_alloc&) {
+            // Nothing is lost: what could not be stored is still the next. There may be
+            // memory again shortly.
+            monitor_.waitFor(lock, wire::firstReconnectPause);
+        }
+    }
+    work.finishDispatching(lock);
+}
+
+void Dispatcher::awaitReturn(Lock& lock, const CallbackPlace& place) {
+    monitor_.expectHeld(lock);
+    if (!isOwnThread()) {
+        const std::uint64_t begunBefore = place.begun_;
+        monitor_.waitUntil(lock, [&] { return place.returned_ >= begunBefore; });
+    }
+}
+
+void Dispatcher::beginEnd() {
+    state_ = State::ending;
+    for (CallbackPlace* place = places_; place != nullptr; place = place->next_) {
+        place->setInstalled(false);
+    }
+}
+
+void Dispatcher::awaitEnd(Lock& lock) {
+    KAVRI_ASSERT(isEnding(), "a thread is joined once it is to end");
+    if (!thread_.joinable()) {
+        return;
+    }
+    if (isOwnThread()) {
+        thread_.detach();
+        return;
+    }
+    lock.unlock();
+    thread_.join();
+}
+
+}  // namespace kavri::core
