@@ -114,7 +114,7 @@ BOOST_FIXTURE_TEST_CASE(nothingLeaks, WithoutMemory) {
             if (made != nullptr) {
                 BOOST_TEST(kavri_core_ipc_deinit(made) == good);
             }
-            BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
+            BOOST_TEST(haveFurtherThreads(0));
         });
     };
     live();

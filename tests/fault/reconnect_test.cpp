@@ -135,7 +135,7 @@ BOOST_AUTO_TEST_CASE(endWhileTheLibraryPauses) {
     peer.close();
     closeNext(6);
     BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == good);
-    BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
+    BOOST_TEST(haveFurtherThreads(0));
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -430,7 +430,7 @@ BOOST_AUTO_TEST_CASE(aCallbackEndsItsInitiator) {
     BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
     // The thread ends by itself and takes the connection with it.
     BOOST_TEST(eventually([&] { return broker.descriptors() < connected; }));
-    BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
+    BOOST_TEST(haveFurtherThreads(0));
     BOOST_TEST(action.begun() == 1);
 }
 

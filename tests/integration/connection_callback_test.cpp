@@ -227,7 +227,7 @@ BOOST_AUTO_TEST_CASE(endsTheInitiatorFromWithin) {
     changes.at(0);
     broker.restart();
     BOOST_TEST(eventually([&] { return status == good; }));
-    BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
+    BOOST_TEST(haveFurtherThreads(0));
     BOOST_TEST(changes.count() == 2U);
 }
 
@@ -243,7 +243,7 @@ BOOST_AUTO_TEST_CASE(isNotCalledAfterTheEnd) {
         const std::size_t atEnd = changes.count();
         broker.restart();
         BOOST_TEST(changes.count() == atEnd);
-        BOOST_TEST(furtherThreads() == 0U);
+        BOOST_TEST(haveFurtherThreads(0));
     }
 }
 
@@ -267,7 +267,7 @@ BOOST_AUTO_TEST_CASE(isNotLookedForInOptionsOfAnEarlierVersion) {
     options.sizeBytes = offsetof(kavri_core_ipc_options, connectionCallback);
     kavri_core_ipc_initiator* initiator = nullptr;
     BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) == good);
-    BOOST_TEST(furtherThreads() == 0U);
+    BOOST_TEST(haveFurtherThreads(0));
     BOOST_TEST(kavri_core_ipc_deinit(initiator) == good);
     BOOST_TEST(changes.count() == 0U);
 }

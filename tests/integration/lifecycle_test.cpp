@@ -137,7 +137,7 @@ BOOST_FIXTURE_TEST_CASE(fiveHundredCyclesLeaveNothingBehind, Setting) {
     for (int cycle = 0; cycle < warmUp; ++cycle) {
         BOOST_REQUIRE(liveOnce(options));
     }
-    BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
+    BOOST_TEST(haveFurtherThreads(0));
     const std::size_t descriptorsBefore = descriptors();
     [[maybe_unused]] const std::size_t bytesBefore = mallinfo2().uordblks;
 
@@ -149,7 +149,7 @@ BOOST_FIXTURE_TEST_CASE(fiveHundredCyclesLeaveNothingBehind, Setting) {
     // Before any check: a check allocates.
     [[maybe_unused]] const std::size_t bytesAfter = mallinfo2().uordblks;
     BOOST_TEST(failed == 0);
-    BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
+    BOOST_TEST(haveFurtherThreads(0));
     BOOST_TEST(descriptors() == descriptorsBefore);
 #ifndef KAVRI_SANITIZED  // there the leak checker looks, and the allocator is another
     // The least that can be lost in each cycle is one block of 16 bytes.

@@ -133,7 +133,7 @@ struct Remains {
             std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
     }
     void expectSame() const {
-        BOOST_TEST(eventually([] { return furtherThreads() == 0; }));
+        BOOST_TEST(haveFurtherThreads(0));
         BOOST_TEST(count() == descriptors);
     }
 };

@@ -60,6 +60,11 @@ inline std::size_t furtherThreads() {
     return static_cast<std::size_t>(all - known);
 }
 
+// A thread that was joined is listed for a moment longer.
+inline bool haveFurtherThreads(std::size_t count) {
+    return eventually([count] { return furtherThreads() == count; });
+}
+
 // Runs a call that is to block, on a thread whose sleep can be waited for.
 class BlockedCall {
   public:
