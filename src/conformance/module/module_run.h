@@ -21,7 +21,8 @@
 
 namespace kavri::conformance {
 
-enum class RunEnd { moduleEnded, hung, timeOver, brokerLost, signalled };
+// stopped: after a round, because no further one was wanted.
+enum class RunEnd { moduleEnded, hung, timeOver, brokerLost, signalled, stopped };
 
 // When the module counts as hanging.
 struct WatchdogSettings {
@@ -41,8 +42,11 @@ class ModuleRun {
     // `broker`: the run's own, or null. All of these must outlive this.
     // `ended` is called for each case that has a verdict.
     using CaseEnded = std::function<void(const CaseReport&)>;
+    // Called after each round of the cases, with its number and what the module then holds.
+    // Returns whether to go on.
+    using RoundEnded = std::function<bool(unsigned number, const nlohmann::json& held)>;
     ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
-              WatchdogSettings watchdog, CaseEnded ended);
+              WatchdogSettings watchdog, CaseEnded ended, RoundEnded roundEnded);
 
     // Once: returns when the module has ended, by itself or killed. Sets the descriptor
     // of the request.
@@ -51,6 +55,10 @@ class ModuleRun {
     // How the module ended.
     const process::ExitState& exit() const { return exit_; }
     const RunRecord& record() const { return record_; }
+    // How the module ended, where it should not have, and during which call.
+    std::string crashText() const;
+    // The stack of the thread that ended it; empty where it was not recorded.
+    std::string crashStack() const;
     // The last lines of the broker's log.
     const std::deque<std::string>& brokerLines() const { return brokerLines_; }
 
@@ -63,6 +71,7 @@ class ModuleRun {
     HangReport hangReport() const;
     std::string lastPassed() const;
     std::string callsUnderWay() const;
+    std::string placeOf(const ProcessEnd& end) const;
     void apply(const std::vector<ModuleEvent>& events);
     void finish();
 
@@ -83,6 +92,9 @@ class ModuleRun {
     RunDisplay& display_;
     const WatchdogSettings watchdog_;
     const CaseEnded ended_;
+    const RoundEnded roundEnded_;
+    unsigned rounds_ = 1;
+    bool isStopped_ = false;
     Clock::time_point begun_;
     std::int64_t cutOffNs_ = 0;  // when watching ended
     std::string stacks_;

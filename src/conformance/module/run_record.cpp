@@ -1,9 +1,12 @@
 // From events to reports; see run_record.h.
 #include "conformance/module/run_record.h"
 
+#include <algorithm>
 #include <cassert>
 #include <utility>
 
+#include "conformance/cases/interface_rules.h"
+#include "conformance/cases/record_judgement.h"
 #include "conformance/cases/required_record.h"
 
 namespace kavri::conformance {
@@ -45,8 +48,8 @@ const CaseReport* RunRecord::add(const ModuleEvent& event) {
     if (event.kind == Kind::peer && event.text != "ok") {
         peerMissing_ = textIn(event.data, "reason");
     }
-    if (event.kind == Kind::usage) {
-        usage_.push_back(event.data);
+    if (event.kind == Kind::crash || event.kind == Kind::exit || event.kind == Kind::stack) {
+        endProcess(event);
     }
     if (event.kind == Kind::began) {
         underWay_ = CaseReport{};
@@ -103,11 +106,50 @@ void RunRecord::addToCase(const ModuleEvent& event) {
             underWay_->faults.push_back({event.text, event.atNs, textIn(event.data, "did")});
             break;
         case Kind::left:
-            underWay_->remarks.push_back(leftText(event.data));
+            left_ = leftText(event.data);
+            underWay_->remarks.push_back(left_);
+            break;
+        case Kind::breach:
+            addBreach(event);
             break;
         default:
             break;  // not part of a case
     }
+}
+
+// A rule that is broken again is counted, and not told again.
+void RunRecord::addBreach(const ModuleEvent& event) {
+    const std::string rule = textIn(event.data, "rule");
+    if (findInterfaceRule(rule) == nullptr) {
+        return;  // not from the probe
+    }
+    const auto known = std::ranges::find(breaches_, rule, &WarningReport::rule);
+    if (known != breaches_.end()) {
+        ++known->times;
+        return;
+    }
+    const auto call = open_.find(event.number);
+    const std::string where = call != open_.end() ? underWay_->calls[call->second].function : "";
+    breaches_.push_back(
+        warningFor(rule, (where.empty() ? "" : where + ": ") + textIn(event.data, "what")));
+}
+
+void RunRecord::endProcess(const ModuleEvent& event) {
+    if (event.kind == Kind::stack) {
+        const nlohmann::json frames = event.data.value("frames", nlohmann::json::array());
+        for (const nlohmann::json& frame : frames) {
+            if (processEnd_ && frame.is_string()) {
+                processEnd_->frames.push_back(frame.get<std::string>());
+            }
+        }
+        return;
+    }
+    const bool isCall = event.kind == Kind::exit;
+    processEnd_ = ProcessEnd{.kind = isCall ? ProcessEnd::Kind::call : ProcessEnd::Kind::signal,
+                             .number = event.number,
+                             .function = textIn(event.data, "function"),
+                             .thread = event.thread,
+                             .frames = {}};
 }
 
 void RunRecord::addCall(const ModuleEvent& event, CallReport::Kind kind) {
@@ -152,21 +194,39 @@ CaseReport& RunRecord::cutOff(Verdict verdict, std::int64_t nowNs) {
     return end(nowNs);
 }
 
+// A library may keep something for good from the first use of a function on, and so not from a
+// later one.
+void RunRecord::judge() {
+    underWay_->warnings = judgeRecord(*underWay_);
+    underWay_->warnings.insert(underWay_->warnings.end(), breaches_.begin(), breaches_.end());
+    bool isFirstUse = false;
+    for (const CallReport& call : underWay_->calls) {
+        isFirstUse = functionsUsed_.insert(call.function).second || isFirstUse;
+    }
+    if (!left_.empty() && !isFirstUse) {
+        underWay_->warnings.push_back(warningFor("released-at-the-end", left_));
+    }
+    breaches_.clear();
+    left_.clear();
+}
+
 // A pass counts only where the record holds what the case must have done, with a
 // test service at the other end.
 CaseReport& RunRecord::end(std::int64_t nowNs) {
     underWay_->endNs = nowNs;
+    judge();
     if (underWay_->verdict == Verdict::pass) {
         underWay_->missing = missingFrom(*underWay_);
         if (peerMissing_) {
             underWay_->missing.push_back("no test service answers: " + *peerMissing_);
         }
-        if (!underWay_->missing.empty()) {
+        if (!underWay_->missing.empty() || (warningsFail_ && !underWay_->warnings.empty())) {
             underWay_->verdict = Verdict::fail;
         }
     }
     open_.clear();
     checkCall_.reset();
+    hasEndedCase_ = true;
     return cases_.emplace_back(*std::exchange(underWay_, std::nullopt));
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,8 +15,21 @@
 
 namespace kavri::conformance {
 
+// The process ended, or was about to, as its last lines say.
+struct ProcessEnd {
+    enum class Kind { signal, call };
+    Kind kind = Kind::signal;
+    unsigned number = 0;   // the signal, or the exit status
+    std::string function;  // of a call: "exit"
+    int thread = 0;
+    std::vector<std::string> frames;  // "FILE+0xADDRESS"
+};
+
 class RunRecord {
   public:
+    // Whether a case with a warning is no pass.
+    void failOnWarnings() { warningsFail_ = true; }
+
     // Adds an event. Returns the case that it ended, if it did.
     const CaseReport* add(const ModuleEvent& event);
 
@@ -33,14 +47,21 @@ class RunRecord {
     CaseReport& cutOff(Verdict verdict, std::int64_t nowNs);
 
     const std::vector<CaseReport>& cases() const { return cases_; }
-    // What the process held after each case, as the probe recorded it.
-    const std::vector<nlohmann::json>& usage() const { return usage_; }
+    // Whether any case has ended, in whatever round.
+    bool hasEndedCase() const { return hasEndedCase_; }
+    // The cases that have ended are those of a round that is over.
+    void beginRound() { cases_.clear(); }
+
+    const std::optional<ProcessEnd>& processEnd() const { return processEnd_; }
 
   private:
     void addToCase(const ModuleEvent& event);
     void addStray(const ModuleEvent& event);
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
     void endCall(const ModuleEvent& event);
+    void addBreach(const ModuleEvent& event);
+    void endProcess(const ModuleEvent& event);
+    void judge();
     CaseReport& end(std::int64_t nowNs);
 
     std::vector<CaseReport> cases_;  // those that have ended
@@ -50,7 +71,12 @@ class RunRecord {
     std::int64_t lastEventNs_ = 0;
     std::optional<std::string> peerMissing_;
     std::vector<std::string> strayFailures_;
-    std::vector<nlohmann::json> usage_;
+    bool warningsFail_ = false;
+    bool hasEndedCase_ = false;
+    std::vector<WarningReport> breaches_;  // of the current case, as the probe found them
+    std::string left_;                     // behind by the library after it
+    std::set<std::string> functionsUsed_;  // in the cases before
+    std::optional<ProcessEnd> processEnd_;
 };
 
 }  // namespace kavri::conformance

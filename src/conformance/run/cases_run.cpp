@@ -2,6 +2,7 @@
 #include "conformance/run/cases_run.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "process/exit_text.h"
 
@@ -31,51 +32,87 @@ CaseReport notRun(const std::string& name, const std::string& why) {
 
 CasesOutcome CasesRun::run(ModuleRunRequest request, const std::vector<std::string>& cases,
                            const Progress& progress) {
-    CasesOutcome outcome;
-    std::vector<std::string> left = cases;
-    while (!left.empty() && runRest(request, left, outcome, progress)) {
+    CasesOutcome only;
+    request.rounds = 1;
+    runRounds(std::move(request), cases, progress, [&only](CasesOutcome outcome) {
+        only = std::move(outcome);
+        return true;
+    });
+    return only;
+}
+
+unsigned CasesRun::runRounds(ModuleRunRequest request, const std::vector<std::string>& cases,
+                             const Progress& progress, const TakeRound& takeRound) {
+    unsigned done = 0;
+    Round round{{}, cases};
+    // All but the last round end while their process goes on.
+    const auto roundEnded = [&](unsigned number, const nlohmann::json& held) {
+        round.outcome.held = held;
+        if (number == request.rounds) {
+            return true;
+        }
+        ++done;
+        return takeRound(std::exchange(round, Round{{}, cases}).outcome);
+    };
+    bool goesOn = runRest(request, round, progress, roundEnded);
+    const auto ignored = [](unsigned, const nlohmann::json&) { return true; };
+    while (goesOn && !round.left.empty()) {
+        request.rounds = 1;
+        goesOn = runRest(request, round, progress, ignored);
     }
-    for (const std::string& name : left) {
-        outcome.cases.push_back(notRun(name, ""));
+    if (round.outcome.end == RunEnd::stopped) {
+        return done;
     }
-    progress(outcome.cases);
-    return outcome;
+    for (const std::string& name : round.left) {
+        round.outcome.cases.push_back(notRun(name, ""));
+    }
+    progress(round.outcome.cases);
+    takeRound(std::move(round.outcome));
+    return done + 1;
 }
 
 // Runs the remaining cases in one process, and removes those that have a verdict. Returns
 // whether to go on in another.
-bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left,
-                       CasesOutcome& outcome, const Progress& progress) {
-    request.cases = left;
-    ModuleRun moduleRun(broker_, limits_, display_, watchdog_, [&](const CaseReport& report) {
-        outcome.cases.push_back(report);
-        std::erase(left, report.name);
-        progress(outcome.cases);
-    });
-    outcome.end = moduleRun.run(module_, request);
+bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& progress,
+                       const ModuleRun::RoundEnded& roundEnded) {
+    request.cases = round.left;
+    ModuleRun moduleRun(
+        broker_, limits_, display_, watchdog_,
+        [&](const CaseReport& report) {
+            round.outcome.cases.push_back(report);
+            std::erase(round.left, report.name);
+            progress(round.outcome.cases);
+        },
+        roundEnded);
+    const RunEnd end = moduleRun.run(module_, request);
+    CasesOutcome& outcome = round.outcome;  // of the round in which the process ended
+    outcome.end = end;
     const RunRecord& record = moduleRun.record();
     for (const std::string& line : record.strayFailures()) {
         display_.showRemark(line);
     }
     const auto& said = moduleRun.brokerLines();
     outcome.brokerLines.assign(said.begin(), said.end());
-    outcome.usage.insert(outcome.usage.end(), record.usage().begin(), record.usage().end());
+    if (end == RunEnd::stopped) {
+        return false;
+    }
     const process::ExitState& exit = moduleRun.exit();
     if (record.cases().empty()) {
-        outcome.refused = exit.code == frameworkRefusal;
-        if (outcome.end == RunEnd::moduleEnded) {
-            outcome.cases.push_back(
-                notRun(left.front(), "the module " + process::exitText(exit) + " before the case"));
-            left.erase(left.begin());
+        outcome.refused = !record.hasEndedCase() && exit.code == frameworkRefusal;
+        if (end == RunEnd::moduleEnded) {
+            outcome.cases.push_back(notRun(
+                round.left.front(), "the module " + process::exitText(exit) + " before the case"));
+            round.left.erase(round.left.begin());
         }
         return false;
     }
-    if (outcome.end == RunEnd::moduleEnded && !endedInOrder(exit) &&
+    if (end == RunEnd::moduleEnded && !endedInOrder(exit) &&
         outcome.cases.back().verdict != Verdict::crash) {
         outcome.cases.back().verdict = Verdict::crash;
-        outcome.cases.back().crash = "the module " + process::exitText(exit) + " after the case";
+        outcome.cases.back().crash = moduleRun.crashText();
+        outcome.cases.back().crashStack = moduleRun.crashStack();
     }
-    return outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung;
+    return end == RunEnd::moduleEnded || end == RunEnd::hung;
 }
 
 }  // namespace kavri::conformance

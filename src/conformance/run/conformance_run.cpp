@@ -34,6 +34,9 @@ constexpr milliseconds proofCallLimit{800};
 // The cases mostly sleep.
 constexpr unsigned jobsPerProcessor = 4;
 
+// Of repeated runs; more than those that are judged.
+constexpr unsigned runsOfEachProcess = 8;
+
 double secondsSince(RunLimits::Clock::time_point begin) {
     return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
 }
@@ -143,6 +146,9 @@ std::string ConformanceRun::commandFor(const std::string& library,
     if (!plan_.libraries.empty()) {
         add("--library", library);
     }
+    if (plan_.strict) {
+        words.emplace_back("--strict");
+    }
     add("--case", caseName);
     return fmt::format("{}", fmt::join(words, " "));
 }
@@ -155,6 +161,23 @@ WatchdogSettings ConformanceRun::watchdog() const {
 unsigned ConformanceRun::jobs(unsigned most) const {
     const unsigned byDefault = jobsPerProcessor * std::max(1U, std::thread::hardware_concurrency());
     return std::min(plan_.jobs == 0 ? byDefault : plan_.jobs, most);
+}
+
+// With enough runs in each process to show what grows, unless the user wants more processes.
+unsigned ConformanceRun::repeatJobs() const {
+    if (plan_.socket) {
+        return 1;
+    }
+    return jobs(plan_.jobs == 0 ? std::max(1U, *plan_.repeat / runsOfEachProcess) : *plan_.repeat);
+}
+
+ModuleRunRequest ConformanceRun::requestFor(const LibraryRun& library,
+                                            const std::filesystem::path& socket) const {
+    ModuleRunRequest request = library.request(socket);
+    request.userArguments = plan_.moduleArguments;
+    request.fault = plan_.fault;
+    request.warningsFail = plan_.strict;
+    return request;
 }
 
 void ConformanceRun::runLibrary(const std::optional<std::string>& folder) {
@@ -204,10 +227,8 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
         own.emplace(files_.broker, limits_);
     }
     display.showOpening(report.core, report.broker);
-    ModuleRunRequest request =
-        library.request(own ? own->socket() : std::filesystem::path(*plan_.socket));
-    request.userArguments = plan_.moduleArguments;
-    request.fault = plan_.fault;
+    const ModuleRunRequest request =
+        requestFor(library, own ? own->socket() : std::filesystem::path(*plan_.socket));
     casesBegun_ = Clock::now();
     CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
     const CasesOutcome outcome =
@@ -253,13 +274,12 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
                             RunDisplay& display) {
     LibraryReport& report = report_.libraries.back();
     display.showOpening(report.core, plan_.socket ? report.broker : "brokers of its own");
-    ModuleRunRequest request = library.request({});
-    request.userArguments = plan_.moduleArguments;
-    request.fault = plan_.fault;
+    const ModuleRunRequest request = requestFor(library, {});
     const RepeatPlan repeatPlan{.runs = *plan_.repeat,
                                 .untilFail = plan_.untilFail,
                                 .shuffle = plan_.shuffle,
-                                .jobs = plan_.socket ? 1 : jobs(*plan_.repeat),
+                                .jobs = repeatJobs(),
+                                .failsOnGrowth = plan_.failsOnLeaks,
                                 .socket = plan_.socket};
     casesBegun_ = Clock::now();
     const RepeatOutcome outcome = runRepeatedly(

@@ -30,6 +30,9 @@ struct RunPlan {
     std::optional<unsigned> repeat;
     bool untilFail = false;
     std::optional<unsigned> shuffle;
+    bool failsOnLeaks = false;  // with repeats: growth is a failure
+    // Warnings count as failures, and a pass that the other side does not confirm is none.
+    bool strict = false;
     unsigned jobs = 0;         // at a time; 0: as many as suit the machine
     std::string expectations;  // a file; empty: none
     ReportPlaces reports;
@@ -56,6 +59,9 @@ class ConformanceRun {
     std::string commandFor(const std::string& library, const std::string& caseName) const;
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
+    unsigned repeatJobs() const;
+    ModuleRunRequest requestFor(const LibraryRun& library,
+                                const std::filesystem::path& socket) const;
     void runLibrary(const std::optional<std::string>& folder);
     void runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                  RunDisplay& display);

@@ -60,6 +60,10 @@ struct RunContext {
 // Runs the cases without output. `broker`: the run's own, or null.
 CasesOutcome runUnseen(const RunContext& context, process::ChildProcess* broker,
                        ModuleRunRequest request, const std::vector<std::string>& cases);
+// The same in rounds; see CasesRun::runRounds.
+unsigned runRoundsUnseen(const RunContext& context, process::ChildProcess* broker,
+                         ModuleRunRequest request, const std::vector<std::string>& cases,
+                         const CasesRun::TakeRound& takeRound);
 
 }  // namespace kavri::conformance
 
