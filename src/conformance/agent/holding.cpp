@@ -96,7 +96,7 @@ Holding Holding::now() {
     return {threadsNow(), descriptorsNow(), resident * pageKiB, data * pageKiB};
 }
 
-void noteUsage() {
+void noteHolding() {
     if (!isRecording()) {
         return;
     }
@@ -105,12 +105,11 @@ void noteUsage() {
     heldBefore = Holding::now();
 }
 
-void recordUsage() {
+void recordLeft() {
     if (!isRecording()) {
         return;
     }
     const Holding held = settled(heldBefore.threads);
-    tell("usage", dumped(asJson(held)));
     Json left = Json::object();
     const auto compare = [&left](const char* what, std::size_t now, std::size_t before) {
         if (now > before) {

@@ -1,5 +1,5 @@
-// What the process holds: threads, descriptors and memory. Recorded after each case and each
-// round, and compared with what was held before the library was initialised.
+// What the process holds: threads, descriptors and memory. Recorded after each round, and
+// compared, after each case, with what was held before the library was initialised.
 #ifndef KAVRI_CONFORMANCE_AGENT_HOLDING_H
 #define KAVRI_CONFORMANCE_AGENT_HOLDING_H
 
@@ -17,9 +17,9 @@ struct Holding {
 };
 
 // Notes what the process holds, before the library is initialised.
-void noteUsage();
-// Records what it holds, and what of it the library leaked since.
-void recordUsage();
+void noteHolding();
+// Records what of it the library has left behind since.
+void recordLeft();
 // Records what it holds after a round of all cases.
 void recordRound(unsigned number);
 

@@ -227,7 +227,7 @@ using namespace kavri::conformance;
 
 kavri_core_status kavri_core_init(void) {
     if (!isInLibrary) {
-        noteUsage();
+        noteHolding();
     }
     Call call = callOf<decltype(kavri_core_init)>(Function::coreInit);
     return make(call, noArguments, nothingStored);
@@ -239,7 +239,7 @@ kavri_core_status kavri_core_deinit(void) {
     if (!isInLibrary) {
         const InLibrary inLibrary(true);
         checkPeerUnlessSeen();
-        recordUsage();
+        recordLeft();
     }
     return status;
 }

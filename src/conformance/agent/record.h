@@ -6,7 +6,6 @@
 //     delivered NS TID N                it returned
 //     fault NS TID NAME JSON            the chosen fault was injected
 //     peer NS TID ok|missing JSON       whether a test service answers
-//     usage NS TID JSON                 what the process holds
 //     left NS TID JSON                  threads and descriptors that the library leaked
 //     round NS TID N JSON               what the process holds after a round of all cases
 //     breach NS TID N JSON              call or delivery N broke a rule: which, and how

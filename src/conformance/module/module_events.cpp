@@ -35,7 +35,6 @@ constexpr std::array forms = {
     Form{"delivered", Kind::delivered, true, false, false},
     Form{"fault", Kind::fault, false, true, true},
     Form{"peer", Kind::peer, false, true, true},
-    Form{"usage", Kind::usage, false, false, true},
     Form{"left", Kind::left, false, false, true},
     Form{"round", Kind::round, true, false, true},
     Form{"breach", Kind::breach, true, false, true},

@@ -38,7 +38,6 @@ struct ModuleEvent {
         delivered,
         fault,
         peer,
-        usage,
         left,
         round,
         breach,

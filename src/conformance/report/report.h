@@ -166,9 +166,9 @@ struct RepeatReport {
         // "grows by 1.0 with each run: …"; empty where it does not.
         std::string remark() const;
     };
-    bool failsOnGrowth = false;
     std::vector<Growth> growth;
     LatenciesByFunction latencies{};  // of all runs
+    bool failsOnGrowth = false;
 
     // Whether every run passed, and nothing grew that must not.
     bool isGood() const;

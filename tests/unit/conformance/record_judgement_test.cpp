@@ -43,7 +43,9 @@ struct Record {
     }
     CallReport& call(const std::string& function, int status = 0, Json arguments = Json::object(),
                      Json result = Json::object()) {
-        arguments.emplace("initiator", 1);
+        if (function.starts_with("kavri_core_ipc_")) {
+            arguments.emplace("initiator", 1);
+        }
         result["status"] = status;
         return add(CallReport::Kind::call, function, caller, arguments, result);
     }
@@ -198,8 +200,6 @@ BOOST_AUTO_TEST_CASE(endingSomethingThatIsThereDoesNotFail) {
 }
 
 BOOST_AUTO_TEST_CASE(endingNothingMayFail) {
-    call("kavri_core_init", 0).result["status"] = 0;
-    report.calls.clear();
     call(deinit, 1, {{"initiator", nullptr}});
     call("kavri_core_logging_deinit", 1, {{"cookie", nullptr}});
     call("kavri_core_deinit", 2);
