@@ -18,7 +18,8 @@ _kavriOptions() {
     case $1 in
         conformance)
             printf '%s ' --socket --library --case --timeout --call-timeout --time-scale --prove \
-                --fault --junit --json --html --repeat --until-fail --shuffle --jobs --expect \
+                --fault --junit --json --html --repeat --until-fail --fail-on-leaks --shuffle \
+                --jobs --expect --strict \
                 --list --list-faults --explain --help
             ;;
         bench)

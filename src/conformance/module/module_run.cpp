@@ -232,7 +232,7 @@ std::string ModuleRun::crashText() const {
     }
     if (end->kind == ProcessEnd::Kind::call) {
         return "the library called " + end->function + "(" + std::to_string(end->number) + ")" +
-               placeOf(*end);
+               placeOf(*end).substr(1);
     }
     process::ExitState signalled;
     signalled.signal = static_cast<int>(end->number);
@@ -240,7 +240,8 @@ std::string ModuleRun::crashText() const {
 }
 
 std::string ModuleRun::crashStack() const {
-    return record_.processEnd() ? namedStack(record_.processEnd()->frames) : "";
+    const std::optional<ProcessEnd>& end = record_.processEnd();
+    return end ? namedStack(end->frames, end->kind == ProcessEnd::Kind::call) : "";
 }
 
 // The call or delivery that was under way on the thread that ended the process, the innermost

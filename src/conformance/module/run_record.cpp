@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
 #include <utility>
 
 #include "conformance/cases/interface_rules.h"
@@ -129,9 +130,13 @@ void RunRecord::addBreach(const ModuleEvent& event) {
         return;
     }
     const auto call = open_.find(event.number);
-    const std::string where = call != open_.end() ? underWay_->calls[call->second].function : "";
-    breaches_.push_back(
-        warningFor(rule, (where.empty() ? "" : where + ": ") + textIn(event.data, "what")));
+    std::string where;
+    if (call != open_.end()) {
+        const CallReport& broken = underWay_->calls[call->second];
+        const bool isDelivery = broken.kind == CallReport::Kind::delivery;
+        where = (isDelivery ? "the " + broken.function + " callback" : broken.function) + ": ";
+    }
+    breaches_.push_back(warningFor(rule, where + textIn(event.data, "what")));
 }
 
 void RunRecord::endProcess(const ModuleEvent& event) {
@@ -198,7 +203,14 @@ CaseReport& RunRecord::cutOff(Verdict verdict, std::int64_t nowNs) {
 // later one.
 void RunRecord::judge() {
     underWay_->warnings = judgeRecord(*underWay_);
-    underWay_->warnings.insert(underWay_->warnings.end(), breaches_.begin(), breaches_.end());
+    // On the caller's thread the signals are the caller's.
+    const bool isOnCallersThread =
+        std::ranges::find(underWay_->warnings, "callback-thread", &WarningReport::rule) !=
+        underWay_->warnings.end();
+    std::ranges::copy_if(breaches_, std::back_inserter(underWay_->warnings),
+                         [&](const WarningReport& breach) {
+                             return !isOnCallersThread || breach.rule != "callback-signals";
+                         });
     bool isFirstUse = false;
     for (const CallReport& call : underWay_->calls) {
         isFirstUse = functionsUsed_.insert(call.function).second || isFirstUse;

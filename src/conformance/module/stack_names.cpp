@@ -20,6 +20,12 @@ namespace kavri::conformance {
 
 namespace {
 
+// Names of templates have no end.
+constexpr std::size_t longestNameBytes = 120;
+
+constexpr std::string_view framework = "/libboost_unit_test_framework";
+constexpr std::string_view again = "   and so on\n";
+
 // A file that cannot be one, or is of another machine, has no symbols.
 class SymbolTable {
   public:
@@ -98,20 +104,31 @@ class SymbolTable {
 
 }  // namespace
 
-std::string namedStack(const std::vector<std::string>& frames) {
+std::string namedStack(const std::vector<std::string>& frames, bool isCall) {
     std::map<std::string, SymbolTable> tables;
     std::string lines;
     for (std::size_t i = 0; i < frames.size(); ++i) {
         const std::string& frame = frames[i];
+        if (frame.find(framework) != std::string::npos) {
+            break;
+        }
+        // Of a recursion the first two calls say it all.
+        if (i > 0 && frame == frames[i - 1]) {
+            lines += lines.ends_with(again) ? "" : again;
+            continue;
+        }
         const std::size_t mark = frame.rfind("+0x");
         const std::string file = frame.substr(0, mark);
         std::uint64_t address = 0;
         if (mark != std::string::npos) {
             std::from_chars(frame.data() + mark + 3, frame.data() + frame.size(), address, 16);
         }
-        // Of all but the first it is where the call returns to, which may be the next function.
-        const std::string name =
-            tables.try_emplace(file, file).first->second.nameAt(i == 0 ? address : address - 1);
+        // Where a call returns to may be the next function.
+        const std::uint64_t within = i == 0 && !isCall ? address : address - 1;
+        std::string name = tables.try_emplace(file, file).first->second.nameAt(within);
+        if (name.size() > longestNameBytes) {
+            name = name.substr(0, longestNameBytes) + "…";
+        }
         lines += fmt::format("#{} {}{}\n", i, name.empty() ? "" : name + ", ",
                              frame.substr(frame.rfind('/') + 1));
     }

@@ -8,9 +8,10 @@
 
 namespace kavri::conformance {
 
-// A line for each frame "FILE+0xADDRESS": "#0 kavri_core_ipc_deinit, libkavri-core-test.so+0x1a2b".
-// A frame of a file without symbols there has no name.
-std::string namedStack(const std::vector<std::string>& frames);
+// A line for each frame "FILE+0xADDRESS", "#0 kavri_core_ipc_deinit, libkavri-core-test.so+0x1a2b",
+// as far as the test framework, which is below every case. A frame of a file without symbols
+// there has no name. `isCall`: the first frame, too, is where a call would have returned to.
+std::string namedStack(const std::vector<std::string>& frames, bool isCall);
 
 }  // namespace kavri::conformance
 

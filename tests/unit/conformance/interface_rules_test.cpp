@@ -10,6 +10,7 @@
 #include <string>
 
 #include "conformance/agent/functions.h"
+#include "conformance/faults/fault_catalogue.h"
 
 using kavri::conformance::findInterfaceRule;
 using kavri::conformance::findStatusList;
@@ -59,6 +60,31 @@ BOOST_AUTO_TEST_CASE(everyRuleHasANameOfItsOwn) {
         BOOST_TEST(findInterfaceRule(rule.name) == &rule);
     }
     BOOST_TEST(findInterfaceRule("no-such-rule") == nullptr);
+}
+
+BOOST_AUTO_TEST_CASE(theFaultsThatAWarningKillsNameARule) {
+    using kavri::conformance::warningMark;
+    std::size_t named = 0;
+    for (const auto& fault : kavri::conformance::faultCatalogue()) {
+        for (const auto& kill : fault.kills) {
+            if (kill.how.starts_with(warningMark)) {
+                ++named;
+                BOOST_TEST(findInterfaceRule(kill.how.substr(warningMark.size())) != nullptr,
+                           fault.name << ": " << kill.how);
+            }
+        }
+    }
+    BOOST_TEST(named > 0U);
+}
+
+BOOST_AUTO_TEST_CASE(everyRuleIsInTheDocument) {
+    std::ifstream file(KAVRI_SOURCE_DIR "/docs/conformance.md");
+    std::ostringstream text;
+    text << file.rdbuf();
+    for (const auto& rule : interfaceRules()) {
+        BOOST_TEST(text.str().find("`" + std::string(rule.name) + "`") != std::string::npos,
+                   rule.name);
+    }
 }
 
 BOOST_AUTO_TEST_CASE(everyFunctionHasAListWithSuccess) {

@@ -40,7 +40,7 @@ BOOST_AUTO_TEST_SUITE(stackNamesTest)
 
 BOOST_AUTO_TEST_CASE(aFrameGetsTheNameOfItsFunction) {
     const std::string frame = frameInFunction();
-    BOOST_TEST(namedStack({frame}) ==
+    BOOST_TEST(namedStack({frame}, false) ==
                "#0 nameInThisStack, " + frame.substr(frame.rfind('/') + 1) + "\n");
 }
 
@@ -48,18 +48,31 @@ BOOST_AUTO_TEST_CASE(aFrameGetsTheNameOfItsFunction) {
 // ended that never returns.
 BOOST_AUTO_TEST_CASE(aFrameThatIsReturnedToBelongsToTheCallBeforeIt) {
     const std::string frame = frameInFunction();
-    const std::string stack = namedStack({frame, frame});
+    const std::string inBetween = "libfoo.so+0x12";
+    const std::string stack = namedStack({frame, inBetween, frame}, false);
     BOOST_TEST(stack.find("#0 nameInThisStack, ") == 0U);
-    BOOST_TEST(stack.find("#1 nameInThisStack, ") == std::string::npos);
-    BOOST_TEST(stack.find("#1 ") != std::string::npos);
+    BOOST_TEST(stack.find("#2 nameInThisStack, ") == std::string::npos);
+    BOOST_TEST(stack.find("#2 ") != std::string::npos);
+    BOOST_TEST(namedStack({frame}, true).find("nameInThisStack") == std::string::npos);
+}
+
+BOOST_AUTO_TEST_CASE(aRecursionIsCutShort) {
+    BOOST_TEST(namedStack({"/a.so+0x1", "/a.so+0x2", "/a.so+0x2", "/a.so+0x2", "/a.so+0x3"},
+                          false) == "#0 a.so+0x1\n#1 a.so+0x2\n   and so on\n#4 a.so+0x3\n");
+}
+
+BOOST_AUTO_TEST_CASE(theFrameworkBelowTheCaseIsLeftOut) {
+    BOOST_TEST(
+        namedStack({"/a.so+0x1", "/lib/libboost_unit_test_framework.so.1.74.0+0x2", "/a.so+0x3"},
+                   false) == "#0 a.so+0x1\n");
 }
 
 BOOST_AUTO_TEST_CASE(whatHasNoNameKeepsItsAddress) {
-    BOOST_TEST(namedStack({"/no/such/libfoo.so+0x12"}) == "#0 libfoo.so+0x12\n");
-    BOOST_TEST(namedStack({"/etc/hostname+0x12"}) == "#0 hostname+0x12\n");
-    BOOST_TEST(namedStack({self + "+0x0"}).find(", ") == std::string::npos);
-    BOOST_TEST(namedStack({"nonsense"}) == "#0 nonsense\n");
-    BOOST_TEST(namedStack({}) == "");
+    BOOST_TEST(namedStack({"/no/such/libfoo.so+0x12"}, false) == "#0 libfoo.so+0x12\n");
+    BOOST_TEST(namedStack({"/etc/hostname+0x12"}, false) == "#0 hostname+0x12\n");
+    BOOST_TEST(namedStack({self + "+0x0"}, false).find(", ") == std::string::npos);
+    BOOST_TEST(namedStack({"nonsense"}, false) == "#0 nonsense\n");
+    BOOST_TEST(namedStack({}, false) == "");
 }
 
 BOOST_AUTO_TEST_SUITE_END()
