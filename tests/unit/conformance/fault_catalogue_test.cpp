@@ -71,7 +71,7 @@ BOOST_AUTO_TEST_CASE(eachIsKilledOrSaysWhyNot) {
 
 // The numbers that the documents have.
 BOOST_AUTO_TEST_CASE(theDocumentsSayHowManyFaultsShow) {
-    const auto faults = faultCatalogue();
+    const auto faults = kavri::conformance::faultCatalogue();
     const auto surviving = std::ranges::count_if(
         faults, [](const Fault& fault) { return !fault.survivesBecause.empty(); });
     const auto warned = std::ranges::count_if(faults, [](const Fault& fault) {
