@@ -44,6 +44,14 @@ BOOST_FIXTURE_TEST_CASE(whatIsReadAtOnceIsDeliveredInOrder, Conversation) {
     BOOST_TEST(service.isClosing);
 }
 
+BOOST_FIXTURE_TEST_CASE(aNulBehindEventsThatAreReadAtOnceIsFound, Conversation) {
+    Session& watcher = subscriber("test");
+    sayBytes(service, encode(publish("one")) + encode(publish(std::string_view("t\0wo", 4))) +
+                          encode(publish("three")));
+    BOOST_TEST(hear(watcher) == event("one"));
+    BOOST_TEST(closing(service) == "status 9: malformed: a field has a NUL byte in it");
+}
+
 BOOST_FIXTURE_TEST_CASE(theAcknowledgementComesBeforeTheFirstEvent, Conversation) {
     say(caller, subscribe(5));
     say(service, publish("news"));
