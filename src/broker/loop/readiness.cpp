@@ -91,8 +91,8 @@ bool Readiness::takeEvents(int timeoutMs) {
     return count_ > 0;
 }
 
-std::span<const epoll_event> Readiness::takeBulk() {
-    return {bulkEvents_.data(), waitAt(bulk_.get(), bulkEvents_, 0)};
+void Readiness::waitBulk() {
+    bulkCount_ = waitAt(bulk_.get(), bulkEvents_, 0);
 }
 
 }  // namespace kavri::broker

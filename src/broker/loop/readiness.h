@@ -58,8 +58,9 @@ class Readiness {
     // Those of the last call.
     std::span<const epoll_event> events() const { return {events_.data(), count_}; }
 
-    // The bulk sessions whose turn it is.
-    std::span<const epoll_event> takeBulk();
+    // The same for the bulk sessions, without sleeping: those whose turn it is.
+    void waitBulk();
+    std::span<const epoll_event> bulkEvents() const { return {bulkEvents_.data(), bulkCount_}; }
 
   private:
     static constexpr std::size_t eventsPerRound = 256;
@@ -73,6 +74,7 @@ class Readiness {
     std::array<epoll_event, eventsPerRound> events_;
     std::size_t count_ = 0;
     std::array<epoll_event, bulkPerRound> bulkEvents_;
+    std::size_t bulkCount_ = 0;
 };
 
 }  // namespace kavri::broker

@@ -152,9 +152,8 @@ void Server::handleSession(Session& session, const epoll_event& event) {
 }
 
 void Server::handleBulk() {
-    const auto events = readiness_.takeBulk();
-    bulkInRound_ = std::max<std::size_t>(1, events.size());
-    for (const epoll_event& event : events) {
+    readiness_.waitBulk();
+    for (const epoll_event& event : readiness_.bulkEvents()) {
         handleEvent(event);
     }
 }
@@ -179,8 +178,9 @@ std::size_t Server::readShare(const Session& session) const {
         return std::clamp(eventBytesPerRound / std::max(ready, receivers), leastEventBytesPerRead,
                           Traffic::mostReadBytes);
     }
+    const std::size_t bulk = std::max<std::size_t>(1, readiness_.bulkEvents().size());
     const std::size_t frames =
-        session.isBulk ? std::max(bulkFramesPerRound / bulkInRound_, leastFramesPerRead)
+        session.isBulk ? std::max(bulkFramesPerRound / bulk, leastFramesPerRead)
                        : std::clamp(framesPerRound / ready, leastFramesPerRead, framesPerRead);
     return std::min(frames * session.input.typicalFrameBytes, Traffic::mostReadBytes);
 }

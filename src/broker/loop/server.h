@@ -105,7 +105,6 @@ class Server {
     Policy policy_;
     std::function<void()> onSignal_;
     bool bulkIsReady_ = false;
-    std::size_t bulkInRound_ = 1;
     bool connectionsWait_ = false;
     bool filesChanged_ = false;
     bool stopping_ = false;

@@ -94,7 +94,8 @@ BOOST_FIXTURE_TEST_CASE(eachBulkSessionHasItsTurnBeforeAnyHasASecondOne, Session
     }
     Marks taken;
     while (taken.size() < all.size()) {
-        const auto events = readiness.takeBulk();
+        readiness.waitBulk();
+        const auto events = readiness.bulkEvents();
         BOOST_REQUIRE(!events.empty());
         BOOST_TEST(events.size() < all.size());
         taken.merge(marksOf(events));
@@ -107,7 +108,8 @@ BOOST_FIXTURE_TEST_CASE(aSessionThatIsNoLongerBulkIsReportedByItself, Sessions) 
     BOOST_TEST(readiness.setBulk(one.session, false));
     BOOST_TEST(readiness.poll());
     BOOST_TEST(marksOf(readiness.events()) == Marks{markOf(one.session.id)});
-    BOOST_TEST(readiness.takeBulk().empty());
+    readiness.waitBulk();
+    BOOST_TEST(readiness.bulkEvents().empty());
 }
 
 BOOST_FIXTURE_TEST_CASE(aBulkSessionThatIsNotWatchedIsNotReported, Sessions) {
