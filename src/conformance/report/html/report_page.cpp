@@ -77,10 +77,11 @@ std::string caseRow(const json& one) {
 
 std::string libraryTable(const json& library) {
     std::string html = fmt::format(
-        "<h2>{}: {}</h2>\n<table><caption>Cases of {}</caption>\n<thead><tr>"
+        "<h2>{}: {}</h2>\n<p>{}</p>\n<table><caption>Cases of {}</caption>\n<thead><tr>"
         "<th scope=\"col\">Case</th><th scope=\"col\">Verdict</th><th scope=\"col\">Checks</th>"
         "<th scope=\"col\">Failed checks</th></tr></thead>\n<tbody>\n",
-        textOf(library, "name"), textOf(library, "verdict"), textOf(library, "core"));
+        textOf(library, "name"), textOf(library, "verdict"), textOf(library, "reason"),
+        textOf(library, "core"));
     for (const json& one : library.at("cases")) {
         html += caseRow(one);
     }
