@@ -64,6 +64,7 @@ constexpr std::string_view knownDefects[] = {  // Coming up. The value is the st
     "answersMissing", "answerMissing", "answerDoubled", "answerOvertaken",
     "thirdAnswerAtTry",  // value: the receive, counted from the answer on, that finds it
     "answerPayload", "answerPayloadMissing", "answerUuid", "firstAnswerUuid", "answerUuidPrefix",
+    "answerBytes",  // value: the length of each payload
 
     // The service. The value is the counter at the start, or the step.
     "counterStart", "counterKept", "counterStep", "initiatorAnswered", "eventAnswered",
@@ -76,9 +77,10 @@ constexpr std::string_view knownDefects[] = {  // Coming up. The value is the st
     "deliveryContext", "deliveryArgumentMissing", "deliveryTextMissing", "deliveriesInTime",
     "eventLost", "eventDoubled",
 
-    // What a library does to its process: when it is loaded, or with each send.
-    "crashesWhenLoaded", "hangsWhenLoaded", "hangs", "leavesProcess", "startsThreads", "prints",
-    "doesNothing"};  // all calls succeed, and no message comes
+    // What a library does to its process: when it is loaded or unloaded, or with each send.
+    "crashesWhenLoaded", "hangsWhenLoaded", "crashesWhenUnloaded", "hangsWhenUnloaded", "hangs",
+    "leavesProcess", "startsThreads", "closesDescriptors", "prints", "printsControls",
+    "printsWithoutEnd", "doesNothing"};  // all calls succeed, and no message comes
 
 // Ends the run if the environment asks for a defect that this library cannot play:
 // the test that asked would otherwise judge a healthy library.
@@ -180,6 +182,14 @@ void disturbProcess() {
         puts("a line on standard output");
         fputs("a line on standard error\n", stderr);
         fputs("no line break at the end", stdout);
+    } else if (defect("closesDescriptors")) {
+        close_range(3, ~0U, 0);
+    } else if (defect("printsControls")) {
+        fputs("\x1b[2J\x1b]0;title\a \xff\xc2\x9b", stderr);
+    } else if (defect("printsWithoutEnd")) {
+        while (true) {
+            puts("and another line, and another one, and another one");
+        }
     }
 }
 
@@ -188,6 +198,14 @@ __attribute__((constructor)) void disturbLoading() {
         fputs("cannot be loaded\n", stderr);
         abort();
     } else if (defect("hangsWhenLoaded")) {
+        hang();
+    }
+}
+
+__attribute__((destructor)) void disturbUnloading() {
+    if (defect("crashesWhenUnloaded")) {
+        abort();
+    } else if (defect("hangsWhenUnloaded")) {
         hang();
     }
 }
@@ -383,6 +401,9 @@ std::string nameOf(const kavri_core_ipc_initiator* initiator) {
 std::optional<std::string> answerPayload(const std::string& right) {
     if (defect("answerPayloadMissing")) {
         return std::nullopt;
+    }
+    if (const auto bytes = defect("answerBytes")) {
+        return std::string(std::stoul(*bytes), 'x');
     }
     return defect("answerPayload").value_or(right);
 }

@@ -8,6 +8,7 @@
 #include <boost/test/unit_test.hpp>
 #include <cerrno>
 #include <filesystem>
+#include <tuple>
 
 #include "support/conformance_reports.h"
 
@@ -82,6 +83,9 @@ BOOST_AUTO_TEST_CASE(aLibraryThatFailsWhenLoadedIsNoPass) {
     checkNotRun(runReported({"--library", standIn, "--timeout", "0.3"},
                             {{"STAND_IN_DEFECT", "hangsWhenLoaded"}}),
                 2, "the 0.3 s were over");
+    checkNotRun(runReported({"--library", standIn, "--call-timeout", "0.3"},
+                            {{"STAND_IN_DEFECT", "hangsWhenUnloaded"}}),
+                3, "hangs when it is unloaded");
 }
 
 BOOST_AUTO_TEST_CASE(withoutABrokerTheReportsAreWrittenAndSaySo) {
@@ -152,12 +156,11 @@ BOOST_AUTO_TEST_CASE(aRunThatIsKilledLeavesAnIncompleteReport) {
     BOOST_TEST(contains(junit(), "type=\"not run\""), junit());
     BOOST_TEST(contains(junit(), reason), junit());
     checkPage("incomplete", reason);
-    // Nobody could tidy up: the kernel ended the programs, the test removes the rest.
+    // Nobody could tidy up: the kernel ended the programs, the next run removes the folder.
     while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
     }
-    for (const auto& left : fs::directory_iterator(temporary())) {
-        fs::remove_all(left);
-    }
+    BOOST_TEST(!fs::is_empty(temporary()));
+    run(sendPass);  // checks that nothing is left
 }
 
 BOOST_AUTO_TEST_CASE(aRunThatIsKilledBeforeTheFirstCaseLeavesAReportOfNothing) {
@@ -173,6 +176,93 @@ BOOST_AUTO_TEST_CASE(aRunThatIsKilledBeforeTheFirstCaseLeavesAReportOfNothing) {
     checkPage("not run", "the run had not ended when this was written");
     while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
     }
+}
+
+BOOST_AUTO_TEST_CASE(failuresTimeOutsAndCrashesAreVerdicts) {
+    const std::vector<std::tuple<std::string, std::string, int>> faults = {
+        {"receive-payload-altered", "fail", 1},
+        {"receive-hangs", "timeout", 2},
+        {"receive-crashes", "crash", 2}};
+    for (const auto& [fault, verdict, status] : faults) {
+        const ToolResult result = runReported({"--library", ours, "--case", "initiatorRepeatEcho",
+                                               "--fault", fault, "--call-timeout", "1"});
+        BOOST_TEST(result.exit.code == status, result.error);
+        BOOST_TEST(json()["verdict"] == verdict);
+        BOOST_TEST(json()["libraries"][0]["verdict"] == verdict);
+        checkPage(verdict, "");
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aLibraryIsCalledTheSameHoweverItsPathIsTyped) {
+    const std::string folder = fs::path(ours).filename();
+    for (const std::string& typed :
+         {ours, ours + "/", ours + "/../" + folder, fs::relative(ours).string()}) {
+        runReported(with(sendPass, {"--library", typed}));
+        BOOST_TEST(json()["libraries"][0]["name"] == ours);
+        BOOST_TEST(contains(junit(), "classname=\"" + ours + ".initiatorSend\""), junit());
+    }
+    runReported(with(sendPass, {"--library", ours, "--name", "ours, 1.0"}));
+    BOOST_TEST(json()["libraries"][0]["name"] == "ours, 1.0");
+    BOOST_TEST(contains(junit(), "classname=\"ours, 1.0.initiatorSend\""), junit());
+    BOOST_TEST(run({"--library", ours, "--library", standIn, "--name", "one"}).exit.code == 64);
+    BOOST_TEST(
+        run({"--library", ours, "--library", standIn, "--name", "a", "--name", "a"}).exit.code ==
+        64);
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(nothingIsUnbounded, Verdicts)
+
+BOOST_AUTO_TEST_CASE(whatTheLibraryPrintsIsWithItsCase) {
+    runReported({"--library", standIn, "--case", "initiatorSendPass", "--case",
+                 "initiatorFailReceiveWithCallback"},
+                {{"STAND_IN_DEFECT", "prints"}});
+    const nlohmann::json report = json();
+    const nlohmann::json& cases = report["libraries"][0]["cases"];
+    const std::string printed = cases[0]["output"];
+    BOOST_TEST(contains(printed, "a line on standard error\n"), printed);
+    BOOST_TEST(contains(printed, "a line on standard output\n"), printed);
+    BOOST_TEST(contains(printed, "no line break at the end\n"), printed);
+    BOOST_TEST(cases[1]["output"] == "");  // it sends nothing
+    BOOST_TEST(contains(junit(), "<system-err>a line on standard"), junit());
+    BOOST_TEST(contains(page(), "no line break at the end"));
+}
+
+// With as much memory as the tool needs otherwise.
+BOOST_AUTO_TEST_CASE(aLibraryThatPrintsForEverFillsNeitherMemoryNorReports) {
+    kavri::process::ChildSpawn limited = spawn(
+        reported({"--library", standIn, "--case", "initiatorSendPass", "--call-timeout", "1"}),
+        {{"STAND_IN_DEFECT", "printsWithoutEnd"}});
+    limited.arguments.insert(limited.arguments.begin(),
+                             {"-c", "ulimit -v 1000000; exec \"$0\" \"$@\"", limited.program});
+#ifdef KAVRI_SANITIZED  // whose shadow memory is larger than that
+    limited.arguments[1] = "exec \"$0\" \"$@\"";
+#endif
+    limited.program = "/bin/bash";
+    ChildProcess tool(limited);
+    const ToolResult result = finish(tool);
+    checkValid();
+    BOOST_TEST(result.exit.code == 2, result.error.substr(0, 1000));
+    BOOST_TEST(result.error.size() < 25'000U);
+    const nlohmann::json report = json();
+    const std::string printed = report["libraries"][0]["cases"][0]["output"];
+    BOOST_TEST(printed.size() < 17'000U);
+    BOOST_TEST(printed.ends_with(" bytes more)\n"), printed.substr(printed.size() - 100));
+    BOOST_TEST(textOf(at("r.json")).size() < 200'000U);
+    BOOST_TEST(junit().size() < 200'000U);
+    BOOST_TEST(page().size() < 400'000U);
+}
+
+BOOST_AUTO_TEST_CASE(longPayloadsMakeNoLongReports) {
+    const ToolResult result =
+        runReported({"--library", standIn}, {{"STAND_IN_DEFECT", "answerBytes=3000000"}});
+    BOOST_TEST(result.exit.code == 1, result.error);
+    BOOST_TEST(result.output.size() < 100'000U);
+    BOOST_TEST(textOf(at("r.json")).size() < 500'000U);
+    BOOST_TEST(junit().size() < 200'000U);
+    BOOST_TEST(page().size() < 500'000U);
+    BOOST_TEST(contains(junit(), " bytes more)"));
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -25,7 +25,7 @@
 #include <sstream>
 #include <string>
 
-#include "conformance/agent/case_mark.h"
+#include "conformance/agent/channel.h"
 #include "conformance/agent/check_entry.h"
 #include "conformance/agent/record.h"
 

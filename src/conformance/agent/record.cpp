@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "base/bounded_text.h"
+#include "conformance/agent/channel.h"
 
 namespace kavri::conformance {
 
@@ -127,8 +128,11 @@ std::string dumped(const Json& json) {
 }
 
 void tell(std::string_view word, const std::string& rest) {
-    if (!isRecording() || !channel().isStillThere()) {
+    if (!isRecording()) {
         return;
+    }
+    if (!channel().isStillThere()) {
+        _exit(channelClosedStatus);
     }
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     const std::string line =

@@ -13,9 +13,8 @@
 // thread, N counts calls and deliveries together, and is 0 for the calls of the peer
 // check. The lines go to the descriptor that KAVRI_MODULE_EVENTS names, each with one
 // write: lines of two threads do not mix, and what was written before a crash is kept.
-// Where the variable is not set nothing is written, nor where the descriptor has become
-// another file: a library that closes what is not its own may get the number for a
-// connection.
+// Where the variable is not set nothing is written. Where the descriptor was closed, or has
+// become another file since, the process is ended; see channel.h.
 #ifndef KAVRI_CONFORMANCE_AGENT_RECORD_H
 #define KAVRI_CONFORMANCE_AGENT_RECORD_H
 

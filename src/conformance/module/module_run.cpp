@@ -14,7 +14,7 @@
 #include <csignal>
 
 #include "base/text_scanner.h"
-#include "conformance/agent/case_mark.h"
+#include "conformance/agent/channel.h"
 #include "conformance/module/broker_access.h"
 #include "conformance/module/stacks.h"
 #include "process/exit_text.h"
@@ -78,7 +78,7 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     begun_ = Clock::now();
     process::ChildProcess process(module.runSpawn(request));
     eventsPipe_.writeEnd.close();  // so that the other end shows when the module closes its own
-    const RunEnd end = watch(process);
+    RunEnd end = watch(process);
     cutOffNs_ = Clock::now().time_since_epoch().count();
     if (end == RunEnd::hung && watchdog_.wantsStacks) {
         stacks_ = stacksOf(process.pid());
@@ -91,6 +91,9 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
         apply(last);
     }
     finish();
+    if (end == RunEnd::moduleEnded && exit_.signal == 0 && exit_.code == channelClosedStatus) {
+        end = RunEnd::channelClosed;
+    }
     cutOff(end);
     return end;
 }
