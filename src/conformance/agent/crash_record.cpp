@@ -69,7 +69,11 @@ class Line {
     }
     std::size_t room() const { return bytes_.size() - used_; }
 
-    void write() { static_cast<void>(!::write(eventsDescriptor(), bytes_.data(), used_)); }
+    void write() {
+        if (const int descriptor = eventsDescriptor(); descriptor >= 0) {
+            static_cast<void>(!::write(descriptor, bytes_.data(), used_));
+        }
+    }
 
   private:
     std::array<char, 4000> bytes_{};  // a pipe takes no longer line in one piece

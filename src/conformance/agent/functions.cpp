@@ -2,11 +2,12 @@
 #include "conformance/agent/functions.h"
 
 #include <dlfcn.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+
+#include "conformance/agent/record.h"
 
 namespace kavri::conformance {
 
@@ -38,9 +39,7 @@ const char* functionName(Function function) {
 void giveUp(const std::string& why) {
     const std::string line = "kavri-probe: " + why + "\n";
     static_cast<void>(!write(STDERR_FILENO, line.data(), line.size()));
-    // Past the probe's own functions that end the process: the library has not called one.
-    syscall(SYS_exit_group, couldNotRun);
-    __builtin_unreachable();
+    endProcess(couldNotRun);
 }
 
 void* functionBehind(Function function) {

@@ -7,11 +7,14 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/pipe.h"
+#include "conformance/module/case_output.h"
 #include "conformance/module/conformance_module.h"
 #include "conformance/module/module_events.h"
 #include "conformance/module/run_limits.h"
@@ -21,8 +24,13 @@
 
 namespace kavri::conformance {
 
-// stopped: after a round, because no further one was wanted.
-enum class RunEnd { moduleEnded, hung, timeOver, brokerLost, signalled, stopped };
+// channelClosed: the module goes on, but its records do not come any more. stopped: after a
+// round, because no further one was wanted.
+enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled, stopped };
+
+// To be followed by where that was.
+inline const std::string closedChannelText =
+    "the library closed a file descriptor that is not its own, by which the kit follows the module";
 
 // When the module counts as hanging.
 struct WatchdogSettings {
@@ -59,14 +67,19 @@ class ModuleRun {
     std::string crashText() const;
     // The stack of the thread that ended it; empty where it was not recorded.
     std::string crashStack() const;
+    // Whether a case was under way at that time.
+    bool cutACase() const { return cutACase_; }
     // The last lines of the broker's log.
     const std::deque<std::string>& brokerLines() const { return brokerLines_; }
+    // What was printed in a case, and after it until the next one began.
+    std::string outputOf(const std::string& caseName) const;
 
   private:
     RunEnd watch(process::ChildProcess& module);
     void pollOnce(const process::ChildProcess& module) const;
     Clock::time_point hangTime() const;
-    void follow(process::ChildProcess& module);
+    Clock::time_point wakeTime() const;
+    std::vector<ModuleEvent> follow(process::ChildProcess& module);
     void cutOff(RunEnd end);
     HangReport hangReport() const;
     std::string lastPassed() const;
@@ -84,7 +97,8 @@ class ModuleRun {
       private:
         std::string partial_;
     };
-    void showModuleLine(std::string_view line);
+    void takeModuleLine(std::string& currentCase, std::string_view line);
+    void showModuleLine(const std::string& caseName, std::string_view line);
     void keepBrokerLine(std::string_view line);
 
     process::ChildProcess* broker_;
@@ -97,12 +111,18 @@ class ModuleRun {
     bool isStopped_ = false;
     Clock::time_point begun_;
     std::int64_t cutOffNs_ = 0;  // when watching ended
+    bool cutACase_ = false;
     std::string stacks_;
     base::Pipe eventsPipe_;  // the module's events, beside its output
+    std::optional<Clock::time_point> channelClosed_;
     ModuleEvents events_;
     RunRecord record_;
+    // What the module prints, and the case in which each of the two streams is.
     LineBuffer output_;
     LineBuffer error_;
+    std::string outputCase_;
+    std::string errorCase_;
+    std::map<std::string, CaseOutput> printed_;
     LineBuffer brokerError_;
     std::deque<std::string> brokerLines_;
     process::ExitState exit_;

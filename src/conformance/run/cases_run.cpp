@@ -1,7 +1,10 @@
 // One process of the module after the other; see cases_run.h.
 #include "conformance/run/cases_run.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "process/exit_text.h"
@@ -71,6 +74,47 @@ unsigned CasesRun::runRounds(ModuleRunRequest request, const std::vector<std::st
     return done + 1;
 }
 
+std::string CasesRun::standstillText() const {
+    return fmt::format("did nothing for {:.1f} s",
+                       std::chrono::duration<double>(watchdog_.silenceLimit()).count());
+}
+
+// Why a process of the module came to none of its cases.
+std::string CasesRun::whyNoneBegan(RunEnd end, const process::ExitState& exit) const {
+    switch (end) {
+        case RunEnd::hung:
+            return fmt::format(
+                "the module {} before the case; does the core library hang when it is loaded?",
+                standstillText());
+        case RunEnd::channelClosed:
+            return closedChannelText + " before the case";
+        default:
+            return "the module " + process::exitText(exit) + " before the case";
+    }
+}
+
+// What becomes of the module behind its last case is told with that case. Returns whether
+// there was something to tell.
+bool CasesRun::blameLastCase(const ModuleRun& run, RunEnd end, CaseReport& last) const {
+    if (end == RunEnd::moduleEnded && !endedInOrder(run.exit())) {
+        last.verdict = Verdict::crash;
+        last.crash = run.crashText();
+        last.crashStack = run.crashStack();
+    } else if (end == RunEnd::hung) {
+        last.verdict = Verdict::timeout;
+        last.missing.push_back(
+            fmt::format("the module {} after the case; does the core library hang when it is "
+                        "unloaded?",
+                        standstillText()));
+    } else if (end == RunEnd::channelClosed) {
+        last.verdict = Verdict::fail;
+        last.missing.push_back(closedChannelText + " after the case");
+    } else {
+        return false;
+    }
+    return true;
+}
+
 // Runs the remaining cases in one process, and removes those that have a verdict. Returns
 // whether to go on in another.
 bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& progress,
@@ -96,23 +140,28 @@ bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& 
     if (end == RunEnd::stopped) {
         return false;
     }
-    const process::ExitState& exit = moduleRun.exit();
+    const bool goesOn =
+        end == RunEnd::moduleEnded || end == RunEnd::hung || end == RunEnd::channelClosed;
     if (record.cases().empty()) {
-        outcome.refused = !record.hasEndedCase() && exit.code == frameworkRefusal;
-        if (end == RunEnd::moduleEnded) {
-            outcome.cases.push_back(notRun(
-                round.left.front(), "the module " + process::exitText(exit) + " before the case"));
+        outcome.refused = !record.hasEndedCase() && moduleRun.exit().code == frameworkRefusal;
+        if (goesOn) {
+            CaseReport& first = outcome.cases.emplace_back(
+                notRun(round.left.front(), whyNoneBegan(end, moduleRun.exit())));
+            first.output = moduleRun.outputOf(first.name);
             round.left.erase(round.left.begin());
         }
         return false;
     }
-    if (end == RunEnd::moduleEnded && !endedInOrder(exit) &&
-        outcome.cases.back().verdict != Verdict::crash) {
-        outcome.cases.back().verdict = Verdict::crash;
-        outcome.cases.back().crash = moduleRun.crashText();
-        outcome.cases.back().crashStack = moduleRun.crashStack();
+    // What was printed after a case is known only now.
+    for (CaseReport& each : outcome.cases) {
+        if (const std::string printed = moduleRun.outputOf(each.name); !printed.empty()) {
+            each.output = printed;
+        }
     }
-    return end == RunEnd::moduleEnded || end == RunEnd::hung;
+    if (!moduleRun.cutACase() && blameLastCase(moduleRun, end, outcome.cases.back())) {
+        display_.showCaseEnded(outcome.cases.back());
+    }
+    return goesOn;
 }
 
 }  // namespace kavri::conformance

@@ -56,6 +56,9 @@ class CasesRun {
 
     bool runRest(ModuleRunRequest& request, Round& round, const Progress& progress,
                  const ModuleRun::RoundEnded& roundEnded);
+    std::string standstillText() const;
+    std::string whyNoneBegan(RunEnd end, const process::ExitState& exit) const;
+    bool blameLastCase(const ModuleRun& run, RunEnd end, CaseReport& last) const;
 
     const ConformanceModule& module_;
     process::ChildProcess* broker_;
