@@ -7,9 +7,14 @@
 // module_events.h for the lines. Each is written at once and as a whole, so what was
 // written before a crash is there after it.
 //
+// Between two cases the module waits until the tool has compared the case with what reached
+// the test service, so that the requests of one are not taken for those of the next. The
+// descriptor that KAVRI_MODULE_RELEASE names gives a byte for each case.
+//
 // The framework is not thread-safe, and neither is this: the module sees to it that
 // one thread at a time uses the framework.
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <boost/test/execution_monitor.hpp>
 #include <boost/test/framework.hpp>
@@ -17,6 +22,7 @@
 #include <boost/test/tree/test_unit.hpp>
 #include <boost/test/unit_test_log.hpp>
 #include <boost/test/unit_test_log_formatter.hpp>
+#include <cerrno>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -46,6 +52,14 @@ std::string stringOf(const_string text) {
 
 std::string placeText(const std::string& file, std::size_t line) {
     return file + '(' + std::to_string(line) + ')';
+}
+
+// Returns at once where nothing is to be waited for, or the tool has ended.
+void awaitRelease() {
+    static const int descriptor = kavri::conformance::descriptorIn("KAVRI_MODULE_RELEASE");
+    char byte = 0;
+    while (descriptor >= 0 && read(descriptor, &byte, 1) < 0 && errno == EINTR) {
+    }
 }
 
 class Formatter : public ut::unit_test_log_formatter {
@@ -154,6 +168,7 @@ class Observer : public ut::test_observer {
     void test_unit_finish(const ut::test_unit& unit, unsigned long elapsedUs) override {
         if (isCase(unit)) {
             tell("ended", std::to_string(elapsedUs) + " " + unit.full_name());
+            awaitRelease();
         }
     }
 

@@ -19,12 +19,7 @@ namespace {
 
 // -1: nothing is recorded.
 int eventsDescriptor() {
-    static const int descriptor = [] {
-        const std::string text = environmentVariable("KAVRI_MODULE_EVENTS");
-        int number = -1;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-        return error == std::errc() && end == text.data() + text.size() ? number : -1;
-    }();
+    static const int descriptor = descriptorIn("KAVRI_MODULE_EVENTS");
     return descriptor;
 }
 
@@ -84,6 +79,13 @@ std::string environmentVariable(const char* name) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the module never writes its environment.
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
+}
+
+int descriptorIn(const char* variable) {
+    const std::string text = environmentVariable(variable);
+    int number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? number : -1;
 }
 
 bool isRecording() {

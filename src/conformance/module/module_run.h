@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "base/pipe.h"
+#include "conformance/module/broker_access.h"
 #include "conformance/module/conformance_module.h"
 #include "conformance/module/module_events.h"
 #include "conformance/module/run_limits.h"
@@ -38,10 +39,9 @@ class ModuleRun {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // `broker`: the run's own, or null. All of these must outlive this.
-    // `ended` is called for each case that has a verdict.
+    // All of these must outlive this. `ended` is called for each case that has a verdict.
     using CaseEnded = std::function<void(const CaseReport&)>;
-    ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
+    ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDisplay& display,
               WatchdogSettings watchdog, CaseEnded ended);
 
     // Once: returns when the module has ended, by itself or killed. Sets the descriptor
@@ -64,6 +64,8 @@ class ModuleRun {
     std::string lastPassed() const;
     std::string callsUnderWay() const;
     void apply(const std::vector<ModuleEvent>& events);
+    std::vector<std::string> confirm(const CaseReport& report, bool hasProbeEcho) const;
+    void beginNextCase();
     void finish();
 
     // Splits a stream into lines.
@@ -78,15 +80,17 @@ class ModuleRun {
     void showModuleLine(std::string_view line);
     void keepBrokerLine(std::string_view line);
 
-    process::ChildProcess* broker_;
+    const OtherEnd otherEnd_;
+    process::ChildProcess* const broker_;  // of the other end
     const RunLimits& limits_;
     RunDisplay& display_;
     const WatchdogSettings watchdog_;
     const CaseEnded ended_;
-    Clock::time_point begun_;
-    std::int64_t cutOffNs_ = 0;  // when watching ended
+    Clock::time_point releasedAt_;  // the module, to its first case or to the next one
+    std::int64_t cutOffNs_ = 0;     // when watching ended
     std::string stacks_;
-    base::Pipe eventsPipe_;  // the module's events, beside its output
+    base::Pipe eventsPipe_;   // the module's events, beside its output
+    base::Pipe releasePipe_;  // a byte lets the module go on to the next case
     ModuleEvents events_;
     RunRecord record_;
     LineBuffer output_;

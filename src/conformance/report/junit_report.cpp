@@ -208,10 +208,13 @@ class SuiteElement {
         set(element_, "timestamp", timestamp);
     }
 
-    void add(const CaseReport& report, std::string_view bareName) {
+    void add(const CaseReport& report, std::string_view bareName, bool unconfirmed) {
         pugi::xml_node testCase = appendTestCase(element_, className_, bareName, report.seconds());
         appendVerdict(testCase, report);
-        setText(testCase.append_child("system-out"), recordText(report));
+        const std::string remark = report.verdict == Verdict::pass && unconfirmed
+                                       ? fmt::format("pass, {}\n", notConfirmedText)
+                                       : "";
+        setText(testCase.append_child("system-out"), remark + recordText(report));
     }
 
     void add(const FaultReport& fault) {
@@ -253,7 +256,7 @@ std::string junitReport(const Report& report) {
                 suites.emplace_back(root, fmt::format("{}.{}", library.name, suite), report.date);
                 current = suite;
             }
-            suites.back().add(one, name);
+            suites.back().add(one, name, library.unconfirmed);
         }
     }
     if (report.matrix) {

@@ -68,7 +68,8 @@ static void to_json(json& result, const LibraryReport& library) {
               {"core", library.core},
               {"broker", library.broker},
               {"seconds", library.seconds},
-              {"verdict", verdictText(worstOf(library.cases))},
+              {"verdict", verdictText(library)},
+              {"confirmed", !library.unconfirmed},
               {"cases", library.cases},
               {"latencies", latenciesJson(latencies)}};
 }
@@ -96,7 +97,7 @@ json toJson(const Report& report) {
             {"command", report.command},
             {"date", report.date},
             {"tool", report.tool},
-            {"verdict", verdictText(verdictOn(report))},
+            {"verdict", verdictText(report)},
             {"seconds", report.seconds},
             {"libraries", report.libraries},
             {"matrix", orNull(report.matrix)},
@@ -119,6 +120,21 @@ std::string_view verdictText(Verdict verdict) {
             return "harness error";
     }
     return "";
+}
+
+static std::string textOf(Verdict verdict, bool unconfirmed) {
+    std::string text(verdictText(verdict));
+    return verdict == Verdict::pass && unconfirmed ? text + ", " + std::string(notConfirmedText)
+                                                   : text;
+}
+
+std::string verdictText(const LibraryReport& library) {
+    return textOf(worstOf(library.cases), library.unconfirmed);
+}
+
+std::string verdictText(const Report& report) {
+    return textOf(verdictOn(report),
+                  std::ranges::any_of(report.libraries, &LibraryReport::unconfirmed));
 }
 
 unsigned CaseReport::checksFailed() const {

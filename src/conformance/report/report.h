@@ -92,9 +92,16 @@ struct LibraryReport {
     std::string name;  // as the user named it
     std::string core;  // the file
     std::string broker;
+    // Nothing shows that the requests reached a service.
+    bool unconfirmed = false;
     double seconds = 0;
     std::vector<CaseReport> cases;  // in the order of the module
 };
+
+// Of a library whose cases pass by what was recorded in its own process alone.
+inline constexpr std::string_view notConfirmedText = "not confirmed by the other side";
+// The worst of its cases; of a pass also whether the other side confirms it.
+std::string verdictText(const LibraryReport& library);
 
 // How long the calls of each function took.
 using LatenciesByFunction = std::map<std::string, base::Latencies>;
@@ -157,6 +164,7 @@ struct Report {
 
 // Of all that was run.
 Verdict verdictOn(const Report& report);
+std::string verdictText(const Report& report);
 
 // The documented form; see docs/conformance.md.
 nlohmann::json toJson(const Report& report);

@@ -47,7 +47,7 @@ CasesOutcome CasesRun::run(ModuleRunRequest request, const std::vector<std::stri
 bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left,
                        CasesOutcome& outcome, const Progress& progress) {
     request.cases = left;
-    ModuleRun moduleRun(broker_, limits_, display_, watchdog_, [&](const CaseReport& report) {
+    ModuleRun moduleRun(otherEnd_, limits_, display_, watchdog_, [&](const CaseReport& report) {
         outcome.cases.push_back(report);
         std::erase(left, report.name);
         progress(outcome.cases);

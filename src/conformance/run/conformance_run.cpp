@@ -14,6 +14,7 @@
 
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/module/module_arguments.h"
+#include "conformance/module/preflight.h"
 #include "conformance/run/kill_matrix.h"
 #include "conformance/run/repeats.h"
 #include "process/exit_text.h"
@@ -93,12 +94,12 @@ double RunPlan::limitSeconds() const {
 process::ExitStatus ConformanceRun::run() {
     assert(!reportFiles_);  // runs once
     checkModuleArguments(plan_.moduleArguments);
+    if (!plan_.serviceRecord.empty()) {
+        evidence_.emplace(std::filesystem::path(plan_.serviceRecord));
+    }
     if (plan_.socket) {
         checkBrokerListens(*plan_.socket);
-        // Another library may talk to its broker in another way.
-        if (plan_.libraries.empty()) {
-            checkBrokerAnswers(*plan_.socket);
-        }
+        checkTestService(*plan_.socket, evidence_ ? &*evidence_ : nullptr, limits_);
     }
     if (!plan_.expectations.empty()) {
         expectations_ = Expectations::read(plan_.expectations);
@@ -137,6 +138,15 @@ std::string ConformanceRun::commandFor(const std::string& library,
     if (plan_.socket) {
         add("--socket", *plan_.socket);
     }
+    if (plan_.ownBroker) {
+        words.emplace_back("--own-broker");
+    }
+    if (!plan_.serviceRecord.empty()) {
+        add("--service-record", plan_.serviceRecord);
+    }
+    if (plan_.strict) {
+        words.emplace_back("--strict");
+    }
     if (!plan_.fault.empty()) {
         add("--fault", plan_.fault);
     }
@@ -145,6 +155,18 @@ std::string ConformanceRun::commandFor(const std::string& library,
     }
     add("--case", caseName);
     return fmt::format("{}", fmt::join(words, " "));
+}
+
+std::string ConformanceRun::brokerText() const {
+    if (plan_.ownBroker) {
+        return "broker of the library";
+    }
+    return plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+}
+
+// The broker and service that are there already.
+OtherEnd ConformanceRun::foreignEnd() {
+    return {nullptr, evidence_ ? &*evidence_ : nullptr, plan_.strict};
 }
 
 WatchdogSettings ConformanceRun::watchdog() const {
@@ -164,7 +186,8 @@ void ConformanceRun::runLibrary(const std::optional<std::string>& folder) {
     LibraryReport& report = report_.libraries.emplace_back();
     report.name = library.name();
     report.core = library.core();
-    report.broker = plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+    report.broker = brokerText();
+    report.unconfirmed = !plan_.isConfirmed();
     if (plan_.repeat) {
         repeat(library, cases, display);
     } else {
@@ -200,16 +223,17 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
                              RunDisplay& display) {
     LibraryReport& report = report_.libraries.back();
     std::optional<OwnBroker> own;
-    if (!plan_.socket) {
+    if (plan_.startsBrokers()) {
         own.emplace(files_.broker, limits_);
     }
     display.showOpening(report.core, report.broker);
     ModuleRunRequest request =
-        library.request(own ? own->socket() : std::filesystem::path(*plan_.socket));
+        library.request(own ? own->socket() : std::filesystem::path(plan_.socket.value_or("")));
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
     casesBegun_ = Clock::now();
-    CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
+    CasesRun run(library.module(), own ? own->asOtherEnd() : foreignEnd(), limits_, display,
+                 watchdog());
     const CasesOutcome outcome =
         run.run(request, cases, [&](const auto& soFar) { addToReport(report, soFar); });
     if (worstOf(outcome.cases) != Verdict::pass) {
@@ -218,6 +242,12 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
         }
     }
     display.showClosing(report.cases, report.seconds);
+    display.showConfirmation(report);
+    if (own && !own->evidence().hasSeenRequests()) {
+        display.showRemark(
+            "nothing reached the kit's broker; a library that brings its own is "
+            "run with --own-broker");
+    }
     throwUnlessEnded(outcome, own ? own->process().wait(milliseconds(0)) : std::nullopt);
 }
 
@@ -252,15 +282,16 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
 void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                             RunDisplay& display) {
     LibraryReport& report = report_.libraries.back();
-    display.showOpening(report.core, plan_.socket ? report.broker : "brokers of its own");
-    ModuleRunRequest request = library.request({});
+    display.showOpening(report.core, plan_.startsBrokers() ? "brokers of its own" : report.broker);
+    ModuleRunRequest request = library.request(plan_.socket.value_or(""));
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
-    const RepeatPlan repeatPlan{.runs = *plan_.repeat,
-                                .untilFail = plan_.untilFail,
-                                .shuffle = plan_.shuffle,
-                                .jobs = plan_.socket ? 1 : jobs(*plan_.repeat),
-                                .socket = plan_.socket};
+    const RepeatPlan repeatPlan{
+        .runs = *plan_.repeat,
+        .untilFail = plan_.untilFail,
+        .shuffle = plan_.shuffle,
+        .jobs = plan_.startsBrokers() ? jobs(*plan_.repeat) : 1,
+        .otherEnd = plan_.startsBrokers() ? std::nullopt : std::optional(foreignEnd())};
     casesBegun_ = Clock::now();
     const RepeatOutcome outcome = runRepeatedly(
         {files_, library, limits_, watchdog()}, repeatPlan, request, cases,
@@ -276,6 +307,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
         }
     }
     display.showRepeats(outcome.report, report.seconds);
+    display.showConfirmation(report);
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
     }
