@@ -33,6 +33,9 @@ inline constexpr std::size_t textLimitBytes = 200;
 // Empty where the variable is not set.
 std::string environmentVariable(const char* name);
 
+// The descriptor that a variable names; -1 where it is not set.
+int descriptorIn(const char* variable);
+
 bool isRecording();
 
 // Writes one line: the word, the time and the thread, and the rest. The observer writes

@@ -4,9 +4,11 @@
 #define KAVRI_CONFORMANCE_MODULE_RUN_RECORD_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "conformance/module/module_events.h"
@@ -20,6 +22,11 @@ class RunRecord {
     // not fill the memory and the reports.
     static constexpr std::size_t callsLimit = 500;
     static constexpr std::size_t checksLimit = 500;
+    // What keeps a case from a pass though its own record is complete, a line each.
+    // `hasProbeEcho`: the probe has asked the service for an echo meanwhile.
+    using Confirm = std::function<std::vector<std::string>(const CaseReport&, bool hasProbeEcho)>;
+    // Called for each case that would pass.
+    explicit RunRecord(Confirm confirm = nullptr) : confirm_(std::move(confirm)) {}
 
     // Adds an event. Returns the case that it ended, if it did.
     CaseReport* add(const ModuleEvent& event);
@@ -48,7 +55,9 @@ class RunRecord {
     void addCheck(const ModuleEvent& event);
     void endCall(const ModuleEvent& event);
     CaseReport& end(std::int64_t nowNs);
+    std::vector<std::string> whyNoPass() const;
 
+    Confirm confirm_;
     std::vector<CaseReport> cases_;  // those that have ended
     std::optional<CaseReport> underWay_;
     std::optional<CallReport> checkCall_;   // of the peer check, while it is running
@@ -56,6 +65,7 @@ class RunRecord {
     std::size_t leftOut_ = 0;               // calls and checks of the case
     std::int64_t lastEventNs_ = 0;
     std::optional<std::string> peerMissing_;
+    bool hasProbeEcho_ = false;  // in the case
     std::vector<std::string> strayFailures_;
     std::vector<nlohmann::json> usage_;
 };

@@ -136,6 +136,12 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
              << std::endl;
 }
 
+void RunDisplay::showConfirmation(const LibraryReport& library) {
+    if (library.unconfirmed && worstOf(library.cases) == Verdict::pass) {
+        showRemark(verdictText(library));
+    }
+}
+
 void RunDisplay::showRepeats(const RepeatReport& repeats, double seconds) {
     const auto us = [](const base::Latencies& times, double share) {
         return std::chrono::duration<double, std::micro>(times.percentile(share)).count();

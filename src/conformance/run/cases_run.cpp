@@ -91,7 +91,7 @@ bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left
                        CasesOutcome& outcome, const Progress& progress) {
     request.cases = left;
     const size_t before = outcome.cases.size();
-    ModuleRun moduleRun(broker_, limits_, display_, watchdog_, [&](const CaseReport& report) {
+    ModuleRun moduleRun(otherEnd_, limits_, display_, watchdog_, [&](const CaseReport& report) {
         outcome.cases.push_back(report);
         std::erase(left, report.name);
         progress(outcome.cases);

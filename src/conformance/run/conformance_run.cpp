@@ -14,6 +14,7 @@
 
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/module/module_arguments.h"
+#include "conformance/module/preflight.h"
 #include "conformance/run/kill_matrix.h"
 #include "conformance/run/repeats.h"
 #include "process/exit_text.h"
@@ -130,12 +131,12 @@ void ConformanceRun::prepare() {
         expectations_ = Expectations::read(plan_.expectations);
     }
     files_ = KitFiles::find();
+    if (!plan_.serviceRecord.empty()) {
+        evidence_.emplace(std::filesystem::path(plan_.serviceRecord));
+    }
     if (plan_.socket) {
         checkBrokerListens(*plan_.socket);
-        // Another library may talk to its broker in another way.
-        if (plan_.libraries.empty()) {
-            checkBrokerAnswers(*plan_.socket);
-        }
+        checkTestService(*plan_.socket, evidence_ ? &*evidence_ : nullptr, limits_);
     }
 }
 
@@ -170,7 +171,8 @@ Report ConformanceRun::openingReport() const {
     for (size_t i = 0; i < report.libraries.size(); ++i) {
         LibraryReport& library = report.libraries[i];
         library.name = nameOf(i);
-        library.broker = plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+        library.broker = brokerText();
+        library.unconfirmed = !plan_.isConfirmed();
         library.reason = notEndedYet;
     }
     return report;
@@ -205,6 +207,15 @@ std::string ConformanceRun::commandFor(const std::string& caseName) const {
     if (plan_.socket) {
         add("--socket", *plan_.socket);
     }
+    if (plan_.ownBroker) {
+        words.emplace_back("--own-broker");
+    }
+    if (!plan_.serviceRecord.empty()) {
+        add("--service-record", plan_.serviceRecord);
+    }
+    if (plan_.strict) {
+        words.emplace_back("--strict");
+    }
     if (!plan_.fault.empty()) {
         add("--fault", plan_.fault);
     }
@@ -213,6 +224,18 @@ std::string ConformanceRun::commandFor(const std::string& caseName) const {
     }
     add("--case", caseName);
     return fmt::format("{}", fmt::join(words, " "));
+}
+
+std::string ConformanceRun::brokerText() const {
+    if (plan_.ownBroker) {
+        return "broker of the library";
+    }
+    return plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+}
+
+// The broker and service that are there already.
+OtherEnd ConformanceRun::foreignEnd() {
+    return {nullptr, evidence_ ? &*evidence_ : nullptr, plan_.strict};
 }
 
 WatchdogSettings ConformanceRun::watchdog() const {
@@ -284,16 +307,17 @@ void ConformanceRun::writeFiles() {
 void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                              RunDisplay& display) {
     std::optional<OwnBroker> own;
-    if (!plan_.socket) {
+    if (plan_.startsBrokers()) {
         own.emplace(files_.broker, limits_);
     }
     display.showOpening(report().core, report().broker);
     ModuleRunRequest request =
-        library.request(own ? own->socket() : std::filesystem::path(*plan_.socket));
+        library.request(own ? own->socket() : std::filesystem::path(plan_.socket.value_or("")));
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
     casesBegun_ = Clock::now();
-    CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
+    CasesRun run(library.module(), own ? own->asOtherEnd() : foreignEnd(), limits_, display,
+                 watchdog());
     const CasesOutcome outcome =
         run.run(request, cases, [&](const auto& soFar) { addToReport(soFar); });
     if (worstOf(outcome.cases) != Verdict::pass) {
@@ -302,6 +326,12 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
         }
     }
     display.showClosing(report().cases, report().seconds);
+    display.showConfirmation(report());
+    if (own && !own->evidence().hasSeenRequests()) {
+        display.showRemark(
+            "nothing reached the kit's broker; a library that brings its own is "
+            "run with --own-broker");
+    }
     throwUnlessEnded(outcome, own ? own->process().wait(milliseconds(0)) : std::nullopt);
 }
 
@@ -336,15 +366,17 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
 
 void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                             RunDisplay& display) {
-    display.showOpening(report().core, plan_.socket ? report().broker : "brokers of its own");
-    ModuleRunRequest request = library.request({});
+    display.showOpening(report().core,
+                        plan_.startsBrokers() ? "brokers of its own" : report().broker);
+    ModuleRunRequest request = library.request(plan_.socket.value_or(""));
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
-    const RepeatPlan repeatPlan{.runs = *plan_.repeat,
-                                .untilFail = plan_.untilFail,
-                                .shuffle = plan_.shuffle,
-                                .jobs = plan_.socket ? 1 : jobs(*plan_.repeat),
-                                .socket = plan_.socket};
+    const RepeatPlan repeatPlan{
+        .runs = *plan_.repeat,
+        .untilFail = plan_.untilFail,
+        .shuffle = plan_.shuffle,
+        .jobs = plan_.startsBrokers() ? jobs(*plan_.repeat) : 1,
+        .otherEnd = plan_.startsBrokers() ? std::nullopt : std::optional(foreignEnd())};
     casesBegun_ = Clock::now();
     const RepeatOutcome outcome = runRepeatedly(
         {files_, library, limits_, watchdog()}, repeatPlan, request, cases,
@@ -360,6 +392,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
         }
     }
     display.showRepeats(outcome.report, report().seconds);
+    display.showConfirmation(report());
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
     }

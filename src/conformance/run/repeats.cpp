@@ -100,16 +100,14 @@ RepeatOutcome runRepeatedly(const RunContext& context, const RepeatPlan& plan,
                             const MarkKnownFailures& mark, const RepeatProgress& progress) {
     Tally tally(mark, progress);
     WorkShare share(plan.runs);
-    const auto runOnce = [&](size_t number, const fs::path& socket, process::ChildProcess* broker) {
-        ModuleRunRequest one = request;
-        one.brokerSocket = socket;
+    const auto runOnce = [&](size_t number, ModuleRunRequest one, const OtherEnd& otherEnd) {
         if (plan.shuffle) {
             one.userArguments.push_back(fmt::format("--random={}", *plan.shuffle + number));
         }
-        CasesOutcome outcome = runUnseen(context, broker, std::move(one), cases);
+        CasesOutcome outcome = runUnseen(context, otherEnd, std::move(one), cases);
         const RunEnd end = outcome.end;
-        const bool hasBroker = broker != nullptr && end != RunEnd::brokerLost;
-        const bool passed = tally.add(std::move(outcome), hasBroker ? broker->pid() : 0);
+        const bool hasBroker = otherEnd.broker != nullptr && end != RunEnd::brokerLost;
+        const bool passed = tally.add(std::move(outcome), hasBroker ? otherEnd.broker->pid() : 0);
         if (end == RunEnd::timeOver || end == RunEnd::signalled || (plan.untilFail && !passed)) {
             share.stop();
         }
@@ -118,14 +116,16 @@ RepeatOutcome runRepeatedly(const RunContext& context, const RepeatPlan& plan,
     share.runOn(std::min(plan.jobs, plan.runs), [&] {
         std::optional<OwnBroker> own;
         while (const auto number = share.take()) {
-            if (plan.socket) {
-                runOnce(*number, *plan.socket, nullptr);
+            if (plan.otherEnd) {
+                runOnce(*number, request, *plan.otherEnd);
                 continue;
             }
             if (!own) {
                 own.emplace(context.files.broker, context.limits);
             }
-            if (runOnce(*number, own->socket(), &own->process()) == RunEnd::brokerLost) {
+            ModuleRunRequest one = request;
+            one.brokerSocket = own->socket();
+            if (runOnce(*number, std::move(one), own->asOtherEnd()) == RunEnd::brokerLost) {
                 own.reset();
             }
         }

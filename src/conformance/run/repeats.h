@@ -14,10 +14,10 @@ namespace kavri::conformance {
 
 struct RepeatPlan {
     unsigned runs = 1;
-    bool untilFail = false;             // ends after the first run that does not pass
-    std::optional<unsigned> shuffle;    // cases in another order each time, from this seed on
-    unsigned jobs = 1;                  // so many at a time, each with a broker of its own
-    std::optional<std::string> socket;  // or all with this one
+    bool untilFail = false;            // ends after the first run that does not pass
+    std::optional<unsigned> shuffle;   // cases in another order each time, from this seed on
+    unsigned jobs = 1;                 // so many at a time, each with a broker of its own
+    std::optional<OtherEnd> otherEnd;  // or all with this one
 };
 
 struct RepeatOutcome {
@@ -31,8 +31,8 @@ using RepeatProgress = std::function<void(unsigned done, unsigned passed)>;
 // Marks the known failures of a run, before it is judged.
 using MarkKnownFailures = std::function<void(std::vector<CaseReport>&)>;
 
-// `request`: all but the broker's socket. Both functions are called by one thread at a
-// time. Throws CommandFailure when no broker can be started.
+// `request`: all but the socket of a broker of its own. Both functions are called by one thread at
+// a time. Throws CommandFailure when no broker can be started.
 RepeatOutcome runRepeatedly(const RunContext& context, const RepeatPlan& plan,
                             const ModuleRunRequest& request, const std::vector<std::string>& cases,
                             const MarkKnownFailures& mark, const RepeatProgress& progress);
