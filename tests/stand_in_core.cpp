@@ -56,9 +56,12 @@ constexpr std::string_view knownDefects[] = {
 
     // What the service answers. The value is the text, or the counter at the start.
     "answerPayload", "answerPayloadMissing", "answerUuidPrefix", "counterStart", "eventAnswered",
+    "answerBytes",  // value: the length of each payload
 
-    // What a library does to its process: when it is loaded, or with each send.
-    "crashesWhenLoaded", "hangsWhenLoaded", "hangs", "leavesProcess", "startsThreads", "prints"};
+    // What a library does to its process: when it is loaded or unloaded, or with each send.
+    "crashesWhenLoaded", "hangsWhenLoaded", "crashesWhenUnloaded", "hangsWhenUnloaded", "hangs",
+    "leavesProcess", "startsThreads", "closesDescriptors", "prints", "printsControls",
+    "printsWithoutEnd"};
 
 // The value of the variable, which is one of the names, with or without "=value". Another one
 // ends the run: the test that asked for it would otherwise judge a healthy library.
@@ -131,6 +134,14 @@ void disturbProcess() {
         puts("a line on standard output");
         fputs("a line on standard error\n", stderr);
         fputs("no line break at the end", stdout);
+    } else if (defect("closesDescriptors")) {
+        close_range(3, ~0U, 0);
+    } else if (defect("printsControls")) {
+        fputs("\x1b[2J\x1b]0;title\a \xff\xc2\x9b", stderr);
+    } else if (defect("printsWithoutEnd")) {
+        while (true) {
+            puts("and another line, and another one, and another one");
+        }
     }
 }
 
@@ -139,6 +150,14 @@ __attribute__((constructor)) void disturbLoading() {
         fputs("cannot be loaded\n", stderr);
         abort();
     } else if (defect("hangsWhenLoaded")) {
+        hang();
+    }
+}
+
+__attribute__((destructor)) void disturbUnloading() {
+    if (defect("crashesWhenUnloaded")) {
+        abort();
+    } else if (defect("hangsWhenUnloaded")) {
         hang();
     }
 }
@@ -344,13 +363,20 @@ std::string nameOf(const kavri_core_ipc_initiator* initiator) {
 
 // ------------------------------------------------------------- the test service
 
+std::string payloadOf(const std::string& right) {
+    if (const auto bytes = defect("answerBytes")) {
+        return std::string(std::stoul(*bytes), 'x');
+    }
+    return defect("answerPayload").value_or(right);
+}
+
 void answer(kavri_core_ipc_initiator& initiator, const Message& request,
             const std::string& payload) {
     const int number = ++initiator.answers;
     Message response = request;
     response.name = "response" + std::to_string(number);
     response.uuid = defect("answerUuidPrefix").value_or("") + *request.uuid;
-    response.payload = defect("answerPayload").value_or(payload);
+    response.payload = payloadOf(payload);
     if (defect("answerPayloadMissing")) {
         response.payload = std::nullopt;
     }

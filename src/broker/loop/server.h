@@ -78,7 +78,7 @@ class Server {
 
     void waitForEvents();
     Clock::duration sleep();
-    int sleepTimeMs(Clock::time_point now) const;
+    std::optional<Clock::time_point> sleepUntil(Clock::time_point now) const;
     bool hasWorkLeft() {
         return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease();
     }
