@@ -28,6 +28,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <deque>
 #include <iterator>
@@ -80,7 +81,7 @@ constexpr std::string_view knownDefects[] = {  // Coming up. The value is the st
     // What a library does to its process: when it is loaded or unloaded, or with each send.
     "crashesWhenLoaded", "hangsWhenLoaded", "crashesWhenUnloaded", "hangsWhenUnloaded", "hangs",
     "leavesProcess", "startsThreads", "closesDescriptors", "prints", "printsControls",
-    "printsWithoutEnd", "doesNothing"};  // all calls succeed, and no message comes
+    "printsWithoutEnd", "sendTakes", "doesNothing"};  // all calls succeed, and no message comes
 
 // Ends the run if the environment asks for a defect that this library cannot play:
 // the test that asked would otherwise judge a healthy library.
@@ -184,6 +185,8 @@ void disturbProcess() {
         fputs("no line break at the end", stdout);
     } else if (defect("closesDescriptors")) {
         close_range(3, ~0U, 0);
+    } else if (const auto taken = defect("sendTakes")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(*taken)));
     } else if (defect("printsControls")) {
         fputs("\x1b[2J\x1b]0;title\a \xff\xc2\x9b", stderr);
     } else if (defect("printsWithoutEnd")) {
