@@ -59,6 +59,12 @@ std::string CasesRun::whyNoneBegan(RunEnd end, const process::ExitState& exit) c
                 standstillText());
         case RunEnd::channelClosed:
             return closedChannelText + " before the case";
+        case RunEnd::moduleEnded:
+            if (endedInOrder(exit)) {
+                return "the module ended without a word to the kit; does the core library close "
+                       "descriptors that are not its own when it is loaded?";
+            }
+            [[fallthrough]];
         default:
             return "the module " + process::exitText(exit) + " before the case";
     }

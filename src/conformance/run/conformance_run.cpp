@@ -117,7 +117,7 @@ process::ExitStatus ConformanceRun::run() {
         runLibraries();
     } catch (const std::exception& error) {
         noteWhyIncomplete(error.what());
-        writeFiles();
+        finishFiles();
         throw;
     }
     return judge();
@@ -304,6 +304,11 @@ void ConformanceRun::writeFiles() {
     reportFiles_->update(report_);
 }
 
+void ConformanceRun::finishFiles() {
+    report_.seconds = secondsSince(begun_);
+    reportFiles_->finish(report_);
+}
+
 void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                              RunDisplay& display) {
     std::optional<OwnBroker> own;
@@ -424,7 +429,7 @@ process::ExitStatus ConformanceRun::judge() {
     const auto incomplete = std::ranges::find_if(
         report_.libraries, [](const LibraryReport& each) { return !each.reason.empty(); });
     report_.reason = incomplete == report_.libraries.end() ? "" : incomplete->reason;
-    writeFiles();
+    finishFiles();
     process::ExitStatus status = failure_.value_or(statusFor(verdictOn(report_)));
     const std::vector<std::string> complaints =
         expectations_ ? expectations_->complaints() : std::vector<std::string>();

@@ -81,6 +81,7 @@ class ConformanceRun {
     void addToReport(const std::vector<CaseReport>& cases);
     void noteWhyIncomplete(const std::string& reason);
     void writeFiles();
+    void finishFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;
     process::ExitStatus judge();
