@@ -19,8 +19,8 @@ _kavriOptions() {
         conformance)
             printf '%s ' --socket --own-broker --service-record --strict --library --name --case \
                 --timeout --call-timeout --time-scale --prove --fault --junit --json --html \
-                --repeat --until-fail --shuffle --jobs --expect --list --list-faults --explain \
-                --help
+                --repeat --until-fail --fail-on-leaks --shuffle --jobs --expect \
+                --list --list-faults --explain --help
             ;;
         bench)
             printf '%s ' --socket --category --command --payload --in-flight --seconds --json --help

@@ -12,6 +12,7 @@
 
 #include "conformance/cases/explanations.h"
 #include "conformance/faults/fault_catalogue.h"
+#include "conformance/run/growth.h"
 #include "process/orphans.h"
 #include "process/stop_signals.h"
 
@@ -57,6 +58,8 @@ void describeLimits(CLI::App& command, ConformanceOptions& options) {
         ->check(numberFromTo(1, 1e6, "number of runs"));
     command.add_flag("--until-fail", options.plan.untilFail,
                      "With --repeat: end after the first run that does not pass");
+    command.add_flag("--fail-on-leaks", options.plan.failsOnLeaks,
+                     "With --repeat: what the library holds must not grow with the runs");
     command
         .add_option("--shuffle", options.plan.shuffle,
                     "With --repeat: cases in another order each time, from this seed on")
@@ -64,7 +67,8 @@ void describeLimits(CLI::App& command, ConformanceOptions& options) {
         ->check(numberFromTo(1, 1e9, "seed"));
     command
         .add_option("--jobs", options.plan.jobs,
-                    "With --repeat and --prove: so many runs at a time [4 for each processor]")
+                    "With --repeat and --prove: so many processes at a time [up to 4 for each "
+                    "processor]")
         ->type_name("N")
         ->check(numberFromTo(1, 1000, "number of runs"));
 }
@@ -120,8 +124,15 @@ void checkOptions(const ConformanceOptions& options) {
             "--service-record is for a service that is running already; the kit's own broker is "
             "asked for its record anyway");
     }
-    if (!plan.repeat && (plan.untilFail || plan.shuffle)) {
-        refuse("--until-fail and --shuffle need --repeat N");
+    if (!plan.repeat && (plan.untilFail || plan.shuffle || plan.failsOnLeaks)) {
+        refuse("--until-fail, --shuffle and --fail-on-leaks need --repeat N");
+    }
+    if (plan.failsOnLeaks &&
+        *plan.repeat < conformance::leastRunsForGrowth * std::max(1U, plan.jobs)) {
+        refuse(
+            fmt::format("--fail-on-leaks needs {} runs of each process; give --repeat more, or "
+                        "--jobs less",
+                        conformance::leastRunsForGrowth));
     }
     const size_t libraryCount = std::max<size_t>(1, plan.libraries.size());
     if (!plan.names.empty() && plan.names.size() != libraryCount) {
@@ -169,8 +180,6 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "With --socket or --own-broker: the file in which the test service records "
                     "what reaches it; without it no pass is confirmed")
         ->type_name("FILE");
-    command.add_flag("--strict", options.plan.strict,
-                     "What the other side does not confirm is no pass");
     command
         .add_option("--library", options.plan.libraries,
                     "Run the module with the core library in DIR; may be repeated, to compare")
@@ -187,6 +196,9 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "Run only the cases whose name, or suite/name, matches GLOB; may be repeated")
         ->type_name("GLOB")
         ->allow_extra_args(false);
+    command.add_flag("--strict", options.plan.strict,
+                     "A case with a warning fails, and so does a pass that the other side does "
+                     "not confirm");
     describeLimits(command, options);
     describeProof(command, options);
     describeReports(command, options);

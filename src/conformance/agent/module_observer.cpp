@@ -14,6 +14,10 @@
 //
 // The framework is not thread-safe, and neither is this: the module sees to it that
 // one thread at a time uses the framework.
+//
+// KAVRI_MODULE_ROUNDS says how often the cases are run in the process: when the framework has
+// run them once, the observer has it run them again, so that what each round leaves behind
+// adds up.
 #include <stdio.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -25,13 +29,16 @@
 #include <boost/test/tree/test_unit.hpp>
 #include <boost/test/unit_test_log.hpp>
 #include <boost/test/unit_test_log_formatter.hpp>
+#include <boost/test/unit_test_parameters.hpp>
 #include <cerrno>
+#include <cstdlib>
 #include <ostream>
 #include <sstream>
 #include <string>
 
 #include "conformance/agent/channel.h"
 #include "conformance/agent/check_entry.h"
+#include "conformance/agent/holding.h"
 #include "conformance/agent/record.h"
 
 namespace {
@@ -183,6 +190,11 @@ class Formatter : public ut::unit_test_log_formatter {
     log_entry_types type_ = BOOST_UTL_ET_INFO;
 };
 
+unsigned roundsAskedFor() {
+    const std::string text = kavri::conformance::environmentVariable("KAVRI_MODULE_ROUNDS");
+    return text.empty() ? 1 : static_cast<unsigned>(std::stoul(text));
+}
+
 class Observer : public ut::test_observer {
   public:
     // By now the framework has set up the formatters that its arguments ask for, and
@@ -198,6 +210,10 @@ class Observer : public ut::test_observer {
     }
 
     void test_unit_start(const ut::test_unit& unit) override {
+        if (isWhole(unit) && round_ > 1 && seed() > 0) {
+            // As in a process of its own that has the next seed.
+            std::srand(seed() + round_ - 1);
+        }
         if (isCase(unit)) {
             output_.markCase(unit.full_name());
             error_.markCase(unit.full_name());
@@ -210,6 +226,8 @@ class Observer : public ut::test_observer {
             flushStandardOutput();
             tell("ended", std::to_string(elapsedUs) + " " + unit.full_name());
             awaitRelease();
+        } else if (isWhole(unit)) {
+            endRound();
         }
     }
 
@@ -219,6 +237,30 @@ class Observer : public ut::test_observer {
 
   private:
     static bool isCase(const ut::test_unit& unit) { return unit.p_type == ut::TUT_CASE; }
+    static bool isWhole(const ut::test_unit& unit) {
+        return unit.p_parent_id == ut::INV_TEST_UNIT_ID;
+    }
+
+    // The seed by which the framework shuffles; 0: it does not.
+    static unsigned seed() {
+        return ut::runtime_config::get<unsigned>(ut::runtime_config::btrt_random_seed);
+    }
+
+    // The first round ends within the framework's own run, the others within those that are
+    // made here.
+    void endRound() {
+        kavri::conformance::recordRound(round_);
+        if (round_ > 1) {
+            return;
+        }
+        while (round_ < rounds_) {
+            ++round_;
+            ut::framework::run(ut::INV_TEST_UNIT_ID, true);
+        }
+    }
+
+    const unsigned rounds_ = roundsAskedFor();
+    unsigned round_ = 1;
 
     const Output output_{STDOUT_FILENO};
     const Output error_{STDERR_FILENO};
@@ -226,7 +268,9 @@ class Observer : public ut::test_observer {
 
 __attribute__((constructor)) void observe() {
     if (kavri::conformance::isRecording()) {
-        static Observer observer;
+        // Never destroyed: the framework still tells it things while the program ends, also
+        // where the library ends it.
+        static Observer& observer = *new Observer;
         ut::framework::register_observer(observer);
         // Lets a debugger that the tool starts attach to this process. Fails where the kernel
         // has no such restriction.

@@ -186,6 +186,7 @@ process::ChildSpawn ConformanceModule::runSpawn(const ModuleRunRequest& request)
         spawn.environment["KAVRI_BROKER"] = request.brokerSocket.string();
     }
     spawn.environment["KAVRI_MODULE_EVENTS"] = std::to_string(request.eventsDescriptor);
+    spawn.environment["KAVRI_MODULE_ROUNDS"] = std::to_string(request.rounds);
     spawn.environment["KAVRI_PROBE_CHECK_PEER"] = "1";
     spawn.environment["KAVRI_PROBE_FAULT"] =
         request.fault.empty() ? std::nullopt : std::optional(request.fault);

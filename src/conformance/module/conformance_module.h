@@ -36,6 +36,8 @@ struct ModuleRunRequest {
     std::filesystem::path observer;
     std::filesystem::path probe;
     std::string fault;           // for the probe to inject; empty: none
+    unsigned rounds = 1;         // how often the process runs the cases
+    bool warningsFail = false;   // a case with a warning is no pass
     int eventsDescriptor = -1;   // where these two write
     int releaseDescriptor = -1;  // what the observer waits for between cases; -1: nothing
 };

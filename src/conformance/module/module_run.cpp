@@ -17,6 +17,7 @@
 #include "base/text_scanner.h"
 #include "conformance/agent/channel.h"
 #include "conformance/module/broker_access.h"
+#include "conformance/module/stack_names.h"
 #include "conformance/module/stacks.h"
 #include "process/exit_text.h"
 
@@ -48,9 +49,18 @@ Verdict verdictOnCutOff(RunEnd end) {
         case RunEnd::brokerLost:
             return Verdict::harnessError;
         case RunEnd::signalled:
+        case RunEnd::stopped:
             break;
     }
     return Verdict::notRun;
+}
+
+constexpr const char* afterTheCase = " after the case";
+
+std::string textOf(const CallReport& call) {
+    return call.kind == CallReport::Kind::delivery
+               ? "a call of the " + call.function + " callback"
+               : call.function + " with " + call.arguments.dump();
 }
 
 bool hasEnded(process::ChildProcess& process) {
@@ -60,13 +70,14 @@ bool hasEnded(process::ChildProcess& process) {
 }  // namespace
 
 ModuleRun::ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDisplay& display,
-                     WatchdogSettings watchdog, CaseEnded ended)
+                     WatchdogSettings watchdog, CaseEnded ended, RoundEnded roundEnded)
     : otherEnd_(otherEnd),
       broker_(otherEnd.broker),
       limits_(limits),
       display_(display),
       watchdog_(watchdog),
       ended_(std::move(ended)),
+      roundEnded_(std::move(roundEnded)),
       eventsPipe_(base::Pipe::make()),
       releasePipe_(base::Pipe::make()),
       record_([this](const CaseReport& report, bool hasProbeEcho) {
@@ -78,6 +89,10 @@ ModuleRun::ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDispl
 RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request) {
     assert(record_.cases().empty() && !record_.underWay());  // runs once
     request.eventsDescriptor = eventsPipe_.writeEnd.get();
+    rounds_ = request.rounds;
+    if (request.warningsFail) {
+        record_.failOnWarnings();
+    }
     if (otherEnd_.evidence != nullptr) {
         request.releaseDescriptor = releasePipe_.readEnd.get();
         otherEnd_.evidence->beginCase();
@@ -121,6 +136,9 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
         // Before follow(), too: a call that returned by now is then known to have.
         const Clock::time_point now = Clock::now();
         apply(follow(module));
+        if (isStopped_) {
+            return RunEnd::stopped;
+        }
         if (moduleEnded) {
             return RunEnd::moduleEnded;
         }
@@ -204,11 +222,21 @@ std::vector<ModuleEvent> ModuleRun::follow(process::ChildProcess& module) {
 
 void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     for (const ModuleEvent& event : events) {
+        if (isStopped_) {
+            return;
+        }
         if (CaseReport* ended = record_.add(event)) {
             ended->output = outputOf(ended->name);
             display_.showCaseEnded(*ended);
             ended_(*ended);
             beginNextCase();
+        }
+        if (event.kind == ModuleEvent::Kind::round) {
+            isStopped_ = !roundEnded_(event.number, event.data);
+            // The last one ends with the process, which may yet crash.
+            if (event.number < rounds_) {
+                record_.beginRound();
+            }
         }
     }
     if (record_.underWay() != nullptr) {
@@ -246,17 +274,22 @@ void ModuleRun::cutOff(RunEnd end) {
     if (!cutACase_) {
         return;
     }
-    const std::optional<HangReport> hang =
-        end == RunEnd::hung || end == RunEnd::timeOver ? std::optional(hangReport()) : std::nullopt;
+    // A process that is about to end may hang on its way.
+    const bool crashed =
+        end == RunEnd::moduleEnded || (end == RunEnd::hung && record_.processEnd().has_value());
+    const bool hung = !crashed && (end == RunEnd::hung || end == RunEnd::timeOver);
+    const std::optional<HangReport> hang = hung ? std::optional(hangReport()) : std::nullopt;
     const std::string passed = lastPassed();
-    const std::string place =
-        callsUnderWay() +
-        (passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed);
-    CaseReport& cut = record_.cutOff(verdictOnCutOff(end), cutOffNs_);
+    const std::string after =
+        passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed;
+    const std::string crash = crashText() + after;
+    const std::string place = callsUnderWay() + after;
+    CaseReport& cut = record_.cutOff(crashed ? Verdict::crash : verdictOnCutOff(end), cutOffNs_);
     cut.output = outputOf(cut.name);
     cut.hang = hang;
-    if (end == RunEnd::moduleEnded) {
-        cut.crash = "the module " + process::exitText(exit_) + place;
+    if (crashed) {
+        cut.crash = crash;
+        cut.crashStack = crashStack();
     } else if (end == RunEnd::channelClosed) {
         cut.missing.push_back(closedChannelText + place);
     } else if (end == RunEnd::brokerLost) {
@@ -266,6 +299,48 @@ void ModuleRun::cutOff(RunEnd end) {
     }
     display_.showCaseEnded(cut);
     ended_(cut);
+}
+
+std::string ModuleRun::crashText() const {
+    const std::optional<ProcessEnd>& end = record_.processEnd();
+    if (!end) {
+        return "the module " + process::exitText(exit_) +
+               (record_.underWay() == nullptr ? afterTheCase : callsUnderWay());
+    }
+    if (end->kind == ProcessEnd::Kind::call) {
+        return "the library called " + end->function + "(" + std::to_string(end->number) + ")" +
+               placeOf(*end).substr(1);
+    }
+    process::ExitState signalled;
+    signalled.signal = static_cast<int>(end->number);
+    return "the module " + process::exitText(signalled) + placeOf(*end);
+}
+
+std::string ModuleRun::crashStack() const {
+    const std::optional<ProcessEnd>& end = record_.processEnd();
+    return end ? namedStack(end->frames, end->kind == ProcessEnd::Kind::call) : "";
+}
+
+// The call or delivery that was under way on the thread that ended the process, the innermost
+// of them; and whose thread that is.
+std::string ModuleRun::placeOf(const ProcessEnd& end) const {
+    if (record_.underWay() == nullptr) {
+        return afterTheCase;
+    }
+    const std::vector<CallReport>& calls = record_.underWay()->calls;
+    const CallReport* last = nullptr;
+    for (const CallReport& call : calls) {
+        if (call.thread == end.thread && (last == nullptr || !call.endNs || last->endNs)) {
+            last = &call;
+        }
+    }
+    const std::string thread = " on thread " + std::to_string(end.thread);
+    if (last == nullptr) {
+        return thread + ", which is the library's own" + callsUnderWay();
+    }
+    return (last->endNs ? ", after " : ", in ") + textOf(*last) +
+           (last->endNs ? " had returned," : "") + thread +
+           (calls.front().thread == end.thread ? ", the caller's" : ", the library's own");
 }
 
 HangReport ModuleRun::hangReport() const {
@@ -294,8 +369,7 @@ std::string ModuleRun::lastPassed() const {
 std::string ModuleRun::callsUnderWay() const {
     std::string text;
     const auto add = [&text](const CallReport& call) {
-        text += std::string(text.empty() ? ", in " : " and in ") + call.function + " with " +
-                call.arguments.dump();
+        text += std::string(text.empty() ? ", in " : " and in ") + textOf(call);
     };
     const CallReport* longest = record_.openCall();
     if (longest != nullptr && longest->number == 0) {

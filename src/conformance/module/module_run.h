@@ -25,8 +25,9 @@
 
 namespace kavri::conformance {
 
-// channelClosed: the module goes on, but its records do not come any more.
-enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled };
+// channelClosed: the module goes on, but its records do not come any more. stopped: after a
+// round, because no further one was wanted.
+enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled, stopped };
 
 // To be followed by where that was.
 inline const std::string closedChannelText =
@@ -49,8 +50,11 @@ class ModuleRun {
 
     // All of these must outlive this. `ended` is called for each case that has a verdict.
     using CaseEnded = std::function<void(const CaseReport&)>;
+    // Called after each round of the cases, with its number and what the module then holds.
+    // Returns whether to go on.
+    using RoundEnded = std::function<bool(unsigned number, const nlohmann::json& held)>;
     ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDisplay& display,
-              WatchdogSettings watchdog, CaseEnded ended);
+              WatchdogSettings watchdog, CaseEnded ended, RoundEnded roundEnded);
 
     // Once: returns when the module has ended, by itself or killed. Sets the descriptor
     // of the request.
@@ -59,6 +63,10 @@ class ModuleRun {
     // How the module ended.
     const process::ExitState& exit() const { return exit_; }
     const RunRecord& record() const { return record_; }
+    // How the module ended, where it should not have, and during which call.
+    std::string crashText() const;
+    // The stack of the thread that ended it; empty where it was not recorded.
+    std::string crashStack() const;
     // Whether a case was under way at that time.
     bool cutACase() const { return cutACase_; }
     // The last lines of the broker's log.
@@ -76,6 +84,7 @@ class ModuleRun {
     HangReport hangReport() const;
     std::string lastPassed() const;
     std::string callsUnderWay() const;
+    std::string placeOf(const ProcessEnd& end) const;
     void apply(const std::vector<ModuleEvent>& events);
     std::vector<std::string> confirm(const CaseReport& report, bool hasProbeEcho) const;
     void beginNextCase();
@@ -100,6 +109,9 @@ class ModuleRun {
     RunDisplay& display_;
     const WatchdogSettings watchdog_;
     const CaseEnded ended_;
+    const RoundEnded roundEnded_;
+    unsigned rounds_ = 1;
+    bool isStopped_ = false;
     Clock::time_point releasedAt_;  // the module, to its first case or to the next one
     std::int64_t cutOffNs_ = 0;     // when watching ended
     bool cutACase_ = false;

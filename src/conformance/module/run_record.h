@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,16 @@
 #include "conformance/report/report.h"
 
 namespace kavri::conformance {
+
+// The process ended, or was about to, as its last lines say.
+struct ProcessEnd {
+    enum class Kind { signal, call };
+    Kind kind = Kind::signal;
+    unsigned number = 0;   // the signal, or the exit status
+    std::string function;  // of a call: "exit"
+    int thread = 0;
+    std::vector<std::string> frames;  // "FILE+0xADDRESS"
+};
 
 class RunRecord {
   public:
@@ -27,6 +38,9 @@ class RunRecord {
     using Confirm = std::function<std::vector<std::string>(const CaseReport&, bool hasProbeEcho)>;
     // Called for each case that would pass.
     explicit RunRecord(Confirm confirm = nullptr) : confirm_(std::move(confirm)) {}
+
+    // Whether a case with a warning is no pass.
+    void failOnWarnings() { warningsFail_ = true; }
 
     // Adds an event. Returns the case that it ended, if it did.
     CaseReport* add(const ModuleEvent& event);
@@ -45,8 +59,12 @@ class RunRecord {
     CaseReport& cutOff(Verdict verdict, std::int64_t nowNs);
 
     const std::vector<CaseReport>& cases() const { return cases_; }
-    // What the process held after each case, as the probe recorded it.
-    const std::vector<nlohmann::json>& usage() const { return usage_; }
+    // Whether any case has ended, in whatever round.
+    bool hasEndedCase() const { return hasEndedCase_; }
+    // The cases that have ended are those of a round that is over.
+    void beginRound() { cases_.clear(); }
+
+    const std::optional<ProcessEnd>& processEnd() const { return processEnd_; }
 
   private:
     void addToCase(const ModuleEvent& event);
@@ -54,6 +72,9 @@ class RunRecord {
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
     void addCheck(const ModuleEvent& event);
     void endCall(const ModuleEvent& event);
+    void addBreach(const ModuleEvent& event);
+    void endProcess(const ModuleEvent& event);
+    void judge();
     CaseReport& end(std::int64_t nowNs);
     std::vector<std::string> whyNoPass() const;
 
@@ -67,7 +88,12 @@ class RunRecord {
     std::optional<std::string> peerMissing_;
     bool hasProbeEcho_ = false;  // in the case
     std::vector<std::string> strayFailures_;
-    std::vector<nlohmann::json> usage_;
+    bool warningsFail_ = false;
+    bool hasEndedCase_ = false;
+    std::vector<WarningReport> breaches_;  // of the current case, as the probe found them
+    std::string left_;                     // behind by the library after it
+    std::set<std::string> functionsUsed_;  // in the cases before
+    std::optional<ProcessEnd> processEnd_;
 };
 
 }  // namespace kavri::conformance

@@ -36,6 +36,8 @@ constexpr milliseconds proofCallLimit{800};
 // The cases mostly sleep.
 constexpr unsigned jobsPerProcessor = 4;
 
+// Of repeated runs; more than those that are judged.
+constexpr unsigned runsOfEachProcess = 8;
 // While the run goes on; and for good where it is killed.
 const std::string notEndedYet = "the run had not ended when this was written";
 
@@ -248,6 +250,23 @@ unsigned ConformanceRun::jobs(unsigned most) const {
     return std::min(plan_.jobs == 0 ? byDefault : plan_.jobs, most);
 }
 
+// With enough runs in each process to show what grows, unless the user wants more processes.
+unsigned ConformanceRun::repeatJobs() const {
+    if (!plan_.startsBrokers()) {
+        return 1;
+    }
+    return jobs(plan_.jobs == 0 ? std::max(1U, *plan_.repeat / runsOfEachProcess) : *plan_.repeat);
+}
+
+ModuleRunRequest ConformanceRun::requestFor(const LibraryRun& library,
+                                            const std::filesystem::path& socket) const {
+    ModuleRunRequest request = library.request(socket);
+    request.userArguments = plan_.moduleArguments;
+    request.fault = plan_.fault;
+    request.warningsFail = plan_.strict;
+    return request;
+}
+
 void ConformanceRun::runLibrary() {
     const LibraryRun library(files_, folder(), limits_);
     const std::vector<std::string> cases =
@@ -316,10 +335,8 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
         own.emplace(files_.broker, limits_);
     }
     display.showOpening(report().core, report().broker);
-    ModuleRunRequest request =
-        library.request(own ? own->socket() : std::filesystem::path(plan_.socket.value_or("")));
-    request.userArguments = plan_.moduleArguments;
-    request.fault = plan_.fault;
+    const ModuleRunRequest request =
+        requestFor(library, own ? own->socket() : std::filesystem::path(plan_.socket.value_or("")));
     casesBegun_ = Clock::now();
     CasesRun run(library.module(), own ? own->asOtherEnd() : foreignEnd(), limits_, display,
                  watchdog());
@@ -373,14 +390,13 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
                             RunDisplay& display) {
     display.showOpening(report().core,
                         plan_.startsBrokers() ? "brokers of its own" : report().broker);
-    ModuleRunRequest request = library.request(plan_.socket.value_or(""));
-    request.userArguments = plan_.moduleArguments;
-    request.fault = plan_.fault;
+    const ModuleRunRequest request = requestFor(library, plan_.socket.value_or(""));
     const RepeatPlan repeatPlan{
         .runs = *plan_.repeat,
         .untilFail = plan_.untilFail,
         .shuffle = plan_.shuffle,
-        .jobs = plan_.startsBrokers() ? jobs(*plan_.repeat) : 1,
+        .jobs = repeatJobs(),
+        .failsOnGrowth = plan_.failsOnLeaks,
         .otherEnd = plan_.startsBrokers() ? std::nullopt : std::optional(foreignEnd())};
     casesBegun_ = Clock::now();
     const RepeatOutcome outcome = runRepeatedly(

@@ -22,7 +22,6 @@ struct RunPlan {
     std::optional<std::string> socket;
     bool ownBroker = false;     // the library brings its broker and service
     std::string serviceRecord;  // a file, of the service behind either of these; empty: none
-    bool strict = false;        // what is not confirmed by the other side is no pass
     std::vector<std::string> libraries;  // folders; none: the library that the module finds
     std::vector<std::string> names;      // of the libraries in the reports, as far as given
     std::vector<std::string> casePatterns;
@@ -34,6 +33,9 @@ struct RunPlan {
     std::optional<unsigned> repeat;
     bool untilFail = false;
     std::optional<unsigned> shuffle;
+    bool failsOnLeaks = false;  // with repeats: growth is a failure
+    // Warnings count as failures, and a pass that the other side does not confirm is none.
+    bool strict = false;
     unsigned jobs = 0;         // at a time; 0: as many as suit the machine
     std::string expectations;  // a file; empty: none
     ReportPlaces reports;
@@ -69,6 +71,9 @@ class ConformanceRun {
     OtherEnd foreignEnd();
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
+    unsigned repeatJobs() const;
+    ModuleRunRequest requestFor(const LibraryRun& library,
+                                const std::filesystem::path& socket) const;
     void prepare();
     void runLibraries();
     void runLibrary();

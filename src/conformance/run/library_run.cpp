@@ -73,4 +73,14 @@ CasesOutcome runUnseen(const RunContext& context, const OtherEnd& otherEnd,
     return run.run(std::move(request), cases, [](const auto&) {});
 }
 
+unsigned runRoundsUnseen(const RunContext& context, const OtherEnd& otherEnd,
+                         ModuleRunRequest request, const std::vector<std::string>& cases,
+                         const CasesRun::TakeRound& takeRound) {
+    std::ostream nowhere(nullptr);
+    RunDisplay silent(nowhere, nowhere, DisplayStyle(), cases);
+    CasesRun run(context.library.module(), otherEnd, context.limits, silent, context.watchdog);
+    return run.runRounds(
+        std::move(request), cases, [](const auto&) {}, takeRound);
+}
+
 }  // namespace kavri::conformance

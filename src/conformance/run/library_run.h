@@ -63,6 +63,10 @@ struct RunContext {
 // Runs the cases without output.
 CasesOutcome runUnseen(const RunContext& context, const OtherEnd& otherEnd,
                        ModuleRunRequest request, const std::vector<std::string>& cases);
+// The same in rounds; see CasesRun::runRounds.
+unsigned runRoundsUnseen(const RunContext& context, const OtherEnd& otherEnd,
+                         ModuleRunRequest request, const std::vector<std::string>& cases,
+                         const CasesRun::TakeRound& takeRound);
 
 }  // namespace kavri::conformance
 

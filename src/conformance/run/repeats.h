@@ -1,4 +1,8 @@
 // Repeats a run: how often it passes, and whether memory, threads or descriptors grow.
+//
+// The runs are divided among as many processes of the module as run at a time. Each makes its
+// share one after the other, so that what each run leaves behind adds up; where one ends early,
+// another makes the rest.
 #ifndef KAVRI_CONFORMANCE_RUN_REPEATS_H
 #define KAVRI_CONFORMANCE_RUN_REPEATS_H
 
@@ -14,9 +18,10 @@ namespace kavri::conformance {
 
 struct RepeatPlan {
     unsigned runs = 1;
-    bool untilFail = false;            // ends after the first run that does not pass
-    std::optional<unsigned> shuffle;   // cases in another order each time, from this seed on
-    unsigned jobs = 1;                 // so many at a time, each with a broker of its own
+    bool untilFail = false;           // ends after the first run that does not pass
+    std::optional<unsigned> shuffle;  // cases in another order each time, from this seed on
+    unsigned jobs = 1;                // processes at a time, each with a broker of its own
+    bool failsOnGrowth = false;
     std::optional<OtherEnd> otherEnd;  // or all with this one
 };
 
