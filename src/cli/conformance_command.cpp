@@ -110,11 +110,19 @@ void checkOptions(const ConformanceOptions& options) {
     if (!plan.fault.empty() && conformance::findFault(plan.fault) == nullptr) {
         refuse(fmt::format("no fault '{}'; see --list-faults", plan.fault));
     }
-    if (plan.proves && (plan.socket || plan.libraries.size() > 1 || plan.repeat ||
+    if (plan.proves && (!plan.startsBrokers() || plan.libraries.size() > 1 || plan.repeat ||
                         !plan.fault.empty() || !plan.casePatterns.empty())) {
         refuse(
             "--prove runs all cases with one library and brokers of its own; leave out "
-            "--socket, --case, --fault, --repeat and any second --library");
+            "--socket, --own-broker, --case, --fault, --repeat and any second --library");
+    }
+    if (plan.socket && plan.ownBroker) {
+        refuse("--own-broker is for a library that finds its broker by itself; leave out --socket");
+    }
+    if (!plan.serviceRecord.empty() && plan.startsBrokers()) {
+        refuse(
+            "--service-record is for a service that is running already; the kit's own broker is "
+            "asked for its record anyway");
     }
     if (!plan.repeat && (plan.untilFail || plan.shuffle || plan.failsOnLeaks)) {
         refuse("--until-fail, --shuffle and --fail-on-leaks need --repeat N");
@@ -138,8 +146,8 @@ void checkOptions(const ConformanceOptions& options) {
     if (plan.repeat && plan.libraries.size() > 1) {
         refuse("--repeat is for one library at a time");
     }
-    if (plan.socket && plan.jobs > 1) {
-        refuse("--jobs needs brokers of its own; leave out --socket");
+    if (!plan.startsBrokers() && plan.jobs > 1) {
+        refuse("--jobs needs brokers of the kit's; leave out --socket and --own-broker");
     }
 }
 
@@ -165,6 +173,13 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "Run against the broker at PATH, which must have a test service; "
                     "without it a broker with one is started for the run")
         ->type_name("PATH");
+    command.add_flag("--own-broker", options.plan.ownBroker,
+                     "The library brings its own broker and test service, which are running");
+    command
+        .add_option("--service-record", options.plan.serviceRecord,
+                    "With --socket or --own-broker: the file in which the test service records "
+                    "what reaches it; without it no pass is confirmed")
+        ->type_name("FILE");
     command
         .add_option("--library", options.plan.libraries,
                     "Run the module with the core library in DIR; may be repeated, to compare")

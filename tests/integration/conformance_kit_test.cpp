@@ -48,6 +48,10 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
         {"--repeat", "0"},
         {"--repeat", "2", "--library", standInFolder, "--library", standInFolder},
         {"--jobs", "2", "--socket", "/nowhere"},
+        {"--jobs", "2", "--own-broker"},
+        {"--own-broker", "--socket", "/nowhere"},
+        {"--own-broker", "--prove"},
+        {"--service-record", "/nowhere"},
         {"--fault", "no-such-fault"},
         {"--call-timeout", "0"},
         {"--time-scale", "much"},
@@ -173,12 +177,16 @@ BOOST_AUTO_TEST_CASE(severalLibrariesAreRunOneAfterTheOther) {
     const std::string ours = fs::path(KAVRI_LIB_DIR);
     const ToolResult result =
         run(reported(with(sendPass, {"--library", ours, "--library", standInFolder})));
-    BOOST_TEST(result.exit.code == 0);
+    // The other one answers by itself.
+    BOOST_TEST(result.exit.code == 1);
+    BOOST_TEST(contains(result.output, "requests never reached the service"));
     checkValid();
     const nlohmann::json report = json("r.json");
     BOOST_REQUIRE(report["libraries"].size() == 2U);
     BOOST_TEST(report["libraries"][0]["name"] == ours);
     BOOST_TEST(report["libraries"][1]["name"] == standInFolder);
+    BOOST_TEST(report["libraries"][0]["verdict"] == "pass");
+    BOOST_TEST(report["libraries"][1]["verdict"] == "fail");
     // Each has its own time.
     double together = 0;
     for (const nlohmann::json& library : report["libraries"]) {

@@ -8,6 +8,10 @@
 // written before a crash is there after it. In the module's output it marks where a case
 // begins.
 //
+// Between two cases the module waits until the tool has compared the case with what reached
+// the test service, so that the requests of one are not taken for those of the next. The
+// descriptor that KAVRI_MODULE_RELEASE names gives a byte for each case.
+//
 // The framework is not thread-safe, and neither is this: the module sees to it that
 // one thread at a time uses the framework.
 //
@@ -26,6 +30,7 @@
 #include <boost/test/unit_test_log.hpp>
 #include <boost/test/unit_test_log_formatter.hpp>
 #include <boost/test/unit_test_parameters.hpp>
+#include <cerrno>
 #include <cstdlib>
 #include <ostream>
 #include <sstream>
@@ -91,6 +96,14 @@ void flushStandardOutput() {
     if (ftrylockfile(stdout) == 0) {
         fflush_unlocked(stdout);
         funlockfile(stdout);
+    }
+}
+
+// Returns at once where nothing is to be waited for, or the tool has ended.
+void awaitRelease() {
+    static const int descriptor = kavri::conformance::descriptorIn("KAVRI_MODULE_RELEASE");
+    char byte = 0;
+    while (descriptor >= 0 && read(descriptor, &byte, 1) < 0 && errno == EINTR) {
     }
 }
 
@@ -212,6 +225,7 @@ class Observer : public ut::test_observer {
         if (isCase(unit)) {
             flushStandardOutput();
             tell("ended", std::to_string(elapsedUs) + " " + unit.full_name());
+            awaitRelease();
         } else if (isWhole(unit)) {
             endRound();
         }

@@ -130,36 +130,63 @@ void callModule(const Delivery& delivery) {
     recordDelivered(delivery.number);
 }
 
-void arrived(Installation& installation, const std::array<char**, fieldCount>& fields) {
+// All that were made. Never destroyed: a callback may still run when the process' statics end.
+class Installations {
+  public:
+    static Installations& all() {
+        static auto& installations = *new Installations;
+        return installations;
+    }
+
+    // `describe` sets the stream and the callback.
+    template <typename Describe>
+    Installation& add(void* context, const Describe& describe) {
+        const std::lock_guard lock(mutex_);
+        Installation& installation = installations_.emplace_back();
+        installation.context = context;
+        describe(installation);
+        return installation;
+    }
+
+    // The one that a library names as the context; with a context that is none of these,
+    // the latest one.
+    Installation& find(Stream stream, const void* context) {
+        const std::lock_guard lock(mutex_);
+        Installation* latest = nullptr;
+        for (Installation& each : installations_) {
+            if (&each == context) {
+                return each;
+            }
+            latest = each.stream == stream ? &each : latest;
+        }
+        return *latest;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::deque<Installation> installations_;
+};
+
+void arrived(Stream stream, const std::array<char**, fieldCount>& fields, void* context) {
     notePeerSeen();
+    Installation& installation = Installations::all().find(stream, context);
     Delivery delivery;
     delivery.forward = callModule;
     delivery.installation = &installation;
     delivery.fields = fields;
-    delivery.context = installation.context;
+    delivery.context = context == &installation ? installation.context : context;
     delivery.number = nextNumber();
     delivery.ordinal = ++installation.deliveries;
     deliver(delivery);
 }
 
 void responseArrived(char** targetCategory, char** targetIdentifier, char** uuid, char** payload,
-                     void* installation) {
-    arrived(*static_cast<Installation*>(installation),
-            {targetCategory, targetIdentifier, uuid, payload});
+                     void* context) {
+    arrived(Stream::response, {targetCategory, targetIdentifier, uuid, payload}, context);
 }
 
-void eventArrived(char** targetCategory, char** targetIdentifier, char** payload,
-                  void* installation) {
-    arrived(*static_cast<Installation*>(installation),
-            {targetCategory, targetIdentifier, nullptr, payload});
-}
-
-Installation& newInstallation() {
-    static std::mutex mutex;
-    // Outlives the process' statics: a callback may still run then.
-    static auto& installations = *new std::deque<Installation>;
-    const std::lock_guard lock(mutex);
-    return installations.emplace_back();
+void eventArrived(char** targetCategory, char** targetIdentifier, char** payload, void* context) {
+    arrived(Stream::event, {targetCategory, targetIdentifier, nullptr, payload}, context);
 }
 
 Json callbackArguments(const kavri_core_ipc_initiator* initiator, bool installs,
@@ -194,9 +221,7 @@ kavri_core_status setCallback(Function function, kavri_core_ipc_initiator* initi
         if (now.number == 0 || callback == nullptr) {
             return install(initiator, callback, context);
         }
-        Installation& installation = newInstallation();
-        describe(installation);
-        installation.context = context;
+        Installation& installation = Installations::all().add(context, describe);
         installation.initiator = initiator;
         return install(initiator, substitute, &installation);
     };

@@ -24,12 +24,9 @@ struct Channel {
     struct stat file {};
 
     Channel() {
-        const std::string text = environmentVariable("KAVRI_MODULE_EVENTS");
-        const char* const end = text.data() + text.size();
-        int number = -1;
-        const auto [last, error] = std::from_chars(text.data(), end, number);
-        if (error == std::errc() && last == end && fstat(number, &file) == 0) {
-            descriptor = number;
+        const int named = descriptorIn("KAVRI_MODULE_EVENTS");
+        if (fstat(named, &file) == 0) {
+            descriptor = named;
         }
     }
 
@@ -64,6 +61,13 @@ std::string environmentVariable(const char* name) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the module never writes its environment.
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
+}
+
+int descriptorIn(const char* variable) {
+    const std::string text = environmentVariable(variable);
+    int number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? number : -1;
 }
 
 bool isRecording() {

@@ -38,6 +38,9 @@ inline constexpr std::size_t textLimitBytes = 200;
 // Empty where the variable is not set.
 std::string environmentVariable(const char* name);
 
+// The descriptor that a variable names; -1 where it is not set.
+int descriptorIn(const char* variable);
+
 bool isRecording();
 // Where the lines go; -1: nothing is recorded, or the descriptor is no longer there. May be
 // called in a signal handler, once it has been called before.

@@ -6,6 +6,7 @@
 #include "conformance/module/module_run.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -68,15 +69,20 @@ bool hasEnded(process::ChildProcess& process) {
 
 }  // namespace
 
-ModuleRun::ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
+ModuleRun::ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDisplay& display,
                      WatchdogSettings watchdog, CaseEnded ended, RoundEnded roundEnded)
-    : broker_(broker),
+    : otherEnd_(otherEnd),
+      broker_(otherEnd.broker),
       limits_(limits),
       display_(display),
       watchdog_(watchdog),
       ended_(std::move(ended)),
       roundEnded_(std::move(roundEnded)),
-      eventsPipe_(base::Pipe::make()) {
+      eventsPipe_(base::Pipe::make()),
+      releasePipe_(base::Pipe::make()),
+      record_([this](const CaseReport& report, bool hasProbeEcho) {
+          return confirm(report, hasProbeEcho);
+      }) {
     base::setNonBlocking(eventsPipe_.readEnd);
 }
 
@@ -87,10 +93,14 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     if (request.warningsFail) {
         record_.failOnWarnings();
     }
+    if (otherEnd_.evidence != nullptr) {
+        request.releaseDescriptor = releasePipe_.readEnd.get();
+        otherEnd_.evidence->beginCase();
+    }
     if (!request.cases.empty()) {
         outputCase_ = errorCase_ = request.cases.front();  // while the library is loaded
     }
-    begun_ = Clock::now();
+    releasedAt_ = Clock::now();
     process::ChildProcess process(module.runSpawn(request));
     eventsPipe_.writeEnd.close();  // so that the other end shows when the module closes its own
     RunEnd end = watch(process);
@@ -110,6 +120,9 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
         end = RunEnd::channelClosed;
     }
     cutOff(end);
+    if (otherEnd_.evidence != nullptr) {
+        otherEnd_.evidence->ignore(process.pid());
+    }
     return end;
 }
 
@@ -148,14 +161,16 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
 }
 
 void ModuleRun::pollOnce(const process::ChildProcess& module) const {
-    std::array sources = {pollfd{eventsPipe_.readEnd.get(), POLLIN, 0},
-                          pollfd{limits_.signals().descriptor(), POLLIN, 0},
-                          pollfd{module.endedDescriptor(), POLLIN, 0},
-                          pollfd{module.outputDescriptor(), POLLIN, 0},
-                          pollfd{module.errorDescriptor(), POLLIN, 0},
-                          pollfd{broker_ != nullptr ? broker_->endedDescriptor() : -1, POLLIN, 0},
-                          pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
-                          pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0}};
+    std::array sources = {
+        pollfd{eventsPipe_.readEnd.get(), POLLIN, 0},
+        pollfd{limits_.signals().descriptor(), POLLIN, 0},
+        pollfd{module.endedDescriptor(), POLLIN, 0},
+        pollfd{module.outputDescriptor(), POLLIN, 0},
+        pollfd{module.errorDescriptor(), POLLIN, 0},
+        pollfd{broker_ != nullptr ? broker_->endedDescriptor() : -1, POLLIN, 0},
+        pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
+        pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0},
+        pollfd{otherEnd_.evidence != nullptr ? otherEnd_.evidence->descriptor() : -1, POLLIN, 0}};
     auto left = std::chrono::ceil<std::chrono::milliseconds>(
         std::min(limits_.deadline(), wakeTime()) - Clock::now());
     if (display_.isLive()) {
@@ -170,8 +185,8 @@ void ModuleRun::pollOnce(const process::ChildProcess& module) const {
 // When the module counts as hanging, unless an event comes before.
 ModuleRun::Clock::time_point ModuleRun::hangTime() const {
     const auto at = [](std::int64_t ns) { return Clock::time_point(std::chrono::nanoseconds(ns)); };
-    const std::int64_t lastNs = record_.lastEventNs();
-    const Clock::time_point silent = (lastNs == 0 ? begun_ : at(lastNs)) + watchdog_.silenceLimit();
+    const Clock::time_point silent =
+        std::max(releasedAt_, at(record_.lastEventNs())) + watchdog_.silenceLimit();
     const CallReport* call = record_.openCall();
     return call == nullptr ? silent : std::min(silent, at(call->beginNs) + watchdog_.callLimit);
 }
@@ -199,6 +214,9 @@ std::vector<ModuleEvent> ModuleRun::follow(process::ChildProcess& module) {
         brokerError_.add(broker_->takeError(),
                          [this](std::string_view line) { keepBrokerLine(line); });
     }
+    if (otherEnd_.evidence != nullptr) {
+        otherEnd_.evidence->read();
+    }
     return events_.read(events);
 }
 
@@ -211,6 +229,7 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
             ended->output = outputOf(ended->name);
             display_.showCaseEnded(*ended);
             ended_(*ended);
+            beginNextCase();
         }
         if (event.kind == ModuleEvent::Kind::round) {
             isStopped_ = !roundEnded_(event.number, event.data);
@@ -226,6 +245,27 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
         display_.showCaseUnderWay(*record_.underWay(),
                                   std::chrono::duration<double>(taken).count());
     }
+}
+
+// What speaks against a case whose own record is complete.
+std::vector<std::string> ModuleRun::confirm(const CaseReport& report, bool hasProbeEcho) const {
+    if (otherEnd_.evidence == nullptr) {
+        return otherEnd_.mustConfirm ? std::vector{std::string(notConfirmedText)}
+                                     : std::vector<std::string>{};
+    }
+    const auto deadline = std::min(limits_.deadline(), Clock::now() + watchdog_.callLimit);
+    return otherEnd_.evidence->compare(trafficOf(report, hasProbeEcho), deadline,
+                                       limits_.signals().descriptor());
+}
+
+void ModuleRun::beginNextCase() {
+    if (otherEnd_.evidence == nullptr) {
+        return;
+    }
+    otherEnd_.evidence->beginCase();
+    releasedAt_ = Clock::now();
+    // The pipe has room for all cases, and is open at both ends here.
+    static_cast<void>(!write(releasePipe_.writeEnd.get(), "", 1));
 }
 
 // The verdict on the case that was running when the module ended.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/pipe.h"
+#include "conformance/module/broker_access.h"
 #include "conformance/module/case_output.h"
 #include "conformance/module/conformance_module.h"
 #include "conformance/module/module_events.h"
@@ -47,13 +48,12 @@ class ModuleRun {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // `broker`: the run's own, or null. All of these must outlive this.
-    // `ended` is called for each case that has a verdict.
+    // All of these must outlive this. `ended` is called for each case that has a verdict.
     using CaseEnded = std::function<void(const CaseReport&)>;
     // Called after each round of the cases, with its number and what the module then holds.
     // Returns whether to go on.
     using RoundEnded = std::function<bool(unsigned number, const nlohmann::json& held)>;
-    ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
+    ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDisplay& display,
               WatchdogSettings watchdog, CaseEnded ended, RoundEnded roundEnded);
 
     // Once: returns when the module has ended, by itself or killed. Sets the descriptor
@@ -86,6 +86,8 @@ class ModuleRun {
     std::string callsUnderWay() const;
     std::string placeOf(const ProcessEnd& end) const;
     void apply(const std::vector<ModuleEvent>& events);
+    std::vector<std::string> confirm(const CaseReport& report, bool hasProbeEcho) const;
+    void beginNextCase();
     void finish();
 
     // Splits a stream into lines.
@@ -101,7 +103,8 @@ class ModuleRun {
     void showModuleLine(const std::string& caseName, std::string_view line);
     void keepBrokerLine(std::string_view line);
 
-    process::ChildProcess* broker_;
+    const OtherEnd otherEnd_;
+    process::ChildProcess* const broker_;  // of the other end
     const RunLimits& limits_;
     RunDisplay& display_;
     const WatchdogSettings watchdog_;
@@ -109,11 +112,12 @@ class ModuleRun {
     const RoundEnded roundEnded_;
     unsigned rounds_ = 1;
     bool isStopped_ = false;
-    Clock::time_point begun_;
-    std::int64_t cutOffNs_ = 0;  // when watching ended
+    Clock::time_point releasedAt_;  // the module, to its first case or to the next one
+    std::int64_t cutOffNs_ = 0;     // when watching ended
     bool cutACase_ = false;
     std::string stacks_;
-    base::Pipe eventsPipe_;  // the module's events, beside its output
+    base::Pipe eventsPipe_;   // the module's events, beside its output
+    base::Pipe releasePipe_;  // a byte lets the module go on to the next case
     std::optional<Clock::time_point> channelClosed_;
     ModuleEvents events_;
     RunRecord record_;

@@ -48,8 +48,11 @@ std::string leftText(const nlohmann::json& left) {
 
 CaseReport* RunRecord::add(const ModuleEvent& event) {
     lastEventNs_ = event.atNs;
-    if (event.kind == Kind::peer && event.text != "ok") {
-        peerMissing_ = textIn(event.data, "reason");
+    if (event.kind == Kind::peer) {
+        hasProbeEcho_ = event.text == "ok";
+        if (!hasProbeEcho_) {
+            peerMissing_ = textIn(event.data, "reason");
+        }
     }
     if (event.kind == Kind::crash || event.kind == Kind::exit || event.kind == Kind::stack) {
         endProcess(event);
@@ -59,6 +62,7 @@ CaseReport* RunRecord::add(const ModuleEvent& event) {
         underWay_->name = event.text;
         underWay_->verdict = Verdict::pass;
         underWay_->beginNs = event.atNs;
+        hasProbeEcho_ = false;
     }
     if (!underWay_) {
         addStray(event);
@@ -237,15 +241,20 @@ void RunRecord::judge() {
 }
 
 // A pass counts only where the record holds what the case must have done, with a
-// test service at the other end.
+// test service at the other end that has seen it.
+std::vector<std::string> RunRecord::whyNoPass() const {
+    std::vector<std::string> reasons = missingFrom(*underWay_);
+    if (peerMissing_) {
+        reasons.push_back("no test service answers: " + *peerMissing_);
+    }
+    return reasons.empty() && confirm_ ? confirm_(*underWay_, hasProbeEcho_) : reasons;
+}
+
 CaseReport& RunRecord::end(std::int64_t nowNs) {
     underWay_->endNs = nowNs;
     judge();
     if (underWay_->verdict == Verdict::pass) {
-        underWay_->missing = missingFrom(*underWay_);
-        if (peerMissing_) {
-            underWay_->missing.push_back("no test service answers: " + *peerMissing_);
-        }
+        underWay_->missing = whyNoPass();
         if (!underWay_->missing.empty() || leftOut_ > 0 ||
             (warningsFail_ && !underWay_->warnings.empty())) {
             underWay_->verdict = Verdict::fail;

@@ -4,10 +4,12 @@
 #define KAVRI_CONFORMANCE_MODULE_RUN_RECORD_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "conformance/module/module_events.h"
@@ -31,6 +33,11 @@ class RunRecord {
     // not fill the memory and the reports.
     static constexpr std::size_t callsLimit = 500;
     static constexpr std::size_t checksLimit = 500;
+    // What keeps a case from a pass though its own record is complete, a line each.
+    // `hasProbeEcho`: the probe has asked the service for an echo meanwhile.
+    using Confirm = std::function<std::vector<std::string>(const CaseReport&, bool hasProbeEcho)>;
+    // Called for each case that would pass.
+    explicit RunRecord(Confirm confirm = nullptr) : confirm_(std::move(confirm)) {}
 
     // Whether a case with a warning is no pass.
     void failOnWarnings() { warningsFail_ = true; }
@@ -69,7 +76,9 @@ class RunRecord {
     void endProcess(const ModuleEvent& event);
     void judge();
     CaseReport& end(std::int64_t nowNs);
+    std::vector<std::string> whyNoPass() const;
 
+    Confirm confirm_;
     std::vector<CaseReport> cases_;  // those that have ended
     std::optional<CaseReport> underWay_;
     std::optional<CallReport> checkCall_;   // of the peer check, while it is running
@@ -77,6 +86,7 @@ class RunRecord {
     std::size_t leftOut_ = 0;               // calls and checks of the case
     std::int64_t lastEventNs_ = 0;
     std::optional<std::string> peerMissing_;
+    bool hasProbeEcho_ = false;  // in the case
     std::vector<std::string> strayFailures_;
     bool warningsFail_ = false;
     bool hasEndedCase_ = false;

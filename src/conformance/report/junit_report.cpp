@@ -247,12 +247,14 @@ class SuiteElement {
         set(element_, "timestamp", timestamp);
     }
 
-    // `reason`: why there are cases of the library that were not run.
-    void add(const CaseReport& report, std::string_view bareName, std::string_view reason) {
+    void add(const CaseReport& report, std::string_view bareName, const LibraryReport& library) {
         pugi::xml_node testCase = appendTestCase(element_, className_, bareName, report.seconds());
         setPlace(testCase, report);
-        appendVerdict(testCase, report, reason);
-        setText(testCase.append_child("system-out"), recordText(report));
+        appendVerdict(testCase, report, library.reason);
+        const std::string remark = report.verdict == Verdict::pass && library.unconfirmed
+                                       ? fmt::format("pass, {}\n", notConfirmedText)
+                                       : "";
+        setText(testCase.append_child("system-out"), remark + recordText(report));
         if (!report.output.empty()) {
             setText(testCase.append_child("system-err"), report.output);
         }
@@ -319,7 +321,7 @@ std::string junitReport(const Report& report) {
                 suites.emplace_back(root, fmt::format("{}.{}", library.name, suite), report.date);
                 current = suite;
             }
-            suites.back().add(one, name, library.reason);
+            suites.back().add(one, name, library);
         }
     }
     if (report.matrix) {

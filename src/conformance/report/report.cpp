@@ -88,8 +88,9 @@ static void to_json(json& result, const LibraryReport& library) {
               {"core", library.core},
               {"broker", library.broker},
               {"seconds", library.seconds},
-              {"verdict", verdictText(library.verdict())},
+              {"verdict", verdictText(library)},
               {"reason", library.reason},
+              {"confirmed", !library.unconfirmed},
               {"cases", library.cases},
               {"latencies", latenciesJson(latencies)}};
 }
@@ -123,7 +124,7 @@ json toJson(const Report& report) {
             {"command", report.command},
             {"date", report.date},
             {"tool", report.tool},
-            {"verdict", verdictText(verdictOn(report))},
+            {"verdict", verdictText(report)},
             {"reason", report.reason},
             {"seconds", report.seconds},
             {"libraries", report.libraries},
@@ -149,6 +150,21 @@ std::string_view verdictText(Verdict verdict) {
             return "harness error";
     }
     return "";
+}
+
+static std::string textOf(Verdict verdict, bool unconfirmed) {
+    std::string text(verdictText(verdict));
+    return verdict == Verdict::pass && unconfirmed ? text + ", " + std::string(notConfirmedText)
+                                                   : text;
+}
+
+std::string verdictText(const LibraryReport& library) {
+    return textOf(library.verdict(), library.unconfirmed);
+}
+
+std::string verdictText(const Report& report) {
+    return textOf(verdictOn(report),
+                  std::ranges::any_of(report.libraries, &LibraryReport::unconfirmed));
 }
 
 unsigned CaseReport::checksFailed() const {

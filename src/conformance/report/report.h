@@ -111,6 +111,8 @@ struct LibraryReport {
     std::string name;
     std::string core;  // the file
     std::string broker;
+    // Nothing shows that the requests reached a service.
+    bool unconfirmed = false;
     double seconds = 0;
     // All that were selected, in the order of the module; empty until that is known.
     std::vector<CaseReport> cases;
@@ -119,6 +121,11 @@ struct LibraryReport {
 
     Verdict verdict() const;
 };
+
+// Of a library whose cases pass by what was recorded in its own process alone.
+inline constexpr std::string_view notConfirmedText = "not confirmed by the other side";
+// The worst of its cases; of a pass also whether the other side confirms it.
+std::string verdictText(const LibraryReport& library);
 
 // How long the calls of each function took.
 using LatenciesByFunction = std::map<std::string, base::Latencies>;
@@ -196,6 +203,7 @@ struct Report {
 // Of all that was to be run. Never a pass or failure where the report has a reason: what
 // is written while the run goes on is true, too, of a run that is killed at that moment.
 Verdict verdictOn(const Report& report);
+std::string verdictText(const Report& report);
 
 // The documented form; see docs/conformance.md.
 nlohmann::json toJson(const Report& report);

@@ -20,6 +20,10 @@ constexpr std::string_view red = "\x1b[31m";
 constexpr std::string_view plain = "\x1b[0m";
 constexpr std::string_view eraseLine = "\r\x1b[K";
 
+// Of a case; right libraries and wrong ones come nowhere near, unless they call back
+// without end.
+constexpr size_t failuresShown = 100;
+
 std::string counted(unsigned long count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
@@ -95,7 +99,14 @@ void RunDisplay::showDetails(const CaseReport& report) {
     const auto show = [this](std::string_view line) {
         results_ << "    " << printable(line) << '\n';
     };
-    std::ranges::for_each(report.failureLines(), show);
+    const std::vector<std::string> failures = report.failureLines();
+    for (size_t i = 0; i < std::min(failures.size(), failuresShown); ++i) {
+        show(failures[i]);
+    }
+    if (failures.size() > failuresShown) {
+        show(
+            fmt::format("… and {} more", counted(failures.size() - failuresShown, "failed check")));
+    }
     std::ranges::for_each(report.missing, show);
     std::ranges::for_each(report.remarks, show);
     for (const WarningReport& warning : report.warnings) {
@@ -145,6 +156,12 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
                     warned > 0 ? fmt::format(", {} with warnings", warned) : "",
                     counted(checks, "check"), checks - failed, failed, durationText(seconds))
              << std::endl;
+}
+
+void RunDisplay::showConfirmation(const LibraryReport& library) {
+    if (library.unconfirmed && worstOf(library.cases) == Verdict::pass) {
+        showRemark(verdictText(library));
+    }
 }
 
 void RunDisplay::showRepeats(const RepeatReport& repeats, double seconds) {

@@ -88,6 +88,12 @@ std::string CasesRun::whyNoneBegan(RunEnd end, const process::ExitState& exit) c
                 standstillText());
         case RunEnd::channelClosed:
             return closedChannelText + " before the case";
+        case RunEnd::moduleEnded:
+            if (endedInOrder(exit)) {
+                return "the module ended without a word to the kit; does the core library close "
+                       "descriptors that are not its own when it is loaded?";
+            }
+            [[fallthrough]];
         default:
             return "the module " + process::exitText(exit) + " before the case";
     }
@@ -121,7 +127,7 @@ bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& 
                        const ModuleRun::RoundEnded& roundEnded) {
     request.cases = round.left;
     ModuleRun moduleRun(
-        broker_, limits_, display_, watchdog_,
+        otherEnd_, limits_, display_, watchdog_,
         [&](const CaseReport& report) {
             round.outcome.cases.push_back(report);
             std::erase(round.left, report.name);

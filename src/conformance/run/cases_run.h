@@ -26,11 +26,11 @@ class CasesRun {
     // Called after each case, with all that have ended.
     using Progress = std::function<void(const std::vector<CaseReport>&)>;
 
-    // `broker`: the run's own, or null. All of these must outlive this.
-    CasesRun(const ConformanceModule& module, process::ChildProcess* broker,
-             const RunLimits& limits, RunDisplay& display, WatchdogSettings watchdog)
+    // All of these must outlive this.
+    CasesRun(const ConformanceModule& module, const OtherEnd& otherEnd, const RunLimits& limits,
+             RunDisplay& display, WatchdogSettings watchdog)
         : module_(module),
-          broker_(broker),
+          otherEnd_(otherEnd),
           limits_(limits),
           display_(display),
           watchdog_(watchdog) {}
@@ -61,7 +61,7 @@ class CasesRun {
     bool blameLastCase(const ModuleRun& run, RunEnd end, CaseReport& last) const;
 
     const ConformanceModule& module_;
-    process::ChildProcess* broker_;
+    const OtherEnd otherEnd_;
     const RunLimits& limits_;
     RunDisplay& display_;
     const WatchdogSettings watchdog_;

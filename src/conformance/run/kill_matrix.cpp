@@ -65,7 +65,7 @@ FaultReport runWithFault(const RunContext& context, const Fault& fault,
     OwnBroker broker(context.files.broker, context.limits);
     ModuleRunRequest request = context.library.request(broker.socket());
     request.fault = fault.name;
-    const CasesOutcome outcome = runUnseen(context, &broker.process(), std::move(request), cases);
+    const CasesOutcome outcome = runUnseen(context, broker.asOtherEnd(), std::move(request), cases);
     if (outcome.end == RunEnd::timeOver || outcome.end == RunEnd::signalled) {
         context.limits.giveUp(fmt::format("during the fault {}", fault.name));
     }

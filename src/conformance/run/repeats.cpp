@@ -129,11 +129,13 @@ class ShareOfRuns {
 
   private:
     unsigned runProcess(unsigned first, unsigned runs) {
-        if (!plan_.socket && !broker_) {
+        if (!plan_.otherEnd && !broker_) {
             broker_.emplace(context_.files.broker, context_.limits);
         }
         ModuleRunRequest request = request_;
-        request.brokerSocket = broker_ ? broker_->socket() : fs::path(*plan_.socket);
+        if (broker_) {
+            request.brokerSocket = broker_->socket();
+        }
         request.rounds = runs;
         if (plan_.shuffle) {
             request.userArguments.push_back(fmt::format("--random={}", *plan_.shuffle + first));
@@ -141,8 +143,8 @@ class ShareOfRuns {
         HeldByName held;
         RunEnd end = RunEnd::moduleEnded;
         const unsigned done =
-            runRoundsUnseen(context_, broker_ ? &broker_->process() : nullptr, std::move(request),
-                            cases_, [&](CasesOutcome outcome) {
+            runRoundsUnseen(context_, broker_ ? broker_->asOtherEnd() : *plan_.otherEnd,
+                            std::move(request), cases_, [&](CasesOutcome outcome) {
                                 end = outcome.end;
                                 return take(std::move(outcome), held);
                             });

@@ -22,7 +22,7 @@ struct RepeatPlan {
     std::optional<unsigned> shuffle;  // cases in another order each time, from this seed on
     unsigned jobs = 1;                // processes at a time, each with a broker of its own
     bool failsOnGrowth = false;
-    std::optional<std::string> socket;  // or all with this one
+    std::optional<OtherEnd> otherEnd;  // or all with this one
 };
 
 struct RepeatOutcome {
@@ -36,8 +36,8 @@ using RepeatProgress = std::function<void(unsigned done, unsigned passed)>;
 // Marks the known failures of a run, before it is judged.
 using MarkKnownFailures = std::function<void(std::vector<CaseReport>&)>;
 
-// `request`: all but the broker's socket. Both functions are called by one thread at a
-// time. Throws CommandFailure when no broker can be started.
+// `request`: all but the socket of a broker of its own. Both functions are called by one thread at
+// a time. Throws CommandFailure when no broker can be started.
 RepeatOutcome runRepeatedly(const RunContext& context, const RepeatPlan& plan,
                             const ModuleRunRequest& request, const std::vector<std::string>& cases,
                             const MarkKnownFailures& mark, const RepeatProgress& progress);

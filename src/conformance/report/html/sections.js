@@ -43,7 +43,7 @@ function overview(report) {
     && el("div", {}, el("dt", {}, name), el("dd", {}, value));
   return [
     el("p", { class: "title" }, "Conformance report"),
-    el("h1", { class: report.verdict.replace(" ", "-") }, mark(report.verdict),
+    el("h1", { class: verdictKind(report.verdict) }, mark(report.verdict),
       el("span", {}, report.verdict)),
     report.reason && el("p", { class: "reason" }, report.reason),
     el("p", { class: "headline" }, headline(report).map(([text, isWrong]) =>
