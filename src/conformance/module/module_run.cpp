@@ -89,7 +89,7 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     finish();
     cutOff(end);
     if (otherEnd_.evidence != nullptr) {
-        otherEnd_.evidence->ignore(process.pid());
+        otherEnd_.evidence->endModule(process.pid());
     }
     return end;
 }

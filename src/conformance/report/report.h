@@ -92,10 +92,9 @@ struct LibraryReport {
     std::string name;  // as the user named it
     std::string core;  // the file
     std::string broker;
-    // Nothing shows that the requests reached a service.
-    bool unconfirmed = false;
     double seconds = 0;
     std::vector<CaseReport> cases;  // in the order of the module
+    bool unconfirmed = false;       // nothing shows that the requests reached a service
 };
 
 // Of a library whose cases pass by what was recorded in its own process alone.
