@@ -4,9 +4,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <iostream>
 #include <optional>
+#include <set>
 
 #include "conformance/cases/explanations.h"
 #include "conformance/faults/fault_catalogue.h"
@@ -121,6 +123,15 @@ void checkOptions(const ConformanceOptions& options) {
     if (!plan.repeat && (plan.untilFail || plan.shuffle)) {
         refuse("--until-fail and --shuffle need --repeat N");
     }
+    const size_t libraryCount = std::max<size_t>(1, plan.libraries.size());
+    if (!plan.names.empty() && plan.names.size() != libraryCount) {
+        refuse(fmt::format("{} libraries and {} names; give a --name for each --library, or none",
+                           libraryCount, plan.names.size()));
+    }
+    if (std::set(plan.names.begin(), plan.names.end()).size() != plan.names.size()) {
+        refuse(
+            "two libraries with the same --name; no reader of the reports could tell them apart");
+    }
     if (plan.repeat && plan.libraries.size() > 1) {
         refuse("--repeat is for one library at a time");
     }
@@ -164,6 +175,12 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
         .add_option("--library", options.plan.libraries,
                     "Run the module with the core library in DIR; may be repeated, to compare")
         ->type_name("DIR")
+        ->allow_extra_args(false);
+    command
+        .add_option("--name", options.plan.names,
+                    "Call the library so in the reports; one for each --library, in their order "
+                    "[its folder]")
+        ->type_name("NAME")
         ->allow_extra_args(false);
     command
         .add_option("--case", options.plan.casePatterns,

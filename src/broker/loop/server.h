@@ -62,6 +62,7 @@ class Server {
 
   private:
     static constexpr std::size_t goodbyesPerRound = 64;
+    static constexpr std::size_t fanOutWritesPerRound = 64;
     // About how many frames all reads of a round share, and how many of them one session
     // gets: a busy peer delays others by microseconds, and many by less than a
     // millisecond.
@@ -77,7 +78,7 @@ class Server {
 
     void waitForEvents();
     Clock::duration sleep();
-    int sleepTimeMs(Clock::time_point now) const;
+    std::optional<Clock::time_point> sleepUntil(Clock::time_point now) const;
     bool hasWorkLeft() {
         return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease();
     }
@@ -88,7 +89,7 @@ class Server {
     std::size_t readShare(const Session& session) const;
     void handleDeadlines();
     void handleDeadline(DeadlineKind kind, Session& session);
-    void writeListed();
+    void write(Session& session);
     void finishRound();
     void sayGoodbye();
 
@@ -104,7 +105,6 @@ class Server {
     Policy policy_;
     std::function<void()> onSignal_;
     bool bulkIsReady_ = false;
-    std::size_t bulkInRound_ = 1;
     bool connectionsWait_ = false;
     bool filesChanged_ = false;
     bool stopping_ = false;

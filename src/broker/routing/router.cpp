@@ -6,6 +6,7 @@
 #include <new>
 
 #include "base/assert.h"
+#include "wire/frame_assembler.h"
 
 namespace kavri::broker {
 
@@ -101,7 +102,7 @@ std::optional<Blocked> Router::request(Session& from, InputFrame& frame) {
             break;
     }
     wire::replaceToken(frame.bytes, requests_.open(responder, from, frame.values.token));
-    deliver(responder, frame);
+    deliver(responder, frame, Receivers::one);
     return std::nullopt;
 }
 
@@ -135,7 +136,7 @@ std::optional<Blocked> Router::response(Session& from, InputFrame& frame) {
     }
     wire::replaceToken(frame.bytes, known->initiatorToken);
     requests_.close(token);
-    deliver(initiator, frame);
+    deliver(initiator, frame, Receivers::one);
     return std::nullopt;
 }
 
@@ -186,21 +187,19 @@ std::optional<Blocked> Router::publish(Session& from, InputFrame& frame) {
 // Small events that follow one another in the input are delivered together: each
 // subscriber's send queue is then looked for once, not for each event.
 void Router::gatherEvents(const Category& category, InputFrame& first) const {
-    while (first.bytesBehind >= wire::headerBytes) {
+    while (true) {
         char* const next = first.bytes + first.length;
-        const wire::Measured measured = wire::measure(next, limits_.payloadBytes);
-        if (measured.error || measured.frameBytes > first.bytesBehind ||
-            measured.frameBytes >= wire::largeFrameBytes) {
-            return;
-        }
-        const std::optional<Frame> values = wire::decode(next);
-        if (!values || values->type != FrameType::publish ||
-            (*values)[Field::category] != category.name) {
+        const wire::FirstFrame following =
+            wire::firstFrame(next, first.bytesBehind, limits_.payloadBytes);
+        if (following.state != wire::FirstFrame::State::complete ||
+            following.frameBytes >= wire::largeFrameBytes ||
+            wire::typeOf(next) != FrameType::publish ||
+            wire::categoryOf(next, following.frameBytes) != category.name || wire::hasNul(next)) {
             return;
         }
         wire::replaceType(next, FrameType::event);
-        first.length += measured.frameBytes;
-        first.bytesBehind -= measured.frameBytes;
+        first.length += following.frameBytes;
+        first.bytesBehind -= following.frameBytes;
         ++first.frames;
     }
 }
@@ -298,7 +297,7 @@ void Router::forget(Session& session) {
 void Router::send(Session& to, const Frame& frame) {
     try {
         to.sendQueue.append(frame);
-        markForWriting(to);
+        toWrite_.add(to, Receivers::one);
     } catch (const std::bad_alloc&) {
         closeOutOfMemory(to);
     }
@@ -350,12 +349,13 @@ std::optional<Blocked> Router::blockedOnSubscriber(const Session& from,
 }
 
 void Router::deliverToSubscribers(const Category& category, const InputFrame& event) {
+    const Receivers receivers = category.subscribers.size() > 1 ? Receivers::many : Receivers::one;
     for (Session* subscriber : category.subscribers) {
-        deliver(*subscriber, event);
+        deliver(*subscriber, event, receivers);
     }
 }
 
-void Router::deliver(Session& to, const InputFrame& frame) {
+void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) {
     if (to.isClosing) {
         return;
     }
@@ -369,7 +369,7 @@ void Router::deliver(Session& to, const InputFrame& frame) {
         } else {
             to.sendQueue.appendCopy({frame.bytes, frame.length});
         }
-        markForWriting(to);
+        toWrite_.add(to, receivers);
     } catch (const std::bad_alloc&) {
         closeOutOfMemory(to);
     }
@@ -386,13 +386,6 @@ void Router::refuse(Session& from, std::uint64_t token, kavri_core_status status
 
 void Router::acknowledge(Session& to, std::uint64_t token, kavri_core_status status) {
     send(to, outcomeFrame(FrameType::acknowledgement, token, status));
-}
-
-void Router::markForWriting(Session& session) {
-    if (!session.listedForWriting) {
-        toWrite_.push_back(&session);
-        session.listedForWriting = true;
-    }
 }
 
 }  // namespace kavri::broker

@@ -18,6 +18,11 @@ namespace kavri::conformance {
 
 class RunRecord {
   public:
+    // Of a case. A right library comes nowhere near; one that calls back without end must
+    // not fill the memory and the reports.
+    static constexpr std::size_t callsLimit = 500;
+    static constexpr std::size_t checksLimit = 500;
+
     // What keeps a case from a pass though its own record is complete, a line each.
     // `hasProbeEcho`: the probe has asked the service for an echo meanwhile.
     using Confirm = std::function<std::vector<std::string>(const CaseReport&, bool hasProbeEcho)>;
@@ -25,7 +30,7 @@ class RunRecord {
     explicit RunRecord(Confirm confirm = nullptr) : confirm_(std::move(confirm)) {}
 
     // Adds an event. Returns the case that it ended, if it did.
-    const CaseReport* add(const ModuleEvent& event);
+    CaseReport* add(const ModuleEvent& event);
 
     // Failures outside of every case, a line each.
     const std::vector<std::string>& strayFailures() const { return strayFailures_; }
@@ -48,6 +53,7 @@ class RunRecord {
     void addToCase(const ModuleEvent& event);
     void addStray(const ModuleEvent& event);
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
+    void addCheck(const ModuleEvent& event);
     void endCall(const ModuleEvent& event);
     CaseReport& end(std::int64_t nowNs);
     std::vector<std::string> whyNoPass() const;
@@ -57,6 +63,7 @@ class RunRecord {
     std::optional<CaseReport> underWay_;
     std::optional<CallReport> checkCall_;   // of the peer check, while it is running
     std::map<unsigned, std::size_t> open_;  // number of a call to its place in the case
+    std::size_t leftOut_ = 0;               // calls and checks of the case
     std::int64_t lastEventNs_ = 0;
     std::optional<std::string> peerMissing_;
     bool hasProbeEcho_ = false;  // in the case

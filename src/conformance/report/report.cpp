@@ -37,6 +37,22 @@ json latenciesJson(const LatenciesByFunction& latencies) {
     return all;
 }
 
+// What several verdicts come to together.
+Verdict together(const std::vector<Verdict>& all) {
+    const auto isOpen = [](Verdict verdict) {
+        return verdict == Verdict::notRun || verdict == Verdict::incomplete;
+    };
+    if (std::ranges::count(all, Verdict::notRun) == std::ssize(all)) {
+        return Verdict::notRun;
+    }
+    return std::ranges::any_of(all, isOpen) ? Verdict::incomplete : std::ranges::max(all);
+}
+
+// Where there is a reason, something is still to come.
+Verdict limitedBy(const std::string& reason, Verdict verdict) {
+    return reason.empty() || verdict == Verdict::notRun ? verdict : Verdict::incomplete;
+}
+
 }  // namespace
 
 // Found by the JSON library in the namespace of the types.
@@ -58,7 +74,8 @@ static void to_json(json& result, const CaseReport& report) {
               {"faults", report.faults},     {"log", report.failureLines()},
               {"missing", report.missing},   {"remarks", report.remarks},
               {"hang", orNull(report.hang)}, {"crash", report.crash},
-              {"known", report.known},       {"repeat", report.repeat}};
+              {"output", report.output},     {"known", report.known},
+              {"repeat", report.repeat}};
 }
 
 static void to_json(json& result, const LibraryReport& library) {
@@ -69,6 +86,7 @@ static void to_json(json& result, const LibraryReport& library) {
               {"broker", library.broker},
               {"seconds", library.seconds},
               {"verdict", verdictText(library)},
+              {"reason", library.reason},
               {"confirmed", !library.unconfirmed},
               {"cases", library.cases},
               {"latencies", latenciesJson(latencies)}};
@@ -93,11 +111,12 @@ static void to_json(json& result, const RepeatReport& repeats) {
 }
 
 json toJson(const Report& report) {
-    return {{"schema", 1},
+    return {{"schema", 2},
             {"command", report.command},
             {"date", report.date},
             {"tool", report.tool},
             {"verdict", verdictText(report)},
+            {"reason", report.reason},
             {"seconds", report.seconds},
             {"libraries", report.libraries},
             {"matrix", orNull(report.matrix)},
@@ -116,6 +135,8 @@ std::string_view verdictText(Verdict verdict) {
             return "crash";
         case Verdict::notRun:
             return "not run";
+        case Verdict::incomplete:
+            return "incomplete";
         case Verdict::harnessError:
             return "harness error";
     }
@@ -129,7 +150,7 @@ static std::string textOf(Verdict verdict, bool unconfirmed) {
 }
 
 std::string verdictText(const LibraryReport& library) {
-    return textOf(worstOf(library.cases), library.unconfirmed);
+    return textOf(library.verdict(), library.unconfirmed);
 }
 
 std::string verdictText(const Report& report) {
@@ -157,13 +178,15 @@ std::vector<std::string> CaseReport::failureLines() const {
 }
 
 Verdict worstOf(const std::vector<CaseReport>& cases) {
-    Verdict worst = Verdict::pass;
+    std::vector<Verdict> verdicts;
     for (const CaseReport& report : cases) {
-        if (report.known.empty()) {
-            worst = std::max(worst, report.verdict);
-        }
+        verdicts.push_back(report.known.empty() ? report.verdict : Verdict::pass);
     }
-    return worst;
+    return together(verdicts);
+}
+
+Verdict LibraryReport::verdict() const {
+    return limitedBy(reason, worstOf(cases));
 }
 
 void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies) {
@@ -183,13 +206,20 @@ bool MatrixReport::isProven() const {
 }
 
 Verdict verdictOn(const Report& report) {
-    const bool failsOtherwise = (report.matrix && !report.matrix->isProven()) ||
-                                (report.repeats && report.repeats->passed < report.repeats->runs);
-    Verdict worst = failsOtherwise ? Verdict::fail : Verdict::pass;
+    std::vector<Verdict> verdicts;
     for (const LibraryReport& library : report.libraries) {
-        worst = std::max(worst, worstOf(library.cases));
+        verdicts.push_back(library.verdict());
     }
-    return worst;
+    const auto add = [&verdicts](bool passed) {
+        verdicts.push_back(passed ? Verdict::pass : Verdict::fail);
+    };
+    if (report.matrix) {
+        add(report.matrix->isProven());
+    }
+    if (report.repeats) {
+        add(report.repeats->passed == report.repeats->runs);
+    }
+    return limitedBy(report.reason, together(verdicts));
 }
 
 }  // namespace kavri::conformance

@@ -138,7 +138,7 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
 
 void RunDisplay::showConfirmation(const LibraryReport& library) {
     if (library.unconfirmed && worstOf(library.cases) == Verdict::pass) {
-        showRemark(verdictText(library));
+        showRemark(fmt::format("{}, {}", verdictText(Verdict::pass), notConfirmedText));
     }
 }
 
@@ -202,21 +202,6 @@ std::string hangText(const HangReport& hang) {
                                                hang.call, hang.arguments, hang.seconds);
     return what + (hang.lastPassed.empty() ? "; no check had passed"
                                            : "; the last check that passed: " + hang.lastPassed);
-}
-
-std::string printable(std::string_view text) {
-    std::string result;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\n') {
-            result += "\\n";
-        } else if (byte < 0x20 || byte == 0x7f) {
-            result += fmt::format("\\x{:02x}", byte);
-        } else {
-            result += c;
-        }
-    }
-    return result;
 }
 
 }  // namespace kavri::conformance

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "conformance/report/printable.h"
 #include "conformance/report/report.h"
 
 namespace kavri::conformance {
@@ -66,9 +67,6 @@ class RunDisplay {
 
 std::string durationText(double seconds);
 std::string hangText(const HangReport& hang);
-
-// A text on one line: line breaks and control characters become escapes.
-std::string printable(std::string_view text);
 
 }  // namespace kavri::conformance
 

@@ -18,6 +18,7 @@
 #include "conformance/run/kill_matrix.h"
 #include "conformance/run/repeats.h"
 #include "process/exit_text.h"
+#include "process/temporary_folder.h"
 
 namespace kavri::conformance {
 
@@ -34,6 +35,9 @@ constexpr milliseconds proofCallLimit{800};
 
 // The cases mostly sleep.
 constexpr unsigned jobsPerProcessor = 4;
+
+// While the run goes on; and for good where it is killed.
+const std::string notEndedYet = "the run had not ended when this was written";
 
 double secondsSince(RunLimits::Clock::time_point begin) {
     return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
@@ -61,6 +65,7 @@ process::ExitStatus statusFor(Verdict verdict) {
         case Verdict::fail:
             return process::ExitStatus::failed;
         case Verdict::notRun:
+        case Verdict::incomplete:
         case Verdict::harnessError:
             return process::ExitStatus::couldNotRun;
         case Verdict::timeout:
@@ -70,17 +75,28 @@ process::ExitStatus statusFor(Verdict verdict) {
     return process::ExitStatus::ended;
 }
 
+std::string cutOffText(const CaseReport& report) {
+    if (report.hang) {
+        return hangText(*report.hang);
+    }
+    return report.crash.empty() ? report.missing.front() : report.crash;
+}
+
 // The first case that was cut off, known failures apart, and why.
 std::string cutOffText(const Report& report) {
     for (const LibraryReport& library : report.libraries) {
         for (const CaseReport& each : library.cases) {
-            if (each.known.empty() && (each.hang || !each.crash.empty())) {
-                return fmt::format("{}: {}", each.name,
-                                   each.hang ? hangText(*each.hang) : each.crash);
+            if (each.known.empty() && statusFor(each.verdict) == process::ExitStatus::ended) {
+                return fmt::format("{}: {}", each.name, cutOffText(each));
             }
         }
     }
     return "";
+}
+
+std::string whyNotRun(const CaseReport& report) {
+    return report.missing.empty() ? fmt::format("{} was not run", report.name)
+                                  : report.missing.front();
 }
 
 }  // namespace
@@ -93,7 +109,28 @@ double RunPlan::limitSeconds() const {
 
 process::ExitStatus ConformanceRun::run() {
     assert(!reportFiles_);  // runs once
+    process::removeAbandonedFolders();
+    report_ = openingReport();
+    reportFiles_.emplace(plan_.reports, report_);
+    try {
+        prepare();
+        runLibraries();
+    } catch (const std::exception& error) {
+        noteWhyIncomplete(error.what());
+        writeFiles();
+        throw;
+    }
+    return judge();
+}
+
+// What does not depend on the library: whatever can be known to be wrong is found out
+// before anything is started.
+void ConformanceRun::prepare() {
     checkModuleArguments(plan_.moduleArguments);
+    if (!plan_.expectations.empty()) {
+        expectations_ = Expectations::read(plan_.expectations);
+    }
+    files_ = KitFiles::find();
     if (!plan_.serviceRecord.empty()) {
         evidence_.emplace(std::filesystem::path(plan_.serviceRecord));
     }
@@ -101,19 +138,24 @@ process::ExitStatus ConformanceRun::run() {
         checkBrokerListens(*plan_.socket);
         checkTestService(*plan_.socket, evidence_ ? &*evidence_ : nullptr, limits_);
     }
-    if (!plan_.expectations.empty()) {
-        expectations_ = Expectations::read(plan_.expectations);
+}
+
+// A library that cannot be run, or not to the end, does not keep the others from it.
+void ConformanceRun::runLibraries() {
+    for (current_ = 0; current_ < report_.libraries.size(); ++current_) {
+        try {
+            runLibrary();
+        } catch (const process::CommandFailure& failure) {
+            if (failure.status() == process::ExitStatus::ended) {
+                throw;
+            }
+            if (!report().reason.empty()) {
+                report().reason = failure.what();
+            }
+            failure_ = failure_.value_or(failure.status());
+            std::cerr << "kavri conformance: " << failure.what() << std::endl;
+        }
     }
-    files_ = KitFiles::find();
-    report_ = openingReport();
-    reportFiles_.emplace(plan_.reports, report_);
-    if (plan_.libraries.empty()) {
-        runLibrary(std::nullopt);
-    }
-    for (const std::string& folder : plan_.libraries) {
-        runLibrary(folder);
-    }
-    return judge();
 }
 
 Report ConformanceRun::openingReport() const {
@@ -124,12 +166,39 @@ Report ConformanceRun::openingReport() const {
     }
     report.date = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
     report.tool = plan_.tool;
+    report.reason = notEndedYet;
+    report.libraries.resize(std::max<size_t>(1, plan_.libraries.size()));
+    for (size_t i = 0; i < report.libraries.size(); ++i) {
+        LibraryReport& library = report.libraries[i];
+        library.name = nameOf(i);
+        library.broker = brokerText();
+        library.unconfirmed = !plan_.isConfirmed();
+        library.reason = notEndedYet;
+    }
     return report;
 }
 
+// Unless a name is given, the folder: the same however it was typed, because what compares
+// the reports of several runs goes by the name.
+std::string ConformanceRun::nameOf(size_t library) const {
+    if (library < plan_.names.size()) {
+        return plan_.names[library];
+    }
+    if (plan_.libraries.empty()) {
+        return std::string(coreLibrary);
+    }
+    std::error_code error;
+    const auto folder = std::filesystem::canonical(plan_.libraries[library], error);
+    return error ? plan_.libraries[library] : folder.string();
+}
+
+// Of the library under test; none: the module finds it by itself.
+std::optional<std::string> ConformanceRun::folder() const {
+    return plan_.libraries.empty() ? std::nullopt : std::optional(plan_.libraries[current_]);
+}
+
 // The command that runs one case again.
-std::string ConformanceRun::commandFor(const std::string& library,
-                                       const std::string& caseName) const {
+std::string ConformanceRun::commandFor(const std::string& caseName) const {
     std::vector<std::string> words = {"kavri", "conformance"};
     const auto add = [&words](const char* option, const std::string& value) {
         words.emplace_back(option);
@@ -150,8 +219,8 @@ std::string ConformanceRun::commandFor(const std::string& library,
     if (!plan_.fault.empty()) {
         add("--fault", plan_.fault);
     }
-    if (!plan_.libraries.empty()) {
-        add("--library", library);
+    if (const auto library = folder()) {
+        add("--library", *library);
     }
     add("--case", caseName);
     return fmt::format("{}", fmt::join(words, " "));
@@ -179,20 +248,23 @@ unsigned ConformanceRun::jobs(unsigned most) const {
     return std::min(plan_.jobs == 0 ? byDefault : plan_.jobs, most);
 }
 
-void ConformanceRun::runLibrary(const std::optional<std::string>& folder) {
-    const LibraryRun library(files_, folder, limits_);
-    const std::vector<std::string> cases = library.select(plan_.casePatterns, limits_);
+void ConformanceRun::runLibrary() {
+    const LibraryRun library(files_, folder(), limits_);
+    const std::vector<std::string> cases =
+        library.select(plan_.casePatterns, limits_, watchdog().callLimit);
     RunDisplay display(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases);
-    LibraryReport& report = report_.libraries.emplace_back();
-    report.name = library.name();
-    report.core = library.core();
-    report.broker = brokerText();
-    report.unconfirmed = !plan_.isConfirmed();
+    report().core = library.core();
+    report().cases.resize(cases.size());
+    for (size_t i = 0; i < cases.size(); ++i) {
+        report().cases[i].name = cases[i];
+    }
     if (plan_.repeat) {
         repeat(library, cases, display);
     } else {
         runOnce(library, cases, display);
     }
+    const auto notRun = std::ranges::find(report().cases, Verdict::notRun, &CaseReport::verdict);
+    report().reason = notRun == report().cases.end() ? "" : whyNotRun(*notRun);
     if (plan_.proves) {
         prove(library, display);
     }
@@ -204,14 +276,27 @@ void ConformanceRun::markKnownFailures(std::vector<CaseReport>& cases) {
     }
 }
 
-void ConformanceRun::addToReport(LibraryReport& report, const std::vector<CaseReport>& cases) {
-    report.cases = cases;
-    markKnownFailures(report.cases);
-    for (CaseReport& each : report.cases) {
-        each.repeat = commandFor(report.name, each.name);
+// `cases`: those that have ended.
+void ConformanceRun::addToReport(const std::vector<CaseReport>& cases) {
+    for (const CaseReport& ended : cases) {
+        *std::ranges::find(report().cases, ended.name, &CaseReport::name) = ended;
     }
-    report.seconds = secondsSince(casesBegun_);
+    markKnownFailures(report().cases);
+    for (CaseReport& each : report().cases) {
+        each.repeat = commandFor(each.name);
+    }
+    report().seconds = secondsSince(casesBegun_);
     writeFiles();
+}
+
+// What has no reason of its own has that of the run.
+void ConformanceRun::noteWhyIncomplete(const std::string& reason) {
+    report_.reason = reason;
+    for (LibraryReport& library : report_.libraries) {
+        if (library.reason == notEndedYet) {
+            library.reason = reason;
+        }
+    }
 }
 
 void ConformanceRun::writeFiles() {
@@ -221,12 +306,11 @@ void ConformanceRun::writeFiles() {
 
 void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                              RunDisplay& display) {
-    LibraryReport& report = report_.libraries.back();
     std::optional<OwnBroker> own;
     if (plan_.startsBrokers()) {
         own.emplace(files_.broker, limits_);
     }
-    display.showOpening(report.core, report.broker);
+    display.showOpening(report().core, report().broker);
     ModuleRunRequest request =
         library.request(own ? own->socket() : std::filesystem::path(plan_.socket.value_or("")));
     request.userArguments = plan_.moduleArguments;
@@ -235,14 +319,14 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
     CasesRun run(library.module(), own ? own->asOtherEnd() : foreignEnd(), limits_, display,
                  watchdog());
     const CasesOutcome outcome =
-        run.run(request, cases, [&](const auto& soFar) { addToReport(report, soFar); });
+        run.run(request, cases, [&](const auto& soFar) { addToReport(soFar); });
     if (worstOf(outcome.cases) != Verdict::pass) {
         for (const std::string& line : outcome.brokerLines) {
             display.showForeignLine(line);
         }
     }
-    display.showClosing(report.cases, report.seconds);
-    display.showConfirmation(report);
+    display.showClosing(report().cases, report().seconds);
+    display.showConfirmation(report());
     if (own && !own->evidence().hasSeenRequests()) {
         display.showRemark(
             "nothing reached the kit's broker; a library that brings its own is "
@@ -260,7 +344,8 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
                                           : process::ExitStatus::usage,
                                       "the module refused to run, for the reason above");
     }
-    if (outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung) {
+    if (outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung ||
+        outcome.end == RunEnd::channelClosed) {
         return;
     }
     const auto cut = std::ranges::find_if(outcome.cases, [](const CaseReport& report) {
@@ -281,8 +366,8 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
 
 void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                             RunDisplay& display) {
-    LibraryReport& report = report_.libraries.back();
-    display.showOpening(report.core, plan_.startsBrokers() ? "brokers of its own" : report.broker);
+    display.showOpening(report().core,
+                        plan_.startsBrokers() ? "brokers of its own" : report().broker);
     ModuleRunRequest request = library.request(plan_.socket.value_or(""));
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
@@ -300,21 +385,21 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
             display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
         });
     report_.repeats = outcome.report;
-    addToReport(report, outcome.cases);
-    for (const CaseReport& each : report.cases) {
+    addToReport(outcome.cases);
+    for (const CaseReport& each : report().cases) {
         if (each.verdict != Verdict::pass) {
             display.showCaseEnded(each);
         }
     }
-    display.showRepeats(outcome.report, report.seconds);
-    display.showConfirmation(report);
+    display.showRepeats(outcome.report, report().seconds);
+    display.showConfirmation(report());
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
     }
 }
 
 void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
-    const std::vector<CaseReport>& baseline = report_.libraries.back().cases;
+    const std::vector<CaseReport>& baseline = report().cases;
     if (worstOf(baseline) != Verdict::pass) {
         throw process::CommandFailure(process::ExitStatus::failed,
                                       "--prove needs a library with which all cases pass; mend "
@@ -335,8 +420,12 @@ void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
     writeFiles();
 }
 
-process::ExitStatus ConformanceRun::judge() const {
-    process::ExitStatus status = statusFor(verdictOn(report_));
+process::ExitStatus ConformanceRun::judge() {
+    const auto incomplete = std::ranges::find_if(
+        report_.libraries, [](const LibraryReport& each) { return !each.reason.empty(); });
+    report_.reason = incomplete == report_.libraries.end() ? "" : incomplete->reason;
+    writeFiles();
+    process::ExitStatus status = failure_.value_or(statusFor(verdictOn(report_)));
     const std::vector<std::string> complaints =
         expectations_ ? expectations_->complaints() : std::vector<std::string>();
     for (const std::string& complaint : complaints) {

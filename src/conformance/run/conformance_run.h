@@ -24,6 +24,7 @@ struct RunPlan {
     std::string serviceRecord;  // a file, of the service behind either of these; empty: none
     bool strict = false;        // what is not confirmed by the other side is no pass
     std::vector<std::string> libraries;  // folders; none: the library that the module finds
+    std::vector<std::string> names;      // of the libraries in the reports, as far as given
     std::vector<std::string> casePatterns;
     std::optional<double> timeoutSeconds;  // of the whole run
     double callTimeoutSeconds = 10;
@@ -51,31 +52,38 @@ class ConformanceRun {
     ConformanceRun(const RunPlan& plan, const RunLimits& limits)
         : plan_(plan), limits_(limits), begun_(Clock::now()) {}
 
-    // Once. Returns the verdict on all that was run; throws CommandFailure where there
-    // is none. Whatever can be known to be wrong is found out before anything is started.
+    // Once. Returns the verdict on all that was to be run, also where some of it could not
+    // be; throws CommandFailure where the command line is wrong, and where the run was cut
+    // off. The report says the same as the exception.
     process::ExitStatus run();
 
   private:
     using Clock = RunLimits::Clock;
 
     Report openingReport() const;
-    std::string commandFor(const std::string& library, const std::string& caseName) const;
+    std::string nameOf(std::size_t library) const;
+    std::optional<std::string> folder() const;
+    LibraryReport& report() { return report_.libraries[current_]; }
+    std::string commandFor(const std::string& caseName) const;
     std::string brokerText() const;
     OtherEnd foreignEnd();
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
-    void runLibrary(const std::optional<std::string>& folder);
+    void prepare();
+    void runLibraries();
+    void runLibrary();
     void runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                  RunDisplay& display);
     void repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                 RunDisplay& display);
     void prove(const LibraryRun& library, RunDisplay& display);
     void markKnownFailures(std::vector<CaseReport>& cases);
-    void addToReport(LibraryReport& report, const std::vector<CaseReport>& cases);
+    void addToReport(const std::vector<CaseReport>& cases);
+    void noteWhyIncomplete(const std::string& reason);
     void writeFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;
-    process::ExitStatus judge() const;
+    process::ExitStatus judge();
 
     const RunPlan& plan_;
     const RunLimits& limits_;
@@ -84,6 +92,8 @@ class ConformanceRun {
     KitFiles files_;
     std::optional<ServiceEvidence> evidence_;  // of a service that is not the kit's
     Report report_;
+    std::size_t current_ = 0;  // the library under test, in the report and the plan
+    std::optional<process::ExitStatus> failure_;  // of the first library that was not run
     std::optional<ReportFiles> reportFiles_;
     std::optional<Expectations> expectations_;
 };

@@ -40,12 +40,15 @@ function overview(report) {
     el("p", { class: "title" }, "Conformance report"),
     el("h1", { class: verdictKind(report.verdict) }, mark(report.verdict),
       el("span", {}, report.verdict)),
+    report.reason && el("p", { class: "reason" }, report.reason),
     el("p", { class: "headline" }, headline(report).map(([text, isWrong]) =>
       el("span", {}, isWrong && mark("fail"), text))),
     el("dl", { class: "facts" },
       report.libraries.map((library) => [
         fact("Library", [el("b", {}, library.name), library.core && [" ", code(library.core)]]),
         fact("Broker", library.broker && code(library.broker)),
+        report.libraries.length > 1 && fact("Verdict", [verdictLabel(library.verdict),
+          library.reason && [" ", library.reason]]),
       ]),
       fact("Date", report.date), fact("Tool", report.tool),
       fact("Command", report.command && code(report.command))),
@@ -100,7 +103,9 @@ function casesSection(report) {
   const several = report.libraries.length > 1;
   return section("cases", "Cases", report.libraries.map((library) => [
     several && el("h3", {}, library.name, " ", verdictLabel(library.verdict)),
-    table(`Cases of ${library.name}`, caseColumns, library.cases.map(caseRows), "cases"),
+    library.cases.length > 0
+      ? table(`Cases of ${library.name}`, caseColumns, library.cases.map(caseRows), "cases")
+      : el("p", {}, library.reason),
   ]));
 }
 
@@ -116,6 +121,10 @@ function comparisonCell(one, isDifferent) {
 }
 
 function differenceNode(reference, other, difference) {
+  const notRun = [reference, other].find((library) => library.cases.length === 0);
+  if (notRun) {
+    return el("p", {}, `${notRun.name} was not run: ${notRun.reason}`);
+  }
   if (!difference) {
     return el("p", {}, `${other.name} did in every check what ${reference.name} did.`);
   }
