@@ -205,10 +205,10 @@ std::vector<ModuleEvent> ModuleRun::follow(process::ChildProcess& module) {
 void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     for (const ModuleEvent& event : events) {
         if (CaseReport* ended = record_.add(event)) {
+            beginNextCase();  // which then runs while this one is reported
             ended->output = outputOf(ended->name);
             display_.showCaseEnded(*ended);
             ended_(*ended);
-            beginNextCase();
         }
     }
     if (record_.underWay() != nullptr) {
