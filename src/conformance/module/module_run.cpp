@@ -121,7 +121,7 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     }
     cutOff(end);
     if (otherEnd_.evidence != nullptr) {
-        otherEnd_.evidence->ignore(process.pid());
+        otherEnd_.evidence->endModule(process.pid());
     }
     return end;
 }
@@ -226,10 +226,10 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
             return;
         }
         if (CaseReport* ended = record_.add(event)) {
+            beginNextCase();  // which then runs while this one is reported
             ended->output = outputOf(ended->name);
             display_.showCaseEnded(*ended);
             ended_(*ended);
-            beginNextCase();
         }
         if (event.kind == ModuleEvent::Kind::round) {
             isStopped_ = !roundEnded_(event.number, event.data);
