@@ -29,6 +29,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <deque>
 #include <mutex>
@@ -61,7 +62,7 @@ constexpr std::string_view knownDefects[] = {
     // What a library does to its process: when it is loaded or unloaded, or with each send.
     "crashesWhenLoaded", "hangsWhenLoaded", "crashesWhenUnloaded", "hangsWhenUnloaded", "hangs",
     "leavesProcess", "startsThreads", "closesDescriptors", "prints", "printsControls",
-    "printsWithoutEnd"};
+    "printsWithoutEnd", "sendTakes"};
 
 // The value of the variable, which is one of the names, with or without "=value". Another one
 // ends the run: the test that asked for it would otherwise judge a healthy library.
@@ -136,6 +137,8 @@ void disturbProcess() {
         fputs("no line break at the end", stdout);
     } else if (defect("closesDescriptors")) {
         close_range(3, ~0U, 0);
+    } else if (const auto taken = defect("sendTakes")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(*taken)));
     } else if (defect("printsControls")) {
         fputs("\x1b[2J\x1b]0;title\a \xff\xc2\x9b", stderr);
     } else if (defect("printsWithoutEnd")) {

@@ -76,6 +76,13 @@ BOOST_AUTO_TEST_CASE(moreOutputThanAPipeHoldsIsCapturedWhole) {
     BOOST_TEST(child.output().size() == 1000000U);
 }
 
+BOOST_AUTO_TEST_CASE(outputWithoutEndIsCapturedUpToALimit) {
+    ChildProcess child(shell("yes | head -c 100000000; echo end >&2"));
+    endOf(child);
+    BOOST_TEST(child.output().size() == ChildProcess::captureLimitBytes);
+    BOOST_TEST(child.error() == "end\n");
+}
+
 BOOST_AUTO_TEST_CASE(outputThatIsTakenIsForgotten) {
     ChildProcess child(shell("echo one; echo two >&2"));
     BOOST_TEST(endOf(child).succeeded());

@@ -32,9 +32,9 @@ ReportFiles::ReportFiles(ReportPlaces places, const Report& report) : places_(st
     }
 }
 
-void ReportFiles::update(const Report& report) {
+void ReportFiles::writeAll(const Report& report, bool isLast) {
     if (places_.junit) {
-        write(*places_.junit, junitReport(report));
+        write(*places_.junit, junitReport(report), isLast);
     }
     if (!places_.json && !places_.html) {
         return;
@@ -42,17 +42,20 @@ void ReportFiles::update(const Report& report) {
     const nlohmann::json content = toJson(report);
     if (places_.json) {
         write(*places_.json,
-              content.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+              content.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n", isLast);
     }
     if (places_.html) {
-        write(fs::path(*places_.html) / "index.html", reportPage(content));
+        write(fs::path(*places_.html) / "index.html", reportPage(content), isLast);
     }
 }
 
 // Writes a new file and renames it over the old one; but a device or pipe is written to.
-void ReportFiles::write(const fs::path& file, const std::string& text) {
+void ReportFiles::write(const fs::path& file, const std::string& text, bool isLast) {
     std::error_code error;
     const bool isReplaced = !fs::exists(file, error) || fs::is_regular_file(file, error);
+    if (!isReplaced && !isLast && !fs::is_directory(file, error)) {
+        return;
+    }
     const fs::path fresh = isReplaced ? file.string() + ".new" : file.string();
     errno = 0;
     std::ofstream stream(fresh, std::ios::binary | std::ios::trunc);
@@ -68,8 +71,8 @@ void ReportFiles::write(const fs::path& file, const std::string& text) {
             fs::remove(fresh, ignored);
         }
         if (complaint_.empty()) {
-            complaint_ = fmt::format("cannot write {}: {}; what was there before is kept",
-                                     file.string(), error.message());
+            complaint_ = fmt::format("cannot write {}: {}{}", file.string(), error.message(),
+                                     isReplaced ? "; what was there before is kept" : "");
         }
     }
 }
