@@ -241,7 +241,10 @@ void ConformanceRun::runLibrary() {
         runOnce(library, cases, display);
     }
     const auto notRun = std::ranges::find(report().cases, Verdict::notRun, &CaseReport::verdict);
-    report().reason = notRun == report().cases.end() ? "" : whyNotRun(*notRun);
+    if (notRun != report().cases.end()) {
+        throw process::CommandFailure(process::ExitStatus::couldNotRun, whyNotRun(*notRun));
+    }
+    report().reason.clear();
     if (plan_.proves) {
         prove(library, display);
     }
