@@ -163,6 +163,7 @@ std::vector<std::string> CaseReport::failureLines() const {
 
 Verdict worstOf(const std::vector<CaseReport>& cases) {
     std::vector<Verdict> verdicts;
+    verdicts.reserve(cases.size());
     for (const CaseReport& report : cases) {
         verdicts.push_back(report.known.empty() ? report.verdict : Verdict::pass);
     }
