@@ -17,8 +17,9 @@ _kavriFaults() {
 _kavriOptions() {
     case $1 in
         conformance)
-            printf '%s ' --socket --library --name --case --timeout --call-timeout --time-scale --prove \
-                --fault --junit --json --html --repeat --until-fail --shuffle --jobs --expect \
+            printf '%s ' --socket --own-broker --service-record --strict --library --name --case \
+                --timeout --call-timeout --time-scale --prove --fault --junit --json --html \
+                --repeat --until-fail --fail-on-leaks --shuffle --jobs --expect \
                 --list --list-faults --explain --help
             ;;
         bench)
@@ -51,6 +52,7 @@ _kavriNames() {
         conformance--library | conformance--html) echo -d ;;
         conformance--socket | bench--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
+        conformance--service-record) echo -f ;;
         *) return 1 ;;
     esac
 }

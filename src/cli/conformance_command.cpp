@@ -12,6 +12,7 @@
 
 #include "conformance/cases/explanations.h"
 #include "conformance/faults/fault_catalogue.h"
+#include "conformance/run/growth.h"
 #include "process/orphans.h"
 #include "process/stop_signals.h"
 
@@ -57,6 +58,8 @@ void describeLimits(CLI::App& command, ConformanceOptions& options) {
         ->check(numberFromTo(1, 1e6, "number of runs"));
     command.add_flag("--until-fail", options.plan.untilFail,
                      "With --repeat: end after the first run that does not pass");
+    command.add_flag("--fail-on-leaks", options.plan.failsOnLeaks,
+                     "With --repeat: what the library holds must not grow with the runs");
     command
         .add_option("--shuffle", options.plan.shuffle,
                     "With --repeat: cases in another order each time, from this seed on")
@@ -64,7 +67,8 @@ void describeLimits(CLI::App& command, ConformanceOptions& options) {
         ->check(numberFromTo(1, 1e9, "seed"));
     command
         .add_option("--jobs", options.plan.jobs,
-                    "With --repeat and --prove: so many runs at a time [4 for each processor]")
+                    "With --repeat and --prove: so many processes at a time [up to 4 for each "
+                    "processor]")
         ->type_name("N")
         ->check(numberFromTo(1, 1000, "number of runs"));
 }
@@ -106,14 +110,29 @@ void checkOptions(const ConformanceOptions& options) {
     if (!plan.fault.empty() && conformance::findFault(plan.fault) == nullptr) {
         refuse(fmt::format("no fault '{}'; see --list-faults", plan.fault));
     }
-    if (plan.proves && (plan.socket || plan.libraries.size() > 1 || plan.repeat ||
+    if (plan.proves && (!plan.startsBrokers() || plan.libraries.size() > 1 || plan.repeat ||
                         !plan.fault.empty() || !plan.casePatterns.empty())) {
         refuse(
             "--prove runs all cases with one library and brokers of its own; leave out "
-            "--socket, --case, --fault, --repeat and any second --library");
+            "--socket, --own-broker, --case, --fault, --repeat and any second --library");
     }
-    if (!plan.repeat && (plan.untilFail || plan.shuffle)) {
-        refuse("--until-fail and --shuffle need --repeat N");
+    if (plan.socket && plan.ownBroker) {
+        refuse("--own-broker is for a library that finds its broker by itself; leave out --socket");
+    }
+    if (!plan.serviceRecord.empty() && plan.startsBrokers()) {
+        refuse(
+            "--service-record is for a service that is running already; the kit's own broker is "
+            "asked for its record anyway");
+    }
+    if (!plan.repeat && (plan.untilFail || plan.shuffle || plan.failsOnLeaks)) {
+        refuse("--until-fail, --shuffle and --fail-on-leaks need --repeat N");
+    }
+    if (plan.failsOnLeaks &&
+        *plan.repeat < conformance::leastRunsForGrowth * std::max(1U, plan.jobs)) {
+        refuse(
+            fmt::format("--fail-on-leaks needs {} runs of each process; give --repeat more, or "
+                        "--jobs less",
+                        conformance::leastRunsForGrowth));
     }
     const size_t libraryCount = std::max<size_t>(1, plan.libraries.size());
     if (!plan.names.empty() && plan.names.size() != libraryCount) {
@@ -127,8 +146,8 @@ void checkOptions(const ConformanceOptions& options) {
     if (plan.repeat && plan.libraries.size() > 1) {
         refuse("--repeat is for one library at a time");
     }
-    if (plan.socket && plan.jobs > 1) {
-        refuse("--jobs needs brokers of its own; leave out --socket");
+    if (!plan.startsBrokers() && plan.jobs > 1) {
+        refuse("--jobs needs brokers of the kit's; leave out --socket and --own-broker");
     }
 }
 
@@ -154,6 +173,13 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "Run against the broker at PATH, which must have a test service; "
                     "without it a broker with one is started for the run")
         ->type_name("PATH");
+    command.add_flag("--own-broker", options.plan.ownBroker,
+                     "The library brings its own broker and test service, which are running");
+    command
+        .add_option("--service-record", options.plan.serviceRecord,
+                    "With --socket or --own-broker: the file in which the test service records "
+                    "what reaches it; without it no pass is confirmed")
+        ->type_name("FILE");
     command
         .add_option("--library", options.plan.libraries,
                     "Run the module with the core library in DIR; may be repeated, to compare")
@@ -170,6 +196,9 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "Run only the cases whose name, or suite/name, matches GLOB; may be repeated")
         ->type_name("GLOB")
         ->allow_extra_args(false);
+    command.add_flag("--strict", options.plan.strict,
+                     "A case with a warning fails, and so does a pass that the other side does "
+                     "not confirm");
     describeLimits(command, options);
     describeProof(command, options);
     describeReports(command, options);

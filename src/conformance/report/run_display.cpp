@@ -85,9 +85,12 @@ void RunDisplay::showCaseEnded(const CaseReport& report) {
     const std::string failed = failures > 0 ? fmt::format("  ({} failed)", failures) : "";
     const std::string verdict = coloured(fmt::format("{:<7}", verdictText(report.verdict)),
                                          report.verdict == Verdict::pass ? green : red);
-    results_ << fmt::format("{:<{}}  {}  {:>10}  {:>9}{}\n", report.name, nameWidth_, verdict,
+    const std::string warned =
+        report.warnings.empty() ? ""
+                                : fmt::format("  ({})", counted(report.warnings.size(), "warning"));
+    results_ << fmt::format("{:<{}}  {}  {:>10}  {:>9}{}{}\n", report.name, nameWidth_, verdict,
                             counted(report.checks.size(), "check"), durationText(report.seconds()),
-                            failed);
+                            failed, warned);
     showDetails(report);
     results_.flush();
 }
@@ -106,15 +109,21 @@ void RunDisplay::showDetails(const CaseReport& report) {
     }
     std::ranges::for_each(report.missing, show);
     std::ranges::for_each(report.remarks, show);
+    for (const WarningReport& warning : report.warnings) {
+        show(warning.line());
+    }
+    const auto showLines = [&show](std::string_view lines) {
+        while (const auto line = base::takeLine(lines)) {
+            show(*line);
+        }
+    };
     if (!report.crash.empty()) {
         show(report.crash);
+        showLines(report.crashStack);
     }
     if (report.hang) {
         show(hangText(*report.hang));
-        std::string_view stacks = report.hang->stacks;
-        while (const auto line = base::takeLine(stacks)) {
-            show(*line);
-        }
+        showLines(report.hang->stacks);
     }
 }
 
@@ -140,11 +149,19 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
         failed += report.checksFailed();
     }
     const auto notRun = casesWith(Verdict::notRun);
+    const auto warned = casesWithWarnings(cases);
     results_ << fmt::format(
-                    "{}, {} passed{}; {}, {} passed, {} failed; {}", counted(caseCount_, "case"),
+                    "{}, {} passed{}{}; {}, {} passed, {} failed; {}", counted(caseCount_, "case"),
                     casesWith(Verdict::pass), notRun > 0 ? fmt::format(", {} not run", notRun) : "",
+                    warned > 0 ? fmt::format(", {} with warnings", warned) : "",
                     counted(checks, "check"), checks - failed, failed, durationText(seconds))
              << std::endl;
+}
+
+void RunDisplay::showConfirmation(const LibraryReport& library) {
+    if (library.unconfirmed && worstOf(library.cases) == Verdict::pass) {
+        showRemark(verdictText(library));
+    }
 }
 
 void RunDisplay::showRepeats(const RepeatReport& repeats, double seconds) {
@@ -156,8 +173,17 @@ void RunDisplay::showRepeats(const RepeatReport& repeats, double seconds) {
                                times.count(), us(times, 0.5), us(times, 0.99)));
     }
     for (const RepeatReport::Growth& growth : repeats.growth) {
-        showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most", growth.what,
-                               growth.first, growth.last, growth.most));
+        const std::string slope =
+            growth.slope ? fmt::format("  {:>+8.1f} each run", *growth.slope) : "";
+        showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most{}", growth.what,
+                               growth.first, growth.last, growth.most, slope));
+    }
+    for (const RepeatReport::Growth& growth : repeats.growth) {
+        if (growth.grows) {
+            showRemark(coloured(repeats.failsOnGrowth ? "fail: " : "remark: ",
+                                repeats.failsOnGrowth ? red : plain) +
+                       growth.remark());
+        }
     }
     showRemark(
         fmt::format("{} runs, {} passed; {}", repeats.runs, repeats.passed, durationText(seconds)));
@@ -171,15 +197,17 @@ void RunDisplay::showMatrix(const MatrixReport& matrix) {
     }
     const auto invisible = std::ranges::count_if(
         matrix.faults, [](const FaultReport& fault) { return !fault.unnoticedBecause.empty(); });
+    const auto warned = std::ranges::count_if(matrix.faults, &FaultReport::isDetectedByWarnings);
     const auto wrong = std::ranges::count_if(
         matrix.faults, [](const FaultReport& fault) { return !fault.asExpected(); });
     const auto survived = std::ranges::count_if(
         matrix.checks, [](const CheckKilled& check) { return check.faults.empty(); });
     showRemark(fmt::format(
-        "{} faults, {} detected as expected, {} that no case can detect, {} not as expected; "
-        "{} checks, {} turned red; {}",
-        matrix.faults.size(), std::ssize(matrix.faults) - invisible - wrong, invisible, wrong,
-        matrix.checks.size(), std::ssize(matrix.checks) - survived, durationText(matrix.seconds)));
+        "{} faults, {} detected as expected, {} of them by warnings alone, {} that nobody can "
+        "detect, {} not as expected; {} checks, {} turned red; {}",
+        matrix.faults.size(), std::ssize(matrix.faults) - invisible - wrong, warned, invisible,
+        wrong, matrix.checks.size(), std::ssize(matrix.checks) - survived,
+        durationText(matrix.seconds)));
 }
 
 void RunDisplay::clearProgress() {

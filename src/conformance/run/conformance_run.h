@@ -20,6 +20,8 @@ struct RunPlan {
     std::string tool;                     // its name and version, for the report
     std::vector<std::string> invocation;  // the whole command line, for the report
     std::optional<std::string> socket;
+    bool ownBroker = false;     // the library brings its broker and service
+    std::string serviceRecord;  // a file, of the service behind either of these; empty: none
     std::vector<std::string> libraries;  // folders; none: the library that the module finds
     std::vector<std::string> names;      // of the libraries in the reports, as far as given
     std::vector<std::string> casePatterns;
@@ -31,6 +33,9 @@ struct RunPlan {
     std::optional<unsigned> repeat;
     bool untilFail = false;
     std::optional<unsigned> shuffle;
+    bool failsOnLeaks = false;  // with repeats: growth is a failure
+    // Warnings count as failures, and a pass that the other side does not confirm is none.
+    bool strict = false;
     unsigned jobs = 0;         // at a time; 0: as many as suit the machine
     std::string expectations;  // a file; empty: none
     ReportPlaces reports;
@@ -38,6 +43,9 @@ struct RunPlan {
 
     // How long the whole run may take.
     double limitSeconds() const;
+    // Whether each run has a broker of the kit's.
+    bool startsBrokers() const { return !socket && !ownBroker; }
+    bool isConfirmed() const { return startsBrokers() || !serviceRecord.empty(); }
 };
 
 class ConformanceRun {
@@ -59,8 +67,13 @@ class ConformanceRun {
     std::optional<std::string> folder() const;
     LibraryReport& report() { return report_.libraries[current_]; }
     std::string commandFor(const std::string& caseName) const;
+    std::string brokerText() const;
+    OtherEnd foreignEnd();
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
+    unsigned repeatJobs() const;
+    ModuleRunRequest requestFor(const LibraryRun& library,
+                                const std::filesystem::path& socket) const;
     void prepare();
     void runLibraries();
     void runLibrary();
@@ -83,6 +96,7 @@ class ConformanceRun {
     const Clock::time_point begun_;
     Clock::time_point casesBegun_;  // of the library under test
     KitFiles files_;
+    std::optional<ServiceEvidence> evidence_;  // of a service that is not the kit's
     Report report_;
     std::size_t current_ = 0;  // the library under test, in the report and the plan
     std::optional<process::ExitStatus> failure_;  // of the first library that was not run

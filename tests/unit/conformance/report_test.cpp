@@ -62,6 +62,8 @@ Report fullReport() {
     full.remarks = {"another thing"};
     full.hang = HangReport{"receive", "{}", 10.5, "c == d", "#0 poll"};
     full.crash = "ended by signal 11";
+    full.crashStack = "#0 free";
+    full.warnings = {{"one-rule", "it did so", "ipc.h", "A sentence.", 2}};
     full.output = "a line\n";
     full.known = "ticket 12";
     full.repeat = "kavri conformance --case echo";
@@ -101,7 +103,9 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(library["latencies"]["send"], {"count", "p50Us", "p90Us", "p99Us", "maxUs"});
     const Json& first = library["cases"][0];
     checkMembers(first, {"name", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
-                         "missing", "remarks", "hang", "crash", "output", "known", "repeat"});
+                         "missing", "remarks", "warnings", "hang", "crash", "crashStack", "output",
+                         "known", "repeat"});
+    checkMembers(first["warnings"][0], {"rule", "text", "header", "sentence", "times"});
     checkMembers(first["checks"][0],
                  {"text", "place", "passed", "left", "right", "message", "atNs", "thread"});
     for (const Json& call : first["calls"]) {
@@ -115,8 +119,9 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(matrix["faults"][0], {"name", "description", "clause", "unnoticedBecause", "fired",
                                        "seconds", "cases", "wrong"});
     checkMembers(matrix["checks"][0], {"caseName", "check", "faults"});
-    checkMembers(report["repeats"], {"runs", "passed", "growth", "latencies"});
-    checkMembers(report["repeats"]["growth"][0], {"what", "first", "last", "most"});
+    checkMembers(report["repeats"], {"runs", "passed", "growth", "latencies", "failsOnGrowth"});
+    checkMembers(report["repeats"]["growth"][0],
+                 {"what", "first", "last", "most", "slope", "grows"});
 }
 
 BOOST_AUTO_TEST_CASE(theReportAndItsLibrariesHoldWhatWasKnown) {
@@ -172,6 +177,11 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
         {"log", Json::array({"t.cpp(9): error: check a == b has failed [1 != 2]"})},
         {"missing", Json::array({"one thing"})},
         {"remarks", Json::array({"another thing"})},
+        {"warnings", Json::array({{{"rule", "one-rule"},
+                                   {"text", "it did so"},
+                                   {"header", "ipc.h"},
+                                   {"sentence", "A sentence."},
+                                   {"times", 2}}})},
         {"hang",
          {{"call", "receive"},
           {"arguments", "{}"},
@@ -179,6 +189,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
           {"lastPassed", "c == d"},
           {"stacks", "#0 poll"}}},
         {"crash", "ended by signal 11"},
+        {"crashStack", "#0 free"},
         {"output", "a line\n"},
         {"known", "ticket 12"},
         {"repeat", "kavri conformance --case echo"}};
@@ -200,8 +211,9 @@ BOOST_AUTO_TEST_CASE(theMatrixAndTheRepeatsHoldWhatWasKnown) {
                R"([{"caseName":"send/echo","check":"a == b","faults":["send-lost"]}])");
     BOOST_TEST(report["matrix"]["seconds"] == 30);
     BOOST_TEST(report["repeats"].dump() ==
-               R"({"growth":[{"first":1.0,"last":2.0,"most":4.0,"what":"module, threads"}],)"
-               R"("latencies":{},"passed":2,"runs":3})");
+               R"({"failsOnGrowth":false,"growth":[{"first":1.0,"grows":false,"last":2.0,)"
+               R"("most":4.0,"slope":null,"what":"module, threads"}],"latencies":{},"passed":2,)"
+               R"("runs":3})");
 }
 
 BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
@@ -415,6 +427,17 @@ BOOST_AUTO_TEST_CASE(eachRepeatMustPass) {
     BOOST_TEST((verdictOn(report) == Verdict::pass));
     report.repeats->passed = 2;
     BOOST_TEST((verdictOn(report) == Verdict::fail));
+}
+
+BOOST_AUTO_TEST_CASE(growthIsAFailureWhereThatIsAskedFor) {
+    Report report;
+    RepeatReport& repeats = report.repeats.emplace(RepeatReport{5, 5, {}});
+    repeats.growth = {{.what = "module, threads", .slope = 1.0, .grows = true}};
+    BOOST_TEST((verdictOn(report) == Verdict::pass));
+    repeats.failsOnGrowth = true;
+    BOOST_TEST((verdictOn(report) == Verdict::fail));
+    repeats.growth[0].grows = false;
+    BOOST_TEST((verdictOn(report) == Verdict::pass));
 }
 
 BOOST_AUTO_TEST_CASE(aCaseCountsItsFailedChecksAndItsSeconds) {

@@ -3,7 +3,7 @@
 // of a fault's cases are drawn only when they are asked for.
 "use strict";
 
-const noticedBy = (fault) => fault.cases.filter(needsAttention);
+const noticedBy = (fault) => fault.cases.filter((one) => needsAttention(one) || hasWarnings(one));
 
 function faultState(fault) {
   if (fault.wrong.length > 0) {
@@ -14,6 +14,9 @@ function faultState(fault) {
 
 // What turned a cell red, in words.
 function cellReason(one) {
+  if (one.verdict === "pass") {
+    return hasWarnings(one) ? one.warnings.map((warning) => `warning: ${warning.text}`).join("; ") : "green";
+  }
   if (one.verdict !== "fail") {
     return one.crash || (one.hang?.call ? `${one.verdict} in ${one.hang.call}` : one.verdict);
   }
@@ -33,9 +36,9 @@ function matrixCell(fault, name, open) {
     return el("td", { class: "cell" }, hiddenText("no such case"));
   }
   const wrong = isNamedWrong(fault, one);
-  const reason = `${one.verdict === "pass" ? "green" : cellReason(one)}${wrong ? ", not as expected" : ""}`;
+  const reason = `${cellReason(one)}${wrong ? ", not as expected" : ""}`;
   return el("td", {
-    class: `cell ${one.verdict.replace(" ", "-")}${wrong ? " wrong" : ""}`,
+    class: `cell ${one.verdict.replace(" ", "-")}${hasWarnings(one) ? " warned" : ""}${wrong ? " wrong" : ""}`,
     title: `${shortCase(name)}: ${reason}`, click: () => open(one),
   }, mark(one.verdict), hiddenText(reason));
 }
@@ -44,7 +47,7 @@ function faultCaseRow(one, casesArea) {
   return el("tr", {},
     el("td", {}, verdictLabel(one.verdict)),
     el("th", { scope: "row" }, shortCase(one.name),
-      needsAttention(one) && [" ", code(cellReason(one).replace(/^fail by /, ""))]),
+      (needsAttention(one) || hasWarnings(one)) && [" ", code(cellReason(one).replace(/^fail by /, ""))]),
     el("td", {}, el("button", { type: "button", click: () => showFaultCase(one, casesArea) },
       "Show", hiddenText(` ${shortCase(one.name)}`))));
 }

@@ -18,6 +18,7 @@ function checkCounts(cases) {
 }
 
 const needsAttention = (one) => one.verdict !== "pass" && one.verdict !== "not run";
+const hasWarnings = (one) => (one.warnings ?? []).length > 0;
 
 // Everything that happened in a case, in the order of time.
 function recordOf(one) {
