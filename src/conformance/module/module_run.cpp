@@ -151,11 +151,8 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
         if (now >= limits_.deadline()) {
             return RunEnd::timeOver;
         }
-        if (channelClosed_ && now >= *channelClosed_ + endingTime) {
-            return RunEnd::channelClosed;
-        }
-        if (now >= hangTime()) {
-            return RunEnd::hung;
+        if (now >= wakeTime()) {
+            return channelClosed_ ? RunEnd::channelClosed : RunEnd::hung;
         }
     }
 }
