@@ -56,8 +56,7 @@ class ConformanceTool {
     }
 
     // Waits for the tool, and checks that it has tidied up.
-    ToolResult finish(process::ChildProcess& tool,
-                      std::chrono::seconds limit = longEnough) const {
+    ToolResult finish(process::ChildProcess& tool, std::chrono::seconds limit = longEnough) const {
         const std::optional<process::ExitState> exit = tool.wait(limit);
         BOOST_REQUIRE_MESSAGE(exit.has_value(), "the tool does not end: " << tool.error());
         checkNothingIsLeft();

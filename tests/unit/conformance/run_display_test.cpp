@@ -16,6 +16,7 @@
 using kavri::conformance::CaseReport;
 using kavri::conformance::DisplayStyle;
 using kavri::conformance::HangReport;
+using kavri::conformance::LibraryReport;
 using kavri::conformance::RunDisplay;
 using kavri::conformance::Verdict;
 using kavri::tests::EnvironmentVariable;
@@ -193,6 +194,19 @@ BOOST_FIXTURE_TEST_CASE(theClosingLineCountsCasesAndChecks, InAFile) {
     BOOST_TEST(take() == "2 cases, 0 passed, 1 not run; 2 checks, 1 passed, 1 failed; 2.13 s\n");
     display.showClosing({passedCase(), failedCase()}, 0.5);
     BOOST_TEST(take() == "2 cases, 1 passed; 10 checks, 8 passed, 2 failed; 500.0 ms\n");
+}
+
+BOOST_FIXTURE_TEST_CASE(aPassThatTheOtherSideDoesNotConfirmSaysSo, InAFile) {
+    LibraryReport library;
+    library.cases = {passedCase()};
+    display.showConfirmation(library);
+    BOOST_TEST(take() == "");
+    library.unconfirmed = true;
+    display.showConfirmation(library);
+    BOOST_TEST(take() == "pass, not confirmed by the other side\n");
+    library.cases = {failedCase()};
+    display.showConfirmation(library);
+    BOOST_TEST(take() == "");
 }
 
 BOOST_FIXTURE_TEST_CASE(aFileGetsNoProgressAndNoColour, InAFile) {
