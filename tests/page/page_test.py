@@ -351,7 +351,9 @@ class PageTest(unittest.TestCase):
         self.open("healthy")
         text = self.one("#repeats").text
         self.assertIn("1000 of 1000 runs passed, 100 %", text)
-        self.assertIn("+164", text)
+        self.assertIn("module, descriptors 4 164 164 +1.6 grows", text)
+        self.assertIn("too few runs", text)
+        self.assertIn("growing: module, descriptors", self.one("#overview").text)
 
     def test_librariesStandBesideEachOtherWithTheFirstDifference(self):
         self.open("several")

@@ -128,6 +128,7 @@ void writeStack(const void* from) {
 const void* programCounter(const void* context) {
 #if defined(__x86_64__)
     const auto* machine = &static_cast<const ucontext_t*>(context)->uc_mcontext;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel has registers as integers.
     return reinterpret_cast<const void*>(machine->gregs[REG_RIP]);
 #elif defined(__aarch64__)
     const auto* machine = &static_cast<const ucontext_t*>(context)->uc_mcontext;
