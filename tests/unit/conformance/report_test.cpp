@@ -72,7 +72,7 @@ Report fullReport() {
     report.date = "2026-11-20T12:00:00Z";
     report.tool = "kavri 1.0.0";
     report.seconds = 2.5;
-    report.libraries = {{"/opt/lib", "/opt/lib/core.so", "its own broker", 1.5, {full}, ""}};
+    report.libraries = {{"/opt/lib", "/opt/lib/core.so", "its own broker", 1.5, {full}, "", false}};
     MatrixReport& matrix = report.matrix.emplace();
     matrix.faults = {{.name = "send-lost",
                       .description = "loses a request",
