@@ -20,6 +20,8 @@ namespace {
 
 // A case sends 13 requests at most. Of a library that floods the service the rest is counted.
 constexpr std::size_t servedLimit = 1000;
+// What is late comes soon after its case; and a module may run the cases very often.
+constexpr std::size_t earlierConnectionsLimit = 16;
 // A line with five texts of 200 bytes each is far shorter, however they are escaped.
 constexpr std::size_t longestLineBytes = 65536;
 constexpr std::size_t shownBytes = 200;
@@ -110,7 +112,7 @@ std::vector<std::string> ServiceEvidence::compare(const CaseTraffic& traffic,
 // connection of its own, by which they are told apart.
 void ServiceEvidence::dropLateRequests(const CaseTraffic& traffic) {
     const auto isLate = [this](const ServedRequest& each) {
-        return earlierConnections_.contains(each.connection);
+        return std::ranges::find(earlierConnections_, each.connection) != earlierConnections_.end();
     };
     if (traffic.requests.empty() || !std::ranges::all_of(served_, isLate)) {
         std::erase_if(served_, isLate);
@@ -120,9 +122,13 @@ void ServiceEvidence::dropLateRequests(const CaseTraffic& traffic) {
 void ServiceEvidence::beginCase() {
     read();
     for (const ServedRequest& each : served_) {
-        if (!each.connection.is_null()) {
-            earlierConnections_.insert(each.connection);
+        if (!each.connection.is_null() &&
+            (earlierConnections_.empty() || earlierConnections_.back() != each.connection)) {
+            earlierConnections_.push_back(each.connection);
         }
+    }
+    while (earlierConnections_.size() > earlierConnectionsLimit) {
+        earlierConnections_.pop_front();
     }
     served_.clear();
     leftOut_ = 0;

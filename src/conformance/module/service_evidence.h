@@ -7,9 +7,9 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <deque>
 #include <filesystem>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -57,7 +57,7 @@ class ServiceEvidence {
     std::size_t leftOut_ = 0;  // beyond those that are kept
     std::string malformed_;    // the first line of another form; empty: none
     bool hasSeenRequests_ = false;
-    std::set<nlohmann::json> earlierConnections_;  // of the cases before, in this module
+    std::deque<nlohmann::json> earlierConnections_;  // of the cases before, in this module
     std::optional<pid_t> endedModule_;
 };
 
