@@ -89,9 +89,10 @@ struct Commands {
     }
 };
 
-int runCommandLine(std::vector<std::string> arguments) {
+int runCommandLine(const char* program, std::vector<std::string> arguments) {
     Commands commands;
     conformance::RunPlan& plan = commands.conformance.plan;
+    plan.program = program;
     plan.tool = "kavri " KAVRI_VERSION;
     plan.invocation = arguments;
     plan.moduleArguments = cutModuleArguments(arguments);
@@ -124,7 +125,7 @@ int main(int argc, char** argv) {
     // Without a reader of the output, the tool must nevertheless clean up.
     std::signal(SIGPIPE, SIG_IGN);
     try {
-        return runCommandLine({argv + 1, argv + argc});
+        return runCommandLine(argv[0], {argv + 1, argv + argc});
     } catch (const std::exception& error) {
         // A failed system call, such as of a folder or a process.
         std::fprintf(stderr, "kavri: %s\n", error.what());

@@ -181,7 +181,7 @@ BOOST_AUTO_TEST_CASE(failedChecksAreShownAsTheModuleWordsThem) {
     BOOST_TEST(result.exit.signal == 0);
     BOOST_TEST(result.exit.code == 1);
     const std::vector<std::string> lines = linesOf(result.output);
-    BOOST_REQUIRE_EQUAL(lines.size(), 13U);
+    BOOST_REQUIRE_EQUAL(lines.size(), 16U);
     const Arguments form = {
         "initiatorSend/initiatorRepeatEcho", "fail", "44", "checks", "TIME", "(10", "failed)"};
     BOOST_TEST(wordsOf(lines[1]) == form, boost::test_tools::per_element());
@@ -193,6 +193,11 @@ BOOST_AUTO_TEST_CASE(failedChecksAreShownAsTheModuleWordsThem) {
                                    std::to_string(i) + " != wrong\\x1b]"),
                    shown);
     }
+    BOOST_TEST(lines[12] == "failed, and how to run it again:");
+    BOOST_TEST(lines[13] == "  initiatorSend/initiatorRepeatEcho, fail");
+    BOOST_TEST(lines[14] == "    " + (binFolder / "kavri").string() + " conformance --library " +
+                                standInFolder.string() +
+                                " --case initiatorSend/initiatorRepeatEcho");
     BOOST_TEST(lines.back().starts_with("1 case, 0 passed; 44 checks, 34 passed, 10 failed; "));
 }
 

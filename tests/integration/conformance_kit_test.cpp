@@ -139,16 +139,43 @@ BOOST_AUTO_TEST_CASE(aKnownFailureDoesNotFailTheRun) {
                               "receive-payload-altered"};
     BOOST_TEST(run(broken).exit.code == 1);
     write("known", "initiatorRepeatEcho: payload == rpayload  # the service adds a mark\n");
-    BOOST_TEST(run(with(broken, {"--expect", at("known")})).exit.code == 0);
+    const ToolResult known = run(with(broken, {"--expect", at("known")}));
+    BOOST_TEST(known.exit.code == 0);
+    BOOST_TEST(contains(known.output, "initiatorSend/initiatorRepeatEcho  known  "));
+    BOOST_TEST(contains(known.output, "    fail, as expected: the service adds a mark\n"));
+    BOOST_TEST(contains(known.output, "1 case, 0 passed, 1 known to fail; "));
     // Whole runs are judged alike.
     BOOST_TEST(run(with(broken, {"--expect", at("known"), "--repeat", "2"})).exit.code == 0);
     const ToolResult mended = run({"--case", "initiatorRepeatEcho", "--expect", at("known")});
     BOOST_TEST(mended.exit.code == 1);
-    BOOST_TEST(contains(mended.error, "known:1"));
+    BOOST_TEST(contains(mended.error, "known:1: unexpected pass"));
     write("typo", "initiatorRepeatEco  # no such case\n");
     const ToolResult typo = run({"--expect", at("typo")});
     BOOST_TEST(typo.exit.code == 64);
     BOOST_TEST(contains(typo.error, "initiatorRepeatEcho"), typo.error);
+}
+
+BOOST_AUTO_TEST_CASE(theCommandShownRunsTheFailedCaseAgain) {
+    fs::create_directory_symlink(standInFolder, at("it's a library"));
+    const ToolResult failed =
+        run({"--library", at("it's a library"), "--case", "*SendPass", "--case", "*RepeatEcho",
+             "--fault", "receive-payload-altered", "--call-timeout", "5", "--time-scale", "2", "--",
+             "--log_level=error", "--log_sink=" + at("a log")});
+    BOOST_TEST(failed.exit.code == 1);
+    const std::string before = "  initiatorSend/initiatorRepeatEcho, fail\n    ";
+    const size_t begin = failed.output.find(before);
+    BOOST_REQUIRE(begin != std::string::npos);
+    const std::string command = failed.output.substr(
+        begin + before.size(),
+        failed.output.find('\n', begin + before.size()) - begin - before.size());
+    fs::remove(at("a log"));
+    ChildProcess shell({.program = "/bin/bash",
+                        .arguments = {"-c", command},
+                        .environment = {{"TMPDIR", temporary().string()}}});
+    const ToolResult again = finish(shell);
+    BOOST_TEST(again.exit.code == 1);
+    BOOST_TEST(contains(again.output, "1 case, 0 passed; 44 checks, 34 passed, 10 failed; "));
+    BOOST_TEST(contains(textOf(at("a log")), "payload == rpayload"));
 }
 
 BOOST_AUTO_TEST_CASE(repeatsTellHowManyPassedAndWhatGrew) {

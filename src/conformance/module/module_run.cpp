@@ -155,7 +155,6 @@ void ModuleRun::follow(process::ChildProcess& module) {
 void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     for (const ModuleEvent& event : events) {
         if (const CaseReport* ended = record_.add(event)) {
-            display_.showCaseEnded(*ended);
             ended_(*ended);
         }
     }
@@ -187,7 +186,6 @@ void ModuleRun::cutOff(RunEnd end) {
     } else if (end == RunEnd::signalled) {
         cut.missing.push_back("the run was stopped during the case" + place);
     }
-    display_.showCaseEnded(cut);
     ended_(cut);
 }
 

@@ -17,8 +17,13 @@ namespace {
 
 constexpr std::string_view green = "\x1b[32m";
 constexpr std::string_view red = "\x1b[31m";
+constexpr std::string_view yellow = "\x1b[33m";
 constexpr std::string_view plain = "\x1b[0m";
 constexpr std::string_view eraseLine = "\r\x1b[K";
+
+bool isPassedOrNotRun(Verdict verdict) {
+    return verdict == Verdict::pass || verdict == Verdict::notRun;
+}
 
 std::string counted(unsigned long count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
@@ -79,8 +84,12 @@ void RunDisplay::showCaseEnded(const CaseReport& report) {
     clearProgress();
     const unsigned failures = report.checksFailed();
     const std::string failed = failures > 0 ? fmt::format("  ({} failed)", failures) : "";
-    const std::string verdict = coloured(fmt::format("{:<7}", verdictText(report.verdict)),
-                                         report.verdict == Verdict::pass ? green : red);
+    const bool isKnown = !report.known.empty();
+    const std::string verdict =
+        coloured(fmt::format("{:<7}", isKnown ? "known" : verdictText(report.verdict)),
+                 isKnown                           ? yellow
+                 : report.verdict == Verdict::pass ? green
+                                                   : red);
     results_ << fmt::format("{:<{}}  {}  {:>10}  {:>9}{}\n", report.name, nameWidth_, verdict,
                             counted(report.checks.size(), "check"), durationText(report.seconds()),
                             failed);
@@ -92,6 +101,9 @@ void RunDisplay::showDetails(const CaseReport& report) {
     const auto show = [this](std::string_view line) {
         results_ << "    " << printable(line) << '\n';
     };
+    if (!report.known.empty()) {
+        show(fmt::format("{}, as expected: {}", verdictText(report.verdict), report.known));
+    }
     std::ranges::for_each(report.failureLines(), show);
     std::ranges::for_each(report.missing, show);
     std::ranges::for_each(report.remarks, show);
@@ -117,6 +129,21 @@ void RunDisplay::showRemark(std::string_view line) {
     results_ << printable(line) << '\n' << std::flush;
 }
 
+void RunDisplay::showFailed(const std::vector<CaseReport>& cases) {
+    clearProgress();
+    bool isFirst = true;
+    for (const CaseReport& report : cases) {
+        if (isPassedOrNotRun(report.verdict) || !report.known.empty()) {
+            continue;
+        }
+        results_ << (isFirst ? "failed, and how to run it again:\n" : "");
+        results_ << fmt::format("  {}, {}\n", report.name, verdictText(report.verdict));
+        results_ << (report.repeat.empty() ? "" : "    " + report.repeat + "\n");
+        isFirst = false;
+    }
+    results_.flush();
+}
+
 void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double seconds) {
     clearProgress();
     const auto casesWith = [&cases](Verdict verdict) {
@@ -128,11 +155,16 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
         checks += report.checks.size();
         failed += report.checksFailed();
     }
-    const auto notRun = casesWith(Verdict::notRun);
+    const auto unlessNone = [](std::ptrdiff_t count, std::string_view what) {
+        return count > 0 ? fmt::format(", {} {}", count, what) : "";
+    };
+    const auto known = std::ranges::count_if(
+        cases, [](const CaseReport& report) { return !report.known.empty(); });
     results_ << fmt::format(
-                    "{}, {} passed{}; {}, {} passed, {} failed; {}", counted(caseCount_, "case"),
-                    casesWith(Verdict::pass), notRun > 0 ? fmt::format(", {} not run", notRun) : "",
-                    counted(checks, "check"), checks - failed, failed, durationText(seconds))
+                    "{}, {} passed{}{}; {}, {} passed, {} failed; {}", counted(caseCount_, "case"),
+                    casesWith(Verdict::pass), unlessNone(known, "known to fail"),
+                    unlessNone(casesWith(Verdict::notRun), "not run"), counted(checks, "check"),
+                    checks - failed, failed, durationText(seconds))
              << std::endl;
 }
 

@@ -42,6 +42,8 @@ class RunDisplay {
     void showRemark(std::string_view line);
     void showRepeats(const RepeatReport& repeats, double seconds);
     void showMatrix(const MatrixReport& matrix);
+    // The cases that failed, known failures apart, and what runs each again.
+    void showFailed(const std::vector<CaseReport>& cases);
     void showClosing(const std::vector<CaseReport>& cases, double seconds);
     // A progress bar, on a terminal: "faults  [####    ] 12/66".
     void showProgress(std::string_view what, size_t done, size_t all);

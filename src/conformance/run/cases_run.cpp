@@ -51,6 +51,7 @@ bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left
         outcome.cases.push_back(report);
         std::erase(left, report.name);
         progress(outcome.cases);
+        display_.showCaseEnded(outcome.cases.back());
     });
     outcome.end = moduleRun.run(module_, request);
     const RunRecord& record = moduleRun.record();

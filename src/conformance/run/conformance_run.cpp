@@ -3,7 +3,6 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cassert>
@@ -12,9 +11,11 @@
 #include <iostream>
 #include <thread>
 
+#include "base/shell_words.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/module/module_arguments.h"
 #include "conformance/run/kill_matrix.h"
+#include "conformance/run/repeat_command.h"
 #include "conformance/run/repeats.h"
 #include "process/exit_text.h"
 
@@ -36,21 +37,6 @@ constexpr unsigned jobsPerProcessor = 4;
 
 double secondsSince(RunLimits::Clock::time_point begin) {
     return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
-}
-
-// A word of a command line as a shell takes it.
-std::string shellQuoted(const std::string& word) {
-    const bool isPlain = word.find_first_not_of(
-                             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                             "0123456789-_./=,:") == std::string::npos;
-    if (isPlain && !word.empty()) {
-        return word;
-    }
-    std::string result = "'";
-    for (const char c : word) {
-        result += c == '\'' ? "'\\''" : std::string(1, c);
-    }
-    return result + "'";
 }
 
 process::ExitStatus statusFor(Verdict verdict) {
@@ -117,34 +103,12 @@ process::ExitStatus ConformanceRun::run() {
 
 Report ConformanceRun::openingReport() const {
     Report report;
-    report.command = "kavri";
-    for (const std::string& word : plan_.invocation) {
-        report.command += " " + shellQuoted(word);
-    }
+    std::vector<std::string> words = {"kavri"};
+    words.insert(words.end(), plan_.invocation.begin(), plan_.invocation.end());
+    report.command = base::shellCommand(words);
     report.date = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
     report.tool = plan_.tool;
     return report;
-}
-
-// The command that runs one case again.
-std::string ConformanceRun::commandFor(const std::string& library,
-                                       const std::string& caseName) const {
-    std::vector<std::string> words = {"kavri", "conformance"};
-    const auto add = [&words](const char* option, const std::string& value) {
-        words.emplace_back(option);
-        words.push_back(shellQuoted(value));
-    };
-    if (plan_.socket) {
-        add("--socket", *plan_.socket);
-    }
-    if (!plan_.fault.empty()) {
-        add("--fault", plan_.fault);
-    }
-    if (!plan_.libraries.empty()) {
-        add("--library", library);
-    }
-    add("--case", caseName);
-    return fmt::format("{}", fmt::join(words, " "));
 }
 
 WatchdogSettings ConformanceRun::watchdog() const {
@@ -181,12 +145,14 @@ void ConformanceRun::markKnownFailures(std::vector<CaseReport>& cases) {
     }
 }
 
-void ConformanceRun::addToReport(LibraryReport& report, const std::vector<CaseReport>& cases) {
-    report.cases = cases;
-    markKnownFailures(report.cases);
-    for (CaseReport& each : report.cases) {
-        each.repeat = commandFor(report.name, each.name);
+// Completes the cases, which are those of the last library.
+void ConformanceRun::addToReport(const LibraryRun& library, std::vector<CaseReport>& cases) {
+    markKnownFailures(cases);
+    for (CaseReport& each : cases) {
+        each.repeat = repeatCommand(plan_, library.folder(), each.name);
     }
+    LibraryReport& report = report_.libraries.back();
+    report.cases = cases;
     report.seconds = secondsSince(casesBegun_);
     writeFiles();
 }
@@ -211,12 +177,13 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
     casesBegun_ = Clock::now();
     CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
     const CasesOutcome outcome =
-        run.run(request, cases, [&](const auto& soFar) { addToReport(report, soFar); });
+        run.run(request, cases, [&](auto& soFar) { addToReport(library, soFar); });
     if (worstOf(outcome.cases) != Verdict::pass) {
         for (const std::string& line : outcome.brokerLines) {
             display.showForeignLine(line);
         }
     }
+    display.showFailed(report.cases);
     display.showClosing(report.cases, report.seconds);
     throwUnlessEnded(outcome, own ? own->process().wait(milliseconds(0)) : std::nullopt);
 }
@@ -262,19 +229,20 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
                                 .jobs = plan_.socket ? 1 : jobs(*plan_.repeat),
                                 .socket = plan_.socket};
     casesBegun_ = Clock::now();
-    const RepeatOutcome outcome = runRepeatedly(
+    RepeatOutcome outcome = runRepeatedly(
         {files_, library, limits_, watchdog()}, repeatPlan, request, cases,
         [this](auto& ended) { markKnownFailures(ended); },
         [&](unsigned done, unsigned passed) {
             display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
         });
     report_.repeats = outcome.report;
-    addToReport(report, outcome.cases);
+    addToReport(library, outcome.cases);
     for (const CaseReport& each : report.cases) {
         if (each.verdict != Verdict::pass) {
             display.showCaseEnded(each);
         }
     }
+    display.showFailed(report.cases);
     display.showRepeats(outcome.report, report.seconds);
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));

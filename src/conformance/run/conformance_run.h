@@ -17,6 +17,7 @@ namespace kavri::conformance {
 
 // What the user asked for.
 struct RunPlan {
+    std::string program = "kavri";        // as it was called
     std::string tool;                     // its name and version, for the report
     std::vector<std::string> invocation;  // the whole command line, for the report
     std::optional<std::string> socket;
@@ -53,7 +54,6 @@ class ConformanceRun {
     using Clock = RunLimits::Clock;
 
     Report openingReport() const;
-    std::string commandFor(const std::string& library, const std::string& caseName) const;
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
     void runLibrary(const std::optional<std::string>& folder);
@@ -63,7 +63,7 @@ class ConformanceRun {
                 RunDisplay& display);
     void prove(const LibraryRun& library, RunDisplay& display);
     void markKnownFailures(std::vector<CaseReport>& cases);
-    void addToReport(LibraryReport& report, const std::vector<CaseReport>& cases);
+    void addToReport(const LibraryRun& library, std::vector<CaseReport>& cases);
     void writeFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;

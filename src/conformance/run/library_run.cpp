@@ -38,6 +38,7 @@ KitFiles KitFiles::find() {
 LibraryRun::LibraryRun(const KitFiles& files, const std::optional<std::string>& folder,
                        const RunLimits& limits)
     : files_(files),
+      folder_(folder),
       module_(files.module, folder ? std::optional<fs::path>(*folder) : std::nullopt),
       libraries_(module_.findLibraries(limits)),
       name_(folder.value_or(libraries_.core.filename().string())) {}

@@ -36,6 +36,8 @@ class LibraryRun {
                                     const RunLimits& limits) const;
 
     const std::string& name() const { return name_; }
+    // As it was named; none: the library that the module finds.
+    const std::optional<std::string>& folder() const { return folder_; }
     std::string core() const;  // its file, relative to the current folder where it is below that
     const ConformanceModule& module() const { return module_; }
 
@@ -44,6 +46,7 @@ class LibraryRun {
 
   private:
     const KitFiles& files_;
+    const std::optional<std::string> folder_;
     ConformanceModule module_;
     ModuleLibraries libraries_;
     std::string name_;

@@ -195,6 +195,38 @@ BOOST_FIXTURE_TEST_CASE(theClosingLineCountsCasesAndChecks, InAFile) {
     BOOST_TEST(take() == "2 cases, 1 passed; 10 checks, 8 passed, 2 failed; 500.0 ms\n");
 }
 
+BOOST_FIXTURE_TEST_CASE(aKnownFailureIsShownAsKnownWithItsReason, InAFile) {
+    CaseReport report = failedCase();
+    report.known = "ticket 12";
+    display.showCaseEnded(report);
+    BOOST_TEST(take() ==
+               "suite/longerName  known      3 checks     1.23 s  (2 failed)\n"
+               "    fail, as expected: ticket 12\n"
+               "    t.cpp(9): error: one\n"
+               "    t.cpp(10): error: two [a\\nb]\n");
+    display.showClosing({passedCase(), report}, 0.5);
+    BOOST_TEST(take() ==
+               "2 cases, 1 passed, 1 known to fail; 10 checks, 8 passed, 2 failed; 500.0 ms\n");
+}
+
+BOOST_FIXTURE_TEST_CASE(whatFailedIsListedWithTheCommandThatRepeatsIt, InAFile) {
+    CaseReport failed = failedCase();
+    failed.repeat = "kavri conformance --case suite/longerName";
+    CaseReport known = failed;
+    known.known = "ticket 12";
+    display.showFailed({passedCase(), CaseReport{}, known});
+    BOOST_TEST(take().empty());
+    CaseReport crashed = caseWith("suite/short", Verdict::crash, 0, 0, 0);
+    crashed.repeat = "kavri conformance --library 'a b' --case suite/short";
+    display.showFailed({crashed, passedCase(), failed, known});
+    BOOST_TEST(take() ==
+               "failed, and how to run it again:\n"
+               "  suite/short, crash\n"
+               "    kavri conformance --library 'a b' --case suite/short\n"
+               "  suite/longerName, fail\n"
+               "    kavri conformance --case suite/longerName\n");
+}
+
 BOOST_FIXTURE_TEST_CASE(aFileGetsNoProgressAndNoColour, InAFile) {
     display.showCaseUnderWay(passedCase(), 0);
     display.showProgress("faults", 1, 2);
@@ -287,6 +319,13 @@ BOOST_FIXTURE_TEST_CASE(aVerdictThatIsNoPassIsRed, OnATerminal) {
         BOOST_TEST(take().find("\x1b[31m" + std::string(verdictText(verdict))) !=
                    std::string::npos);
     }
+}
+
+BOOST_FIXTURE_TEST_CASE(aKnownFailureIsYellow, OnATerminal) {
+    CaseReport report = failedCase();
+    report.known = "ticket 12";
+    display.showCaseEnded(report);
+    BOOST_TEST(take().find("\x1b[33mknown  \x1b[0m") != std::string::npos);
 }
 
 BOOST_FIXTURE_TEST_CASE(aTerminalWithoutColourGetsNone, OnAWideTerminal) {
