@@ -19,7 +19,7 @@ _kavriOptions() {
         conformance)
             printf '%s ' --socket --library --case --timeout --call-timeout --time-scale --prove \
                 --fault --junit --json --html --repeat --until-fail --shuffle --jobs --expect \
-                --list --list-faults --explain --help
+                --write-expect --baseline --list --list-faults --explain --help
             ;;
         bench)
             printf '%s ' --socket --category --command --payload --in-flight --seconds --json --help
@@ -51,6 +51,7 @@ _kavriNames() {
         conformance--library | conformance--html) echo -d ;;
         conformance--socket | bench--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
+        conformance--write-expect | conformance--baseline) echo -f ;;
         *) return 1 ;;
     esac
 }

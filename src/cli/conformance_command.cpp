@@ -93,6 +93,15 @@ void describeReports(CLI::App& command, ConformanceOptions& options) {
         .add_option("--expect", options.plan.expectations,
                     "Failures that are known; a line each: case, or case: check, # reason")
         ->type_name("FILE");
+    command
+        .add_option("--write-expect", options.plan.writtenExpectations,
+                    "Write the failures of this run, as --expect reads them")
+        ->type_name("FILE");
+    command
+        .add_option("--baseline", options.plan.baseline,
+                    "Compare with the run whose --json report this is; only what is newly failing "
+                    "or missing counts")
+        ->type_name("FILE");
 }
 
 // Throws CommandFailure where two options exclude each other, or a name is unknown.
@@ -115,6 +124,11 @@ void checkOptions(const ConformanceOptions& options) {
     }
     if (plan.repeat && plan.libraries.size() > 1) {
         refuse("--repeat is for one library at a time");
+    }
+    if ((plan.repeat || plan.proves) &&
+        (!plan.writtenExpectations.empty() || !plan.baseline.empty())) {
+        refuse(
+            "--write-expect and --baseline are for a single run; leave out --repeat and --prove");
     }
     if (plan.socket && plan.jobs > 1) {
         refuse("--jobs needs brokers of its own; leave out --socket");
@@ -158,8 +172,9 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
     describeReports(command, options);
     command.footer(
         "Arguments after -- go to the module.\n\n"
-        "Exit status: 0 all checks passed; 1 a check failed; 2 a case took too long or\n"
-        "crashed; 3 the run could not take place; 64 the command line is wrong.\n\n"
+        "Exit status: 0 all checks passed; 1 a check failed, or, with --baseline, a case is\n"
+        "newly failing; 2 a case took too long or crashed; 3 the run could not take place;\n"
+        "64 the command line is wrong.\n\n"
         "Examples:\n"
         "  kavri conformance\n"
         "  kavri conformance --library /opt/other/lib\n"

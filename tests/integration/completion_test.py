@@ -100,7 +100,7 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.complete("conformance", "--case", "="), sorted(CASES))
 
     def test_files_and_folders(self):
-        for option in ("--expect", "--junit", "--json", "--socket"):
+        for option in ("--expect", "--write-expect", "--baseline", "--junit", "--json", "--socket"):
             self.assertEqual(self.complete("conformance", option, "kn"), ["known.txt"])
         for option in ("--library", "--html"):
             self.assertEqual(self.complete("conformance", option, ""), ["lib dir"])

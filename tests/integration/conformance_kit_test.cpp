@@ -77,6 +77,8 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
         {"--repeat", "2", "--library", standInFolder, "--library", standInFolder},
         {"--jobs", "2", "--socket", "/nowhere"},
         {"--fault", "no-such-fault"},
+        {"--repeat", "2", "--write-expect", "/nowhere"},
+        {"--repeat", "2", "--baseline", "/nowhere"},
         {"--call-timeout", "0"},
         {"--time-scale", "much"},
     };
@@ -153,6 +155,53 @@ BOOST_AUTO_TEST_CASE(aKnownFailureDoesNotFailTheRun) {
     const ToolResult typo = run({"--expect", at("typo")});
     BOOST_TEST(typo.exit.code == 64);
     BOOST_TEST(contains(typo.error, "initiatorRepeatEcho"), typo.error);
+}
+
+BOOST_AUTO_TEST_CASE(theFailuresOfARunAreThoseThatTheNextExpects) {
+    const Arguments broken = {"--case",  "initiatorRepeatEcho",    "--case", "*SendPass",
+                              "--fault", "receive-payload-altered"};
+    BOOST_TEST(run(with(broken, {"--write-expect", at("known")})).exit.code == 1);
+    BOOST_TEST(contains(textOf(at("known")),
+                        "initiatorSend/initiatorRepeatEcho: payload == "
+                        "rpayload  # not explained yet; fail on 20"));
+    BOOST_TEST(!contains(textOf(at("known")), "initiatorSendPass"));
+    const ToolResult known = run(with(broken, {"--expect", at("known")}));
+    BOOST_TEST(known.exit.code == 0, known.error);
+    BOOST_TEST(contains(known.output, "2 cases, 1 passed, 1 known to fail; "));
+    const ToolResult nowhere = run(with(broken, {"--write-expect", at("no/such/known")}));
+    BOOST_TEST(nowhere.exit.code == 3);
+    BOOST_TEST(nowhere.output == "");
+    BOOST_TEST(contains(nowhere.error, at("no/such/known")));
+}
+
+BOOST_AUTO_TEST_CASE(withABaselineOnlyWhatIsNewCounts) {
+    const Arguments echo = {"--case", "initiatorRepeatEcho"};
+    const Arguments broken = with(echo, {"--fault", "receive-payload-altered"});
+    BOOST_TEST(run(with(echo, {"--json", at("good.json")})).exit.code == 0);
+    const ToolResult worse =
+        run(with(broken, {"--baseline", at("good.json"), "--json", at("bad.json")}));
+    BOOST_TEST(worse.exit.code == 1);
+    BOOST_TEST(contains(worse.output,
+                        "  newly failing  initiatorSend/initiatorRepeatEcho: payload == rpayload\n"
+                        "1 newly failing, 0 still failing, 0 newly passing, 0 missing, "),
+               worse.output);
+    BOOST_TEST(json("bad.json")["baseline"]["isWorse"] == true);
+    const ToolResult same =
+        run(with(broken, {"--baseline", at("bad.json"), "--json", at("bad.json")}));
+    BOOST_TEST(same.exit.code == 0);
+    BOOST_TEST(contains(same.output, "0 newly failing, 1 still failing, "));
+    BOOST_TEST(json("bad.json")["verdict"] == "fail");  // it is no better either
+    const ToolResult mended = run(with(echo, {"--baseline", at("bad.json")}));
+    BOOST_TEST(mended.exit.code == 0);
+    BOOST_TEST(contains(mended.output, "1 newly passing, 0 missing, "));
+    // A crash that the baseline does not have counts as 1 as well.
+    const ToolResult crash =
+        run(with(echo, {"--baseline", at("bad.json"), "--fault", "send-crashes"}));
+    BOOST_TEST(crash.exit.code == 1);
+    write("none.json", "{}");
+    const ToolResult wrong = run(with(echo, {"--baseline", at("none.json")}));
+    BOOST_TEST(wrong.exit.code == 64);
+    BOOST_TEST(wrong.output == "");
 }
 
 BOOST_AUTO_TEST_CASE(theCommandShownRunsTheFailedCaseAgain) {

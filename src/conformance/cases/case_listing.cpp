@@ -9,6 +9,7 @@
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <set>
 
@@ -72,19 +73,19 @@ std::vector<std::string> casesInListing(std::string_view listing) {
     return cases;
 }
 
+bool isSelected(const std::string& name, const std::vector<std::string>& patterns) {
+    const std::string caseName = name.substr(name.rfind('/') + 1);
+    return patterns.empty() || std::ranges::any_of(patterns, [&](const std::string& pattern) {
+               return fnmatch(pattern.c_str(), name.c_str(), 0) == 0 ||
+                      fnmatch(pattern.c_str(), caseName.c_str(), 0) == 0;
+           });
+}
+
 std::vector<std::string> selectCases(const std::vector<std::string>& names,
                                      const std::vector<std::string>& patterns) {
     std::vector<std::string> selected;
-    for (const std::string& name : names) {
-        const std::string caseName = name.substr(name.rfind('/') + 1);
-        const auto matches = [&](const std::string& pattern) {
-            return fnmatch(pattern.c_str(), name.c_str(), 0) == 0 ||
-                   fnmatch(pattern.c_str(), caseName.c_str(), 0) == 0;
-        };
-        if (patterns.empty() || std::ranges::any_of(patterns, matches)) {
-            selected.push_back(name);
-        }
-    }
+    std::ranges::copy_if(names, std::back_inserter(selected),
+                         [&](const std::string& name) { return isSelected(name, patterns); });
     if (selected.empty()) {
         throw process::CommandFailure(
             process::ExitStatus::usage,

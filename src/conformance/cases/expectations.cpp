@@ -71,21 +71,6 @@ size_t reasonMark(std::string_view line) {
     return mark;
 }
 
-bool hasFailed(const CaseReport& report) {
-    return report.verdict == Verdict::fail || report.verdict == Verdict::timeout ||
-           report.verdict == Verdict::crash;
-}
-
-std::set<std::string> failedChecks(const CaseReport& report) {
-    std::set<std::string> texts;
-    for (const CheckReport& check : report.checks) {
-        if (!check.passed) {
-            texts.insert(check.text);
-        }
-    }
-    return texts;
-}
-
 }  // namespace
 
 Expectations::Entry Expectations::readEntry(const std::string& place, std::string_view line) {
@@ -139,7 +124,7 @@ Expectations Expectations::read(const std::filesystem::path& path) {
 
 void Expectations::apply(std::vector<CaseReport>& cases) {
     for (CaseReport& report : cases) {
-        if (report.verdict == Verdict::pass || hasFailed(report)) {
+        if (report.verdict == Verdict::pass || report.hasFailed()) {
             report.known = reasonFor(report);
         }
     }
@@ -148,7 +133,8 @@ void Expectations::apply(std::vector<CaseReport>& cases) {
 // The reasons of the entries that cover all of a failure; empty where none is
 // there or something of it is not covered.
 std::string Expectations::reasonFor(const CaseReport& report) {
-    const std::set<std::string> failed = failedChecks(report);
+    const std::vector<std::string> texts = report.failedChecks();
+    const std::set<std::string> failed(texts.begin(), texts.end());
     std::set<std::string> unexpected = failed;
     bool wholeCase = false;
     std::vector<std::string> reasons;
@@ -157,8 +143,8 @@ std::string Expectations::reasonFor(const CaseReport& report) {
             continue;
         }
         entry.caseRan = true;
-        entry.caseFailed = entry.caseFailed || hasFailed(report);
-        if (!hasFailed(report) || (!entry.check.empty() && !failed.contains(entry.check))) {
+        entry.caseFailed = entry.caseFailed || report.hasFailed();
+        if (!report.hasFailed() || (!entry.check.empty() && !failed.contains(entry.check))) {
             continue;
         }
         entry.matched = true;
@@ -171,6 +157,13 @@ std::string Expectations::reasonFor(const CaseReport& report) {
     const bool allChecks = report.verdict == Verdict::fail && !failed.empty() &&
                            unexpected.empty() && report.missing.empty();
     return wholeCase || allChecks ? fmt::format("{}", fmt::join(reasons, "; ")) : "";
+}
+
+std::string Expectations::reasonOf(const std::string& caseName, const std::string& check) const {
+    const auto found = std::ranges::find_if(entries_, [&](const Entry& entry) {
+        return entry.caseName == caseName && entry.check == check;
+    });
+    return found == entries_.end() ? "" : found->reason;
 }
 
 std::string Expectations::complaintAbout(const Entry& entry) {

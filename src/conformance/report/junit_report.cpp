@@ -222,6 +222,12 @@ class SuiteElement {
         }
     }
 
+    // About an entry of the known failures.
+    void add(const std::string& complaint) {
+        pugi::xml_node testCase = appendTestCase(element_, className_, complaint, 0);
+        appendOutcome(testCase, "failure", "the known failures are no longer true");
+    }
+
     // The numbers of its cases, in it and in those of all.
     void finish(Totals& all) {
         Totals own;
@@ -261,6 +267,10 @@ std::string junitReport(const Report& report) {
         for (const FaultReport& fault : report.matrix->faults) {
             faults.add(fault);
         }
+    }
+    if (!report.complaints.empty()) {
+        SuiteElement& known = suites.emplace_back(root, "known failures", report.date);
+        std::ranges::for_each(report.complaints, [&](const auto& line) { known.add(line); });
     }
     Totals all;
     for (SuiteElement& suite : suites) {

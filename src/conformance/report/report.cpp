@@ -14,6 +14,8 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(FaultFired, name, atNs, did)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(HangReport, call, arguments, seconds, lastPassed, stacks)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckKilled, caseName, check, faults)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(RepeatReport::Growth, what, first, last, most)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BaselineComparison::Case, library, name, ways)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BaselineComparison::Function, library, name, earlierP50Us, p50Us)
 
 namespace {
 
@@ -91,6 +93,17 @@ static void to_json(json& result, const RepeatReport& repeats) {
               {"latencies", latenciesJson(repeats.latencies)}};
 }
 
+static void to_json(json& result, const BaselineComparison& comparison) {
+    result = {{"file", comparison.file},
+              {"date", comparison.date},
+              {"isWorse", comparison.isWorse()},
+              {"newlyFailing", comparison.newlyFailing},
+              {"stillFailing", comparison.stillFailing},
+              {"newlyPassing", comparison.newlyPassing},
+              {"missing", comparison.missing},
+              {"slower", comparison.slower}};
+}
+
 json toJson(const Report& report) {
     return {{"schema", 1},
             {"command", report.command},
@@ -100,7 +113,9 @@ json toJson(const Report& report) {
             {"seconds", report.seconds},
             {"libraries", report.libraries},
             {"matrix", orNull(report.matrix)},
-            {"repeats", orNull(report.repeats)}};
+            {"repeats", orNull(report.repeats)},
+            {"complaints", report.complaints},
+            {"baseline", orNull(report.baseline)}};
 }
 
 std::string_view verdictText(Verdict verdict) {
@@ -124,6 +139,20 @@ std::string_view verdictText(Verdict verdict) {
 unsigned CaseReport::checksFailed() const {
     return static_cast<unsigned>(
         std::ranges::count_if(checks, [](const CheckReport& check) { return !check.passed; }));
+}
+
+bool CaseReport::hasFailed() const {
+    return verdict == Verdict::fail || verdict == Verdict::timeout || verdict == Verdict::crash;
+}
+
+std::vector<std::string> CaseReport::failedChecks() const {
+    std::vector<std::string> texts;
+    for (const CheckReport& check : checks) {
+        if (!check.passed && std::ranges::find(texts, check.text) == texts.end()) {
+            texts.push_back(check.text);
+        }
+    }
+    return texts;
 }
 
 std::string failureLine(const CheckReport& check) {
@@ -167,7 +196,8 @@ bool MatrixReport::isProven() const {
 }
 
 Verdict verdictOn(const Report& report) {
-    const bool failsOtherwise = (report.matrix && !report.matrix->isProven()) ||
+    const bool failsOtherwise = !report.complaints.empty() ||
+                                (report.matrix && !report.matrix->isProven()) ||
                                 (report.repeats && report.repeats->passed < report.repeats->runs);
     Verdict worst = failsOtherwise ? Verdict::fail : Verdict::pass;
     for (const LibraryReport& library : report.libraries) {

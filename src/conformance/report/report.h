@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/latencies.h"
+#include "conformance/report/baseline_comparison.h"
 
 namespace kavri::conformance {
 
@@ -82,6 +83,8 @@ struct CaseReport {
 
     double seconds() const { return static_cast<double>(endNs - beginNs) / 1e9; }
     unsigned checksFailed() const;
+    bool hasFailed() const;                         // by fault of the library
+    std::vector<std::string> failedChecks() const;  // their texts, each once
     std::vector<std::string> failureLines() const;  // of the failed checks
 };
 
@@ -153,6 +156,8 @@ struct Report {
     std::vector<LibraryReport> libraries;
     std::optional<MatrixReport> matrix;
     std::optional<RepeatReport> repeats;
+    std::vector<std::string> complaints;  // about known failures that are no longer true
+    std::optional<BaselineComparison> baseline;
 };
 
 // Of all that was run.

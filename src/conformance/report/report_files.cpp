@@ -3,12 +3,11 @@
 
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <fstream>
 #include <system_error>
 
 #include "conformance/report/html/report_page.h"
 #include "conformance/report/junit_report.h"
+#include "conformance/report/whole_file.h"
 #include "process/exit_status.h"
 
 namespace kavri::conformance {
@@ -49,28 +48,10 @@ void ReportFiles::update(const Report& report) {
     }
 }
 
-// Writes a new file and renames it over the old one; but a device or pipe is written to.
 void ReportFiles::write(const fs::path& file, const std::string& text) {
-    std::error_code error;
-    const bool isReplaced = !fs::exists(file, error) || fs::is_regular_file(file, error);
-    const fs::path fresh = isReplaced ? file.string() + ".new" : file.string();
-    errno = 0;
-    std::ofstream stream(fresh, std::ios::binary | std::ios::trunc);
-    stream << text;
-    stream.close();
-    error = std::error_code(stream ? 0 : (errno != 0 ? errno : EIO), std::generic_category());
-    if (!error && isReplaced) {
-        fs::rename(fresh, file, error);
-    }
-    if (error) {
-        std::error_code ignored;
-        if (isReplaced) {
-            fs::remove(fresh, ignored);
-        }
-        if (complaint_.empty()) {
-            complaint_ = fmt::format("cannot write {}: {}; what was there before is kept",
-                                     file.string(), error.message());
-        }
+    const std::string complaint = writeWholeFile(file, text);
+    if (complaint_.empty()) {
+        complaint_ = complaint;
     }
 }
 

@@ -12,8 +12,11 @@
 #include <thread>
 
 #include "base/shell_words.h"
+#include "conformance/cases/case_listing.h"
+#include "conformance/cases/expectation_list.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/module/module_arguments.h"
+#include "conformance/report/whole_file.h"
 #include "conformance/run/kill_matrix.h"
 #include "conformance/run/repeat_command.h"
 #include "conformance/run/repeats.h"
@@ -55,6 +58,12 @@ process::ExitStatus statusFor(Verdict verdict) {
     return process::ExitStatus::ended;
 }
 
+void throwIfNotWritten(const std::string& complaint) {
+    if (!complaint.empty()) {
+        throw process::CommandFailure(process::ExitStatus::couldNotRun, complaint);
+    }
+}
+
 // The first case that was cut off, known failures apart, and why.
 std::string cutOffText(const Report& report) {
     for (const LibraryReport& library : report.libraries) {
@@ -86,9 +95,7 @@ process::ExitStatus ConformanceRun::run() {
             checkBrokerAnswers(*plan_.socket);
         }
     }
-    if (!plan_.expectations.empty()) {
-        expectations_ = Expectations::read(plan_.expectations);
-    }
+    readEarlierResults();
     files_ = KitFiles::find();
     report_ = openingReport();
     reportFiles_.emplace(plan_.reports, report_);
@@ -98,7 +105,39 @@ process::ExitStatus ConformanceRun::run() {
     for (const std::string& folder : plan_.libraries) {
         runLibrary(folder);
     }
+    compareWithEarlierResults();
     return judge();
+}
+
+// Known failures, their next list, and the baseline: what is wrong with their files.
+void ConformanceRun::readEarlierResults() {
+    if (!plan_.expectations.empty()) {
+        expectations_ = Expectations::read(plan_.expectations);
+    }
+    if (!plan_.baseline.empty()) {
+        baseline_ = Baseline::read(plan_.baseline);
+    }
+    if (!plan_.writtenExpectations.empty()) {
+        throwIfNotWritten(whyNotWritable(plan_.writtenExpectations));
+    }
+}
+
+void ConformanceRun::compareWithEarlierResults() {
+    report_.complaints = expectations_.complaints();
+    if (baseline_) {
+        report_.baseline = baseline_->compare(report_, [this](const std::string& name) {
+            return isSelected(name, plan_.casePatterns);
+        });
+        for (const std::string& line : comparisonLines(*report_.baseline)) {
+            std::cout << line << '\n';
+        }
+        std::cout << std::flush;
+    }
+    writeFiles();
+    if (!plan_.writtenExpectations.empty()) {
+        throwIfNotWritten(
+            writeWholeFile(plan_.writtenExpectations, expectationList(report_, expectations_)));
+    }
 }
 
 Report ConformanceRun::openingReport() const {
@@ -139,15 +178,9 @@ void ConformanceRun::runLibrary(const std::optional<std::string>& folder) {
     }
 }
 
-void ConformanceRun::markKnownFailures(std::vector<CaseReport>& cases) {
-    if (expectations_) {
-        expectations_->apply(cases);
-    }
-}
-
 // Completes the cases, which are those of the last library.
 void ConformanceRun::addToReport(const LibraryRun& library, std::vector<CaseReport>& cases) {
-    markKnownFailures(cases);
+    expectations_.apply(cases);
     for (CaseReport& each : cases) {
         each.repeat = repeatCommand(plan_, library.folder(), each.name);
     }
@@ -231,7 +264,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
     casesBegun_ = Clock::now();
     RepeatOutcome outcome = runRepeatedly(
         {files_, library, limits_, watchdog()}, repeatPlan, request, cases,
-        [this](auto& ended) { markKnownFailures(ended); },
+        [this](auto& ended) { expectations_.apply(ended); },
         [&](unsigned done, unsigned passed) {
             display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
         });
@@ -271,15 +304,21 @@ void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
     writeFiles();
 }
 
-process::ExitStatus ConformanceRun::judge() const {
-    process::ExitStatus status = statusFor(verdictOn(report_));
-    const std::vector<std::string> complaints =
-        expectations_ ? expectations_->complaints() : std::vector<std::string>();
-    for (const std::string& complaint : complaints) {
-        std::cerr << "kavri conformance: " << complaint << std::endl;
+// With a baseline, failures that it has do not count, whatever the verdict.
+process::ExitStatus ConformanceRun::exitStatus() const {
+    const Verdict verdict = verdictOn(report_);
+    const bool isJudged = verdict != Verdict::notRun && verdict != Verdict::harnessError;
+    if (!report_.baseline || !isJudged) {
+        return statusFor(verdict);
     }
-    if (!complaints.empty() && status == process::ExitStatus::passed) {
-        status = process::ExitStatus::failed;
+    return report_.baseline->isWorse() || !report_.complaints.empty() ? process::ExitStatus::failed
+                                                                      : process::ExitStatus::passed;
+}
+
+process::ExitStatus ConformanceRun::judge() const {
+    const process::ExitStatus status = exitStatus();
+    for (const std::string& complaint : report_.complaints) {
+        std::cerr << "kavri conformance: " << complaint << std::endl;
     }
     if (!reportFiles_->complaint().empty()) {
         throw process::CommandFailure(

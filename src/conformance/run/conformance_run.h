@@ -9,6 +9,7 @@
 
 #include "conformance/cases/expectations.h"
 #include "conformance/module/run_limits.h"
+#include "conformance/report/baseline.h"
 #include "conformance/report/report_files.h"
 #include "conformance/run/library_run.h"
 #include "process/exit_status.h"
@@ -31,8 +32,10 @@ struct RunPlan {
     std::optional<unsigned> repeat;
     bool untilFail = false;
     std::optional<unsigned> shuffle;
-    unsigned jobs = 0;         // at a time; 0: as many as suit the machine
-    std::string expectations;  // a file; empty: none
+    unsigned jobs = 0;                // at a time; 0: as many as suit the machine
+    std::string expectations;         // a file; empty: none
+    std::string writtenExpectations;  // a file; empty: none
+    std::string baseline;             // a JSON report; empty: none
     ReportPlaces reports;
     std::vector<std::string> moduleArguments;
 
@@ -62,11 +65,13 @@ class ConformanceRun {
     void repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                 RunDisplay& display);
     void prove(const LibraryRun& library, RunDisplay& display);
-    void markKnownFailures(std::vector<CaseReport>& cases);
     void addToReport(const LibraryRun& library, std::vector<CaseReport>& cases);
     void writeFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;
+    void readEarlierResults();
+    void compareWithEarlierResults();
+    process::ExitStatus exitStatus() const;
     process::ExitStatus judge() const;
 
     const RunPlan& plan_;
@@ -76,7 +81,8 @@ class ConformanceRun {
     KitFiles files_;
     Report report_;
     std::optional<ReportFiles> reportFiles_;
-    std::optional<Expectations> expectations_;
+    Expectations expectations_;
+    std::optional<Baseline> baseline_;
 };
 
 }  // namespace kavri::conformance

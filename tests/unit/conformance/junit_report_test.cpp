@@ -280,6 +280,15 @@ BOOST_AUTO_TEST_CASE(theFaultsAreASuiteOfTheirOwn) {
                std::string("loses a request\nno case noticed it\nand more"));
 }
 
+BOOST_AUTO_TEST_CASE(entriesThatAreNotTrueAreFailures) {
+    report.libraries.clear();
+    report.complaints = {"known.txt:1: unexpected pass", "known.txt:2: matched nothing"};
+    const pugi::xml_node suite = parse().child("testsuite");
+    checkTotals(suite, "2", "2", "0", "0");
+    BOOST_TEST(attribute(suite, "name") == "known failures");
+    BOOST_TEST(attribute(suite.child("testcase"), "name") == "known.txt:1: unexpected pass");
+}
+
 BOOST_AUTO_TEST_CASE(aReportOfNothingIsReadToo) {
     report.libraries.clear();
     checkTotals(parse(), "0", "0", "0", "0");

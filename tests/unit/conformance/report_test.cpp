@@ -82,6 +82,12 @@ Report fullReport() {
     matrix.checks = {{"send/echo", "a == b", {"send-lost"}}};
     matrix.seconds = 30;
     report.repeats = RepeatReport{3, 2, {{"module, threads", 1, 2, 4}}};
+    report.complaints = {"known.txt:1: matched nothing"};
+    BaselineComparison& comparison = report.baseline.emplace();
+    comparison.file = "earlier.json";
+    comparison.date = "2026-11-19T12:00:00Z";
+    comparison.newlyFailing = {{"/opt/lib", "send/echo", {"a == b"}}};
+    comparison.slower = {{"/opt/lib", "send", 1, 200}};
     return report;
 }
 
@@ -92,7 +98,7 @@ BOOST_AUTO_TEST_SUITE(json)
 BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     const Json report = toJson(fullReport());
     checkMembers(report, {"schema", "command", "date", "tool", "verdict", "seconds", "libraries",
-                          "matrix", "repeats"});
+                          "matrix", "repeats", "complaints", "baseline"});
     const Json& library = report["libraries"][0];
     checkMembers(library, {"name", "core", "broker", "seconds", "verdict", "cases", "latencies"});
     checkMembers(library["latencies"], {"send"});
@@ -114,6 +120,10 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
                                        "seconds", "cases", "wrong"});
     checkMembers(matrix["checks"][0], {"caseName", "check", "faults"});
     checkMembers(report["repeats"], {"runs", "passed", "growth", "latencies"});
+    checkMembers(report["baseline"], {"file", "date", "isWorse", "newlyFailing", "stillFailing",
+                                      "newlyPassing", "missing", "slower"});
+    checkMembers(report["baseline"]["newlyFailing"][0], {"library", "name", "ways"});
+    checkMembers(report["baseline"]["slower"][0], {"library", "name", "earlierP50Us", "p50Us"});
     checkMembers(report["repeats"]["growth"][0], {"what", "first", "last", "most"});
 }
 
@@ -196,6 +206,12 @@ BOOST_AUTO_TEST_CASE(theMatrixAndTheRepeatsHoldWhatWasKnown) {
     BOOST_TEST(report["matrix"]["checks"].dump() ==
                R"([{"caseName":"send/echo","check":"a == b","faults":["send-lost"]}])");
     BOOST_TEST(report["matrix"]["seconds"] == 30);
+    BOOST_TEST(report["complaints"].dump() == R"(["known.txt:1: matched nothing"])");
+    BOOST_TEST(report["baseline"].dump() ==
+               R"({"date":"2026-11-19T12:00:00Z","file":"earlier.json","isWorse":true,)"
+               R"("missing":[],"newlyFailing":[{"library":"/opt/lib","name":"send/echo",)"
+               R"("ways":["a == b"]}],"newlyPassing":[],"slower":[{"earlierP50Us":1.0,)"
+               R"("library":"/opt/lib","name":"send","p50Us":200.0}],"stillFailing":[]})");
     BOOST_TEST(report["repeats"].dump() ==
                R"({"growth":[{"first":1.0,"last":2.0,"most":4.0,"what":"module, threads"}],)"
                R"("latencies":{},"passed":2,"runs":3})");
@@ -207,6 +223,8 @@ BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
     const Json report = toJson(bare);
     BOOST_TEST(report["matrix"].is_null());
     BOOST_TEST(report["repeats"].is_null());
+    BOOST_TEST(report["complaints"].dump() == "[]");
+    BOOST_TEST(report["baseline"].is_null());
     BOOST_TEST(report["libraries"][0]["latencies"].dump() == "{}");
     const Json& first = report["libraries"][0]["cases"][0];
     BOOST_TEST(first["hang"].is_null());
@@ -369,6 +387,22 @@ BOOST_AUTO_TEST_CASE(eachRepeatMustPass) {
     BOOST_TEST((verdictOn(report) == Verdict::pass));
     report.repeats->passed = 2;
     BOOST_TEST((verdictOn(report) == Verdict::fail));
+}
+
+BOOST_AUTO_TEST_CASE(anEntryOfTheKnownFailuresThatIsNotTrueFails) {
+    Report report;
+    report.complaints = {"known.txt:1: unexpected pass"};
+    BOOST_TEST((verdictOn(report) == Verdict::fail));
+}
+
+BOOST_AUTO_TEST_CASE(theChecksThatFailedAreNamedOnce) {
+    CaseReport report;
+    for (const auto* text : {"b", "a", "b"}) {
+        report.checks.emplace_back().text = text;
+    }
+    report.checks.emplace_back().passed = true;
+    BOOST_TEST(report.failedChecks() == (std::vector<std::string>{"b", "a"}),
+               boost::test_tools::per_element());
 }
 
 BOOST_AUTO_TEST_CASE(aCaseCountsItsFailedChecksAndItsSeconds) {
