@@ -15,6 +15,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "base/command_line.h"
 #include "base/latencies.h"
 #include "wire/address.h"
 
@@ -222,7 +223,8 @@ void describeBench(CLI::App& command, BenchOptions& options) {
     command
         .add_option("--socket", options.socket,
                     "The broker's socket; otherwise $KAVRI_BROKER and the usual places")
-        ->type_name("PATH");
+        ->type_name("PATH")
+        ->check(base::notEmpty());
     command.add_option("--category", options.category, "Where the requests go")
         ->type_name("NAME")
         ->capture_default_str();

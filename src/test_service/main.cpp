@@ -11,6 +11,7 @@
 #include <exception>
 #include <string>
 
+#include "base/command_line.h"
 #include "test_service/test_service.h"
 
 namespace {
@@ -108,7 +109,8 @@ int runCommandLine(int argc, char** argv) {
                    "Path of the broker's socket. Otherwise: $KAVRI_BROKER, else "
                    "$XDG_RUNTIME_DIR/kavri/broker.sock where that folder exists, else "
                    "/run/kavri/broker.sock")
-        ->type_name("PATH");
+        ->type_name("PATH")
+        ->check(kavri::base::notEmpty());
     app.footer(
         "Says on standard error when it is ready, and stops on SIGTERM and SIGINT.\n"
         "Exit status: 0 stopped, 1 could not start, 64 wrong usage.");
@@ -118,8 +120,8 @@ int runCommandLine(int argc, char** argv) {
         if (error.get_exit_code() == 0) {
             return app.exit(error);  // --help or --version
         }
-        std::fprintf(stderr, "kavri-test-service: %s; see kavri-test-service --help\n",
-                     error.what());
+        std::fprintf(stderr, "kavri-test-service: %s\n",
+                     kavri::base::usageComplaint(app, error, "kavri-test-service").c_str());
         return badUsage;
     }
     return serve(socket);

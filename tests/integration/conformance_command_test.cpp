@@ -441,10 +441,14 @@ BOOST_AUTO_TEST_CASE(wrongCommandLinesAreUsageErrors) {
 }
 
 BOOST_AUTO_TEST_CASE(aCommandIsNeededAndMustBeKnown) {
-    for (const Arguments& arguments :
-         {Arguments{}, Arguments{"conform"}, Arguments{"--conformance"}}) {
+    for (const auto& [arguments, part] : std::vector<std::pair<Arguments, std::string>>{
+             {{}, "kavri --help"},
+             {{"conform"}, "no command or option 'conform'; see 'kavri --help'"},
+             {{"--conformance"}, "did you mean 'conformance'? see 'kavri --help'"},
+             {{"bnech"}, "no command or option 'bnech'; did you mean 'bench'? see"},
+             {{"--verison"}, "did you mean '--version'?"}}) {
         ChildProcess tool({.program = binFolder / "kavri", .arguments = arguments});
-        checkRefused(finish(tool), 64, {"kavri --help"});
+        checkRefused(finish(tool), 64, {part});
     }
 }
 

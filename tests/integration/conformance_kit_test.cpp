@@ -56,6 +56,7 @@ BOOST_AUTO_TEST_CASE(casesAndFaultsAreListedAndExplained) {
     const ToolResult cases = run({"--list"});
     BOOST_TEST(cases.exit.code == 0);
     BOOST_TEST(contains(cases.output, "initiatorEvent/initiatorRepeatEventCallback"));
+    BOOST_TEST(run({"--list", "--case", "*Event*"}).output.starts_with("initiatorEvent/"));
     BOOST_TEST(contains(run({"--list-faults"}).output, "receive-payload-altered"));
     const ToolResult echo = run({"--explain", "initiatorRepeatEcho"});
     BOOST_TEST(contains(echo.output, "What it proves"));
@@ -77,6 +78,20 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
         {"--repeat", "2", "--library", standInFolder, "--library", standInFolder},
         {"--jobs", "2", "--socket", "/nowhere"},
         {"--fault", "no-such-fault"},
+        {"--jobs", "2"},
+        {"--jobs", "1", "--repeat", "2", "--socket", "/nowhere"},
+        {"--prove", "--until-fail"},
+        {"--prove", "--baseline", "/nowhere"},
+        {"--prove", "--library", standInFolder, "--library", standInFolder},
+        {"--list", "--json", "/nowhere"},
+        {"--list", "--list-faults"},
+        {"--list-faults", "--case", "*"},
+        {"--explain", "initiatorRepeatEcho", "--timeout", "3"},
+        {"--list", "--", "--log_level=all"},
+        {"--json", "/nowhere/r", "--junit", "/nowhere/./r"},
+        {"--fault", ""},
+        {"--explain", ""},
+        {"--expect", ""},
         {"--repeat", "2", "--write-expect", "/nowhere"},
         {"--repeat", "2", "--baseline", "/nowhere"},
         {"--call-timeout", "0"},
@@ -89,6 +104,28 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
             BOOST_TEST(result.output == "");
             BOOST_TEST(std::ranges::count(result.error, '\n') == 1);
         }
+    }
+}
+
+BOOST_AUTO_TEST_CASE(whatWasProbablyMeantIsSuggested) {
+    const std::vector<std::pair<Arguments, std::string>> mistyped = {
+        {{"--jsn", "r.json"}, "did you mean '--json'?"},
+        {{"--jnuit=r.xml"}, "did you mean '--junit'?"},
+        {{"--fault", "send-lots"}, "did you mean 'send-lost'?"},
+        {{"--explain", "initiatorRepeatEco"}, "did you mean 'initiatorRepeatEcho'?"},
+        {{"--explain", "send-lots"}, "did you mean 'send-lost'?"},
+        {{"--case", "initiatorSendpass"}, "did you mean 'initiatorSendPass'?"},
+        {{"--list", "--case", "initiatorSendpass"}, "did you mean 'initiatorSendPass'?"}};
+    for (const auto& [arguments, suggestion] : mistyped) {
+        const ToolResult result = run(arguments);
+        BOOST_TEST(result.exit.code == 64);
+        BOOST_TEST(contains(result.error, suggestion), result.error);
+    }
+    for (const Arguments& arguments : std::vector<Arguments>{
+             {"--verbose"}, {"extra"}, {"--fault", "nothing"}, {"--explain", "everything"}}) {
+        const ToolResult result = run(arguments);
+        BOOST_TEST(result.exit.code == 64);
+        BOOST_TEST(!contains(result.error, "did you mean"), result.error);
     }
 }
 

@@ -18,7 +18,7 @@ std::vector<std::string> casesInListing(std::string_view listing);
 bool isSelected(const std::string& name, const std::vector<std::string>& patterns);
 
 // Those of the names whose case, or suite and case, match one of the patterns;
-// all when there is no pattern. Throws CommandFailure when that leaves none.
+// all when there is no pattern. Throws CommandFailure where a pattern matches none.
 std::vector<std::string> selectCases(const std::vector<std::string>& names,
                                      const std::vector<std::string>& patterns);
 

@@ -8,10 +8,10 @@
 #include <cassert>
 #include <cerrno>
 #include <fstream>
-#include <numeric>
 #include <set>
 #include <system_error>
 
+#include "base/suggestion.h"
 #include "base/text_scanner.h"
 #include "conformance/cases/case_guide.h"
 #include "process/exit_status.h"
@@ -27,33 +27,6 @@ std::string_view trimmed(std::string_view text) {
     return begin == std::string_view::npos
                ? std::string_view()
                : text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
-}
-
-// The Levenshtein distance.
-size_t editDistance(std::string_view left, std::string_view right) {
-    std::vector<size_t> row(right.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < left.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < right.size(); ++j) {
-            const size_t replaced = diagonal + (left[i] == right[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
-// The case whose name is most like it, with its suite where that was given too.
-std::string_view nearestCase(std::string_view name) {
-    const bool withSuite = name.find('/') != std::string_view::npos;
-    const auto known = [&](const CaseGuide& guide) {
-        return withSuite ? guide.name : guide.bareName();
-    };
-    return known(*std::ranges::min_element(caseGuides(), {}, [&](const CaseGuide& guide) {
-        return editDistance(name, known(guide));
-    }));
 }
 
 [[noreturn]] void refuse(const std::string& place, const std::string& what) {
@@ -87,7 +60,8 @@ Expectations::Entry Expectations::readEntry(const std::string& place, std::strin
     check = beforeColon ? trimmed(check) : "";
     const CaseGuide* guide = findCaseGuide(name);
     if (guide == nullptr) {
-        refuse(place, fmt::format("no case '{}'; did you mean '{}'?", name, nearestCase(name)));
+        refuse(place, fmt::format("no case '{}'; {}see --list", name,
+                                  base::didYouMean(name, namesOfCases())));
     }
     if (beforeColon && check.empty()) {
         refuse(place, fmt::format("no check behind '{}:'; write its text as the report shows it, "

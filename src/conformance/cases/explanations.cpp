@@ -3,9 +3,13 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
 #include <sstream>
 
+#include "base/suggestion.h"
 #include "conformance/cases/case_guide.h"
+#include "conformance/cases/case_listing.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "process/exit_status.h"
 
@@ -56,9 +60,13 @@ void explainFault(const Fault& fault, std::ostream& output) {
 
 }  // namespace
 
-void listCases(std::ostream& output) {
+void listCases(const std::vector<std::string>& patterns, std::ostream& output) {
+    std::vector<std::string> names;
     for (const CaseGuide& guide : caseGuides()) {
-        output << fmt::format("{}\n    {}\n", guide.name, guide.proves);
+        names.emplace_back(guide.name);
+    }
+    for (const std::string& name : selectCases(names, patterns)) {
+        output << fmt::format("{}\n    {}\n", name, findCaseGuide(name)->proves);
     }
 }
 
@@ -74,9 +82,12 @@ void explain(const std::string& name, std::ostream& output) {
     } else if (const Fault* fault = findFault(name)) {
         explainFault(*fault, output);
     } else {
+        std::vector<std::string> known = namesOfCases();
+        std::ranges::copy(namesOfFaults(), std::back_inserter(known));
         throw process::CommandFailure(
             process::ExitStatus::usage,
-            fmt::format("no case and no fault '{}'; see --list and --list-faults", name));
+            fmt::format("no case and no fault '{}'; {}see --list and --list-faults", name,
+                        base::didYouMean(name, known)));
     }
 }
 

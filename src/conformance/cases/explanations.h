@@ -4,10 +4,13 @@
 
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace kavri::conformance {
 
-void listCases(std::ostream& output);
+// The cases that match one of the patterns, or all where there is none. Throws CommandFailure
+// where a pattern matches none.
+void listCases(const std::vector<std::string>& patterns, std::ostream& output);
 void listFaults(std::ostream& output);
 
 // Throws CommandFailure where there is no case and no fault of that name.
