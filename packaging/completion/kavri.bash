@@ -17,7 +17,7 @@ _kavriFaults() {
 _kavriOptions() {
     case $1 in
         conformance)
-            printf '%s ' --socket --library --case --timeout --call-timeout --time-scale --prove \
+            printf '%s ' --socket --library --case --level --timeout --call-timeout --time-scale --prove \
                 --fault --junit --json --html --repeat --until-fail --shuffle --jobs --expect \
                 --write-expect --baseline --list --list-faults --explain --help
             ;;
@@ -36,6 +36,7 @@ _kavriValue() {
     local tool=$1 command=$2 option=$3
     case $command$option in
         conformance--case) printf '%s' "$_kavriCases" ;;
+        conformance--level) echo must should may ;;
         conformance--fault) _kavriFaults "$tool" ;;
         conformance--explain) printf '%s\n' $_kavriCases && _kavriFaults "$tool" ;;
         conformance--timeout | conformance--call-timeout | conformance--time-scale) ;;

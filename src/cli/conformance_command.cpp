@@ -41,6 +41,15 @@ CLI::Validator numberFromTo(double least, double most, const char* what) {
             ""};
 }
 
+CLI::Validator levelName() {
+    return {[](const std::string& text) {
+                return conformance::levelNamed(text)
+                           ? std::string()
+                           : fmt::format("'{}' is none of must, should, may", text);
+            },
+            ""};
+}
+
 void describeLimits(CLI::App& command, ConformanceOptions& options) {
     command
         .add_option("--timeout", options.plan.timeoutSeconds,
@@ -141,7 +150,7 @@ struct Alone {
 };
 
 const std::array alone = {
-    Alone{"--list", {"--case"}},
+    Alone{"--list", {"--case", "--level"}},
     Alone{"--list-faults", {}},
     Alone{"--explain", {}},
     Alone{"--prove",
@@ -235,7 +244,7 @@ void checkOptions(const CLI::App& command, const ConformanceOptions& options) {
 // Answers what can be answered without a run; false where a run is asked for.
 bool isAnsweredWithoutRun(const ConformanceOptions& options) {
     if (options.listsCases) {
-        conformance::listCases(options.plan.casePatterns, std::cout);
+        conformance::listCases(options.plan.casePatterns, options.plan.level, std::cout);
     } else if (options.listsFaults) {
         conformance::listFaults(std::cout);
     } else if (!options.explained.empty()) {
@@ -264,6 +273,16 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "Run only the cases whose name, or suite/name, matches GLOB; may be repeated")
         ->type_name("GLOB")
         ->allow_extra_args(false);
+    command
+        .add_option_function<std::string>(
+            "--level",
+            [&options](const std::string& name) {
+                options.plan.level = *conformance::levelNamed(name);
+            },
+            "Run only the cases of this level or above, and let only such checks count: must, "
+            "should, may")
+        ->type_name("LEVEL")
+        ->check(levelName());
     describeLimits(command, options);
     describeProof(command, options);
     describeReports(command, options);

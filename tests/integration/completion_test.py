@@ -76,6 +76,9 @@ class Bash(unittest.TestCase):
             ["initiatorRepeatEcho", "initiatorRepeatEchoNonBlocking"],
         )
 
+    def test_levels(self):
+        self.assertEqual(self.complete("conformance", "--level", "m"), ["may", "must"])
+
     def test_faults(self):
         self.assertEqual(
             self.complete("conformance", "--fault", ""),

@@ -92,6 +92,8 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
         {"--fault", ""},
         {"--explain", ""},
         {"--expect", ""},
+        {"--level", "most"},
+        {"--prove", "--level", "must"},
         {"--repeat", "2", "--write-expect", "/nowhere"},
         {"--repeat", "2", "--baseline", "/nowhere"},
         {"--call-timeout", "0"},
@@ -239,6 +241,24 @@ BOOST_AUTO_TEST_CASE(withABaselineOnlyWhatIsNewCounts) {
     const ToolResult wrong = run(with(echo, {"--baseline", at("none.json")}));
     BOOST_TEST(wrong.exit.code == 64);
     BOOST_TEST(wrong.output == "");
+}
+
+BOOST_AUTO_TEST_CASE(aLevelLeavesOutCasesAndChecks) {
+    BOOST_TEST(run({"--list", "--level", "must"}).output.find("NonBlocking") == std::string::npos);
+    BOOST_TEST(contains(run({"--list"}).output, "initiatorRepeatEchoNonBlocking, should\n"));
+    BOOST_TEST(contains(run({"--explain", "initiatorSendPass"}).output,
+                        "  may     KAVRI_CORE_STATUS_NO_ERROR == kavri_core_logging_init("));
+    const Arguments broken = with(sendPass, {"--fault", "logging-init-fails"});
+    BOOST_TEST(run(broken).exit.code == 1);
+    const ToolResult must = run(with(broken, {"--level", "must", "--json", at("r.json")}));
+    BOOST_TEST(must.exit.code == 0, must.output);
+    BOOST_TEST(contains(must.output, "    not required, since it is a \"may\": "));
+    const nlohmann::json report = json("r.json");
+    BOOST_TEST(report["libraries"][0]["cases"][0]["level"] == "must");
+    BOOST_TEST(report["requirements"].size() == 8U);
+    const ToolResult none = run({"--case", "*NonBlocking", "--level", "must"});
+    BOOST_TEST(none.exit.code == 64);
+    BOOST_TEST(none.output == "");
 }
 
 BOOST_AUTO_TEST_CASE(theCommandShownRunsTheFailedCaseAgain) {

@@ -37,11 +37,15 @@ void paragraph(std::ostream& output, std::string_view title, std::string_view ma
 }
 
 void explainCase(const CaseGuide& guide, std::ostream& output) {
-    output << guide.name << '\n';
+    output << fmt::format("{}, {}\n", guide.name, levelText(levelOf(guide.name)));
     paragraph(output, "What it proves", guide.proves);
     paragraph(output, "Procedure", guide.procedure);
     paragraph(output, "What it asserts", guide.asserts);
     paragraph(output, "What can make it fail", guide.failures);
+    output << "\nIts checks\n";
+    for (const CheckRequirement& check : checksOf(guide.name)) {
+        output << fmt::format("  {:<6}  {}\n", levelText(check.level), check.text);
+    }
 }
 
 void explainFault(const Fault& fault, std::ostream& output) {
@@ -60,13 +64,14 @@ void explainFault(const Fault& fault, std::ostream& output) {
 
 }  // namespace
 
-void listCases(const std::vector<std::string>& patterns, std::ostream& output) {
+void listCases(const std::vector<std::string>& patterns, Level level, std::ostream& output) {
     std::vector<std::string> names;
     for (const CaseGuide& guide : caseGuides()) {
         names.emplace_back(guide.name);
     }
-    for (const std::string& name : selectCases(names, patterns)) {
-        output << fmt::format("{}\n    {}\n", name, findCaseGuide(name)->proves);
+    for (const std::string& name : atLevel(selectCases(names, patterns), level)) {
+        output << fmt::format("{}, {}\n    {}\n", name, levelText(levelOf(name)),
+                              findCaseGuide(name)->proves);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "conformance/cases/requirements.h"
 #include "conformance/module/run_limits.h"
 #include "process/child_process.h"
 
@@ -30,6 +31,7 @@ struct ModuleRunRequest {
     std::filesystem::path observer;
     std::filesystem::path probe;
     std::string fault;          // for the probe to inject; empty: none
+    Level level = Level::may;   // that the cases are judged by
     int eventsDescriptor = -1;  // where these two write
 };
 

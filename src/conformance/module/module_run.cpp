@@ -64,6 +64,7 @@ ModuleRun::ModuleRun(process::ChildProcess* broker, const RunLimits& limits, Run
 
 RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request) {
     assert(record_.cases().empty() && !record_.underWay());  // runs once
+    record_.judgeBy(request.level);
     request.eventsDescriptor = eventsPipe_.writeEnd.get();
     begun_ = Clock::now();
     process::ChildProcess process(module.runSpawn(request));

@@ -1,6 +1,7 @@
 // From events to reports; see run_record.h.
 #include "conformance/module/run_record.h"
 
+#include <algorithm>
 #include <cassert>
 #include <utility>
 
@@ -51,6 +52,7 @@ const CaseReport* RunRecord::add(const ModuleEvent& event) {
     if (event.kind == Kind::began) {
         underWay_ = CaseReport{};
         underWay_->name = event.text;
+        underWay_->level = levelText(levelOf(event.text));
         underWay_->verdict = Verdict::pass;
         underWay_->beginNs = event.atNs;
     }
@@ -79,7 +81,7 @@ void RunRecord::addToCase(const ModuleEvent& event) {
     assert(underWay_);
     switch (event.kind) {
         case Kind::failed:
-            underWay_->verdict = Verdict::fail;
+            addFailure(checkIn(event));
             [[fallthrough]];
         case Kind::passed:
             underWay_->checks.push_back(checkIn(event));
@@ -107,6 +109,19 @@ void RunRecord::addToCase(const ModuleEvent& event) {
             break;
         default:
             break;  // not part of a case
+    }
+}
+
+void RunRecord::addFailure(const CheckReport& check) {
+    const Level level = levelOf(underWay_->name, check.text);
+    if (level >= level_) {
+        underWay_->verdict = Verdict::fail;
+        return;
+    }
+    const std::string remark =
+        "not required, since it is a \"" + std::string(levelText(level)) + "\": " + check.text;
+    if (std::ranges::find(underWay_->remarks, remark) == underWay_->remarks.end()) {
+        underWay_->remarks.push_back(remark);
     }
 }
 
@@ -157,7 +172,7 @@ CaseReport& RunRecord::cutOff(Verdict verdict, std::int64_t nowNs) {
 CaseReport& RunRecord::end(std::int64_t nowNs) {
     underWay_->endNs = nowNs;
     if (underWay_->verdict == Verdict::pass) {
-        underWay_->missing = missingFrom(*underWay_);
+        underWay_->missing = missingFrom(*underWay_, level_);
         if (peerMissing_) {
             underWay_->missing.push_back("no test service answers: " + *peerMissing_);
         }

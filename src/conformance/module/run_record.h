@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "conformance/cases/requirements.h"
 #include "conformance/module/module_events.h"
 #include "conformance/report/report.h"
 
@@ -16,6 +17,9 @@ namespace kavri::conformance {
 
 class RunRecord {
   public:
+    // From then on checks below the level fail no case.
+    void judgeBy(Level level) { level_ = level; }
+
     // Adds an event. Returns the case that it ended, if it did.
     const CaseReport* add(const ModuleEvent& event);
 
@@ -38,11 +42,13 @@ class RunRecord {
 
   private:
     void addToCase(const ModuleEvent& event);
+    void addFailure(const CheckReport& check);
     void addStray(const ModuleEvent& event);
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
     void endCall(const ModuleEvent& event);
     CaseReport& end(std::int64_t nowNs);
 
+    Level level_ = Level::may;
     std::vector<CaseReport> cases_;  // those that have ended
     std::optional<CaseReport> underWay_;
     std::optional<CallReport> checkCall_;   // of the peer check, while it is running

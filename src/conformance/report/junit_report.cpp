@@ -206,11 +206,13 @@ class SuiteElement {
         std::string_view timestamp = date;
         base::takeSuffix(timestamp, "Z");
         set(element_, "timestamp", timestamp);
+        properties_ = element_.append_child("properties");
     }
 
     void add(const CaseReport& report, std::string_view bareName) {
         pugi::xml_node testCase = appendTestCase(element_, className_, bareName, report.seconds());
         appendVerdict(testCase, report);
+        appendLevel(report, bareName);
         setText(testCase.append_child("system-out"), recordText(report));
     }
 
@@ -230,6 +232,9 @@ class SuiteElement {
 
     // The numbers of its cases, in it and in those of all.
     void finish(Totals& all) {
+        if (!properties_.first_child()) {
+            element_.remove_child(properties_);
+        }
         Totals own;
         for (pugi::xml_node testCase : element_.children("testcase")) {
             own.count(testCase);
@@ -239,7 +244,17 @@ class SuiteElement {
     }
 
   private:
+    // Readers allow properties of a suite only.
+    void appendLevel(const CaseReport& report, std::string_view bareName) {
+        if (!report.level.empty()) {
+            pugi::xml_node property = properties_.append_child("property");
+            set(property, "name", fmt::format("level.{}", bareName));
+            set(property, "value", report.level);
+        }
+    }
+
     pugi::xml_node element_;
+    pugi::xml_node properties_;
     std::string className_;
 };
 

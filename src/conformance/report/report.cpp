@@ -54,13 +54,21 @@ static void to_json(json& result, const CallReport& call) {
 }
 
 static void to_json(json& result, const CaseReport& report) {
-    result = {{"name", report.name},         {"verdict", verdictText(report.verdict)},
-              {"beginNs", report.beginNs},   {"endNs", report.endNs},
-              {"checks", report.checks},     {"calls", report.calls},
-              {"faults", report.faults},     {"log", report.failureLines()},
-              {"missing", report.missing},   {"remarks", report.remarks},
-              {"hang", orNull(report.hang)}, {"crash", report.crash},
-              {"known", report.known},       {"repeat", report.repeat}};
+    result = {{"name", report.name},
+              {"level", report.level},
+              {"verdict", verdictText(report.verdict)},
+              {"beginNs", report.beginNs},
+              {"endNs", report.endNs},
+              {"checks", report.checks},
+              {"calls", report.calls},
+              {"faults", report.faults},
+              {"log", report.failureLines()},
+              {"missing", report.missing},
+              {"remarks", report.remarks},
+              {"hang", orNull(report.hang)},
+              {"crash", report.crash},
+              {"known", report.known},
+              {"repeat", report.repeat}};
 }
 
 static void to_json(json& result, const LibraryReport& library) {
@@ -114,6 +122,7 @@ json toJson(const Report& report) {
             {"libraries", report.libraries},
             {"matrix", orNull(report.matrix)},
             {"repeats", orNull(report.repeats)},
+            {"requirements", report.requirements},
             {"complaints", report.complaints},
             {"baseline", orNull(report.baseline)}};
 }

@@ -67,7 +67,8 @@ struct HangReport {
 };
 
 struct CaseReport {
-    std::string name;  // "suite/case"
+    std::string name;   // "suite/case"
+    std::string level;  // how much the interface demands of what it looks at: "must", …
     Verdict verdict = Verdict::notRun;
     std::int64_t beginNs = 0;
     std::int64_t endNs = 0;
@@ -156,6 +157,7 @@ struct Report {
     std::vector<LibraryReport> libraries;
     std::optional<MatrixReport> matrix;
     std::optional<RepeatReport> repeats;
+    nlohmann::json requirements = nlohmann::json::array();  // the levels of cases and checks
     std::vector<std::string> complaints;  // about known failures that are no longer true
     std::optional<BaselineComparison> baseline;
 };

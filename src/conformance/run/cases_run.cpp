@@ -21,6 +21,7 @@ bool endedInOrder(const process::ExitState& exit) {
 CaseReport notRun(const std::string& name, const std::string& why) {
     CaseReport report;
     report.name = name;
+    report.level = levelText(levelOf(name));
     if (!why.empty()) {
         report.missing.push_back(why);
     }

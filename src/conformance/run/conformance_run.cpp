@@ -126,7 +126,7 @@ void ConformanceRun::compareWithEarlierResults() {
     report_.complaints = expectations_.complaints();
     if (baseline_) {
         report_.baseline = baseline_->compare(report_, [this](const std::string& name) {
-            return isSelected(name, plan_.casePatterns);
+            return isSelected(name, plan_.casePatterns) && levelOf(name) >= plan_.level;
         });
         for (const std::string& line : comparisonLines(*report_.baseline)) {
             std::cout << line << '\n';
@@ -147,6 +147,7 @@ Report ConformanceRun::openingReport() const {
     report.command = base::shellCommand(words);
     report.date = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
     report.tool = plan_.tool;
+    report.requirements = requirementsJson();
     return report;
 }
 
@@ -162,7 +163,8 @@ unsigned ConformanceRun::jobs(unsigned most) const {
 
 void ConformanceRun::runLibrary(const std::optional<std::string>& folder) {
     const LibraryRun library(files_, folder, limits_);
-    const std::vector<std::string> cases = library.select(plan_.casePatterns, limits_);
+    const std::vector<std::string> cases =
+        atLevel(library.select(plan_.casePatterns, limits_), plan_.level);
     RunDisplay display(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases);
     LibraryReport& report = report_.libraries.emplace_back();
     report.name = library.name();
@@ -207,6 +209,7 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
         library.request(own ? own->socket() : std::filesystem::path(*plan_.socket));
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
+    request.level = plan_.level;
     casesBegun_ = Clock::now();
     CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
     const CasesOutcome outcome =
@@ -256,6 +259,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
     ModuleRunRequest request = library.request({});
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
+    request.level = plan_.level;
     const RepeatPlan repeatPlan{.runs = *plan_.repeat,
                                 .untilFail = plan_.untilFail,
                                 .shuffle = plan_.shuffle,

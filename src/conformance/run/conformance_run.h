@@ -24,6 +24,7 @@ struct RunPlan {
     std::optional<std::string> socket;
     std::vector<std::string> libraries;  // folders; none: the library that the module finds
     std::vector<std::string> casePatterns;
+    Level level = Level::may;              // of the cases, and of the checks that count
     std::optional<double> timeoutSeconds;  // of the whole run
     double callTimeoutSeconds = 10;
     double timeScale = 1;

@@ -30,6 +30,9 @@ std::string repeatCommand(const RunPlan& plan, const std::optional<std::string>&
     if (!plan.fault.empty()) {
         add("--fault", plan.fault);
     }
+    if (plan.level != byDefault.level) {
+        add("--level", levelText(plan.level));
+    }
     if (plan.timeoutSeconds) {
         add("--timeout", *plan.timeoutSeconds);
     }

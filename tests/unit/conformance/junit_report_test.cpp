@@ -289,6 +289,19 @@ BOOST_AUTO_TEST_CASE(entriesThatAreNotTrueAreFailures) {
     BOOST_TEST(attribute(suite.child("testcase"), "name") == "known.txt:1: unexpected pass");
 }
 
+BOOST_AUTO_TEST_CASE(levelsArePropertiesOfTheSuite) {
+    addCase("send/pass", Verdict::pass).level = "must";
+    addCase("send/echo", Verdict::fail).level = "should";
+    addCase("event/none", Verdict::pass);
+    const pugi::xml_node root = parse();
+    const pugi::xml_node properties = root.child("testsuite").first_child();
+    BOOST_TEST(properties.name() == std::string("properties"));
+    const pugi::xml_node echo = properties.find_child_by_attribute("name", "level.echo");
+    BOOST_TEST(attribute(echo, "value") == "should");
+    BOOST_TEST(std::distance(properties.begin(), properties.end()) == 2);
+    BOOST_TEST(!root.last_child().child("properties"));
+}
+
 BOOST_AUTO_TEST_CASE(aReportOfNothingIsReadToo) {
     report.libraries.clear();
     checkTotals(parse(), "0", "0", "0", "0");

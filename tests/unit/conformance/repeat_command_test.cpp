@@ -20,13 +20,15 @@ BOOST_AUTO_TEST_CASE(whatDecidesHowACaseGoesIsRepeated) {
     plan.program = "/opt/my tools/kavri";
     plan.socket = "/run/it's.sock";
     plan.fault = "send-lost";
+    plan.level = kavri::conformance::Level::must;
     plan.timeoutSeconds = 90;
     plan.callTimeoutSeconds = 2.5;
     plan.timeScale = 3;
     plan.moduleArguments = {"--log_level=all", "--log_sink=a log"};
     BOOST_TEST(repeatCommand(plan, "/opt/other lib", "suite/case") ==
                "'/opt/my tools/kavri' conformance --library '/opt/other lib' "
-               "--socket '/run/it'\\''s.sock' --fault send-lost --timeout 90 --call-timeout 2.5 "
+               "--socket '/run/it'\\''s.sock' --fault send-lost --level must --timeout 90 "
+               "--call-timeout 2.5 "
                "--time-scale 3 --case suite/case -- --log_level=all '--log_sink=a log'");
 }
 

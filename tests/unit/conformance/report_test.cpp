@@ -25,6 +25,7 @@ void checkMembers(const Json& object, const Names& expected) {
 CaseReport ended(Verdict verdict) {
     CaseReport report;
     report.name = "send/echo";
+    report.level = "must";
     report.verdict = verdict;
     return report;
 }
@@ -98,14 +99,15 @@ BOOST_AUTO_TEST_SUITE(json)
 BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     const Json report = toJson(fullReport());
     checkMembers(report, {"schema", "command", "date", "tool", "verdict", "seconds", "libraries",
-                          "matrix", "repeats", "complaints", "baseline"});
+                          "matrix", "repeats", "requirements", "complaints", "baseline"});
     const Json& library = report["libraries"][0];
     checkMembers(library, {"name", "core", "broker", "seconds", "verdict", "cases", "latencies"});
     checkMembers(library["latencies"], {"send"});
     checkMembers(library["latencies"]["send"], {"count", "p50Us", "p90Us", "p99Us", "maxUs"});
     const Json& first = library["cases"][0];
-    checkMembers(first, {"name", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
-                         "missing", "remarks", "hang", "crash", "known", "repeat"});
+    checkMembers(
+        first, {"name", "level", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
+                "missing", "remarks", "hang", "crash", "known", "repeat"});
     checkMembers(first["checks"][0],
                  {"text", "place", "passed", "left", "right", "message", "atNs", "thread"});
     for (const Json& call : first["calls"]) {
@@ -149,6 +151,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
     const Json whole = toJson(fullReport())["libraries"][0]["cases"][0];
     const Json expected = {
         {"name", "send/echo"},
+        {"level", "must"},
         {"verdict", "timeout"},
         {"beginNs", 100},
         {"endNs", 900},
