@@ -4,10 +4,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iostream>
 #include <string>
 #include <vector>
 
 #include "base/suggestion.h"
+#include "base/terminal.h"
 
 namespace kavri::base {
 
@@ -32,6 +34,16 @@ inline std::string suggestionFor(const CLI::App& app) {
     return unknown.empty()
                ? ""
                : didYouMean(unknown.front().substr(0, unknown.front().find('=')), namesIn(app));
+}
+
+// Prints what was asked for, --help or --version, as it fits the terminal. Returns the exit
+// status.
+inline int answer(const CLI::App& app, const CLI::Success& asked) {
+    const bool isHelp = asked.get_name() == "CallForHelp";
+    std::cout << fitted(isHelp ? app.help() : asked.what() + std::string("\n"),
+                        DisplayStyle::ofStandardOutput())
+              << std::flush;
+    return 0;
 }
 
 // What is wrong, on one line, and where to read more.

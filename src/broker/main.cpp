@@ -189,10 +189,9 @@ int runCommandLine(int argc, char** argv) {
     describe(app, arguments);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& asked) {
+        return base::answer(app, asked);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) {
-            return app.exit(error);  // --help or --version
-        }
         std::fprintf(stderr, "kavri-broker: %s\n",
                      base::usageComplaint(app, error, "kavri-broker").c_str());
         return badUsage;

@@ -101,10 +101,9 @@ int runCommandLine(const char* program, std::vector<std::string> arguments) {
         std::ranges::reverse(arguments);  // as the parser takes them
         commands.app.parse(arguments);
         return static_cast<int>(commands.run());
+    } catch (const CLI::Success& asked) {
+        return kavri::base::answer(commands.app, asked);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            return commands.app.exit(error);  // --help or --version
-        }
         const std::vector<std::string> unknown = commands.app.remaining();
         if (commands.app.get_subcommands().empty() && !unknown.empty()) {
             return complain("kavri",

@@ -116,10 +116,9 @@ int runCommandLine(int argc, char** argv) {
         "Exit status: 0 stopped, 1 could not start, 64 wrong usage.");
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& asked) {
+        return kavri::base::answer(app, asked);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) {
-            return app.exit(error);  // --help or --version
-        }
         std::fprintf(stderr, "kavri-test-service: %s\n",
                      kavri::base::usageComplaint(app, error, "kavri-test-service").c_str());
         return badUsage;

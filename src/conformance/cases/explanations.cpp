@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "base/suggestion.h"
+#include "base/terminal.h"
 #include "conformance/cases/case_guide.h"
 #include "conformance/cases/case_listing.h"
 #include "conformance/faults/fault_catalogue.h"
@@ -17,13 +18,15 @@ namespace kavri::conformance {
 
 namespace {
 
-constexpr size_t columns = 80;
+// Paragraphs are read best in lines that are not too long.
+constexpr unsigned longestLine = 80;
 
 // A paragraph with a title, in lines that a terminal shows whole, without Markdown.
 void paragraph(std::ostream& output, std::string_view title, std::string_view markdown) {
     output << '\n' << title << '\n';
     std::string text(markdown);
     std::erase(text, '`');
+    const size_t columns = std::min(longestLine, base::DisplayStyle::ofStandardOutput().columns);
     std::istringstream words(text);
     std::string line;
     for (std::string word; words >> word;) {
@@ -36,6 +39,10 @@ void paragraph(std::ostream& output, std::string_view title, std::string_view ma
     output << line << '\n';
 }
 
+void showLine(std::ostream& output, const std::string& line) {
+    output << base::fitted(line, base::DisplayStyle::ofStandardOutput()) << '\n';
+}
+
 void explainCase(const CaseGuide& guide, std::ostream& output) {
     output << fmt::format("{}, {}\n", guide.name, levelText(levelOf(guide.name)));
     paragraph(output, "What it proves", guide.proves);
@@ -44,7 +51,7 @@ void explainCase(const CaseGuide& guide, std::ostream& output) {
     paragraph(output, "What can make it fail", guide.failures);
     output << "\nIts checks\n";
     for (const CheckRequirement& check : checksOf(guide.name)) {
-        output << fmt::format("  {:<6}  {}\n", levelText(check.level), check.text);
+        showLine(output, fmt::format("  {:<6}  {}", levelText(check.level), check.text));
     }
 }
 
@@ -58,7 +65,7 @@ void explainFault(const Fault& fault, std::ostream& output) {
     }
     output << "\nDetected by\n";
     for (const Kill& kill : fault.kills) {
-        output << fmt::format("  {}: {}\n", kill.caseName, kill.how);
+        showLine(output, fmt::format("  {}: {}", kill.caseName, kill.how));
     }
 }
 
@@ -70,14 +77,14 @@ void listCases(const std::vector<std::string>& patterns, Level level, std::ostre
         names.emplace_back(guide.name);
     }
     for (const std::string& name : atLevel(selectCases(names, patterns), level)) {
-        output << fmt::format("{}, {}\n    {}\n", name, levelText(levelOf(name)),
-                              findCaseGuide(name)->proves);
+        showLine(output, fmt::format("{}, {}", name, levelText(levelOf(name))));
+        showLine(output, fmt::format("    {}", findCaseGuide(name)->proves));
     }
 }
 
 void listFaults(std::ostream& output) {
     for (const Fault& fault : faultCatalogue()) {
-        output << fmt::format("{:<36}  {}\n", fault.name, fault.description);
+        showLine(output, fmt::format("{:<36}  {}", fault.name, fault.description));
     }
 }
 

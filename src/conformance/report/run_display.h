@@ -11,18 +11,12 @@
 #include <string_view>
 #include <vector>
 
+#include "base/terminal.h"
 #include "conformance/report/report.h"
 
 namespace kavri::conformance {
 
-struct DisplayStyle {
-    bool terminal = false;  // lines can be replaced
-    bool colour = false;
-    unsigned columns = 80;
-
-    // What fits this process' standard output and its environment.
-    static DisplayStyle ofStandardOutput();
-};
+using base::DisplayStyle;
 
 class RunDisplay {
   public:
@@ -49,11 +43,12 @@ class RunDisplay {
     void showProgress(std::string_view what, size_t done, size_t all);
 
     // Erases the line that is replaced, before other output.
-    void clearProgress();
+    void clearProgress() { progress_.clear(); }
 
   private:
-    void replaceProgress(std::string line);
     void showDetails(const CaseReport& report);
+    // As it fits, and with a line break.
+    void showLine(std::string_view line);
     std::string coloured(std::string_view text, std::string_view colour) const;
 
     std::ostream& results_;
@@ -61,7 +56,7 @@ class RunDisplay {
     DisplayStyle style_;
     size_t caseCount_;
     size_t nameWidth_;
-    std::string progress_;  // the line on the terminal that is replaced
+    base::ProgressLine progress_;  // the line on the terminal that is replaced
 };
 
 std::string durationText(double seconds);

@@ -129,7 +129,7 @@ void ConformanceRun::compareWithEarlierResults() {
             return isSelected(name, plan_.casePatterns) && levelOf(name) >= plan_.level;
         });
         for (const std::string& line : comparisonLines(*report_.baseline)) {
-            std::cout << line << '\n';
+            std::cout << fitted(line, DisplayStyle::ofStandardOutput()) << '\n';
         }
         std::cout << std::flush;
     }
