@@ -6,7 +6,9 @@
 
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <vector>
 
+#include "base/text_scanner.h"
 #include "conformance/report/html/page_text.h"
 
 namespace kavri::conformance {
@@ -45,9 +47,9 @@ std::string textOf(const json& object, const char* key) {
 
 // In JSON "<" occurs in strings only, where an escape means the same. Unescaped, it could
 // end the element, or begin a comment in it.
-std::string embeddedJson(const json& report) {
+std::string embeddedJson(const json& value) {
     std::string embedded;
-    for (const char character : report.dump(-1, ' ', false, json::error_handler_t::replace)) {
+    for (const char character : value.dump(-1, ' ', false, json::error_handler_t::replace)) {
         if (character == '<') {
             embedded += "\\u003c";
         } else {
@@ -125,6 +127,14 @@ std::string plainSummary(const json& report) {
     return html + "<p>Records, time lines and the matrix itself need JavaScript.</p>\n";
 }
 
+std::vector<std::string_view> linesOf(std::string_view text) {
+    std::vector<std::string_view> lines;
+    while (const auto line = base::takeLine(text)) {
+        lines.push_back(*line);
+    }
+    return lines;
+}
+
 std::string joinedScripts() {
     std::string joined;
     for (const std::string_view script : page_text::scripts) {
@@ -145,6 +155,9 @@ std::string valueOf(std::string_view name, const json& report) {
     }
     if (name == "report") {
         return embeddedJson(report);
+    }
+    if (name == "sources") {
+        return embeddedJson({{"test_ipc_initiator.cpp", linesOf(page_text::moduleSource)}});
     }
     return joinedScripts();
 }
