@@ -114,8 +114,7 @@ class ScriptedBroker {
             bytes.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
             session.sendQueue.consume(piece.iov_len);
         }
-        std::erase(router.toWrite(), &session);
-        session.listedForWriting = false;
+        router.toWrite().remove(session);
         return bytes;
     }
     // The same as text, one frame a line.
@@ -131,7 +130,7 @@ class ScriptedBroker {
         session.isClosing = true;
         router.forget(session);
         resumeAllAt(session);
-        std::erase(router.toWrite(), &session);
+        router.toWrite().remove(session);
         closings_.erase(session.id.index);
         Place& place = places_[session.id.index];
         ++place.generation;

@@ -61,7 +61,8 @@ void Server::run(int signalDescriptor, std::function<void()> onSignal) {
             break;
         }
         if (std::exchange(bulkIsReady_, false)) {
-            writeListed();  // so that the others' output does not wait for the bulk
+            // The others' output does not wait for the bulk.
+            router_.toWrite().writeAllOfOne([this](Session& session) { write(session); });
             handleBulk();
         }
         handleDeadlines();
@@ -212,23 +213,16 @@ void Server::handleDeadline(DeadlineKind kind, Session& session) {
     }
 }
 
-// Writing resumes senders, which fills further send queues: those are written to the
-// next time.
-void Server::writeListed() {
-    std::vector<Session*>& toWrite = router_.toWrite();
-    const std::size_t listed = toWrite.size();
-    for (std::size_t i = 0; i < listed; ++i) {
-        Session& session = *toWrite[i];
-        session.listedForWriting = false;
-        if (!session.isClosing) {
-            traffic_.writeTo(session);
-        }
+void Server::write(Session& session) {
+    if (!session.isClosing) {
+        traffic_.writeTo(session);
     }
-    toWrite.erase(toWrite.begin(), toWrite.begin() + static_cast<std::ptrdiff_t>(listed));
 }
 
 void Server::finishRound() {
-    writeListed();
+    const auto writeTo = [this](Session& session) { write(session); };
+    router_.toWrite().writeAllOfOne(writeTo);
+    router_.toWrite().writeSomeOfMany(fanOutWritesPerRound, writeTo);
     const auto goodbyes = static_cast<std::ptrdiff_t>(std::min(closing_.size(), goodbyesPerRound));
     for (std::ptrdiff_t i = 0; i < goodbyes; ++i) {
         leave(*closing_[static_cast<std::size_t>(i)]);
@@ -323,7 +317,7 @@ void Server::remove(Session& session) {
                      (session.congestion == nullptr || !session.congestion->somebodyWaits()),
                  "no session is blocked on one that is removed");
     traffic_.forget(session);
-    std::erase(router_.toWrite(), &session);
+    router_.toWrite().remove(session);
     for (const DeadlineKind kind :
          {DeadlineKind::handshake, DeadlineKind::drain, DeadlineKind::frame}) {
         deadlines_.cancel(kind, session.id);

@@ -62,6 +62,7 @@ class Server {
 
   private:
     static constexpr std::size_t goodbyesPerRound = 64;
+    static constexpr std::size_t fanOutWritesPerRound = 64;
     // About how many frames all reads of a round share, and how many of them one session
     // gets: a busy peer delays others by microseconds, and many by less than a
     // millisecond.
@@ -88,7 +89,7 @@ class Server {
     std::size_t readShare(const Session& session) const;
     void handleDeadlines();
     void handleDeadline(DeadlineKind kind, Session& session);
-    void writeListed();
+    void write(Session& session);
     void finishRound();
     void sayGoodbye();
 

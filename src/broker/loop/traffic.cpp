@@ -273,10 +273,11 @@ void Traffic::endIfDrained(Session& session) {
 // be reported again and again. What is written at the end of this round anyway
 // needs no watching yet.
 void Traffic::watch(Session& session) {
-    const std::uint32_t wanted = (session.isBlocked() ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
-                                 (session.sendQueue.empty() || session.listedForWriting
-                                      ? 0U
-                                      : static_cast<std::uint32_t>(EPOLLOUT));
+    const std::uint32_t wanted =
+        (session.isBlocked() ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
+        (session.sendQueue.empty() || session.listedForWriting || session.listedForFanOut
+             ? 0U
+             : static_cast<std::uint32_t>(EPOLLOUT));
     if (!session.isClosing && !surroundings_.readiness.watch(session, wanted)) {
         closeUnwatched(session);
     }

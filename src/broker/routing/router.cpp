@@ -97,7 +97,7 @@ std::optional<Blocked> Router::request(Session& from, InputFrame& frame) {
             break;
     }
     wire::replaceToken(frame.bytes, requests_.open(responder, from, frame.values.token));
-    deliver(responder, frame);
+    deliver(responder, frame, Receivers::one);
     return std::nullopt;
 }
 
@@ -131,7 +131,7 @@ std::optional<Blocked> Router::response(Session& from, InputFrame& frame) {
     }
     wire::replaceToken(frame.bytes, known->initiatorToken);
     requests_.close(token);
-    deliver(initiator, frame);
+    deliver(initiator, frame, Receivers::one);
     return std::nullopt;
 }
 
@@ -294,7 +294,7 @@ void Router::forget(Session& session) {
 void Router::send(Session& to, const Frame& frame) {
     try {
         to.sendQueue.append(frame);
-        markForWriting(to);
+        toWrite_.add(to, Receivers::one);
     } catch (const std::bad_alloc&) {
         closeOutOfMemory(to);
     }
@@ -338,12 +338,13 @@ std::optional<Blocked> Router::blockedOnSubscriber(const Session& from,
 }
 
 void Router::deliverToSubscribers(const Category& category, const InputFrame& event) {
+    const Receivers receivers = category.subscribers.size() > 1 ? Receivers::many : Receivers::one;
     for (Session* subscriber : category.subscribers) {
-        deliver(*subscriber, event);
+        deliver(*subscriber, event, receivers);
     }
 }
 
-void Router::deliver(Session& to, const InputFrame& frame) {
+void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) {
     if (to.isClosing) {
         return;
     }
@@ -357,7 +358,7 @@ void Router::deliver(Session& to, const InputFrame& frame) {
         } else {
             to.sendQueue.appendCopy({frame.bytes, frame.length});
         }
-        markForWriting(to);
+        toWrite_.add(to, receivers);
     } catch (const std::bad_alloc&) {
         closeOutOfMemory(to);
     }
@@ -374,13 +375,6 @@ void Router::refuse(Session& from, std::uint64_t token, kavri_core_status status
 
 void Router::acknowledge(Session& to, std::uint64_t token, kavri_core_status status) {
     send(to, outcomeFrame(FrameType::acknowledgement, token, status));
-}
-
-void Router::markForWriting(Session& session) {
-    if (!session.listedForWriting) {
-        toWrite_.push_back(&session);
-        session.listedForWriting = true;
-    }
 }
 
 }  // namespace kavri::broker

@@ -20,6 +20,7 @@
 #include "broker/routing/policy.h"
 #include "broker/routing/request_table.h"
 #include "broker/routing/session.h"
+#include "broker/routing/write_lists.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
 
@@ -82,8 +83,7 @@ class Router {
     // Enqueues a frame of the broker's own.
     void send(Session& to, const wire::Frame& frame);
 
-    // Sessions whose send queue got something since the list was last taken.
-    std::vector<Session*>& toWrite() { return toWrite_; }
+    WriteLists& toWrite() { return toWrite_; }
 
   private:
     void addSubscription(Session& subscriber, std::string_view name);
@@ -93,13 +93,12 @@ class Router {
     std::optional<Blocked> blockedOnSubscriber(const Session& from, const Category& category) const;
     void gatherEvents(const Category& category, InputFrame& first) const;
     void deliverToSubscribers(const Category& category, const InputFrame& event);
-    void deliver(Session& to, const InputFrame& frame);
+    void deliver(Session& to, const InputFrame& frame, Receivers receivers);
     void refuse(Session& from, std::uint64_t token, kavri_core_status status);
     void acknowledge(Session& to, std::uint64_t token, kavri_core_status status);
 
     bool dropsSilently(Session& responder);
     void closeOutOfMemory(Session& session);
-    void markForWriting(Session& session);
 
     const wire::Limits& limits_;
     const Policy& policy_;
@@ -108,7 +107,7 @@ class Router {
     FlowControl flow_;
     CategoryTable categories_;
     RequestTable requests_;
-    std::vector<Session*> toWrite_;
+    WriteLists toWrite_;
 };
 
 }  // namespace kavri::broker

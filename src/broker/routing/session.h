@@ -87,6 +87,7 @@ struct Session {
     bool isBulk = false;              // sends more than its share of a round
     bool isClosing = false;
     bool listedForWriting = false;  // the router put something into the send queue
+    bool listedForFanOut = false;   // the same, as one of many receivers
     bool listedForRelease = false;  // has room, and senders that are still blocked on it
 
     SessionInput input;
