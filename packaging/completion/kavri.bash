@@ -17,7 +17,7 @@ _kavriFaults() {
 _kavriOptions() {
     case $1 in
         conformance)
-            printf '%s ' --socket --library --case --level --timeout --call-timeout --time-scale --prove \
+            printf '%s ' --socket --library --name --case --level --timeout --call-timeout --time-scale --prove \
                 --fault --junit --json --html --repeat --until-fail --shuffle --jobs --expect \
                 --write-expect --baseline --list --list-faults --explain --help
             ;;
@@ -40,7 +40,7 @@ _kavriValue() {
         conformance--fault) _kavriFaults "$tool" ;;
         conformance--explain) printf '%s\n' $_kavriCases && _kavriFaults "$tool" ;;
         conformance--timeout | conformance--call-timeout | conformance--time-scale) ;;
-        conformance--repeat | conformance--shuffle | conformance--jobs) ;;
+        conformance--repeat | conformance--shuffle | conformance--jobs | conformance--name) ;;
         bench--category | bench--command | bench--payload | bench--in-flight | bench--seconds) ;;
         *) return 1 ;;
     esac

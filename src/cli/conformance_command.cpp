@@ -154,7 +154,7 @@ const std::array alone = {
     Alone{"--list-faults", {}},
     Alone{"--explain", {}},
     Alone{"--prove",
-          {"--library", "--timeout", "--call-timeout", "--time-scale", "--jobs", "--json",
+          {"--library", "--name", "--timeout", "--call-timeout", "--time-scale", "--jobs", "--json",
            "--junit", "--html", "--expect"}},
 };
 
@@ -200,7 +200,7 @@ void checkNeeds(const std::vector<std::string>& given) {
     }
 }
 
-// One file cannot hold two reports.
+// One file cannot hold two reports, nor be compared with what replaces it.
 void checkFiles(const conformance::RunPlan& plan) {
     std::map<std::filesystem::path, std::string_view> written;
     const auto add = [&written](std::string_view option, const std::optional<std::string>& file) {
@@ -216,6 +216,7 @@ void checkFiles(const conformance::RunPlan& plan) {
     add("--json", plan.reports.json);
     add("--junit", plan.reports.junit);
     add("--write-expect", plan.writtenExpectations);
+    add("--baseline", plan.baseline);
 }
 
 // Throws CommandFailure where two options exclude each other, one has no effect, or a name
@@ -235,6 +236,15 @@ void checkOptions(const CLI::App& command, const ConformanceOptions& options) {
     }
     if (plan.repeat && (!plan.writtenExpectations.empty() || !plan.baseline.empty())) {
         refuse("--write-expect and --baseline are for a single run; leave out --repeat");
+    }
+    const size_t libraryCount = std::max<size_t>(1, plan.libraries.size());
+    if (!plan.names.empty() && plan.names.size() != libraryCount) {
+        refuse(fmt::format("{} libraries and {} names; give a --name for each --library, or none",
+                           libraryCount, plan.names.size()));
+    }
+    if (std::set(plan.names.begin(), plan.names.end()).size() != plan.names.size()) {
+        refuse(
+            "two libraries with the same --name; no reader of the reports could tell them apart");
     }
     if (plan.socket && plan.jobs != 0) {
         refuse("--jobs needs brokers of its own; leave out --socket");
@@ -267,6 +277,12 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
         .add_option("--library", options.plan.libraries,
                     "Run the module with the core library in DIR; may be repeated, to compare")
         ->type_name("DIR")
+        ->allow_extra_args(false);
+    command
+        .add_option("--name", options.plan.names,
+                    "Call the library so in the reports; one for each --library, in their order "
+                    "[its folder]")
+        ->type_name("NAME")
         ->allow_extra_args(false);
     command
         .add_option("--case", options.plan.casePatterns,

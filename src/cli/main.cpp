@@ -1,6 +1,7 @@
 // kavri: the tool around the library and the broker. Parses the command line and runs the
 // command that it names.
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -35,6 +36,15 @@ void openMissingStandardDescriptors() {
     if (descriptor > 2) {
         close(descriptor);
     }
+}
+
+// A reader who has left, as `| head` does, wants no more; any other failure means that
+// somebody misses what was printed.
+bool isOutputLost() {
+    std::cout.flush();
+    pollfd reader = {STDOUT_FILENO, POLLOUT, 0};
+    const bool hasLeft = poll(&reader, 1, 0) == 1 && (reader.revents & POLLERR) != 0;
+    return !std::cout && !hasLeft;
 }
 
 // What follows "--" is for the module, which only one command runs.
@@ -100,7 +110,14 @@ int runCommandLine(const char* program, std::vector<std::string> arguments) {
     try {
         std::ranges::reverse(arguments);  // as the parser takes them
         commands.app.parse(arguments);
-        return static_cast<int>(commands.run());
+        const process::ExitStatus status = commands.run();
+        if (isOutputLost()) {
+            throw process::CommandFailure(
+                status == process::ExitStatus::passed ? process::ExitStatus::couldNotRun : status,
+                "cannot write all results to standard output; is the "
+                "disk full?");
+        }
+        return static_cast<int>(status);
     } catch (const CLI::Success& asked) {
         return kavri::base::answer(commands.app, asked);
     } catch (const CLI::ParseError& error) {

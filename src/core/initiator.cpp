@@ -23,10 +23,7 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
     const auto isReady = [this] {
         return responseCallback_.isInstalled() || !responses_.empty() || pending_.hasFailure();
     };
-    CallDeadline deadline = deadlineAfter(timeoutMs);
-    bool wasConnected = isConnected();
-    while (true) {
-        const Wait wait = waitUntil(lock, deadline, isReady);
+    const auto outcome = [this, &fields]() -> std::optional<kavri_core_status> {
         if (responseCallback_.isInstalled()) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
         }
@@ -37,27 +34,15 @@ kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
             fields = take(responses_);
             return KAVRI_CORE_STATUS_NO_ERROR;
         }
-        if (pending_.hasFailure()) {
-            return pending_.takeFailure();
-        }
-        if (wait == Wait::timedOut) {
-            return KAVRI_CORE_STATUS_IPC_NO_MESSAGE;
-        }
-        if (wasConnected) {
-            return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
-        }
-        if (timeoutMs == 0) {
-            return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
-        }
-        // A receive returns other reasons, such as a refusal, as outcomes of requests only.
-        if (const kavri_core_status status = connectIfNeeded(lock, deadline);
-            status != KAVRI_CORE_STATUS_NO_ERROR) {
-            return status == KAVRI_CORE_STATUS_OUT_OF_RESOURCES
-                       ? status
-                       : KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
-        }
-        wasConnected = true;
-    }
+        return pending_.hasFailure() ? std::optional(pending_.takeFailure()) : std::nullopt;
+    };
+    // It returns other reasons, such as a refusal, as outcomes of requests only.
+    const auto unconnected = [](kavri_core_status status) {
+        return status == KAVRI_CORE_STATUS_OUT_OF_RESOURCES
+                   ? status
+                   : KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
+    };
+    return receiveNext(lock, timeoutMs, isReady, outcome, unconnected);
 }
 
 kavri_core_status Initiator::setResponseCallback(

@@ -8,11 +8,12 @@
 
 // What a handle points to. The library's thread may own the initiator a moment longer.
 struct kavri_core_ipc_initiator {
-    std::shared_ptr<kavri::core::Initiator> initiator;
+    std::shared_ptr<kavri::core::Initiator> endpoint;
 };
 
 using kavri::core::anyNull;
 using kavri::core::guarded;
+using kavri::core::isInstallable;
 
 namespace {
 
@@ -58,25 +59,12 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_
     return guarded([&] {
         kavri::core::Settings settings;
         settings.role = "initiator";
-        kavri_core_status status = kavri::core::readSettings(cookie, options, settings);
-        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            // Allocated before the start: once its thread runs, there must be a handle to end it.
-            auto made = std::make_unique<kavri_core_ipc_initiator>();
-            made->initiator = std::make_shared<kavri::core::Initiator>(std::move(settings));
-            status = made->initiator->start();
-            if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-                *initiator = made.release();
-            }
-        }
-        return status;
+        return kavri::core::makeHandle(cookie, options, std::move(settings), *initiator);
     });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator) {
-    if (initiator == nullptr) {
-        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
-    }
-    return kavri::core::endHandle(initiator, initiator->initiator);
+    return kavri::core::endHandle(initiator);
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send(
@@ -85,10 +73,10 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send(
     if (anyNull(initiator) || anyNull(targetCategory, targetIdentifier, uuid, payload)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(initiator->initiator, [&] {
+    return guarded(initiator->endpoint, [&] {
         Frame frame = request({targetCategory, targetIdentifier, uuid, payload});
         std::size_t sent = 0;
-        return initiator->initiator->send({&frame, 1}, sent);
+        return initiator->endpoint->send({&frame, 1}, sent);
     });
 }
 
@@ -106,8 +94,8 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_command_send_batch(
         })) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(initiator->initiator, [&] {
-        return sendAll(*initiator->initiator, {commands, count}, *sent);
+    return guarded(initiator->endpoint, [&] {
+        return sendAll(*initiator->endpoint, {commands, count}, *sent);
     });
 }
 
@@ -118,27 +106,22 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive(
         !kavri::core::isTimeout(timeout)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(initiator->initiator, [&] {
+    return guarded(initiator->endpoint, [&] {
         kavri::core::Message::Fields fields{};
-        const kavri_core_status status = initiator->initiator->receive(timeout, fields);
-        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            *targetCategory = fields[0];
-            *targetIdentifier = fields[1];
-            *uuid = fields[2];
-            *payload = fields[3];
-        }
-        return status;
+        const kavri_core_status status = initiator->endpoint->receive(timeout, fields);
+        return kavri::core::store(status, fields,
+                                  {targetCategory, targetIdentifier, uuid, payload});
     });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_response_receive_callback(
     kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_response_callback callback,
     void* context) {
-    if (initiator == nullptr || (callback == nullptr && context != nullptr)) {
+    if (!isInstallable(initiator, callback, context)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(initiator->initiator,
-                   [&] { return initiator->initiator->setResponseCallback(callback, context); });
+    return guarded(initiator->endpoint,
+                   [&] { return initiator->endpoint->setResponseCallback(callback, context); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_subscribe(
@@ -146,7 +129,7 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_subscribe(
     if (anyNull(initiator) || anyNull(category) || *category == '\0') {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(initiator->initiator, [&] { return initiator->initiator->subscribe(category); });
+    return guarded(initiator->endpoint, [&] { return initiator->endpoint->subscribe(category); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(
@@ -154,16 +137,15 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(
     if (anyNull(initiator) || anyNull(category) || *category == '\0') {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(initiator->initiator,
-                   [&] { return initiator->initiator->unsubscribe(category); });
+    return guarded(initiator->endpoint, [&] { return initiator->endpoint->unsubscribe(category); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
     kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_event_callback callback,
     void* context) {
-    if (initiator == nullptr || (callback == nullptr && context != nullptr)) {
+    if (!isInstallable(initiator, callback, context)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(initiator->initiator,
-                   [&] { return initiator->initiator->setEventCallback(callback, context); });
+    return guarded(initiator->endpoint,
+                   [&] { return initiator->endpoint->setEventCallback(callback, context); });
 }

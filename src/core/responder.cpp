@@ -1,6 +1,9 @@
 // The responder; see responder.h.
 #include "core/responder.h"
 
+#include <functional>
+#include <optional>
+
 namespace kavri::core {
 
 using wire::Field;
@@ -10,34 +13,19 @@ using wire::FrameType;
 kavri_core_status Responder::receive(int timeoutMs, kavri_core_ipc_request& request,
                                      Message::Fields& fields) {
     Lock lock = acquire();
-    CallDeadline deadline = deadlineAfter(timeoutMs);
-    bool wasConnected = isConnected();
-    while (true) {
-        const Wait wait = waitUntil(
-            lock, deadline, [this] { return callback_.isInstalled() || !requests_.empty(); });
+    const auto isReady = [this] { return callback_.isInstalled() || !requests_.empty(); };
+    const auto outcome = [&]() -> std::optional<kavri_core_status> {
         if (callback_.isInstalled()) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
         }
-        if (!requests_.empty()) {
-            request = nameOf(requests_.front());
-            fields = take(requests_);
-            return KAVRI_CORE_STATUS_NO_ERROR;
+        if (requests_.empty()) {
+            return std::nullopt;
         }
-        if (wait == Wait::timedOut) {
-            return KAVRI_CORE_STATUS_IPC_NO_MESSAGE;
-        }
-        if (wasConnected) {
-            return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
-        }
-        if (timeoutMs == 0) {
-            return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
-        }
-        if (const kavri_core_status status = connectIfNeeded(lock, deadline);
-            status != KAVRI_CORE_STATUS_NO_ERROR) {
-            return status;
-        }
-        wasConnected = true;
-    }
+        request = nameOf(requests_.front());
+        fields = take(requests_);
+        return KAVRI_CORE_STATUS_NO_ERROR;
+    };
+    return receiveNext(lock, timeoutMs, isReady, outcome, std::identity{});
 }
 
 kavri_core_status Responder::setRequestCallback(kavri_core_ipc_responder_request_callback callback,

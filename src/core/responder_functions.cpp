@@ -4,11 +4,12 @@
 #include "wire/limits.h"
 
 struct kavri_core_ipc_responder {
-    std::shared_ptr<kavri::core::Responder> responder;
+    std::shared_ptr<kavri::core::Responder> endpoint;
 };
 
 using kavri::core::anyNull;
 using kavri::core::guarded;
+using kavri::core::isInstallable;
 using kavri::wire::Frame;
 using kavri::wire::FrameType;
 
@@ -29,26 +30,13 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_init(kavri_core_logging_
         if (settings.servedCategory.size() > kavri::wire::fieldLimitBytes) {
             return KAVRI_CORE_STATUS_IPC_TOO_LARGE;
         }
-        kavri_core_status status = kavri::core::readSettings(cookie, options, settings);
-        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            // Allocated before the start: once its thread runs, there must be a handle to end it.
-            auto made = std::make_unique<kavri_core_ipc_responder>();
-            made->responder = std::make_shared<kavri::core::Responder>(std::move(settings));
-            status = made->responder->start();
-            if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-                *responder = made.release();
-            }
-        }
-        return status;
+        return kavri::core::makeHandle(cookie, options, std::move(settings), *responder);
     });
 }
 
 KAVRI_EXPORT kavri_core_status
 kavri_core_ipc_responder_deinit(kavri_core_ipc_responder* responder) {
-    if (responder == nullptr) {
-        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
-    }
-    return kavri::core::endHandle(responder, responder->responder);
+    return kavri::core::endHandle(responder);
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_receive(
@@ -59,27 +47,22 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_receive(
         !kavri::core::isTimeout(timeout)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(responder->responder, [&] {
+    return guarded(responder->endpoint, [&] {
         kavri::core::Message::Fields fields{};
-        const kavri_core_status status = responder->responder->receive(timeout, *request, fields);
-        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-            *targetCategory = fields[0];
-            *targetIdentifier = fields[1];
-            *uuid = fields[2];
-            *payload = fields[3];
-        }
-        return status;
+        const kavri_core_status status = responder->endpoint->receive(timeout, *request, fields);
+        return kavri::core::store(status, fields,
+                                  {targetCategory, targetIdentifier, uuid, payload});
     });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_receive_callback(
     kavri_core_ipc_responder* responder, kavri_core_ipc_responder_request_callback callback,
     void* context) {
-    if (responder == nullptr || (callback == nullptr && context != nullptr)) {
+    if (!isInstallable(responder, callback, context)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(responder->responder,
-                   [&] { return responder->responder->setRequestCallback(callback, context); });
+    return guarded(responder->endpoint,
+                   [&] { return responder->endpoint->setRequestCallback(callback, context); });
 }
 
 KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_response_send(
@@ -88,12 +71,12 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_response_send(
     if (anyNull(responder) || anyNull(targetCategory, targetIdentifier, uuid)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(responder->responder, [&] {
+    return guarded(responder->endpoint, [&] {
         Frame response;
         response.type = FrameType::response;
         response.fields = {targetCategory, targetIdentifier, uuid,
                            payload != nullptr ? std::string_view(payload) : std::string_view()};
-        return responder->responder->finish(request, response);
+        return responder->endpoint->finish(request, response);
     });
 }
 
@@ -102,10 +85,10 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_request_end(
     if (responder == nullptr) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(responder->responder, [&] {
+    return guarded(responder->endpoint, [&] {
         Frame completion;
         completion.type = FrameType::completion;
-        return responder->responder->finish(request, completion);
+        return responder->endpoint->finish(request, completion);
     });
 }
 
@@ -115,9 +98,9 @@ KAVRI_EXPORT kavri_core_status kavri_core_ipc_responder_event_publish(
     if (anyNull(responder) || anyNull(targetCategory, targetIdentifier, payload)) {
         return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
     }
-    return guarded(responder->responder, [&] {
+    return guarded(responder->endpoint, [&] {
         Frame event;
         event.fields = {targetCategory, targetIdentifier, std::string_view(), payload};
-        return responder->responder->publish(event);
+        return responder->endpoint->publish(event);
     });
 }

@@ -76,6 +76,9 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
 void ChildProcess::drain() {
     base::readAvailable(state_.outputPipe, state_.output);
     base::readAvailable(state_.errorPipe, state_.error);
+    for (std::string* captured : {&state_.output, &state_.error}) {
+        captured->resize(std::min(captured->size(), captureLimitBytes));
+    }
 }
 
 // Waits for output, the program's end or the deadline.

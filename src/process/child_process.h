@@ -30,6 +30,9 @@ struct ExitState {
 
 class ChildProcess {
   public:
+    // A program that prints without end must not use up this process' memory.
+    static constexpr std::size_t captureLimitBytes = 64U << 20U;
+
     // Throws std::system_error, whose text names the program, if it cannot be started.
     explicit ChildProcess(const ChildSpawn& spawn);
     ChildProcess(ChildProcess&& other) noexcept { std::swap(state_, other.state_); }
@@ -44,8 +47,8 @@ class ChildProcess {
     int outputDescriptor() const { return state_.outputPipe.get(); }
     int errorDescriptor() const { return state_.errorPipe.get(); }
 
-    // Reads what there is, without waiting. output() and error() return all that was
-    // captured so far.
+    // Reads what there is, without waiting. output() and error() return what was captured
+    // so far, each up to captureLimitBytes; what comes after that is lost.
     void drain();
     const std::string& output() const { return state_.output; }
     const std::string& error() const { return state_.error; }

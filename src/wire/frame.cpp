@@ -90,6 +90,10 @@ std::uint32_t fieldLength(const char* bytes, std::size_t index) {
     return load<std::uint32_t>(bytes + lengthsOffset + index * lengthWidth);
 }
 
+bool hasNul(const char* text, std::size_t length) {
+    return std::memchr(text, '\0', length) != nullptr;
+}
+
 std::optional<FrameError> checkFields(const char* bytes, std::size_t payloadLimitBytes) {
     const auto present = static_cast<std::uint8_t>(bytes[presentOffset]);
     std::uint64_t total = headerBytes;
@@ -163,6 +167,14 @@ Extent extentOf(const char* bytes) {
     return {load<std::uint32_t>(bytes) - payloadBytes, payloadBytes};
 }
 
+FrameType typeOf(const char* bytes) {
+    return static_cast<FrameType>(bytes[typeOffset]);
+}
+
+bool hasNul(const char* bytes) {
+    return hasNul(bytes + headerBytes, load<std::uint32_t>(bytes) - headerBytes);
+}
+
 std::optional<std::string_view> categoryOf(const char* bytes, std::size_t count) {
     constexpr auto category = static_cast<std::size_t>(Field::category);
     const std::size_t length = fieldLength(bytes, category);
@@ -179,16 +191,13 @@ std::optional<Frame> decode(const char* bytes, const char* payload) {
     std::optional<Frame> decoded;
     const Extent extent = extentOf(bytes);
     const char* const payloadAt = payload != nullptr ? payload : bytes + extent.headBytes;
-    const auto hasNul = [](const char* text, std::size_t length) {
-        return std::memchr(text, '\0', length) != nullptr;
-    };
     const std::size_t behindHead = payload == nullptr ? extent.payloadBytes : 0;
     if (hasNul(bytes + headerBytes, extent.headBytes - headerBytes + behindHead) ||
         (payload != nullptr && hasNul(payload, extent.payloadBytes))) {
         return decoded;
     }
     Frame& frame = decoded.emplace();
-    frame.type = static_cast<FrameType>(bytes[typeOffset]);
+    frame.type = typeOf(bytes);
     frame.status = load<std::uint16_t>(bytes + statusOffset);
     frame.token = load<std::uint64_t>(bytes + tokenOffset);
     const auto present = static_cast<std::uint8_t>(bytes[presentOffset]);

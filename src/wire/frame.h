@@ -110,6 +110,11 @@ struct Extent {
 };
 Extent extentOf(const char* bytes);
 
+// The type of a measured frame.
+FrameType typeOf(const char* bytes);
+// Whether a field of a measured frame, all of whose bytes are there, has a NUL in it.
+bool hasNul(const char* bytes);
+
 // The category of a measured frame of which the first `count` bytes are there;
 // nothing where it has none or not all of it is there.
 std::optional<std::string_view> categoryOf(const char* bytes, std::size_t count);

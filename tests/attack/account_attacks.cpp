@@ -80,8 +80,7 @@ void leavers(const std::string& broker, double initiators) {
     constexpr int requestsEach = 60'000;
     Target target(broker);
     watchAttack(target, [&] {
-        RawPeer deaf(target.socket(), "responder");
-        registerFor(deaf, "work");
+        RawPeer deaf = responderFor(target.socket(), "work");
         std::jthread reading([&deaf] {
             std::vector<char> chunk(262'144);
             while (deaf.readUpTo(chunk) > 0) {

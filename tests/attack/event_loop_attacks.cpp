@@ -104,14 +104,11 @@ void fanOut(const std::string& broker) {
         return several(1, [&] {
             return Attacker([&, floods = std::vector<Flood>()]() mutable {
                 while (floods.size() < subscribers) {
-                    RawPeer peer(target.socket(), "initiator");
-                    subscribe(peer, "news");
-                    floods.emplace_back(std::move(peer), std::string());
+                    floods.emplace_back(subscriberOf(target.socket(), "news"), std::string());
                 }
                 if (floods.size() == subscribers) {
-                    RawPeer peer(target.socket(), "responder");
-                    registerFor(peer, "news");
-                    floods.emplace_back(std::move(peer), repeated(bytes, 2000));
+                    floods.emplace_back(responderFor(target.socket(), "news"),
+                                        repeated(bytes, 2000));
                 }
                 for (Flood& each : floods) {
                     each.go();

@@ -60,12 +60,9 @@ void slowReader(const std::string& broker, double megabytesPerSecond) {
         const double rate = megabytesPerSecond * 1e6;
         // A reader that is slower than any drain rate is not waited for to the end.
         const bool isReadToTheEnd = megabytesPerSecond >= 1;
-        RawPeer slow(target.socket(), "initiator");
-        RawPeer quick(target.socket(), "initiator");
-        RawPeer publisher(target.socket(), "responder");
-        subscribe(slow, "news");
-        subscribe(quick, "news");
-        registerFor(publisher, "news");
+        RawPeer slow = subscriberOf(target.socket(), "news");
+        RawPeer quick = subscriberOf(target.socket(), "news");
+        RawPeer publisher = responderFor(target.socket(), "news");
         const std::string payload(200, 'x');
         const std::string burst =
             repeated(encode(makeFrame(FrameType::publish, 0, {"news", "e", {}, payload})), 500);

@@ -89,29 +89,22 @@ int callAll(kavri_core_ipc_responder* responder) {
     return strings.areUntouched() ? 0 : 29;
 }
 
-std::size_t descriptors() {
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
 // A request and its answer, through an initiator of this process.
 int useOwn(const std::string& address) {
-    kavri_core_ipc_options options = optionsFor(address);
-    kavri_core_ipc_initiator* own = nullptr;
-    if (kavri_core_ipc_initiator_init(nullptr, &options, &own) != good) {
+    Initiator own(address);
+    if (!own.echoes("own")) {
         return 50;
     }
-    Strings strings;
-    if (kavri_core_ipc_initiator_command_send(own, "test", "echo", "own", "x") != good ||
-        kavri_core_ipc_initiator_response_receive(own, patienceMs, &strings.category,
-                                                  &strings.identifier, &strings.uuid,
-                                                  &strings.payload) != good) {
-        return 51;
+    return kavri_core_ipc_deinit(own.release()) == good ? 0 : 51;
+}
+
+// Calls of an inherited initiator, and its end.
+int endInherited(kavri_core_ipc_initiator* initiator, int rounds = 1) {
+    int failed = 0;
+    for (int i = 0; i < rounds && failed == 0; ++i) {
+        failed = callAll(initiator);
     }
-    if (Message(good, strings).uuid != "own") {
-        return 52;
-    }
-    return kavri_core_ipc_deinit(own) == good ? 0 : 53;
+    return failed != 0 ? failed : kavri_core_ipc_deinit(initiator) == good ? 0 : 1;
 }
 
 }  // namespace
@@ -120,19 +113,9 @@ BOOST_FIXTURE_TEST_SUITE(aChild, WithBroker)
 
 BOOST_AUTO_TEST_CASE(isRefusedByEveryFunctionAndTakesNothing) {
     Initiator initiator(address);
-    for (const std::string& uuid : numbers(100)) {
-        initiator.echo(uuid);
-    }
-    const Child child([&] {
-        int failed = 0;
-        for (int i = 0; i < 2000 && failed == 0; ++i) {
-            failed = callAll(initiator.get());
-        }
-        return failed;
-    });
-    for (const std::string& uuid : numbers(100)) {
-        BOOST_TEST((initiator.receive().uuid == uuid));
-    }
+    initiator.echoAll(numbers(100));
+    const Child child([&] { return endInherited(initiator.get(), 2000); });
+    BOOST_TEST(receiveUuids(initiator, 100) == numbers(100), boost::test_tools::per_element());
     BOOST_TEST(child.wait() == 0);
     BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
 }
@@ -144,19 +127,9 @@ BOOST_AUTO_TEST_CASE(isRefusedThoughTheParentHasACallbackThread) {
     initiator.onResponse(Inbox::response, &inbox);
     initiator.onEvent(Inbox::event, &events);
     initiator.subscribe("test");
-    for (const std::string& uuid : numbers(50)) {
-        initiator.echo(uuid);
-    }
-    const Child child([&] {
-        int failed = 0;
-        for (int i = 0; i < 500 && failed == 0; ++i) {
-            failed = callAll(initiator.get());
-        }
-        return failed != 0 ? failed : kavri_core_ipc_deinit(initiator.get()) == good ? 0 : 1;
-    });
-    for (const std::string& uuid : numbers(50, 50)) {
-        initiator.echo(uuid);
-    }
+    initiator.echoAll(numbers(50));
+    const Child child([&] { return endInherited(initiator.get(), 500); });
+    initiator.echoAll(numbers(50, 50));
     BOOST_TEST(child.wait() == 0);
     BOOST_TEST(inbox.waitFor(100));
     BOOST_TEST(inbox.uuids() == numbers(100), boost::test_tools::per_element());
@@ -196,16 +169,12 @@ BOOST_AUTO_TEST_CASE(makesAnInitiatorOfItsOwnAndSoDoesItsChild) {
         if (const int failed = useOwn(address); failed != 0) {
             return failed;
         }
-        kavri_core_ipc_options options = optionsFor(address);
-        kavri_core_ipc_initiator* own = nullptr;
-        if (kavri_core_ipc_initiator_init(nullptr, &options, &own) != good) {
-            return 1;
-        }
+        Initiator own(address);
         const int grandchild = inChild([&] {
-            const int inherited = callAll(initiator.get()) + callAll(own);
+            const int inherited = callAll(initiator.get()) + callAll(own.get());
             return inherited != 0 ? inherited : useOwn(address);
         });
-        return grandchild != 0 ? grandchild : kavri_core_ipc_deinit(own) == good ? 0 : 2;
+        return grandchild != 0 ? grandchild : kavri_core_ipc_deinit(own.release()) == good ? 0 : 2;
     });
     BOOST_TEST(left == 0);
     BOOST_TEST((initiator.receive().uuid == "parent"));
@@ -216,11 +185,11 @@ BOOST_AUTO_TEST_CASE(releasesItsDescriptorsThoughAThreadOfTheParentReads) {
     BlockedCall receive([&] { initiator.receive(-1); });
     BOOST_TEST(receive.sleeps());
     BOOST_TEST(inChild([&] {
-                   const std::size_t before = descriptors();
+                   const std::size_t before = openDescriptors();
                    if (kavri_core_ipc_deinit(initiator.get()) != good) {
                        return 1;
                    }
-                   return descriptors() == before - 2 ? 0 : 2;  // the socket and the waker
+                   return openDescriptors() == before - 2 ? 0 : 2;  // the socket and the waker
                }) == 0);
     BOOST_TEST(!receive.hasReturned());
     initiator.echo("0");
@@ -254,11 +223,7 @@ BOOST_AUTO_TEST_CASE(endsWhatItInheritedWhateverTheParentWasDoing) {
         });
         for (int i = 0; i < 100; ++i) {
             BOOST_TEST(inChild([&] {
-                           const int failed = callAll(initiator.get()) + callAll(waiting.get());
-                           return failed != 0                                      ? failed
-                                  : kavri_core_ipc_deinit(initiator.get()) != good ? 1
-                                  : kavri_core_ipc_deinit(waiting.get()) != good   ? 2
-                                                                                   : 0;
+                           return endInherited(initiator.get()) + endInherited(waiting.get());
                        }) == 0);
         }
         stops = true;
@@ -345,11 +310,11 @@ BOOST_AUTO_TEST_CASE(releasesItsDescriptorsThoughAThreadOfTheParentHeldTheLock) 
                        return 2;
                    }
                    const int child = inChild([&] {
-                       const std::size_t before = descriptors();
+                       const std::size_t before = openDescriptors();
                        if (kavri_core_ipc_deinit(parent.initiator.get()) != good) {
                            return 3;
                        }
-                       return descriptors() == before - 2 ? 0 : 4;  // the socket and the waker
+                       return openDescriptors() == before - 2 ? 0 : 4;  // the socket and the waker
                    });
                    ::_exit(child);
                    return child;

@@ -37,49 +37,33 @@ BOOST_FIXTURE_TEST_SUITE(killed, SilentWorker)
 
 BOOST_AUTO_TEST_CASE(aBlockedReceiveReturns) {
     ask();
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
-    BlockedCall receive([&] { status = initiator.receive(-1).status; });
-    BOOST_TEST(receive.sleeps());
+    BlockedReceive receive(initiator);
     broker.kill();
-    receive.join();
-    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(receive.result().status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
 }
 
 BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsThoughNothingWasAsked) {
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
-    BlockedCall receive([&] { status = initiator.receive(-1).status; });
-    BOOST_TEST(receive.sleeps());
+    BlockedReceive receive(initiator);
     broker.kill();
-    receive.join();
-    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(receive.result().status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
 }
 
 BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsWhileTheLibrarysThreadReads) {
     Inbox events;
     initiator.onEvent(Inbox::event, &events);
     ask();
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
-    BlockedCall receive([&] { status = initiator.receive(-1).status; });
-    BOOST_TEST(receive.sleeps());
+    BlockedReceive receive(initiator);
     broker.kill();
-    receive.join();
-    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    BOOST_TEST(receive.result().status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
 }
 
 BOOST_AUTO_TEST_CASE(everyThreadThatIsBlockedReturns) {
-    std::array<kavri_core_status, 3> statuses{};
-    BlockedCall one([&] { statuses[0] = initiator.receive(-1).status; });
-    BlockedCall two([&] { statuses[1] = initiator.receive(-1).status; });
-    BlockedCall three([&] { statuses[2] = responder.receive(-1).status; });
-    BOOST_TEST(one.sleeps());
-    BOOST_TEST(two.sleeps());
-    BOOST_TEST(three.sleeps());
+    BlockedReceive one(initiator);
+    BlockedReceive two(initiator);
+    BlockedReceive three(responder);
     broker.kill();
-    one.join();
-    two.join();
-    three.join();
-    for (const kavri_core_status status : statuses) {
-        BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    for (BlockedReceive* receive : {&one, &two, &three}) {
+        BOOST_TEST(receive->result().status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     }
 }
 
@@ -97,9 +81,8 @@ BOOST_AUTO_TEST_CASE(eachRequestUnderWayIsReportedOnce) {
 
 BOOST_AUTO_TEST_CASE(aResponseThatArrivedBeforeIsStillReceived) {
     initiator.echo("arrived");
-    Initiator other(address);
-    other.echo("0");  // when this is answered, the one before is on its way
-    BOOST_TEST((other.receive().uuid == "0"));
+    // When this is answered, the one before is on its way.
+    BOOST_TEST(Initiator(address).echoes());
     broker.kill();
     BOOST_TEST((initiator.receive(-1).uuid == "arrived"));
     BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
@@ -147,15 +130,13 @@ BOOST_FIXTURE_TEST_SUITE(startedAnew, WithBroker)
 BOOST_AUTO_TEST_CASE(aSendNoticesNothing) {
     Initiator initiator(address);
     broker.restart();
-    BOOST_TEST(initiator.echo("0") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST(initiator.echoes());
 }
 
 BOOST_AUTO_TEST_CASE(theSameInitiatorWorksAgainAfterEachLoss) {
     Initiator initiator(address);
     for (const std::string& uuid : numbers(3)) {
-        BOOST_TEST(initiator.echo(uuid) == KAVRI_CORE_STATUS_NO_ERROR);
-        BOOST_TEST((initiator.receive().uuid == uuid));
+        BOOST_TEST(initiator.echoes(uuid));
         broker.restart();
         BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     }
@@ -212,8 +193,7 @@ BOOST_AUTO_TEST_CASE(aSubscriptionComesBackByItself) {
         BOOST_TEST(eventually([&] { return inbox.payloads().back() == "the last"; }));
         Responder dropped(address, "dropped");
         dropped.publish("dropped", "event", "dropped");
-        subscriber.echo("0");
-        BOOST_TEST((subscriber.receive().uuid == "0"));
+        BOOST_TEST(subscriber.echoes());
         const auto payloads = inbox.payloads();
         BOOST_TEST(std::count(payloads.begin(), payloads.end(), "the last") == loss + 1);
         BOOST_TEST(std::count(payloads.begin(), payloads.end(), "dropped") == 0);
@@ -224,8 +204,7 @@ BOOST_AUTO_TEST_CASE(aSubscriptionComesBackWithTheNextCall) {
     Initiator subscriber(address);
     subscriber.subscribe("test");
     broker.restart();
-    BOOST_TEST(subscriber.echo("0") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST((subscriber.receive().uuid == "0"));
+    BOOST_TEST(subscriber.echoes());
     Inbox inbox;
     subscriber.onEvent(Inbox::event, &inbox);
     subscriber.send("test", "event", "0", "back");
@@ -276,19 +255,14 @@ BOOST_FIXTURE_TEST_SUITE(stoppedOnRequest, SilentWorker)
 BOOST_AUTO_TEST_CASE(theBrokerSaysGoodbye) {
     RawPeer peer(address, "initiator");
     BOOST_TEST(broker.stop());
-    const RawFrame goodbye = peer.expect(FrameType::goodbye);
-    BOOST_TEST(goodbye.values.status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
-    BOOST_TEST(goodbye.values[Field::payload] == "the broker is stopping");
-    peer.expectEnd();
+    BOOST_TEST(peer.closing() == "status 6: the broker is stopping");
 }
 
 BOOST_AUTO_TEST_CASE(aBlockedReceiveReturns) {
     ask();
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
-    BlockedCall receive([&] { status = initiator.receive(-1).status; });
-    BOOST_TEST(receive.sleeps());
+    BlockedReceive receive(initiator);
     BOOST_TEST(broker.stop());
-    receive.join();
+    const kavri_core_status status = receive.result().status;
     // Whether the responder's connection was closed before the initiator's own
     // is the broker's choice; the outcome is unknown either way.
     BOOST_TEST((status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST ||
@@ -304,27 +278,27 @@ BOOST_AUTO_TEST_SUITE_END()
 
 BOOST_FIXTURE_TEST_SUITE(replacedByOneThatNeverAnswers, WithBroker)
 
-BOOST_AUTO_TEST_CASE(theEndDoesNotWaitForIt) {
-    // So long that the test would end first.
-    Initiator initiator(address, connectWithin(600'000));
+// The library's thread is connecting, and will be for so long that the test would end first.
+struct Connecting : WithBroker {
     Inbox inbox;
-    initiator.onEvent(Inbox::event, &inbox);
-    broker.stop();
-    FakeBroker mute(address);
+    Initiator initiator{address, connectWithin(600'000)};
+    FakeBroker mute = replaced();
     RawPeer peer = mute.accept();
-    peer.expect(FrameType::hello);
+
+    Connecting() { peer.expect(FrameType::hello); }
+
+    FakeBroker replaced() {
+        initiator.onEvent(Inbox::event, &inbox);
+        broker.stop();
+        return FakeBroker(address);
+    }
+};
+
+BOOST_FIXTURE_TEST_CASE(theEndDoesNotWaitForIt, Connecting) {
     BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == KAVRI_CORE_STATUS_NO_ERROR);
 }
 
-BOOST_AUTO_TEST_CASE(aReceiveKeepsToItsTimeout) {
-    Initiator initiator(address, connectWithin(600'000));
-    Inbox inbox;
-    initiator.onEvent(Inbox::event, &inbox);
-    broker.stop();
-    FakeBroker mute(address);
-    RawPeer peer = mute.accept();
-    peer.expect(FrameType::hello);
-    // The library's thread is connecting and will be for long.
+BOOST_FIXTURE_TEST_CASE(aReceiveKeepsToItsTimeout, Connecting) {
     BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
     BOOST_TEST(initiator.receive(50).status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
 }

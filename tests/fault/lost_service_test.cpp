@@ -3,20 +3,16 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "process/temporary_folder.h"
-#include "support/client.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 
 namespace {
 
-struct Setting {
-    kavri::process::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker{address};
+struct Setting : WithBroker {
+    Setting() : WithBroker({.testService = false}) {}
+
     TestServiceProcess service{address};
-    Library library;
     Initiator initiator{address};
 
     // Returns when the broker has dealt with all that was sent before.
@@ -40,24 +36,18 @@ BOOST_FIXTURE_TEST_SUITE(lostService, Setting)
 
 BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsWhenTheServiceIsKilled) {
     askInVain("echo", 1);
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
-    BlockedCall receive([&] { status = initiator.receive(-1).status; });
-    BOOST_TEST(receive.sleeps());
+    BlockedReceive receive(initiator);
     service.kill();
-    receive.join();
-    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST);
+    BOOST_TEST(receive.result().status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST);
 }
 
 BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsWhenTheServiceStopsAsAsked) {
     Responder responder(address, "work");
     initiator.send("work", "do");
     BOOST_TEST(responder.receive().status == KAVRI_CORE_STATUS_NO_ERROR);
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
-    BlockedCall receive([&] { status = initiator.receive(-1).status; });
-    BOOST_TEST(receive.sleeps());
+    BlockedReceive receive(initiator);
     responder.end();
-    receive.join();
-    BOOST_TEST(status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST);
+    BOOST_TEST(receive.result().status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST);
 }
 
 BOOST_AUTO_TEST_CASE(eachLostRequestFailsOneReceive) {
@@ -75,9 +65,7 @@ BOOST_AUTO_TEST_CASE(eachUndeliverableRequestFailsOneReceive) {
         initiator.echo("0");
         return initiator.receive().status == KAVRI_CORE_STATUS_IPC_NO_RESPONDER;
     }));
-    for (const std::string& uuid : numbers(5)) {
-        BOOST_TEST(initiator.echo(uuid) == KAVRI_CORE_STATUS_NO_ERROR);
-    }
+    BOOST_TEST(initiator.echoAll(numbers(5)) == 0U);
     for (int i = 0; i < 5; ++i) {
         BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_NO_RESPONDER);
     }
@@ -89,10 +77,7 @@ BOOST_AUTO_TEST_CASE(lostIncrementsFailNoLaterReceive) {
     service.kill();
     service.restart();
     for (const std::string& uuid : numbers(3)) {
-        initiator.echo(uuid);
-        const Message response = initiator.receive(-1);
-        BOOST_TEST(response.status == KAVRI_CORE_STATUS_NO_ERROR);
-        BOOST_TEST((response.uuid == uuid));
+        BOOST_TEST(initiator.echoes(uuid));
     }
 }
 
@@ -101,9 +86,7 @@ BOOST_AUTO_TEST_CASE(lostIncrementsDoNotFailAReceiveThatIsBlockedForALaterReques
     askInVain("inc_repeat_count", 10);
     initiator.send("work", "do", "later");
     const Message request = worker.receive();
-    Text received;
-    BlockedCall receive([&] { received = initiator.receive(-1).uuid; });
-    BOOST_TEST(receive.sleeps());
+    BlockedReceive receive(initiator);
     service.kill();
     // The broker has told of the loss when nobody serves the category any more.
     Initiator other(address);
@@ -113,8 +96,7 @@ BOOST_AUTO_TEST_CASE(lostIncrementsDoNotFailAReceiveThatIsBlockedForALaterReques
     }));
     BOOST_TEST(!receive.hasReturned());
     worker.answer(request, "done");
-    receive.join();
-    BOOST_TEST((received == "later"));
+    BOOST_TEST((receive.result().uuid == "later"));
 }
 
 BOOST_AUTO_TEST_CASE(aLostRequestDoesNotReachTheNextService) {

@@ -5,23 +5,17 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "process/temporary_folder.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
-using kavri::wire::Field;
 
 namespace {
 
-struct Setting {
+struct Setting : WithBroker {
     explicit Setting(const std::string& config)
-        : broker(address, {.testService = true, .config = config}) {
+        : WithBroker({.testService = true, .config = config}) {
         openFolder(folder.path());
     }
-
-    kavri::process::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker;
 
     RawPeer welcomed(const std::string& role) const {
         RawPeer peer = connectAs(nobody, address);
@@ -52,10 +46,7 @@ BOOST_AUTO_TEST_CASE(oneWhoMayNotConnectIsToldSo) {
     }
     Setting setting("[access]\nconnect = [1]\n");
     RawPeer peer = connectAs(nobody, setting.address);
-    const RawFrame goodbye = peer.expect(FrameType::goodbye);
-    BOOST_TEST(goodbye.values.status == KAVRI_CORE_STATUS_IPC_REFUSED);
-    BOOST_TEST(goodbye.values[Field::payload] == "this user may not connect");
-    peer.expectEnd();
+    BOOST_TEST(peer.closing() == "status 9: this user may not connect");
     BOOST_TEST(setting.broker.logs("of user 65534: this user may not connect"));
 }
 

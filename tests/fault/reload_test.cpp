@@ -6,26 +6,22 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "process/temporary_folder.h"
 #include "support/attack.h"
 #include "support/notify_socket.h"
 #include "support/other_user.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 using kavri::wire::Field;
 
 namespace {
 
-struct Setting {
+struct Setting : WithBroker {
     explicit Setting(const std::string& config = "# nothing yet\n")
-        : broker(address, {.testService = true, .config = config}) {
+        : WithBroker({.testService = true, .config = config}) {
         openFolder(folder.path());
     }
 
-    kavri::process::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker;
     Bystander bystander{address};
 
     void reload(const std::string& config, const std::string& logged = "reloaded \"") {
@@ -42,27 +38,6 @@ struct Setting {
     }
 };
 
-void expectGoodbye(RawPeer& peer, const std::string& reason) {
-    const RawFrame goodbye = peer.expect(FrameType::goodbye);
-    BOOST_TEST(goodbye.values.status == KAVRI_CORE_STATUS_IPC_REFUSED);
-    BOOST_TEST(goodbye.values[Field::payload] == reason);
-    peer.expectEnd();
-}
-
-RawPeer subscriberTo(const std::string& address, const std::string& category) {
-    RawPeer peer(address, "initiator");
-    peer.send(makeFrame(FrameType::subscribe, 1, {.category = category}));
-    peer.expect(FrameType::acknowledgement);
-    return peer;
-}
-
-RawPeer responderFor(const std::string& address, const std::string& category) {
-    RawPeer peer(address, "responder");
-    peer.send(makeFrame(FrameType::registration, 1, {.category = category}));
-    peer.expect(FrameType::acknowledgement);
-    return peer;
-}
-
 }  // namespace
 
 BOOST_FIXTURE_TEST_SUITE(configuration, Setting)
@@ -72,8 +47,7 @@ BOOST_AUTO_TEST_CASE(aLimitAppliesToWhatIsDecidedFromThenOn) {
     reload("[limits]\nconnections_per_user = 2\n");
     RawPeer third(address);
     BOOST_TEST(third.expect(FrameType::goodbye).values.status == KAVRI_CORE_STATUS_IPC_OVERLOADED);
-    another.send(makeFrame(FrameType::ping, 1));  // one that is there stays
-    another.expect(FrameType::pong);
+    BOOST_CHECK_NO_THROW(another.ping());  // one that is there stays
     reload("# as it was\n", "reloaded");
     BOOST_TEST(eventually([this] {
         RawPeer peer(address);
@@ -122,13 +96,13 @@ BOOST_AUTO_TEST_CASE(theSocketIsOpenToOthersOnceSomeMayConnect) {
 
 BOOST_AUTO_TEST_CASE(whoMayNoLongerServeOrSubscribeIsClosed) {
     RawPeer responder = responderFor(address, "news");
-    RawPeer subscriber = subscriberTo(address, "news");
-    RawPeer other = subscriberTo(address, "other");
+    RawPeer subscriber = subscriberOf(address, "news");
+    RawPeer other = subscriberOf(address, "other");
     reload("[access.category.\"news\"]\nserve = []\nsubscribe = []\n");
-    expectGoodbye(responder, "this user may no longer serve its category");
-    expectGoodbye(subscriber, "this user may no longer subscribe to one of its categories");
-    other.send(makeFrame(FrameType::ping, 1));
-    other.expect(FrameType::pong);
+    BOOST_TEST(responder.closing() == "status 9: this user may no longer serve its category");
+    BOOST_TEST(subscriber.closing() ==
+               "status 9: this user may no longer subscribe to one of its categories");
+    BOOST_CHECK_NO_THROW(other.ping());
 }
 
 BOOST_AUTO_TEST_CASE(aRightThatIsWidenedApplies) {
@@ -159,22 +133,18 @@ BOOST_AUTO_TEST_CASE(whoMayNoLongerConnectIsClosed) {
         peer->expect(FrameType::welcome);
     }
     setting.reload("[access]\nconnect = [65533]\n");
-    expectGoodbye(loses, "this user may no longer connect");
-    keeps.send(makeFrame(FrameType::ping, 1));
-    keeps.expect(FrameType::pong);
+    BOOST_TEST(loses.closing() == "status 9: this user may no longer connect");
+    BOOST_CHECK_NO_THROW(keeps.ping());
 }
 
 BOOST_AUTO_TEST_CASE(withoutAFileThereIsNothingToReload) {
-    kavri::process::TemporaryFolder folder;
-    const std::string address = folder / "broker.sock";
-    BrokerProcess broker(address);
-    RawPeer peer(address, "initiator");
-    broker.signal(SIGHUP);
-    BOOST_TEST(broker.logs("nothing to reload: started without --config"));
-    peer.send(makeFrame(FrameType::ping, 1));
-    peer.expect(FrameType::pong);
-    BOOST_TEST(broker.stop());
-    BOOST_TEST(std::filesystem::is_empty(folder.path()));
+    WithBroker setting;
+    RawPeer peer(setting.address, "initiator");
+    setting.broker.signal(SIGHUP);
+    BOOST_TEST(setting.broker.logs("nothing to reload: started without --config"));
+    BOOST_CHECK_NO_THROW(peer.ping());
+    BOOST_TEST(setting.broker.stop());
+    BOOST_TEST(std::filesystem::is_empty(setting.folder.path()));
 }
 
 BOOST_AUTO_TEST_CASE(theServiceManagerIsNotified) {

@@ -7,38 +7,32 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "process/temporary_folder.h"
 #include "support/raw_peer.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 namespace wire = kavri::wire;
 
 namespace {
 
-struct Setting {
-    explicit Setting(const std::string& config = {}) : broker(address, {.config = config}) {}
+struct Setting : WithBroker {
+    explicit Setting(const std::string& config = {}) : WithBroker({.config = config}) {}
 
-    kavri::process::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker;
     RawPeer bystander{address, "initiator"};
 
-    void expectOthersUnharmed() {
-        bystander.send(makeFrame(FrameType::ping, 7));
-        BOOST_TEST(bystander.expect(FrameType::pong).values.token == 7U);
-    }
-    RawPeer subscriber(std::string_view category = "news") {
-        RawPeer peer(address, "initiator");
-        peer.send(makeFrame(FrameType::subscribe, 1, {.category = category}));
-        peer.expect(FrameType::acknowledgement);
-        return peer;
-    }
-    RawPeer responder(std::string_view category) {
-        RawPeer peer(address, "responder");
-        peer.send(makeFrame(FrameType::registration, 1, {.category = category}));
-        peer.expect(FrameType::acknowledgement);
-        return peer;
+    void expectOthersUnharmed() { BOOST_CHECK_NO_THROW(bystander.ping()); }
+    RawPeer subscriber() const { return subscriberOf(address, "news"); }
+    RawPeer responder(std::string_view category) const { return responderFor(address, category); }
+    // So many of them, each with a part of a request whose payload is so long.
+    std::vector<RawPeer> hoarders(int count, std::size_t payloadBytes,
+                                  std::size_t partBytes) const {
+        const std::string request = encode(makeFrame(
+            FrameType::request, 1, {"nobody", "do", "0", std::string(payloadBytes, 'x')}));
+        std::vector<RawPeer> peers;
+        for (int i = 0; i < count; ++i) {
+            peers.emplace_back(address, "initiator").write(request.substr(0, partBytes));
+        }
+        return peers;
     }
     std::size_t residentBytes() const {
         std::ifstream file("/proc/" + std::to_string(broker.pid()) + "/statm");
@@ -223,13 +217,7 @@ BOOST_AUTO_TEST_CASE(subscriptionsAreRefusedWhereTheShareIsUsedUpAndTheirMemoryR
 
 BOOST_AUTO_TEST_CASE(inputForWhichThereIsNoRoomIsClosed) {
     Setting setting("[limits]\nbytes_per_user = 2097152\n");
-    const std::string part =
-        encode(requestFor("nobody", std::string(900'000, 'x'))).substr(0, 500'000);
-    std::vector<RawPeer> hoarders;
-    for (int i = 0; i < 5; ++i) {
-        hoarders.emplace_back(setting.address, "initiator");
-        hoarders.back().write(part);
-    }
+    const auto hoarders = setting.hoarders(5, 900'000, 500'000);
     BOOST_TEST(setting.broker.logs("has used up bytes_per_user"));
     setting.expectOthersUnharmed();
 }
@@ -241,9 +229,7 @@ BOOST_AUTO_TEST_CASE(aFrameThatStaysIncompleteIsClosed) {
     for (const std::string& frame : {small, large}) {
         RawPeer peer(setting.address, "initiator");
         peer.write(frame.substr(0, frame.size() - 1));
-        const RawFrame goodbye = peer.expect(FrameType::goodbye);
-        BOOST_TEST(goodbye.values[Field::payload] == "left a frame incomplete for too long");
-        peer.expectEnd();
+        BOOST_TEST(peer.closing() == "status 14: left a frame incomplete for too long");
     }
     setting.expectOthersUnharmed();
 }
@@ -252,9 +238,7 @@ BOOST_AUTO_TEST_CASE(aHelloThatIsTooLongIsClosedAtItsHeader) {
     Setting setting;
     RawPeer peer(setting.address);
     peer.write(encode(helloFrame(std::string(5000, 'r'))).substr(0, wire::headerBytes));
-    BOOST_TEST(peer.expect(FrameType::goodbye).values[Field::payload] ==
-               "malformed: its first frame is not a hello");
-    peer.expectEnd();
+    BOOST_TEST(peer.closing() == "status 9: malformed: its first frame is not a hello");
 }
 
 BOOST_AUTO_TEST_CASE(requestsOfInitiatorsThatLeftAreNotCounted) {
@@ -290,13 +274,7 @@ BOOST_AUTO_TEST_CASE(runningOutOfMemoryCostsOneConnection) {
     const rlim_t bytes = pages * 4096 + 20 * wire::mebibyte;
     const rlimit limit{bytes, bytes};
     BOOST_REQUIRE(::prlimit(setting.broker.pid(), RLIMIT_AS, &limit, nullptr) == 0);
-    const std::string part =
-        encode(requestFor("nobody", std::string(1'000'000, 'x'))).substr(0, 900'000);
-    std::vector<RawPeer> hoarders;
-    for (int i = 0; i < 40; ++i) {
-        hoarders.emplace_back(setting.address, "initiator");
-        hoarders.back().write(part);
-    }
+    auto hoarders = setting.hoarders(40, 1'000'000, 900'000);
     BOOST_TEST(setting.broker.logs("the broker has no memory for what it sends"));
     setting.expectOthersUnharmed();
     hoarders.clear();
@@ -323,16 +301,8 @@ BOOST_AUTO_TEST_CASE(anotherUsersShareIsNotTouched) {
         int status = 1;
         try {
             if (::setresuid(otherUser, otherUser, otherUser) == 0) {
-                std::vector<RawPeer> hoarders;
-                for (int i = 0; i < 2; ++i) {
-                    hoarders.emplace_back(setting.address, "initiator");
-                    hoarders.back().write(
-                        encode(requestFor("nobody", std::string(900'000, 'x'))).substr(0, 800'000));
-                }
-                RawPeer refused(setting.address, "initiator");
-                refused.write(
-                    encode(requestFor("nobody", std::string(900'000, 'x'))).substr(0, 800'000));
-                refused.expect(FrameType::goodbye);
+                const auto hoarders = setting.hoarders(2, 900'000, 800'000);
+                setting.hoarders(1, 900'000, 800'000).front().expect(FrameType::goodbye);
                 status = 0;
                 ::pause();
             }

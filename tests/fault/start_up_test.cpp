@@ -63,9 +63,7 @@ BOOST_AUTO_TEST_CASE(theLongestPathIsServed) {
     address = folder.path().string() + "/";
     address += std::string(107 - address.size(), 'x');
     BrokerProcess broker(address, {.testService = true});
-    Initiator initiator(address);
-    initiator.echo("0");
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST(Initiator(address).echoes());
     BOOST_TEST(broker.stop());
     BOOST_TEST(std::filesystem::is_empty(folder.path()));
 }
@@ -86,9 +84,7 @@ BOOST_AUTO_TEST_CASE(theSocketOfAKilledBrokerIsTakenOver) {
     broker.kill();
     BOOST_TEST(std::filesystem::is_socket(address));
     broker.restart();
-    Initiator initiator(address);
-    initiator.echo("0");
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST(Initiator(address).echoes());
     BOOST_TEST(broker.stop());
     BOOST_TEST(std::filesystem::is_empty(folder.path()));
 }
@@ -99,9 +95,7 @@ BOOST_AUTO_TEST_CASE(theSocketOfALivingBrokerIsLeftAlone) {
     broker.freeze();  // alive, though it does not answer
     expectBrokerFails({"a broker is running on " + address});
     broker.thaw();
-    Initiator initiator(address);
-    initiator.echo("0");
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST(Initiator(address).echoes());
 }
 
 BOOST_AUTO_TEST_CASE(theSocketOfAnotherProgramIsLeftAlone) {
@@ -155,9 +149,7 @@ BOOST_AUTO_TEST_CASE(theEnvironmentNamesTheSocket) {
     ChildProcess service({.program = KAVRI_BIN_DIR "/kavri-test-service",
                           .environment = {{"KAVRI_BROKER", address}}});
     BOOST_TEST(service.waitForError("ready", patience));
-    Initiator initiator(address);
-    initiator.echo("0");
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST(Initiator(address).echoes());
 }
 
 BOOST_AUTO_TEST_CASE(eitherSignalStopsIt) {

@@ -5,7 +5,7 @@
 #include <boost/test/unit_test.hpp>
 #include <set>
 
-#include "support/fake_broker.h"
+#include "support/scripted_connection.h"
 #include "support/with_broker.h"
 
 using namespace kavri::tests;
@@ -67,11 +67,8 @@ BOOST_AUTO_TEST_CASE(aSendOfWhichNothingWentOutIsOverloadedAfterItsTimeout) {
     BOOST_TEST(filled.sent > 0U);
     // Nothing is lost but what was refused, and the connection is as before.
     broker.thaw();
-    for (const std::string& uuid : numbers(filled.sent)) {
-        BOOST_TEST((initiator.receive().uuid == uuid));
-    }
-    BOOST_TEST(initiator.echo("next") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST((initiator.receive().uuid == "next"));
+    BOOST_TEST((receiveUuids(initiator, filled.sent) == numbers(filled.sent)));
+    BOOST_TEST(initiator.echoes("next"));
 }
 
 BOOST_AUTO_TEST_CASE(aSendOfWhichAPartWentOutLosesTheConnection) {
@@ -81,8 +78,7 @@ BOOST_AUTO_TEST_CASE(aSendOfWhichAPartWentOutLosesTheConnection) {
     BOOST_TEST(filled.status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     BOOST_TEST((filled.lastTook >= timeout));
     broker.thaw();
-    BOOST_TEST(initiator.echo("next") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST((initiator.receive().uuid == "next"));
+    BOOST_TEST(initiator.echoes("next"));
 }
 
 BOOST_AUTO_TEST_CASE(aSendGoesOnWhenTheBrokerDoes) {
@@ -115,9 +111,8 @@ BOOST_AUTO_TEST_CASE(aBlockedSendReturnsWhenTheBrokerIsKilled) {
 BOOST_AUTO_TEST_CASE(otherThreadsReceiveWhileOneIsBlockedInASend) {
     Initiator initiator(address);
     initiator.echo("before");
-    Initiator other(address);
-    other.echo("0");  // when this is answered, the one before is on its way
-    BOOST_TEST((other.receive().uuid == "0"));
+    // When this is answered, the one before is on its way.
+    BOOST_TEST(Initiator(address).echoes());
     broker.freeze();
     BlockedCall send([&] { sendTooMuch(initiator); });
     BOOST_TEST(send.sleeps());
@@ -126,9 +121,7 @@ BOOST_AUTO_TEST_CASE(otherThreadsReceiveWhileOneIsBlockedInASend) {
     BOOST_TEST(!send.hasReturned());
     broker.thaw();
     send.join();
-    for (const std::string& uuid : numbers(hugeCount)) {
-        BOOST_TEST((initiator.receive(-1).uuid == uuid));
-    }
+    BOOST_TEST((receiveUuids(initiator, hugeCount) == numbers(hugeCount)));
 }
 
 BOOST_AUTO_TEST_CASE(aSecondSendWaitsForTheFirst) {
@@ -165,18 +158,11 @@ BOOST_AUTO_TEST_CASE(aBatchGoesOnWhenTheBrokerDoes) {
     send.join();
     BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
     BOOST_TEST(sent == count);
-    for (const std::string& uuid : numbers(count)) {
-        BOOST_REQUIRE((initiator.receive().uuid == uuid));
-    }
+    BOOST_TEST((receiveUuids(initiator, count) == numbers(count)));
     BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
 }
 
-BOOST_AUTO_TEST_CASE(anAnswerIsReceivedThoughTheBatchIsNotAllSentYet) {
-    const std::string other = folder / "fake.sock";
-    FakeBroker fake(other);
-    auto welcomed = fake.welcomeNext();
-    Initiator initiator(other);
-    RawPeer peer = welcomed.get();
+BOOST_FIXTURE_TEST_CASE(anAnswerIsReceivedThoughTheBatchIsNotAllSentYet, ScriptedConnection) {
     constexpr std::size_t count = longBatch;
     std::size_t sent = 0;
     BlockedCall send([&] { initiator.echoBatch(numbers(count), std::string(1000, 'x'), sent); });
@@ -225,20 +211,16 @@ BOOST_AUTO_TEST_CASE(aBatchThatCannotAllBeSentSaysHowManyWere) {
     for (std::size_t i = 0; i < sent; ++i) {
         BOOST_REQUIRE(initiator.receive().status == expected);
     }
-    BOOST_TEST(initiator.echo("next") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST((initiator.receive().uuid == "next"));
+    BOOST_TEST(initiator.echoes("next"));
     BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
 }
 
 BOOST_AUTO_TEST_CASE(noInitiatorIsMadeWithinTheTimeToConnect) {
     broker.freeze();
-    kavri_core_ipc_options options = optionsFor(address, connectWithin(100));
-    kavri_core_ipc_initiator* initiator = nullptr;
     const auto begin = Clock::now();
-    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) ==
+    BOOST_TEST(initStatus(optionsFor(address, connectWithin(100))) ==
                KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
     BOOST_TEST((Clock::now() - begin >= timeout));
-    BOOST_TEST(initiator == nullptr);
 }
 
 BOOST_AUTO_TEST_CASE(aSubscriptionThatIsNotAcknowledgedIsOverloaded) {
@@ -306,13 +288,11 @@ BOOST_AUTO_TEST_CASE(aSubscribeBehindOtherSendersReturnsWithinItsTimeout) {
 
 // The time to connect is longer than that of the call.
 BOOST_AUTO_TEST_CASE(aSendThatConnectsReturnsWithinItsTimeoutThoughNobodyWelcomesIt) {
-    const std::string other = folder / "fake.sock";
-    FakeBroker fake(other);
-    auto welcomed = fake.welcomeNext();
     kavri_core_ipc_options options = sendWithin(200);
     options.connectTimeoutMs = 60'000;
-    Initiator initiator(other, options);
-    welcomed.get().close();
+    ScriptedConnection scripted(options);
+    Initiator& initiator = scripted.initiator;
+    scripted.peer.close();
     BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
     for (int i = 0; i < 2; ++i) {
         const auto begin = Clock::now();
@@ -328,31 +308,23 @@ BOOST_AUTO_TEST_CASE(aSendThatConnectsReturnsWithinItsTimeoutThoughNobodyWelcome
 BOOST_AUTO_TEST_CASE(aSendThatRestoresSubscriptionsReturnsWithinItsTimeout) {
     constexpr std::size_t count = 90;
     const std::string filling(60'000, 'c');
-    const std::string other = folder / "fake.sock";
-    FakeBroker fake(other);
-    auto welcomed = fake.welcomeNext();
-    Initiator initiator(other, sendWithin(2000));
-    RawPeer peer = welcomed.get();
+    ScriptedConnection scripted(sendWithin(2000));
+    Initiator& initiator = scripted.initiator;
     for (const std::string& name : numbers(count)) {
-        auto acknowledged = std::async(std::launch::async, [&] {
-            const std::uint64_t token = peer.expect(FrameType::subscribe).values.token;
-            peer.send(makeFrame(FrameType::acknowledgement, token));
-        });
-        BOOST_TEST(initiator.subscribe(name + filling) == KAVRI_CORE_STATUS_NO_ERROR);
-        acknowledged.get();
+        scripted.subscribe(name + filling);
     }
-    peer.close();
+    scripted.peer.close();
     BOOST_TEST(initiator.receive(-1).status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
-    welcomed = fake.welcomeNext();  // and reads no further
+    auto welcomed = scripted.broker.welcomeNext();  // and reads no further
     const auto begin = Clock::now();
     const kavri_core_status status = initiator.echo("0");
     BOOST_TEST((Clock::now() - begin < generous));
     BOOST_TEST(status != KAVRI_CORE_STATUS_NO_ERROR);
-    peer = welcomed.get();
+    const RawPeer peer = welcomed.get();
     auto restored = std::async(std::launch::async, [&] {
         while (true) {
             try {
-                RawPeer next = fake.welcomeNext().get();
+                RawPeer next = scripted.broker.acceptAndWelcome();
                 for (std::size_t i = 0; i < count; ++i) {
                     next.expect(FrameType::subscribe);
                 }

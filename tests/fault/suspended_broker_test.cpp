@@ -3,35 +3,28 @@
 #define BOOST_TEST_MODULE suspendedBroker
 
 #include <boost/test/unit_test.hpp>
+#include <functional>
 #include <thread>
 
-#include "process/temporary_folder.h"
 #include "support/raw_peer.h"
-#include "support/service_process.h"
+#include "support/with_broker.h"
 
 using namespace kavri::tests;
 
 namespace {
 
-struct Setting {
+struct Setting : WithBroker {
     explicit Setting(const std::string& config)
-        : broker(address, {.testService = true, .config = config}) {}
+        : WithBroker({.testService = true, .config = config}) {}
     ~Setting() { broker.thaw(); }
 
-    kavri::process::TemporaryFolder folder;
-    std::string address = folder / "broker.sock";
-    BrokerProcess broker;
-
     // The one wait for time in these tests: it is what they are about.
-    template <typename Meanwhile>
-    void suspendFor(std::chrono::milliseconds time, const Meanwhile& meanwhile) {
+    void suspendFor(
+        std::chrono::milliseconds time, const std::function<void()>& meanwhile = [] {}) {
         broker.freeze();
         meanwhile();
         std::this_thread::sleep_for(time);
         broker.thaw();
-    }
-    void suspendFor(std::chrono::milliseconds time) {
-        suspendFor(time, [] {});
     }
     void accept() const { RawPeer(address, "initiator"); }
 };

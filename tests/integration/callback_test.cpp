@@ -5,64 +5,37 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <array>
 #include <boost/test/unit_test.hpp>
 #include <functional>
 #include <semaphore>
 #include <set>
 
+#include "support/action.h"
 #include "support/with_broker.h"
 
 using namespace kavri::tests;
 
 namespace {
 
-// Does whatever a test wants within the first call, and counts all calls.
-class Action {
-  public:
-    explicit Action(std::function<void()> work) : work_(std::move(work)) {}
-
-    static void response(char** category, char** identifier, char** uuid, char** payload,
-                         void* action) {
-        const Message message(KAVRI_CORE_STATUS_NO_ERROR,
-                              {*category, *identifier, *uuid, *payload});
-        static_cast<Action*>(action)->run();
-    }
-    static void event(char** category, char** identifier, char** payload, void* action) {
-        response(category, identifier, &none(), payload, action);
-    }
-
-    bool waitForEnd() const {
-        return eventually([this] { return ended_ > 0; });
-    }
-    int begun() const { return begun_; }
-    int ended() const { return ended_; }
-
-  private:
-    static char*& none() {
-        static thread_local char* nothing = nullptr;
-        return nothing;
-    }
-    void run() {
-        if (begun_++ == 0) {
-            work_();
-        }
-        ++ended_;
-    }
-
-    std::function<void()> work_;
-    std::atomic<int> begun_{0};
-    std::atomic<int> ended_{0};
-};
+constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
 
 // A call that lasts until the test lets it end.
 class HeldCall : public Action {
   public:
     HeldCall() : Action([this] { (void)mayEnd_.try_acquire_for(patience); }) {}
-    bool waitForBegin() const {
-        return eventually([this] { return begun() > 0; });
+    // That `call` returns when the call of the callback under way has ended, and not before.
+    void expectWaitedForBy(const std::function<void()>& call) {
+        BOOST_REQUIRE(eventually([this] { return begun() > 0; }));
+        int endedAtReturn = -1;
+        BlockedCall blocked([&] {
+            call();
+            endedAtReturn = ended();
+        });
+        BOOST_TEST(blocked.sleeps());
+        mayEnd_.release();
+        blocked.join();
+        BOOST_TEST(endedAtReturn == 1);
     }
-    void letEnd() { mayEnd_.release(); }
 
   private:
     std::binary_semaphore mayEnd_{0};
@@ -102,16 +75,6 @@ struct ThreadReport {
         const std::lock_guard lock(mutex);
         return calls;
     }
-    static void response(char** category, char** identifier, char** uuid, char** payload,
-                         void* report) {
-        const Message message(KAVRI_CORE_STATUS_NO_ERROR,
-                              {*category, *identifier, *uuid, *payload});
-        static_cast<ThreadReport*>(report)->note();
-    }
-    static void event(char** category, char** identifier, char** payload, void* report) {
-        char* none = nullptr;
-        response(category, identifier, &none, payload, report);
-    }
 };
 
 }  // namespace
@@ -121,14 +84,9 @@ BOOST_FIXTURE_TEST_SUITE(delivery, WithBroker)
 BOOST_AUTO_TEST_CASE(tenThousandResponsesArriveInOrderEachOnce) {
     Inbox inbox;
     Initiator initiator(address);
-    BOOST_TEST(initiator.onResponse(Inbox::response, &inbox) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.onResponse(Inbox::response, &inbox) == good);
     constexpr std::size_t count = 10'000;
-    std::size_t refused = 0;
-    for (const std::string& uuid : numbers(count)) {
-        refused +=
-            initiator.send("test", "static_response", uuid) == KAVRI_CORE_STATUS_NO_ERROR ? 0 : 1;
-    }
-    BOOST_TEST(refused == 0U);
+    BOOST_TEST(initiator.echoAll(numbers(count)) == 0U);
     BOOST_TEST(inbox.waitFor(count));
     BOOST_TEST((inbox.uuids() == numbers(count)));
 }
@@ -148,9 +106,10 @@ BOOST_AUTO_TEST_CASE(aResponseHasAllFourFields) {
 
 BOOST_AUTO_TEST_CASE(callsComeOneAtATimeOnOneThreadOfTheLibrarysWithAllSignalsBlocked) {
     ThreadReport report;
+    Action action([&] { report.note(); });
     Initiator initiator(address);
-    initiator.onResponse(ThreadReport::response, &report);
-    initiator.onEvent(ThreadReport::event, &report);
+    initiator.onResponse(Action::response, &action);
+    initiator.onEvent(Action::event, &action);
     initiator.subscribe("test");
     std::set<std::thread::id> callers = {std::this_thread::get_id()};
     {
@@ -188,14 +147,10 @@ BOOST_AUTO_TEST_CASE(installingACallbackLeavesTheCallersSignalsAlone) {
 BOOST_AUTO_TEST_CASE(whatWasWaitingGoesToTheCallbackFirst) {
     Inbox inbox;
     Initiator initiator(address);
-    for (const std::string& uuid : numbers(4)) {
-        initiator.echo(uuid);
-    }
+    initiator.echoAll(numbers(4));
     BOOST_TEST((initiator.receive().uuid == "0"));
     initiator.onResponse(Inbox::response, &inbox);
-    for (const std::string& uuid : numbers(4, 4)) {
-        initiator.echo(uuid);
-    }
+    initiator.echoAll(numbers(4, 4));
     BOOST_TEST(inbox.waitFor(7));
     BOOST_TEST((inbox.uuids() == numbers(7, 1)));
 }
@@ -207,7 +162,7 @@ BOOST_AUTO_TEST_CASE(aReplacementGetsWhatComesFromThenOn) {
     initiator.onResponse(Inbox::response, &first);
     initiator.echo("0");
     BOOST_TEST(first.waitFor(1));
-    BOOST_TEST(initiator.onResponse(Inbox::response, &second) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.onResponse(Inbox::response, &second) == good);
     initiator.echo("1");
     BOOST_TEST(second.waitFor(1));
     BOOST_TEST((first.uuids() == numbers(1)));
@@ -220,8 +175,8 @@ BOOST_FIXTURE_TEST_SUITE(removal, WithBroker)
 
 BOOST_AUTO_TEST_CASE(removingWhatIsNotInstalledIsNoFailure) {
     Initiator initiator(address);
-    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.onEvent(nullptr, nullptr) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == good);
+    BOOST_TEST(initiator.onEvent(nullptr, nullptr) == good);
 }
 
 BOOST_AUTO_TEST_CASE(responsesAfterRemovalWaitForAReceive) {
@@ -232,7 +187,7 @@ BOOST_AUTO_TEST_CASE(responsesAfterRemovalWaitForAReceive) {
     BOOST_TEST(inbox.waitFor(1));
     broker.freeze();
     initiator.echo("sent before removal");
-    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == good);
     broker.thaw();
     initiator.echo("sent after removal");
     BOOST_TEST((initiator.receive().uuid == "sent before removal"));
@@ -246,16 +201,7 @@ BOOST_AUTO_TEST_CASE(removalWaitsForTheCallUnderWay) {
     initiator.onResponse(Action::response, &call);
     initiator.echo("0");
     initiator.echo("1");
-    BOOST_REQUIRE(call.waitForBegin());
-    int endedAtReturn = -1;
-    BlockedCall removal([&] {
-        initiator.onResponse(nullptr, nullptr);
-        endedAtReturn = call.ended();
-    });
-    BOOST_TEST(removal.sleeps());
-    call.letEnd();
-    removal.join();
-    BOOST_TEST(endedAtReturn == 1);
+    call.expectWaitedForBy([&] { initiator.onResponse(nullptr, nullptr); });
     BOOST_TEST((initiator.receive().uuid == "1"));
     BOOST_TEST(call.begun() == 1);
 }
@@ -267,18 +213,8 @@ BOOST_AUTO_TEST_CASE(eventCallbackRemovalWaitsForTheCallUnderWay) {
     initiator.subscribe("test");
     initiator.send("test", "event");
     initiator.send("test", "event");
-    BOOST_REQUIRE(call.waitForBegin());
-    int endedAtReturn = -1;
-    BlockedCall removal([&] {
-        initiator.onEvent(nullptr, nullptr);
-        endedAtReturn = call.ended();
-    });
-    BOOST_TEST(removal.sleeps());
-    call.letEnd();
-    removal.join();
-    BOOST_TEST(endedAtReturn == 1);
-    initiator.echo("0");
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    call.expectWaitedForBy([&] { initiator.onEvent(nullptr, nullptr); });
+    BOOST_TEST(initiator.echoes());
     BOOST_TEST(call.begun() == 1);
 }
 
@@ -289,16 +225,7 @@ BOOST_AUTO_TEST_CASE(replacementWaitsForTheCallUnderWay) {
     initiator.onResponse(Action::response, &call);
     initiator.echo("0");
     initiator.echo("1");
-    BOOST_REQUIRE(call.waitForBegin());
-    int endedAtReturn = -1;
-    BlockedCall replacement([&] {
-        initiator.onResponse(Inbox::response, &next);
-        endedAtReturn = call.ended();
-    });
-    BOOST_TEST(replacement.sleeps());
-    call.letEnd();
-    replacement.join();
-    BOOST_TEST(endedAtReturn == 1);
+    call.expectWaitedForBy([&] { initiator.onResponse(Inbox::response, &next); });
     BOOST_TEST(next.waitFor(1));
     BOOST_TEST((next.uuids() == numbers(1, 1)));
     BOOST_TEST(call.begun() == 1);
@@ -309,16 +236,7 @@ BOOST_AUTO_TEST_CASE(theEndWaitsForTheCallUnderWay) {
     Initiator initiator(address);
     initiator.onResponse(Action::response, &call);
     initiator.echo("0");
-    BOOST_REQUIRE(call.waitForBegin());
-    int endedAtReturn = -1;
-    BlockedCall end([&] {
-        initiator.end();
-        endedAtReturn = call.ended();
-    });
-    BOOST_TEST(end.sleeps());
-    call.letEnd();
-    end.join();
-    BOOST_TEST(endedAtReturn == 1);
+    call.expectWaitedForBy([&] { initiator.end(); });
 }
 
 BOOST_AUTO_TEST_CASE(noCallComesAfterTheEndThoughMessagesArrive) {
@@ -335,7 +253,7 @@ BOOST_AUTO_TEST_CASE(noCallComesAfterTheEndThoughMessagesArrive) {
             initiator.send("test", "event", uuid);
         }
         BOOST_TEST(responses.waitFor(1));
-        BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == good);
         const std::size_t responsesAtEnd = responses.count();
         const std::size_t eventsAtEnd = events.count();
         Initiator(address).echo("0");  // something for the broker to do meanwhile
@@ -348,11 +266,7 @@ BOOST_AUTO_TEST_CASE(callbacksComeAndGoWhileResponsesArrive) {
     Inbox inbox;
     Initiator initiator(address);
     constexpr std::size_t count = 2000;
-    std::jthread sender([&] {
-        for (const std::string& uuid : numbers(count)) {
-            initiator.echo(uuid);
-        }
-    });
+    std::jthread sender([&] { initiator.echoAll(numbers(count)); });
     std::size_t received = 0;
     while (received + inbox.count() < count) {
         initiator.onResponse(Inbox::response, &inbox);
@@ -360,7 +274,7 @@ BOOST_AUTO_TEST_CASE(callbacksComeAndGoWhileResponsesArrive) {
             return inbox.count() > seen || received + inbox.count() == count;
         }));
         initiator.onResponse(nullptr, nullptr);
-        while (initiator.receive(0).status == KAVRI_CORE_STATUS_NO_ERROR) {
+        while (initiator.receive(0).status == good) {
             ++received;
         }
     }
@@ -382,7 +296,7 @@ BOOST_AUTO_TEST_CASE(aCallbackRemovesItself) {
     initiator.echo("1");
     broker.thaw();
     BOOST_TEST(action.waitForEnd());
-    BOOST_TEST(removed == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(removed == good);
     BOOST_TEST((initiator.receive().uuid == "1"));
     BOOST_TEST(action.begun() == 1);
 }
@@ -396,8 +310,7 @@ BOOST_AUTO_TEST_CASE(anEventCallbackRemovesItself) {
         initiator.send("test", "event");
     }
     BOOST_TEST(action.waitForEnd());
-    initiator.echo("0");
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST(initiator.echoes());
     BOOST_TEST(action.begun() == 1);
 }
 
@@ -406,9 +319,7 @@ BOOST_AUTO_TEST_CASE(aCallbackInstallsAnother) {
     Initiator initiator(address);
     Action action([&] { initiator.onResponse(Inbox::response, &next); });
     initiator.onResponse(Action::response, &action);
-    for (const std::string& uuid : numbers(3)) {
-        initiator.echo(uuid);
-    }
+    initiator.echoAll(numbers(3));
     BOOST_TEST(next.waitFor(2));
     BOOST_TEST((next.uuids() == numbers(2, 1)));
     BOOST_TEST(action.begun() == 1);
@@ -427,7 +338,7 @@ BOOST_AUTO_TEST_CASE(aCallbackEndsItsInitiator) {
     const std::size_t connected = broker.descriptors();
     broker.thaw();
     BOOST_TEST(action.waitForEnd());
-    BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(status == good);
     // The thread ends by itself and takes the connection with it.
     BOOST_TEST(eventually([&] { return broker.descriptors() < connected; }));
     BOOST_TEST(haveFurtherThreads(0));
@@ -437,7 +348,7 @@ BOOST_AUTO_TEST_CASE(aCallbackEndsItsInitiator) {
 BOOST_AUTO_TEST_CASE(aResponseCallbackSendsSubscribesAndIsRefusedToReceive) {
     Inbox events;
     Initiator initiator(address);
-    std::array<kavri_core_status, 4> statuses{};
+    std::vector<kavri_core_status> statuses;
     Action action([&] {
         statuses = {initiator.onEvent(Inbox::event, &events), initiator.subscribe("test"),
                     initiator.send("test", "event", "0", "from within"),
@@ -446,10 +357,8 @@ BOOST_AUTO_TEST_CASE(aResponseCallbackSendsSubscribesAndIsRefusedToReceive) {
     initiator.onResponse(Action::response, &action);
     initiator.echo("0");
     BOOST_TEST(action.waitForEnd());
-    BOOST_TEST(statuses[0] == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(statuses[1] == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(statuses[2] == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(statuses[3] == KAVRI_CORE_STATUS_IPC_FAILED);
+    BOOST_TEST(statuses == (std::vector{good, good, good, KAVRI_CORE_STATUS_IPC_FAILED}),
+               boost::test_tools::per_element());
     BOOST_TEST(events.waitFor(1));
     BOOST_TEST((events.payloads() == std::vector<std::string>{"from within"}));
 }
@@ -478,113 +387,9 @@ BOOST_AUTO_TEST_CASE(anEventCallbackUnsubscribes) {
         initiator.send("test", "event");
     }
     BOOST_TEST(action.waitForEnd());
-    BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
-    initiator.echo("0");
-    BOOST_TEST((initiator.receive().uuid == "0"));
+    BOOST_TEST(status == good);
+    BOOST_TEST(initiator.echoes());
     BOOST_TEST(action.begun() == 1);
-}
-
-BOOST_AUTO_TEST_SUITE_END()
-
-BOOST_FIXTURE_TEST_SUITE(gathering, WithBroker)
-
-// A responder whose requests arrive in one order, and an initiator that gathers.
-struct Gathering : WithBroker {
-    kavri_core_ipc_options chosen = [] {
-        kavri_core_ipc_options options{};
-        options.gatherWrites = 1;
-        return options;
-    }();
-    Responder responder{address, "order"};
-    Inbox arrived;
-    Initiator initiator{address, chosen};
-
-    Gathering() { requireSuccess(responder.onRequest(Inbox::request, &arrived), "no callback"); }
-
-    kavri_core_status ask(const std::string& uuid, std::size_t payloadBytes = 1) {
-        return initiator.send("order", "command", uuid, std::string(payloadBytes, 'x'));
-    }
-    kavri_core_status askBatch(const std::string& first, const std::string& second) {
-        const std::array<kavri_core_ipc_command, 2> commands{
-            {{"order", "command", first.c_str(), ""}, {"order", "command", second.c_str(), ""}}};
-        std::size_t sent = 0;
-        return kavri_core_ipc_initiator_command_send_batch(initiator.get(), commands.data(),
-                                                           commands.size(), &sent);
-    }
-    // Has the callback do this.
-    void within(Action& action) {
-        BOOST_TEST(initiator.onResponse(Action::response, &action) == KAVRI_CORE_STATUS_NO_ERROR);
-        BOOST_TEST(initiator.echo("0") == KAVRI_CORE_STATUS_NO_ERROR);
-    }
-};
-
-BOOST_FIXTURE_TEST_CASE(whatACallbackSendsLeavesInTheOrderOfItsCalls, Gathering) {
-    std::vector<kavri_core_status> statuses;
-    Action action([&] {
-        statuses = {ask("0"), ask("1"), askBatch("2", "3"), ask("4"), ask("5", 40000), ask("6")};
-        statuses.push_back(initiator.subscribe("order"));
-        statuses.push_back(ask("7"));
-    });
-    within(action);
-    BOOST_TEST(arrived.waitFor(8));
-    BOOST_TEST(arrived.uuids() == numbers(8), boost::test_tools::per_element());
-    BOOST_TEST(std::ranges::count(statuses, KAVRI_CORE_STATUS_NO_ERROR) == 8);
-    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == KAVRI_CORE_STATUS_NO_ERROR);
-}
-
-BOOST_FIXTURE_TEST_CASE(anotherThreadSendsBehindWhatTheCallbackHasSent, Gathering) {
-    kavri_core_status status = KAVRI_CORE_STATUS_IPC_FAILED;
-    kavri_core_status otherStatus = KAVRI_CORE_STATUS_IPC_FAILED;
-    bool haveArrived = false;
-    Action action([&] {
-        status = ask("0");
-        std::thread([&] { otherStatus = ask("1"); }).join();
-        haveArrived = arrived.waitFor(2);  // although this call has not ended
-    });
-    within(action);
-    BOOST_TEST(action.waitForEnd());
-    BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(otherStatus == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(haveArrived);
-    BOOST_TEST(arrived.uuids() == numbers(2), boost::test_tools::per_element());
-}
-
-BOOST_FIXTURE_TEST_CASE(aCallbackReceivesTheAnswerToWhatItHasSent, Gathering) {
-    std::optional<Message> answer;
-    Action action([&] {
-        initiator.echo("mine");
-        answer.emplace(initiator.receive());
-    });
-    BOOST_TEST(initiator.onEvent(Action::event, &action) == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.subscribe("order") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(responder.publish("order", "event", "") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_REQUIRE(action.waitForEnd());
-    BOOST_TEST(answer->status == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(answer->uuid.value_or("none") == "mine");
-}
-
-// A responder that gathers, answers within its callback, and ends there.
-struct LastAnswer {
-    Responder responder;
-
-    static void answerAndEnd(kavri_core_ipc_request request, char** category, char** identifier,
-                             char** uuid, char** payload, void* context) {
-        Message message(KAVRI_CORE_STATUS_NO_ERROR, {*category, *identifier, *uuid, *payload});
-        message.request = request;
-        auto& self = *static_cast<LastAnswer*>(context);
-        self.responder.answer(message, "last");
-        self.responder.end();
-    }
-};
-
-BOOST_FIXTURE_TEST_CASE(whatWasGatheredLeavesBeforeTheEnd, Gathering) {
-    LastAnswer last{{address, "last", chosen}};
-    BOOST_TEST(last.responder.onRequest(LastAnswer::answerAndEnd, &last) ==
-               KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.send("last", "command") == KAVRI_CORE_STATUS_NO_ERROR);
-    const Message answer = initiator.receive();
-    BOOST_TEST(answer.status == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(answer.payload.value_or("none") == "last");
 }
 
 BOOST_AUTO_TEST_SUITE_END()

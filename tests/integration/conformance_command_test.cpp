@@ -88,12 +88,12 @@ const Arguments firstSend = {"initiatorSend/initiatorSendPass",
 // A place to which the tool alone is installed, and other programs can be.
 class Installation {
   public:
-    Installation() {
-        fs::create_directory(programs_);
+    explicit Installation(const std::string& name = "kit") : root_(folder_ / name) {
+        fs::create_directories(programs_);
         fs::copy_file(binFolder / "kavri", tool());
-        fs::create_symlink(KAVRI_LIB_DIR, folder_ / "lib");
-        fs::create_directory(folder_ / "libexec");
-        fs::create_symlink(KAVRI_AGENT_DIR, folder_ / "libexec" / "kavri");
+        fs::create_symlink(KAVRI_LIB_DIR, root_ / "lib");
+        fs::create_directory(root_ / "libexec");
+        fs::create_symlink(KAVRI_AGENT_DIR, root_ / "libexec" / "kavri");
     }
 
     void addScript(const std::string& name, const std::string& script) const {
@@ -106,7 +106,8 @@ class Installation {
 
   private:
     TemporaryFolder folder_;
-    fs::path programs_ = folder_ / "bin";
+    fs::path root_;
+    fs::path programs_ = root_ / "bin";
 };
 
 }  // namespace
@@ -328,6 +329,12 @@ BOOST_AUTO_TEST_CASE(whatTheLibraryPrintsIsPassedOnInWholeLines) {
     BOOST_TEST((std::ranges::count(lines, "no line break at the end") == 1));
 }
 
+BOOST_AUTO_TEST_CASE(whatTheLibraryPrintsIsMadeHarmless) {
+    const ToolResult result = run(standIn, {{"STAND_IN_DEFECT", "printsControls"}});
+    BOOST_TEST(contains(result.error, "\\x1b[2J\\x1b]0;title\\x07 \\xff\\u009b"), result.error);
+    BOOST_TEST(!contains(result.error, "\x1b"));
+}
+
 BOOST_AUTO_TEST_CASE(functionsThatTheLibraryLacksAreNamedBeforeAnyCase) {
     checkRefused(run({"--library", lackingFolder}), 3,
                  {lackingFolder.string(),
@@ -337,14 +344,41 @@ BOOST_AUTO_TEST_CASE(functionsThatTheLibraryLacksAreNamedBeforeAnyCase) {
 
 BOOST_AUTO_TEST_CASE(aLibraryThatCannotBeLoadedIsRefused) {
     checkRefused(run(standIn, {{"STAND_IN_DEFECT", "crashesWhenLoaded"}}), 3,
-                 {"SIGABRT", "before any case", "cannot be loaded"});
+                 {"fails when it is loaded", "SIGABRT", "before any case", "cannot be loaded"});
+    checkRefused(
+        run(with(standIn, {"--call-timeout", "0.3"}), {{"STAND_IN_DEFECT", "hangsWhenLoaded"}}), 3,
+        {"hangs when it is loaded", "0.3 s", "before any case"});
     const ToolResult hung =
         run(with(standIn, {"--timeout", "0.3"}), {{"STAND_IN_DEFECT", "hangsWhenLoaded"}});
     checkRefused(hung, 2, {"0.3 s", "before any case"});
+}
+
+BOOST_AUTO_TEST_CASE(aLibraryThatCannotBeUnloadedIsRefused) {
+    checkRefused(run(standIn, {{"STAND_IN_DEFECT", "crashesWhenUnloaded"}}), 3,
+                 {"fails when it is unloaded", "SIGABRT", "before any case"});
+    checkRefused(
+        run(with(standIn, {"--call-timeout", "0.3"}), {{"STAND_IN_DEFECT", "hangsWhenUnloaded"}}),
+        3, {"hangs when it is unloaded", "0.3 s", "before any case"});
+}
+
+BOOST_AUTO_TEST_CASE(aFileThatIsNoLibraryIsToldWhatItIs) {
     const TemporaryFolder folder;
-    std::ofstream(folder / "libkavri-core-test.so") << "no library";
-    checkRefused(run({"--library", folder.path()}), 3,
-                 {folder.path().string(), "cannot be loaded"});
+    const fs::path core = folder / "libkavri-core-test.so";
+    const auto checkTold = [&](const std::string& reason) {
+        checkRefused(run({"--library", folder.path()}), 3, {core, reason});
+        fs::remove(core);
+    };
+    std::ofstream(core) << "no library";
+    checkTold("is no shared library: it does not begin like one");
+    fs::create_directory(core);
+    checkTold("is no regular file");
+    fs::create_symlink("nowhere", core);
+    checkTold("cannot be read: No such file");
+    fs::copy_file(binFolder / "kavri", core);
+    checkTold("is a program, and no shared library");
+    fs::copy_file(standInFolder / "libkavri-core-test.so", core);
+    fs::resize_file(core, 4096);
+    checkTold("is cut off");
 }
 
 BOOST_AUTO_TEST_CASE(aFolderWithoutTheLibraryIsRefused) {
@@ -352,10 +386,52 @@ BOOST_AUTO_TEST_CASE(aFolderWithoutTheLibraryIsRefused) {
     checkRefused(run({"--library", folder.path()}), 3,
                  {"libkavri-core-test.so", folder.path().string()});
     checkRefused(run({"--library", folder / "missing"}), 3, {folder / "missing"});
-    fs::create_directory(folder / "a:b");
-    fs::copy_file(standInFolder / "libkavri-core-test.so",
-                  folder / "a:b" / "libkavri-core-test.so");
-    checkRefused(run({"--library", folder / "a:b"}), 3, {"':'", folder / "a:b"});
+}
+
+BOOST_AUTO_TEST_CASE(theFoldersOfLibraryAndKitMayHaveAnyName) {
+    const TemporaryFolder folder;
+    const fs::path library = folder / "a b:c;$LIB";
+    fs::create_directory(library);
+    fs::copy_file(fs::path(KAVRI_LIB_DIR) / "libkavri-core-test.so",
+                  library / "libkavri-core-test.so");
+    fs::copy_file(fs::path(KAVRI_LIB_DIR) / "libkavri-interfaces.so",
+                  library / "libkavri-interfaces.so");
+    const Installation installation("kit a b:c;d");
+    installation.link("test_ipc_initiator");
+    installation.link("kavri-broker");
+    ChildSpawn tool = spawn({"--library", library, "--case", "initiatorSendPass"});
+    tool.program = installation.tool();
+    ChildProcess child(tool);
+    const ToolResult result = finish(child);
+    BOOST_TEST(result.exit.succeeded(), result.error);
+    BOOST_TEST(
+        contains(result.output, "core library " + library.string() + "/libkavri-core-test.so"),
+        result.output);
+    BOOST_TEST(contains(result.output, "7 checks, 7 passed, 0 failed"), result.output);
+}
+
+BOOST_AUTO_TEST_CASE(aLibraryThatClosesTheKitsDescriptorIsTold) {
+    const ToolResult result = run(standIn, {{"STAND_IN_DEFECT", "closesDescriptors"}});
+    BOOST_TEST(result.exit.code == 1, result.error);
+    BOOST_TEST(contains(result.output, "initiatorSend/initiatorSendPass  fail "), result.output);
+    BOOST_TEST(contains(result.output,
+                        "the library closed a file descriptor that is not its own, by which the "
+                        "kit follows the module, in kavri_core_ipc_initiator_command_send"),
+               result.output);
+    BOOST_TEST(!contains(result.output, "did not return"));
+}
+
+BOOST_AUTO_TEST_CASE(resultsThatCannotBeWrittenFailTheRun) {
+    ChildSpawn full = spawn({"--case", "initiatorSendPass"});
+    full.arguments.insert(full.arguments.begin(),
+                          {"-c", "exec \"$0\" \"$@\" >/dev/full", full.program});
+    full.program = "/bin/bash";
+    ChildProcess tool(full);
+    const ToolResult result = finish(tool);
+    BOOST_TEST(result.exit.code == 3);
+    checkComplaint(result.error, {"cannot write", "standard output"});
+    checkComplaint(run({"--case", "initiatorSendPass", "--json", "/dev/full"}).error,
+                   {"cannot write /dev/full", "No space left on device"});
 }
 
 BOOST_AUTO_TEST_CASE(onlyTheModuleIsGivenTheLibrary) {

@@ -251,25 +251,8 @@ BOOST_AUTO_TEST_CASE(isRequiredWhereThereIsAContext) {
     int context = 0;
     kavri_core_ipc_options options = optionsFor(address);
     options.connectionContext = &context;
-    kavri_core_ipc_initiator* initiator = nullptr;
-    kavri_core_ipc_responder* responder = nullptr;
-    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) ==
-               KAVRI_CORE_STATUS_INVALID_ARGUMENT);
-    BOOST_TEST(kavri_core_ipc_responder_init(nullptr, &options, "work", &responder) ==
-               KAVRI_CORE_STATUS_INVALID_ARGUMENT);
-    BOOST_TEST(initiator == nullptr);
-    BOOST_TEST(responder == nullptr);
-}
-
-BOOST_AUTO_TEST_CASE(isNotLookedForInOptionsOfAnEarlierVersion) {
-    Changes changes;
-    kavri_core_ipc_options options = optionsFor(address, changes.options());
-    options.sizeBytes = offsetof(kavri_core_ipc_options, connectionCallback);
-    kavri_core_ipc_initiator* initiator = nullptr;
-    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) == good);
-    BOOST_TEST(haveFurtherThreads(0));
-    BOOST_TEST(kavri_core_ipc_deinit(initiator) == good);
-    BOOST_TEST(changes.count() == 0U);
+    BOOST_TEST(initStatus(options) == KAVRI_CORE_STATUS_INVALID_ARGUMENT);
+    BOOST_TEST(initStatus(options, "work") == KAVRI_CORE_STATUS_INVALID_ARGUMENT);
 }
 
 BOOST_AUTO_TEST_CASE(isCalledForAResponderOnceItsCategoryIsServedAgain) {
@@ -301,32 +284,27 @@ BOOST_AUTO_TEST_SUITE_END()
 BOOST_FIXTURE_TEST_SUITE(ofAScript, Scripted)
 
 BOOST_AUTO_TEST_CASE(getsTheStatusAndTheReasonOfTheBroker) {
-    const Change loss =
-        changeAfterGoodbye(KAVRI_CORE_STATUS_IPC_OVERLOADED, "8 MiB were waiting for you");
-    BOOST_TEST(loss.event == closed);
-    BOOST_TEST(loss.status == KAVRI_CORE_STATUS_IPC_OVERLOADED);
-    BOOST_TEST(loss.reason == "8 MiB were waiting for you");
-}
-
-BOOST_AUTO_TEST_CASE(getsAReasonOfTheLengthThatFits) {
-    BOOST_TEST(changeAfterGoodbye(KAVRI_CORE_STATUS_IPC_OVERLOADED, std::string(199, 'r')).reason ==
-               std::string(199, 'r'));
-}
-
-BOOST_AUTO_TEST_CASE(getsTheBeginningOfALongReason) {
-    BOOST_TEST(
-        changeAfterGoodbye(KAVRI_CORE_STATUS_IPC_OVERLOADED, std::string(70'000, 'r')).reason ==
-        std::string(199, 'r'));
-}
-
-BOOST_AUTO_TEST_CASE(getsAnEmptyReasonAsOne) {
-    const Change loss = changeAfterGoodbye(KAVRI_CORE_STATUS_IPC_OVERLOADED, "");
-    BOOST_TEST(loss.event == closed);
-    BOOST_TEST(loss.reason.empty());
-}
-
-BOOST_AUTO_TEST_CASE(getsAFailureWhereTheBrokerNamesNone) {
-    BOOST_TEST(changeAfterGoodbye(good, "bye").status == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST);
+    struct Goodbye {
+        kavri_core_status said;
+        std::string reason;
+        kavri_core_status status;
+        std::string shown;
+    };
+    constexpr auto overloaded = KAVRI_CORE_STATUS_IPC_OVERLOADED;
+    const std::string longest(199, 'r');
+    const std::vector<Goodbye> goodbyes = {
+        {overloaded, "8 MiB were waiting for you", overloaded, "8 MiB were waiting for you"},
+        {overloaded, longest, overloaded, longest},
+        {overloaded, std::string(70'000, 'r'), overloaded, longest},
+        {overloaded, "", overloaded, ""},
+        {good, "bye", KAVRI_CORE_STATUS_IPC_CONNECTION_LOST, "bye"}};
+    for (const Goodbye& each : goodbyes) {
+        Scripted scripted;
+        const Change loss = scripted.changeAfterGoodbye(each.said, each.reason);
+        BOOST_TEST(loss.event == closed);
+        BOOST_TEST(loss.status == each.status);
+        BOOST_TEST(loss.reason == each.shown);
+    }
 }
 
 BOOST_AUTO_TEST_CASE(getsTheReasonOfOneConnectionForThatOneAlone) {

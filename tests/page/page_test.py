@@ -377,6 +377,13 @@ class PageTest(unittest.TestCase):
         eventually(lambda: self.assertEqual(
             self.texts("#cases .remarks li"), ["left behind by the library: 1 thread"]))
 
+    def test_whatTheModulePrintedIsWithItsCase(self):
+        self.open("failing")
+        self.button("initiatorSendPass", "#cases").click()
+        self.button("What the module printed").click()
+        eventually(lambda: self.assertEqual(
+            self.texts("#cases pre"), ["a line on standard error\n… (17 bytes more)"]))
+
     def test_copyButtonTellsWhatItDid(self):
         self.open("failing")
         self.button("Copy").click()
@@ -426,6 +433,16 @@ class PageTest(unittest.TestCase):
         self.assertIn("other: failed", text)
         self.assertIn("third did in every check what kavri did", text)
         self.assertEqual(len(self.all(".beside table.record")), 2)
+
+    def test_whatWasNotRunIsNoPassAndSaysWhy(self):
+        self.open("unloadable")
+        self.assertEqual(self.one("h1").text.lower(), "incomplete")
+        reason = samples.unloadable()["reason"]
+        self.assertEqual(self.one("header .reason").text, reason)
+        self.assertIn(f"not run {reason}", self.one("header .facts").text)
+        self.open("hang")
+        self.assertEqual(self.one("h1").text.lower(), "incomplete")
+        self.assertEqual(self.one("header .reason").text, "the 60 s were over")
 
     # --- the time line -------------------------------------------------------
 
@@ -595,6 +612,7 @@ class PageTest(unittest.TestCase):
             expectSummary("failing",
                           r"(?s)Conformance report: fail.*initiatorSend/initiatorRepeatEcho fail")
             expectSummary("matrix", "1 of 70 faults")
+            expectSummary("unloadable", r"(?s)report: incomplete.*other: not run.*lacks kavri_core_init")
             self.expectQuiet(browser)
         finally:
             browser.quit()

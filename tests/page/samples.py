@@ -222,20 +222,24 @@ PLAY = {
     "initiatorSend/initiatorFailReceiveWithCallback": Case.refusals,
     "initiatorEvent/initiatorRepeatEventCallback": lambda case: case.callbacks(True),
 }
-RANKS = ["pass", "not run", "fail", "timeout", "crash", "harness error"]
-CUT_OFF = ("timeout", "crash")
+RANKS = ["pass", "fail", "harness error", "timeout", "crash"]
 
 
-def worst(verdicts):
-    return max(verdicts, key=RANKS.index, default="pass")
+def together(verdicts):
+    """What several verdicts come to together."""
+    if all(one == "not run" for one in verdicts):
+        return "not run"
+    if any(one in ("not run", "incomplete") for one in verdicts):
+        return "incomplete"
+    return max(verdicts, key=RANKS.index)
 
 
 def play(**library):
-    """All cases, one after the other; what is cut off leaves the rest not run."""
+    """All cases, one after the other; in a hang the time is over, and the rest not run."""
     cases, now = [], 91_000 * SECOND
     for name, body in PLAY.items():
         case = Case(name, now, **library)
-        if any(done["verdict"] in CUT_OFF for done in cases):
+        if any(done["verdict"] == "timeout" for done in cases):
             case.report.update(verdict="not run", beginNs=0)
         else:
             body(case)
@@ -262,16 +266,19 @@ def latencies(cases):
 
 def library(name, **behaviour):
     cases = play(**behaviour)
+    verdict = together([case["verdict"] for case in cases])
     return {"name": name, "core": CORE.replace("kavri/", f"{name}/"),
             "broker": "embedded, /tmp/kavri-3f/broker.sock", "seconds": 2.21, "cases": cases,
-            "latencies": latencies(cases),
-            "verdict": worst(case["verdict"] for case in cases)}
+            "latencies": latencies(cases), "verdict": verdict,
+            "reason": "the 60 s were over" if verdict == "incomplete" else ""}
 
 
 def report(libraries, **more):
-    return {"schema": 1, "command": "kavri conformance --html report.html --library /opt/kavri/lib",
+    reasons = [one["reason"] for one in libraries if one["reason"]]
+    return {"schema": 2, "command": "kavri conformance --html report.html --library /opt/kavri/lib",
             "date": "2026-11-20T12:00:00Z", "tool": "kavri 1.0.0", "seconds": 2.4,
-            "verdict": worst(one["verdict"] for one in libraries), "libraries": libraries,
+            "verdict": together([one["verdict"] for one in libraries]),
+            "reason": reasons[0] if reasons else "", "libraries": libraries,
             "requirements": [
                 {"name": name, "level": LEVELS.get(name, "must"),
                  "checks": [{"text": "uuid == ruuid", "level": LEVELS.get(name, "must")}]}
@@ -292,6 +299,7 @@ def healthy():
 def failing():
     one = library("kavri", altered=(3, 4, 8), arrived=7, counted=11, refusal=5)
     one["cases"][0]["remarks"] = ["left behind by the library: 1 thread"]
+    one["cases"][0]["output"] = "a line on standard error\n… (17 bytes more)\n"
     return report([one])
 
 
@@ -323,6 +331,14 @@ def compared():
                           "ways": ["timeout"]}],
         "missing": [{"library": "kavri", "name": "initiatorSend/initiatorGone", "ways": []}],
         "slower": [{"library": "kavri", "name": SEND, "earlierP50Us": 4.5, "p50Us": 120.0}]})
+
+
+def unloadable():
+    """Of two libraries, one that could not be run."""
+    reason = "/opt/other/lib/libkavri-core-test.so lacks kavri_core_init"
+    other = {**library("other"), "cases": [], "latencies": {}, "seconds": 0,
+             "verdict": "not run", "reason": reason}
+    return report([library("kavri"), other])
 
 
 FAULTS = [
@@ -382,7 +398,8 @@ def hostile():
 
 
 SAMPLES = {function.__name__: function
-           for function in (healthy, failing, hang, crash, several, compared, matrix, hostile)}
+           for function in (healthy, failing, hang, crash, several, compared, unloadable, matrix,
+                            hostile)}
 
 if __name__ == "__main__":
     json.dump(SAMPLES[sys.argv[1]](), sys.stdout)

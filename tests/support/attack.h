@@ -139,16 +139,6 @@ inline Attacker floodingAttacker(const std::string& path, std::size_t connection
     });
 }
 
-// Takes part once the broker has acknowledged it.
-inline void subscribe(RawPeer& peer, std::string_view category) {
-    peer.send(makeFrame(FrameType::subscribe, 1, {.category = category}));
-    peer.expect(FrameType::acknowledgement);
-}
-inline void registerFor(RawPeer& peer, std::string_view category) {
-    peer.send(makeFrame(FrameType::registration, 1, {.category = category}));
-    peer.expect(FrameType::acknowledgement);
-}
-
 inline std::string repeated(const std::string& bytes, std::size_t times) {
     std::string all;
     for (std::size_t i = 0; i < times; ++i) {

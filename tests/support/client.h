@@ -6,6 +6,7 @@
 
 #include <kavri/ipc.h>
 
+#include <algorithm>
 #include <array>
 #include <condition_variable>
 #include <cstdlib>
@@ -68,6 +69,9 @@ struct Message {
           identifier(adopt(strings.identifier)),
           uuid(adopt(strings.uuid)),
           payload(adopt(strings.payload)) {}
+
+    // The variables were left as they were.
+    bool isEmpty() const { return !category && !identifier && !uuid && !payload; }
 };
 
 // Keeps the library up for as long as it lives, and silent unless asked to talk.
@@ -152,6 +156,22 @@ class Initiator {
             &strings.payload);
         return {status, strings};
     }
+    // Whether such a request is accepted and its response is the next.
+    bool echoes(const std::string& uuid = "0", const std::string& payload = "payload") {
+        if (echo(uuid, payload) != KAVRI_CORE_STATUS_NO_ERROR) {
+            return false;
+        }
+        const Message response = receive();
+        return response.uuid == uuid && response.payload == payload;
+    }
+    // Sends one for each of the uuids; how many were refused.
+    std::size_t echoAll(const std::vector<std::string>& uuids,
+                        const std::string& payload = "payload") {
+        return static_cast<std::size_t>(
+            std::count_if(uuids.begin(), uuids.end(), [&](const std::string& uuid) {
+                return echo(uuid, payload) != KAVRI_CORE_STATUS_NO_ERROR;
+            }));
+    }
     kavri_core_status subscribe(const std::string& category) {
         return kavri_core_ipc_initiator_event_subscribe(handle_, category.c_str());
     }
@@ -222,6 +242,60 @@ class Responder {
     kavri_core_ipc_responder* handle_ = nullptr;
 };
 
+// What making one comes to. One that is made is ended.
+inline kavri_core_status initStatus(kavri_core_ipc_options options) {
+    kavri_core_ipc_initiator* made = nullptr;
+    const kavri_core_status status = kavri_core_ipc_initiator_init(nullptr, &options, &made);
+    if ((made != nullptr) != (status == KAVRI_CORE_STATUS_NO_ERROR)) {
+        throw std::logic_error("an initiator in spite of a failure, or none");
+    }
+    kavri_core_ipc_deinit(made);
+    return status;
+}
+inline kavri_core_status initStatus(kavri_core_ipc_options options, const char* category) {
+    kavri_core_ipc_responder* made = nullptr;
+    const kavri_core_status status =
+        kavri_core_ipc_responder_init(nullptr, &options, category, &made);
+    if ((made != nullptr) != (status == KAVRI_CORE_STATUS_NO_ERROR)) {
+        throw std::logic_error("a responder in spite of a failure, or none");
+    }
+    kavri_core_ipc_responder_deinit(made);
+    return status;
+}
+
+// The uuids of the next so many messages.
+template <typename Endpoint>
+std::vector<std::string> receiveUuids(Endpoint& endpoint, std::size_t count) {
+    std::vector<std::string> uuids;
+    while (uuids.size() < count) {
+        uuids.push_back(endpoint.receive().uuid.value_or("none"));
+    }
+    return uuids;
+}
+
+// A receive without limit, which another thread is blocked in once this is made.
+class BlockedReceive {
+  public:
+    template <typename Endpoint>
+    explicit BlockedReceive(Endpoint& endpoint)
+        : call_([this, &endpoint] { message_.emplace(endpoint.receive(-1)); }) {
+        if (!call_.sleeps()) {
+            throw std::runtime_error("a receive without limit does not block");
+        }
+    }
+
+    bool hasReturned() const { return call_.hasReturned(); }
+    // What it came to, once it has returned.
+    const Message& result() {
+        call_.join();
+        return *message_;
+    }
+
+  private:
+    std::optional<Message> message_;
+    BlockedCall call_;
+};
+
 // What callbacks got, in order. Each of the three callbacks takes an inbox as
 // its context.
 class Inbox {
@@ -248,22 +322,17 @@ class Inbox {
         return messages_;
     }
     std::size_t count() const { return messages().size(); }
-    std::vector<std::string> uuids() const {
-        std::vector<std::string> result;
-        for (const Message& message : messages()) {
-            result.push_back(message.uuid.value_or("none"));
-        }
-        return result;
-    }
-    std::vector<std::string> payloads() const {
-        std::vector<std::string> result;
-        for (const Message& message : messages()) {
-            result.push_back(message.payload.value_or("none"));
-        }
-        return result;
-    }
+    std::vector<std::string> uuids() const { return all(&Message::uuid); }
+    std::vector<std::string> payloads() const { return all(&Message::payload); }
 
   private:
+    std::vector<std::string> all(Text Message::*field) const {
+        std::vector<std::string> result;
+        for (const Message& message : messages()) {
+            result.push_back((message.*field).value_or("none"));
+        }
+        return result;
+    }
     static void put(void* inbox, const Strings& strings, kavri_core_ipc_request request) {
         auto& self = *static_cast<Inbox*>(inbox);
         Message message(KAVRI_CORE_STATUS_NO_ERROR, strings);

@@ -22,7 +22,12 @@ class FakeBroker {
     }
     FakeBroker(const FakeBroker&) = delete;
     FakeBroker& operator=(const FakeBroker&) = delete;
-    ~FakeBroker() { ::unlink(path_.c_str()); }
+    ~FakeBroker() { stopListening(); }
+
+    void stopListening() {
+        socket_.close();
+        ::unlink(path_.c_str());
+    }
 
     // The next connection, as it comes.
     RawPeer accept() {

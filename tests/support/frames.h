@@ -56,6 +56,10 @@ inline Frame makeFrame(FrameType type, std::uint64_t token, const Fields& fields
     return frame;
 }
 
+inline Frame helloFrame(std::string_view role, std::uint64_t version = wire::protocolVersion) {
+    return makeFrame(FrameType::hello, version, {.identifier = role});
+}
+
 // With just the fields that a frame of this type must have, each holding its own name.
 inline Frame smallestFrame(FrameType type, std::uint64_t token) {
     switch (type) {

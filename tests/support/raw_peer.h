@@ -32,10 +32,6 @@ struct RawFrame {
     Frame values;
 };
 
-inline Frame helloFrame(std::string_view role, std::uint64_t version = wire::protocolVersion) {
-    return makeFrame(FrameType::hello, version, {.identifier = role});
-}
-
 class RawPeer {
   public:
     explicit RawPeer(int descriptor) : descriptor_(descriptor) {}
@@ -132,6 +128,21 @@ class RawPeer {
         }
         return frame;
     }
+    // "status 9: the reason" in the goodbye that comes next, with which the other side closes.
+    std::string closing() {
+        const RawFrame goodbye = expect(FrameType::goodbye);
+        std::string text = "status " + std::to_string(goodbye.values.status) + ": ";
+        text += goodbye.values[Field::payload];
+        expectEnd();
+        return text;
+    }
+    // That the broker answers.
+    void ping(std::uint64_t token = 7) {
+        send(makeFrame(FrameType::ping, token));
+        if (expect(FrameType::pong).values.token != token) {
+            throw std::runtime_error("the pong has another token than its ping");
+        }
+    }
     // Reads on until the other side closes.
     void expectEnd() {
         while (readSome()) {
@@ -158,6 +169,25 @@ class RawPeer {
     base::Descriptor descriptor_;
     std::string input_;
 };
+
+// Has a responder serve a category.
+inline void registerFor(RawPeer& peer, std::string_view category) {
+    peer.send(makeFrame(FrameType::registration, 1, {.category = category}));
+    peer.expect(FrameType::acknowledgement);
+}
+
+// A subscriber of the category, or its responder, once the broker has acknowledged it.
+inline RawPeer subscriberOf(const std::string& path, std::string_view category) {
+    RawPeer peer(path, "initiator");
+    peer.send(makeFrame(FrameType::subscribe, 1, {.category = category}));
+    peer.expect(FrameType::acknowledgement);
+    return peer;
+}
+inline RawPeer responderFor(const std::string& path, std::string_view category) {
+    RawPeer peer(path, "responder");
+    registerFor(peer, category);
+    return peer;
+}
 
 }  // namespace kavri::tests
 

@@ -65,6 +65,12 @@ inline bool haveFurtherThreads(std::size_t count) {
     return eventually([count] { return furtherThreads() == count; });
 }
 
+// Open in this process.
+inline std::size_t openDescriptors() {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
 // Runs a call that is to block, on a thread whose sleep can be waited for.
 class BlockedCall {
   public:

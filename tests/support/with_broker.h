@@ -1,4 +1,4 @@
-// The opening of tests with the real broker and its test service.
+// The opening of tests with the real broker and, unless asked for otherwise, its test service.
 #ifndef KAVRI_TESTS_SUPPORT_WITH_BROKER_H
 #define KAVRI_TESTS_SUPPORT_WITH_BROKER_H
 
@@ -11,9 +11,12 @@
 namespace kavri::tests {
 
 struct WithBroker {
+    explicit WithBroker(const BrokerSettings& settings = {.testService = true})
+        : broker(address, settings) {}
+
     kavri::process::TemporaryFolder folder;
     std::string address = folder / "broker.sock";
-    BrokerProcess broker{address, {.testService = true}};
+    BrokerProcess broker;
     Library library;
 };
 

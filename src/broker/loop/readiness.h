@@ -12,9 +12,11 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "base/descriptor.h"
+#include "broker/loop/wake_timer.h"
 #include "broker/routing/session.h"
 
 namespace kavri::broker {
@@ -24,6 +26,7 @@ inline constexpr std::uint64_t listenerMark = UINT64_MAX;
 inline constexpr std::uint64_t signalMark = UINT64_MAX - 1;
 inline constexpr std::uint64_t filesMark = UINT64_MAX - 2;
 inline constexpr std::uint64_t bulkMark = UINT64_MAX - 3;  // some of the bulk set are ready
+inline constexpr std::uint64_t timerMark = UINT64_MAX - 4;
 
 inline std::uint64_t markOf(SessionId id) {
     return (static_cast<std::uint64_t>(id.generation) << 32U) | id.index;
@@ -46,25 +49,32 @@ class Readiness {
     // Moves the session to the bulk set, or back. Returns as watch does.
     [[nodiscard]] bool setBulk(Session& session, bool isBulk) const;
 
-    // Sleeps until something is ready, at most so long; -1: without end. Whether
-    // there are events. Where there are more than one round takes, the kernel
+    // Whether there are events. Where there are more than one round takes, the kernel
     // reports the others first the next time.
-    bool wait(int timeoutMs);
-    // Those of the last wait.
+    bool poll() { return takeEvents(0); }
+    // The same; sleeps until something is ready, until that time at the latest, and
+    // sometimes for a shorter time.
+    bool wait(std::optional<WakeTimer::Clock::time_point> until);
+    // Those of the last call.
     std::span<const epoll_event> events() const { return {events_.data(), count_}; }
 
-    // The bulk sessions whose turn it is.
-    std::span<const epoll_event> takeBulk();
+    // The same for the bulk sessions, without sleeping: those whose turn it is.
+    void waitBulk();
+    std::span<const epoll_event> bulkEvents() const { return {bulkEvents_.data(), bulkCount_}; }
 
   private:
     static constexpr std::size_t eventsPerRound = 256;
     static constexpr std::size_t bulkPerRound = 2;
 
+    bool takeEvents(int timeoutMs);
+
     const base::Descriptor epoll_;
     const base::Descriptor bulk_;
+    WakeTimer timer_;
     std::array<epoll_event, eventsPerRound> events_;
     std::size_t count_ = 0;
     std::array<epoll_event, bulkPerRound> bulkEvents_;
+    std::size_t bulkCount_ = 0;
 };
 
 }  // namespace kavri::broker

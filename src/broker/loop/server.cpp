@@ -83,8 +83,8 @@ void Server::run(int signalDescriptor, std::function<void()> onSignal) {
 void Server::waitForEvents() {
     Clock::duration planned{};
     if (hasWorkLeft()) {
-        readiness_.wait(0);
-    } else if (!spin_.until([this] { return readiness_.wait(0); })) {
+        readiness_.poll();
+    } else if (!spin_.until([this] { return readiness_.poll(); })) {
         planned = sleep();
     }
     clock_.advance(Clock::now(), planned);
@@ -94,23 +94,28 @@ void Server::waitForEvents() {
 // How long it was to sleep at most.
 Clock::duration Server::sleep() {
     const Clock::time_point begin = Clock::now();
-    const int timeoutMs = sleepTimeMs(clock_.at(begin));
-    readiness_.wait(timeoutMs) ? spin_.slept(Clock::now() - begin) : pool_.trim();
-    return timeoutMs < 0 ? Clock::duration::max() : std::chrono::milliseconds(timeoutMs);
+    const auto until = sleepUntil(begin);
+    const bool wasWoken = readiness_.wait(until);
+    const Clock::time_point end = Clock::now();
+    if (wasWoken) {
+        spin_.slept(end - begin);
+    } else if (until && *until <= end) {
+        pool_.trim();
+    }
+    return until ? *until - begin : Clock::duration::max();
 }
 
-// Until the next deadline; and no longer than the pause before a trim while the pool
-// keeps memory.
-int Server::sleepTimeMs(Clock::time_point now) const {
-    const auto next = deadlines_.next();
-    if (!next && pool_.isEmpty()) {
-        return -1;
+// The next deadline; and no later than the pause before a trim while the pool keeps memory.
+std::optional<Clock::time_point> Server::sleepUntil(Clock::time_point now) const {
+    std::optional<Clock::time_point> until;
+    if (!pool_.isEmpty()) {
+        until = now + pauseBeforeTrim;
     }
-    auto left = pool_.isEmpty() ? std::chrono::milliseconds::max() : pauseBeforeTrim;
-    if (next) {
-        left = std::min(left, std::chrono::ceil<std::chrono::milliseconds>(*next - now));
+    if (const auto next = deadlines_.next()) {
+        const Clock::time_point due = now + (*next - clock_.at(now));
+        until = until ? std::min(*until, due) : due;
     }
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    return until;
 }
 
 void Server::handleEvent(const epoll_event& event) {
@@ -147,9 +152,8 @@ void Server::handleSession(Session& session, const epoll_event& event) {
 }
 
 void Server::handleBulk() {
-    const auto events = readiness_.takeBulk();
-    bulkInRound_ = std::max<std::size_t>(1, events.size());
-    for (const epoll_event& event : events) {
+    readiness_.waitBulk();
+    for (const epoll_event& event : readiness_.bulkEvents()) {
         handleEvent(event);
     }
 }
@@ -174,8 +178,9 @@ std::size_t Server::readShare(const Session& session) const {
         return std::clamp(eventBytesPerRound / std::max(ready, receivers), leastEventBytesPerRead,
                           Traffic::mostReadBytes);
     }
+    const std::size_t bulk = std::max<std::size_t>(1, readiness_.bulkEvents().size());
     const std::size_t frames =
-        session.isBulk ? std::max(bulkFramesPerRound / bulkInRound_, leastFramesPerRead)
+        session.isBulk ? std::max(bulkFramesPerRound / bulk, leastFramesPerRead)
                        : std::clamp(framesPerRound / ready, leastFramesPerRead, framesPerRead);
     return std::min(frames * session.input.typicalFrameBytes, Traffic::mostReadBytes);
 }

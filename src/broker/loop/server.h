@@ -78,7 +78,7 @@ class Server {
 
     void waitForEvents();
     Clock::duration sleep();
-    int sleepTimeMs(Clock::time_point now) const;
+    std::optional<Clock::time_point> sleepUntil(Clock::time_point now) const;
     bool hasWorkLeft() {
         return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease();
     }
@@ -105,7 +105,6 @@ class Server {
     Policy policy_;
     std::function<void()> onSignal_;
     bool bulkIsReady_ = false;
-    std::size_t bulkInRound_ = 1;
     bool connectionsWait_ = false;
     bool filesChanged_ = false;
     bool stopping_ = false;

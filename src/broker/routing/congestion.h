@@ -30,11 +30,13 @@ class WaitingLine {
   public:
     bool empty() const { return first_ == nullptr; }
     Session* first() const { return first_; }
-    void append(Session& sender);
-    void prepend(Session& sender);
+    void append(Session& sender) { insert(sender, last_, nullptr); }
+    void prepend(Session& sender) { insert(sender, nullptr, first_); }
     void remove(Session& sender);
 
   private:
+    void insert(Session& sender, Session* previous, Session* next);
+
     Session* first_ = nullptr;
     Session* last_ = nullptr;
 };

@@ -136,22 +136,13 @@ Congestion& FlowControl::congestionOf(Session& session, Clock::time_point now) c
     return *session.congestion;
 }
 
-void WaitingLine::append(Session& sender) {
+void WaitingLine::insert(Session& sender, Session* previous, Session* next) {
     KAVRI_ASSERT(sender.waiting.line == nullptr, "a sender waits in one line at most");
     sender.waiting.line = this;
-    sender.waiting.previous = last_;
-    sender.waiting.next = nullptr;
-    (last_ == nullptr ? first_ : last_->waiting.next) = &sender;
-    last_ = &sender;
-}
-
-void WaitingLine::prepend(Session& sender) {
-    KAVRI_ASSERT(sender.waiting.line == nullptr, "a sender waits in one line at most");
-    sender.waiting.line = this;
-    sender.waiting.previous = nullptr;
-    sender.waiting.next = first_;
-    (first_ == nullptr ? last_ : first_->waiting.previous) = &sender;
-    first_ = &sender;
+    sender.waiting.previous = previous;
+    sender.waiting.next = next;
+    (previous == nullptr ? first_ : previous->waiting.next) = &sender;
+    (next == nullptr ? last_ : next->waiting.previous) = &sender;
 }
 
 void WaitingLine::remove(Session& sender) {

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "base/assert.h"
+#include "wire/frame_assembler.h"
 
 namespace kavri::broker {
 
@@ -182,21 +183,19 @@ std::optional<Blocked> Router::publish(Session& from, InputFrame& frame) {
 // Small events that follow one another in the input are delivered together: each
 // subscriber's send queue is then looked for once, not for each event.
 void Router::gatherEvents(const Category& category, InputFrame& first) const {
-    while (first.bytesBehind >= wire::headerBytes) {
+    while (true) {
         char* const next = first.bytes + first.length;
-        const wire::Measured measured = wire::measure(next, limits_.payloadBytes);
-        if (measured.error || measured.frameBytes > first.bytesBehind ||
-            measured.frameBytes >= wire::largeFrameBytes) {
-            return;
-        }
-        const std::optional<Frame> values = wire::decode(next);
-        if (!values || values->type != FrameType::publish ||
-            (*values)[Field::category] != category.name) {
+        const wire::FirstFrame following =
+            wire::firstFrame(next, first.bytesBehind, limits_.payloadBytes);
+        if (following.state != wire::FirstFrame::State::complete ||
+            following.frameBytes >= wire::largeFrameBytes ||
+            wire::typeOf(next) != FrameType::publish ||
+            wire::categoryOf(next, following.frameBytes) != category.name || wire::hasNul(next)) {
             return;
         }
         wire::replaceType(next, FrameType::event);
-        first.length += measured.frameBytes;
-        first.bytesBehind -= measured.frameBytes;
+        first.length += following.frameBytes;
+        first.bytesBehind -= following.frameBytes;
         ++first.frames;
     }
 }

@@ -5,11 +5,15 @@
 // the checks and exceptions; the formatter that the user chooses logs beside it. For
 // each thing it writes a line to the descriptor that KAVRI_MODULE_EVENTS names; see
 // module_events.h for the lines. Each is written at once and as a whole, so what was
-// written before a crash is there after it.
+// written before a crash is there after it. In the module's output it marks where a case
+// begins.
 //
 // The framework is not thread-safe, and neither is this: the module sees to it that
 // one thread at a time uses the framework.
+#include <stdio.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/test/execution_monitor.hpp>
 #include <boost/test/framework.hpp>
@@ -21,6 +25,7 @@
 #include <sstream>
 #include <string>
 
+#include "conformance/agent/channel.h"
 #include "conformance/agent/check_entry.h"
 #include "conformance/agent/record.h"
 
@@ -37,7 +42,7 @@ using ut::const_string;
 constexpr std::size_t failureLimitBytes = 800;
 
 Json atLength(const std::string& text) {
-    return shortened(text.c_str(), failureLimitBytes);
+    return shortened(text, failureLimitBytes);
 }
 
 std::string stringOf(const_string text) {
@@ -46,6 +51,40 @@ std::string stringOf(const_string text) {
 
 std::string placeText(const std::string& file, std::size_t line) {
     return file + '(' + std::to_string(line) + ')';
+}
+
+// The module's standard output and error, which the library may use, close, or put
+// something else in the place of.
+class Output {
+  public:
+    explicit Output(int descriptor) : descriptor_(descriptor) {
+        isThere_ = fstat(descriptor, &file_) == 0;
+    }
+
+    void markCase(const std::string& name) const {
+        struct stat now {};
+        if (!isThere_ || fstat(descriptor_, &now) != 0 || now.st_dev != file_.st_dev ||
+            now.st_ino != file_.st_ino) {
+            return;
+        }
+        const std::string line = std::string(kavri::conformance::caseMark) + name + "\n";
+        // Where the mark is lost the output counts as that of the case before.
+        static_cast<void>(!write(descriptor_, line.data(), line.size()));
+    }
+
+  private:
+    int descriptor_;
+    bool isThere_;
+    struct stat file_ {};
+};
+
+// What is still in the stream's buffer belongs to the case that ends.
+void flushStandardOutput() {
+    // Where the library holds the stream, there is no waiting for it.
+    if (ftrylockfile(stdout) == 0) {
+        fflush_unlocked(stdout);
+        funlockfile(stdout);
+    }
 }
 
 class Formatter : public ut::unit_test_log_formatter {
@@ -69,7 +108,7 @@ class Formatter : public ut::unit_test_log_formatter {
 
     void log_entry_finish(std::ostream& /*stream*/) override {
         if (type_ == BOOST_UTL_ET_INFO) {
-            recordCheck("passed", {{"check", shortened(entry_.text().c_str())}});
+            recordCheck("passed", {{"check", shortened(entry_.text())}});
         } else if (type_ == BOOST_UTL_ET_ERROR || type_ == BOOST_UTL_ET_FATAL_ERROR) {
             recordFailure();
         }
@@ -116,7 +155,7 @@ class Formatter : public ut::unit_test_log_formatter {
 
     void recordFailure() {
         const char* severity = type_ == BOOST_UTL_ET_FATAL_ERROR ? "fatal error: " : "error: ";
-        Json said = {{"check", shortened(entry_.text().c_str())},
+        Json said = {{"check", shortened(entry_.text())},
                      {"message", atLength(severity + entry_.message())}};
         if (const std::vector<std::string> values = entry_.values(); !values.empty()) {
             said["left"] = atLength(values[0]);
@@ -147,12 +186,15 @@ class Observer : public ut::test_observer {
 
     void test_unit_start(const ut::test_unit& unit) override {
         if (isCase(unit)) {
+            output_.markCase(unit.full_name());
+            error_.markCase(unit.full_name());
             tell("began", unit.full_name());
         }
     }
 
     void test_unit_finish(const ut::test_unit& unit, unsigned long elapsedUs) override {
         if (isCase(unit)) {
+            flushStandardOutput();
             tell("ended", std::to_string(elapsedUs) + " " + unit.full_name());
         }
     }
@@ -163,6 +205,9 @@ class Observer : public ut::test_observer {
 
   private:
     static bool isCase(const ut::test_unit& unit) { return unit.p_type == ut::TUT_CASE; }
+
+    const Output output_{STDOUT_FILENO};
+    const Output error_{STDERR_FILENO};
 };
 
 __attribute__((constructor)) void observe() {

@@ -1,6 +1,7 @@
 // Writing the lines; see record.h.
 #include "conformance/agent/record.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,19 +14,38 @@
 #include <mutex>
 #include <thread>
 
+#include "base/bounded_text.h"
+#include "conformance/agent/channel.h"
+
 namespace kavri::conformance {
 
 namespace {
 
-// -1: nothing is recorded.
-int eventsDescriptor() {
-    static const int descriptor = [] {
+// Where the lines go, and which file that was at first.
+struct Channel {
+    int descriptor = -1;  // -1: nothing is recorded
+    struct stat file {};
+
+    Channel() {
         const std::string text = environmentVariable("KAVRI_MODULE_EVENTS");
+        const char* const end = text.data() + text.size();
         int number = -1;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-        return error == std::errc() && end == text.data() + text.size() ? number : -1;
-    }();
-    return descriptor;
+        const auto [last, error] = std::from_chars(text.data(), end, number);
+        if (error == std::errc() && last == end && fstat(number, &file) == 0) {
+            descriptor = number;
+        }
+    }
+
+    bool isStillThere() const {
+        struct stat now {};
+        return fstat(descriptor, &now) == 0 && now.st_dev == file.st_dev &&
+               now.st_ino == file.st_ino;
+    }
+};
+
+const Channel& channel() {
+    static const Channel opened;
+    return opened;
 }
 
 std::size_t entriesIn(const char* folder) {
@@ -78,6 +98,19 @@ Holding settled() {
     return held;
 }
 
+// A line holds four texts at most, and must stay below the 4096 bytes that a pipe takes
+// undivided, although one byte may take six in JSON.
+template <typename Cut>
+Json fitting(std::size_t limitBytes, const Cut& cut) {
+    constexpr std::size_t limitDumpedBytes = 900;
+    for (std::size_t kept = limitBytes;; kept /= 2) {
+        Json result = cut(kept);
+        if (dumped(result).size() <= limitDumpedBytes) {
+            return result;
+        }
+    }
+}
+
 }  // namespace
 
 std::string environmentVariable(const char* name) {
@@ -87,7 +120,7 @@ std::string environmentVariable(const char* name) {
 }
 
 bool isRecording() {
-    return eventsDescriptor() >= 0;
+    return channel().descriptor >= 0;
 }
 
 std::string dumped(const Json& json) {
@@ -98,6 +131,9 @@ void tell(std::string_view word, const std::string& rest) {
     if (!isRecording()) {
         return;
     }
+    if (!channel().isStillThere()) {
+        _exit(channelClosedStatus);
+    }
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     const std::string line =
         std::string(word) + " " +
@@ -105,7 +141,7 @@ void tell(std::string_view word, const std::string& rest) {
         std::to_string(gettid()) + " " + rest + "\n";
     // Short enough that a pipe takes it in one piece. A failure is ignored: there is no
     // other place to report it.
-    while (write(eventsDescriptor(), line.data(), line.size()) < 0 && errno == EINTR) {
+    while (write(channel().descriptor, line.data(), line.size()) < 0 && errno == EINTR) {
     }
 }
 
@@ -114,20 +150,20 @@ unsigned nextNumber() {
     return ++last;
 }
 
-Json shortened(const char* text, std::size_t limitBytes) {
+Json shortened(const char* text) {
     if (text == nullptr) {
         return nullptr;
     }
-    // A line holds four texts at most, and must stay below the 4096 bytes that a
-    // pipe takes undivided, although one byte may take six in JSON.
-    constexpr std::size_t limitDumpedBytes = 900;
-    const std::size_t length = strnlen(text, limitBytes + 1);
-    for (std::size_t kept = std::min(length, limitBytes);; kept /= 2) {
-        Json result = std::string(text, kept) + (kept < length ? "…" : "");
-        if (dumped(result).size() <= limitDumpedBytes) {
-            return result;
-        }
+    const std::size_t length = strnlen(text, textLimitBytes + 1);
+    if (length <= textLimitBytes) {
+        return shortened(std::string(text, length));
     }
+    return fitting(textLimitBytes,
+                   [text](std::size_t kept) { return std::string(text, kept) + "…"; });
+}
+
+Json shortened(const std::string& text, std::size_t limitBytes) {
+    return fitting(limitBytes, [&text](std::size_t kept) { return base::bounded(text, kept); });
 }
 
 void recordCall(unsigned number, const char* function, const Json& arguments) {

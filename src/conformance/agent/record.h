@@ -13,10 +13,12 @@
 // thread, N counts calls and deliveries together, and is 0 for the calls of the peer
 // check. The lines go to the descriptor that KAVRI_MODULE_EVENTS names, each with one
 // write: lines of two threads do not mix, and what was written before a crash is kept.
-// Where the variable is not set nothing is written.
+// Where the variable is not set nothing is written. Where the descriptor was closed, or has
+// become another file since, the process is ended; see channel.h.
 #ifndef KAVRI_CONFORMANCE_AGENT_RECORD_H
 #define KAVRI_CONFORMANCE_AGENT_RECORD_H
 
+#include <cstddef>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -25,6 +27,8 @@ namespace kavri::conformance {
 
 // Keeps the order in which its members were given: that of the parameters.
 using Json = nlohmann::ordered_json;
+
+inline constexpr std::size_t textLimitBytes = 200;
 
 // Empty where the variable is not set.
 std::string environmentVariable(const char* name);
@@ -41,8 +45,9 @@ std::string dumped(const Json& json);
 unsigned nextNumber();
 
 // A text as it is in a line: null stays null, and a long one is cut, so that four texts
-// fit into a line whatever the limit.
-Json shortened(const char* text, std::size_t limitBytes = 200);
+// fit into a line whatever the limit. Of a text of the library no more is read than that.
+Json shortened(const char* text);
+Json shortened(const std::string& text, std::size_t limitBytes = textLimitBytes);
 
 void recordCall(unsigned number, const char* function, const Json& arguments);
 void recordReturn(unsigned number, const Json& result);

@@ -7,10 +7,12 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <string_view>
+#include <algorithm>
 
+#include "base/bounded_text.h"
 #include "base/environment.h"
 #include "conformance/cases/case_listing.h"
+#include "conformance/module/library_file.h"
 #include "conformance/module/loader_report.h"
 #include "conformance/module/module_arguments.h"
 #include "process/exit_status.h"
@@ -21,16 +23,20 @@ namespace kavri::conformance {
 namespace {
 
 namespace fs = std::filesystem;
+using std::chrono::milliseconds;
 
-constexpr std::string_view coreLibrary = "libkavri-core-test.so";
+constexpr std::string_view interfacesLibrary = "libkavri-interfaces.so";
 
 [[noreturn]] void cannotRun(const std::string& line) {
     throw process::CommandFailure(process::ExitStatus::couldNotRun, line);
 }
 
+// Of what a program printed.
+constexpr std::size_t longestQuoteBytes = 400;
+
 std::string lastLine(const std::string& text) {
     const std::string_view trimmed(text.data(), text.find_last_not_of('\n') + 1);
-    return std::string(trimmed.substr(trimmed.rfind('\n') + 1));
+    return base::bounded(trimmed.substr(trimmed.rfind('\n') + 1), longestQuoteBytes);
 }
 
 // The path of a library, whatever version its name has; empty where the module does not
@@ -46,15 +52,14 @@ fs::path sanitizerRuntimeIn(const LoaderReport& report) {
     return address.empty() ? pathOf("libtsan.so", report) : address;
 }
 
-void checkIsComplete(const LoaderReport& report) {
+void checkIsComplete(const LoaderReport& report, const fs::path& core) {
     if (!report.notFound.empty()) {
         cannotRun(fmt::format("the loader finds no {}; give --library the folder that holds it",
                               fmt::join(report.notFound, ", ")));
     }
     if (!report.undefined.empty()) {
         cannotRun(fmt::format("{} lacks {}; the module needs every function that it calls",
-                              pathOf(coreLibrary, report).string(),
-                              fmt::join(report.undefined, ", ")));
+                              core.string(), fmt::join(report.undefined, ", ")));
     }
 }
 
@@ -70,28 +75,36 @@ void checkIsFrom(const fs::path& library, const fs::path& folder) {
 
 }  // namespace
 
-ConformanceModule::ConformanceModule(fs::path program, std::optional<fs::path> libraryFolder)
-    : program_(std::move(program)), libraryFolder_(std::move(libraryFolder)) {
-    if (!libraryFolder_) {
+ConformanceModule::ConformanceModule(fs::path program, const std::optional<fs::path>& libraryFolder,
+                                     LoaderPaths& paths)
+    : program_(std::move(program)) {
+    if (!libraryFolder) {
         return;
     }
     std::error_code error;
-    const fs::path folder = fs::canonical(*libraryFolder_, error);
+    const fs::path folder = fs::canonical(*libraryFolder, error);
     if (error || !fs::is_directory(folder, error)) {
         cannotRun(fmt::format("no folder {}; give --library the folder that holds {}",
-                              libraryFolder_->string(), coreLibrary));
+                              libraryFolder->string(), coreLibrary));
     }
-    if (!fs::exists(folder / coreLibrary, error)) {
+    if (!fs::exists(fs::symlink_status(folder / coreLibrary, error))) {
         cannotRun(fmt::format("no {} in {}; give --library the folder that holds it", coreLibrary,
                               folder.string()));
     }
-    if (folder.string().find_first_of(":;") != std::string::npos) {
-        cannotRun(
-            fmt::format("the loader takes no folder with ':' or ';' in its name, as {} has; "
-                        "copy the library to another one",
-                        folder.string()));
+    for (const std::string_view name : {coreLibrary, interfacesLibrary}) {
+        const fs::path file = folder / name;
+        const bool isThere = fs::exists(fs::symlink_status(file, error));
+        if (const std::string why = isThere ? whyNoLibrary(file) : ""; !why.empty()) {
+            cannotRun(fmt::format("{} {}", file.string(), why));
+        }
     }
     libraryFolder_ = folder;
+    folderForLoader_ = paths.nameFor(folder);
+}
+
+// As far as it is known before the loader has searched for it.
+fs::path ConformanceModule::coreFile() const {
+    return libraryFolder_ ? *libraryFolder_ / coreLibrary : fs::path(coreLibrary);
 }
 
 process::ChildSpawn ConformanceModule::baseSpawn() const {
@@ -103,7 +116,7 @@ process::ChildSpawn ConformanceModule::baseSpawn() const {
     if (libraryFolder_) {
         const std::string further = base::environmentVariable("LD_LIBRARY_PATH");
         spawn.environment["LD_LIBRARY_PATH"] =
-            libraryFolder_->string() + (further.empty() ? "" : ":" + further);
+            folderForLoader_.string() + (further.empty() ? "" : ":" + further);
     }
     return spawn;
 }
@@ -126,31 +139,41 @@ ModuleLibraries ConformanceModule::findLibraries(const RunLimits& limits) const 
     }
     const LoaderReport report =
         parseLoaderReport(loader.output() + loader.error(), program_.string());
-    checkIsComplete(report);
+    checkIsComplete(report, coreFile());
     const fs::path core = pathOf(coreLibrary, report);
     if (libraryFolder_) {
         checkIsFrom(core, *libraryFolder_);
     }
-    return {core, sanitizerRuntimeIn(report)};
+    return {libraryFolder_ ? coreFile() : core, sanitizerRuntimeIn(report)};
 }
 
-std::vector<std::string> ConformanceModule::listCases(const RunLimits& limits) const {
+std::vector<std::string> ConformanceModule::listCases(const RunLimits& limits,
+                                                      milliseconds loadLimit) const {
     process::ChildSpawn spawn = baseSpawn();
     // Unlike the plain list, DOT cannot be confused with what a library prints on loading.
     spawn.arguments = {"--list_content=DOT"};
     spawn.interruptDescriptor = limits.signals().descriptor();
     process::ChildProcess module(spawn);
-    const std::optional<process::ExitState> exit = module.wait(limits.left());
+    const std::optional<process::ExitState> exit = module.wait(std::min(loadLimit, limits.left()));
+    const std::vector<std::string> cases = casesInListing(module.error());
+    // The module has listed its cases by the time at which the library is unloaded.
+    const char* step = cases.empty() ? "loaded" : "unloaded";
+    if (!exit && (limits.signals().received() || limits.left() <= milliseconds(0))) {
+        limits.giveUp(
+            fmt::format("before any case, while {} was being {}", coreFile().string(), step));
+    }
     if (!exit) {
-        limits.giveUp("before any case; does the core library hang when loaded?");
+        cannotRun(fmt::format(
+            "{} hangs when it is {}: that took more than {:.1f} s, before any "
+            "case",
+            coreFile().string(), step, std::chrono::duration<double>(loadLimit).count()));
     }
     if (!exit->succeeded()) {
-        const std::string reason = lastLine(module.error());
-        cannotRun(fmt::format("{} {} before any case; does the core library fail when loaded?{}",
-                              program_.string(), process::exitText(*exit),
-                              reason.empty() ? "" : " It printed: " + reason));
+        const std::string reason = cases.empty() ? lastLine(module.error()) : "";
+        cannotRun(fmt::format("{} fails when it is {}: the module {} before any case{}",
+                              coreFile().string(), step, process::exitText(*exit),
+                              reason.empty() ? "" : ". It printed: " + reason));
     }
-    std::vector<std::string> cases = casesInListing(module.error());
     if (cases.empty()) {
         cannotRun(fmt::format("{} has no cases; is it the conformance module?", program_.string()));
     }

@@ -3,16 +3,22 @@
 #ifndef KAVRI_CONFORMANCE_MODULE_CONFORMANCE_MODULE_H
 #define KAVRI_CONFORMANCE_MODULE_CONFORMANCE_MODULE_H
 
+#include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "conformance/cases/requirements.h"
+#include "conformance/module/loader_paths.h"
 #include "conformance/module/run_limits.h"
 #include "process/child_process.h"
 
 namespace kavri::conformance {
+
+// The file of a core library.
+inline constexpr std::string_view coreLibrary = "libkavri-core-test.so";
 
 // The libraries with which the loader runs the module.
 struct ModuleLibraries {
@@ -38,10 +44,11 @@ struct ModuleRunRequest {
 class ConformanceModule {
   public:
     // `libraryFolder`: where the core library under test is; none: the one
-    // that the module finds by itself. Throws CommandFailure when the folder
-    // is not there, or the loader cannot take it.
+    // that the module finds by itself. Throws CommandFailure where there is no core
+    // library in the folder, or its file cannot be one.
     ConformanceModule(std::filesystem::path program,
-                      std::optional<std::filesystem::path> libraryFolder);
+                      const std::optional<std::filesystem::path>& libraryFolder,
+                      LoaderPaths& paths);
 
     // Throws CommandFailure when there is no core library, not in the folder
     // asked for, it cannot be loaded, or it lacks functions. Asks the loader
@@ -49,17 +56,20 @@ class ConformanceModule {
     ModuleLibraries findLibraries(const RunLimits& limits) const;
 
     // The names of all cases, "suite/case", in the order of the module. The
-    // first step that runs the library's code: throws CommandFailure when
-    // loading it ends the module.
-    std::vector<std::string> listCases(const RunLimits& limits) const;
+    // first step that runs the library's code: throws CommandFailure where the library
+    // cannot be loaded and unloaded, or not within the time.
+    std::vector<std::string> listCases(const RunLimits& limits,
+                                       std::chrono::milliseconds loadLimit) const;
 
     process::ChildSpawn runSpawn(const ModuleRunRequest& request) const;
 
   private:
     process::ChildSpawn baseSpawn() const;
+    std::filesystem::path coreFile() const;
 
     std::filesystem::path program_;
     std::optional<std::filesystem::path> libraryFolder_;
+    std::filesystem::path folderForLoader_;
 };
 
 }  // namespace kavri::conformance

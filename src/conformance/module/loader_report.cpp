@@ -16,12 +16,9 @@ namespace {
 
 void readSymbol(LoaderReport& report, std::string_view line, std::string_view program) {
     const size_t end = line.find_first_of(", \t");
-    const size_t file = line.find_last_of(" \t");
-    if (end == std::string_view::npos || file == std::string_view::npos) {
-        return;
-    }
     // What a library lacks for itself may never be called.
-    if (line.substr(file + 1) == "(" + std::string(program) + ")") {
+    if (end != std::string_view::npos &&
+        line.substr(end).ends_with("\t(" + std::string(program) + ")")) {
         report.undefined.emplace_back(line.substr(0, end));
     }
 }

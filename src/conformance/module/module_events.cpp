@@ -39,6 +39,8 @@ constexpr std::array forms = {
     Form{"left", Kind::left, false, false, true},
 };
 
+constexpr std::size_t longestLineBytes = 65536;
+
 // A word up to the next blank, or the end.
 std::string_view takeWord(std::string_view& line) {
     if (const auto word = base::takeUntil(line, " ")) {
@@ -105,6 +107,10 @@ std::vector<ModuleEvent> ModuleEvents::read(std::string_view bytes) {
         }
     }
     partialLine_.erase(0, partialLine_.size() - rest.size());
+    // No event is so long: a library has written to a descriptor that is not its own.
+    if (partialLine_.size() > longestLineBytes) {
+        partialLine_.clear();
+    }
     return events;
 }
 

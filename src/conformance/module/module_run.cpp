@@ -13,6 +13,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "base/text_scanner.h"
+#include "conformance/agent/channel.h"
 #include "conformance/module/broker_access.h"
 #include "conformance/module/stacks.h"
 #include "process/exit_text.h"
@@ -30,10 +32,15 @@ constexpr std::chrono::milliseconds refreshTime{100};
 // Of the broker's log only the last lines are kept; they are shown where a case fails.
 constexpr size_t brokerLinesLimit = 100;
 
+// A process that ends closes its descriptors a moment before it has ended.
+constexpr std::chrono::milliseconds endingTime{1000};
+
 Verdict verdictOnCutOff(RunEnd end) {
     switch (end) {
         case RunEnd::moduleEnded:
             return Verdict::crash;
+        case RunEnd::channelClosed:
+            return Verdict::fail;
         case RunEnd::hung:
         case RunEnd::timeOver:
             return Verdict::timeout;
@@ -66,9 +73,13 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     assert(record_.cases().empty() && !record_.underWay());  // runs once
     record_.judgeBy(request.level);
     request.eventsDescriptor = eventsPipe_.writeEnd.get();
+    if (!request.cases.empty()) {
+        outputCase_ = errorCase_ = request.cases.front();  // while the library is loaded
+    }
     begun_ = Clock::now();
     process::ChildProcess process(module.runSpawn(request));
-    const RunEnd end = watch(process);
+    eventsPipe_.writeEnd.close();  // so that the other end shows when the module closes its own
+    RunEnd end = watch(process);
     cutOffNs_ = Clock::now().time_since_epoch().count();
     if (end == RunEnd::hung && watchdog_.wantsStacks) {
         stacks_ = stacksOf(process.pid());
@@ -76,8 +87,14 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     // Does nothing where the module has ended by itself.
     process.signal(SIGKILL);
     exit_ = process.wait(std::chrono::hours(1)).value_or(process::ExitState{});
-    follow(process);
+    // What came in after the watchdog's verdict would contradict it.
+    if (const std::vector<ModuleEvent> last = follow(process); end == RunEnd::moduleEnded) {
+        apply(last);
+    }
     finish();
+    if (end == RunEnd::moduleEnded && exit_.signal == 0 && exit_.code == channelClosedStatus) {
+        end = RunEnd::channelClosed;
+    }
     cutOff(end);
     return end;
 }
@@ -89,7 +106,9 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
         // the next poll.
         const bool moduleEnded = hasEnded(module);
         const bool brokerEnded = broker_ != nullptr && hasEnded(*broker_);
-        follow(module);
+        // Before follow(), too: a call that returned by now is then known to have.
+        const Clock::time_point now = Clock::now();
+        apply(follow(module));
         if (moduleEnded) {
             return RunEnd::moduleEnded;
         }
@@ -99,9 +118,11 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
         if (brokerEnded) {
             return RunEnd::brokerLost;
         }
-        const Clock::time_point now = Clock::now();
         if (now >= limits_.deadline()) {
             return RunEnd::timeOver;
+        }
+        if (channelClosed_ && now >= *channelClosed_ + endingTime) {
+            return RunEnd::channelClosed;
         }
         if (now >= hangTime()) {
             return RunEnd::hung;
@@ -119,7 +140,7 @@ void ModuleRun::pollOnce(const process::ChildProcess& module) const {
                           pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
                           pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0}};
     auto left = std::chrono::ceil<std::chrono::milliseconds>(
-        std::min(limits_.deadline(), hangTime()) - Clock::now());
+        std::min(limits_.deadline(), wakeTime()) - Clock::now());
     if (display_.isLive()) {
         left = std::min(left, refreshTime);
     }
@@ -138,24 +159,36 @@ ModuleRun::Clock::time_point ModuleRun::hangTime() const {
     return call == nullptr ? silent : std::min(silent, at(call->beginNs) + watchdog_.callLimit);
 }
 
-void ModuleRun::follow(process::ChildProcess& module) {
+// When there is something to decide, unless something happens before.
+ModuleRun::Clock::time_point ModuleRun::wakeTime() const {
+    return channelClosed_ ? std::min(hangTime(), *channelClosed_ + endingTime) : hangTime();
+}
+
+// Reads what the module has recorded and printed, and shows what it has printed.
+std::vector<ModuleEvent> ModuleRun::follow(process::ChildProcess& module) {
     std::string events;
     base::readAvailable(eventsPipe_.readEnd, events);
+    if (!eventsPipe_.readEnd.isOpen() && !channelClosed_) {
+        channelClosed_ = Clock::now();
+    }
     module.drain();
-    output_.add(module.takeOutput(), [this](std::string_view line) { showModuleLine(line); });
-    error_.add(module.takeError(), [this](std::string_view line) { showModuleLine(line); });
+    output_.add(module.takeOutput(),
+                [this](std::string_view line) { takeModuleLine(outputCase_, line); });
+    error_.add(module.takeError(),
+               [this](std::string_view line) { takeModuleLine(errorCase_, line); });
     if (broker_ != nullptr) {
         broker_->drain();
         broker_->takeOutput();
         brokerError_.add(broker_->takeError(),
                          [this](std::string_view line) { keepBrokerLine(line); });
     }
-    apply(events_.read(events));
+    return events_.read(events);
 }
 
 void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     for (const ModuleEvent& event : events) {
-        if (const CaseReport* ended = record_.add(event)) {
+        if (CaseReport* ended = record_.add(event)) {
+            ended->output = outputOf(ended->name);
             ended_(*ended);
         }
     }
@@ -169,7 +202,8 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
 
 // The verdict on the case that was running when the module ended.
 void ModuleRun::cutOff(RunEnd end) {
-    if (record_.underWay() == nullptr) {
+    cutACase_ = record_.underWay() != nullptr;
+    if (!cutACase_) {
         return;
     }
     const std::optional<HangReport> hang =
@@ -179,9 +213,12 @@ void ModuleRun::cutOff(RunEnd end) {
         callsUnderWay() +
         (passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed);
     CaseReport& cut = record_.cutOff(verdictOnCutOff(end), cutOffNs_);
+    cut.output = outputOf(cut.name);
     cut.hang = hang;
     if (end == RunEnd::moduleEnded) {
         cut.crash = "the module " + process::exitText(exit_) + place;
+    } else if (end == RunEnd::channelClosed) {
+        cut.missing.push_back(closedChannelText + place);
     } else if (end == RunEnd::brokerLost) {
         cut.missing.push_back("the broker ended during the case" + place);
     } else if (end == RunEnd::signalled) {
@@ -233,13 +270,32 @@ std::string ModuleRun::callsUnderWay() const {
 
 // Passes on the last lines, though they have no line break.
 void ModuleRun::finish() {
-    output_.finish([this](std::string_view line) { showModuleLine(line); });
-    error_.finish([this](std::string_view line) { showModuleLine(line); });
+    output_.finish([this](std::string_view line) { takeModuleLine(outputCase_, line); });
+    error_.finish([this](std::string_view line) { takeModuleLine(errorCase_, line); });
     brokerError_.finish([this](std::string_view line) { keepBrokerLine(line); });
 }
 
-void ModuleRun::showModuleLine(std::string_view line) {
-    display_.showForeignLine(line);
+void ModuleRun::takeModuleLine(std::string& currentCase, std::string_view line) {
+    const std::optional<std::string_view> before = base::takeUntil(line, caseMark);
+    if (!before) {
+        showModuleLine(currentCase, line);
+        return;
+    }
+    if (!before->empty()) {
+        showModuleLine(currentCase, *before);
+    }
+    currentCase = line;
+}
+
+void ModuleRun::showModuleLine(const std::string& caseName, std::string_view line) {
+    if (const std::optional<std::string> shown = printed_[caseName].add(line)) {
+        display_.showForeignLine(*shown);
+    }
+}
+
+std::string ModuleRun::outputOf(const std::string& caseName) const {
+    const auto found = printed_.find(caseName);
+    return found == printed_.end() ? "" : found->second.text();
 }
 
 void ModuleRun::keepBrokerLine(std::string_view line) {

@@ -7,11 +7,14 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/pipe.h"
+#include "conformance/module/case_output.h"
 #include "conformance/module/conformance_module.h"
 #include "conformance/module/module_events.h"
 #include "conformance/module/run_limits.h"
@@ -21,7 +24,12 @@
 
 namespace kavri::conformance {
 
-enum class RunEnd { moduleEnded, hung, timeOver, brokerLost, signalled };
+// channelClosed: the module goes on, but its records do not come any more.
+enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled };
+
+// To be followed by where that was.
+inline const std::string closedChannelText =
+    "the library closed a file descriptor that is not its own, by which the kit follows the module";
 
 // When the module counts as hanging.
 struct WatchdogSettings {
@@ -51,14 +59,19 @@ class ModuleRun {
     // How the module ended.
     const process::ExitState& exit() const { return exit_; }
     const RunRecord& record() const { return record_; }
+    // Whether a case was under way at that time.
+    bool cutACase() const { return cutACase_; }
     // The last lines of the broker's log.
     const std::deque<std::string>& brokerLines() const { return brokerLines_; }
+    // What was printed in a case, and after it until the next one began.
+    std::string outputOf(const std::string& caseName) const;
 
   private:
     RunEnd watch(process::ChildProcess& module);
     void pollOnce(const process::ChildProcess& module) const;
     Clock::time_point hangTime() const;
-    void follow(process::ChildProcess& module);
+    Clock::time_point wakeTime() const;
+    std::vector<ModuleEvent> follow(process::ChildProcess& module);
     void cutOff(RunEnd end);
     HangReport hangReport() const;
     std::string lastPassed() const;
@@ -75,7 +88,8 @@ class ModuleRun {
       private:
         std::string partial_;
     };
-    void showModuleLine(std::string_view line);
+    void takeModuleLine(std::string& currentCase, std::string_view line);
+    void showModuleLine(const std::string& caseName, std::string_view line);
     void keepBrokerLine(std::string_view line);
 
     process::ChildProcess* broker_;
@@ -85,12 +99,18 @@ class ModuleRun {
     const CaseEnded ended_;
     Clock::time_point begun_;
     std::int64_t cutOffNs_ = 0;  // when watching ended
+    bool cutACase_ = false;
     std::string stacks_;
     base::Pipe eventsPipe_;  // the module's events, beside its output
+    std::optional<Clock::time_point> channelClosed_;
     ModuleEvents events_;
     RunRecord record_;
+    // What the module prints, and the case in which each of the two streams is.
     LineBuffer output_;
     LineBuffer error_;
+    std::string outputCase_;
+    std::string errorCase_;
+    std::map<std::string, CaseOutput> printed_;
     LineBuffer brokerError_;
     std::deque<std::string> brokerLines_;
     process::ExitState exit_;

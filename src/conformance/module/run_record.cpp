@@ -1,6 +1,8 @@
 // From events to reports; see run_record.h.
 #include "conformance/module/run_record.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cassert>
 #include <utility>
@@ -41,7 +43,7 @@ std::string leftText(const nlohmann::json& left) {
 
 }  // namespace
 
-const CaseReport* RunRecord::add(const ModuleEvent& event) {
+CaseReport* RunRecord::add(const ModuleEvent& event) {
     lastEventNs_ = event.atNs;
     if (event.kind == Kind::peer && event.text != "ok") {
         peerMissing_ = textIn(event.data, "reason");
@@ -84,7 +86,7 @@ void RunRecord::addToCase(const ModuleEvent& event) {
             addFailure(checkIn(event));
             [[fallthrough]];
         case Kind::passed:
-            underWay_->checks.push_back(checkIn(event));
+            addCheck(event);
             break;
         case Kind::aborted:
             underWay_->verdict = Verdict::fail;
@@ -137,8 +139,20 @@ void RunRecord::addCall(const ModuleEvent& event, CallReport::Kind kind) {
         checkCall_ = std::move(call);
         return;
     }
+    if (underWay_->calls.size() == callsLimit) {
+        ++leftOut_;
+        return;
+    }
     open_[event.number] = underWay_->calls.size();
     underWay_->calls.push_back(std::move(call));
+}
+
+void RunRecord::addCheck(const ModuleEvent& event) {
+    if (underWay_->checks.size() == checksLimit) {
+        ++leftOut_;
+        return;
+    }
+    underWay_->checks.push_back(checkIn(event));
 }
 
 void RunRecord::endCall(const ModuleEvent& event) {
@@ -176,10 +190,15 @@ CaseReport& RunRecord::end(std::int64_t nowNs) {
         if (peerMissing_) {
             underWay_->missing.push_back("no test service answers: " + *peerMissing_);
         }
-        if (!underWay_->missing.empty()) {
+        if (!underWay_->missing.empty() || leftOut_ > 0) {
             underWay_->verdict = Verdict::fail;
         }
     }
+    if (leftOut_ > 0) {
+        underWay_->missing.push_back(
+            fmt::format("{} calls and checks are left out: no case has so many", leftOut_));
+    }
+    leftOut_ = 0;
     open_.clear();
     checkCall_.reset();
     return cases_.emplace_back(*std::exchange(underWay_, std::nullopt));

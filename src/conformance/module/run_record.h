@@ -17,11 +17,15 @@ namespace kavri::conformance {
 
 class RunRecord {
   public:
+    // Of a case. A right library comes nowhere near; one that calls back without end must
+    // not fill the memory and the reports.
+    static constexpr std::size_t callsLimit = 500;
+    static constexpr std::size_t checksLimit = 500;
     // From then on checks below the level fail no case.
     void judgeBy(Level level) { level_ = level; }
 
     // Adds an event. Returns the case that it ended, if it did.
-    const CaseReport* add(const ModuleEvent& event);
+    CaseReport* add(const ModuleEvent& event);
 
     // Failures outside of every case, a line each.
     const std::vector<std::string>& strayFailures() const { return strayFailures_; }
@@ -45,6 +49,7 @@ class RunRecord {
     void addFailure(const CheckReport& check);
     void addStray(const ModuleEvent& event);
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
+    void addCheck(const ModuleEvent& event);
     void endCall(const ModuleEvent& event);
     CaseReport& end(std::int64_t nowNs);
 
@@ -53,6 +58,7 @@ class RunRecord {
     std::optional<CaseReport> underWay_;
     std::optional<CallReport> checkCall_;   // of the peer check, while it is running
     std::map<unsigned, std::size_t> open_;  // number of a call to its place in the case
+    std::size_t leftOut_ = 0;               // calls and checks of the case
     std::int64_t lastEventNs_ = 0;
     std::optional<std::string> peerMissing_;
     std::vector<std::string> strayFailures_;

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include "base/bounded_text.h"
 #include "base/text_scanner.h"
 #include "process/child_process.h"
 
@@ -13,6 +14,8 @@ namespace {
 constexpr const char* debugger = "/usr/bin/gdb";
 // Reading the symbols of a large library takes seconds.
 constexpr std::chrono::seconds longestTime{15};
+// A library may have thousands of threads.
+constexpr std::size_t longestBytes = 65536;
 
 bool isPartOfAStack(std::string_view line) {
     return line.starts_with("Thread ") || line.starts_with("#");
@@ -38,7 +41,7 @@ std::string stacksOf(pid_t process) {
             stacks.append(*line).append("\n");
         }
     }
-    return stacks;
+    return base::bounded(stacks, longestBytes);
 }
 
 }  // namespace kavri::conformance

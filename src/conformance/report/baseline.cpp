@@ -13,7 +13,7 @@
 #include <iterator>
 #include <system_error>
 
-#include "conformance/report/run_display.h"
+#include "conformance/report/printable.h"
 #include "process/exit_status.h"
 
 namespace kavri::conformance {
@@ -102,8 +102,8 @@ Baseline Baseline::read(const std::filesystem::path& path) {
     }
     try {
         const json report = json::parse(file);
-        if (report.at("schema") != 1) {
-            refuse(path, fmt::format("its schema is {}, not 1", report["schema"].dump()));
+        if (report.at("schema") != 2) {
+            refuse(path, fmt::format("its schema is {}, not 2", report["schema"].dump()));
         }
         const auto verdict = report.at("verdict").get<std::string>();
         if (!isOfWholeRun(verdict)) {

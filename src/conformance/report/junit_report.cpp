@@ -2,7 +2,8 @@
 //
 // Readers accept one outcome per test case, so all that is wrong with a case goes
 // into one element: its message is one line, its text has everything. A failure
-// is what a check found, an error what kept the case from its end.
+// is what a check found, an error what kept the case from its end, or from being run:
+// a build server that skips what was not run would show a run of nothing in green.
 #include "conformance/report/junit_report.h"
 
 #include <fmt/format.h>
@@ -20,6 +21,8 @@ namespace {
 
 // Of the record of a case, the last; what led to a failure is there.
 constexpr size_t callsShown = 200;
+// Of the failed checks of a case, the first.
+constexpr size_t failuresShown = 50;
 
 // XML cannot hold every byte, not even escaped. What is no UTF-8 becomes U+FFFD,
 // as the JSON writer does it; a control character its number.
@@ -91,13 +94,30 @@ std::string compared(const CheckReport& check) {
                : fmt::format("\n    left:  {}\n    right: {}", check.left, check.right);
 }
 
+// Where the first failed check is: from "test_ipc_initiator.cpp(199)".
+void setPlace(pugi::xml_node testCase, const CaseReport& report) {
+    const auto failed = std::ranges::find(report.checks, false, &CheckReport::passed);
+    if (failed == report.checks.end()) {
+        return;
+    }
+    std::string_view file = failed->place;
+    const size_t bracket = file.rfind('(');
+    if (base::takeSuffix(file, ")") && bracket < file.size()) {
+        set(testCase, "file", file.substr(0, bracket));
+        set(testCase, "line", file.substr(bracket + 1));
+    }
+}
+
 // All that is known about what is wrong, a paragraph each.
 std::string failureText(const CaseReport& report) {
     std::vector<std::string> paragraphs;
     for (const CheckReport& check : report.checks) {
-        if (!check.passed) {
+        if (!check.passed && paragraphs.size() < failuresShown) {
             paragraphs.push_back(failureLine(check) + compared(check));
         }
+    }
+    if (report.checksFailed() > failuresShown) {
+        paragraphs.push_back(fmt::format("and {} more", report.checksFailed() - failuresShown));
     }
     paragraphs.insert(paragraphs.end(), report.missing.begin(), report.missing.end());
     if (report.hang && !report.hang->lastPassed.empty()) {
@@ -137,12 +157,17 @@ std::string errorMessage(const CaseReport& report) {
     return report.crash.empty() ? failureMessage(report) : report.crash;
 }
 
-void appendVerdict(pugi::xml_node testCase, const CaseReport& report) {
+// `reason`: that of the library.
+void appendNotRun(pugi::xml_node testCase, std::string_view reason) {
+    set(appendOutcome(testCase, "error", reason), "type", verdictText(Verdict::notRun));
+}
+
+void appendVerdict(pugi::xml_node testCase, const CaseReport& report, std::string_view reason) {
     if (report.verdict == Verdict::pass) {
         return;
     }
     if (report.verdict == Verdict::notRun) {
-        appendOutcome(testCase, "skipped", firstOf(report.missing, verdictText(report.verdict)));
+        appendNotRun(testCase, firstOf(report.missing, reason));
     } else if (!report.known.empty()) {
         appendOutcome(testCase, "skipped", "known failure: " + report.known);
     } else {
@@ -209,11 +234,16 @@ class SuiteElement {
         properties_ = element_.append_child("properties");
     }
 
-    void add(const CaseReport& report, std::string_view bareName) {
+    // `reason`: why there are cases of the library that were not run.
+    void add(const CaseReport& report, std::string_view bareName, std::string_view reason) {
         pugi::xml_node testCase = appendTestCase(element_, className_, bareName, report.seconds());
-        appendVerdict(testCase, report);
+        setPlace(testCase, report);
+        appendVerdict(testCase, report, reason);
         appendLevel(report, bareName);
         setText(testCase.append_child("system-out"), recordText(report));
+        if (!report.output.empty()) {
+            setText(testCase.append_child("system-err"), report.output);
+        }
     }
 
     void add(const FaultReport& fault) {
@@ -228,6 +258,11 @@ class SuiteElement {
     void add(const std::string& complaint) {
         pugi::xml_node testCase = appendTestCase(element_, className_, complaint, 0);
         appendOutcome(testCase, "failure", "the known failures are no longer true");
+    }
+
+    // A library or a run of which not even the cases are known.
+    void addNotRun(std::string_view reason) {
+        appendNotRun(appendTestCase(element_, className_, "all cases", 0), reason);
     }
 
     // The numbers of its cases, in it and in those of all.
@@ -266,6 +301,9 @@ std::string junitReport(const Report& report) {
     set(root, "name", "kavri conformance");
     std::vector<SuiteElement> suites;
     for (const LibraryReport& library : report.libraries) {
+        if (library.cases.empty()) {
+            suites.emplace_back(root, library.name, report.date).addNotRun(library.reason);
+        }
         std::string_view current;
         for (const CaseReport& one : library.cases) {
             std::string_view name = one.name;
@@ -274,7 +312,7 @@ std::string junitReport(const Report& report) {
                 suites.emplace_back(root, fmt::format("{}.{}", library.name, suite), report.date);
                 current = suite;
             }
-            suites.back().add(one, name);
+            suites.back().add(one, name, library.reason);
         }
     }
     if (report.matrix) {

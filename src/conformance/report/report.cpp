@@ -39,6 +39,22 @@ json latenciesJson(const LatenciesByFunction& latencies) {
     return all;
 }
 
+// What several verdicts come to together.
+Verdict together(const std::vector<Verdict>& all) {
+    const auto isOpen = [](Verdict verdict) {
+        return verdict == Verdict::notRun || verdict == Verdict::incomplete;
+    };
+    if (std::ranges::count(all, Verdict::notRun) == std::ssize(all)) {
+        return Verdict::notRun;
+    }
+    return std::ranges::any_of(all, isOpen) ? Verdict::incomplete : std::ranges::max(all);
+}
+
+// Where there is a reason, something is still to come.
+Verdict limitedBy(const std::string& reason, Verdict verdict) {
+    return reason.empty() || verdict == Verdict::notRun ? verdict : Verdict::incomplete;
+}
+
 }  // namespace
 
 // Found by the JSON library in the namespace of the types.
@@ -67,6 +83,7 @@ static void to_json(json& result, const CaseReport& report) {
               {"remarks", report.remarks},
               {"hang", orNull(report.hang)},
               {"crash", report.crash},
+              {"output", report.output},
               {"known", report.known},
               {"repeat", report.repeat}};
 }
@@ -78,7 +95,8 @@ static void to_json(json& result, const LibraryReport& library) {
               {"core", library.core},
               {"broker", library.broker},
               {"seconds", library.seconds},
-              {"verdict", verdictText(worstOf(library.cases))},
+              {"verdict", verdictText(library.verdict())},
+              {"reason", library.reason},
               {"cases", library.cases},
               {"latencies", latenciesJson(latencies)}};
 }
@@ -113,11 +131,12 @@ static void to_json(json& result, const BaselineComparison& comparison) {
 }
 
 json toJson(const Report& report) {
-    return {{"schema", 1},
+    return {{"schema", 2},
             {"command", report.command},
             {"date", report.date},
             {"tool", report.tool},
             {"verdict", verdictText(verdictOn(report))},
+            {"reason", report.reason},
             {"seconds", report.seconds},
             {"libraries", report.libraries},
             {"matrix", orNull(report.matrix)},
@@ -139,6 +158,8 @@ std::string_view verdictText(Verdict verdict) {
             return "crash";
         case Verdict::notRun:
             return "not run";
+        case Verdict::incomplete:
+            return "incomplete";
         case Verdict::harnessError:
             return "harness error";
     }
@@ -179,13 +200,15 @@ std::vector<std::string> CaseReport::failureLines() const {
 }
 
 Verdict worstOf(const std::vector<CaseReport>& cases) {
-    Verdict worst = Verdict::pass;
+    std::vector<Verdict> verdicts;
     for (const CaseReport& report : cases) {
-        if (report.known.empty()) {
-            worst = std::max(worst, report.verdict);
-        }
+        verdicts.push_back(report.known.empty() ? report.verdict : Verdict::pass);
     }
-    return worst;
+    return together(verdicts);
+}
+
+Verdict LibraryReport::verdict() const {
+    return limitedBy(reason, worstOf(cases));
 }
 
 void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies) {
@@ -205,14 +228,23 @@ bool MatrixReport::isProven() const {
 }
 
 Verdict verdictOn(const Report& report) {
-    const bool failsOtherwise = !report.complaints.empty() ||
-                                (report.matrix && !report.matrix->isProven()) ||
-                                (report.repeats && report.repeats->passed < report.repeats->runs);
-    Verdict worst = failsOtherwise ? Verdict::fail : Verdict::pass;
+    std::vector<Verdict> verdicts;
     for (const LibraryReport& library : report.libraries) {
-        worst = std::max(worst, worstOf(library.cases));
+        verdicts.push_back(library.verdict());
     }
-    return worst;
+    const auto add = [&verdicts](bool passed) {
+        verdicts.push_back(passed ? Verdict::pass : Verdict::fail);
+    };
+    if (!report.complaints.empty()) {
+        add(false);
+    }
+    if (report.matrix) {
+        add(report.matrix->isProven());
+    }
+    if (report.repeats) {
+        add(report.repeats->passed == report.repeats->runs);
+    }
+    return limitedBy(report.reason, together(verdicts));
 }
 
 }  // namespace kavri::conformance

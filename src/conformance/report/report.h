@@ -19,8 +19,9 @@
 
 namespace kavri::conformance {
 
-// From best to worst; what a whole run came to is its worst case.
-enum class Verdict { pass, fail, notRun, harnessError, timeout, crash };
+// From best to worst. A library or a run is *incomplete* where some of what was selected
+// has no verdict; one of which nothing has a verdict is *not run*.
+enum class Verdict { pass, fail, harnessError, timeout, crash, notRun, incomplete };
 std::string_view verdictText(Verdict verdict);  // "pass", "not run", …
 
 struct CheckReport {
@@ -79,6 +80,7 @@ struct CaseReport {
     std::vector<std::string> remarks;  // no failures, but worth knowing
     std::optional<HangReport> hang;
     std::string crash;   // "ended by signal 11 (Segmentation fault) …"
+    std::string output;  // of the module, see case_output.h; lines
     std::string known;   // the reason, where its failure is expected
     std::string repeat;  // the command line that runs it again
 
@@ -89,15 +91,20 @@ struct CaseReport {
     std::vector<std::string> failureLines() const;  // of the failed checks
 };
 
-// The worst verdict; known failures do not count.
+// The worst verdict; known failures count as passes.
 Verdict worstOf(const std::vector<CaseReport>& cases);
 
 struct LibraryReport {
-    std::string name;  // as the user named it
+    std::string name;
     std::string core;  // the file
     std::string broker;
     double seconds = 0;
-    std::vector<CaseReport> cases;  // in the order of the module
+    // All that were selected, in the order of the module; empty until that is known.
+    std::vector<CaseReport> cases;
+    // Why not all cases have a verdict; empty: all have.
+    std::string reason;
+
+    Verdict verdict() const;
 };
 
 // How long the calls of each function took.
@@ -157,12 +164,15 @@ struct Report {
     std::vector<LibraryReport> libraries;
     std::optional<MatrixReport> matrix;
     std::optional<RepeatReport> repeats;
+    // Why there is something that was not run; empty: there is nothing.
+    std::string reason;
     nlohmann::json requirements = nlohmann::json::array();  // the levels of cases and checks
     std::vector<std::string> complaints;  // about known failures that are no longer true
     std::optional<BaselineComparison> baseline;
 };
 
-// Of all that was run.
+// Of all that was to be run. Never a pass or failure where the report has a reason: what
+// is written while the run goes on is true, too, of a run that is killed at that moment.
 Verdict verdictOn(const Report& report);
 
 // The documented form; see docs/conformance.md.

@@ -208,19 +208,4 @@ std::string hangText(const HangReport& hang) {
                                            : "; the last check that passed: " + hang.lastPassed);
 }
 
-std::string printable(std::string_view text) {
-    std::string result;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\n') {
-            result += "\\n";
-        } else if (byte < 0x20 || byte == 0x7f) {
-            result += fmt::format("\\x{:02x}", byte);
-        } else {
-            result += c;
-        }
-    }
-    return result;
-}
-
 }  // namespace kavri::conformance

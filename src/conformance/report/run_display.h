@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/terminal.h"
+#include "conformance/report/printable.h"
 #include "conformance/report/report.h"
 
 namespace kavri::conformance {
@@ -61,9 +62,6 @@ class RunDisplay {
 
 std::string durationText(double seconds);
 std::string hangText(const HangReport& hang);
-
-// A text on one line: line breaks and control characters become escapes.
-std::string printable(std::string_view text);
 
 }  // namespace kavri::conformance
 

@@ -1,7 +1,10 @@
 // One process of the module after the other; see cases_run.h.
 #include "conformance/run/cases_run.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <chrono>
 
 #include "process/exit_text.h"
 
@@ -43,11 +46,52 @@ CasesOutcome CasesRun::run(ModuleRunRequest request, const std::vector<std::stri
     return outcome;
 }
 
+std::string CasesRun::standstillText() const {
+    return fmt::format("did nothing for {:.1f} s",
+                       std::chrono::duration<double>(watchdog_.silenceLimit()).count());
+}
+
+// Why a process of the module came to none of its cases.
+std::string CasesRun::whyNoneBegan(RunEnd end, const process::ExitState& exit) const {
+    switch (end) {
+        case RunEnd::hung:
+            return fmt::format(
+                "the module {} before the case; does the core library hang when it is loaded?",
+                standstillText());
+        case RunEnd::channelClosed:
+            return closedChannelText + " before the case";
+        default:
+            return "the module " + process::exitText(exit) + " before the case";
+    }
+}
+
+// What becomes of the module behind its last case is told with that case. Returns whether
+// there was something to tell.
+bool CasesRun::blameLastCase(RunEnd end, const process::ExitState& exit, CaseReport& last) const {
+    if (end == RunEnd::moduleEnded && !endedInOrder(exit)) {
+        last.verdict = Verdict::crash;
+        last.crash = "the module " + process::exitText(exit) + " after the case";
+    } else if (end == RunEnd::hung) {
+        last.verdict = Verdict::timeout;
+        last.missing.push_back(
+            fmt::format("the module {} after the case; does the core library hang when it is "
+                        "unloaded?",
+                        standstillText()));
+    } else if (end == RunEnd::channelClosed) {
+        last.verdict = Verdict::fail;
+        last.missing.push_back(closedChannelText + " after the case");
+    } else {
+        return false;
+    }
+    return true;
+}
+
 // Runs the remaining cases in one process, and removes those that have a verdict. Returns
 // whether to go on in another.
 bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left,
                        CasesOutcome& outcome, const Progress& progress) {
     request.cases = left;
+    const size_t before = outcome.cases.size();
     ModuleRun moduleRun(broker_, limits_, display_, watchdog_, [&](const CaseReport& report) {
         outcome.cases.push_back(report);
         std::erase(left, report.name);
@@ -62,22 +106,27 @@ bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left
     const auto& said = moduleRun.brokerLines();
     outcome.brokerLines.assign(said.begin(), said.end());
     outcome.usage.insert(outcome.usage.end(), record.usage().begin(), record.usage().end());
-    const process::ExitState& exit = moduleRun.exit();
+    const bool goesOn = outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung ||
+                        outcome.end == RunEnd::channelClosed;
     if (record.cases().empty()) {
-        outcome.refused = exit.code == frameworkRefusal;
-        if (outcome.end == RunEnd::moduleEnded) {
-            outcome.cases.push_back(
-                notRun(left.front(), "the module " + process::exitText(exit) + " before the case"));
+        outcome.refused = moduleRun.exit().code == frameworkRefusal;
+        if (goesOn) {
+            CaseReport& first = outcome.cases.emplace_back(
+                notRun(left.front(), whyNoneBegan(outcome.end, moduleRun.exit())));
+            first.output = moduleRun.outputOf(first.name);
             left.erase(left.begin());
         }
         return false;
     }
-    if (outcome.end == RunEnd::moduleEnded && !endedInOrder(exit) &&
-        outcome.cases.back().verdict != Verdict::crash) {
-        outcome.cases.back().verdict = Verdict::crash;
-        outcome.cases.back().crash = "the module " + process::exitText(exit) + " after the case";
+    // What was printed after a case is known only now.
+    for (size_t i = before; i < outcome.cases.size(); ++i) {
+        outcome.cases[i].output = moduleRun.outputOf(outcome.cases[i].name);
     }
-    return outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung;
+    if (!moduleRun.cutACase() &&
+        blameLastCase(outcome.end, moduleRun.exit(), outcome.cases.back())) {
+        display_.showCaseEnded(outcome.cases.back());
+    }
+    return goesOn;
 }
 
 }  // namespace kavri::conformance

@@ -41,6 +41,9 @@ class CasesRun {
   private:
     bool runRest(ModuleRunRequest& request, std::vector<std::string>& left, CasesOutcome& outcome,
                  const Progress& progress);
+    std::string standstillText() const;
+    std::string whyNoneBegan(RunEnd end, const process::ExitState& exit) const;
+    bool blameLastCase(RunEnd end, const process::ExitState& exit, CaseReport& last) const;
 
     const ConformanceModule& module_;
     process::ChildProcess* broker_;

@@ -21,6 +21,7 @@
 #include "conformance/run/repeat_command.h"
 #include "conformance/run/repeats.h"
 #include "process/exit_text.h"
+#include "process/temporary_folder.h"
 
 namespace kavri::conformance {
 
@@ -38,6 +39,9 @@ constexpr milliseconds proofCallLimit{800};
 // The cases mostly sleep.
 constexpr unsigned jobsPerProcessor = 4;
 
+// While the run goes on; and for good where it is killed.
+const std::string notEndedYet = "the run had not ended when this was written";
+
 double secondsSince(RunLimits::Clock::time_point begin) {
     return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
 }
@@ -49,6 +53,7 @@ process::ExitStatus statusFor(Verdict verdict) {
         case Verdict::fail:
             return process::ExitStatus::failed;
         case Verdict::notRun:
+        case Verdict::incomplete:
         case Verdict::harnessError:
             return process::ExitStatus::couldNotRun;
         case Verdict::timeout:
@@ -64,17 +69,28 @@ void throwIfNotWritten(const std::string& complaint) {
     }
 }
 
+std::string cutOffText(const CaseReport& report) {
+    if (report.hang) {
+        return hangText(*report.hang);
+    }
+    return report.crash.empty() ? report.missing.front() : report.crash;
+}
+
 // The first case that was cut off, known failures apart, and why.
 std::string cutOffText(const Report& report) {
     for (const LibraryReport& library : report.libraries) {
         for (const CaseReport& each : library.cases) {
-            if (each.known.empty() && (each.hang || !each.crash.empty())) {
-                return fmt::format("{}: {}", each.name,
-                                   each.hang ? hangText(*each.hang) : each.crash);
+            if (each.known.empty() && statusFor(each.verdict) == process::ExitStatus::ended) {
+                return fmt::format("{}: {}", each.name, cutOffText(each));
             }
         }
     }
     return "";
+}
+
+std::string whyNotRun(const CaseReport& report) {
+    return report.missing.empty() ? fmt::format("{} was not run", report.name)
+                                  : report.missing.front();
 }
 
 }  // namespace
@@ -87,7 +103,26 @@ double RunPlan::limitSeconds() const {
 
 process::ExitStatus ConformanceRun::run() {
     assert(!reportFiles_);  // runs once
+    process::removeAbandonedFolders();
+    report_ = openingReport();
+    reportFiles_.emplace(plan_.reports, report_);
+    try {
+        prepare();
+        runLibraries();
+    } catch (const std::exception& error) {
+        noteWhyIncomplete(error.what());
+        writeFiles();
+        throw;
+    }
+    return judge();
+}
+
+// What does not depend on the library: whatever can be known to be wrong is found out
+// before anything is started.
+void ConformanceRun::prepare() {
     checkModuleArguments(plan_.moduleArguments);
+    readEarlierResults();
+    files_ = KitFiles::find();
     if (plan_.socket) {
         checkBrokerListens(*plan_.socket);
         // Another library may talk to its broker in another way.
@@ -95,18 +130,24 @@ process::ExitStatus ConformanceRun::run() {
             checkBrokerAnswers(*plan_.socket);
         }
     }
-    readEarlierResults();
-    files_ = KitFiles::find();
-    report_ = openingReport();
-    reportFiles_.emplace(plan_.reports, report_);
-    if (plan_.libraries.empty()) {
-        runLibrary(std::nullopt);
+}
+
+// A library that cannot be run, or not to the end, does not keep the others from it.
+void ConformanceRun::runLibraries() {
+    for (current_ = 0; current_ < report_.libraries.size(); ++current_) {
+        try {
+            runLibrary();
+        } catch (const process::CommandFailure& failure) {
+            if (failure.status() == process::ExitStatus::ended) {
+                throw;
+            }
+            if (!report().reason.empty()) {
+                report().reason = failure.what();
+            }
+            failure_ = failure_.value_or(failure.status());
+            std::cerr << "kavri conformance: " << failure.what() << std::endl;
+        }
     }
-    for (const std::string& folder : plan_.libraries) {
-        runLibrary(folder);
-    }
-    compareWithEarlierResults();
-    return judge();
 }
 
 // Known failures, their next list, and the baseline: what is wrong with their files.
@@ -122,22 +163,17 @@ void ConformanceRun::readEarlierResults() {
     }
 }
 
-void ConformanceRun::compareWithEarlierResults() {
-    report_.complaints = expectations_.complaints();
-    if (baseline_) {
-        report_.baseline = baseline_->compare(report_, [this](const std::string& name) {
-            return isSelected(name, plan_.casePatterns) && levelOf(name) >= plan_.level;
-        });
-        for (const std::string& line : comparisonLines(*report_.baseline)) {
-            std::cout << fitted(line, DisplayStyle::ofStandardOutput()) << '\n';
-        }
-        std::cout << std::flush;
+void ConformanceRun::compareWithBaseline() {
+    if (!baseline_) {
+        return;
     }
-    writeFiles();
-    if (!plan_.writtenExpectations.empty()) {
-        throwIfNotWritten(
-            writeWholeFile(plan_.writtenExpectations, expectationList(report_, expectations_)));
+    report_.baseline = baseline_->compare(report_, [this](const std::string& name) {
+        return isSelected(name, plan_.casePatterns) && levelOf(name) >= plan_.level;
+    });
+    for (const std::string& line : comparisonLines(*report_.baseline)) {
+        std::cout << fitted(line, DisplayStyle::ofStandardOutput()) << '\n';
     }
+    std::cout << std::flush;
 }
 
 Report ConformanceRun::openingReport() const {
@@ -148,7 +184,34 @@ Report ConformanceRun::openingReport() const {
     report.date = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
     report.tool = plan_.tool;
     report.requirements = requirementsJson();
+    report.reason = notEndedYet;
+    report.libraries.resize(std::max<size_t>(1, plan_.libraries.size()));
+    for (size_t i = 0; i < report.libraries.size(); ++i) {
+        LibraryReport& library = report.libraries[i];
+        library.name = nameOf(i);
+        library.broker = plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+        library.reason = notEndedYet;
+    }
     return report;
+}
+
+// Unless a name is given, the folder: the same however it was typed, because what compares
+// the reports of several runs goes by the name.
+std::string ConformanceRun::nameOf(size_t library) const {
+    if (library < plan_.names.size()) {
+        return plan_.names[library];
+    }
+    if (plan_.libraries.empty()) {
+        return std::string(coreLibrary);
+    }
+    std::error_code error;
+    const auto folder = std::filesystem::canonical(plan_.libraries[library], error);
+    return error ? plan_.libraries[library] : folder.string();
+}
+
+// Of the library under test; none: the module finds it by itself.
+std::optional<std::string> ConformanceRun::folder() const {
+    return plan_.libraries.empty() ? std::nullopt : std::optional(plan_.libraries[current_]);
 }
 
 WatchdogSettings ConformanceRun::watchdog() const {
@@ -161,35 +224,48 @@ unsigned ConformanceRun::jobs(unsigned most) const {
     return std::min(plan_.jobs == 0 ? byDefault : plan_.jobs, most);
 }
 
-void ConformanceRun::runLibrary(const std::optional<std::string>& folder) {
-    const LibraryRun library(files_, folder, limits_);
+void ConformanceRun::runLibrary() {
+    const LibraryRun library(files_, folder(), limits_);
     const std::vector<std::string> cases =
-        atLevel(library.select(plan_.casePatterns, limits_), plan_.level);
+        atLevel(library.select(plan_.casePatterns, limits_, watchdog().callLimit), plan_.level);
     RunDisplay display(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases);
-    LibraryReport& report = report_.libraries.emplace_back();
-    report.name = library.name();
-    report.core = library.core();
-    report.broker = plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+    report().core = library.core();
+    report().cases.resize(cases.size());
+    for (size_t i = 0; i < cases.size(); ++i) {
+        report().cases[i].name = cases[i];
+        report().cases[i].level = levelText(levelOf(cases[i]));
+    }
     if (plan_.repeat) {
         repeat(library, cases, display);
     } else {
         runOnce(library, cases, display);
     }
+    const auto notRun = std::ranges::find(report().cases, Verdict::notRun, &CaseReport::verdict);
+    report().reason = notRun == report().cases.end() ? "" : whyNotRun(*notRun);
     if (plan_.proves) {
         prove(library, display);
     }
 }
 
-// Completes the cases, which are those of the last library.
-void ConformanceRun::addToReport(const LibraryRun& library, std::vector<CaseReport>& cases) {
+// `cases`: those that have ended. Completes them.
+void ConformanceRun::addToReport(std::vector<CaseReport>& cases) {
     expectations_.apply(cases);
-    for (CaseReport& each : cases) {
-        each.repeat = repeatCommand(plan_, library.folder(), each.name);
+    for (CaseReport& ended : cases) {
+        ended.repeat = repeatCommand(plan_, folder(), ended.name);
+        *std::ranges::find(report().cases, ended.name, &CaseReport::name) = ended;
     }
-    LibraryReport& report = report_.libraries.back();
-    report.cases = cases;
-    report.seconds = secondsSince(casesBegun_);
+    report().seconds = secondsSince(casesBegun_);
     writeFiles();
+}
+
+// What has no reason of its own has that of the run.
+void ConformanceRun::noteWhyIncomplete(const std::string& reason) {
+    report_.reason = reason;
+    for (LibraryReport& library : report_.libraries) {
+        if (library.reason == notEndedYet) {
+            library.reason = reason;
+        }
+    }
 }
 
 void ConformanceRun::writeFiles() {
@@ -199,12 +275,11 @@ void ConformanceRun::writeFiles() {
 
 void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                              RunDisplay& display) {
-    LibraryReport& report = report_.libraries.back();
     std::optional<OwnBroker> own;
     if (!plan_.socket) {
         own.emplace(files_.broker, limits_);
     }
-    display.showOpening(report.core, report.broker);
+    display.showOpening(report().core, report().broker);
     ModuleRunRequest request =
         library.request(own ? own->socket() : std::filesystem::path(*plan_.socket));
     request.userArguments = plan_.moduleArguments;
@@ -212,15 +287,14 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
     request.level = plan_.level;
     casesBegun_ = Clock::now();
     CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
-    const CasesOutcome outcome =
-        run.run(request, cases, [&](auto& soFar) { addToReport(library, soFar); });
+    const CasesOutcome outcome = run.run(request, cases, [&](auto& soFar) { addToReport(soFar); });
     if (worstOf(outcome.cases) != Verdict::pass) {
         for (const std::string& line : outcome.brokerLines) {
             display.showForeignLine(line);
         }
     }
-    display.showFailed(report.cases);
-    display.showClosing(report.cases, report.seconds);
+    display.showFailed(report().cases);
+    display.showClosing(report().cases, report().seconds);
     throwUnlessEnded(outcome, own ? own->process().wait(milliseconds(0)) : std::nullopt);
 }
 
@@ -233,7 +307,8 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
                                           : process::ExitStatus::usage,
                                       "the module refused to run, for the reason above");
     }
-    if (outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung) {
+    if (outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung ||
+        outcome.end == RunEnd::channelClosed) {
         return;
     }
     const auto cut = std::ranges::find_if(outcome.cases, [](const CaseReport& report) {
@@ -254,8 +329,7 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
 
 void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                             RunDisplay& display) {
-    LibraryReport& report = report_.libraries.back();
-    display.showOpening(report.core, plan_.socket ? report.broker : "brokers of its own");
+    display.showOpening(report().core, plan_.socket ? report().broker : "brokers of its own");
     ModuleRunRequest request = library.request({});
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
@@ -273,21 +347,21 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
             display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
         });
     report_.repeats = outcome.report;
-    addToReport(library, outcome.cases);
-    for (const CaseReport& each : report.cases) {
+    addToReport(outcome.cases);
+    for (const CaseReport& each : report().cases) {
         if (each.verdict != Verdict::pass) {
             display.showCaseEnded(each);
         }
     }
-    display.showFailed(report.cases);
-    display.showRepeats(outcome.report, report.seconds);
+    display.showFailed(report().cases);
+    display.showRepeats(outcome.report, report().seconds);
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
     }
 }
 
 void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
-    const std::vector<CaseReport>& baseline = report_.libraries.back().cases;
+    const std::vector<CaseReport>& baseline = report().cases;
     if (worstOf(baseline) != Verdict::pass) {
         throw process::CommandFailure(process::ExitStatus::failed,
                                       "--prove needs a library with which all cases pass; mend "
@@ -310,16 +384,26 @@ void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
 
 // With a baseline, failures that it has do not count, whatever the verdict.
 process::ExitStatus ConformanceRun::exitStatus() const {
-    const Verdict verdict = verdictOn(report_);
-    const bool isJudged = verdict != Verdict::notRun && verdict != Verdict::harnessError;
-    if (!report_.baseline || !isJudged) {
-        return statusFor(verdict);
+    const process::ExitStatus status = failure_.value_or(statusFor(verdictOn(report_)));
+    if (!report_.baseline || status == process::ExitStatus::couldNotRun ||
+        status == process::ExitStatus::usage) {
+        return status;
     }
     return report_.baseline->isWorse() || !report_.complaints.empty() ? process::ExitStatus::failed
                                                                       : process::ExitStatus::passed;
 }
 
-process::ExitStatus ConformanceRun::judge() const {
+process::ExitStatus ConformanceRun::judge() {
+    const auto incomplete = std::ranges::find_if(
+        report_.libraries, [](const LibraryReport& each) { return !each.reason.empty(); });
+    report_.reason = incomplete == report_.libraries.end() ? "" : incomplete->reason;
+    report_.complaints = expectations_.complaints();
+    compareWithBaseline();
+    writeFiles();
+    if (!plan_.writtenExpectations.empty() && report_.reason.empty()) {
+        throwIfNotWritten(
+            writeWholeFile(plan_.writtenExpectations, expectationList(report_, expectations_)));
+    }
     const process::ExitStatus status = exitStatus();
     for (const std::string& complaint : report_.complaints) {
         std::cerr << "kavri conformance: " << complaint << std::endl;

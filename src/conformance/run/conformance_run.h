@@ -23,6 +23,7 @@ struct RunPlan {
     std::vector<std::string> invocation;  // the whole command line, for the report
     std::optional<std::string> socket;
     std::vector<std::string> libraries;  // folders; none: the library that the module finds
+    std::vector<std::string> names;      // of the libraries in the reports, as far as given
     std::vector<std::string> casePatterns;
     Level level = Level::may;              // of the cases, and of the checks that count
     std::optional<double> timeoutSeconds;  // of the whole run
@@ -50,30 +51,37 @@ class ConformanceRun {
     ConformanceRun(const RunPlan& plan, const RunLimits& limits)
         : plan_(plan), limits_(limits), begun_(Clock::now()) {}
 
-    // Once. Returns the verdict on all that was run; throws CommandFailure where there
-    // is none. Whatever can be known to be wrong is found out before anything is started.
+    // Once. Returns the verdict on all that was to be run, also where some of it could not
+    // be; throws CommandFailure where the command line is wrong, and where the run was cut
+    // off. The report says the same as the exception.
     process::ExitStatus run();
 
   private:
     using Clock = RunLimits::Clock;
 
     Report openingReport() const;
+    std::string nameOf(std::size_t library) const;
+    std::optional<std::string> folder() const;
+    LibraryReport& report() { return report_.libraries[current_]; }
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
-    void runLibrary(const std::optional<std::string>& folder);
+    void prepare();
+    void runLibraries();
+    void runLibrary();
     void runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                  RunDisplay& display);
     void repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                 RunDisplay& display);
     void prove(const LibraryRun& library, RunDisplay& display);
-    void addToReport(const LibraryRun& library, std::vector<CaseReport>& cases);
+    void readEarlierResults();
+    void compareWithBaseline();
+    void addToReport(std::vector<CaseReport>& cases);
+    void noteWhyIncomplete(const std::string& reason);
     void writeFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;
-    void readEarlierResults();
-    void compareWithEarlierResults();
     process::ExitStatus exitStatus() const;
-    process::ExitStatus judge() const;
+    process::ExitStatus judge();
 
     const RunPlan& plan_;
     const RunLimits& limits_;
@@ -81,6 +89,8 @@ class ConformanceRun {
     Clock::time_point casesBegun_;  // of the library under test
     KitFiles files_;
     Report report_;
+    std::size_t current_ = 0;  // the library under test, in the report and the plan
+    std::optional<process::ExitStatus> failure_;  // of the first library that was not run
     std::optional<ReportFiles> reportFiles_;
     Expectations expectations_;
     std::optional<Baseline> baseline_;

@@ -37,15 +37,17 @@ KitFiles KitFiles::find() {
 
 LibraryRun::LibraryRun(const KitFiles& files, const std::optional<std::string>& folder,
                        const RunLimits& limits)
-    : files_(files),
-      folder_(folder),
-      module_(files.module, folder ? std::optional<fs::path>(*folder) : std::nullopt),
+    : module_(files.module, folder ? std::optional<fs::path>(*folder) : std::nullopt, paths_),
       libraries_(module_.findLibraries(limits)),
-      name_(folder.value_or(libraries_.core.filename().string())) {}
+      observer_(paths_.nameFor(files.observer)),
+      probe_(paths_.nameFor(files.probe)) {
+    libraries_.runtime = paths_.nameFor(libraries_.runtime);
+}
 
 std::vector<std::string> LibraryRun::select(const std::vector<std::string>& patterns,
-                                            const RunLimits& limits) const {
-    return selectCases(module_.listCases(limits), patterns);
+                                            const RunLimits& limits,
+                                            std::chrono::milliseconds loadLimit) const {
+    return selectCases(module_.listCases(limits, loadLimit), patterns);
 }
 
 std::string LibraryRun::core() const {
@@ -58,8 +60,8 @@ ModuleRunRequest LibraryRun::request(const fs::path& socket) const {
     ModuleRunRequest request;
     request.brokerSocket = socket;
     request.libraries = libraries_;
-    request.observer = files_.observer;
-    request.probe = files_.probe;
+    request.observer = observer_;
+    request.probe = probe_;
     return request;
 }
 

@@ -32,12 +32,11 @@ class LibraryRun {
                const RunLimits& limits);
 
     // The module's cases that match one of the patterns; all where there is none.
+    // `loadLimit`: how long the library may take to be loaded.
     std::vector<std::string> select(const std::vector<std::string>& patterns,
-                                    const RunLimits& limits) const;
+                                    const RunLimits& limits,
+                                    std::chrono::milliseconds loadLimit) const;
 
-    const std::string& name() const { return name_; }
-    // As it was named; none: the library that the module finds.
-    const std::optional<std::string>& folder() const { return folder_; }
     std::string core() const;  // its file, relative to the current folder where it is below that
     const ConformanceModule& module() const { return module_; }
 
@@ -45,11 +44,12 @@ class LibraryRun {
     ModuleRunRequest request(const std::filesystem::path& socket) const;
 
   private:
-    const KitFiles& files_;
-    const std::optional<std::string> folder_;
+    LoaderPaths paths_;
     ConformanceModule module_;
     ModuleLibraries libraries_;
-    std::string name_;
+    // As the loader takes them.
+    std::filesystem::path observer_;
+    std::filesystem::path probe_;
 };
 
 // What all runs of a library have in common. Does not own what it refers to.

@@ -18,6 +18,7 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 #include <span>
 
 #include "core/deadline.h"
@@ -89,9 +90,12 @@ class Endpoint : public std::enable_shared_from_this<Endpoint>,
     // Handles all that has arrived.
     void handleFrames() { shared_.handleAll(); }
 
-    kavri_core_status connectIfNeeded(Lock& lock, CallDeadline& deadline) {
-        return connector_.connectIfNeeded(lock, deadline);
-    }
+    // A receive: waits until `isReady()`, and connects anew where there is no connection, until
+    // `outcome()` has a status to return, which it takes. Why it cannot connect is returned as
+    // `unconnected` turns it.
+    template <typename Ready, typename Outcome, typename Unconnected>
+    kavri_core_status receiveNext(Lock& lock, int timeoutMs, const Ready& isReady,
+                                  const Outcome& outcome, const Unconnected& unconnected);
 
     // Sends frames in order, over the connection there is or a new one. `sent` rises by how
     // many were accepted. Frames that are requests get their correlation tokens from
@@ -122,6 +126,9 @@ class Endpoint : public std::enable_shared_from_this<Endpoint>,
     void dispatchOnce(Lock& lock) final;
     void finishDispatching(Lock& lock) final { flush(lock); }
 
+    kavri_core_status connectIfNeeded(Lock& lock, CallDeadline& deadline) {
+        return connector_.connectIfNeeded(lock, deadline);
+    }
     bool hasWork() const;
     void awaitWork(Lock& lock);
     void flush(Lock& lock) { sendPath_.flush(lock, settings_.sendTimeout); }
@@ -172,6 +179,33 @@ Endpoint::Wait Endpoint::waitUntil(Lock& lock, CallDeadline& deadline, const Rea
         if (!shared_.mayRead() && !ready()) {
             monitor_.wait(lock, deadline.at());
         }
+    }
+}
+
+template <typename Ready, typename Outcome, typename Unconnected>
+kavri_core_status Endpoint::receiveNext(Lock& lock, int timeoutMs, const Ready& isReady,
+                                        const Outcome& outcome, const Unconnected& unconnected) {
+    CallDeadline deadline = deadlineAfter(timeoutMs);
+    bool wasConnected = isConnected();
+    while (true) {
+        const Wait wait = waitUntil(lock, deadline, isReady);
+        if (const std::optional<kavri_core_status> status = outcome()) {
+            return *status;
+        }
+        if (wait == Wait::timedOut) {
+            return KAVRI_CORE_STATUS_IPC_NO_MESSAGE;
+        }
+        if (wasConnected) {
+            return KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
+        }
+        if (timeoutMs == 0) {
+            return KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE;
+        }
+        const kavri_core_status status = connectIfNeeded(lock, deadline);
+        if (status != KAVRI_CORE_STATUS_NO_ERROR) {
+            return unconnected(status);
+        }
+        wasConnected = true;
     }
 }
 

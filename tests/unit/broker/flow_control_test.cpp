@@ -194,6 +194,8 @@ BOOST_FIXTURE_TEST_CASE(whenAPeerIsGivenUpOnNobodyWaitsForIt, Responder) {
     BOOST_TEST(hear(small) == "notice 1 status=14");
     BOOST_TEST(hear(large) == "notice 1 status=14");
     BOOST_TEST(!senderOf("y").isBlocked());
+    BOOST_TEST(service.sendQueue.bytes() == high);
+    BOOST_TEST(small.asInitiator.pendingRequests == 0U);
 }
 
 BOOST_FIXTURE_TEST_CASE(aRequestToItIsDeliveredBelowTheHighWaterMark, Responder) {

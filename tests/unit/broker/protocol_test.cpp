@@ -8,7 +8,7 @@
 #include <set>
 
 #include "broker/hosted_test_service.h"
-#include "support/scripted_broker.h"
+#include "support/conversation.h"
 
 using namespace kavri::tests;
 using kavri::broker::Role;
@@ -17,18 +17,8 @@ using kavri::wire::Limits;
 
 namespace {
 
-Frame hello(std::string_view role, std::uint64_t version = kavri::wire::protocolVersion) {
-    return makeFrame(FrameType::hello, version, {.identifier = role});
-}
-Frame ping(std::uint64_t token) {
-    return makeFrame(FrameType::ping, token);
-}
-Frame echo(std::uint64_t token, std::string_view payload) {
-    return makeFrame(FrameType::request, token, {"test", "echo", "u", payload});
-}
 std::string echoed(std::uint64_t token, const std::string& payload) {
-    return "response " + std::to_string(token) +
-           " category=test identifier=echo uuid=u payload=" + payload;
+    return "response " + std::to_string(token) + fields + payload;
 }
 
 // With a service to talk to that answers at once.
@@ -38,12 +28,6 @@ struct WithService : ScriptedBroker {
     }
     kavri::broker::HostedTestService service{[](std::string_view) {}};
 };
-
-// A frame of just this many bytes.
-Frame echoOfSize(std::uint64_t token, std::size_t bytes, std::string& payload) {
-    payload.assign(bytes - encode(echo(token, "")).size(), 'l');
-    return echo(token, payload);
-}
 
 }  // namespace
 
@@ -55,7 +39,7 @@ BOOST_AUTO_TEST_CASE(aHelloIsAnsweredWithIdentityAndLimits) {
     limits.openRequestsPerInitiator = 678;
     ScriptedBroker broker(limits);
     Session& session = broker.connect();
-    broker.say(session, hello("initiator"));
+    broker.say(session, helloFrame("initiator"));
     const std::string bytes = broker.hearBytes(session);
     BOOST_TEST(describeAll(bytes) ==
                "welcome 1 uuid=the-identity payload=payload_bytes=12345\n"
@@ -72,7 +56,7 @@ BOOST_FIXTURE_TEST_CASE(theRoleIsWhatTheHelloSays, ScriptedBroker) {
 BOOST_FIXTURE_TEST_CASE(aRoleThatIsNoneIsRefused, ScriptedBroker) {
     for (const char* role : {"", "Initiator", "initiator ", "broker"}) {
         Session& session = connect();
-        say(session, hello(role));
+        say(session, helloFrame(role));
         BOOST_TEST(closing(session) ==
                    "status 9: malformed: its role is neither initiator nor responder");
         BOOST_TEST(session.sendQueue.empty());
@@ -82,7 +66,7 @@ BOOST_FIXTURE_TEST_CASE(aRoleThatIsNoneIsRefused, ScriptedBroker) {
 BOOST_FIXTURE_TEST_CASE(anotherVersionIsRefusedAndBothAreNamed, ScriptedBroker) {
     for (const std::uint64_t version : {std::uint64_t{0}, std::uint64_t{2}, UINT64_MAX}) {
         Session& session = connect();
-        say(session, hello("initiator", version));
+        say(session, helloFrame("initiator", version));
         BOOST_TEST(closing(session) ==
                    "status 8: the broker speaks protocol version 1, the client version " +
                        std::to_string(version));
@@ -105,7 +89,7 @@ BOOST_FIXTURE_TEST_CASE(nothingElseMayComeFirst, ScriptedBroker) {
 
 BOOST_FIXTURE_TEST_CASE(whatFollowsTheHelloMayComeWithIt, WithService) {
     Session& session = connect();
-    sayBytes(session, encode(hello("initiator")) + encode(echo(7, "hi")));
+    sayBytes(session, encode(helloFrame("initiator")) + encode(request(7, "hi")));
     const std::string bytes = hearBytes(session);
     const auto frames = framesIn(bytes);
     BOOST_REQUIRE(frames.size() == 2U);
@@ -179,7 +163,7 @@ BOOST_FIXTURE_TEST_CASE(theReasonIsWhatIsWrong, WithService) {
     badLength[0] = 33;
     BOOST_TEST(reasonFor(badLength) ==
                "status 9: malformed: the lengths in the header contradict each other");
-    BOOST_TEST(reasonFor(encode(echo(1, std::string_view("a\0b", 3)))) ==
+    BOOST_TEST(reasonFor(encode(request(1, std::string_view("a\0b", 3)))) ==
                "status 9: malformed: a field has a NUL byte in it");
     BOOST_TEST(reasonFor(encode(makeFrame(FrameType::subscribe, 1))) ==
                "status 9: malformed: a field that this type must have is missing");
@@ -192,7 +176,7 @@ BOOST_FIXTURE_TEST_CASE(aNulInALargeFrameIsFoundToo, WithService) {
     std::string payload(2 * largeFrameBytes, 'x');
     payload.back() = '\0';
     Session& session = initiator();
-    say(session, echo(7, payload));
+    say(session, request(7, payload));
     BOOST_TEST(closing(session) == "status 9: malformed: a field has a NUL byte in it");
     BOOST_TEST(session.sendQueue.empty());
 }
@@ -203,10 +187,10 @@ BOOST_AUTO_TEST_CASE(aPayloadMayBeAsLargeAsGrantedAndNoLarger) {
         limits.payloadBytes = granted;
         WithService broker(limits);
         Session& session = broker.initiator();
-        broker.say(session, echo(7, std::string(granted, 'p')));
+        broker.say(session, request(7, std::string(granted, 'p')));
         const std::string answer = broker.hearBytes(session);
         BOOST_TEST(framesIn(answer).at(0)[Field::payload].size() == granted);
-        broker.say(session, echo(8, std::string(granted + 1, 'p')));
+        broker.say(session, request(8, std::string(granted + 1, 'p')));
         BOOST_TEST(broker.closing(session) ==
                    "status 9: malformed: the payload is above the limit of this connection");
     }
@@ -215,7 +199,7 @@ BOOST_AUTO_TEST_CASE(aPayloadMayBeAsLargeAsGrantedAndNoLarger) {
 // Its header is enough: nobody waits for the megabytes that it announces.
 BOOST_FIXTURE_TEST_CASE(aBadHeaderClosesBeforeTheRestIsThere, WithService) {
     Session& session = initiator();
-    const std::string bytes = encode(echo(7, std::string(limits.payloadBytes + 1, 'p')));
+    const std::string bytes = encode(request(7, std::string(limits.payloadBytes + 1, 'p')));
     sayBytes(session, bytes.substr(0, 31));
     BOOST_TEST(closing(session) == "");
     sayBytes(session, bytes.substr(31, 1));
@@ -236,7 +220,7 @@ BOOST_FIXTURE_TEST_CASE(nothingIsHeardBehindAGoodbyeOrAHelloThatWasRefused, With
     sayBytes(leaving, encode(makeFrame(FrameType::goodbye, 0, {.payload = ""})) + encode(ping(1)));
     BOOST_TEST(hear(leaving) == "");
     Session& persistent = connect();
-    sayBytes(persistent, encode(hello("initiator", 2)) + encode(hello("initiator")));
+    sayBytes(persistent, encode(helloFrame("initiator", 2)) + encode(helloFrame("initiator")));
     BOOST_TEST(hear(persistent) == "");
     BOOST_TEST((persistent.role == Role::unknown));
 }
@@ -247,7 +231,7 @@ BOOST_FIXTURE_TEST_CASE(nobodyElseNotices, WithService) {
     sayBytes(session, std::string(100, '\xff'));
     BOOST_TEST(closing(session) != "");
     BOOST_TEST(closing(other) == "");
-    say(other, echo(7, "hi"));
+    say(other, request(7, "hi"));
     BOOST_TEST(hear(other) == echoed(7, "hi"));
 }
 
@@ -257,8 +241,8 @@ BOOST_AUTO_TEST_SUITE(pieces)
 
 BOOST_FIXTURE_TEST_CASE(aConversationMayBeCutAtAnyByte, WithService) {
     const std::string bytes =
-        encode(hello("initiator")) + encode(ping(1)) + encode(echo(2, "some payload")) +
-        encode(makeFrame(FrameType::subscribe, 3, {.category = "test"})) + encode(echo(4, ""));
+        encode(helloFrame("initiator")) + encode(ping(1)) + encode(request(2, "some payload")) +
+        encode(makeFrame(FrameType::subscribe, 3, {.category = "test"})) + encode(request(4, ""));
     Session& whole = connect();
     sayBytes(whole, bytes);
     const std::string expected = hearBytes(whole);
@@ -275,8 +259,8 @@ BOOST_FIXTURE_TEST_CASE(aConversationMayBeCutAtAnyByte, WithService) {
 
 BOOST_FIXTURE_TEST_CASE(aConversationMayComeByteByByte, WithService) {
     std::string payload;
-    const std::string bytes = encode(hello("initiator")) + encode(echo(2, "small")) +
-                              encode(echoOfSize(3, largeFrameBytes + 10, payload)) +
+    const std::string bytes = encode(helloFrame("initiator")) + encode(request(2, "small")) +
+                              encode(requestOfSize(3, largeFrameBytes + 10, payload)) +
                               encode(ping(4));
     Session& session = connect();
     for (const char byte : bytes) {
@@ -294,7 +278,8 @@ BOOST_FIXTURE_TEST_CASE(framesAroundTheSizeOfALargeOneAreAllTheSame, WithService
     for (const std::size_t size : {largeFrameBytes - 1, largeFrameBytes, largeFrameBytes + 1}) {
         Session& session = initiator();
         std::string payload;
-        sayBytes(session, encode(ping(1)) + encode(echoOfSize(2, size, payload)) + encode(ping(3)));
+        sayBytes(session,
+                 encode(ping(1)) + encode(requestOfSize(2, size, payload)) + encode(ping(3)));
         const std::string answer = hearBytes(session);
         const auto frames = framesIn(answer);
         BOOST_REQUIRE(frames.size() == 3U);
@@ -308,7 +293,7 @@ BOOST_FIXTURE_TEST_CASE(framesAroundTheSizeOfALargeOneAreAllTheSame, WithService
 BOOST_FIXTURE_TEST_CASE(aLargeFrameMayBeCutAtAnyByte, WithService) {
     std::string payload;
     const std::string bytes =
-        encode(ping(1)) + encode(echoOfSize(2, largeFrameBytes, payload)) + encode(ping(3));
+        encode(ping(1)) + encode(requestOfSize(2, largeFrameBytes, payload)) + encode(ping(3));
     Session& session = initiator();
     sayBytes(session, bytes);
     const std::string expected = hearBytes(session);
@@ -325,153 +310,12 @@ BOOST_FIXTURE_TEST_CASE(aLargeFrameMayBeCutAtAnyByte, WithService) {
 BOOST_FIXTURE_TEST_CASE(anIdleSessionOwnsNoMemory, WithService) {
     Session& session = initiator();
     std::string payload;
-    say(session, echo(1, "small"));
-    say(session, echoOfSize(2, 5 * largeFrameBytes, payload));
+    say(session, request(1, "small"));
+    say(session, requestOfSize(2, 5 * largeFrameBytes, payload));
     hearBytes(session);
     BOOST_TEST(!session.input.backlog);
     BOOST_TEST(!session.input.large);
     BOOST_TEST(session.sendQueue.empty());
-}
-
-BOOST_AUTO_TEST_SUITE_END()
-
-// A session that has to wait goes on where it stopped.
-BOOST_AUTO_TEST_SUITE(waiting)
-
-struct Slow : ScriptedBroker {
-    static Limits smallSendQueue() {
-        Limits limits;
-        limits.sendQueueBytes = 64 * 1024;
-        return limits;
-    }
-    Slow() : ScriptedBroker(smallSendQueue()) {}
-
-    Session& caller = initiator();
-    Session& service = responder("test");
-
-    void stall(Session& session) {
-        session.sendQueue.appendCopy(std::string(limits.sendQueueBytes / 4 * 3, 's'));
-    }
-    // The payloads of the requests that the responder has got.
-    std::string asked() {
-        const std::string bytes = hearBytes(service);
-        std::string payloads;
-        for (const Frame& frame : framesIn(bytes)) {
-            payloads += std::string(frame[Field::payload].substr(0, 10)) + ";";
-        }
-        return payloads;
-    }
-};
-
-BOOST_FIXTURE_TEST_CASE(framesBehindTheOneThatWaitsKeepTheirOrder, Slow) {
-    stall(service);
-    BOOST_TEST(sayBytes(caller, encode(echo(1, "one")) + encode(echo(2, "two")) +
-                                    encode(echo(3, "three")).substr(0, 40)) == &service);
-    service.sendQueue.clear();
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(asked() == "one;two;");
-    sayBytes(caller, encode(echo(3, "three")).substr(40));
-    BOOST_TEST(asked() == "three;");
-}
-
-BOOST_FIXTURE_TEST_CASE(aLargeFrameWaitsWithWhatIsBehindIt, Slow) {
-    std::string payload;
-    const Frame large = echoOfSize(2, 2 * largeFrameBytes, payload);
-    stall(service);
-    BOOST_TEST(sayBytes(caller, encode(large) + encode(echo(3, "behind"))) == &service);
-    BOOST_TEST(resume(caller) == &service);
-    service.sendQueue.clear();
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(asked() == "llllllllll;behind;");
-    BOOST_TEST((!caller.input.large && !caller.input.backlog));
-}
-
-BOOST_FIXTURE_TEST_CASE(aLargeFrameWaitsAlone, Slow) {
-    std::string payload;
-    stall(service);
-    BOOST_TEST(say(caller, echoOfSize(1, 2 * largeFrameBytes, payload)) == &service);
-    service.sendQueue.clear();
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(asked() == "llllllllll;");
-}
-
-BOOST_FIXTURE_TEST_CASE(nothingOvertakesALargeFrameThatWaits, Slow) {
-    std::string payload;
-    stall(service);
-    BOOST_TEST(sayBytes(caller, encode(echoOfSize(1, 2 * largeFrameBytes, payload)) +
-                                    encode(ping(2))) == &service);
-    BOOST_TEST(hear(caller) == "");
-    service.sendQueue.clear();
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(hear(caller) == "pong 2");
-}
-
-BOOST_FIXTURE_TEST_CASE(aLargeFrameThatCameInPartsMayHaveToWait, Slow) {
-    std::string payload;
-    const std::string bytes = encode(echoOfSize(2, 2 * largeFrameBytes, payload));
-    sayBytes(caller, bytes.substr(0, 20'000));
-    stall(service);
-    BOOST_TEST(sayBytes(caller, bytes.substr(20'000) + encode(echo(3, "behind"))) == &service);
-    service.sendQueue.clear();
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(asked() == "llllllllll;behind;");
-}
-
-BOOST_FIXTURE_TEST_CASE(aSmallFrameWaitsInFrontOfALargeOne, Slow) {
-    std::string payload;
-    const std::string bytes =
-        encode(echo(1, "small")) + encode(echoOfSize(2, 2 * largeFrameBytes, payload));
-    stall(service);
-    BOOST_TEST(sayBytes(caller, bytes) == &service);
-    service.sendQueue.clear();
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(asked() == "small;llllllllll;");
-}
-
-BOOST_FIXTURE_TEST_CASE(onlyWhatHasToWaitDoes, Slow) {
-    stall(service);
-    BOOST_TEST(sayBytes(caller, encode(ping(1)) + encode(echo(2, "waits")) + encode(ping(3))) ==
-               &service);
-    BOOST_TEST(hear(caller) == "pong 1");
-    service.sendQueue.clear();
-    resume(caller);
-    BOOST_TEST(hear(caller) == "pong 3");
-}
-
-// The room that one frame found may be gone for the next.
-BOOST_FIXTURE_TEST_CASE(itMayHaveToWaitAgainFurtherOn, Slow) {
-    std::string bytes;
-    std::string expected;
-    std::string payload;
-    for (std::uint64_t token = 0; token < 10; ++token) {
-        bytes += encode(echoOfSize(token, largeFrameBytes + 1, payload));
-        bytes += encode(echo(token, "between"));
-        expected += "llllllllll;between;";
-    }
-    Session* waitFor = sayBytes(caller, bytes);
-    std::string all;
-    for (int turns = 0; waitFor != nullptr; ++turns) {
-        BOOST_REQUIRE(waitFor == &service);
-        BOOST_REQUIRE(turns < 20);
-        all += asked();
-        waitFor = resume(caller);
-    }
-    BOOST_TEST(all + asked() == expected);
-}
-
-BOOST_FIXTURE_TEST_CASE(goingOnWithNothingKeptIsNothing, Slow) {
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(asked() == "");
-}
-
-BOOST_FIXTURE_TEST_CASE(whatIsBadBehindTheOneThatWaitedIsFoundWhenItGoesOn, Slow) {
-    stall(service);
-    sayBytes(caller, encode(echo(1, "one")) + std::string(40, '\xff'));
-    BOOST_TEST(closing(caller) == "");
-    service.sendQueue.clear();
-    BOOST_TEST(resume(caller) == nullptr);
-    BOOST_TEST(asked() == "one;");
-    BOOST_TEST(closing(caller) == "status 9: malformed: unknown frame type");
 }
 
 BOOST_AUTO_TEST_SUITE_END()

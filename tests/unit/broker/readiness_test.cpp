@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <boost/test/unit_test.hpp>
+#include <chrono>
 #include <deque>
 #include <set>
 
@@ -70,9 +71,9 @@ using Marks = std::multiset<std::uint64_t>;
 
 BOOST_FIXTURE_TEST_CASE(aSessionWithInputIsReported, Sessions) {
     const Connected& one = connect();
-    BOOST_TEST(!readiness.wait(0));
+    BOOST_TEST(!readiness.poll());
     one.send();
-    BOOST_TEST(readiness.wait(0));
+    BOOST_TEST(readiness.poll());
     BOOST_TEST(marksOf(readiness.events()) == Marks{markOf(one.session.id)});
 }
 
@@ -82,7 +83,7 @@ BOOST_FIXTURE_TEST_CASE(bulkSessionsAreOneEventBesideTheOthers, Sessions) {
     }
     const Connected& other = connect();
     other.send();
-    BOOST_TEST(readiness.wait(0));
+    BOOST_TEST(readiness.poll());
     BOOST_TEST(marksOf(readiness.events()) == (Marks{markOf(other.session.id), bulkMark}));
 }
 
@@ -93,7 +94,8 @@ BOOST_FIXTURE_TEST_CASE(eachBulkSessionHasItsTurnBeforeAnyHasASecondOne, Session
     }
     Marks taken;
     while (taken.size() < all.size()) {
-        const auto events = readiness.takeBulk();
+        readiness.waitBulk();
+        const auto events = readiness.bulkEvents();
         BOOST_REQUIRE(!events.empty());
         BOOST_TEST(events.size() < all.size());
         taken.merge(marksOf(events));
@@ -104,16 +106,49 @@ BOOST_FIXTURE_TEST_CASE(eachBulkSessionHasItsTurnBeforeAnyHasASecondOne, Session
 BOOST_FIXTURE_TEST_CASE(aSessionThatIsNoLongerBulkIsReportedByItself, Sessions) {
     Connected& one = connectBulk();
     BOOST_TEST(readiness.setBulk(one.session, false));
-    BOOST_TEST(readiness.wait(0));
+    BOOST_TEST(readiness.poll());
     BOOST_TEST(marksOf(readiness.events()) == Marks{markOf(one.session.id)});
-    BOOST_TEST(readiness.takeBulk().empty());
+    readiness.waitBulk();
+    BOOST_TEST(readiness.bulkEvents().empty());
 }
 
 BOOST_FIXTURE_TEST_CASE(aBulkSessionThatIsNotWatchedIsNotReported, Sessions) {
     Connected& one = connectBulk();
     BOOST_TEST(readiness.watch(one.session, 0));
-    BOOST_TEST(!readiness.wait(0));
+    BOOST_TEST(!readiness.poll());
     BOOST_TEST(readiness.watch(one.session, EPOLLIN));
-    BOOST_TEST(readiness.wait(0));
+    BOOST_TEST(readiness.poll());
     BOOST_TEST(marksOf(readiness.events()) == Marks{bulkMark});
+}
+
+BOOST_FIXTURE_TEST_CASE(waitingEndsAtTheTimeWithoutAnEvent, Sessions) {
+    const auto until = WakeTimer::Clock::now() + std::chrono::milliseconds(2);
+    while (WakeTimer::Clock::now() < until) {
+        BOOST_TEST(!readiness.wait(until));
+    }
+    BOOST_TEST(readiness.events().empty());
+}
+
+BOOST_FIXTURE_TEST_CASE(waitingEndsWithAnEventBeforeTheTime, Sessions) {
+    connect().send();
+    BOOST_TEST(readiness.wait(WakeTimer::Clock::now() + std::chrono::hours(1)));
+}
+
+// The timer of a wait that ended early ends a later wait.
+BOOST_FIXTURE_TEST_CASE(anEarlierTimeStaysSet, Sessions) {
+    const auto soon = WakeTimer::Clock::now() + std::chrono::milliseconds(2);
+    Connected& one = connect();
+    one.send();
+    BOOST_TEST(readiness.wait(soon));
+    BOOST_TEST(readiness.watch(one.session, 0));
+    BOOST_TEST(!readiness.wait(soon + std::chrono::hours(1)));
+    BOOST_TEST((WakeTimer::Clock::now() >= soon));
+}
+
+BOOST_FIXTURE_TEST_CASE(anEarlierTimeReplacesALaterOne, Sessions) {
+    Connected& one = connect();
+    one.send();
+    BOOST_TEST(readiness.wait(WakeTimer::Clock::now() + std::chrono::hours(1)));
+    BOOST_TEST(readiness.watch(one.session, 0));
+    BOOST_TEST(!readiness.wait(WakeTimer::Clock::now() + std::chrono::milliseconds(2)));
 }

@@ -231,9 +231,9 @@ BOOST_AUTO_TEST_CASE(theLinesSayWhatChanged) {
 BOOST_AUTO_TEST_CASE(whatIsNoReportOfAWholeRunIsRefused) {
     checkRefused("", "no JSON report");
     checkRefused("[1]", "no JSON report");
-    checkRefused(R"({"schema": 1})", "no JSON report");
-    checkRefused(R"({"schema": 2})", "its schema is 2, not 1");
-    checkRefused(R"({"schema": 1, "verdict": "pass", "date": "", "libraries": [{"name": 3}]})",
+    checkRefused(R"({"schema": 2})", "no JSON report");
+    checkRefused(R"({"schema": 1})", "its schema is 1, not 2");
+    checkRefused(R"({"schema": 2, "verdict": "pass", "date": "", "libraries": [{"name": 3}]})",
                  "no JSON report");
     checkRefused(toJson(reportOf({ended("a", Verdict::notRun)})).dump(),
                  "its verdict is \"not run\"");

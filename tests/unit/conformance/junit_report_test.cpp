@@ -95,7 +95,7 @@ BOOST_AUTO_TEST_CASE(eachSuiteOfEachLibraryIsASuite) {
     addLibrary("lib");
     addCase("send/pass", Verdict::notRun);
     const pugi::xml_node root = parse();
-    checkTotals(root, "4", "1", "1", "1");
+    checkTotals(root, "4", "1", "2", "0");
     BOOST_TEST(attribute(root, "time") == "1.000000");
     std::vector<std::string> names;
     for (const pugi::xml_node suite : root.children("testsuite")) {
@@ -139,6 +139,41 @@ BOOST_AUTO_TEST_CASE(aFailureHasCheckPlaceAndBothValues) {
                     "test_ipc_initiator.cpp(199): error: check jj != 0 has failed"));
 }
 
+BOOST_AUTO_TEST_CASE(aFailureHasFileAndLineOfTheFirstFailedCheck) {
+    CaseReport& failed = addCase("send/echo", Verdict::fail);
+    failed.checks = {failedCheck("a == b", "", ""), failedCheck("c == d", "", "")};
+    failed.checks[0].passed = true;
+    failed.checks[0].place = "other.cpp(3)";
+    failed.checks[1].place = "tests/a (copy).cpp(199)";
+    addCase("send/pass", Verdict::pass).checks = {failed.checks[0]};
+    const pugi::xml_node suite = parse().child("testsuite");
+    const pugi::xml_node echo = suite.find_child_by_attribute("name", "echo");
+    BOOST_TEST(attribute(echo, "file") == "tests/a (copy).cpp");
+    BOOST_TEST(attribute(echo, "line") == "199");
+    const pugi::xml_node pass = suite.find_child_by_attribute("name", "pass");
+    BOOST_TEST(pass.attribute("file").empty());
+    BOOST_TEST(pass.attribute("line").empty());
+}
+
+BOOST_AUTO_TEST_CASE(ofManyFailuresTheFirstAreShown) {
+    CaseReport& failed = addCase("send/echo", Verdict::fail);
+    for (int i = 0; i < 60; ++i) {
+        failed.checks.push_back(failedCheck("check" + std::to_string(i), "", ""));
+    }
+    const std::string text = parseCase().child("failure").text().get();
+    checkHolds(text, "check49 has failed");
+    BOOST_TEST(text.find("check50 has failed") == text.npos);
+    checkHolds(text, "and 10 more");
+}
+
+BOOST_AUTO_TEST_CASE(whatTheModulePrintedIsTheErrorOutput) {
+    addCase("send/echo", Verdict::pass).output = "one line\n\\x1b[31m another\n";
+    BOOST_TEST(parseCase().child("system-err").text().get() ==
+               std::string("one line\n\\x1b[31m another\n"));
+    report.libraries.back().cases.back().output.clear();
+    BOOST_TEST(!parseCase().child("system-err"));
+}
+
 BOOST_AUTO_TEST_CASE(aFailureWithoutAFailedCheckSaysWhatIsMissing) {
     CaseReport& failed = addCase("send/echo", Verdict::fail);
     failed.missing = {"10 sends must have been made; the record holds 9", "and that"};
@@ -179,23 +214,42 @@ BOOST_AUTO_TEST_CASE(aCrashAndAHarnessErrorAreErrors) {
                "the broker is gone");
 }
 
-BOOST_AUTO_TEST_CASE(whatWasNotRunOrIsKnownIsSkippedWithTheReason) {
+BOOST_AUTO_TEST_CASE(whatWasNotRunIsAnErrorWithTheReason) {
+    report.libraries.back().reason = "the 60 s were over";
     addCase("send/one", Verdict::notRun);
     addCase("send/two", Verdict::notRun).missing = {"the module ended before the case"};
+    const pugi::xml_node suite = parse().child("testsuite");
+    checkTotals(suite, "2", "0", "2", "0");
+    const std::vector<std::pair<const char*, std::string>> reasons = {
+        {"one", "the 60 s were over"}, {"two", "the module ended before the case"}};
+    for (const auto& [name, reason] : reasons) {
+        const pugi::xml_node error = suite.find_child_by_attribute("name", name).child("error");
+        BOOST_TEST(attribute(error, "message") == reason);
+        BOOST_TEST(attribute(error, "type") == "not run");
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aLibraryOfWhichNoCaseIsKnownIsAnError) {
+    addCase("send/one", Verdict::pass);
+    addLibrary("/opt/third/lib").reason = "no such folder";
+    const pugi::xml_node root = parse();
+    checkTotals(root, "2", "0", "1", "0");
+    const pugi::xml_node suite = root.last_child();
+    BOOST_TEST(attribute(suite, "name") == "/opt/third/lib");
+    const pugi::xml_node error = suite.first_element_by_path("testcase/error");
+    BOOST_TEST(attribute(error, "message") == "no such folder");
+    BOOST_TEST(attribute(error, "type") == "not run");
+}
+
+BOOST_AUTO_TEST_CASE(whatIsKnownIsSkippedWithTheReason) {
     CaseReport& known = addCase("send/three", Verdict::fail);
     known.known = "ticket 12";
     known.checks = {failedCheck("a == b", "1", "2")};
     const pugi::xml_node suite = parse().child("testsuite");
-    checkTotals(suite, "3", "0", "0", "3");
-    const std::vector<std::pair<const char*, std::string>> reasons = {
-        {"one", "not run"},
-        {"two", "the module ended before the case"},
-        {"three", "known failure: ticket 12"}};
-    for (const auto& [name, reason] : reasons) {
-        const pugi::xml_node testCase = suite.find_child_by_attribute("name", name);
-        BOOST_TEST(attribute(testCase.child("skipped"), "message") == reason);
-        BOOST_TEST(!testCase.child("failure"));
-    }
+    checkTotals(suite, "1", "0", "0", "1");
+    const pugi::xml_node testCase = suite.child("testcase");
+    BOOST_TEST(attribute(testCase.child("skipped"), "message") == "known failure: ticket 12");
+    BOOST_TEST(!testCase.child("failure"));
 }
 
 BOOST_AUTO_TEST_CASE(theOutputIsTheRecord) {

@@ -131,3 +131,11 @@ BOOST_AUTO_TEST_CASE(linesWithoutAWholeJsonObjectAreIgnored) {
         checkPassedOver(line);
     }
 }
+
+BOOST_AUTO_TEST_CASE(bytesWithoutALineBreakAreNotKeptForEver) {
+    ModuleEvents events;
+    const std::string garbage(65536, 'x');
+    BOOST_TEST(events.read(garbage).empty());
+    BOOST_TEST(events.read("x").empty());  // too much: all of it is dropped
+    BOOST_TEST(events.read("began 1 2 s/c\n").size() == 1U);
+}

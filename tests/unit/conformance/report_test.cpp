@@ -63,6 +63,7 @@ Report fullReport() {
     full.remarks = {"another thing"};
     full.hang = HangReport{"receive", "{}", 10.5, "c == d", "#0 poll"};
     full.crash = "ended by signal 11";
+    full.output = "a line\n";
     full.known = "ticket 12";
     full.repeat = "kavri conformance --case echo";
     Report report;
@@ -70,7 +71,7 @@ Report fullReport() {
     report.date = "2026-11-20T12:00:00Z";
     report.tool = "kavri 1.0.0";
     report.seconds = 2.5;
-    report.libraries = {{"/opt/lib", "/opt/lib/core.so", "its own broker", 1.5, {full}}};
+    report.libraries = {{"/opt/lib", "/opt/lib/core.so", "its own broker", 1.5, {full}, ""}};
     MatrixReport& matrix = report.matrix.emplace();
     matrix.faults = {{.name = "send-lost",
                       .description = "loses a request",
@@ -98,16 +99,18 @@ BOOST_AUTO_TEST_SUITE(json)
 
 BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     const Json report = toJson(fullReport());
-    checkMembers(report, {"schema", "command", "date", "tool", "verdict", "seconds", "libraries",
-                          "matrix", "repeats", "requirements", "complaints", "baseline"});
+    checkMembers(report,
+                 {"schema", "command", "date", "tool", "verdict", "reason", "seconds", "libraries",
+                  "matrix", "repeats", "requirements", "complaints", "baseline"});
     const Json& library = report["libraries"][0];
-    checkMembers(library, {"name", "core", "broker", "seconds", "verdict", "cases", "latencies"});
+    checkMembers(library,
+                 {"name", "core", "broker", "seconds", "verdict", "reason", "cases", "latencies"});
     checkMembers(library["latencies"], {"send"});
     checkMembers(library["latencies"]["send"], {"count", "p50Us", "p90Us", "p99Us", "maxUs"});
     const Json& first = library["cases"][0];
     checkMembers(
         first, {"name", "level", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
-                "missing", "remarks", "hang", "crash", "known", "repeat"});
+                "missing", "remarks", "hang", "crash", "output", "known", "repeat"});
     checkMembers(first["checks"][0],
                  {"text", "place", "passed", "left", "right", "message", "atNs", "thread"});
     for (const Json& call : first["calls"]) {
@@ -131,7 +134,7 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
 
 BOOST_AUTO_TEST_CASE(theReportAndItsLibrariesHoldWhatWasKnown) {
     const Json report = toJson(fullReport());
-    BOOST_TEST(report["schema"] == 1);
+    BOOST_TEST(report["schema"] == 2);
     BOOST_TEST(report["command"] == "kavri conformance");
     BOOST_TEST(report["date"] == "2026-11-20T12:00:00Z");
     BOOST_TEST(report["tool"] == "kavri 1.0.0");
@@ -190,6 +193,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
           {"lastPassed", "c == d"},
           {"stacks", "#0 poll"}}},
         {"crash", "ended by signal 11"},
+        {"output", "a line\n"},
         {"known", "ticket 12"},
         {"repeat", "kavri conformance --case echo"}};
     BOOST_TEST(whole.dump(1) == expected.dump(1));
@@ -234,7 +238,7 @@ BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
     for (const auto* list : {"checks", "calls", "faults", "log", "missing", "remarks"}) {
         BOOST_TEST(first[list].dump() == "[]", list);
     }
-    for (const auto* text : {"crash", "known", "repeat"}) {
+    for (const auto* text : {"crash", "output", "known", "repeat"}) {
         BOOST_TEST(first[text] == "", text);
     }
     BOOST_TEST(toJson(Report())["libraries"].dump() == "[]");
@@ -242,9 +246,13 @@ BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
 
 BOOST_AUTO_TEST_CASE(eachVerdictHasItsText) {
     const std::vector<std::pair<Verdict, std::string>> texts = {
-        {Verdict::pass, "pass"},       {Verdict::fail, "fail"},
-        {Verdict::timeout, "timeout"}, {Verdict::crash, "crash"},
-        {Verdict::notRun, "not run"},  {Verdict::harnessError, "harness error"}};
+        {Verdict::pass, "pass"},
+        {Verdict::fail, "fail"},
+        {Verdict::timeout, "timeout"},
+        {Verdict::crash, "crash"},
+        {Verdict::notRun, "not run"},
+        {Verdict::harnessError, "harness error"},
+        {Verdict::incomplete, "incomplete"}};
     for (const auto& [verdict, text] : texts) {
         BOOST_TEST(verdictText(verdict) == text);
         Report report;
@@ -323,9 +331,8 @@ BOOST_AUTO_TEST_SUITE_END()
 BOOST_AUTO_TEST_SUITE(verdicts)
 
 BOOST_AUTO_TEST_CASE(ofSeveralCasesTheWorstCounts) {
-    const std::vector<Verdict> fromBestToWorst = {Verdict::pass,    Verdict::fail,
-                                                  Verdict::notRun,  Verdict::harnessError,
-                                                  Verdict::timeout, Verdict::crash};
+    const std::vector<Verdict> fromBestToWorst = {
+        Verdict::pass, Verdict::fail, Verdict::harnessError, Verdict::timeout, Verdict::crash};
     for (size_t i = 0; i < fromBestToWorst.size(); ++i) {
         for (size_t j = 0; j < fromBestToWorst.size(); ++j) {
             const std::vector<CaseReport> cases = {ended(fromBestToWorst[i]),
@@ -334,7 +341,47 @@ BOOST_AUTO_TEST_CASE(ofSeveralCasesTheWorstCounts) {
             BOOST_TEST(verdictText(worstOf(cases)) == verdictText(worst));
         }
     }
-    BOOST_TEST((worstOf({}) == Verdict::pass));
+}
+
+BOOST_AUTO_TEST_CASE(withoutAVerdictOnEachCaseThereIsNone) {
+    BOOST_TEST((worstOf({}) == Verdict::notRun));
+    BOOST_TEST((worstOf({ended(Verdict::notRun), ended(Verdict::notRun)}) == Verdict::notRun));
+    for (const Verdict other : {Verdict::pass, Verdict::fail, Verdict::crash}) {
+        BOOST_TEST((worstOf({ended(other), ended(Verdict::notRun)}) == Verdict::incomplete));
+        BOOST_TEST((worstOf({ended(Verdict::notRun), ended(other)}) == Verdict::incomplete));
+    }
+}
+
+BOOST_AUTO_TEST_CASE(aReasonKeepsALibraryAndARunFromAVerdict) {
+    Report report;
+    report.reason = "no broker";
+    BOOST_TEST((verdictOn(report) == Verdict::notRun));
+    LibraryReport& library = report.libraries.emplace_back();
+    library.reason = "no such folder";
+    BOOST_TEST((library.verdict() == Verdict::notRun));
+    BOOST_TEST((verdictOn(report) == Verdict::notRun));
+    for (const Verdict other : {Verdict::pass, Verdict::fail, Verdict::crash}) {
+        library.cases = {ended(other)};
+        BOOST_TEST((library.verdict() == Verdict::incomplete));
+        BOOST_TEST((verdictOn(report) == Verdict::incomplete));
+    }
+    library.reason.clear();
+    BOOST_TEST((library.verdict() == Verdict::crash));
+    BOOST_TEST((verdictOn(report) == Verdict::incomplete));  // the matrix, say, is to come
+    report.reason.clear();
+    BOOST_TEST((verdictOn(report) == Verdict::crash));
+    BOOST_TEST(toJson(report)["reason"] == "");
+}
+
+BOOST_AUTO_TEST_CASE(besideALibraryThatWasNotRunTheOthersAreNoPass) {
+    Report report;
+    report.libraries.resize(2);
+    report.libraries[0].cases = {ended(Verdict::pass)};
+    report.libraries[1].reason = "no such folder";
+    BOOST_TEST((verdictOn(report) == Verdict::incomplete));
+    BOOST_TEST((report.libraries[0].verdict() == Verdict::pass));
+    BOOST_TEST(toJson(report)["libraries"][1]["verdict"] == "not run");
+    BOOST_TEST(toJson(report)["libraries"][1]["reason"] == "no such folder");
 }
 
 BOOST_AUTO_TEST_CASE(knownFailuresDoNotCount) {
@@ -349,7 +396,7 @@ BOOST_AUTO_TEST_CASE(knownFailuresDoNotCount) {
 
 BOOST_AUTO_TEST_CASE(ofSeveralLibrariesTheWorstCounts) {
     Report report;
-    BOOST_TEST((verdictOn(report) == Verdict::pass));
+    BOOST_TEST((verdictOn(report) == Verdict::notRun));
     report.libraries.emplace_back().cases = {ended(Verdict::timeout)};
     report.libraries.emplace_back().cases = {ended(Verdict::pass)};
     BOOST_TEST((verdictOn(report) == Verdict::timeout));

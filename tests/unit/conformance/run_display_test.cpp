@@ -340,9 +340,3 @@ BOOST_AUTO_TEST_CASE(aHangNamesTheCallOrSaysThatThereWasNone) {
     BOOST_TEST(hangText(silence) ==
                "nothing happened for 10.0 s; the last check that passed: a == b, at t.cpp(3)");
 }
-
-BOOST_AUTO_TEST_CASE(whatATerminalWouldActUponIsEscaped) {
-    using kavri::conformance::printable;
-    BOOST_TEST(printable("plain \"text\" \xc3\xa4") == "plain \"text\" \xc3\xa4");
-    BOOST_TEST(printable("a\nb\x1b[31m\x7f\t") == "a\\nb\\x1b[31m\\x7f\\x09");
-}

@@ -397,3 +397,25 @@ BOOST_AUTO_TEST_CASE(aFailureIsNotPutDownToAMissingTestService) {
 }
 
 BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(limits, Run)
+
+BOOST_AUTO_TEST_CASE(ofTooManyCallsAndChecksTheFirstAreKept) {
+    begin(unknown);
+    for (size_t i = 0; i < RunRecord::callsLimit + 7; ++i) {
+        call("send");
+    }
+    for (size_t i = 0; i < RunRecord::checksLimit + 5; ++i) {
+        check(true, "t.cpp(1)");
+    }
+    tell(Kind::call, "receive", ++lastNumber);
+    const CaseReport& ended = end();
+    BOOST_TEST(ended.calls.size() == RunRecord::callsLimit);
+    BOOST_TEST(ended.checks.size() == RunRecord::checksLimit);
+    BOOST_TEST((ended.verdict == Verdict::fail));
+    checkLines(ended.missing, {"13 calls and checks are left out: no case has so many"});
+    begin(unknown);
+    BOOST_TEST((end().verdict == Verdict::pass));
+}
+
+BOOST_AUTO_TEST_SUITE_END()

@@ -163,16 +163,20 @@ function failureParts(one) {
   ];
 }
 
+const outputNode = (one) => one.output
+  && folded("What the module printed", () => el("pre", { tabindex: "0" }, one.output));
+
 // The parts that every case has.
 function caseParts(one) {
   if (one.checks.length === 0 && one.calls.length === 0) {
-    return [el("p", { class: "aside" }, "Nothing was recorded of this case.")];
+    return [el("p", { class: "aside" }, "Nothing was recorded of this case."), outputNode(one)];
   }
   return [
     one.remarks?.length > 0 && el("ul", { class: "remarks" },
       one.remarks.map((text) => el("li", {}, text))),
     one.calls.length > 0 && new TimeLine(one).node,
     folded("Record as a table", () => recordTable(one)),
+    outputNode(one),
     one.checks.length > 0 && checkTable(one),
   ];
 }

@@ -13,6 +13,10 @@ function comparisonCell(one, isDifferent) {
 }
 
 function differenceNode(reference, other, difference) {
+  const notRun = [reference, other].find((library) => library.cases.length === 0);
+  if (notRun) {
+    return el("p", {}, `${notRun.name} was not run: ${notRun.reason}`);
+  }
   if (!difference) {
     return el("p", {}, `${other.name} did in every check what ${reference.name} did.`);
   }

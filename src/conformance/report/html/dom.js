@@ -2,10 +2,10 @@
 // Text from the report only ever becomes text nodes and attributes, never markup.
 "use strict";
 
-const embedded = (id) => JSON.parse(document.getElementById(id).textContent);
-const report = embedded("report");
+// What the page is about; set before anything is made.
+let report = null;
 // The sources of the module: a file's name to its lines.
-const sources = embedded("sources");
+const sources = JSON.parse(document.getElementById("sources").textContent);
 
 const svgNamespace = "http://www.w3.org/2000/svg";
 

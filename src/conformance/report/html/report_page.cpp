@@ -3,7 +3,9 @@
 #include "conformance/report/html/report_page.h"
 
 #include <fmt/format.h>
+#include <zlib.h>
 
+#include <new>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <vector>
@@ -45,11 +47,45 @@ std::string textOf(const json& object, const char* key) {
     return found != object.end() && found->is_string() ? escaped(found->get<std::string>()) : "";
 }
 
+// Three bytes in four characters, the last filled up with "=".
+std::string base64(std::string_view bytes) {
+    constexpr std::string_view digits =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const auto byteAt = [bytes](std::size_t at) {
+        return at < bytes.size() ? static_cast<unsigned char>(bytes[at]) : 0U;
+    };
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const unsigned three = (byteAt(i) << 16U) | (byteAt(i + 1) << 8U) | byteAt(i + 2);
+        for (std::size_t j = 0; j < 4; ++j) {
+            const bool isFilling = i + j > bytes.size();
+            text += isFilling ? '=' : digits[(three >> (18U - 6U * j)) & 63U];
+        }
+    }
+    return text;
+}
+
+std::string compressed(const std::string& text) {
+    uLongf size = compressBound(text.size());
+    std::string packed(size, '\0');
+    const int result = compress(reinterpret_cast<Bytef*>(packed.data()), &size,
+                                reinterpret_cast<const Bytef*>(text.data()), text.size());
+    if (result != Z_OK) {  // only without memory, since the room is enough
+        throw std::bad_alloc();
+    }
+    packed.resize(size);
+    return packed;
+}
+
+std::string embeddedJson(const json& report) {
+    return base64(compressed(report.dump(-1, ' ', false, json::error_handler_t::replace)));
+}
+
 // In JSON "<" occurs in strings only, where an escape means the same. Unescaped, it could
 // end the element, or begin a comment in it.
-std::string embeddedJson(const json& value) {
+std::string plainJson(const json& value) {
     std::string embedded;
-    for (const char character : value.dump(-1, ' ', false, json::error_handler_t::replace)) {
+    for (const char character : value.dump()) {
         if (character == '<') {
             embedded += "\\u003c";
         } else {
@@ -79,10 +115,11 @@ std::string caseRow(const json& one) {
 
 std::string libraryTable(const json& library) {
     std::string html = fmt::format(
-        "<h2>{}: {}</h2>\n<table><caption>Cases of {}</caption>\n<thead><tr>"
+        "<h2>{}: {}</h2>\n<p>{}</p>\n<table><caption>Cases of {}</caption>\n<thead><tr>"
         "<th scope=\"col\">Case</th><th scope=\"col\">Verdict</th><th scope=\"col\">Checks</th>"
         "<th scope=\"col\">Failed checks</th></tr></thead>\n<tbody>\n",
-        textOf(library, "name"), textOf(library, "verdict"), textOf(library, "core"));
+        textOf(library, "name"), textOf(library, "verdict"), textOf(library, "reason"),
+        textOf(library, "core"));
     for (const json& one : library.at("cases")) {
         html += caseRow(one);
     }
@@ -157,7 +194,7 @@ std::string valueOf(std::string_view name, const json& report) {
         return embeddedJson(report);
     }
     if (name == "sources") {
-        return embeddedJson({{"test_ipc_initiator.cpp", linesOf(page_text::moduleSource)}});
+        return plainJson({{"test_ipc_initiator.cpp", linesOf(page_text::moduleSource)}});
     }
     return joinedScripts();
 }

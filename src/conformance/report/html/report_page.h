@@ -1,5 +1,5 @@
-// The report as one HTML file: readable in any browser, without network, with the
-// report's JSON inside.
+// The report as one HTML file: readable in a browser, without network, with the report's
+// JSON inside; compressed, because the records of all faults repeat each other.
 //
 // The page is built by its scripts (*.js) from that JSON. Where no script runs, it shows
 // a plain summary.

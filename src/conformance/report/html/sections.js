@@ -50,6 +50,7 @@ function overview(report) {
     el("p", { class: "title" }, "Conformance report"),
     el("h1", { class: report.verdict.replace(" ", "-") }, mark(report.verdict),
       el("span", {}, report.verdict)),
+    report.reason && el("p", { class: "reason" }, report.reason),
     verdictsByLibrary(report),
     el("p", { class: "headline" }, headline(report).map(([text, isWrong]) =>
       el("span", {}, isWrong && mark("fail"), text))),
@@ -57,6 +58,8 @@ function overview(report) {
       report.libraries.map((library) => [
         fact("Library", [el("b", {}, library.name), library.core && [" ", code(library.core)]]),
         fact("Broker", library.broker && code(library.broker)),
+        report.libraries.length > 1 && fact("Verdict", [verdictLabel(library.verdict),
+          library.reason && [" ", library.reason]]),
       ]),
       fact("Date", report.date), fact("Tool", report.tool),
       fact("Command", report.command && code(report.command))),
@@ -121,8 +124,10 @@ function casesSection(report) {
     rowFilter("case", "case", states, rows.flat()),
     report.libraries.map((library, index) => [
       several && el("h3", {}, library.name, " ", verdictLabel(library.verdict)),
-      table(`Cases of ${library.name}`, caseColumns,
-        rows[index].map(({ row, detailsRow }) => [row, detailsRow]), "cases"),
+      library.cases.length > 0
+        ? table(`Cases of ${library.name}`, caseColumns,
+          rows[index].map(({ row, detailsRow }) => [row, detailsRow]), "cases")
+        : el("p", {}, library.reason),
     ]));
 }
 

@@ -1,0 +1,35 @@
+// Cutting texts that somebody else makes, and that may be of any length.
+#ifndef KAVRI_BASE_BOUNDED_TEXT_H
+#define KAVRI_BASE_BOUNDED_TEXT_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kavri::base {
+
+// What stands behind a text that is cut: "… (17 bytes more)".
+inline std::string cutMark(std::size_t bytesMore) {
+    return "… (" + std::to_string(bytesMore) + (bytesMore == 1 ? " byte more)" : " bytes more)");
+}
+
+// The text, or where it is longer than the limit its beginning and the mark. A character of
+// several bytes is not divided.
+inline std::string bounded(std::string_view text, std::size_t limitBytes) {
+    if (text.size() <= limitBytes) {
+        return std::string(text);
+    }
+    constexpr std::size_t longestCharacter = 4;
+    const auto continues = [&text](std::size_t at) {
+        return (static_cast<unsigned char>(text[at]) & 0xC0U) == 0x80U;
+    };
+    std::size_t kept = limitBytes;
+    while (kept > 0 && limitBytes - kept < longestCharacter && continues(kept)) {
+        --kept;
+    }
+    return std::string(text.substr(0, kept)) + cutMark(text.size() - kept);
+}
+
+}  // namespace kavri::base
+
+#endif
