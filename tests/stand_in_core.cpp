@@ -8,7 +8,7 @@
 //   STAND_IN_RECORD  the file that gets a line for each call, delivery, release and
 //                    pause, written at once, so that it outlives a crash; and at the
 //                    end one for each string that was handed out and never released
-//   STAND_IN_DELIVERY  when callbacks are called; see `Delivery`
+//   STAND_IN_DELIVERY  when callbacks are called; see `knownDeliveries`
 //
 // Built with KAVRI_LACKING it does not have two of the functions.
 //
@@ -29,10 +29,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -60,67 +62,44 @@ constexpr std::string_view knownDefects[] = {
     // What a library does to its process: when it is loaded or unloaded, or with each send.
     "crashesWhenLoaded", "hangsWhenLoaded", "crashesWhenUnloaded", "hangsWhenUnloaded", "hangs",
     "leavesProcess", "startsThreads", "closesDescriptors", "prints", "printsControls",
-    "printsWithoutEnd"};
+    "printsWithoutEnd", "sendTakes"};
 
-// Ends the run if the environment asks for a defect that this library cannot play:
-// the test that asked would otherwise judge a healthy library.
-std::string chosenDefect() {
-    const char* text = getenv("STAND_IN_DEFECT");
-    if (text == nullptr || *text == '\0') {
-        return {};
-    }
-    const std::string chosen = text;
-    const std::string name = chosen.substr(0, chosen.find('='));
-    if (std::find(std::begin(knownDefects), std::end(knownDefects), name) ==
-        std::end(knownDefects)) {
-        fprintf(stderr, "stand-in core library: unknown defect \"%s\"\n", text);
+// The value of the variable, which is one of the names, with or without "=value". Another one
+// ends the run: the test that asked for it would otherwise judge a healthy library.
+std::string chosen(const char* variable, std::span<const std::string_view> names) {
+    const char* text = getenv(variable);
+    const std::string value = text != nullptr ? text : "";
+    if (!value.empty() && std::ranges::count(names, value.substr(0, value.find('='))) == 0) {
+        fprintf(stderr, "stand-in core library: unknown %s \"%s\"\n", variable, text);
         abort();
     }
-    return chosen;
+    return value;
 }
 
 // The value of the defect if it is the one in force; empty where it was given none.
 std::optional<std::string> defect(std::string_view name) {
-    static const std::string chosen = chosenDefect();
-    if (chosen.substr(0, chosen.find('=')) != name) {
+    static const std::string inForce = chosen("STAND_IN_DEFECT", knownDefects);
+    if (inForce.substr(0, inForce.find('=')) != name) {
         return std::nullopt;
     }
-    return chosen.size() > name.size() ? chosen.substr(name.size() + 1) : std::string();
+    return inForce.size() > name.size() ? inForce.substr(name.size() + 1) : std::string();
 }
 
 bool defectIs(std::string_view name, const std::string& value) {
     return defect(name) == value;
 }
 
-bool defectIs(std::string_view name, int value) {
-    return defectIs(name, std::to_string(value));
-}
+// When callbacks are called; the first unless another is asked for.
+constexpr std::string_view knownDeliveries[] = {
+    "inSleep",       // by the library's thread, while the module sleeps
+    "atOnce",        // by the library's thread, while the module goes on sending
+    "beforeReturn",  // by the library's thread, while the send waits for it
+    "inSend",        // by the sender's thread, within the send
+    "underLock"};    // by the library's thread at once, which holds the library's lock meanwhile
 
-// When callbacks are called.
-enum class Delivery {
-    inSleep,       // by the library's thread, while the module sleeps
-    atOnce,        // by the library's thread, while the module goes on sending
-    beforeReturn,  // by the library's thread, while the send waits for it
-    inSend,        // by the sender's thread, within the send
-    underLock      // by the library's thread at once, which holds the library's lock meanwhile
-};
-
-Delivery chosenDelivery() {
-    const char* text = getenv("STAND_IN_DELIVERY");
-    const std::string_view chosen = text != nullptr ? text : "inSleep";
-    constexpr std::string_view names[] = {"inSleep", "atOnce", "beforeReturn", "inSend",
-                                          "underLock"};
-    const auto found = std::find(std::begin(names), std::end(names), chosen);
-    if (found == std::end(names)) {
-        fprintf(stderr, "stand-in core library: unknown delivery \"%s\"\n", text);
-        abort();
-    }
-    return static_cast<Delivery>(found - std::begin(names));
-}
-
-bool deliveryIs(Delivery delivery) {
-    static const Delivery chosen = chosenDelivery();
-    return chosen == delivery;
+bool deliveryIs(std::string_view delivery) {
+    static const std::string asked = chosen("STAND_IN_DELIVERY", knownDeliveries);
+    return (asked.empty() ? knownDeliveries[0] : asked) == delivery;
 }
 
 // --------------------------------------------------- what is done to the process
@@ -158,6 +137,8 @@ void disturbProcess() {
         fputs("no line break at the end", stdout);
     } else if (defect("closesDescriptors")) {
         close_range(3, ~0U, 0);
+    } else if (const auto taken = defect("sendTakes")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(*taken)));
     } else if (defect("printsControls")) {
         fputs("\x1b[2J\x1b]0;title\a \xff\xc2\x9b", stderr);
     } else if (defect("printsWithoutEnd")) {
@@ -240,11 +221,19 @@ std::string functionName(const void* function) {
     return "function" + std::to_string(place - seen.begin() + 1);
 }
 
+// A call, with its arguments as texts.
+template <typename... Arguments>
+std::string call(const std::string& function, const Arguments&... arguments) {
+    std::string list;
+    ((list += (list.empty() ? "" : ", ") + std::string(arguments)), ...);
+    return "kavri_core_" + function + "(" + list + ")";
+}
+
 // Records a call with its result, and gives the result back.
-kavri_core_status returned(const std::string& call,
+kavri_core_status returned(const std::string& itsCall,
                            kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR,
                            const std::string& stored = "") {
-    record(call + " = " + std::to_string(status) + stored);
+    record(itsCall + " = " + std::to_string(status) + stored);
     return status;
 }
 
@@ -449,18 +438,18 @@ Strings handOut(const Message& message) {
             text("uuid", message.uuid), text("payload", message.payload)};
 }
 
-// Calls a callback, by way of `call`, with the first of the messages.
-template <typename Call>
+// Calls a callback, by way of `deliver`, with the first of the messages.
+template <typename Deliver>
 void deliverFirst(std::unique_lock<std::mutex>& lock, std::deque<Message>& messages, void* context,
-                  Call call) {
+                  Deliver deliver) {
     const Message message = messages.front();
     messages.pop_front();
-    if (!deliveryIs(Delivery::underLock)) {
+    if (!deliveryIs("underLock")) {
         lock.unlock();
     }
     record("deliver " + described(message) + " " + hexadecimal(context));
     Strings strings = handOut(message);
-    call(strings, context);
+    deliver(strings, context);
     if (!lock.owns_lock()) {
         lock.lock();
     }
@@ -519,12 +508,12 @@ void waitForDelivery(unsigned number) {
 
 // What a send does about deliveries before it returns.
 void deliverAfterSend() {
-    if (deliveryIs(Delivery::inSend)) {
+    if (deliveryIs("inSend")) {
         std::unique_lock<std::mutex> lock(stateMutex);
         deliverAll(lock);
-    } else if (deliveryIs(Delivery::beforeReturn)) {
+    } else if (deliveryIs("beforeReturn")) {
         waitForDelivery(wantDelivery());
-    } else if (!deliveryIs(Delivery::inSleep)) {
+    } else if (!deliveryIs("inSleep")) {
         wantDelivery();
     }
 }
@@ -582,9 +571,9 @@ kavri_core_status install(const std::string& kind, const kavri_core_ipc_initiato
     const std::lock_guard<std::mutex> lock(stateMutex);
     installed = callback;
     installedContext = context;
-    return returned("kavri_core_ipc_initiator_" + kind + "_receive_callback(" + nameOf(initiator) +
-                    ", " + functionName(reinterpret_cast<const void*>(callback)) + ", " +
-                    hexadecimal(context) + ")");
+    return returned(call("ipc_initiator_" + kind + "_receive_callback", nameOf(initiator),
+                         functionName(reinterpret_cast<const void*>(callback)),
+                         hexadecimal(context)));
 }
 
 }  // namespace
@@ -592,30 +581,30 @@ kavri_core_status install(const std::string& kind, const kavri_core_ipc_initiato
 // ---------------------------------------------------------- the twelve functions
 
 kavri_core_status kavri_core_init() {
-    return returned("kavri_core_init()");
+    return returned(call("init"));
 }
 
 kavri_core_status kavri_core_deinit() {
-    return returned("kavri_core_deinit()");
+    return returned(call("deinit"));
 }
 
 kavri_core_status kavri_core_logging_init(const char* name, kavri_core_logging_cookie* cookie) {
-    const std::string call = "kavri_core_logging_init(" + quoted(name) + ", " + held(cookie) + ")";
+    const std::string made = call("logging_init", quoted(name), held(cookie));
     loggings.push_back({static_cast<int>(loggings.size()) + 1});
     *cookie = &loggings.back();
-    return returned(call, KAVRI_CORE_STATUS_NO_ERROR, " " + nameOf(*cookie));
+    return returned(made, KAVRI_CORE_STATUS_NO_ERROR, " " + nameOf(*cookie));
 }
 
 kavri_core_status kavri_core_logging_deinit(kavri_core_logging_cookie cookie) {
-    return returned("kavri_core_logging_deinit(" + nameOf(cookie) + ")");
+    return returned(call("logging_deinit", nameOf(cookie)));
 }
 
 kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie, void* options,
                                                 kavri_core_ipc_initiator** initiator) {
-    const std::string call = "kavri_core_ipc_initiator_init(" + nameOf(cookie) + ", " +
-                             (options == nullptr ? "null" : "given") + ", " + held(initiator) + ")";
+    const std::string made = call("ipc_initiator_init", nameOf(cookie),
+                                  options == nullptr ? "null" : "given", held(initiator));
     if (defect("initiatorMissing")) {
-        return returned(call);
+        return returned(made);
     }
     *initiator = new kavri_core_ipc_initiator;
     (*initiator)->number = ++initiatorsMade;
@@ -624,18 +613,18 @@ kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie
         current = *initiator;
     }
     startDeliverer();
-    return returned(call, KAVRI_CORE_STATUS_NO_ERROR, " " + nameOf(*initiator));
+    return returned(made, KAVRI_CORE_STATUS_NO_ERROR, " " + nameOf(*initiator));
 }
 
 kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator) {
-    const std::string call = "kavri_core_ipc_deinit(" + nameOf(initiator) + ")";
+    const std::string made = call("ipc_deinit", nameOf(initiator));
     stopDeliverer();
     {
         const std::lock_guard<std::mutex> lock(stateMutex);
         current = nullptr;
     }
     delete initiator;
-    return returned(call);
+    return returned(made);
 }
 
 kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* initiator,
@@ -643,15 +632,15 @@ kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator
                                                         const char* targetIdentifier,
                                                         const char* uuid, const char* payload) {
     std::unique_lock<std::mutex> lock(stateMutex);
-    const std::string call = "kavri_core_ipc_initiator_command_send(" + nameOf(initiator) + ", " +
-                             quoted(targetCategory) + ", " + quoted(targetIdentifier) + ", " +
-                             quoted(uuid) + ", " + quoted(payload) + ")";
+    const std::string made =
+        call("ipc_initiator_command_send", nameOf(initiator), quoted(targetCategory),
+             quoted(targetIdentifier), quoted(uuid), quoted(payload));
     disturbProcess();
     if (!defect("doesNothing")) {
         serve(*initiator, Message{"", targetCategory, targetIdentifier, uuid, payload});
     }
     const kavri_core_status status =
-        returned(call, defect("sendsMisreported") ? KAVRI_CORE_STATUS_IPC_TOO_LARGE
+        returned(made, defect("sendsMisreported") ? KAVRI_CORE_STATUS_IPC_TOO_LARGE
                                                   : KAVRI_CORE_STATUS_NO_ERROR);
     lock.unlock();
     deliverAfterSend();
@@ -663,24 +652,23 @@ kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initi
                                                             char** targetIdentifier, char** uuid,
                                                             char** payload) {
     const std::lock_guard<std::mutex> lock(stateMutex);
-    const std::string call = "kavri_core_ipc_initiator_response_receive(" + nameOf(initiator) +
-                             ", " + std::to_string(timeout) + ", " + held(targetCategory) + ", " +
-                             held(targetIdentifier) + ", " + held(uuid) + ", " + held(payload) +
-                             ")";
+    const std::string made =
+        call("ipc_initiator_response_receive", nameOf(initiator), std::to_string(timeout),
+             held(targetCategory), held(targetIdentifier), held(uuid), held(payload));
     ++initiator->receives;
     if (initiator->responseCallback != nullptr) {
-        if (defectIs("refusedReceiveStores", timeout)) {
+        if (defectIs("refusedReceiveStores", std::to_string(timeout))) {
             const Message uncalledFor{"response0", "test", "none", "0", "uncalled for"};
             store(uncalledFor, targetCategory, targetIdentifier, uuid, payload);
         }
-        return returned(call, KAVRI_CORE_STATUS_IPC_FAILED);
+        return returned(made, KAVRI_CORE_STATUS_IPC_FAILED);
     }
     const std::optional<Message> message = takeResponse(*initiator);
     if (!message) {
-        return returned(call, KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
+        return returned(made, KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
     }
     store(*message, targetCategory, targetIdentifier, uuid, payload);
-    return returned(call, defectIs("receiveMisreported", initiator->receives)
+    return returned(made, defectIs("receiveMisreported", std::to_string(initiator->receives))
                               ? KAVRI_CORE_STATUS_IPC_CONNECTION_LOST
                               : KAVRI_CORE_STATUS_NO_ERROR);
 }
@@ -704,16 +692,14 @@ kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initia
                                                            const char* category) {
     const std::lock_guard<std::mutex> lock(stateMutex);
     initiator->subscribed = true;
-    return returned("kavri_core_ipc_initiator_event_subscribe(" + nameOf(initiator) + ", " +
-                    quoted(category) + ")");
+    return returned(call("ipc_initiator_event_subscribe", nameOf(initiator), quoted(category)));
 }
 
 kavri_core_status kavri_core_ipc_initiator_event_unsubscribe(kavri_core_ipc_initiator* initiator,
                                                              const char* category) {
     const std::lock_guard<std::mutex> lock(stateMutex);
     initiator->subscribed = false;
-    return returned("kavri_core_ipc_initiator_event_unsubscribe(" + nameOf(initiator) + ", " +
-                    quoted(category) + ")");
+    return returned(call("ipc_initiator_event_unsubscribe", nameOf(initiator), quoted(category)));
 }
 #endif
 

@@ -17,9 +17,10 @@ _kavriFaults() {
 _kavriOptions() {
     case $1 in
         conformance)
-            printf '%s ' --socket --library --name --case --level --timeout --call-timeout --time-scale --prove \
-                --fault --junit --json --html --repeat --until-fail --shuffle --jobs --expect \
-                --write-expect --baseline --list --list-faults --explain --help
+            printf '%s ' --socket --own-broker --service-record --strict --library --name --case \
+                --level --timeout --call-timeout --time-scale --prove --fault --junit --json --html \
+                --repeat --until-fail --fail-on-leaks --shuffle --jobs --expect --write-expect \
+                --baseline --list --list-faults --explain --help
             ;;
         bench)
             printf '%s ' --socket --category --command --payload --in-flight --seconds --json --help
@@ -53,6 +54,7 @@ _kavriNames() {
         conformance--socket | bench--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
         conformance--write-expect | conformance--baseline) echo -f ;;
+        conformance--service-record) echo -f ;;
         *) return 1 ;;
     esac
 }

@@ -2,9 +2,12 @@
 #ifndef KAVRI_BROKER_HOSTED_TEST_SERVICE_H
 #define KAVRI_BROKER_HOSTED_TEST_SERVICE_H
 
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "broker/routing/local_service.h"
+#include "test_service/service_record.h"
 #include "test_service/test_service.h"
 
 namespace kavri::broker {
@@ -14,15 +17,34 @@ class HostedTestService : public LocalService {
     explicit HostedTestService(test_service::TestService::UnknownCommand onUnknown)
         : service_(std::move(onUnknown)) {}
 
-    Reaction handle(std::string_view command, std::string_view payload) override {
-        const auto reaction = service_.handle(command, payload);
+    // From now on. Throws std::system_error where the file cannot be written.
+    void recordTo(const std::string& file) { record_.emplace(file); }
+
+    Reaction handle(const Request& request) override {
+        const auto reaction = service_.handle(request.identifier, request.payload);
         return {reaction.answers ? std::optional(reaction.payload) : std::nullopt,
-                reaction.publishes ? std::optional(Event{test_service::eventIdentifier, payload})
-                                   : std::nullopt};
+                reaction.publishes
+                    ? std::optional(Event{test_service::eventIdentifier, request.payload})
+                    : std::nullopt};
+    }
+
+    void decided(const Request& request, const Reaction& reaction) override {
+        if (record_) {
+            record_->add({.connection = request.connection,
+                          .process = request.process,
+                          .category = request.category,
+                          .identifier = request.identifier,
+                          .uuid = request.uuid,
+                          .payload = request.payload},
+                         {.answers = reaction.answer.has_value(),
+                          .publishes = reaction.event.has_value(),
+                          .payload = reaction.answer.value_or("")});
+        }
     }
 
   private:
     test_service::TestService service_;
+    std::optional<test_service::ServiceRecord> record_;
 };
 
 }  // namespace kavri::broker

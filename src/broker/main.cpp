@@ -40,6 +40,7 @@ struct Arguments {
     std::string socket;
     std::string config;
     bool testService = false;
+    std::string serviceRecord;
 };
 
 void describe(CLI::App& app, Arguments& arguments) {
@@ -53,8 +54,15 @@ void describe(CLI::App& app, Arguments& arguments) {
     app.add_option("--config", arguments.config, "File with limits and access rights, in TOML")
         ->type_name("FILE")
         ->check(base::notEmpty());
-    app.add_flag("--test-service", arguments.testService,
-                 "Serve category \"test\" in the broker's own process");
+    CLI::Option* const testService =
+        app.add_flag("--test-service", arguments.testService,
+                     "Serve category \"test\" in the broker's own process");
+    app.add_option("--service-record", arguments.serviceRecord,
+                   "Append what reaches the test service and what it answers to FILE, a line of "
+                   "JSON for each request")
+        ->type_name("FILE")
+        ->check(base::notEmpty())
+        ->needs(testService);
     app.footer(
         "Says on standard error when it is ready, stops on SIGTERM and SIGINT, and reads\n"
         "its configuration again on SIGHUP.\n"
@@ -171,6 +179,9 @@ void serve(const Arguments& arguments, int signals, const broker::Log& log) {
         spdlog::warn("unknown test command \"{}\": answered with an empty payload",
                      identifier.substr(0, longestLoggedName));
     });
+    if (!arguments.serviceRecord.empty()) {
+        service.recordTo(arguments.serviceRecord);
+    }
     broker::Server server({config.limits, std::move(config.policy), newIdentity()}, listener, log);
     if (arguments.testService) {
         server.embed(test_service::category, service);

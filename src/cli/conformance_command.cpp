@@ -20,6 +20,7 @@
 #include "base/suggestion.h"
 #include "conformance/cases/explanations.h"
 #include "conformance/faults/fault_catalogue.h"
+#include "conformance/run/growth.h"
 #include "process/orphans.h"
 #include "process/stop_signals.h"
 
@@ -74,6 +75,8 @@ void describeLimits(CLI::App& command, ConformanceOptions& options) {
         ->check(numberFromTo(1, 1e6, "number of runs"));
     command.add_flag("--until-fail", options.plan.untilFail,
                      "With --repeat: end after the first run that does not pass");
+    command.add_flag("--fail-on-leaks", options.plan.failsOnLeaks,
+                     "With --repeat: what the library holds must not grow with the runs");
     command
         .add_option("--shuffle", options.plan.shuffle,
                     "With --repeat: cases in another order each time, from this seed on")
@@ -81,7 +84,8 @@ void describeLimits(CLI::App& command, ConformanceOptions& options) {
         ->check(numberFromTo(1, 1e9, "seed"));
     command
         .add_option("--jobs", options.plan.jobs,
-                    "With --repeat and --prove: so many runs at a time [4 for each processor]")
+                    "With --repeat and --prove: so many processes at a time [up to 4 for each "
+                    "processor]")
         ->type_name("N")
         ->check(numberFromTo(1, 1000, "number of runs"));
 }
@@ -155,7 +159,7 @@ const std::array alone = {
     Alone{"--explain", {}},
     Alone{"--prove",
           {"--library", "--name", "--timeout", "--call-timeout", "--time-scale", "--jobs", "--json",
-           "--junit", "--html", "--expect"}},
+           "--junit", "--html", "--expect", "--strict"}},
 };
 
 // Throws CommandFailure where one option rules another out.
@@ -184,6 +188,8 @@ struct Dependent {
 
 const std::array dependents = {
     Dependent{"--until-fail", {"--repeat"}},
+    Dependent{"--fail-on-leaks", {"--repeat"}},
+    Dependent{"--service-record", {"--socket", "--own-broker"}},
     Dependent{"--shuffle", {"--repeat"}},
     Dependent{"--jobs", {"--repeat", "--prove"}},
 };
@@ -237,6 +243,16 @@ void checkOptions(const CLI::App& command, const ConformanceOptions& options) {
     if (plan.repeat && (!plan.writtenExpectations.empty() || !plan.baseline.empty())) {
         refuse("--write-expect and --baseline are for a single run; leave out --repeat");
     }
+    if (plan.socket && plan.ownBroker) {
+        refuse("--own-broker is for a library that finds its broker by itself; leave out --socket");
+    }
+    if (plan.failsOnLeaks &&
+        *plan.repeat < conformance::leastRunsForGrowth * std::max(1U, plan.jobs)) {
+        refuse(
+            fmt::format("--fail-on-leaks needs {} runs of each process; give --repeat more, or "
+                        "--jobs less",
+                        conformance::leastRunsForGrowth));
+    }
     const size_t libraryCount = std::max<size_t>(1, plan.libraries.size());
     if (!plan.names.empty() && plan.names.size() != libraryCount) {
         refuse(fmt::format("{} libraries and {} names; give a --name for each --library, or none",
@@ -246,8 +262,8 @@ void checkOptions(const CLI::App& command, const ConformanceOptions& options) {
         refuse(
             "two libraries with the same --name; no reader of the reports could tell them apart");
     }
-    if (plan.socket && plan.jobs != 0) {
-        refuse("--jobs needs brokers of its own; leave out --socket");
+    if (!plan.startsBrokers() && plan.jobs != 0) {
+        refuse("--jobs needs brokers of the kit's; leave out --socket and --own-broker");
     }
 }
 
@@ -273,6 +289,13 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "Run against the broker at PATH, which must have a test service; "
                     "without it a broker with one is started for the run")
         ->type_name("PATH");
+    command.add_flag("--own-broker", options.plan.ownBroker,
+                     "The library brings its own broker and test service, which are running");
+    command
+        .add_option("--service-record", options.plan.serviceRecord,
+                    "With --socket or --own-broker: the file in which the test service records "
+                    "what reaches it; without it no pass is confirmed")
+        ->type_name("FILE");
     command
         .add_option("--library", options.plan.libraries,
                     "Run the module with the core library in DIR; may be repeated, to compare")
@@ -289,6 +312,9 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
                     "Run only the cases whose name, or suite/name, matches GLOB; may be repeated")
         ->type_name("GLOB")
         ->allow_extra_args(false);
+    command.add_flag("--strict", options.plan.strict,
+                     "A case with a warning fails, and so does a pass that the other side does "
+                     "not confirm");
     command
         .add_option_function<std::string>(
             "--level",

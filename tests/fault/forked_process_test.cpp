@@ -16,7 +16,6 @@ using namespace kavri::tests;
 
 namespace {
 
-constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
 constexpr auto otherProcess = KAVRI_CORE_STATUS_IPC_OTHER_PROCESS;
 
 // A child that does this and leaves with the number of the first step that was not right, or

@@ -24,7 +24,7 @@ struct Setting : WithBroker {
     void askInVain(const std::string& command, std::size_t times) {
         service.freeze();
         for (const std::string& uuid : numbers(times)) {
-            BOOST_TEST(initiator.send("test", command, uuid) == KAVRI_CORE_STATUS_NO_ERROR);
+            BOOST_TEST(initiator.send("test", command, uuid) == good);
         }
         waitForTheBroker();
     }
@@ -44,7 +44,7 @@ BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsWhenTheServiceIsKilled) {
 BOOST_AUTO_TEST_CASE(aBlockedReceiveReturnsWhenTheServiceStopsAsAsked) {
     Responder responder(address, "work");
     initiator.send("work", "do");
-    BOOST_TEST(responder.receive().status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(responder.receive().status == good);
     BlockedReceive receive(initiator);
     responder.end();
     BOOST_TEST(receive.result().status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST);
@@ -120,7 +120,7 @@ BOOST_AUTO_TEST_CASE(theServiceComesBackToABrokerStartedAnew) {
     broker.restart();
     BOOST_TEST(eventually([this] {
         initiator.echo("0");
-        return initiator.receive().status == KAVRI_CORE_STATUS_NO_ERROR;
+        return initiator.receive().status == good;
     }));
     BOOST_TEST(service.stop());
 }

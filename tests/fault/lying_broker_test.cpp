@@ -79,7 +79,7 @@ BOOST_AUTO_TEST_CASE(aRefusalReachesTheCaller) {
 }
 
 BOOST_AUTO_TEST_CASE(aRefusalWithoutAReasonIsNoSuccess) {
-    BOOST_TEST(initAgainstBytes(encode(goodbyeFrame(KAVRI_CORE_STATUS_NO_ERROR))) ==
+    BOOST_TEST(initAgainstBytes(encode(goodbyeFrame(good))) ==
                KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);
 }
 
@@ -165,7 +165,7 @@ BOOST_AUTO_TEST_CASE(aNoticeAndAResponseForOneRequestAreOneOutcome) {
 
 BOOST_AUTO_TEST_CASE(aNoticeThatNothingFailedIsNoResponse) {
     const std::uint64_t token = ask();
-    peer.send(statusFrame(FrameType::notice, token, KAVRI_CORE_STATUS_NO_ERROR));
+    peer.send(statusFrame(FrameType::notice, token, good));
     const Message received = initiator.receive(-1);
     BOOST_TEST(received.status == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST);
     BOOST_TEST(received.isEmpty());
@@ -280,7 +280,7 @@ BOOST_AUTO_TEST_CASE(responsesThatArrivedAreReceivedThoughASendFindsTheBrokerGon
     peer.write(encode(responseFrame(first, "first")) + encode(responseFrame(second, "second")));
     BOOST_TEST((initiator.receive(-1).uuid == "first"));
     peer.close();
-    BOOST_TEST(initiator.echo("third") != KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.echo("third") != good);
     BOOST_TEST((initiator.receive(-1).uuid == "second"));
 }
 
@@ -317,9 +317,9 @@ BOOST_AUTO_TEST_CASE(aRequestRightBehindTheRegistrationIsReceived) {
     Responder responder(address, "work");
     RawPeer peer = registered.get();
     const Message request = responder.receive(1000);
-    BOOST_TEST(request.status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(request.status == good);
     BOOST_TEST((request.uuid == "early"));
-    BOOST_TEST(responder.finish(request) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(responder.finish(request) == good);
     BOOST_TEST(peer.expect(FrameType::completion).values.token == 7U);
 }
 

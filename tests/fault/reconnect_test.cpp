@@ -12,8 +12,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
-
 struct Setting : ScriptedConnection {
     Setting() : ScriptedConnection(sendWithin(5000)) {}
 

@@ -24,7 +24,7 @@ const kavri_core_ipc_options shortSend = sendWithin(100);
 // Sends until a send fails: how many did not, and why the last did.
 struct Filled {
     std::size_t sent = 0;
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    kavri_core_status status = good;
     Clock::duration lastTook{};
 };
 Filled fill(Initiator& initiator, std::size_t payloadBytes) {
@@ -34,7 +34,7 @@ Filled fill(Initiator& initiator, std::size_t payloadBytes) {
         const auto begin = Clock::now();
         filled.status = initiator.echo(std::to_string(filled.sent), payload);
         filled.lastTook = Clock::now() - begin;
-        if (filled.status != KAVRI_CORE_STATUS_NO_ERROR) {
+        if (filled.status != good) {
             return filled;
         }
         ++filled.sent;
@@ -44,8 +44,8 @@ Filled fill(Initiator& initiator, std::size_t payloadBytes) {
 // Numbers "0" and so on, a megabyte each: more than the sockets hold.
 constexpr std::size_t hugeCount = 8;
 kavri_core_status sendTooMuch(Initiator& initiator) {
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
-    for (std::size_t i = 0; i < hugeCount && status == KAVRI_CORE_STATUS_NO_ERROR; ++i) {
+    kavri_core_status status = good;
+    for (std::size_t i = 0; i < hugeCount && status == good; ++i) {
         status = initiator.echo(std::to_string(i), std::string(1'000'000, 'x'));
     }
     return status;
@@ -89,7 +89,7 @@ BOOST_AUTO_TEST_CASE(aSendGoesOnWhenTheBrokerDoes) {
     BOOST_TEST(send.sleeps());
     broker.thaw();
     send.join();
-    BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(status == good);
     for (const std::string& uuid : numbers(hugeCount)) {
         const Message received = initiator.receive();
         BOOST_TEST((received.uuid == uuid));
@@ -100,7 +100,7 @@ BOOST_AUTO_TEST_CASE(aSendGoesOnWhenTheBrokerDoes) {
 BOOST_AUTO_TEST_CASE(aBlockedSendReturnsWhenTheBrokerIsKilled) {
     Initiator initiator(address);
     broker.freeze();
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    kavri_core_status status = good;
     BlockedCall send([&] { status = sendTooMuch(initiator); });
     BOOST_TEST(send.sleeps());
     broker.kill();
@@ -156,7 +156,7 @@ BOOST_AUTO_TEST_CASE(aBatchGoesOnWhenTheBrokerDoes) {
     BOOST_TEST(send.sleeps());
     broker.thaw();
     send.join();
-    BOOST_TEST(status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(status == good);
     BOOST_TEST(sent == count);
     BOOST_TEST((receiveUuids(initiator, count) == numbers(count)));
     BOOST_TEST(initiator.receive(0).status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE);
@@ -183,7 +183,7 @@ BOOST_FIXTURE_TEST_CASE(anAnswerIsReceivedThoughTheBatchIsNotAllSentYet, Scripte
     response.type = FrameType::response;
     peer.send(response);
     const Message received = initiator.receive(-1);
-    BOOST_TEST(received.status == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(received.status == good);
     BOOST_TEST((received.uuid == std::string(request[Field::uuid])));
     BOOST_TEST(!send.hasReturned());
     for (std::size_t i = 0; i < count; ++i) {
@@ -204,9 +204,8 @@ BOOST_AUTO_TEST_CASE(aBatchThatCannotAllBeSentSaysHowManyWere) {
     BOOST_TEST(sent > 0U);
     BOOST_TEST(sent < longBatch);
     broker.thaw();
-    const kavri_core_status expected = status == KAVRI_CORE_STATUS_IPC_OVERLOADED
-                                           ? KAVRI_CORE_STATUS_NO_ERROR
-                                           : KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
+    const kavri_core_status expected =
+        status == KAVRI_CORE_STATUS_IPC_OVERLOADED ? good : KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
     // One outcome for each that was sent, and none for the others.
     for (std::size_t i = 0; i < sent; ++i) {
         BOOST_REQUIRE(initiator.receive().status == expected);
@@ -232,8 +231,7 @@ BOOST_AUTO_TEST_CASE(aSubscriptionThatIsNotAcknowledgedIsOverloaded) {
     BOOST_TEST((Clock::now() - begin >= 2 * timeout));
     broker.thaw();
     // The broker may take longer than the short timeout to get to the first try.
-    BOOST_TEST(
-        eventually([&] { return initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR; }));
+    BOOST_TEST(eventually([&] { return initiator.subscribe("test") == good; }));
     Inbox inbox;
     initiator.onEvent(Inbox::event, &inbox);
     initiator.send("test", "event", "0", "after all");
@@ -254,7 +252,7 @@ BOOST_AUTO_TEST_CASE(eachOfManySendersReturnsWithinItsTimeout) {
         for (std::size_t i = 0; i < count; ++i) {
             senders.emplace_back([&, i] {
                 // Too large for the socket: the last of them fills it and waits.
-                while (statuses[i] == KAVRI_CORE_STATUS_NO_ERROR) {
+                while (statuses[i] == good) {
                     const auto begin = Clock::now();
                     statuses[i] = initiator.echo("0", std::string(100'000, 'x'));
                     took[i] = Clock::now() - begin;
@@ -319,7 +317,7 @@ BOOST_AUTO_TEST_CASE(aSendThatRestoresSubscriptionsReturnsWithinItsTimeout) {
     const auto begin = Clock::now();
     const kavri_core_status status = initiator.echo("0");
     BOOST_TEST((Clock::now() - begin < generous));
-    BOOST_TEST(status != KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(status != good);
     const RawPeer peer = welcomed.get();
     auto restored = std::async(std::launch::async, [&] {
         while (true) {
@@ -335,7 +333,7 @@ BOOST_AUTO_TEST_CASE(aSendThatRestoresSubscriptionsReturnsWithinItsTimeout) {
             }
         }
     });
-    BOOST_TEST(initiator.echo("1") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.echo("1") == good);
     restored.get();
 }
 
@@ -345,9 +343,9 @@ BOOST_AUTO_TEST_CASE(callbacksAreRemovedAndEndedAllTheSame) {
     initiator.onResponse(Inbox::response, &inbox);
     broker.freeze();
     initiator.echo("0");
-    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.onResponse(Inbox::response, &inbox) == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.onResponse(nullptr, nullptr) == good);
+    BOOST_TEST(initiator.onResponse(Inbox::response, &inbox) == good);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator.release()) == good);
     BOOST_TEST(inbox.count() == 0U);
 }
 

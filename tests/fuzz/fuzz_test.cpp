@@ -16,9 +16,9 @@ namespace {
 
 // Builds with sanitizers are some ten times as slow.
 #ifdef KAVRI_SANITIZED
-constexpr int rounds = 1500;
+constexpr std::size_t rounds = 1500;
 #else
-constexpr int rounds = 6000;
+constexpr std::size_t rounds = 6000;
 #endif
 
 std::string goldenFrames(Random& random) {
@@ -97,54 +97,48 @@ std::string script(Random& random, bool withMistakes) {
     return steps;
 }
 
+// What a target comes to in so many rounds.
+template <typename Target>
+std::size_t inRounds(std::size_t count, unsigned seed, Target target) {
+    Random random(seed);  // NOLINT(cert-msc51-cpp): the same every time
+    std::size_t sum = 0;
+    for (std::size_t round = 0; round < count; ++round) {
+        sum += target(random);
+    }
+    return sum;
+}
+
 }  // namespace
 
 // The targets end the program where a rule is broken. What they come to is
 // checked so that an input which no longer reaches anything is noticed.
 
 BOOST_AUTO_TEST_CASE(framesWithMistakesBreakNothing) {
-    Random random(1);  // NOLINT(cert-msc51-cpp): the same every time
-    std::size_t decoded = 0;
-    for (int round = 0; round < 5 * rounds; ++round) {
-        std::string bytes = goldenFrames(random);
-        mutate(bytes, random);
-        decoded += fuzzFrames(bytes);
-    }
-    BOOST_TEST(decoded > static_cast<std::size_t>(rounds));
+    BOOST_TEST(inRounds(5 * rounds, 1, [](Random& random) {
+                   std::string bytes = goldenFrames(random);
+                   mutate(bytes, random);
+                   return fuzzFrames(bytes);
+               }) > rounds);
 }
 
 BOOST_AUTO_TEST_CASE(noiseIsNoFrame) {
-    Random random(2);  // NOLINT(cert-msc51-cpp): the same every time
-    std::size_t decoded = 0;
-    for (int round = 0; round < 5 * rounds; ++round) {
-        decoded += fuzzFrames(noise(random, 200));
-    }
-    BOOST_TEST(decoded == 0U);
+    BOOST_TEST(inRounds(5 * rounds, 2,
+                        [](Random& random) { return fuzzFrames(noise(random, 200)); }) == 0U);
 }
 
 BOOST_AUTO_TEST_CASE(sensiblePeersBreakNothing) {
-    Random random(3);  // NOLINT(cert-msc51-cpp): the same every time
-    std::size_t heard = 0;
-    for (int round = 0; round < rounds; ++round) {
-        heard += fuzzProtocol(script(random, false));
-    }
-    BOOST_TEST(heard > static_cast<std::size_t>(rounds));
+    BOOST_TEST(inRounds(rounds, 3, [](Random& random) {
+                   return fuzzProtocol(script(random, false));
+               }) > rounds);
 }
 
 BOOST_AUTO_TEST_CASE(peersWithMistakesBreakNothing) {
-    Random random(4);  // NOLINT(cert-msc51-cpp): the same every time
-    std::size_t heard = 0;
-    for (int round = 0; round < rounds; ++round) {
-        heard += fuzzProtocol(script(random, true));
-    }
-    BOOST_TEST(heard > static_cast<std::size_t>(rounds));
+    BOOST_TEST(inRounds(rounds, 4, [](Random& random) {
+                   return fuzzProtocol(script(random, true));
+               }) > rounds);
 }
 
 BOOST_AUTO_TEST_CASE(noiseIsNotAnswered) {
-    Random random(5);  // NOLINT(cert-msc51-cpp): the same every time
-    std::size_t heard = 0;
-    for (int round = 0; round < rounds; ++round) {
-        heard += fuzzProtocol(noise(random, 1000));
-    }
-    BOOST_TEST(heard == 0U);
+    BOOST_TEST(inRounds(rounds, 5,
+                        [](Random& random) { return fuzzProtocol(noise(random, 1000)); }) == 0U);
 }

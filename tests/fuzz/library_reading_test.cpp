@@ -36,7 +36,7 @@ struct Connected : ScriptedConnection {
         std::uint64_t answers = 0;
         for (std::uint64_t turn = 0; turn <= 2 * requests; ++turn) {
             const Message received = initiator.receive(-1);
-            if (received.status == KAVRI_CORE_STATUS_NO_ERROR) {
+            if (received.status == good) {
                 BOOST_TEST((received.category && received.identifier && received.uuid));
                 ++answers;
             } else if (received.status == KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE) {
@@ -96,11 +96,11 @@ BOOST_AUTO_TEST_CASE(framesCutAtAnyByteAreTheSame) {
         // What is there so far is taken in before the rest comes.
         const Message early = connected.initiator.receive(0);
         connected.peer.write(bytes.substr(cut));
-        const bool isThere = early.status == KAVRI_CORE_STATUS_NO_ERROR;
+        const bool isThere = early.status == good;
         const Message first = isThere ? early : connected.initiator.receive(-1);
         BOOST_TEST((first.payload == "one"));
         const Message second = connected.initiator.receive(-1);
-        BOOST_TEST(second.status == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(second.status == good);
         BOOST_TEST(!second.payload.has_value());
     }
 }

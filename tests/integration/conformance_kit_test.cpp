@@ -44,9 +44,15 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
         {"--prove", "--fault", "send-lost"},
         {"--until-fail"},
         {"--shuffle", "7"},
+        {"--fail-on-leaks"},
+        {"--repeat", "5", "--jobs", "2", "--fail-on-leaks"},
         {"--repeat", "0"},
         {"--repeat", "2", "--library", standInFolder, "--library", standInFolder},
         {"--jobs", "2", "--socket", "/nowhere"},
+        {"--jobs", "2", "--own-broker"},
+        {"--own-broker", "--socket", "/nowhere"},
+        {"--own-broker", "--prove"},
+        {"--service-record", "/nowhere"},
         {"--fault", "no-such-fault"},
         {"--jobs", "2"},
         {"--jobs", "1", "--repeat", "2", "--socket", "/nowhere"},
@@ -248,7 +254,7 @@ BOOST_AUTO_TEST_CASE(repeatsTellHowManyPassedAndWhatGrew) {
     BOOST_TEST(contains(good.output, "5 runs, 5 passed"));
     const nlohmann::json repeats = json("r.json")["repeats"];
     BOOST_TEST(repeats["passed"] == 5);
-    BOOST_TEST(repeats["growth"].size() == 6U);
+    BOOST_TEST(repeats["growth"].size() == 7U);
     // Two requests of each run.
     BOOST_TEST(repeats["latencies"]["kavri_core_ipc_initiator_command_send"]["count"] == 10);
     const ToolResult bad = run(
@@ -257,16 +263,64 @@ BOOST_AUTO_TEST_CASE(repeatsTellHowManyPassedAndWhatGrew) {
     BOOST_TEST(contains(bad.output, "1 runs, 0 passed"));
 }
 
+BOOST_AUTO_TEST_CASE(ofWhatALibraryHoldsTheGrowthIsFound) {
+    const Arguments leaking = {"--repeat", "5", "--fault", "deinit-leaks-descriptor"};
+    const ToolResult remarked = run(with(sendPass, with(leaking, {"--json", at("r.json")})));
+    BOOST_TEST(remarked.exit.code == 0);
+    BOOST_TEST(contains(remarked.output, "remark: module, descriptors grows by 1.0 with each run"),
+               remarked.output);
+    for (const nlohmann::json& growth : json("r.json")["repeats"]["growth"]) {
+        BOOST_TEST_CONTEXT(growth.dump()) {
+            BOOST_TEST(growth["grows"] == (growth["what"] == "module, descriptors"));
+            BOOST_TEST(growth["slope"].is_number());
+        }
+    }
+    const ToolResult failed = run(with(sendPass, with(leaking, {"--fail-on-leaks"})));
+    BOOST_TEST(failed.exit.code == 1);
+    BOOST_TEST(contains(failed.output, "5 runs, 5 passed"));
+    const ToolResult good = run(with(sendPass, {"--repeat", "5", "--fail-on-leaks"}));
+    BOOST_TEST(good.exit.code == 0, good.output);
+}
+
+BOOST_AUTO_TEST_CASE(runsGoOnInAnotherProcessWhereOneEnds) {
+    const ToolResult result = run(with(sendPass, {"--repeat", "3", "--fault", "send-crashes"}));
+    BOOST_TEST(result.exit.code == 2);
+    BOOST_TEST(contains(result.output, "3 runs, 0 passed"), result.output);
+}
+
+BOOST_AUTO_TEST_CASE(aWarningIsNoFailureUnlessItIsToBeOne) {
+    const Arguments broken = with(sendPass, {"--fault", "initiator-deinit-fails"});
+    const ToolResult warned = run(with(broken, {"--json", at("r.json"), "--junit", at("r.xml")}));
+    BOOST_TEST(warned.exit.code == 0);
+    BOOST_TEST(contains(warned.output, "1 passed, 1 with warnings"), warned.output);
+    BOOST_TEST(contains(warned.output,
+                        "warning: kavri_core_ipc_deinit returned 3 (OUT_OF_RESOURCES); ipc.h: "
+                        "\"NO_ERROR; INVALID_ARGUMENT (initiator null).\""),
+               warned.output);
+    const nlohmann::json only = json("r.json")["libraries"][0]["cases"][0];
+    BOOST_TEST(only["verdict"] == "pass");
+    BOOST_TEST(only["warnings"][0]["rule"] == "listed-status");
+    BOOST_TEST(contains(textOf(at("r.xml")), "warning: kavri_core_ipc_deinit returned 3"));
+    const ToolResult strict = run(with(broken, {"--strict", "--json", at("r.json")}));
+    BOOST_TEST(strict.exit.code == 1);
+    BOOST_TEST(json("r.json")["verdict"] == "fail");
+    BOOST_TEST(run(with(sendPass, {"--strict"})).exit.code == 0);
+}
+
 BOOST_AUTO_TEST_CASE(severalLibrariesAreRunOneAfterTheOther) {
     const std::string ours = fs::path(KAVRI_LIB_DIR);
     const ToolResult result =
         run(reported(with(sendPass, {"--library", ours, "--library", standInFolder})));
-    BOOST_TEST(result.exit.code == 0);
+    // The other one answers by itself.
+    BOOST_TEST(result.exit.code == 1);
+    BOOST_TEST(contains(result.output, "requests never reached the service"));
     checkValid();
     const nlohmann::json report = json("r.json");
     BOOST_REQUIRE(report["libraries"].size() == 2U);
     BOOST_TEST(report["libraries"][0]["name"] == ours);
     BOOST_TEST(report["libraries"][1]["name"] == standInFolder);
+    BOOST_TEST(report["libraries"][0]["verdict"] == "pass");
+    BOOST_TEST(report["libraries"][1]["verdict"] == "fail");
     // Each has its own time.
     double together = 0;
     for (const nlohmann::json& library : report["libraries"]) {

@@ -15,7 +15,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
 constexpr auto made = KAVRI_CORE_IPC_CONNECTION_MADE;
 constexpr auto broken = KAVRI_CORE_IPC_CONNECTION_BROKEN;
 constexpr auto closed = KAVRI_CORE_IPC_CONNECTION_CLOSED_BY_BROKER;

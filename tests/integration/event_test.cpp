@@ -28,14 +28,14 @@ struct Listener {
     std::vector<std::string> received() {
         catchUp();
         Responder marker(address, "marker");
-        BOOST_TEST(initiator.subscribe("marker") == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(initiator.subscribe("marker") == good);
         const std::string last = "last " + std::to_string(++marks);
         marker.publish("marker", "event", last);
         BOOST_TEST(eventually([&] {
             const auto payloads = inbox.payloads();
             return !payloads.empty() && payloads.back() == last;
         }));
-        BOOST_TEST(initiator.unsubscribe("marker") == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(initiator.unsubscribe("marker") == good);
         auto payloads = inbox.payloads();
         std::erase_if(payloads, [](const std::string& text) { return text.starts_with("last "); });
         return payloads;
@@ -55,7 +55,7 @@ BOOST_FIXTURE_TEST_SUITE(subscriptions, WithBroker)
 
 BOOST_AUTO_TEST_CASE(anEventHasItsThreeFields) {
     Listener listener(address);
-    BOOST_TEST(listener.initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(listener.initiator.subscribe("test") == good);
     listener.publish("my payload");
     BOOST_REQUIRE(listener.inbox.waitFor(1));
     const Message event = listener.inbox.messages().front();
@@ -92,7 +92,7 @@ BOOST_AUTO_TEST_CASE(noEventComesAfterUnsubscribing) {
     listener.initiator.subscribe("test");
     listener.publish("in time");
     BOOST_TEST(listener.inbox.waitFor(1));
-    BOOST_TEST(listener.initiator.unsubscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(listener.initiator.unsubscribe("test") == good);
     listener.publish("too late");
     BOOST_TEST((listener.received() == Payloads{"in time"}));
 }
@@ -120,10 +120,10 @@ BOOST_AUTO_TEST_CASE(theBrokerSendsEventsToSubscribersOnly) {
 BOOST_AUTO_TEST_CASE(anEventComesToWhoeverSubscribesAgain) {
     Listener listener(address);
     for (const std::string& payload : numbers(3)) {
-        BOOST_TEST(listener.initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(listener.initiator.subscribe("test") == good);
         listener.publish(payload);
         BOOST_TEST(listener.inbox.waitFor(std::stoul(payload) + 1));
-        BOOST_TEST(listener.initiator.unsubscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(listener.initiator.unsubscribe("test") == good);
         listener.publish("between");
     }
     BOOST_TEST((listener.received() == numbers(3)));
@@ -131,19 +131,19 @@ BOOST_AUTO_TEST_CASE(anEventComesToWhoeverSubscribesAgain) {
 
 BOOST_AUTO_TEST_CASE(subscribingTwiceDeliversOnceAndOneUnsubscribeEndsIt) {
     Listener listener(address);
-    BOOST_TEST(listener.initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(listener.initiator.subscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(listener.initiator.subscribe("test") == good);
+    BOOST_TEST(listener.initiator.subscribe("test") == good);
     listener.publish("once");
     BOOST_TEST((listener.received() == Payloads{"once"}));
-    BOOST_TEST(listener.initiator.unsubscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(listener.initiator.unsubscribe("test") == good);
     listener.publish("never");
     BOOST_TEST((listener.received() == Payloads{"once"}));
 }
 
 BOOST_AUTO_TEST_CASE(endingASubscriptionThatIsNotThereIsNoFailure) {
     Initiator initiator(address);
-    BOOST_TEST(initiator.unsubscribe("test") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.unsubscribe("nobody's") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.unsubscribe("test") == good);
+    BOOST_TEST(initiator.unsubscribe("nobody's") == good);
 }
 
 BOOST_AUTO_TEST_CASE(eventsAreDroppedWhileNoCallbackIsInstalled) {
@@ -194,13 +194,12 @@ BOOST_AUTO_TEST_CASE(eventsOfEachCategoryGoToItsOwnSubscribers) {
     mason.initiator.subscribe("stone");
     both.initiator.subscribe("fruit");
     both.initiator.subscribe("stone");
-    BOOST_TEST(fruit.publish("fruit", "ripe", "apple") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(fruit.publish("fruit", "ripe", "apple") == good);
     BOOST_TEST(both.inbox.waitFor(1));
-    BOOST_TEST(stone.publish("stone", "hewn", "granite") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(stone.publish("stone", "hewn", "granite") == good);
     BOOST_TEST(both.inbox.waitFor(2));
     BOOST_TEST((both.inbox.payloads() == Payloads{"apple", "granite"}));
-    BOOST_TEST((both.inbox.messages()[1].category == "stone"));
-    BOOST_TEST((both.inbox.messages()[1].identifier == "hewn"));
+    BOOST_TEST(both.inbox.messages()[1].text() == "stone hewn null granite");
     BOOST_TEST(eater.inbox.waitFor(1));
     BOOST_TEST(mason.inbox.waitFor(1));
     BOOST_TEST((eater.received() == Payloads{"apple"}));
@@ -209,10 +208,10 @@ BOOST_AUTO_TEST_CASE(eventsOfEachCategoryGoToItsOwnSubscribers) {
 
 BOOST_AUTO_TEST_CASE(aSubscriptionComesBeforeItsResponderAndOutlivesIt) {
     Listener listener(address);
-    BOOST_TEST(listener.initiator.subscribe("later") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(listener.initiator.subscribe("later") == good);
     for (const std::string& payload : numbers(2)) {
         Responder responder(address, "later");
-        BOOST_TEST(responder.publish("later", "event", payload) == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(responder.publish("later", "event", payload) == good);
         BOOST_TEST(listener.inbox.waitFor(std::stoul(payload) + 1));
     }
     BOOST_TEST((listener.received() == numbers(2)));
@@ -225,8 +224,8 @@ BOOST_AUTO_TEST_CASE(largeEventsReachEverySubscriber) {
     one.initiator.subscribe("large");
     other.initiator.subscribe("large");
     const std::string payload(1'000'000, 'x');
-    BOOST_TEST(responder.publish("large", "event", payload) == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(responder.publish("large", "event", "") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(responder.publish("large", "event", payload) == good);
+    BOOST_TEST(responder.publish("large", "event", "") == good);
     for (Listener* listener : {&one, &other}) {
         BOOST_TEST(listener->inbox.waitFor(2));
         BOOST_TEST((listener->inbox.payloads() == Payloads{payload, ""}));
@@ -238,11 +237,11 @@ BOOST_AUTO_TEST_SUITE_END()
 BOOST_AUTO_TEST_CASE(moreSubscriptionsThanConfiguredAreOverloaded) {
     WithBroker limited({.config = "[limits]\nsubscriptions_per_initiator = 2"});
     Initiator initiator(limited.address);
-    BOOST_TEST(initiator.subscribe("a") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.subscribe("b") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.subscribe("a") == good);
+    BOOST_TEST(initiator.subscribe("b") == good);
     BOOST_TEST(initiator.subscribe("c") == KAVRI_CORE_STATUS_IPC_OVERLOADED);
-    BOOST_TEST(initiator.unsubscribe("a") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.subscribe("c") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.unsubscribe("a") == good);
+    BOOST_TEST(initiator.subscribe("c") == good);
 }
 
 BOOST_AUTO_TEST_CASE(aCategoryOthersMayNotSubscribeToIsRefused) {
@@ -251,8 +250,8 @@ BOOST_AUTO_TEST_CASE(aCategoryOthersMayNotSubscribeToIsRefused) {
                                      "[access.category.\"mine\"]\nserve = []\n"});
     Initiator initiator(restricted.address);
     BOOST_TEST(initiator.subscribe("test") == KAVRI_CORE_STATUS_IPC_REFUSED);
-    BOOST_TEST(initiator.subscribe("other") == KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(initiator.echo("0") == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(initiator.subscribe("other") == good);
+    BOOST_TEST(initiator.echo("0") == good);
     BOOST_TEST(initiator.receive().status == KAVRI_CORE_STATUS_IPC_REFUSED);
     BOOST_TEST(initStatus(optionsFor(restricted.address), "mine") == KAVRI_CORE_STATUS_IPC_REFUSED);
 }

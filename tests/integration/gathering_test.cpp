@@ -14,8 +14,6 @@ using namespace kavri::tests;
 
 namespace {
 
-constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
-
 // A responder whose requests arrive in one order, and an initiator that gathers.
 struct Gathering : WithBroker {
     kavri_core_ipc_options chosen = [] {

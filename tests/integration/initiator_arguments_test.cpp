@@ -124,10 +124,9 @@ BOOST_AUTO_TEST_CASE(membersThatAnOlderProgramDoesNotKnowAreNotRead) {
     options.connectionContext = &called;
     options.sizeBytes = offsetof(kavri_core_ipc_options, connectionCallback);
     kavri_core_ipc_initiator* initiator = nullptr;
-    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) ==
-               KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) == good);
     BOOST_TEST(haveFurtherThreads(0));  // none to call it from
-    BOOST_TEST(kavri_core_ipc_deinit(initiator) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator) == good);
     BOOST_TEST(!called);
 }
 
@@ -138,9 +137,8 @@ BOOST_AUTO_TEST_CASE(optionsOfALaterVersionAreAccepted) {
     } options{optionsFor(address), {}};
     options.known.sizeBytes = sizeof options;
     kavri_core_ipc_initiator* initiator = nullptr;
-    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) ==
-               KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(kavri_core_ipc_deinit(initiator) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) == good);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator) == good);
 }
 
 BOOST_AUTO_TEST_CASE(anAddressThatCannotBeOneIsRefused) {
@@ -159,9 +157,8 @@ BOOST_AUTO_TEST_CASE(whereNobodyListensTheBrokerIsUnavailable) {
 BOOST_AUTO_TEST_CASE(withoutOptionsTheEnvironmentNamesTheBroker) {
     kavri_core_ipc_initiator* initiator = nullptr;
     ::setenv("KAVRI_BROKER", address.c_str(), 1);
-    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, nullptr, &initiator) ==
-               KAVRI_CORE_STATUS_NO_ERROR);
-    BOOST_TEST(kavri_core_ipc_deinit(initiator) == KAVRI_CORE_STATUS_NO_ERROR);
+    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, nullptr, &initiator) == good);
+    BOOST_TEST(kavri_core_ipc_deinit(initiator) == good);
     ::setenv("KAVRI_BROKER", std::string(folder / "nowhere.sock").c_str(), 1);
     BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, nullptr, &initiator) ==
                KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE);

@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/test/unit_test.hpp>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "conformance/module/module_events.h"
@@ -48,6 +50,7 @@ struct Observed {
                             {"ASAN_OPTIONS", "detect_leaks=1:verify_asan_link_order=0"},
                             {"KAVRI_MODULE_EVENTS", std::to_string(descriptor)}},
             .inheritedDescriptors = {descriptor}};
+        spawn.environment.insert(environment.begin(), environment.end());
         if (!arguments.empty()) {
             spawn.arguments = {"--run_test=" + cases};
             spawn.arguments.insert(spawn.arguments.end(), arguments.begin(), arguments.end());
@@ -59,13 +62,21 @@ struct Observed {
         exit = *ended;
         output = module.output();
         lines = textOf(record);
-        return ModuleEvents().read(lines);
+        Events events = ModuleEvents().read(lines);
+        rounds.clear();
+        std::ranges::copy_if(events, std::back_inserter(rounds), isRound);
+        std::erase_if(events, isRound);
+        return events;
     }
+
+    static bool isRound(const ModuleEvent& event) { return event.kind == Kind::round; }
 
     TemporaryFolder folder;
     ExitState exit;
     std::string output;
     std::string lines;
+    Events rounds;
+    std::map<std::string, std::optional<std::string>> environment;
 };
 
 void checkKinds(const Events& events, const std::vector<Kind>& expected) {
@@ -181,6 +192,57 @@ BOOST_AUTO_TEST_CASE(severalFormattersOfTheUserLogBesideTheObserver) {
     BOOST_TEST(events.size() == 7U);
     BOOST_TEST(output.find("check one < 1 has failed [1 >= 1]") != std::string::npos);
     BOOST_TEST(textOf(log).find("<testsuite ") != std::string::npos);
+}
+
+BOOST_AUTO_TEST_CASE(theCasesAreRunInAsManyRoundsAsAreAskedFor) {
+    checkKinds(run("checks/noChecks"), {Kind::began, Kind::ended});
+    BOOST_TEST(rounds.size() == 1U);
+    environment["KAVRI_MODULE_ROUNDS"] = "3";
+    checkKinds(run("checks/noChecks,comparisons"),
+               {Kind::began,  Kind::passed, Kind::failed, Kind::failed, Kind::failed, Kind::failed,
+                Kind::ended,  Kind::began,  Kind::ended,  Kind::began,  Kind::passed, Kind::failed,
+                Kind::failed, Kind::failed, Kind::failed, Kind::ended,  Kind::began,  Kind::ended,
+                Kind::began,  Kind::passed, Kind::failed, Kind::failed, Kind::failed, Kind::failed,
+                Kind::ended,  Kind::began,  Kind::ended});
+    BOOST_TEST(exit.code == 201);
+    BOOST_REQUIRE(rounds.size() == 3U);
+    for (unsigned i = 0; i < rounds.size(); ++i) {
+        BOOST_TEST(rounds[i].number == i + 1);
+        BOOST_TEST(rounds[i].data.at("threads").get<int>() >= 1);
+        BOOST_TEST(rounds[i].data.at("descriptors").get<int>() >= 3);
+        BOOST_TEST(rounds[i].data.at("residentKiB").get<int>() > 100);
+        BOOST_TEST(rounds[i].data.at("mappedKiB").get<int>() > 100);
+    }
+}
+
+// As a process of its own with the next seed would have it.
+BOOST_AUTO_TEST_CASE(eachRoundHasTheOrderOfTheNextSeed) {
+    const auto order = [this](const std::string& seed) {
+        std::vector<std::string> names;
+        for (const ModuleEvent& event :
+             run("*", {"--random=" + seed, "--log_level=nothing", "--report_level=no"})) {
+            if (event.kind == Kind::began) {
+                names.push_back(event.text);
+            }
+        }
+        return names;
+    };
+    std::vector<std::string> expected;
+    for (const char* seed : {"5", "6", "7"}) {
+        const std::vector<std::string> one = order(seed);
+        expected.insert(expected.end(), one.begin(), one.end());
+    }
+    environment["KAVRI_MODULE_ROUNDS"] = "3";
+    BOOST_TEST(order("5") == expected, boost::test_tools::per_element());
+}
+
+BOOST_AUTO_TEST_CASE(aThreadThatWasJoinedIsNotCounted) {
+    environment["KAVRI_MODULE_ROUNDS"] = "20";
+    run("checks/checkOnAThread");
+    BOOST_REQUIRE(rounds.size() == 20U);
+    for (const ModuleEvent& round : rounds) {
+        BOOST_TEST(round.data.at("threads") == rounds[0].data.at("threads"));
+    }
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <kavri/core.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,7 +44,8 @@ Line parsed(const std::string& text) {
     stream >> line.kind >> line.atNs >> line.thread;
     if (line.kind == "call" || line.kind == "deliver") {
         stream >> line.number >> line.name;
-    } else if (line.kind == "return" || line.kind == "delivered") {
+    } else if (line.kind == "return" || line.kind == "delivered" || line.kind == "breach" ||
+               line.kind == "crash" || line.kind == "exit") {
         stream >> line.number;
     } else if (line.kind == "fault" || line.kind == "peer") {
         stream >> line.name;
@@ -157,7 +159,8 @@ BOOST_AUTO_TEST_CASE(aCleanRunIsRecordedCallByCall) {
     BOOST_TEST(count(result.lines, "deliver", "response") == 10U);
     BOOST_TEST(count(result.lines, "deliver", "event") == 10U);
     BOOST_TEST(count(result.lines, "delivered") == 20U);
-    BOOST_TEST(count(result.lines, "usage") == 8U);
+    BOOST_TEST(count(result.lines, "left") == 0U);
+    BOOST_TEST(count(result.lines, "breach") == 0U);
     BOOST_TEST(count(result.lines, "fault") == 0U);
     BOOST_TEST(count(result.lines, "peer") == 0U);
 }
@@ -200,12 +203,15 @@ BOOST_AUTO_TEST_CASE(argumentsAndResultsAreRecorded) {
     BOOST_REQUIRE(calls.size() == 9U);
     BOOST_REQUIRE(returns.size() == 9U);
     BOOST_TEST(calls[1].details == json({{"name", "ipcInitiatorTest"}}));
-    BOOST_TEST(returns[2].details == json({{"status", 0}, {"handle", true}}));
-    BOOST_TEST(calls[3].details == json({{"targetCategory", "test"},
+    BOOST_TEST(returns[2].details == json({{"status", 0}, {"handle", true}, {"initiator", 1}}));
+    BOOST_TEST(calls[3].details == json({{"initiator", 1},
+                                         {"targetCategory", "test"},
                                          {"targetIdentifier", "initiator"},
                                          {"uuid", "0"},
                                          {"payload", "this is my payload"}}));
-    BOOST_TEST(calls[5].details == json({{"timeout", -1}}));
+    BOOST_TEST(calls[5].details == json({{"initiator", 1}, {"timeout", -1}}));
+    BOOST_TEST(calls[6].details == json({{"initiator", 1}}));
+    BOOST_TEST(calls[7].details == json({{"cookie", "opened"}}));
     BOOST_TEST(returns[5].details.at("status") == 0);
     BOOST_TEST(returns[5].details.at("uuid") == "0");
     BOOST_TEST(returns[5].details.contains("payload"));
@@ -230,8 +236,10 @@ BOOST_AUTO_TEST_CASE(deliveriesAreRecordedWithTheModulesContext) {
         }
     }
     BOOST_REQUIRE(installations.size() == 2U);
-    BOOST_TEST(installations[0] == json({{"callback", "installed"}, {"context", "0x87654321"}}));
-    BOOST_TEST(installations[1] == json({{"callback", nullptr}, {"context", nullptr}}));
+    BOOST_TEST(installations[0] ==
+               json({{"initiator", 1}, {"callback", "installed"}, {"context", "0x87654321"}}));
+    BOOST_TEST(installations[1] ==
+               json({{"initiator", 1}, {"callback", nullptr}, {"context", nullptr}}));
 }
 
 BOOST_AUTO_TEST_CASE(aTextIsCutSoThatFourFitIntoALine) {
@@ -247,27 +255,72 @@ BOOST_AUTO_TEST_CASE(aTextIsCutSoThatFourFitIntoALine) {
     BOOST_TEST(wide.get<std::string>().ends_with("…"));
 }
 
-BOOST_AUTO_TEST_CASE(usageIsWhatTheProcessHolds) {
+BOOST_AUTO_TEST_CASE(whatTheLibraryLeavesBehindIsCounted) {
     startBroker();
-    const Lines usage = ofKind(run(passCase).lines, "usage");
-    BOOST_REQUIRE(usage.size() == 1U);
-    BOOST_TEST(usage[0].details.at("descriptors").get<int>() >= 3);
-    BOOST_TEST(usage[0].details.at("threads").get<int>() >= 1);
-    BOOST_TEST(usage[0].details.at("residentKiB").get<int>() > 100);
+    BOOST_TEST(count(run(passCase).lines, "left") == 0U);
+    const Lines left =
+        ofKind(run(passCase, {{"KAVRI_PROBE_FAULT", "deinit-leaks-descriptor"}}).lines, "left");
+    BOOST_REQUIRE(left.size() == 1U);
+    BOOST_TEST(left[0].details == json({{"descriptors", 1}}));
+}
+
+BOOST_AUTO_TEST_CASE(aStringThatNobodyAllocatedIsABreach) {
+    startBroker();
+    const Result result = run(echoCase, {{"KAVRI_PROBE_FAULT", "receive-string-not-allocated"}});
+    const Lines breaches = ofKind(result.lines, "breach");
+    BOOST_REQUIRE(!breaches.empty());
+    BOOST_TEST(breaches[0].details == json({{"rule", "allocated-strings"},
+                                            {"what", "payload lies within libkavri-probe.so"}}));
 }
 
 BOOST_AUTO_TEST_CASE(aCrashLeavesTheRecordUpToTheCall) {
     startBroker();
     const Result result = run(echoCase, {{"KAVRI_PROBE_FAULT", "receive-crashes"}});
     BOOST_TEST(!result.exit.succeeded());
-    BOOST_REQUIRE(result.lines.size() >= 2U);
-    const Line& fault = result.lines.back();
-    const Line& call = result.lines[result.lines.size() - 2];
+    BOOST_REQUIRE(result.lines.size() >= 4U);
+    const Line& stack = result.lines.back();
+    const Line& crash = result.lines[result.lines.size() - 2];
+    const Line& fault = result.lines[result.lines.size() - 3];
+    const Line& call = result.lines[result.lines.size() - 4];
+    BOOST_TEST(stack.kind == "stack");
+    BOOST_TEST(stack.thread == crash.thread);
+    BOOST_TEST(stack.details.at("frames").size() > 1U);
+    BOOST_TEST(crash.kind == "crash");
+    BOOST_TEST(crash.number == unsigned{SIGSEGV});
+    BOOST_TEST(crash.thread == call.thread);
     BOOST_TEST(fault.kind == "fault");
     BOOST_TEST(fault.details.at("number") == call.number);
     BOOST_TEST(call.kind == "call");
     BOOST_TEST(call.name == "kavri_core_ipc_initiator_response_receive");
     BOOST_TEST(count(result.lines, "return") == count(result.lines, "call") - 1);
+}
+
+BOOST_AUTO_TEST_CASE(aCallThatEndsTheProcessIsRecordedBeforeIt) {
+    startBroker();
+    const Result result = run(echoCase, {{"KAVRI_PROBE_FAULT", "send-exits"}});
+    const Lines exits = ofKind(result.lines, "exit");
+    BOOST_REQUIRE(exits.size() == 1U);
+    BOOST_TEST(exits[0].number == 0U);
+    BOOST_TEST(exits[0].details.at("function") == "_exit");
+    BOOST_TEST(count(result.lines, "crash") == 0U);
+    BOOST_TEST(result.exit.succeeded());
+}
+
+BOOST_AUTO_TEST_CASE(eventsAtTheSameTimeOverlapInTheRecord) {
+    startBroker();
+    const Result result = run("initiatorEvent/initiatorRepeatEventCallback",
+                              {{"KAVRI_PROBE_FAULT", "event-two-at-once"}});
+    BOOST_TEST(result.exit.succeeded());
+    // Both have begun before either ends.
+    std::vector<std::string> kinds;
+    for (const Line& line : result.lines) {
+        if (line.kind.starts_with("deliver")) {
+            kinds.push_back(line.kind);
+        }
+    }
+    BOOST_REQUIRE(kinds.size() == 20U);
+    BOOST_TEST(kinds[0] == "deliver");
+    BOOST_TEST(kinds[1] == "deliver");
 }
 
 BOOST_AUTO_TEST_CASE(aCallIsBrokenAndTheRecordShowsWhatTheModuleGot) {

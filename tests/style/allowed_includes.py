@@ -28,7 +28,7 @@ MAY_USE = {
     "src/broker/routing": {"base", "wire", "kavri", "broker/memory"},
     "src/broker/loop": {"base", "wire", "broker/log", "broker/memory", "broker/routing"},
     "src/broker": {"base", "wire", "broker/log", "broker/loop", "broker/routing"},
-    "src/test_service": set(),
+    "src/test_service": {"base"},
     "src/conformance/agent": {"base", "conformance/faults", "kavri"},
     "src/conformance/faults": {"conformance/agent", "kavri"},
     "src/conformance/report": {"base", "process"},

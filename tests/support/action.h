@@ -31,7 +31,7 @@ class Action {
 
   private:
     void run(const Strings& strings) {
-        const Message released(KAVRI_CORE_STATUS_NO_ERROR, strings);
+        const Message released(good, strings);
         ++begun_;
         work_();
         ++ended_;

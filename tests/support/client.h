@@ -28,6 +28,8 @@ inline std::ostream& boost_test_print_type(std::ostream& out, kavri_core_status 
 
 namespace kavri::tests {
 
+inline constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
+
 using Text = std::optional<std::string>;
 
 // Takes over a string of the library's; null becomes nothing.
@@ -55,7 +57,7 @@ struct Strings {
 
 // What a receive came to, or what a callback got.
 struct Message {
-    kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
+    kavri_core_status status = good;
     Text category{};
     Text identifier{};
     Text uuid{};
@@ -70,6 +72,14 @@ struct Message {
           uuid(adopt(strings.uuid)),
           payload(adopt(strings.payload)) {}
 
+    // Its fields in one line, with blanks between; "null" for one that is.
+    std::string text() const {
+        std::string all;
+        for (const Text* field : {&category, &identifier, &uuid, &payload}) {
+            all += (all.empty() ? "" : " ") + field->value_or("null");
+        }
+        return all;
+    }
     // The variables were left as they were.
     bool isEmpty() const { return !category && !identifier && !uuid && !payload; }
 };
@@ -105,7 +115,7 @@ inline kavri_core_ipc_options sendWithin(unsigned timeoutMs) {
 }
 
 inline void requireSuccess(kavri_core_status status, const char* what) {
-    if (status != KAVRI_CORE_STATUS_NO_ERROR) {
+    if (status != good) {
         throw std::runtime_error(std::string(what) + ": " + kavri_core_status_text(status));
     }
 }
@@ -158,7 +168,7 @@ class Initiator {
     }
     // Whether such a request is accepted and its response is the next.
     bool echoes(const std::string& uuid = "0", const std::string& payload = "payload") {
-        if (echo(uuid, payload) != KAVRI_CORE_STATUS_NO_ERROR) {
+        if (echo(uuid, payload) != good) {
             return false;
         }
         const Message response = receive();
@@ -168,9 +178,8 @@ class Initiator {
     std::size_t echoAll(const std::vector<std::string>& uuids,
                         const std::string& payload = "payload") {
         return static_cast<std::size_t>(
-            std::count_if(uuids.begin(), uuids.end(), [&](const std::string& uuid) {
-                return echo(uuid, payload) != KAVRI_CORE_STATUS_NO_ERROR;
-            }));
+            std::count_if(uuids.begin(), uuids.end(),
+                          [&](const std::string& uuid) { return echo(uuid, payload) != good; }));
     }
     kavri_core_status subscribe(const std::string& category) {
         return kavri_core_ipc_initiator_event_subscribe(handle_, category.c_str());
@@ -246,7 +255,7 @@ class Responder {
 inline kavri_core_status initStatus(kavri_core_ipc_options options) {
     kavri_core_ipc_initiator* made = nullptr;
     const kavri_core_status status = kavri_core_ipc_initiator_init(nullptr, &options, &made);
-    if ((made != nullptr) != (status == KAVRI_CORE_STATUS_NO_ERROR)) {
+    if ((made != nullptr) != (status == good)) {
         throw std::logic_error("an initiator in spite of a failure, or none");
     }
     kavri_core_ipc_deinit(made);
@@ -256,7 +265,7 @@ inline kavri_core_status initStatus(kavri_core_ipc_options options, const char* 
     kavri_core_ipc_responder* made = nullptr;
     const kavri_core_status status =
         kavri_core_ipc_responder_init(nullptr, &options, category, &made);
-    if ((made != nullptr) != (status == KAVRI_CORE_STATUS_NO_ERROR)) {
+    if ((made != nullptr) != (status == good)) {
         throw std::logic_error("a responder in spite of a failure, or none");
     }
     kavri_core_ipc_responder_deinit(made);
@@ -335,7 +344,7 @@ class Inbox {
     }
     static void put(void* inbox, const Strings& strings, kavri_core_ipc_request request) {
         auto& self = *static_cast<Inbox*>(inbox);
-        Message message(KAVRI_CORE_STATUS_NO_ERROR, strings);
+        Message message(good, strings);
         message.request = request;
         message.thread = std::this_thread::get_id();
         const std::lock_guard lock(self.mutex_);

@@ -56,9 +56,8 @@ class ConformanceTool {
     }
 
     // Waits for the tool, and checks that it has tidied up.
-    ToolResult finish(process::ChildProcess& tool,
-                      std::chrono::seconds patience = longEnough) const {
-        const std::optional<process::ExitState> exit = tool.wait(patience);
+    ToolResult finish(process::ChildProcess& tool, std::chrono::seconds limit = longEnough) const {
+        const std::optional<process::ExitState> exit = tool.wait(limit);
         BOOST_REQUIRE_MESSAGE(exit.has_value(), "the tool does not end: " << tool.error());
         checkNothingIsLeft();
         return {*exit, tool.output(), tool.error()};

@@ -16,7 +16,6 @@
 
 namespace kavri::tests {
 
-inline constexpr auto good = KAVRI_CORE_STATUS_NO_ERROR;
 inline constexpr auto noMemory = KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
 // Longer than what a string holds without an allocation.
 inline const std::string longCategory = "a category with a long name";

@@ -43,7 +43,7 @@ struct ScriptedConnection : WithFakeBroker {
     // Has the initiator subscribe over the connection that there is.
     void subscribe(const std::string& category) {
         auto acknowledged = std::async(std::launch::async, [this] { acknowledge(peer); });
-        BOOST_TEST(initiator.subscribe(category) == KAVRI_CORE_STATUS_NO_ERROR);
+        BOOST_TEST(initiator.subscribe(category) == good);
         acknowledged.get();
     }
     // The broker's part in a connection with so many subscriptions restored.

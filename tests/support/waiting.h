@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -43,7 +44,7 @@ inline std::string stateIn(const std::string& statFile) {
 }
 
 // Threads of this process besides the main one. The thread sanitizer has one of
-// its own, which is not counted.
+// its own, from the first thread of the program's on, which is not counted.
 inline std::size_t furtherThreads() {
 #if defined(__SANITIZE_THREAD__)
     constexpr std::ptrdiff_t known = 2;
@@ -57,7 +58,7 @@ inline std::size_t furtherThreads() {
     constexpr std::ptrdiff_t known = 1;
 #endif
     const auto all = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-    return static_cast<std::size_t>(all - known);
+    return static_cast<std::size_t>(std::max<std::ptrdiff_t>(all - known, 0));
 }
 
 // A thread that was joined is listed for a moment longer.

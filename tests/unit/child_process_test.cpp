@@ -10,14 +10,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <boost/test/unit_test.hpp>
 #include <cerrno>
 #include <system_error>
 
+#include "base/pipe.h"
+#include "support/waiting.h"
+
+using kavri::base::Pipe;
 using kavri::process::ChildProcess;
 using kavri::process::ChildSpawn;
 using kavri::process::ExitState;
+using kavri::tests::openDescriptors;
 using namespace std::chrono_literals;
 
 namespace {
@@ -70,6 +74,13 @@ BOOST_AUTO_TEST_CASE(moreOutputThanAPipeHoldsIsCapturedWhole) {
     ChildProcess child(shell("head -c 1000000 /dev/zero"));
     BOOST_TEST(endOf(child).succeeded());
     BOOST_TEST(child.output().size() == 1000000U);
+}
+
+BOOST_AUTO_TEST_CASE(outputWithoutEndIsCapturedUpToALimit) {
+    ChildProcess child(shell("yes | head -c 100000000; echo end >&2"));
+    endOf(child);
+    BOOST_TEST(child.output().size() == ChildProcess::captureLimitBytes);
+    BOOST_TEST(child.error() == "end\n");
 }
 
 BOOST_AUTO_TEST_CASE(outputThatIsTakenIsForgotten) {
@@ -165,16 +176,13 @@ BOOST_AUTO_TEST_CASE(endedDescriptorBecomesReadable) {
 }
 
 BOOST_AUTO_TEST_CASE(waitingEndsWhenItIsInterrupted) {
-    int ends[2];
-    BOOST_REQUIRE(pipe2(ends, O_CLOEXEC) == 0);
+    const Pipe pipe = Pipe::make();
     ChildSpawn spawn = shell("exec sleep 1000");
-    spawn.interruptDescriptor = ends[0];
+    spawn.interruptDescriptor = pipe.readEnd.get();
     ChildProcess child(spawn);
-    BOOST_TEST(write(ends[1], "x", 1) == 1);
+    BOOST_TEST(write(pipe.writeEnd.get(), "x", 1) == 1);
     BOOST_TEST(!child.wait(1h).has_value());
     BOOST_TEST(!child.waitForOutput("ready", 1h));
-    close(ends[0]);
-    close(ends[1]);
 }
 
 BOOST_AUTO_TEST_CASE(destroyingEndsTheProgram) {
@@ -202,21 +210,18 @@ BOOST_AUTO_TEST_CASE(whatTheProgramLeftBehindEndsWithIt) {
 }
 
 BOOST_AUTO_TEST_CASE(theProgramEndsWhenItsStarterDies) {
-    int numbers[2];
-    BOOST_REQUIRE(pipe2(numbers, O_CLOEXEC) == 0);
+    const Pipe numbers = Pipe::make();
     const pid_t starter = fork();
     if (starter == 0) {
         ChildSpawn spawn = shell("exec sleep 1000");
         spawn.captureOutput = spawn.captureError = false;
         const ChildProcess child(spawn);
         const pid_t pid = child.pid();
-        const ssize_t told = write(numbers[1], &pid, sizeof pid);
+        const ssize_t told = write(numbers.writeEnd.get(), &pid, sizeof pid);
         kill(getpid(), told == sizeof pid ? SIGKILL : SIGABRT);
     }
     pid_t program = -1;
-    BOOST_REQUIRE(read(numbers[0], &program, sizeof program) == sizeof program);
-    close(numbers[0]);
-    close(numbers[1]);
+    BOOST_REQUIRE(read(numbers.readEnd.get(), &program, sizeof program) == sizeof program);
     int status = 0;
     BOOST_REQUIRE(waitpid(starter, &status, 0) == starter);
     BOOST_TEST(WTERMSIG(status) == SIGKILL);
@@ -236,29 +241,22 @@ BOOST_AUTO_TEST_CASE(theProgramStartsWithSignalsUnblockedAndEmptyInput) {
 }
 
 BOOST_AUTO_TEST_CASE(onlyTheNamedDescriptorsAreInherited) {
-    int ends[2];
-    BOOST_REQUIRE(pipe2(ends, O_CLOEXEC) == 0);
-    const std::string writing = std::to_string(ends[1]);
-    ChildSpawn spawn = shell("echo through > /dev/fd/" + writing);
+    Pipe pipe = Pipe::make();
+    const int writing = pipe.writeEnd.get();
+    ChildSpawn spawn = shell("echo through > /dev/fd/" + std::to_string(writing));
     ChildProcess without(spawn);
     BOOST_TEST(!endOf(without).succeeded());
-    spawn.inheritedDescriptors = {ends[1]};
+    spawn.inheritedDescriptors = {writing};
     ChildProcess with(spawn);
     BOOST_TEST(endOf(with).succeeded());
-    BOOST_TEST((fcntl(ends[1], F_GETFD) & FD_CLOEXEC) != 0);  // in this process it stays closed
-    close(ends[1]);
-    std::array<char, 16> text{};
-    const ssize_t count = read(ends[0], text.data(), text.size());
-    close(ends[0]);
-    BOOST_TEST(std::string(text.data(), static_cast<size_t>(std::max<ssize_t>(count, 0))) ==
-               "through\n");
+    BOOST_TEST((fcntl(writing, F_GETFD) & FD_CLOEXEC) != 0);  // in this process it stays closed
+    pipe.writeEnd.close();
+    std::string text;
+    kavri::base::readAvailable(pipe.readEnd, text);
+    BOOST_TEST(text == "through\n");
 }
 
 BOOST_AUTO_TEST_CASE(noDescriptorIsLeftOpen) {
-    const auto openDescriptors = [] {
-        using Iterator = std::filesystem::directory_iterator;
-        return std::distance(Iterator("/proc/self/fd"), Iterator());
-    };
     const auto before = openDescriptors();
     for (int round = 0; round < 10; ++round) {
         ChildProcess child(shell("echo text"));

@@ -3,6 +3,9 @@
 #ifndef KAVRI_BROKER_ROUTING_LOCAL_SERVICE_H
 #define KAVRI_BROKER_ROUTING_LOCAL_SERVICE_H
 
+#include <sys/types.h>
+
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -10,6 +13,15 @@ namespace kavri::broker {
 
 class LocalService {
   public:
+    // As it came in, and from whom. The texts are valid during the call.
+    struct Request {
+        std::uint64_t connection = 0;  // no other connection of the broker has it
+        pid_t process = 0;
+        std::string_view category;
+        std::string_view identifier;
+        std::string_view uuid;
+        std::string_view payload;
+    };
     struct Event {
         std::string_view identifier;
         std::string_view payload;
@@ -27,7 +39,10 @@ class LocalService {
 
     // A request whose event cannot be published yet is handled a second time: a
     // command that publishes must change nothing else.
-    virtual Reaction handle(std::string_view command, std::string_view payload) = 0;
+    virtual Reaction handle(const Request& request) = 0;
+
+    // Called once for each request, before its event is published and it is answered.
+    virtual void decided(const Request& /*request*/, const Reaction& /*reaction*/) {}
 };
 
 }  // namespace kavri::broker

@@ -35,6 +35,10 @@ Frame outcomeFrame(FrameType type, std::uint64_t token, kavri_core_status status
     return frame;
 }
 
+std::uint64_t numberOf(SessionId id) {
+    return std::uint64_t{id.generation} << 32 | id.index;
+}
+
 bool isSubscribed(const Session& session, const Category& category) {
     return std::ranges::count(session.asInitiator.subscriptions, &category,
                               &Subscription::category) > 0;
@@ -301,12 +305,20 @@ void Router::send(Session& to, const Frame& frame) {
 
 std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
                                              const Frame& request) {
-    const LocalService::Reaction reaction =
-        category.local->handle(request[Field::identifier], request[Field::payload]);
+    const LocalService::Request asked = {.connection = numberOf(from.id),
+                                         .process = from.process,
+                                         .category = request[Field::category],
+                                         .identifier = request[Field::identifier],
+                                         .uuid = request[Field::uuid],
+                                         .payload = request[Field::payload]};
+    const LocalService::Reaction reaction = category.local->handle(asked);
     if (reaction.event) {
         if (const auto blocked = blockedOnSubscriber(from, category)) {
             return blocked;
         }
+    }
+    category.local->decided(asked, reaction);
+    if (reaction.event) {
         Frame event;
         event.type = FrameType::event;
         event[Field::category] = category.name;

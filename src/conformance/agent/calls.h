@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <barrier>
 #include <cstddef>
 #include <functional>
 
@@ -48,6 +49,7 @@ struct Installation {
     kavri_core_ipc_initiator_response_callback responseCallback = nullptr;
     kavri_core_ipc_initiator_event_callback eventCallback = nullptr;
     void* context = nullptr;
+    const void* initiator = nullptr;
     std::atomic<unsigned> deliveries{0};
 };
 
@@ -60,6 +62,8 @@ struct Delivery {
     void* context = nullptr;
     unsigned number = 0;   // in the record
     unsigned ordinal = 0;  // of this installation's deliveries, from 1
+    // Or null: calls the module's callback only once another delivery is as far.
+    std::barrier<>* together = nullptr;
 };
 
 }  // namespace kavri::conformance

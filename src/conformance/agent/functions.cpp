@@ -7,6 +7,8 @@
 #include <array>
 #include <atomic>
 
+#include "conformance/agent/record.h"
+
 namespace kavri::conformance {
 
 namespace {
@@ -37,7 +39,7 @@ const char* functionName(Function function) {
 void giveUp(const std::string& why) {
     const std::string line = "kavri-probe: " + why + "\n";
     static_cast<void>(!write(STDERR_FILENO, line.data(), line.size()));
-    _exit(couldNotRun);
+    endProcess(couldNotRun);
 }
 
 void* functionBehind(Function function) {

@@ -8,8 +8,16 @@
 // written before a crash is there after it. In the module's output it marks where a case
 // begins.
 //
+// Between two cases the module waits until the tool has compared the case with what reached
+// the test service, so that the requests of one are not taken for those of the next. The
+// descriptor that KAVRI_MODULE_RELEASE names gives a byte for each case.
+//
 // The framework is not thread-safe, and neither is this: the module sees to it that
 // one thread at a time uses the framework.
+//
+// KAVRI_MODULE_ROUNDS says how often the cases are run in the process: when the framework has
+// run them once, the observer has it run them again, so that what each round leaves behind
+// adds up.
 #include <stdio.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -21,12 +29,16 @@
 #include <boost/test/tree/test_unit.hpp>
 #include <boost/test/unit_test_log.hpp>
 #include <boost/test/unit_test_log_formatter.hpp>
+#include <boost/test/unit_test_parameters.hpp>
+#include <cerrno>
+#include <cstdlib>
 #include <ostream>
 #include <sstream>
 #include <string>
 
 #include "conformance/agent/channel.h"
 #include "conformance/agent/check_entry.h"
+#include "conformance/agent/holding.h"
 #include "conformance/agent/record.h"
 
 namespace {
@@ -84,6 +96,14 @@ void flushStandardOutput() {
     if (ftrylockfile(stdout) == 0) {
         fflush_unlocked(stdout);
         funlockfile(stdout);
+    }
+}
+
+// Returns at once where nothing is to be waited for, or the tool has ended.
+void awaitRelease() {
+    static const int descriptor = kavri::conformance::descriptorIn("KAVRI_MODULE_RELEASE");
+    char byte = 0;
+    while (descriptor >= 0 && read(descriptor, &byte, 1) < 0 && errno == EINTR) {
     }
 }
 
@@ -170,6 +190,11 @@ class Formatter : public ut::unit_test_log_formatter {
     log_entry_types type_ = BOOST_UTL_ET_INFO;
 };
 
+unsigned roundsAskedFor() {
+    const std::string text = kavri::conformance::environmentVariable("KAVRI_MODULE_ROUNDS");
+    return text.empty() ? 1 : static_cast<unsigned>(std::stoul(text));
+}
+
 class Observer : public ut::test_observer {
   public:
     // By now the framework has set up the formatters that its arguments ask for, and
@@ -185,6 +210,10 @@ class Observer : public ut::test_observer {
     }
 
     void test_unit_start(const ut::test_unit& unit) override {
+        if (isWhole(unit) && round_ > 1 && seed() > 0) {
+            // As in a process of its own that has the next seed.
+            std::srand(seed() + round_ - 1);
+        }
         if (isCase(unit)) {
             output_.markCase(unit.full_name());
             error_.markCase(unit.full_name());
@@ -196,6 +225,9 @@ class Observer : public ut::test_observer {
         if (isCase(unit)) {
             flushStandardOutput();
             tell("ended", std::to_string(elapsedUs) + " " + unit.full_name());
+            awaitRelease();
+        } else if (isWhole(unit)) {
+            endRound();
         }
     }
 
@@ -205,6 +237,30 @@ class Observer : public ut::test_observer {
 
   private:
     static bool isCase(const ut::test_unit& unit) { return unit.p_type == ut::TUT_CASE; }
+    static bool isWhole(const ut::test_unit& unit) {
+        return unit.p_parent_id == ut::INV_TEST_UNIT_ID;
+    }
+
+    // The seed by which the framework shuffles; 0: it does not.
+    static unsigned seed() {
+        return ut::runtime_config::get<unsigned>(ut::runtime_config::btrt_random_seed);
+    }
+
+    // The first round ends within the framework's own run, the others within those that are
+    // made here.
+    void endRound() {
+        kavri::conformance::recordRound(round_);
+        if (round_ > 1) {
+            return;
+        }
+        while (round_ < rounds_) {
+            ++round_;
+            ut::framework::run(ut::INV_TEST_UNIT_ID, true);
+        }
+    }
+
+    const unsigned rounds_ = roundsAskedFor();
+    unsigned round_ = 1;
 
     const Output output_{STDOUT_FILENO};
     const Output error_{STDERR_FILENO};
@@ -212,7 +268,9 @@ class Observer : public ut::test_observer {
 
 __attribute__((constructor)) void observe() {
     if (kavri::conformance::isRecording()) {
-        static Observer observer;
+        // Never destroyed: the framework still tells it things while the program ends, also
+        // where the library ends it.
+        static Observer& observer = *new Observer;
         ut::framework::register_observer(observer);
         // Lets a debugger that the tool starts attach to this process. Fails where the kernel
         // has no such restriction.

@@ -18,6 +18,9 @@
 #include <string>
 
 #include "conformance/agent/calls.h"
+#include "conformance/agent/handed_over.h"
+#include "conformance/agent/handles.h"
+#include "conformance/agent/holding.h"
 #include "conformance/agent/peer_check.h"
 #include "conformance/agent/record.h"
 #include "conformance/faults/fault_injection.h"
@@ -57,6 +60,10 @@ Json handleStored(bool isThere) {
     return {{"handle", isThere}};
 }
 
+Json ofInitiator(const kavri_core_ipc_initiator* initiator) {
+    return {{"initiator", handleNumber(initiator)}};
+}
+
 // Makes a call of the module. `arguments` is recorded before it, `stored` with its
 // status.
 template <typename Arguments, typename Stored>
@@ -86,7 +93,8 @@ Json deliveryArguments(const Delivery& delivery) {
         char** argument = delivery.fields.at(field);
         return argument != nullptr ? shortened(*argument) : Json();
     };
-    Json result = {{"targetCategory", text(categoryField)},
+    Json result = {{"initiator", handleNumber(delivery.installation->initiator)},
+                   {"targetCategory", text(categoryField)},
                    {"targetIdentifier", text(identifierField)}};
     if (delivery.installation->stream == Stream::response) {
         result["uuid"] = text(uuidField);
@@ -102,6 +110,13 @@ void callModule(const Delivery& delivery) {
     if (isRecording()) {
         recordDeliver(delivery.number, isResponse ? "response" : "event",
                       deliveryArguments(delivery));
+        checkStrings(delivery.number, delivery.fields);
+        if (delivery.ordinal == 1) {
+            checkSignals(delivery.number);
+        }
+    }
+    if (delivery.together != nullptr) {
+        delivery.together->arrive_and_wait();
     }
     {
         const InLibrary inLibrary(false);
@@ -115,41 +130,71 @@ void callModule(const Delivery& delivery) {
     recordDelivered(delivery.number);
 }
 
-void arrived(Installation& installation, const std::array<char**, fieldCount>& fields) {
+// All that were made. Never destroyed: a callback may still run when the process' statics end.
+class Installations {
+  public:
+    static Installations& all() {
+        static auto& installations = *new Installations;
+        return installations;
+    }
+
+    // `describe` sets the stream and the callback.
+    template <typename Describe>
+    Installation& add(void* context, const Describe& describe) {
+        const std::lock_guard lock(mutex_);
+        Installation& installation = installations_.emplace_back();
+        installation.context = context;
+        describe(installation);
+        return installation;
+    }
+
+    // The one that a library names as the context; with a context that is none of these,
+    // the latest one.
+    Installation& find(Stream stream, const void* context) {
+        const std::lock_guard lock(mutex_);
+        Installation* latest = nullptr;
+        for (Installation& each : installations_) {
+            if (&each == context) {
+                return each;
+            }
+            latest = each.stream == stream ? &each : latest;
+        }
+        return *latest;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::deque<Installation> installations_;
+};
+
+void arrived(Stream stream, const std::array<char**, fieldCount>& fields, void* context) {
     notePeerSeen();
+    Installation& installation = Installations::all().find(stream, context);
     Delivery delivery;
     delivery.forward = callModule;
     delivery.installation = &installation;
     delivery.fields = fields;
-    delivery.context = installation.context;
+    delivery.context = context == &installation ? installation.context : context;
     delivery.number = nextNumber();
     delivery.ordinal = ++installation.deliveries;
     deliver(delivery);
 }
 
 void responseArrived(char** targetCategory, char** targetIdentifier, char** uuid, char** payload,
-                     void* installation) {
-    arrived(*static_cast<Installation*>(installation),
-            {targetCategory, targetIdentifier, uuid, payload});
+                     void* context) {
+    arrived(Stream::response, {targetCategory, targetIdentifier, uuid, payload}, context);
 }
 
-void eventArrived(char** targetCategory, char** targetIdentifier, char** payload,
-                  void* installation) {
-    arrived(*static_cast<Installation*>(installation),
-            {targetCategory, targetIdentifier, nullptr, payload});
+void eventArrived(char** targetCategory, char** targetIdentifier, char** payload, void* context) {
+    arrived(Stream::event, {targetCategory, targetIdentifier, nullptr, payload}, context);
 }
 
-Installation& newInstallation() {
-    static std::mutex mutex;
-    // Outlives the process' statics: a callback may still run then.
-    static auto& installations = *new std::deque<Installation>;
-    const std::lock_guard lock(mutex);
-    return installations.emplace_back();
-}
-
-Json callbackArguments(bool installs, const void* context) {
-    return {{"callback", installs ? Json("installed") : Json()},
-            {"context", context != nullptr ? pointerText(context) : Json()}};
+Json callbackArguments(const kavri_core_ipc_initiator* initiator, bool installs,
+                       const void* context) {
+    Json result = ofInitiator(initiator);
+    result["callback"] = installs ? Json("installed") : Json();
+    result["context"] = context != nullptr ? pointerText(context) : Json();
+    return result;
 }
 
 // A call that the library is to get with just these arguments.
@@ -176,13 +221,12 @@ kavri_core_status setCallback(Function function, kavri_core_ipc_initiator* initi
         if (now.number == 0 || callback == nullptr) {
             return install(initiator, callback, context);
         }
-        Installation& installation = newInstallation();
-        describe(installation);
-        installation.context = context;
+        Installation& installation = Installations::all().add(context, describe);
+        installation.initiator = initiator;
         return install(initiator, substitute, &installation);
     };
     return make(
-        call, [&] { return callbackArguments(call.installs, context); }, nothingStored);
+        call, [&] { return callbackArguments(initiator, call.installs, context); }, nothingStored);
 }
 
 // Begins or ends a subscription.
@@ -192,8 +236,10 @@ kavri_core_status callWithCategory(Function function, kavri_core_ipc_initiator* 
     Call call = callOf<Signature>(function, initiator, category);
     return make(
         call,
-        [category] {
-            return Json{{"category", shortened(category)}};
+        [&] {
+            Json result = ofInitiator(initiator);
+            result["category"] = shortened(category);
+            return result;
         },
         nothingStored);
 }
@@ -206,7 +252,7 @@ using namespace kavri::conformance;
 
 kavri_core_status kavri_core_init(void) {
     if (!isInLibrary) {
-        noteUsage();
+        noteHolding();
     }
     Call call = callOf<decltype(kavri_core_init)>(Function::coreInit);
     return make(call, noArguments, nothingStored);
@@ -218,7 +264,7 @@ kavri_core_status kavri_core_deinit(void) {
     if (!isInLibrary) {
         const InLibrary inLibrary(true);
         checkPeerUnlessSeen();
-        recordUsage();
+        recordLeft();
     }
     return status;
 }
@@ -237,7 +283,12 @@ kavri_core_status kavri_core_logging_init(const char* name, kavri_core_logging_c
 
 kavri_core_status kavri_core_logging_deinit(kavri_core_logging_cookie cookie) {
     Call call = callOf<decltype(kavri_core_logging_deinit)>(Function::loggingDeinit, cookie);
-    return make(call, noArguments, nothingStored);
+    return make(
+        call,
+        [cookie] {
+            return Json{{"cookie", cookie != nullptr ? Json("opened") : Json()}};
+        },
+        nothingStored);
 }
 
 kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie, void* options,
@@ -250,13 +301,19 @@ kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie
             return Json{{"options", options != nullptr ? pointerText(options) : Json()}};
         },
         [initiator](kavri_core_status) {
-            return handleStored(initiator != nullptr && *initiator != nullptr);
+            const bool isThere = initiator != nullptr && *initiator != nullptr;
+            Json result = handleStored(isThere);
+            if (isThere) {
+                result["initiator"] = numberNewHandle(*initiator);
+            }
+            return result;
         });
 }
 
 kavri_core_status kavri_core_ipc_deinit(kavri_core_ipc_initiator* initiator) {
     Call call = callOf<decltype(kavri_core_ipc_deinit)>(Function::initiatorDeinit, initiator);
-    return make(call, noArguments, nothingStored);
+    return make(
+        call, [initiator] { return ofInitiator(initiator); }, nothingStored);
 }
 
 kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* initiator,
@@ -273,7 +330,8 @@ kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator
     return make(
         call,
         [&] {
-            return Json{{"targetCategory", shortened(targetCategory)},
+            return Json{{"initiator", handleNumber(initiator)},
+                        {"targetCategory", shortened(targetCategory)},
                         {"targetIdentifier", shortened(targetIdentifier)},
                         {"uuid", shortened(uuid)},
                         {"payload", shortened(payload)}};
@@ -305,6 +363,9 @@ kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initi
     std::ranges::transform(call.received, before.begin(),
                            [](char** held) { return held != nullptr ? *held : nullptr; });
     const auto stored = [&call, &before](kavri_core_status status) {
+        if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+            checkStrings(call.number, call.received);
+        }
         constexpr std::array<const char*, fieldCount> keys = {"targetCategory", "targetIdentifier",
                                                               "uuid", "payload"};
         Json result = Json::object();
@@ -319,8 +380,10 @@ kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initi
     };
     return make(
         call,
-        [timeout] {
-            return Json{{"timeout", timeout}};
+        [&] {
+            Json result = ofInitiator(initiator);
+            result["timeout"] = timeout;
+            return result;
         },
         stored);
 }

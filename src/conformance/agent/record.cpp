@@ -2,6 +2,7 @@
 #include "conformance/agent/record.h"
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,10 +10,6 @@
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <mutex>
-#include <thread>
 
 #include "base/bounded_text.h"
 #include "conformance/agent/channel.h"
@@ -27,12 +24,9 @@ struct Channel {
     struct stat file {};
 
     Channel() {
-        const std::string text = environmentVariable("KAVRI_MODULE_EVENTS");
-        const char* const end = text.data() + text.size();
-        int number = -1;
-        const auto [last, error] = std::from_chars(text.data(), end, number);
-        if (error == std::errc() && last == end && fstat(number, &file) == 0) {
-            descriptor = number;
+        const int named = descriptorIn("KAVRI_MODULE_EVENTS");
+        if (fstat(named, &file) == 0) {
+            descriptor = named;
         }
     }
 
@@ -46,56 +40,6 @@ struct Channel {
 const Channel& channel() {
     static const Channel opened;
     return opened;
-}
-
-std::size_t entriesIn(const char* folder) {
-    std::error_code error;
-    const std::filesystem::directory_iterator entries(folder, error);
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
-
-std::size_t residentKiB() {
-    std::ifstream file("/proc/self/statm");
-    std::size_t allPages = 0;
-    std::size_t residentPages = 0;
-    file >> allPages >> residentPages;
-    return residentPages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) / 1024;
-}
-
-struct Holding {
-    std::size_t threads = 0;
-    std::size_t descriptors = 0;
-
-    static Holding now() {
-        // Without the descriptor with which they are counted.
-        return {entriesIn("/proc/self/task"), entriesIn("/proc/self/fd") - 1};
-    }
-};
-
-// At the last kavri_core_init.
-Holding heldBefore;
-
-// With a program's first thread a sanitizer starts one of its own, which must not count
-// as the library's.
-void runFirstThread() {
-    pid_t id = 0;
-    std::thread([&id] { id = gettid(); }).join();
-    const std::string listed = "/proc/self/task/" + std::to_string(id);
-    while (access(listed.c_str(), F_OK) == 0) {
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
-}
-
-// A thread that was joined is still listed for a moment.
-Holding settled() {
-    using namespace std::chrono_literals;
-    const auto limit = std::chrono::steady_clock::now() + 50ms;
-    Holding held = Holding::now();
-    while (held.threads > heldBefore.threads && std::chrono::steady_clock::now() < limit) {
-        std::this_thread::sleep_for(1ms);
-        held = Holding::now();
-    }
-    return held;
 }
 
 // A line holds four texts at most, and must stay below the 4096 bytes that a pipe takes
@@ -119,8 +63,24 @@ std::string environmentVariable(const char* name) {
     return value != nullptr ? value : "";
 }
 
+int descriptorIn(const char* variable) {
+    const std::string text = environmentVariable(variable);
+    int number = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? number : -1;
+}
+
 bool isRecording() {
     return channel().descriptor >= 0;
+}
+
+int eventsDescriptor() {
+    return isRecording() && channel().isStillThere() ? channel().descriptor : -1;
+}
+
+void endProcess(int status) {
+    syscall(SYS_exit_group, status);
+    __builtin_unreachable();
 }
 
 std::string dumped(const Json& json) {
@@ -132,7 +92,7 @@ void tell(std::string_view word, const std::string& rest) {
         return;
     }
     if (!channel().isStillThere()) {
-        _exit(channelClosedStatus);
+        endProcess(channelClosedStatus);
     }
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     const std::string line =
@@ -190,34 +150,8 @@ void recordPeer(bool isThere, const Json& details) {
     tell("peer", std::string(isThere ? "ok " : "missing ") + dumped(details));
 }
 
-void noteUsage() {
-    if (!isRecording()) {
-        return;
-    }
-    static std::once_flag isFirstThreadOver;
-    std::call_once(isFirstThreadOver, runFirstThread);
-    heldBefore = Holding::now();
-}
-
-void recordUsage() {
-    if (!isRecording()) {
-        return;
-    }
-    const Holding held = settled();
-    tell("usage", dumped({{"descriptors", held.descriptors},
-                          {"threads", held.threads},
-                          {"residentKiB", residentKiB()}}));
-    Json left = Json::object();
-    const auto compare = [&left](const char* what, std::size_t now, std::size_t before) {
-        if (now > before) {
-            left[what] = now - before;
-        }
-    };
-    compare("threads", held.threads, heldBefore.threads);
-    compare("descriptors", held.descriptors, heldBefore.descriptors);
-    if (!left.empty()) {
-        tell("left", dumped(left));
-    }
+void recordBreach(std::string_view rule, unsigned number, const std::string& what) {
+    tell("breach", std::to_string(number) + " " + dumped({{"rule", rule}, {"what", what}}));
 }
 
 }  // namespace kavri::conformance

@@ -123,8 +123,7 @@ std::vector<Fault> eventFaults() {
         {.name = "event-two-at-once",
          .description = "The first two events are delivered on two threads at the same time.",
          .clause = "The callbacks of an initiator run one at a time.",
-         .survivesBecause =
-             "The callback only counts, and two calls that overlap for a moment count as two.",
+         .kills = by({{events, {byOverlapWarning}}}),
          .deliveries = {{Stream::event, when::firstTwo, act::deliverTwoConcurrently,
                          "delivered the first two events at the same time"}}},
         {.name = "event-late",

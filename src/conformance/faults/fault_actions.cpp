@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <barrier>
 #include <thread>
 #include <utility>
 
@@ -270,8 +271,11 @@ void deliverTwoConcurrently(Delivery delivery) {
         delay(delivery);
         return;
     }
-    const auto first = takeFirst(&FaultMemory::keptDeliveries);
-    const std::jthread other([&first] { deliver(first.value()); });
+    auto first = takeFirst(&FaultMemory::keptDeliveries).value();
+    std::barrier<> together(2);
+    first.delivery.together = &together;
+    delivery.together = &together;
+    const std::jthread other([&first] { deliver(first); });
     delivery.forward(delivery);
 }
 void deliverOtherContext(Delivery delivery) {

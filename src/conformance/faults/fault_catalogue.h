@@ -17,10 +17,14 @@
 
 namespace kavri::conformance {
 
-// A case that must not pass, and by what: the text of a check ("left == right",
-// or its one expression), "timeout", "crash", "not run", or "record": no check
-// failed, but what was recorded is not what a pass must show. A case may have
-// several, and each of them must be there.
+// Before the name of a rule of interface_rules.h.
+inline constexpr std::string_view warningMark = "warning: ";
+
+// A case that must not pass without more ado, and by what: the text of a check ("left ==
+// right", or its one expression), "timeout", "crash", "not run", "record": no check failed,
+// but what was recorded is not what a pass must show; or "warning: RULE", of a rule of the
+// interface that the record shows to be broken. A case may have several, and each of them
+// must be there.
 struct Kill {
     std::string_view caseName;  // "suite/case"
     std::string_view how;

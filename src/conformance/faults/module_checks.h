@@ -86,6 +86,11 @@ inline constexpr std::string_view isEventContext = "context == (void*)0x12345678
 inline constexpr std::string_view byTimeout = "timeout";
 inline constexpr std::string_view byCrash = "crash";
 inline constexpr std::string_view byRecord = "record";
+inline constexpr std::string_view byStatusWarning = "warning: listed-status";
+inline constexpr std::string_view byCookieWarning = "warning: cookie-stored";
+inline constexpr std::string_view byReleaseWarning = "warning: released-at-the-end";
+inline constexpr std::string_view byRefusalWarning = "warning: refused-stores-nothing";
+inline constexpr std::string_view byOverlapWarning = "warning: one-callback-at-a-time";
 
 // A case, and how it must fail.
 struct InCase {

@@ -178,7 +178,7 @@ std::vector<Fault> receiveFaults() {
          .description =
              "While a callback is installed, receives are refused and store strings nevertheless.",
          .clause = "A refused receive leaves the caller's variables alone.",
-         .survivesBecause = "The case looks at the status alone, and releases whatever was stored.",
+         .kills = by({{refusal, {byRefusalWarning}}}),
          .calls = {instead(Function::responseReceive, when::refused, act::storeThoughRefused,
                            "refused a receive and stored strings")}},
         {.name = "receive-crashes",

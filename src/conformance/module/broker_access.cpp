@@ -2,7 +2,6 @@
 #include "conformance/module/broker_access.h"
 
 #include <fmt/format.h>
-#include <kavri/ipc.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -63,13 +62,20 @@ std::string connectAdvice(int error, const std::string& socket) {
 
 OwnBroker::OwnBroker(const std::filesystem::path& program, const RunLimits& limits)
     : socket_(checkedSocket(folder_.path() / "broker.sock", "; set TMPDIR to a shorter folder")),
+      recordPipe_(base::Pipe::make()),
       process_({.program = program,
-                .arguments = {"--test-service", "--socket", socket_.string()},
-                .interruptDescriptor = limits.signals().descriptor()}) {
+                .arguments = {"--test-service", "--socket", socket_.string(), "--service-record",
+                              fmt::format("/dev/fd/{}", recordPipe_.writeEnd.get())},
+                .inheritedDescriptors = {recordPipe_.writeEnd.get()},
+                .interruptDescriptor = limits.signals().descriptor()}),
+      evidence_(std::move(recordPipe_.readEnd)) {
+    recordPipe_.writeEnd.close();
     awaitReady(limits);
 }
 
 OwnBroker::~OwnBroker() {
+    // A broker that waits for room in the pipe could not stop.
+    evidence_.close();
     process_.stop(stopTime);
 }
 
@@ -111,27 +117,6 @@ void checkBrokerListens(const std::filesystem::path& socket) {
                                       fmt::format("no broker at {}: {}; {}", socket.string(),
                                                   std::generic_category().message(error),
                                                   connectAdvice(error, socket.string())));
-    }
-}
-
-void checkBrokerAnswers(const std::string& socket) {
-    kavri_core_ipc_options options{};
-    options.sizeBytes = sizeof options;
-    options.brokerAddress = socket.c_str();
-    options.connectTimeoutMs = 2000;
-    kavri_core_ipc_initiator* initiator = nullptr;
-    kavri_core_init();
-    const kavri_core_status status = kavri_core_ipc_initiator_init(nullptr, &options, &initiator);
-    if (initiator != nullptr) {
-        kavri_core_ipc_deinit(initiator);
-    }
-    kavri_core_deinit();
-    if (status != KAVRI_CORE_STATUS_NO_ERROR) {
-        throw process::CommandFailure(
-            process::ExitStatus::couldNotRun,
-            fmt::format("the broker at {} does not serve: {}; is it stopped, or "
-                        "another program?",
-                        socket, kavri_core_status_text(status)));
     }
 }
 

@@ -12,7 +12,7 @@ namespace kavri::conformance {
 
 class CaseOutput {
   public:
-    static constexpr std::size_t limitBytes = 16384;
+    static constexpr std::size_t limitBytes = 65536;
 
     // Adds a line, and returns it as it is to be shown; nothing once there is too much.
     std::optional<std::string> add(std::string_view line);

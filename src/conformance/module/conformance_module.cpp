@@ -182,8 +182,11 @@ std::vector<std::string> ConformanceModule::listCases(const RunLimits& limits,
 
 process::ChildSpawn ConformanceModule::runSpawn(const ModuleRunRequest& request) const {
     process::ChildSpawn spawn = baseSpawn();
-    spawn.environment["KAVRI_BROKER"] = request.brokerSocket.string();
+    if (!request.brokerSocket.empty()) {
+        spawn.environment["KAVRI_BROKER"] = request.brokerSocket.string();
+    }
     spawn.environment["KAVRI_MODULE_EVENTS"] = std::to_string(request.eventsDescriptor);
+    spawn.environment["KAVRI_MODULE_ROUNDS"] = std::to_string(request.rounds);
     spawn.environment["KAVRI_PROBE_CHECK_PEER"] = "1";
     spawn.environment["KAVRI_PROBE_FAULT"] =
         request.fault.empty() ? std::nullopt : std::optional(request.fault);
@@ -195,6 +198,10 @@ process::ChildSpawn ConformanceModule::runSpawn(const ModuleRunRequest& request)
     }
     spawn.environment["LD_PRELOAD"] = preloaded;
     spawn.inheritedDescriptors = {request.eventsDescriptor};
+    if (request.releaseDescriptor >= 0) {
+        spawn.environment["KAVRI_MODULE_RELEASE"] = std::to_string(request.releaseDescriptor);
+        spawn.inheritedDescriptors.push_back(request.releaseDescriptor);
+    }
     spawn.arguments = moduleCommandLine(request.cases, request.userArguments);
     return spawn;
 }

@@ -29,16 +29,19 @@ struct ModuleLibraries {
 
 // One run of the module.
 struct ModuleRunRequest {
-    std::filesystem::path brokerSocket;
-    std::vector<std::string> cases;  // none: all
+    std::filesystem::path brokerSocket;  // empty: the library finds its broker by itself
+    std::vector<std::string> cases;      // none: all
     std::vector<std::string> userArguments;
     ModuleLibraries libraries;
     // The two libraries that write what module_events.h reads.
     std::filesystem::path observer;
     std::filesystem::path probe;
-    std::string fault;          // for the probe to inject; empty: none
-    Level level = Level::may;   // that the cases are judged by
-    int eventsDescriptor = -1;  // where these two write
+    std::string fault;           // for the probe to inject; empty: none
+    unsigned rounds = 1;         // how often the process runs the cases
+    bool warningsFail = false;   // a case with a warning is no pass
+    Level level = Level::may;    // that the cases are judged by
+    int eventsDescriptor = -1;   // where these two write
+    int releaseDescriptor = -1;  // what the observer waits for between cases; -1: nothing
 };
 
 class ConformanceModule {

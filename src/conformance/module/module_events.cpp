@@ -35,8 +35,12 @@ constexpr std::array forms = {
     Form{"delivered", Kind::delivered, true, false, false},
     Form{"fault", Kind::fault, false, true, true},
     Form{"peer", Kind::peer, false, true, true},
-    Form{"usage", Kind::usage, false, false, true},
     Form{"left", Kind::left, false, false, true},
+    Form{"round", Kind::round, true, false, true},
+    Form{"breach", Kind::breach, true, false, true},
+    Form{"crash", Kind::crash, true, false, true},
+    Form{"exit", Kind::exit, true, false, true},
+    Form{"stack", Kind::stack, false, false, true},
 };
 
 constexpr std::size_t longestLineBytes = 65536;

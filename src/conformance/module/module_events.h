@@ -38,14 +38,19 @@ struct ModuleEvent {
         delivered,
         fault,
         peer,
-        usage,
-        left
+        left,
+        round,
+        breach,
+        crash,
+        exit,
+        stack
     };
     Kind kind = Kind::began;
     std::int64_t atNs = 0;
     int thread = 0;
-    unsigned number = 0;  // of the call or delivery
-    std::string text;     // the case, place, function, callback, fault, or "ok"
+    // Of the call, delivery or round; of a crash the signal, of an exit the status.
+    unsigned number = 0;
+    std::string text;  // the case, place, function, callback, fault, or "ok"
     nlohmann::json data = nlohmann::json::object();
 };
 

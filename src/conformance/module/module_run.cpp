@@ -6,6 +6,7 @@
 #include "conformance/module/module_run.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -16,6 +17,7 @@
 #include "base/text_scanner.h"
 #include "conformance/agent/channel.h"
 #include "conformance/module/broker_access.h"
+#include "conformance/module/stack_names.h"
 #include "conformance/module/stacks.h"
 #include "process/exit_text.h"
 
@@ -47,9 +49,18 @@ Verdict verdictOnCutOff(RunEnd end) {
         case RunEnd::brokerLost:
             return Verdict::harnessError;
         case RunEnd::signalled:
+        case RunEnd::stopped:
             break;
     }
     return Verdict::notRun;
+}
+
+constexpr const char* afterTheCase = " after the case";
+
+std::string textOf(const CallReport& call) {
+    return call.kind == CallReport::Kind::delivery
+               ? "a call of the " + call.function + " callback"
+               : call.function + " with " + call.arguments.dump();
 }
 
 bool hasEnded(process::ChildProcess& process) {
@@ -58,14 +69,20 @@ bool hasEnded(process::ChildProcess& process) {
 
 }  // namespace
 
-ModuleRun::ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
-                     WatchdogSettings watchdog, CaseEnded ended)
-    : broker_(broker),
+ModuleRun::ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDisplay& display,
+                     WatchdogSettings watchdog, CaseEnded ended, RoundEnded roundEnded)
+    : otherEnd_(otherEnd),
+      broker_(otherEnd.broker),
       limits_(limits),
       display_(display),
       watchdog_(watchdog),
       ended_(std::move(ended)),
-      eventsPipe_(base::Pipe::make()) {
+      roundEnded_(std::move(roundEnded)),
+      eventsPipe_(base::Pipe::make()),
+      releasePipe_(base::Pipe::make()),
+      record_([this](const CaseReport& report, bool hasProbeEcho) {
+          return confirm(report, hasProbeEcho);
+      }) {
     base::setNonBlocking(eventsPipe_.readEnd);
 }
 
@@ -73,10 +90,18 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     assert(record_.cases().empty() && !record_.underWay());  // runs once
     record_.judgeBy(request.level);
     request.eventsDescriptor = eventsPipe_.writeEnd.get();
+    rounds_ = request.rounds;
+    if (request.warningsFail) {
+        record_.failOnWarnings();
+    }
+    if (otherEnd_.evidence != nullptr) {
+        request.releaseDescriptor = releasePipe_.readEnd.get();
+        otherEnd_.evidence->beginCase();
+    }
     if (!request.cases.empty()) {
         outputCase_ = errorCase_ = request.cases.front();  // while the library is loaded
     }
-    begun_ = Clock::now();
+    releasedAt_ = Clock::now();
     process::ChildProcess process(module.runSpawn(request));
     eventsPipe_.writeEnd.close();  // so that the other end shows when the module closes its own
     RunEnd end = watch(process);
@@ -96,6 +121,9 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
         end = RunEnd::channelClosed;
     }
     cutOff(end);
+    if (otherEnd_.evidence != nullptr) {
+        otherEnd_.evidence->ignore(process.pid());
+    }
     return end;
 }
 
@@ -109,6 +137,9 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
         // Before follow(), too: a call that returned by now is then known to have.
         const Clock::time_point now = Clock::now();
         apply(follow(module));
+        if (isStopped_) {
+            return RunEnd::stopped;
+        }
         if (moduleEnded) {
             return RunEnd::moduleEnded;
         }
@@ -131,14 +162,16 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
 }
 
 void ModuleRun::pollOnce(const process::ChildProcess& module) const {
-    std::array sources = {pollfd{eventsPipe_.readEnd.get(), POLLIN, 0},
-                          pollfd{limits_.signals().descriptor(), POLLIN, 0},
-                          pollfd{module.endedDescriptor(), POLLIN, 0},
-                          pollfd{module.outputDescriptor(), POLLIN, 0},
-                          pollfd{module.errorDescriptor(), POLLIN, 0},
-                          pollfd{broker_ != nullptr ? broker_->endedDescriptor() : -1, POLLIN, 0},
-                          pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
-                          pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0}};
+    std::array sources = {
+        pollfd{eventsPipe_.readEnd.get(), POLLIN, 0},
+        pollfd{limits_.signals().descriptor(), POLLIN, 0},
+        pollfd{module.endedDescriptor(), POLLIN, 0},
+        pollfd{module.outputDescriptor(), POLLIN, 0},
+        pollfd{module.errorDescriptor(), POLLIN, 0},
+        pollfd{broker_ != nullptr ? broker_->endedDescriptor() : -1, POLLIN, 0},
+        pollfd{broker_ != nullptr ? broker_->outputDescriptor() : -1, POLLIN, 0},
+        pollfd{broker_ != nullptr ? broker_->errorDescriptor() : -1, POLLIN, 0},
+        pollfd{otherEnd_.evidence != nullptr ? otherEnd_.evidence->descriptor() : -1, POLLIN, 0}};
     auto left = std::chrono::ceil<std::chrono::milliseconds>(
         std::min(limits_.deadline(), wakeTime()) - Clock::now());
     if (display_.isLive()) {
@@ -153,8 +186,8 @@ void ModuleRun::pollOnce(const process::ChildProcess& module) const {
 // When the module counts as hanging, unless an event comes before.
 ModuleRun::Clock::time_point ModuleRun::hangTime() const {
     const auto at = [](std::int64_t ns) { return Clock::time_point(std::chrono::nanoseconds(ns)); };
-    const std::int64_t lastNs = record_.lastEventNs();
-    const Clock::time_point silent = (lastNs == 0 ? begun_ : at(lastNs)) + watchdog_.silenceLimit();
+    const Clock::time_point silent =
+        std::max(releasedAt_, at(record_.lastEventNs())) + watchdog_.silenceLimit();
     const CallReport* call = record_.openCall();
     return call == nullptr ? silent : std::min(silent, at(call->beginNs) + watchdog_.callLimit);
 }
@@ -182,14 +215,28 @@ std::vector<ModuleEvent> ModuleRun::follow(process::ChildProcess& module) {
         brokerError_.add(broker_->takeError(),
                          [this](std::string_view line) { keepBrokerLine(line); });
     }
+    if (otherEnd_.evidence != nullptr) {
+        otherEnd_.evidence->read();
+    }
     return events_.read(events);
 }
 
 void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     for (const ModuleEvent& event : events) {
+        if (isStopped_) {
+            return;
+        }
         if (CaseReport* ended = record_.add(event)) {
             ended->output = outputOf(ended->name);
             ended_(*ended);
+            beginNextCase();
+        }
+        if (event.kind == ModuleEvent::Kind::round) {
+            isStopped_ = !roundEnded_(event.number, event.data);
+            // The last one ends with the process, which may yet crash.
+            if (event.number < rounds_) {
+                record_.beginRound();
+            }
         }
     }
     if (record_.underWay() != nullptr) {
@@ -200,23 +247,49 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
     }
 }
 
+// What speaks against a case whose own record is complete.
+std::vector<std::string> ModuleRun::confirm(const CaseReport& report, bool hasProbeEcho) const {
+    if (otherEnd_.evidence == nullptr) {
+        return otherEnd_.mustConfirm ? std::vector{std::string(notConfirmedText)}
+                                     : std::vector<std::string>{};
+    }
+    const auto deadline = std::min(limits_.deadline(), Clock::now() + watchdog_.callLimit);
+    return otherEnd_.evidence->compare(trafficOf(report, hasProbeEcho), deadline,
+                                       limits_.signals().descriptor());
+}
+
+void ModuleRun::beginNextCase() {
+    if (otherEnd_.evidence == nullptr) {
+        return;
+    }
+    otherEnd_.evidence->beginCase();
+    releasedAt_ = Clock::now();
+    // The pipe has room for all cases, and is open at both ends here.
+    static_cast<void>(!write(releasePipe_.writeEnd.get(), "", 1));
+}
+
 // The verdict on the case that was running when the module ended.
 void ModuleRun::cutOff(RunEnd end) {
     cutACase_ = record_.underWay() != nullptr;
     if (!cutACase_) {
         return;
     }
-    const std::optional<HangReport> hang =
-        end == RunEnd::hung || end == RunEnd::timeOver ? std::optional(hangReport()) : std::nullopt;
+    // A process that is about to end may hang on its way.
+    const bool crashed =
+        end == RunEnd::moduleEnded || (end == RunEnd::hung && record_.processEnd().has_value());
+    const bool hung = !crashed && (end == RunEnd::hung || end == RunEnd::timeOver);
+    const std::optional<HangReport> hang = hung ? std::optional(hangReport()) : std::nullopt;
     const std::string passed = lastPassed();
-    const std::string place =
-        callsUnderWay() +
-        (passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed);
-    CaseReport& cut = record_.cutOff(verdictOnCutOff(end), cutOffNs_);
+    const std::string after =
+        passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed;
+    const std::string crash = crashText() + after;
+    const std::string place = callsUnderWay() + after;
+    CaseReport& cut = record_.cutOff(crashed ? Verdict::crash : verdictOnCutOff(end), cutOffNs_);
     cut.output = outputOf(cut.name);
     cut.hang = hang;
-    if (end == RunEnd::moduleEnded) {
-        cut.crash = "the module " + process::exitText(exit_) + place;
+    if (crashed) {
+        cut.crash = crash;
+        cut.crashStack = crashStack();
     } else if (end == RunEnd::channelClosed) {
         cut.missing.push_back(closedChannelText + place);
     } else if (end == RunEnd::brokerLost) {
@@ -225,6 +298,48 @@ void ModuleRun::cutOff(RunEnd end) {
         cut.missing.push_back("the run was stopped during the case" + place);
     }
     ended_(cut);
+}
+
+std::string ModuleRun::crashText() const {
+    const std::optional<ProcessEnd>& end = record_.processEnd();
+    if (!end) {
+        return "the module " + process::exitText(exit_) +
+               (record_.underWay() == nullptr ? afterTheCase : callsUnderWay());
+    }
+    if (end->kind == ProcessEnd::Kind::call) {
+        return "the library called " + end->function + "(" + std::to_string(end->number) + ")" +
+               placeOf(*end).substr(1);
+    }
+    process::ExitState signalled;
+    signalled.signal = static_cast<int>(end->number);
+    return "the module " + process::exitText(signalled) + placeOf(*end);
+}
+
+std::string ModuleRun::crashStack() const {
+    const std::optional<ProcessEnd>& end = record_.processEnd();
+    return end ? namedStack(end->frames, end->kind == ProcessEnd::Kind::call) : "";
+}
+
+// The call or delivery that was under way on the thread that ended the process, the innermost
+// of them; and whose thread that is.
+std::string ModuleRun::placeOf(const ProcessEnd& end) const {
+    if (record_.underWay() == nullptr) {
+        return afterTheCase;
+    }
+    const std::vector<CallReport>& calls = record_.underWay()->calls;
+    const CallReport* last = nullptr;
+    for (const CallReport& call : calls) {
+        if (call.thread == end.thread && (last == nullptr || !call.endNs || last->endNs)) {
+            last = &call;
+        }
+    }
+    const std::string thread = " on thread " + std::to_string(end.thread);
+    if (last == nullptr) {
+        return thread + ", which is the library's own" + callsUnderWay();
+    }
+    return (last->endNs ? ", after " : ", in ") + textOf(*last) +
+           (last->endNs ? " had returned," : "") + thread +
+           (calls.front().thread == end.thread ? ", the caller's" : ", the library's own");
 }
 
 HangReport ModuleRun::hangReport() const {
@@ -253,8 +368,7 @@ std::string ModuleRun::lastPassed() const {
 std::string ModuleRun::callsUnderWay() const {
     std::string text;
     const auto add = [&text](const CallReport& call) {
-        text += std::string(text.empty() ? ", in " : " and in ") + call.function + " with " +
-                call.arguments.dump();
+        text += std::string(text.empty() ? ", in " : " and in ") + textOf(call);
     };
     const CallReport* longest = record_.openCall();
     if (longest != nullptr && longest->number == 0) {

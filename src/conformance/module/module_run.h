@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/pipe.h"
+#include "conformance/module/broker_access.h"
 #include "conformance/module/case_output.h"
 #include "conformance/module/conformance_module.h"
 #include "conformance/module/module_events.h"
@@ -24,8 +25,9 @@
 
 namespace kavri::conformance {
 
-// channelClosed: the module goes on, but its records do not come any more.
-enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled };
+// channelClosed: the module goes on, but its records do not come any more. stopped: after a
+// round, because no further one was wanted.
+enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled, stopped };
 
 // To be followed by where that was.
 inline const std::string closedChannelText =
@@ -46,11 +48,13 @@ class ModuleRun {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // `broker`: the run's own, or null. All of these must outlive this.
-    // `ended` is called for each case that has a verdict.
+    // All of these must outlive this. `ended` is called for each case that has a verdict.
     using CaseEnded = std::function<void(const CaseReport&)>;
-    ModuleRun(process::ChildProcess* broker, const RunLimits& limits, RunDisplay& display,
-              WatchdogSettings watchdog, CaseEnded ended);
+    // Called after each round of the cases, with its number and what the module then holds.
+    // Returns whether to go on.
+    using RoundEnded = std::function<bool(unsigned number, const nlohmann::json& held)>;
+    ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDisplay& display,
+              WatchdogSettings watchdog, CaseEnded ended, RoundEnded roundEnded);
 
     // Once: returns when the module has ended, by itself or killed. Sets the descriptor
     // of the request.
@@ -59,6 +63,10 @@ class ModuleRun {
     // How the module ended.
     const process::ExitState& exit() const { return exit_; }
     const RunRecord& record() const { return record_; }
+    // How the module ended, where it should not have, and during which call.
+    std::string crashText() const;
+    // The stack of the thread that ended it; empty where it was not recorded.
+    std::string crashStack() const;
     // Whether a case was under way at that time.
     bool cutACase() const { return cutACase_; }
     // The last lines of the broker's log.
@@ -76,7 +84,10 @@ class ModuleRun {
     HangReport hangReport() const;
     std::string lastPassed() const;
     std::string callsUnderWay() const;
+    std::string placeOf(const ProcessEnd& end) const;
     void apply(const std::vector<ModuleEvent>& events);
+    std::vector<std::string> confirm(const CaseReport& report, bool hasProbeEcho) const;
+    void beginNextCase();
     void finish();
 
     // Splits a stream into lines.
@@ -92,16 +103,21 @@ class ModuleRun {
     void showModuleLine(const std::string& caseName, std::string_view line);
     void keepBrokerLine(std::string_view line);
 
-    process::ChildProcess* broker_;
+    const OtherEnd otherEnd_;
+    process::ChildProcess* const broker_;  // of the other end
     const RunLimits& limits_;
     RunDisplay& display_;
     const WatchdogSettings watchdog_;
     const CaseEnded ended_;
-    Clock::time_point begun_;
-    std::int64_t cutOffNs_ = 0;  // when watching ended
+    const RoundEnded roundEnded_;
+    unsigned rounds_ = 1;
+    bool isStopped_ = false;
+    Clock::time_point releasedAt_;  // the module, to its first case or to the next one
+    std::int64_t cutOffNs_ = 0;     // when watching ended
     bool cutACase_ = false;
     std::string stacks_;
-    base::Pipe eventsPipe_;  // the module's events, beside its output
+    base::Pipe eventsPipe_;   // the module's events, beside its output
+    base::Pipe releasePipe_;  // a byte lets the module go on to the next case
     std::optional<Clock::time_point> channelClosed_;
     ModuleEvents events_;
     RunRecord record_;

@@ -5,8 +5,11 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
 #include <utility>
 
+#include "conformance/cases/interface_rules.h"
+#include "conformance/cases/record_judgement.h"
 #include "conformance/cases/required_record.h"
 
 namespace kavri::conformance {
@@ -45,11 +48,14 @@ std::string leftText(const nlohmann::json& left) {
 
 CaseReport* RunRecord::add(const ModuleEvent& event) {
     lastEventNs_ = event.atNs;
-    if (event.kind == Kind::peer && event.text != "ok") {
-        peerMissing_ = textIn(event.data, "reason");
+    if (event.kind == Kind::peer) {
+        hasProbeEcho_ = event.text == "ok";
+        if (!hasProbeEcho_) {
+            peerMissing_ = textIn(event.data, "reason");
+        }
     }
-    if (event.kind == Kind::usage) {
-        usage_.push_back(event.data);
+    if (event.kind == Kind::crash || event.kind == Kind::exit || event.kind == Kind::stack) {
+        endProcess(event);
     }
     if (event.kind == Kind::began) {
         underWay_ = CaseReport{};
@@ -57,6 +63,7 @@ CaseReport* RunRecord::add(const ModuleEvent& event) {
         underWay_->level = levelText(levelOf(event.text));
         underWay_->verdict = Verdict::pass;
         underWay_->beginNs = event.atNs;
+        hasProbeEcho_ = false;
     }
     if (!underWay_) {
         addStray(event);
@@ -107,7 +114,11 @@ void RunRecord::addToCase(const ModuleEvent& event) {
             underWay_->faults.push_back({event.text, event.atNs, textIn(event.data, "did")});
             break;
         case Kind::left:
-            underWay_->remarks.push_back(leftText(event.data));
+            left_ = leftText(event.data);
+            underWay_->remarks.push_back(left_);
+            break;
+        case Kind::breach:
+            addBreach(event);
             break;
         default:
             break;  // not part of a case
@@ -125,6 +136,45 @@ void RunRecord::addFailure(const CheckReport& check) {
     if (std::ranges::find(underWay_->remarks, remark) == underWay_->remarks.end()) {
         underWay_->remarks.push_back(remark);
     }
+}
+
+// A rule that is broken again is counted, and not told again.
+void RunRecord::addBreach(const ModuleEvent& event) {
+    const std::string rule = textIn(event.data, "rule");
+    if (findInterfaceRule(rule) == nullptr) {
+        return;  // not from the probe
+    }
+    const auto known = std::ranges::find(breaches_, rule, &WarningReport::rule);
+    if (known != breaches_.end()) {
+        ++known->times;
+        return;
+    }
+    const auto call = open_.find(event.number);
+    std::string where;
+    if (call != open_.end()) {
+        const CallReport& broken = underWay_->calls[call->second];
+        const bool isDelivery = broken.kind == CallReport::Kind::delivery;
+        where = (isDelivery ? "the " + broken.function + " callback" : broken.function) + ": ";
+    }
+    breaches_.push_back(warningFor(rule, where + textIn(event.data, "what")));
+}
+
+void RunRecord::endProcess(const ModuleEvent& event) {
+    if (event.kind == Kind::stack) {
+        const nlohmann::json frames = event.data.value("frames", nlohmann::json::array());
+        for (const nlohmann::json& frame : frames) {
+            if (processEnd_ && frame.is_string()) {
+                processEnd_->frames.push_back(frame.get<std::string>());
+            }
+        }
+        return;
+    }
+    const bool isCall = event.kind == Kind::exit;
+    processEnd_ = ProcessEnd{.kind = isCall ? ProcessEnd::Kind::call : ProcessEnd::Kind::signal,
+                             .number = event.number,
+                             .function = textIn(event.data, "function"),
+                             .thread = event.thread,
+                             .frames = {}};
 }
 
 void RunRecord::addCall(const ModuleEvent& event, CallReport::Kind kind) {
@@ -181,16 +231,46 @@ CaseReport& RunRecord::cutOff(Verdict verdict, std::int64_t nowNs) {
     return end(nowNs);
 }
 
+// A library may keep something for good from the first use of a function on, and so not from a
+// later one.
+void RunRecord::judge() {
+    underWay_->warnings = judgeRecord(*underWay_);
+    // On the caller's thread the signals are the caller's.
+    const bool isOnCallersThread =
+        std::ranges::find(underWay_->warnings, "callback-thread", &WarningReport::rule) !=
+        underWay_->warnings.end();
+    std::ranges::copy_if(breaches_, std::back_inserter(underWay_->warnings),
+                         [&](const WarningReport& breach) {
+                             return !isOnCallersThread || breach.rule != "callback-signals";
+                         });
+    bool isFirstUse = false;
+    for (const CallReport& call : underWay_->calls) {
+        isFirstUse = functionsUsed_.insert(call.function).second || isFirstUse;
+    }
+    if (!left_.empty() && !isFirstUse) {
+        underWay_->warnings.push_back(warningFor("released-at-the-end", left_));
+    }
+    breaches_.clear();
+    left_.clear();
+}
+
 // A pass counts only where the record holds what the case must have done, with a
-// test service at the other end.
+// test service at the other end that has seen it.
+std::vector<std::string> RunRecord::whyNoPass() const {
+    std::vector<std::string> reasons = missingFrom(*underWay_, level_);
+    if (peerMissing_) {
+        reasons.push_back("no test service answers: " + *peerMissing_);
+    }
+    return reasons.empty() && confirm_ ? confirm_(*underWay_, hasProbeEcho_) : reasons;
+}
+
 CaseReport& RunRecord::end(std::int64_t nowNs) {
     underWay_->endNs = nowNs;
+    judge();
     if (underWay_->verdict == Verdict::pass) {
-        underWay_->missing = missingFrom(*underWay_, level_);
-        if (peerMissing_) {
-            underWay_->missing.push_back("no test service answers: " + *peerMissing_);
-        }
-        if (!underWay_->missing.empty() || leftOut_ > 0) {
+        underWay_->missing = whyNoPass();
+        if (!underWay_->missing.empty() || leftOut_ > 0 ||
+            (warningsFail_ && !underWay_->warnings.empty())) {
             underWay_->verdict = Verdict::fail;
         }
     }
@@ -201,6 +281,7 @@ CaseReport& RunRecord::end(std::int64_t nowNs) {
     leftOut_ = 0;
     open_.clear();
     checkCall_.reset();
+    hasEndedCase_ = true;
     return cases_.emplace_back(*std::exchange(underWay_, std::nullopt));
 }
 

@@ -4,9 +4,12 @@
 #define KAVRI_CONFORMANCE_MODULE_RUN_RECORD_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "conformance/cases/requirements.h"
@@ -15,12 +18,30 @@
 
 namespace kavri::conformance {
 
+// The process ended, or was about to, as its last lines say.
+struct ProcessEnd {
+    enum class Kind { signal, call };
+    Kind kind = Kind::signal;
+    unsigned number = 0;   // the signal, or the exit status
+    std::string function;  // of a call: "exit"
+    int thread = 0;
+    std::vector<std::string> frames;  // "FILE+0xADDRESS"
+};
+
 class RunRecord {
   public:
     // Of a case. A right library comes nowhere near; one that calls back without end must
     // not fill the memory and the reports.
     static constexpr std::size_t callsLimit = 500;
     static constexpr std::size_t checksLimit = 500;
+    // What keeps a case from a pass though its own record is complete, a line each.
+    // `hasProbeEcho`: the probe has asked the service for an echo meanwhile.
+    using Confirm = std::function<std::vector<std::string>(const CaseReport&, bool hasProbeEcho)>;
+    // Called for each case that would pass.
+    explicit RunRecord(Confirm confirm = nullptr) : confirm_(std::move(confirm)) {}
+
+    // Whether a case with a warning is no pass.
+    void failOnWarnings() { warningsFail_ = true; }
     // From then on checks below the level fail no case.
     void judgeBy(Level level) { level_ = level; }
 
@@ -41,8 +62,12 @@ class RunRecord {
     CaseReport& cutOff(Verdict verdict, std::int64_t nowNs);
 
     const std::vector<CaseReport>& cases() const { return cases_; }
-    // What the process held after each case, as the probe recorded it.
-    const std::vector<nlohmann::json>& usage() const { return usage_; }
+    // Whether any case has ended, in whatever round.
+    bool hasEndedCase() const { return hasEndedCase_; }
+    // The cases that have ended are those of a round that is over.
+    void beginRound() { cases_.clear(); }
+
+    const std::optional<ProcessEnd>& processEnd() const { return processEnd_; }
 
   private:
     void addToCase(const ModuleEvent& event);
@@ -51,9 +76,14 @@ class RunRecord {
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
     void addCheck(const ModuleEvent& event);
     void endCall(const ModuleEvent& event);
+    void addBreach(const ModuleEvent& event);
+    void endProcess(const ModuleEvent& event);
+    void judge();
     CaseReport& end(std::int64_t nowNs);
+    std::vector<std::string> whyNoPass() const;
 
     Level level_ = Level::may;
+    Confirm confirm_;
     std::vector<CaseReport> cases_;  // those that have ended
     std::optional<CaseReport> underWay_;
     std::optional<CallReport> checkCall_;   // of the peer check, while it is running
@@ -61,8 +91,14 @@ class RunRecord {
     std::size_t leftOut_ = 0;               // calls and checks of the case
     std::int64_t lastEventNs_ = 0;
     std::optional<std::string> peerMissing_;
+    bool hasProbeEcho_ = false;  // in the case
     std::vector<std::string> strayFailures_;
-    std::vector<nlohmann::json> usage_;
+    bool warningsFail_ = false;
+    bool hasEndedCase_ = false;
+    std::vector<WarningReport> breaches_;  // of the current case, as the probe found them
+    std::string left_;                     // behind by the library after it
+    std::set<std::string> functionsUsed_;  // in the cases before
+    std::optional<ProcessEnd> processEnd_;
 };
 
 }  // namespace kavri::conformance

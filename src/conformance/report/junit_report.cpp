@@ -120,6 +120,12 @@ std::string failureText(const CaseReport& report) {
         paragraphs.push_back(fmt::format("and {} more", report.checksFailed() - failuresShown));
     }
     paragraphs.insert(paragraphs.end(), report.missing.begin(), report.missing.end());
+    for (const WarningReport& warning : report.warnings) {
+        paragraphs.push_back(warning.line());
+    }
+    if (!report.crashStack.empty()) {
+        paragraphs.push_back(report.crashStack);
+    }
     if (report.hang && !report.hang->lastPassed.empty()) {
         paragraphs.push_back("the last check that passed: " + report.hang->lastPassed);
     }
@@ -136,7 +142,9 @@ std::string firstOf(const std::vector<std::string>& lines, std::string_view othe
 std::string failureMessage(const CaseReport& report) {
     const auto first = std::ranges::find(report.checks, false, &CheckReport::passed);
     if (first == report.checks.end()) {
-        return firstOf(report.missing, "failed");
+        return report.missing.empty() && !report.warnings.empty()
+                   ? report.warnings.front().line()
+                   : firstOf(report.missing, "failed");
     }
     const unsigned others = report.checksFailed() - 1;
     return fmt::format("{}, at {}{}", first->text, first->place,
@@ -198,6 +206,12 @@ std::string callLine(const CallReport& call, std::int64_t originNs) {
 std::string recordText(const CaseReport& report) {
     std::string text =
         fmt::format("checks: {}, failed: {}\n", report.checks.size(), report.checksFailed());
+    for (const std::string& remark : report.remarks) {
+        text += "remark: " + remark + "\n";
+    }
+    for (const WarningReport& warning : report.warnings) {
+        text += warning.line() + "\n";
+    }
     const size_t leftOut = report.calls.size() - std::min(report.calls.size(), callsShown);
     if (leftOut > 0) {
         text += fmt::format("{} earlier calls are left out\n", leftOut);
@@ -234,13 +248,15 @@ class SuiteElement {
         properties_ = element_.append_child("properties");
     }
 
-    // `reason`: why there are cases of the library that were not run.
-    void add(const CaseReport& report, std::string_view bareName, std::string_view reason) {
+    void add(const CaseReport& report, std::string_view bareName, const LibraryReport& library) {
         pugi::xml_node testCase = appendTestCase(element_, className_, bareName, report.seconds());
         setPlace(testCase, report);
-        appendVerdict(testCase, report, reason);
+        appendVerdict(testCase, report, library.reason);
         appendLevel(report, bareName);
-        setText(testCase.append_child("system-out"), recordText(report));
+        const std::string remark = report.verdict == Verdict::pass && library.unconfirmed
+                                       ? fmt::format("pass, {}\n", notConfirmedText)
+                                       : "";
+        setText(testCase.append_child("system-out"), remark + recordText(report));
         if (!report.output.empty()) {
             setText(testCase.append_child("system-err"), report.output);
         }
@@ -258,6 +274,20 @@ class SuiteElement {
     void add(const std::string& complaint) {
         pugi::xml_node testCase = appendTestCase(element_, className_, complaint, 0);
         appendOutcome(testCase, "failure", "the known failures are no longer true");
+    }
+
+    // What a process held after its runs.
+    void add(const RepeatReport::Growth& growth, bool fails) {
+        pugi::xml_node testCase = appendTestCase(element_, className_, growth.what, 0);
+        if (growth.grows && fails) {
+            appendOutcome(testCase, "failure", growth.remark());
+        }
+        const std::string slope = growth.slope ? fmt::format(", {:+.1f} each run", *growth.slope)
+                                               : ", too few runs to judge it";
+        setText(testCase.append_child("system-out"),
+                fmt::format("{} after the first run, {} after the last, {} at most{}\n{}",
+                            growth.first, growth.last, growth.most, slope,
+                            growth.grows ? "remark: " + growth.remark() + "\n" : ""));
     }
 
     // A library or a run of which not even the cases are known.
@@ -312,7 +342,7 @@ std::string junitReport(const Report& report) {
                 suites.emplace_back(root, fmt::format("{}.{}", library.name, suite), report.date);
                 current = suite;
             }
-            suites.back().add(one, name, library.reason);
+            suites.back().add(one, name, library);
         }
     }
     if (report.matrix) {
@@ -324,6 +354,12 @@ std::string junitReport(const Report& report) {
     if (!report.complaints.empty()) {
         SuiteElement& known = suites.emplace_back(root, "known failures", report.date);
         std::ranges::for_each(report.complaints, [&](const auto& line) { known.add(line); });
+    }
+    if (report.repeats) {
+        SuiteElement& growth = suites.emplace_back(root, "growth", report.date);
+        for (const RepeatReport::Growth& each : report.repeats->growth) {
+            growth.add(each, report.repeats->failsOnGrowth);
+        }
     }
     Totals all;
     for (SuiteElement& suite : suites) {

@@ -1,6 +1,8 @@
 // The report as JSON; see report.h.
 #include "conformance/report/report.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace kavri::conformance {
@@ -13,9 +15,9 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckReport, text, place, passed, left, right
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(FaultFired, name, atNs, did)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(HangReport, call, arguments, seconds, lastPassed, stacks)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckKilled, caseName, check, faults)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(RepeatReport::Growth, what, first, last, most)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BaselineComparison::Case, library, name, ways)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BaselineComparison::Function, library, name, earlierP50Us, p50Us)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(WarningReport, rule, text, header, sentence, times)
 
 namespace {
 
@@ -81,8 +83,10 @@ static void to_json(json& result, const CaseReport& report) {
               {"log", report.failureLines()},
               {"missing", report.missing},
               {"remarks", report.remarks},
+              {"warnings", report.warnings},
               {"hang", orNull(report.hang)},
               {"crash", report.crash},
+              {"crashStack", report.crashStack},
               {"output", report.output},
               {"known", report.known},
               {"repeat", report.repeat}};
@@ -95,8 +99,9 @@ static void to_json(json& result, const LibraryReport& library) {
               {"core", library.core},
               {"broker", library.broker},
               {"seconds", library.seconds},
-              {"verdict", verdictText(library.verdict())},
+              {"verdict", verdictText(library)},
               {"reason", library.reason},
+              {"confirmed", !library.unconfirmed},
               {"cases", library.cases},
               {"latencies", latenciesJson(latencies)}};
 }
@@ -112,10 +117,16 @@ static void to_json(json& result, const MatrixReport& matrix) {
     result = {{"faults", matrix.faults}, {"checks", matrix.checks}, {"seconds", matrix.seconds}};
 }
 
+static void to_json(json& result, const RepeatReport::Growth& growth) {
+    result = {{"what", growth.what}, {"first", growth.first},         {"last", growth.last},
+              {"most", growth.most}, {"slope", orNull(growth.slope)}, {"grows", growth.grows}};
+}
+
 static void to_json(json& result, const RepeatReport& repeats) {
     result = {{"runs", repeats.runs},
               {"passed", repeats.passed},
               {"growth", repeats.growth},
+              {"failsOnGrowth", repeats.failsOnGrowth},
               {"latencies", latenciesJson(repeats.latencies)}};
 }
 
@@ -135,7 +146,7 @@ json toJson(const Report& report) {
             {"command", report.command},
             {"date", report.date},
             {"tool", report.tool},
-            {"verdict", verdictText(verdictOn(report))},
+            {"verdict", verdictText(report)},
             {"reason", report.reason},
             {"seconds", report.seconds},
             {"libraries", report.libraries},
@@ -166,6 +177,21 @@ std::string_view verdictText(Verdict verdict) {
     return "";
 }
 
+static std::string textOf(Verdict verdict, bool unconfirmed) {
+    std::string text(verdictText(verdict));
+    return verdict == Verdict::pass && unconfirmed ? text + ", " + std::string(notConfirmedText)
+                                                   : text;
+}
+
+std::string verdictText(const LibraryReport& library) {
+    return textOf(library.verdict(), library.unconfirmed);
+}
+
+std::string verdictText(const Report& report) {
+    return textOf(verdictOn(report),
+                  std::ranges::any_of(report.libraries, &LibraryReport::unconfirmed));
+}
+
 unsigned CaseReport::checksFailed() const {
     return static_cast<unsigned>(
         std::ranges::count_if(checks, [](const CheckReport& check) { return !check.passed; }));
@@ -185,6 +211,23 @@ std::vector<std::string> CaseReport::failedChecks() const {
     return texts;
 }
 
+std::string WarningReport::line() const {
+    return fmt::format("warning: {}{}; {}: \"{}\"", text,
+                       times > 1 ? fmt::format(", {} times", times) : "", header, sentence);
+}
+
+bool RepeatReport::isGood() const {
+    return passed == runs && !(failsOnGrowth && std::ranges::any_of(growth, &Growth::grows));
+}
+
+std::string RepeatReport::Growth::remark() const {
+    return grows ? fmt::format(
+                       "{} grows by {:.1f} with each run: {} after the first, {} after the "
+                       "last",
+                       what, slope.value_or(0), first, last)
+                 : "";
+}
+
 std::string failureLine(const CheckReport& check) {
     return check.place + ": " + check.message;
 }
@@ -197,6 +240,11 @@ std::vector<std::string> CaseReport::failureLines() const {
         }
     }
     return lines;
+}
+
+std::size_t casesWithWarnings(const std::vector<CaseReport>& cases) {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        cases, [](const CaseReport& report) { return !report.warnings.empty(); }));
 }
 
 Verdict worstOf(const std::vector<CaseReport>& cases) {
@@ -221,6 +269,10 @@ void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& lat
     }
 }
 
+bool FaultReport::isDetectedByWarnings() const {
+    return worstOf(cases) == Verdict::pass && casesWithWarnings(cases) > 0;
+}
+
 bool MatrixReport::isProven() const {
     return std::ranges::all_of(faults, &FaultReport::asExpected) &&
            std::ranges::none_of(checks,
@@ -242,7 +294,7 @@ Verdict verdictOn(const Report& report) {
         add(report.matrix->isProven());
     }
     if (report.repeats) {
-        add(report.repeats->passed == report.repeats->runs);
+        add(report.repeats->isGood());
     }
     return limitedBy(report.reason, together(verdicts));
 }

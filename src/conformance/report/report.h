@@ -67,6 +67,18 @@ struct HangReport {
     std::string stacks;      // of all threads; empty where no debugger is there
 };
 
+// Something that the public headers forbid and the record shows, though no check failed.
+struct WarningReport {
+    std::string rule;  // its short name
+    std::string text;  // what the library did
+    std::string header;
+    std::string sentence;  // of the header, word for word
+    unsigned times = 1;    // that it did so in the case
+
+    // "warning: …, 3 times; ipc.h: \"…\""
+    std::string line() const;
+};
+
 struct CaseReport {
     std::string name;   // "suite/case"
     std::string level;  // how much the interface demands of what it looks at: "must", …
@@ -78,11 +90,13 @@ struct CaseReport {
     std::vector<FaultFired> faults;
     std::vector<std::string> missing;  // why it is no pass although no check failed
     std::vector<std::string> remarks;  // no failures, but worth knowing
+    std::vector<WarningReport> warnings;
     std::optional<HangReport> hang;
-    std::string crash;   // "ended by signal 11 (Segmentation fault) …"
-    std::string output;  // of the module, see case_output.h; lines
-    std::string known;   // the reason, where its failure is expected
-    std::string repeat;  // the command line that runs it again
+    std::string crash;  // "was ended by SIGSEGV, in …", or "the library called exit(0) in …"
+    std::string crashStack;  // of the thread that did so, a frame each line; or empty
+    std::string output;      // of the module, see case_output.h; lines
+    std::string known;       // the reason, where its failure is expected
+    std::string repeat;      // the command line that runs it again
 
     double seconds() const { return static_cast<double>(endNs - beginNs) / 1e9; }
     unsigned checksFailed() const;
@@ -91,6 +105,9 @@ struct CaseReport {
     std::vector<std::string> failureLines() const;  // of the failed checks
 };
 
+// How many of the cases have warnings.
+std::size_t casesWithWarnings(const std::vector<CaseReport>& cases);
+
 // The worst verdict; known failures count as passes.
 Verdict worstOf(const std::vector<CaseReport>& cases);
 
@@ -98,6 +115,8 @@ struct LibraryReport {
     std::string name;
     std::string core;  // the file
     std::string broker;
+    // Nothing shows that the requests reached a service.
+    bool unconfirmed = false;
     double seconds = 0;
     // All that were selected, in the order of the module; empty until that is known.
     std::vector<CaseReport> cases;
@@ -106,6 +125,11 @@ struct LibraryReport {
 
     Verdict verdict() const;
 };
+
+// Of a library whose cases pass by what was recorded in its own process alone.
+inline constexpr std::string_view notConfirmedText = "not confirmed by the other side";
+// The worst of its cases; of a pass also whether the other side confirms it.
+std::string verdictText(const LibraryReport& library);
 
 // How long the calls of each function took.
 using LatenciesByFunction = std::map<std::string, base::Latencies>;
@@ -123,6 +147,8 @@ struct FaultReport {
     std::vector<std::string> wrong;  // what differed from the catalogue
 
     bool asExpected() const { return wrong.empty(); }
+    // Every case passed, and some with a warning.
+    bool isDetectedByWarnings() const;
 };
 
 // A check of the module, and what turned it red.
@@ -145,15 +171,25 @@ struct MatrixReport {
 struct RepeatReport {
     unsigned runs = 0;
     unsigned passed = 0;
-    // First and last of what each run, or the broker after it, held.
+    // What a process, or the broker beside it, held after each of its runs. Of several
+    // processes that which grew the most.
     struct Growth {
         std::string what;  // "module, descriptors"
         double first = 0;
         double last = 0;
         double most = 0;
+        std::optional<double> slope{};  // for each run; none where there were too few
+        bool grows = false;             // counts as growth; see growth.h
+
+        // "grows by 1.0 with each run: …"; empty where it does not.
+        std::string remark() const;
     };
     std::vector<Growth> growth;
     LatenciesByFunction latencies{};  // of all runs
+    bool failsOnGrowth = false;
+
+    // Whether every run passed, and nothing grew that must not.
+    bool isGood() const;
 };
 
 struct Report {
@@ -174,6 +210,7 @@ struct Report {
 // Of all that was to be run. Never a pass or failure where the report has a reason: what
 // is written while the run goes on is true, too, of a run that is killed at that moment.
 Verdict verdictOn(const Report& report);
+std::string verdictText(const Report& report);
 
 // The documented form; see docs/conformance.md.
 nlohmann::json toJson(const Report& report);

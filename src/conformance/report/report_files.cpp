@@ -31,9 +31,9 @@ ReportFiles::ReportFiles(ReportPlaces places, const Report& report) : places_(st
     }
 }
 
-void ReportFiles::update(const Report& report) {
+void ReportFiles::writeAll(const Report& report, bool isLast) {
     if (places_.junit) {
-        write(*places_.junit, junitReport(report));
+        write(*places_.junit, junitReport(report), isLast);
     }
     if (!places_.json && !places_.html) {
         return;
@@ -41,14 +41,17 @@ void ReportFiles::update(const Report& report) {
     const nlohmann::json content = toJson(report);
     if (places_.json) {
         write(*places_.json,
-              content.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+              content.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n", isLast);
     }
     if (places_.html) {
-        write(fs::path(*places_.html) / "index.html", reportPage(content));
+        write(fs::path(*places_.html) / "index.html", reportPage(content), isLast);
     }
 }
 
-void ReportFiles::write(const fs::path& file, const std::string& text) {
+void ReportFiles::write(const fs::path& file, const std::string& text, bool isLast) {
+    if (!isLast && isStream(file)) {
+        return;
+    }
     const std::string complaint = writeWholeFile(file, text);
     if (complaint_.empty()) {
         complaint_ = complaint;

@@ -21,6 +21,10 @@ bool isPassedOrNotRun(Verdict verdict) {
     return verdict == Verdict::pass || verdict == Verdict::notRun;
 }
 
+// Of a case; right libraries and wrong ones come nowhere near, unless they call back
+// without end.
+constexpr size_t failuresShown = 100;
+
 std::string counted(unsigned long count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
@@ -76,9 +80,12 @@ void RunDisplay::showCaseEnded(const CaseReport& report) {
                                                                       : red;
     constexpr size_t verdictWidth = 7;
     const std::string padding(verdictWidth - std::min(verdictWidth, verdict.size()), ' ');
-    showLine(fmt::format("{:<{}}  {}{}  {:>10}  {:>9}{}", report.name, nameWidth_,
+    const std::string warned =
+        report.warnings.empty() ? ""
+                                : fmt::format("  ({})", counted(report.warnings.size(), "warning"));
+    showLine(fmt::format("{:<{}}  {}{}  {:>10}  {:>9}{}{}", report.name, nameWidth_,
                          coloured(verdict, colour), padding, counted(report.checks.size(), "check"),
-                         durationText(report.seconds()), failed));
+                         durationText(report.seconds()), failed, warned));
     showDetails(report);
     results_.flush();
 }
@@ -88,18 +95,31 @@ void RunDisplay::showDetails(const CaseReport& report) {
     if (!report.known.empty()) {
         show(fmt::format("{}, as expected: {}", verdictText(report.verdict), report.known));
     }
-    std::ranges::for_each(report.failureLines(), show);
+    const std::vector<std::string> failures = report.failureLines();
+    for (size_t i = 0; i < std::min(failures.size(), failuresShown); ++i) {
+        show(failures[i]);
+    }
+    if (failures.size() > failuresShown) {
+        show(
+            fmt::format("… and {} more", counted(failures.size() - failuresShown, "failed check")));
+    }
     std::ranges::for_each(report.missing, show);
     std::ranges::for_each(report.remarks, show);
+    for (const WarningReport& warning : report.warnings) {
+        show(warning.line());
+    }
+    const auto showLines = [&show](std::string_view lines) {
+        while (const auto line = base::takeLine(lines)) {
+            show(*line);
+        }
+    };
     if (!report.crash.empty()) {
         show(report.crash);
+        showLines(report.crashStack);
     }
     if (report.hang) {
         show(hangText(*report.hang));
-        std::string_view stacks = report.hang->stacks;
-        while (const auto line = base::takeLine(stacks)) {
-            show(*line);
-        }
+        showLines(report.hang->stacks);
     }
 }
 
@@ -145,12 +165,19 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
     };
     const auto known = std::ranges::count_if(
         cases, [](const CaseReport& report) { return !report.known.empty(); });
-    showLine(fmt::format("{}, {} passed{}{}; {}, {} passed, {} failed; {}",
+    showLine(fmt::format("{}, {} passed{}{}{}; {}, {} passed, {} failed; {}",
                          counted(caseCount_, "case"), casesWith(Verdict::pass),
                          unlessNone(known, "known to fail"),
                          unlessNone(casesWith(Verdict::notRun), "not run"),
+                         unlessNone(casesWithWarnings(cases), "with warnings"),
                          counted(checks, "check"), checks - failed, failed, durationText(seconds)));
     results_.flush();
+}
+
+void RunDisplay::showConfirmation(const LibraryReport& library) {
+    if (library.unconfirmed && worstOf(library.cases) == Verdict::pass) {
+        showRemark(verdictText(library));
+    }
 }
 
 void RunDisplay::showRepeats(const RepeatReport& repeats, double seconds) {
@@ -162,8 +189,17 @@ void RunDisplay::showRepeats(const RepeatReport& repeats, double seconds) {
                                times.count(), us(times, 0.5), us(times, 0.99)));
     }
     for (const RepeatReport::Growth& growth : repeats.growth) {
-        showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most", growth.what,
-                               growth.first, growth.last, growth.most));
+        const std::string slope =
+            growth.slope ? fmt::format("  {:>+8.1f} each run", *growth.slope) : "";
+        showRemark(fmt::format("{:<24}  {:>8} first  {:>8} last  {:>8} most{}", growth.what,
+                               growth.first, growth.last, growth.most, slope));
+    }
+    for (const RepeatReport::Growth& growth : repeats.growth) {
+        if (growth.grows) {
+            showRemark(coloured(repeats.failsOnGrowth ? "fail: " : "remark: ",
+                                repeats.failsOnGrowth ? red : plain) +
+                       growth.remark());
+        }
     }
     showRemark(
         fmt::format("{} runs, {} passed; {}", repeats.runs, repeats.passed, durationText(seconds)));
@@ -177,15 +213,17 @@ void RunDisplay::showMatrix(const MatrixReport& matrix) {
     }
     const auto invisible = std::ranges::count_if(
         matrix.faults, [](const FaultReport& fault) { return !fault.unnoticedBecause.empty(); });
+    const auto warned = std::ranges::count_if(matrix.faults, &FaultReport::isDetectedByWarnings);
     const auto wrong = std::ranges::count_if(
         matrix.faults, [](const FaultReport& fault) { return !fault.asExpected(); });
     const auto survived = std::ranges::count_if(
         matrix.checks, [](const CheckKilled& check) { return check.faults.empty(); });
     showRemark(fmt::format(
-        "{} faults, {} detected as expected, {} that no case can detect, {} not as expected; "
-        "{} checks, {} turned red; {}",
-        matrix.faults.size(), std::ssize(matrix.faults) - invisible - wrong, invisible, wrong,
-        matrix.checks.size(), std::ssize(matrix.checks) - survived, durationText(matrix.seconds)));
+        "{} faults, {} detected as expected, {} of them by warnings alone, {} that nobody can "
+        "detect, {} not as expected; {} checks, {} turned red; {}",
+        matrix.faults.size(), std::ssize(matrix.faults) - invisible - wrong, warned, invisible,
+        wrong, matrix.checks.size(), std::ssize(matrix.checks) - survived,
+        durationText(matrix.seconds)));
 }
 
 std::string RunDisplay::coloured(std::string_view text, std::string_view colour) const {

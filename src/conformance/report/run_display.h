@@ -40,6 +40,8 @@ class RunDisplay {
     // The cases that failed, known failures apart, and what runs each again.
     void showFailed(const std::vector<CaseReport>& cases);
     void showClosing(const std::vector<CaseReport>& cases, double seconds);
+    // A line for a pass that the other side does not confirm.
+    void showConfirmation(const LibraryReport& library);
     // A progress bar, on a terminal: "faults  [####    ] 12/66".
     void showProgress(std::string_view what, size_t done, size_t all);
 

@@ -32,9 +32,10 @@ struct Target {
     fs::path path;
 };
 
-std::string complaintAbout(const fs::path& file, const std::error_code& error) {
-    return fmt::format("cannot write {}: {}; what was there before is kept", file.string(),
-                       error.message());
+std::string complaintAbout(const fs::path& file, const std::error_code& error,
+                           const Target& target) {
+    return fmt::format("cannot write {}: {}{}", file.string(), error.message(),
+                       target.isReplaced ? "; what was there before is kept" : "");
 }
 
 std::error_code errorOf(const std::ofstream& stream) {
@@ -42,6 +43,12 @@ std::error_code errorOf(const std::ofstream& stream) {
 }
 
 }  // namespace
+
+bool isStream(const fs::path& file) {
+    std::error_code error;
+    return fs::exists(file, error) && !fs::is_regular_file(file, error) &&
+           !fs::is_directory(file, error);
+}
 
 std::string writeWholeFile(const fs::path& file, const std::string& text) {
     const Target target(file);
@@ -57,7 +64,7 @@ std::string writeWholeFile(const fs::path& file, const std::string& text) {
         return "";
     }
     target.discard();
-    return complaintAbout(file, error);
+    return complaintAbout(file, error, target);
 }
 
 std::string whyNotWritable(const fs::path& file) {
@@ -66,7 +73,7 @@ std::string whyNotWritable(const fs::path& file) {
     const std::ofstream stream(target.path, std::ios::binary | std::ios::app);
     const std::error_code error = errorOf(stream);
     target.discard();
-    return error ? complaintAbout(file, error) : "";
+    return error ? complaintAbout(file, error, target) : "";
 }
 
 }  // namespace kavri::conformance

@@ -7,6 +7,9 @@
 
 namespace kavri::conformance {
 
+// Whether it is a device or pipe, which keeps nothing that could be replaced.
+bool isStream(const std::filesystem::path& file);
+
 // Writes a new file and renames it over the old one; but a device or pipe is written to.
 // Returns what went wrong; empty: nothing.
 std::string writeWholeFile(const std::filesystem::path& file, const std::string& text);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "process/exit_text.h"
 
@@ -35,15 +36,43 @@ CaseReport notRun(const std::string& name, const std::string& why) {
 
 CasesOutcome CasesRun::run(ModuleRunRequest request, const std::vector<std::string>& cases,
                            const Progress& progress) {
-    CasesOutcome outcome;
-    std::vector<std::string> left = cases;
-    while (!left.empty() && runRest(request, left, outcome, progress)) {
+    CasesOutcome only;
+    request.rounds = 1;
+    runRounds(std::move(request), cases, progress, [&only](CasesOutcome outcome) {
+        only = std::move(outcome);
+        return true;
+    });
+    return only;
+}
+
+unsigned CasesRun::runRounds(ModuleRunRequest request, const std::vector<std::string>& cases,
+                             const Progress& progress, const TakeRound& takeRound) {
+    unsigned done = 0;
+    Round round{{}, cases};
+    // All but the last round end while their process goes on.
+    const auto roundEnded = [&](unsigned number, const nlohmann::json& held) {
+        round.outcome.held = held;
+        if (number == request.rounds) {
+            return true;
+        }
+        ++done;
+        return takeRound(std::exchange(round, Round{{}, cases}).outcome);
+    };
+    bool goesOn = runRest(request, round, progress, roundEnded);
+    const auto ignored = [](unsigned, const nlohmann::json&) { return true; };
+    while (goesOn && !round.left.empty()) {
+        request.rounds = 1;
+        goesOn = runRest(request, round, progress, ignored);
     }
-    for (const std::string& name : left) {
-        outcome.cases.push_back(notRun(name, ""));
+    if (round.outcome.end == RunEnd::stopped) {
+        return done;
     }
-    progress(outcome.cases);
-    return outcome;
+    for (const std::string& name : round.left) {
+        round.outcome.cases.push_back(notRun(name, ""));
+    }
+    progress(round.outcome.cases);
+    takeRound(std::move(round.outcome));
+    return done + 1;
 }
 
 std::string CasesRun::standstillText() const {
@@ -60,6 +89,12 @@ std::string CasesRun::whyNoneBegan(RunEnd end, const process::ExitState& exit) c
                 standstillText());
         case RunEnd::channelClosed:
             return closedChannelText + " before the case";
+        case RunEnd::moduleEnded:
+            if (endedInOrder(exit)) {
+                return "the module ended without a word to the kit; does the core library close "
+                       "descriptors that are not its own when it is loaded?";
+            }
+            [[fallthrough]];
         default:
             return "the module " + process::exitText(exit) + " before the case";
     }
@@ -67,10 +102,11 @@ std::string CasesRun::whyNoneBegan(RunEnd end, const process::ExitState& exit) c
 
 // What becomes of the module behind its last case is told with that case. Returns whether
 // there was something to tell.
-bool CasesRun::blameLastCase(RunEnd end, const process::ExitState& exit, CaseReport& last) const {
-    if (end == RunEnd::moduleEnded && !endedInOrder(exit)) {
+bool CasesRun::blameLastCase(const ModuleRun& run, RunEnd end, CaseReport& last) const {
+    if (end == RunEnd::moduleEnded && !endedInOrder(run.exit())) {
         last.verdict = Verdict::crash;
-        last.crash = "the module " + process::exitText(exit) + " after the case";
+        last.crash = run.crashText();
+        last.crashStack = run.crashStack();
     } else if (end == RunEnd::hung) {
         last.verdict = Verdict::timeout;
         last.missing.push_back(
@@ -88,42 +124,49 @@ bool CasesRun::blameLastCase(RunEnd end, const process::ExitState& exit, CaseRep
 
 // Runs the remaining cases in one process, and removes those that have a verdict. Returns
 // whether to go on in another.
-bool CasesRun::runRest(ModuleRunRequest& request, std::vector<std::string>& left,
-                       CasesOutcome& outcome, const Progress& progress) {
-    request.cases = left;
-    const size_t before = outcome.cases.size();
-    ModuleRun moduleRun(broker_, limits_, display_, watchdog_, [&](const CaseReport& report) {
-        outcome.cases.push_back(report);
-        std::erase(left, report.name);
-        progress(outcome.cases);
-        display_.showCaseEnded(outcome.cases.back());
-    });
-    outcome.end = moduleRun.run(module_, request);
+bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& progress,
+                       const ModuleRun::RoundEnded& roundEnded) {
+    request.cases = round.left;
+    ModuleRun moduleRun(
+        otherEnd_, limits_, display_, watchdog_,
+        [&](const CaseReport& report) {
+            round.outcome.cases.push_back(report);
+            std::erase(round.left, report.name);
+            progress(round.outcome.cases);
+            display_.showCaseEnded(round.outcome.cases.back());
+        },
+        roundEnded);
+    const RunEnd end = moduleRun.run(module_, request);
+    CasesOutcome& outcome = round.outcome;  // of the round in which the process ended
+    outcome.end = end;
     const RunRecord& record = moduleRun.record();
     for (const std::string& line : record.strayFailures()) {
         display_.showRemark(line);
     }
     const auto& said = moduleRun.brokerLines();
     outcome.brokerLines.assign(said.begin(), said.end());
-    outcome.usage.insert(outcome.usage.end(), record.usage().begin(), record.usage().end());
-    const bool goesOn = outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung ||
-                        outcome.end == RunEnd::channelClosed;
+    if (end == RunEnd::stopped) {
+        return false;
+    }
+    const bool goesOn =
+        end == RunEnd::moduleEnded || end == RunEnd::hung || end == RunEnd::channelClosed;
     if (record.cases().empty()) {
-        outcome.refused = moduleRun.exit().code == frameworkRefusal;
+        outcome.refused = !record.hasEndedCase() && moduleRun.exit().code == frameworkRefusal;
         if (goesOn) {
             CaseReport& first = outcome.cases.emplace_back(
-                notRun(left.front(), whyNoneBegan(outcome.end, moduleRun.exit())));
+                notRun(round.left.front(), whyNoneBegan(end, moduleRun.exit())));
             first.output = moduleRun.outputOf(first.name);
-            left.erase(left.begin());
+            round.left.erase(round.left.begin());
         }
         return false;
     }
     // What was printed after a case is known only now.
-    for (size_t i = before; i < outcome.cases.size(); ++i) {
-        outcome.cases[i].output = moduleRun.outputOf(outcome.cases[i].name);
+    for (CaseReport& each : outcome.cases) {
+        if (const std::string printed = moduleRun.outputOf(each.name); !printed.empty()) {
+            each.output = printed;
+        }
     }
-    if (!moduleRun.cutACase() &&
-        blameLastCase(outcome.end, moduleRun.exit(), outcome.cases.back())) {
+    if (!moduleRun.cutACase() && blameLastCase(moduleRun, end, outcome.cases.back())) {
         display_.showCaseEnded(outcome.cases.back());
     }
     return goesOn;

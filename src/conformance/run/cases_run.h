@@ -4,6 +4,7 @@
 #define KAVRI_CONFORMANCE_RUN_CASES_RUN_H
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,7 +17,8 @@ struct CasesOutcome {
     RunEnd end = RunEnd::moduleEnded;
     bool refused = false;                  // the module rejected its arguments, and ran no case
     std::vector<std::string> brokerLines;  // the last of the broker's log
-    std::vector<nlohmann::json> usage;     // what the processes held after each case
+    // What the module held after the cases; none where their process did not come to the end.
+    std::optional<nlohmann::json> held;
 };
 
 class CasesRun {
@@ -25,11 +27,11 @@ class CasesRun {
     // it may add to them what only the whole run knows.
     using Progress = std::function<void(std::vector<CaseReport>&)>;
 
-    // `broker`: the run's own, or null. All of these must outlive this.
-    CasesRun(const ConformanceModule& module, process::ChildProcess* broker,
-             const RunLimits& limits, RunDisplay& display, WatchdogSettings watchdog)
+    // All of these must outlive this.
+    CasesRun(const ConformanceModule& module, const OtherEnd& otherEnd, const RunLimits& limits,
+             RunDisplay& display, WatchdogSettings watchdog)
         : module_(module),
-          broker_(broker),
+          otherEnd_(otherEnd),
           limits_(limits),
           display_(display),
           watchdog_(watchdog) {}
@@ -38,15 +40,29 @@ class CasesRun {
     CasesOutcome run(ModuleRunRequest request, const std::vector<std::string>& cases,
                      const Progress& progress);
 
+    // Takes what a round of all cases came to, and says whether to go on.
+    using TakeRound = std::function<bool(CasesOutcome outcome)>;
+
+    // The same in rounds, as often as the request says, in one process. Where that ends early,
+    // the round is completed in others and is the last. Returns how many rounds there were.
+    unsigned runRounds(ModuleRunRequest request, const std::vector<std::string>& cases,
+                       const Progress& progress, const TakeRound& takeRound);
+
   private:
-    bool runRest(ModuleRunRequest& request, std::vector<std::string>& left, CasesOutcome& outcome,
-                 const Progress& progress);
+    // What is known of the round under way.
+    struct Round {
+        CasesOutcome outcome;
+        std::vector<std::string> left;
+    };
+
+    bool runRest(ModuleRunRequest& request, Round& round, const Progress& progress,
+                 const ModuleRun::RoundEnded& roundEnded);
     std::string standstillText() const;
     std::string whyNoneBegan(RunEnd end, const process::ExitState& exit) const;
-    bool blameLastCase(RunEnd end, const process::ExitState& exit, CaseReport& last) const;
+    bool blameLastCase(const ModuleRun& run, RunEnd end, CaseReport& last) const;
 
     const ConformanceModule& module_;
-    process::ChildProcess* broker_;
+    const OtherEnd otherEnd_;
     const RunLimits& limits_;
     RunDisplay& display_;
     const WatchdogSettings watchdog_;

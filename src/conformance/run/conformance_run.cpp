@@ -16,6 +16,7 @@
 #include "conformance/cases/expectation_list.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/module/module_arguments.h"
+#include "conformance/module/preflight.h"
 #include "conformance/report/whole_file.h"
 #include "conformance/run/kill_matrix.h"
 #include "conformance/run/repeat_command.h"
@@ -39,6 +40,8 @@ constexpr milliseconds proofCallLimit{800};
 // The cases mostly sleep.
 constexpr unsigned jobsPerProcessor = 4;
 
+// Of repeated runs; more than those that are judged.
+constexpr unsigned runsOfEachProcess = 8;
 // While the run goes on; and for good where it is killed.
 const std::string notEndedYet = "the run had not ended when this was written";
 
@@ -111,7 +114,7 @@ process::ExitStatus ConformanceRun::run() {
         runLibraries();
     } catch (const std::exception& error) {
         noteWhyIncomplete(error.what());
-        writeFiles();
+        finishFiles();
         throw;
     }
     return judge();
@@ -123,12 +126,12 @@ void ConformanceRun::prepare() {
     checkModuleArguments(plan_.moduleArguments);
     readEarlierResults();
     files_ = KitFiles::find();
+    if (!plan_.serviceRecord.empty()) {
+        evidence_.emplace(std::filesystem::path(plan_.serviceRecord));
+    }
     if (plan_.socket) {
         checkBrokerListens(*plan_.socket);
-        // Another library may talk to its broker in another way.
-        if (plan_.libraries.empty()) {
-            checkBrokerAnswers(*plan_.socket);
-        }
+        checkTestService(*plan_.socket, evidence_ ? &*evidence_ : nullptr, limits_);
     }
 }
 
@@ -189,7 +192,8 @@ Report ConformanceRun::openingReport() const {
     for (size_t i = 0; i < report.libraries.size(); ++i) {
         LibraryReport& library = report.libraries[i];
         library.name = nameOf(i);
-        library.broker = plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+        library.broker = brokerText();
+        library.unconfirmed = !plan_.isConfirmed();
         library.reason = notEndedYet;
     }
     return report;
@@ -214,6 +218,18 @@ std::optional<std::string> ConformanceRun::folder() const {
     return plan_.libraries.empty() ? std::nullopt : std::optional(plan_.libraries[current_]);
 }
 
+std::string ConformanceRun::brokerText() const {
+    if (plan_.ownBroker) {
+        return "broker of the library";
+    }
+    return plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
+}
+
+// The broker and service that are there already.
+OtherEnd ConformanceRun::foreignEnd() {
+    return {nullptr, evidence_ ? &*evidence_ : nullptr, plan_.strict};
+}
+
 WatchdogSettings ConformanceRun::watchdog() const {
     return {milliseconds(static_cast<long>(plan_.callTimeoutSeconds * plan_.timeScale * 1000)),
             true};
@@ -222,6 +238,24 @@ WatchdogSettings ConformanceRun::watchdog() const {
 unsigned ConformanceRun::jobs(unsigned most) const {
     const unsigned byDefault = jobsPerProcessor * std::max(1U, std::thread::hardware_concurrency());
     return std::min(plan_.jobs == 0 ? byDefault : plan_.jobs, most);
+}
+
+// With enough runs in each process to show what grows, unless the user wants more processes.
+unsigned ConformanceRun::repeatJobs() const {
+    if (!plan_.startsBrokers()) {
+        return 1;
+    }
+    return jobs(plan_.jobs == 0 ? std::max(1U, *plan_.repeat / runsOfEachProcess) : *plan_.repeat);
+}
+
+ModuleRunRequest ConformanceRun::requestFor(const LibraryRun& library,
+                                            const std::filesystem::path& socket) const {
+    ModuleRunRequest request = library.request(socket);
+    request.userArguments = plan_.moduleArguments;
+    request.fault = plan_.fault;
+    request.warningsFail = plan_.strict;
+    request.level = plan_.level;
+    return request;
 }
 
 void ConformanceRun::runLibrary() {
@@ -273,20 +307,23 @@ void ConformanceRun::writeFiles() {
     reportFiles_->update(report_);
 }
 
+void ConformanceRun::finishFiles() {
+    report_.seconds = secondsSince(begun_);
+    reportFiles_->finish(report_);
+}
+
 void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::string>& cases,
                              RunDisplay& display) {
     std::optional<OwnBroker> own;
-    if (!plan_.socket) {
+    if (plan_.startsBrokers()) {
         own.emplace(files_.broker, limits_);
     }
     display.showOpening(report().core, report().broker);
-    ModuleRunRequest request =
-        library.request(own ? own->socket() : std::filesystem::path(*plan_.socket));
-    request.userArguments = plan_.moduleArguments;
-    request.fault = plan_.fault;
-    request.level = plan_.level;
+    const ModuleRunRequest request =
+        requestFor(library, own ? own->socket() : std::filesystem::path(plan_.socket.value_or("")));
     casesBegun_ = Clock::now();
-    CasesRun run(library.module(), own ? &own->process() : nullptr, limits_, display, watchdog());
+    CasesRun run(library.module(), own ? own->asOtherEnd() : foreignEnd(), limits_, display,
+                 watchdog());
     const CasesOutcome outcome = run.run(request, cases, [&](auto& soFar) { addToReport(soFar); });
     if (worstOf(outcome.cases) != Verdict::pass) {
         for (const std::string& line : outcome.brokerLines) {
@@ -295,6 +332,12 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
     }
     display.showFailed(report().cases);
     display.showClosing(report().cases, report().seconds);
+    display.showConfirmation(report());
+    if (own && !own->evidence().hasSeenRequests()) {
+        display.showRemark(
+            "nothing reached the kit's broker; a library that brings its own is "
+            "run with --own-broker");
+    }
     throwUnlessEnded(outcome, own ? own->process().wait(milliseconds(0)) : std::nullopt);
 }
 
@@ -329,16 +372,16 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
 
 void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                             RunDisplay& display) {
-    display.showOpening(report().core, plan_.socket ? report().broker : "brokers of its own");
-    ModuleRunRequest request = library.request({});
-    request.userArguments = plan_.moduleArguments;
-    request.fault = plan_.fault;
-    request.level = plan_.level;
-    const RepeatPlan repeatPlan{.runs = *plan_.repeat,
-                                .untilFail = plan_.untilFail,
-                                .shuffle = plan_.shuffle,
-                                .jobs = plan_.socket ? 1 : jobs(*plan_.repeat),
-                                .socket = plan_.socket};
+    display.showOpening(report().core,
+                        plan_.startsBrokers() ? "brokers of its own" : report().broker);
+    const ModuleRunRequest request = requestFor(library, plan_.socket.value_or(""));
+    const RepeatPlan repeatPlan{
+        .runs = *plan_.repeat,
+        .untilFail = plan_.untilFail,
+        .shuffle = plan_.shuffle,
+        .jobs = repeatJobs(),
+        .failsOnGrowth = plan_.failsOnLeaks,
+        .otherEnd = plan_.startsBrokers() ? std::nullopt : std::optional(foreignEnd())};
     casesBegun_ = Clock::now();
     RepeatOutcome outcome = runRepeatedly(
         {files_, library, limits_, watchdog()}, repeatPlan, request, cases,
@@ -355,6 +398,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
     }
     display.showFailed(report().cases);
     display.showRepeats(outcome.report, report().seconds);
+    display.showConfirmation(report());
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
     }
@@ -399,7 +443,7 @@ process::ExitStatus ConformanceRun::judge() {
     report_.reason = incomplete == report_.libraries.end() ? "" : incomplete->reason;
     report_.complaints = expectations_.complaints();
     compareWithBaseline();
-    writeFiles();
+    finishFiles();
     if (!plan_.writtenExpectations.empty() && report_.reason.empty()) {
         throwIfNotWritten(
             writeWholeFile(plan_.writtenExpectations, expectationList(report_, expectations_)));

@@ -22,6 +22,8 @@ struct RunPlan {
     std::string tool;                     // its name and version, for the report
     std::vector<std::string> invocation;  // the whole command line, for the report
     std::optional<std::string> socket;
+    bool ownBroker = false;     // the library brings its broker and service
+    std::string serviceRecord;  // a file, of the service behind either of these; empty: none
     std::vector<std::string> libraries;  // folders; none: the library that the module finds
     std::vector<std::string> names;      // of the libraries in the reports, as far as given
     std::vector<std::string> casePatterns;
@@ -34,6 +36,9 @@ struct RunPlan {
     std::optional<unsigned> repeat;
     bool untilFail = false;
     std::optional<unsigned> shuffle;
+    bool failsOnLeaks = false;  // with repeats: growth is a failure
+    // Warnings count as failures, and a pass that the other side does not confirm is none.
+    bool strict = false;
     unsigned jobs = 0;                // at a time; 0: as many as suit the machine
     std::string expectations;         // a file; empty: none
     std::string writtenExpectations;  // a file; empty: none
@@ -43,6 +48,9 @@ struct RunPlan {
 
     // How long the whole run may take.
     double limitSeconds() const;
+    // Whether each run has a broker of the kit's.
+    bool startsBrokers() const { return !socket && !ownBroker; }
+    bool isConfirmed() const { return startsBrokers() || !serviceRecord.empty(); }
 };
 
 class ConformanceRun {
@@ -63,8 +71,13 @@ class ConformanceRun {
     std::string nameOf(std::size_t library) const;
     std::optional<std::string> folder() const;
     LibraryReport& report() { return report_.libraries[current_]; }
+    std::string brokerText() const;
+    OtherEnd foreignEnd();
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
+    unsigned repeatJobs() const;
+    ModuleRunRequest requestFor(const LibraryRun& library,
+                                const std::filesystem::path& socket) const;
     void prepare();
     void runLibraries();
     void runLibrary();
@@ -78,6 +91,7 @@ class ConformanceRun {
     void addToReport(std::vector<CaseReport>& cases);
     void noteWhyIncomplete(const std::string& reason);
     void writeFiles();
+    void finishFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;
     process::ExitStatus exitStatus() const;
@@ -88,6 +102,7 @@ class ConformanceRun {
     const Clock::time_point begun_;
     Clock::time_point casesBegun_;  // of the library under test
     KitFiles files_;
+    std::optional<ServiceEvidence> evidence_;  // of a service that is not the kit's
     Report report_;
     std::size_t current_ = 0;  // the library under test, in the report and the plan
     std::optional<process::ExitStatus> failure_;  // of the first library that was not run

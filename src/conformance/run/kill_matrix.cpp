@@ -20,16 +20,26 @@ const CaseReport* caseIn(const std::vector<CaseReport>& cases, std::string_view 
     return found == cases.end() ? nullptr : &*found;
 }
 
-// How a case turned red: by the verdict's name, its record, or a check that failed.
+// How a case turned red: by the verdict's name, its record, a warning, or a check that failed.
 bool turnedRedBy(const CaseReport& report, std::string_view how) {
     if (how == "record") {
         return report.verdict == Verdict::fail && report.checksFailed() == 0 &&
                !report.missing.empty();
     }
+    if (how.starts_with(warningMark)) {
+        return std::ranges::find(report.warnings, how.substr(warningMark.size()),
+                                 &WarningReport::rule) != report.warnings.end();
+    }
     return verdictText(report.verdict) == how ||
            std::ranges::any_of(report.checks, [how](const CheckReport& check) {
                return !check.passed && check.text == how;
            });
+}
+
+// Whether the case shows that something is wrong. One that did not pass may have any warnings
+// beside what made it fail.
+bool isRed(const CaseReport& report) {
+    return report.verdict != Verdict::pass || !report.warnings.empty();
 }
 
 std::string howRed(const CaseReport& report) {
@@ -43,6 +53,9 @@ std::string howRed(const CaseReport& report) {
     for (const std::string& line : report.missing) {
         how += ", " + line;
     }
+    for (const WarningReport& warning : report.warnings) {
+        how += ", " + std::string(warningMark) + warning.rule;
+    }
     return how;
 }
 
@@ -52,7 +65,7 @@ FaultReport runWithFault(const RunContext& context, const Fault& fault,
     OwnBroker broker(context.files.broker, context.limits);
     ModuleRunRequest request = context.library.request(broker.socket());
     request.fault = fault.name;
-    const CasesOutcome outcome = runUnseen(context, &broker.process(), std::move(request), cases);
+    const CasesOutcome outcome = runUnseen(context, broker.asOtherEnd(), std::move(request), cases);
     if (outcome.end == RunEnd::timeOver || outcome.end == RunEnd::signalled) {
         context.limits.giveUp(fmt::format("during the fault {}", fault.name));
     }
@@ -109,7 +122,7 @@ std::vector<std::string> deviationsFrom(const Fault& fault, const FaultReport& r
     for (const CaseReport& each : report.cases) {
         const bool mayBeRed = std::ranges::any_of(
             fault.kills, [&each](const Kill& kill) { return kill.caseName == each.name; });
-        if (each.verdict != Verdict::pass && !mayBeRed) {
+        if (isRed(each) && !mayBeRed) {
             wrong.push_back(fmt::format("{} turned red: {}", each.name, howRed(each)));
         }
     }

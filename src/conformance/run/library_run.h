@@ -40,7 +40,7 @@ class LibraryRun {
     std::string core() const;  // its file, relative to the current folder where it is below that
     const ConformanceModule& module() const { return module_; }
 
-    // For a run with the broker at the socket.
+    // For a run with the broker at the socket; none: with the library's own broker.
     ModuleRunRequest request(const std::filesystem::path& socket) const;
 
   private:
@@ -60,9 +60,13 @@ struct RunContext {
     WatchdogSettings watchdog;
 };
 
-// Runs the cases without output. `broker`: the run's own, or null.
-CasesOutcome runUnseen(const RunContext& context, process::ChildProcess* broker,
+// Runs the cases without output.
+CasesOutcome runUnseen(const RunContext& context, const OtherEnd& otherEnd,
                        ModuleRunRequest request, const std::vector<std::string>& cases);
+// The same in rounds; see CasesRun::runRounds.
+unsigned runRoundsUnseen(const RunContext& context, const OtherEnd& otherEnd,
+                         ModuleRunRequest request, const std::vector<std::string>& cases,
+                         const CasesRun::TakeRound& takeRound);
 
 }  // namespace kavri::conformance
 

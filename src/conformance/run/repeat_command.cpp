@@ -27,6 +27,15 @@ std::string repeatCommand(const RunPlan& plan, const std::optional<std::string>&
     if (plan.socket) {
         add("--socket", *plan.socket);
     }
+    if (plan.ownBroker) {
+        words.emplace_back("--own-broker");
+    }
+    if (!plan.serviceRecord.empty()) {
+        add("--service-record", plan.serviceRecord);
+    }
+    if (plan.strict) {
+        words.emplace_back("--strict");
+    }
     if (!plan.fault.empty()) {
         add("--fault", plan.fault);
     }
@@ -46,6 +55,9 @@ std::string repeatCommand(const RunPlan& plan, const std::optional<std::string>&
         // What fails once in many runs is not seen in one.
         add("--repeat", *plan.repeat);
         words.emplace_back("--until-fail");
+        if (plan.failsOnLeaks) {
+            words.emplace_back("--fail-on-leaks");
+        }
     }
     if (plan.jobs != byDefault.jobs && plan.repeat) {
         add("--jobs", plan.jobs);

@@ -1,4 +1,8 @@
 // Repeats a run: how often it passes, and whether memory, threads or descriptors grow.
+//
+// The runs are divided among as many processes of the module as run at a time. Each makes its
+// share one after the other, so that what each run leaves behind adds up; where one ends early,
+// another makes the rest.
 #ifndef KAVRI_CONFORMANCE_RUN_REPEATS_H
 #define KAVRI_CONFORMANCE_RUN_REPEATS_H
 
@@ -14,10 +18,11 @@ namespace kavri::conformance {
 
 struct RepeatPlan {
     unsigned runs = 1;
-    bool untilFail = false;             // ends after the first run that does not pass
-    std::optional<unsigned> shuffle;    // cases in another order each time, from this seed on
-    unsigned jobs = 1;                  // so many at a time, each with a broker of its own
-    std::optional<std::string> socket;  // or all with this one
+    bool untilFail = false;           // ends after the first run that does not pass
+    std::optional<unsigned> shuffle;  // cases in another order each time, from this seed on
+    unsigned jobs = 1;                // processes at a time, each with a broker of its own
+    bool failsOnGrowth = false;
+    std::optional<OtherEnd> otherEnd;  // or all with this one
 };
 
 struct RepeatOutcome {
@@ -31,8 +36,8 @@ using RepeatProgress = std::function<void(unsigned done, unsigned passed)>;
 // Marks the known failures of a run, before it is judged.
 using MarkKnownFailures = std::function<void(std::vector<CaseReport>&)>;
 
-// `request`: all but the broker's socket. Both functions are called by one thread at a
-// time. Throws CommandFailure when no broker can be started.
+// `request`: all but the socket of a broker of its own. Both functions are called by one thread at
+// a time. Throws CommandFailure when no broker can be started.
 RepeatOutcome runRepeatedly(const RunContext& context, const RepeatPlan& plan,
                             const ModuleRunRequest& request, const std::vector<std::string>& cases,
                             const MarkKnownFailures& mark, const RepeatProgress& progress);

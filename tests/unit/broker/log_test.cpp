@@ -11,6 +11,7 @@
 #include <boost/test/unit_test.hpp>
 #include <optional>
 
+#include "base/pipe.h"
 #include "support/waiting.h"
 
 using namespace kavri::broker;
@@ -18,29 +19,19 @@ using namespace kavri::tests;
 
 namespace {
 
-struct Pipe {
-    std::array<int, 2> ends{};
-    std::optional<Log> log;
+struct LogInPipe {
+    kavri::base::Pipe pipe = kavri::base::Pipe::make();
+    // Never closed: a writer that is stuck in it outlives the log, and ends when nobody can
+    // read any more.
+    const int writing = pipe.writeEnd.release();
+    std::optional<Log> log{std::in_place, "name", writing};
 
-    Pipe() {
-        BOOST_REQUIRE(::pipe2(ends.data(), O_CLOEXEC) == 0);
-        log.emplace("name", ends[1]);
-    }
-    // The writing end stays open: a writer that is stuck in it outlives the log, and
-    // ends when nobody can read any more.
-    ~Pipe() {
-        log.reset();
-        ::close(ends[0]);
-    }
+    LogInPipe() { kavri::base::setNonBlocking(pipe.readEnd); }
 
     // What was written so far; never waits.
-    std::string read() const {
-        ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    std::string read() {
         std::string text;
-        std::array<char, 4096> bytes;
-        for (ssize_t count = 0; (count = ::read(ends[0], bytes.data(), bytes.size())) > 0;) {
-            text.append(bytes.data(), static_cast<std::size_t>(count));
-        }
+        kavri::base::readAvailable(pipe.readEnd, text);
         return text;
     }
     // Once the log has ended.
@@ -50,11 +41,11 @@ struct Pipe {
     }
     // So that a write to it blocks.
     void fill() const {
-        ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        ::fcntl(writing, F_SETFL, O_NONBLOCK);
         const std::array<char, 4096> bytes{};
-        while (::write(ends[1], bytes.data(), bytes.size()) > 0) {
+        while (::write(writing, bytes.data(), bytes.size()) > 0) {
         }
-        ::fcntl(ends[1], F_SETFL, 0);
+        ::fcntl(writing, F_SETFL, 0);
     }
 };
 
@@ -65,19 +56,19 @@ std::string ofKind(char kind) {
 
 }  // namespace
 
-BOOST_FIXTURE_TEST_CASE(aMessageIsALineWithTheNameInFront, Pipe) {
+BOOST_FIXTURE_TEST_CASE(aMessageIsALineWithTheNameInFront, LogInPipe) {
     spdlog::warn("one");
     spdlog::info("two");
     BOOST_TEST(all() == "name: one\nname: two\n");
 }
 
-BOOST_FIXTURE_TEST_CASE(aMessageIsWrittenWithoutAnythingFurther, Pipe) {
+BOOST_FIXTURE_TEST_CASE(aMessageIsWrittenWithoutAnythingFurther, LogInPipe) {
     spdlog::warn("one");
     std::string text;
     BOOST_TEST(eventually([&] { return !(text += read()).empty(); }));
 }
 
-BOOST_FIXTURE_TEST_CASE(repeatsAreCountedAndSummedUpAtTheEnd, Pipe) {
+BOOST_FIXTURE_TEST_CASE(repeatsAreCountedAndSummedUpAtTheEnd, LogInPipe) {
     for (int i = 0; i < 100'000; ++i) {
         spdlog::warn("process {} misbehaves", i);
     }
@@ -87,7 +78,7 @@ BOOST_FIXTURE_TEST_CASE(repeatsAreCountedAndSummedUpAtTheEnd, Pipe) {
     BOOST_TEST(text.find("process # misbehaves") != std::string::npos, text);
 }
 
-BOOST_FIXTURE_TEST_CASE(aKindThatIsNotAdmittedIsCountedLikewise, Pipe) {
+BOOST_FIXTURE_TEST_CASE(aKindThatIsNotAdmittedIsCountedLikewise, LogInPipe) {
     int admitted = 0;
     for (int i = 0; i < 1000; ++i) {
         admitted += log->admits("misbehaves") ? 1 : 0;
@@ -96,12 +87,12 @@ BOOST_FIXTURE_TEST_CASE(aKindThatIsNotAdmittedIsCountedLikewise, Pipe) {
     BOOST_TEST(all().find("... and 990 more in ") != std::string::npos);
 }
 
-BOOST_FIXTURE_TEST_CASE(whatAPeerChoseIsMadePrintable, Pipe) {
+BOOST_FIXTURE_TEST_CASE(whatAPeerChoseIsMadePrintable, LogInPipe) {
     spdlog::warn("a \"{}\"", "\n\x1b[2J");
     BOOST_TEST(all() == "name: a \"\\x0a\\x1b[2J\"\n");
 }
 
-BOOST_FIXTURE_TEST_CASE(loggingNeverWaitsForAReaderAndNeitherDoesTheEnd, Pipe) {
+BOOST_FIXTURE_TEST_CASE(loggingNeverWaitsForAReaderAndNeitherDoesTheEnd, LogInPipe) {
     fill();
     for (char kind = 'a'; kind <= 'z'; ++kind) {
         for (int i = 0; i < 1000; ++i) {
@@ -111,7 +102,7 @@ BOOST_FIXTURE_TEST_CASE(loggingNeverWaitsForAReaderAndNeitherDoesTheEnd, Pipe) {
     log.reset();
 }
 
-BOOST_FIXTURE_TEST_CASE(linesThatNobodyReadInTimeAreDroppedAndCounted, Pipe) {
+BOOST_FIXTURE_TEST_CASE(linesThatNobodyReadInTimeAreDroppedAndCounted, LogInPipe) {
     fill();
     for (char kind = 'a'; kind <= 'z'; ++kind) {
         for (int i = 0; i < 10; ++i) {

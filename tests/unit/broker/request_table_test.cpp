@@ -12,6 +12,9 @@ using namespace kavri::broker;
 
 namespace {
 
+constexpr std::array<std::array<std::size_t, 3>, 6> ordersOfThree = {
+    {{0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}};
+
 struct Table {
     UserAccount account;
     UserAccount initiatorsAccount;
@@ -89,13 +92,12 @@ BOOST_FIXTURE_TEST_CASE(aSlotIsUsedAgain, Table) {
 }
 
 BOOST_FIXTURE_TEST_CASE(requestsCloseInAnyOrderOfThree, Table) {
-    for (const std::array<int, 3> order : std::initializer_list<std::array<int, 3>>{
-             {0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}) {
+    for (const std::array<std::size_t, 3>& order : ordersOfThree) {
         const std::array<std::uint64_t, 3> tokens = {open(first, 1), open(first, 2),
                                                      open(first, 3)};
         std::size_t left = 3;
-        for (const int which : order) {
-            requests.close(tokens[static_cast<std::size_t>(which)]);
+        for (const std::size_t which : order) {
+            requests.close(tokens[which]);
             BOOST_TEST(first.asResponder.requestsInFlight == --left);
         }
         BOOST_TEST(!requests.closeAny(first).has_value());
@@ -174,12 +176,11 @@ BOOST_FIXTURE_TEST_CASE(whatALeaverSentIsPendingNoLonger, Table) {
 }
 
 BOOST_FIXTURE_TEST_CASE(requestsLeaveTheInitiatorsListInAnyOrder, Table) {
-    for (const std::array<int, 3> order : std::initializer_list<std::array<int, 3>>{
-             {0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}) {
+    for (const std::array<std::size_t, 3>& order : ordersOfThree) {
         const std::array<std::uint64_t, 3> tokens = {open(first, 1), open(second, 2),
                                                      open(first, 3)};
-        requests.close(tokens[static_cast<std::size_t>(order[0])]);
-        requests.close(tokens[static_cast<std::size_t>(order[1])]);
+        requests.close(tokens[order[0]]);
+        requests.close(tokens[order[1]]);
         BOOST_TEST(initiator.asInitiator.pendingRequests == 1U);
         requests.abandonAll(initiator);
         BOOST_TEST(initiator.asInitiator.pendingRequests == 0U);

@@ -2,9 +2,11 @@
 #define BOOST_TEST_MODULE routerEvents
 
 #include <boost/test/unit_test.hpp>
+#include <fstream>
 
 #include "broker/hosted_test_service.h"
 #include "broker/routing/router.h"
+#include "process/temporary_folder.h"
 #include "support/conversation.h"
 
 using namespace kavri::tests;
@@ -224,6 +226,31 @@ BOOST_FIXTURE_TEST_CASE(itsEventWaitsForASlowSubscriber, Embedded) {
     BOOST_TEST(resume(caller) == nullptr);
     BOOST_TEST(hear(caller) == "completion 7");
     BOOST_TEST(hear(slow) == event("news"));
+}
+
+// The request whose event waits is handled a second time.
+BOOST_FIXTURE_TEST_CASE(itsRecordHasEachRequestOnce, Embedded) {
+    const kavri::process::TemporaryFolder folder;
+    service.recordTo(folder / "record");
+    Session& slow = subscriber("test");
+    slow.sendQueue.appendCopy(std::string(threeQuarters, 'f'));
+    BOOST_TEST(command(caller, 7, "event", "news") == &slow);
+    slow.sendQueue.clear();
+    BOOST_TEST(resume(caller) == nullptr);
+    Session& other = initiator();
+    command(other, 8, "echo", "hi");
+    std::ifstream file(folder / "record");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) {
+        lines.push_back(line);
+    }
+    BOOST_REQUIRE_EQUAL(lines.size(), 2U);
+    BOOST_TEST(lines[0].find(R"("identifier":"event","uuid":"u","payload":"news"})") !=
+               std::string::npos);
+    BOOST_TEST(lines[1].find(R"("answer":{"category":"test","identifier":"echo","uuid":"u",)"
+                             R"("payload":"hi"})") != std::string::npos);
+    const auto connection = [](const std::string& line) { return line.substr(0, line.find(',')); };
+    BOOST_TEST(connection(lines[0]) != connection(lines[1]));
 }
 
 BOOST_FIXTURE_TEST_CASE(nobodyElseMayServeItsCategory, Embedded) {

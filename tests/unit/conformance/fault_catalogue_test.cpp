@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <boost/test/unit_test.hpp>
+#include <fstream>
 #include <set>
 #include <string>
 
@@ -66,6 +67,35 @@ BOOST_AUTO_TEST_CASE(eachIsKilledOrSaysWhyNot) {
         BOOST_TEST(fault.kills.empty() == isSentence(fault.survivesBecause), fault.name);
         BOOST_TEST(fault.kills.empty() != fault.survivesBecause.empty(), fault.name);
     }
+}
+
+// The numbers that the documents have.
+BOOST_AUTO_TEST_CASE(theDocumentsSayHowManyFaultsShow) {
+    const auto faults = kavri::conformance::faultCatalogue();
+    const auto surviving = std::ranges::count_if(
+        faults, [](const Fault& fault) { return !fault.survivesBecause.empty(); });
+    const auto warned = std::ranges::count_if(faults, [](const Fault& fault) {
+        return !fault.kills.empty() && std::ranges::all_of(fault.kills, [](const Kill& kill) {
+            return kill.how.starts_with(kavri::conformance::warningMark);
+        });
+    });
+    const auto count = std::ssize(faults);
+    const auto says = [](const std::string& document, const std::string& sentence) {
+        std::ifstream file(KAVRI_SOURCE_DIR "/" + document);
+        std::string words;
+        for (std::string word; file >> word;) {
+            words += word + " ";
+        }
+        BOOST_TEST(words.find(sentence) != std::string::npos, document << ": " << sentence);
+    };
+    says("docs/conformance.md", "Of the " + std::to_string(count) + " faults " +
+                                    std::to_string(count - surviving - warned) +
+                                    " are killed by a case that does not pass, " +
+                                    std::to_string(warned) + " by warnings alone, and " +
+                                    std::to_string(surviving) + " survive.");
+    says("README.md", "injects " + std::to_string(count) + " faults into the library; " +
+                          std::to_string(count - surviving) + " must show, " +
+                          std::to_string(surviving) + " cannot");
 }
 
 BOOST_AUTO_TEST_CASE(theCasesAreTheModules) {

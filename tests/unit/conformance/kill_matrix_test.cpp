@@ -99,6 +99,19 @@ BOOST_AUTO_TEST_CASE(aFaultThatNoCaseCanDetectLeavesAllGreen) {
                     {"s/one turned red: fail, a == b"});
 }
 
+BOOST_AUTO_TEST_CASE(aFaultMayBeDetectedByAWarningAlone) {
+    CaseReport warned = ended("s/one", Verdict::pass);
+    warned.warnings = {{"one-rule", "it did so", "ipc.h", "A sentence."}};
+    const FaultReport report = fired("request-lost", {warned});
+    checkDeviations(killedBy({{"s/one", "warning: one-rule"}}), report, {});
+    checkDeviations(killedBy({{"s/one", "warning: other-rule"}}), report,
+                    {"s/one did not turn red by warning: other-rule"});
+    checkDeviations(killedBy({}), report, {"s/one turned red: pass, warning: one-rule"});
+    BOOST_TEST(report.isDetectedByWarnings());
+    BOOST_TEST(!fired("request-lost", {warned, failed("s/two", "a == b")}).isDetectedByWarnings());
+    BOOST_TEST(!fired("request-lost", {ended("s/one", Verdict::pass)}).isDetectedByWarnings());
+}
+
 BOOST_AUTO_TEST_CASE(aFaultThatDidNotFireIsSaid) {
     FaultReport report = fired("request-lost", {ended("s/one", Verdict::pass)});
     report.fired = false;

@@ -52,6 +52,15 @@ BOOST_AUTO_TEST_CASE(functionsThatTheProgramLacksAreNamedInOrder) {
     BOOST_TEST(report.found.size() == 2U);
 }
 
+BOOST_AUTO_TEST_CASE(pathsMayHaveBlanks) {
+    const LoaderReport report = parseLoaderReport(
+        "\tlibone.so => /a b/libone.so (0x00007f0123456789)\n"
+        "undefined symbol: alpha, version V_1\t(/a b/program)\n",
+        "/a b/program");
+    BOOST_TEST(report.found.at("libone.so") == "/a b/libone.so");
+    checkSame(report.undefined, {"alpha"});
+}
+
 BOOST_AUTO_TEST_CASE(otherLinesMeanNothing) {
     const LoaderReport report = parseLoaderReport(
         "/bin/program: libone.so: no version information available (required by /bin/program)\n"

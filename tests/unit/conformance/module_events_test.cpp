@@ -48,7 +48,11 @@ const std::string told =
     "delivered 9 12 4294967295\n"
     "fault 10 10 send-lost {\"number\":2,\"did\":\"lost it\"}\n"
     "peer 11 10 missing {\"reason\":\"nobody\"}\n"
-    "usage 12 10 {\"descriptors\":5}\n"
+    "round 12 10 3 {\"descriptors\":5}\n"
+    "breach 12 10 4 {\"rule\":\"a-rule\"}\n"
+    "crash 12 10 11 {}\n"
+    "exit 12 10 0 {\"function\":\"exit\"}\n"
+    "stack 12 10 {\"frames\":[]}\n"
     "left 12 10 {\"threads\":1}\n"
     "ended 13 10 123 send/first\n";
 
@@ -64,7 +68,11 @@ const Events meant = {
     {Kind::delivered, 9, 12, 4294967295U, "", none},
     {Kind::fault, 10, 10, 0, "send-lost", Json{{"number", 2}, {"did", "lost it"}}},
     {Kind::peer, 11, 10, 0, "missing", Json{{"reason", "nobody"}}},
-    {Kind::usage, 12, 10, 0, "", Json{{"descriptors", 5}}},
+    {Kind::round, 12, 10, 3, "", Json{{"descriptors", 5}}},
+    {Kind::breach, 12, 10, 4, "", Json{{"rule", "a-rule"}}},
+    {Kind::crash, 12, 10, 11, "", none},
+    {Kind::exit, 12, 10, 0, "", Json{{"function", "exit"}}},
+    {Kind::stack, 12, 10, 0, "", Json{{"frames", Json::array()}}},
     {Kind::left, 12, 10, 0, "", Json{{"threads", 1}}},
     {Kind::ended, 13, 10, 123, "send/first", none}};
 
@@ -127,7 +135,7 @@ BOOST_AUTO_TEST_CASE(linesWithoutAWholeJsonObjectAreIgnored) {
           "failed 1 2 t.cpp(8) {\"check\":\"c\"} x", "call 1 2 3 f", "call 1 2 f {}",
           "call 1 2 3 f []", "return 1 2 3", "return 1 2 3 0", "return 1 2 3 [0]",
           "return 1 2 3 {\"status\":}", "deliver 1 2 3 event", "fault 1 2 send-lost", "peer 1 2 ok",
-          "usage 1 2", "usage 1 2 null", "aborted 1 2", "return 1 2 3 {\"uuid\":\"\xff\"}"}) {
+          "left 1 2", "left 1 2 null", "aborted 1 2", "return 1 2 3 {\"uuid\":\"\xff\"}"}) {
         checkPassedOver(line);
     }
 }

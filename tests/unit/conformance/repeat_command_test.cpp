@@ -19,6 +19,8 @@ BOOST_AUTO_TEST_CASE(whatDecidesHowACaseGoesIsRepeated) {
     RunPlan plan;
     plan.program = "/opt/my tools/kavri";
     plan.socket = "/run/it's.sock";
+    plan.serviceRecord = "the record";
+    plan.strict = true;
     plan.fault = "send-lost";
     plan.level = kavri::conformance::Level::must;
     plan.timeoutSeconds = 90;
@@ -27,7 +29,8 @@ BOOST_AUTO_TEST_CASE(whatDecidesHowACaseGoesIsRepeated) {
     plan.moduleArguments = {"--log_level=all", "--log_sink=a log"};
     BOOST_TEST(repeatCommand(plan, "/opt/other lib", "suite/case") ==
                "'/opt/my tools/kavri' conformance --library '/opt/other lib' "
-               "--socket '/run/it'\\''s.sock' --fault send-lost --level must --timeout 90 "
+               "--socket '/run/it'\\''s.sock' --service-record 'the record' --strict --fault "
+               "send-lost --level must --timeout 90 "
                "--call-timeout 2.5 "
                "--time-scale 3 --case suite/case -- --log_level=all '--log_sink=a log'");
 }

@@ -4,11 +4,14 @@
 
 #include "conformance/report/report_files.h"
 
+#include <sys/stat.h>
+
 #include <boost/test/unit_test.hpp>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
+#include <thread>
 
 #include "conformance/report/html/report_page.h"
 #include "conformance/report/junit_report.h"
@@ -213,6 +216,27 @@ BOOST_AUTO_TEST_CASE(aFileThatCannotBeWrittenAnyMoreIsComplainedOfOnce) {
     files.update(reportOf(4));
     BOOST_TEST(files.complaint() == complaint);
     BOOST_TEST(contentOf(json) == jsonOf(reportOf(3)));
+}
+
+// It keeps all that was written: who reads the first report would take it for the verdict.
+BOOST_AUTO_TEST_CASE(aPipeGetsTheLastReportAlone) {
+    BOOST_REQUIRE(mkfifo(json.c_str(), 0600) == 0);
+    std::ifstream reader;
+    ReportFiles files(junitAndJson(), reportOf(1));
+    files.update(reportOf(2));
+    std::thread reading([&] { reader.open(json); });
+    files.finish(reportOf(3));
+    reading.join();
+    BOOST_TEST(rest(reader) == jsonOf(reportOf(3)));
+    BOOST_TEST(contentOf(junit) == junitReport(reportOf(3)));
+    BOOST_TEST(files.complaint() == "");
+}
+
+BOOST_AUTO_TEST_CASE(aDeviceThatIsFullIsComplainedOf) {
+    ReportFiles files({std::nullopt, "/dev/full", std::nullopt}, reportOf(1));
+    BOOST_TEST(files.complaint() == "");
+    files.finish(reportOf(2));
+    BOOST_TEST(files.complaint() == "cannot write /dev/full: No space left on device");
 }
 
 BOOST_AUTO_TEST_CASE(aFolderThatGoesAwayStopsNothing) {

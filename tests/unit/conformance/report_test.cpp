@@ -63,6 +63,8 @@ Report fullReport() {
     full.remarks = {"another thing"};
     full.hang = HangReport{"receive", "{}", 10.5, "c == d", "#0 poll"};
     full.crash = "ended by signal 11";
+    full.crashStack = "#0 free";
+    full.warnings = {{"one-rule", "it did so", "ipc.h", "A sentence.", 2}};
     full.output = "a line\n";
     full.known = "ticket 12";
     full.repeat = "kavri conformance --case echo";
@@ -108,9 +110,10 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(library["latencies"], {"send"});
     checkMembers(library["latencies"]["send"], {"count", "p50Us", "p90Us", "p99Us", "maxUs"});
     const Json& first = library["cases"][0];
-    checkMembers(
-        first, {"name", "level", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
-                "missing", "remarks", "hang", "crash", "output", "known", "repeat"});
+    checkMembers(first, {"name", "level", "verdict", "beginNs", "endNs", "checks", "calls",
+                         "faults", "log", "missing", "remarks", "warnings", "hang", "crash",
+                         "crashStack", "output", "known", "repeat"});
+    checkMembers(first["warnings"][0], {"rule", "text", "header", "sentence", "times"});
     checkMembers(first["checks"][0],
                  {"text", "place", "passed", "left", "right", "message", "atNs", "thread"});
     for (const Json& call : first["calls"]) {
@@ -124,12 +127,13 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(matrix["faults"][0], {"name", "description", "clause", "unnoticedBecause", "fired",
                                        "seconds", "cases", "wrong"});
     checkMembers(matrix["checks"][0], {"caseName", "check", "faults"});
-    checkMembers(report["repeats"], {"runs", "passed", "growth", "latencies"});
     checkMembers(report["baseline"], {"file", "date", "isWorse", "newlyFailing", "stillFailing",
                                       "newlyPassing", "missing", "slower"});
     checkMembers(report["baseline"]["newlyFailing"][0], {"library", "name", "ways"});
     checkMembers(report["baseline"]["slower"][0], {"library", "name", "earlierP50Us", "p50Us"});
-    checkMembers(report["repeats"]["growth"][0], {"what", "first", "last", "most"});
+    checkMembers(report["repeats"], {"runs", "passed", "growth", "latencies", "failsOnGrowth"});
+    checkMembers(report["repeats"]["growth"][0],
+                 {"what", "first", "last", "most", "slope", "grows"});
 }
 
 BOOST_AUTO_TEST_CASE(theReportAndItsLibrariesHoldWhatWasKnown) {
@@ -186,6 +190,11 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
         {"log", Json::array({"t.cpp(9): error: check a == b has failed [1 != 2]"})},
         {"missing", Json::array({"one thing"})},
         {"remarks", Json::array({"another thing"})},
+        {"warnings", Json::array({{{"rule", "one-rule"},
+                                   {"text", "it did so"},
+                                   {"header", "ipc.h"},
+                                   {"sentence", "A sentence."},
+                                   {"times", 2}}})},
         {"hang",
          {{"call", "receive"},
           {"arguments", "{}"},
@@ -193,6 +202,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
           {"lastPassed", "c == d"},
           {"stacks", "#0 poll"}}},
         {"crash", "ended by signal 11"},
+        {"crashStack", "#0 free"},
         {"output", "a line\n"},
         {"known", "ticket 12"},
         {"repeat", "kavri conformance --case echo"}};
@@ -220,8 +230,9 @@ BOOST_AUTO_TEST_CASE(theMatrixAndTheRepeatsHoldWhatWasKnown) {
                R"("ways":["a == b"]}],"newlyPassing":[],"slower":[{"earlierP50Us":1.0,)"
                R"("library":"/opt/lib","name":"send","p50Us":200.0}],"stillFailing":[]})");
     BOOST_TEST(report["repeats"].dump() ==
-               R"({"growth":[{"first":1.0,"last":2.0,"most":4.0,"what":"module, threads"}],)"
-               R"("latencies":{},"passed":2,"runs":3})");
+               R"({"failsOnGrowth":false,"growth":[{"first":1.0,"grows":false,"last":2.0,)"
+               R"("most":4.0,"slope":null,"what":"module, threads"}],"latencies":{},"passed":2,)"
+               R"("runs":3})");
 }
 
 BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
@@ -453,6 +464,17 @@ BOOST_AUTO_TEST_CASE(theChecksThatFailedAreNamedOnce) {
     report.checks.emplace_back().passed = true;
     BOOST_TEST(report.failedChecks() == (std::vector<std::string>{"b", "a"}),
                boost::test_tools::per_element());
+}
+
+BOOST_AUTO_TEST_CASE(growthIsAFailureWhereThatIsAskedFor) {
+    Report report;
+    RepeatReport& repeats = report.repeats.emplace(RepeatReport{5, 5, {}});
+    repeats.growth = {{.what = "module, threads", .slope = 1.0, .grows = true}};
+    BOOST_TEST((verdictOn(report) == Verdict::pass));
+    repeats.failsOnGrowth = true;
+    BOOST_TEST((verdictOn(report) == Verdict::fail));
+    repeats.growth[0].grows = false;
+    BOOST_TEST((verdictOn(report) == Verdict::pass));
 }
 
 BOOST_AUTO_TEST_CASE(aCaseCountsItsFailedChecksAndItsSeconds) {

@@ -9,6 +9,7 @@ using kavri::conformance::CallReport;
 using kavri::conformance::CaseReport;
 using kavri::conformance::CheckReport;
 using kavri::conformance::ModuleEvent;
+using kavri::conformance::ProcessEnd;
 using kavri::conformance::RunRecord;
 using kavri::conformance::Verdict;
 using Kind = kavri::conformance::ModuleEvent::Kind;
@@ -327,13 +328,87 @@ BOOST_AUTO_TEST_CASE(whatTheLibraryLeftBehindIsARemark) {
     BOOST_TEST(end().remarks == remarks, boost::test_tools::per_element());
 }
 
-BOOST_AUTO_TEST_CASE(whatTheProcessHoldsIsKept) {
-    tell(Kind::usage, "", 0, {{"threads", 1}});
+BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(warnings, CaseUnderWay)
+
+BOOST_AUTO_TEST_CASE(whatTheRecordShowsIsAWarningAndNoFailure) {
+    call("kavri_core_ipc_deinit", 3);
+    const CaseReport& ended = end();
+    BOOST_TEST((ended.verdict == Verdict::pass));
+    BOOST_TEST_REQUIRE(ended.warnings.size() == 1U);
+    BOOST_TEST(ended.warnings[0].rule == "listed-status");
+}
+
+BOOST_AUTO_TEST_CASE(aWarningIsAFailureWhereThatIsAskedFor) {
+    record.failOnWarnings();
+    call("kavri_core_ipc_deinit", 3);
+    BOOST_TEST((end().verdict == Verdict::fail));
+    begin(unknown);
+    call("kavri_core_ipc_deinit", 0);
+    BOOST_TEST((end().verdict == Verdict::pass));
+}
+
+BOOST_AUTO_TEST_CASE(whatTheProbeFoundIsAWarningOfItsCase) {
+    tell(Kind::call, receive, 5);
+    tell(Kind::breach, "", 5, {{"rule", "allocated-strings"}, {"what", "uuid lies on the stack"}});
+    tell(Kind::breach, "", 5, {{"rule", "allocated-strings"}, {"what", "payload as well"}});
+    tell(Kind::breach, "", 5, {{"rule", "no-such-rule"}, {"what", "nobody knows"}});
+    const CaseReport& ended = end();
+    BOOST_TEST_REQUIRE(ended.warnings.size() == 1U);
+    BOOST_TEST(ended.warnings[0].text == receive + ": uuid lies on the stack");
+    BOOST_TEST(ended.warnings[0].times == 2U);
+    begin(unknown);
+    BOOST_TEST(end().warnings.empty());
+}
+
+BOOST_AUTO_TEST_CASE(whatIsLeftAfterTheFirstUseOfAFunctionMayBeKeptForGood) {
+    call("kavri_core_init");
+    tell(Kind::left, "", 0, {{"descriptors", 1}});
+    BOOST_TEST(end().warnings.empty());
+    begin(unknown);
+    call("kavri_core_init");
+    tell(Kind::left, "", 0, {{"descriptors", 1}});
+    const CaseReport& second = end();
+    BOOST_TEST_REQUIRE(second.warnings.size() == 1U);
+    BOOST_TEST(second.warnings[0].rule == "released-at-the-end");
+    begin(unknown);
+    call("kavri_core_init");
+    call(install);
+    tell(Kind::left, "", 0, {{"descriptors", 1}});
+    BOOST_TEST(end().warnings.empty());
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(theEndOfTheProcess, CaseUnderWay)
+
+BOOST_AUTO_TEST_CASE(aCrashHasItsSignalThreadAndStack) {
+    BOOST_TEST(!record.processEnd().has_value());
+    tell(Kind::crash, "", 11);
+    tell(Kind::stack, "", 0, {{"frames", {"/lib/a.so+0x1", 7, "/lib/b.so+0x2"}}});
+    BOOST_TEST_REQUIRE(record.processEnd().has_value());
+    const ProcessEnd& end = *record.processEnd();
+    BOOST_TEST((end.kind == ProcessEnd::Kind::signal));
+    BOOST_TEST(end.number == 11U);
+    BOOST_TEST(end.thread == 7);
+    checkLines(end.frames, {"/lib/a.so+0x1", "/lib/b.so+0x2"});
+}
+
+BOOST_AUTO_TEST_CASE(aCallThatEndsTheProcessHasItsFunctionAndStatus) {
+    tell(Kind::exit, "", 3, {{"function", "_exit"}});
+    BOOST_TEST_REQUIRE(record.processEnd().has_value());
+    BOOST_TEST((record.processEnd()->kind == ProcessEnd::Kind::call));
+    BOOST_TEST(record.processEnd()->number == 3U);
+    BOOST_TEST(record.processEnd()->function == "_exit");
+}
+
+BOOST_AUTO_TEST_CASE(aRoundForgetsTheCasesOfTheOneBefore) {
+    BOOST_TEST(!record.hasEndedCase());
     end();
-    tell(Kind::usage, "", 0, {{"threads", 2}});
-    BOOST_TEST_REQUIRE(record.usage().size() == 2U);
-    BOOST_TEST(record.usage().at(0).dump() == R"({"threads":1})");
-    BOOST_TEST(record.usage().at(1).dump() == R"({"threads":2})");
+    record.beginRound();
+    BOOST_TEST(record.cases().empty());
+    BOOST_TEST(record.hasEndedCase());
 }
 
 BOOST_AUTO_TEST_SUITE_END()

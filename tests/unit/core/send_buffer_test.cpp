@@ -7,24 +7,15 @@
 #include <string>
 #include <vector>
 
+#include "support/frames.h"
+
 using kavri::core::SendBuffer;
-using kavri::wire::Field;
-using kavri::wire::Frame;
+using namespace kavri::tests;
 
 namespace {
 
 Frame request(std::uint64_t token, std::string_view payload) {
-    Frame frame;
-    frame.type = kavri::wire::FrameType::request;
-    frame.token = token;
-    frame.fields = {"category", "identifier", "uuid", payload};
-    return frame;
-}
-
-std::string encoded(const Frame& frame) {
-    std::string bytes;
-    kavri::wire::appendEncoded(frame, bytes);
-    return bytes;
+    return makeFrame(FrameType::request, token, {"category", "identifier", "uuid", payload});
 }
 
 // All that a write would put into the socket.
@@ -49,7 +40,7 @@ BOOST_AUTO_TEST_CASE(smallFramesStandBehindOneAnotherInOnePiece) {
     buffer.prepare(write, nullptr);
     BOOST_TEST(write.count == 1U);
     BOOST_TEST(write.total == buffer.size());
-    BOOST_TEST(bytesOf(write) == encoded(request(1, "one")) + encoded(request(2, "two")));
+    BOOST_TEST(bytesOf(write) == encode(request(1, "one")) + encode(request(2, "two")));
 }
 
 BOOST_AUTO_TEST_CASE(aLargeFramesFieldsFollowFromWhereTheyAre) {
@@ -60,7 +51,7 @@ BOOST_AUTO_TEST_CASE(aLargeFramesFieldsFollowFromWhereTheyAre) {
     SendBuffer::Write write;
     buffer.prepare(write, &large);
     BOOST_TEST(write.storage.back().iov_base == largePayload.data());
-    BOOST_TEST((bytesOf(write) == encoded(request(1, "one")) + encoded(large)));
+    BOOST_TEST((bytesOf(write) == encode(request(1, "one")) + encode(large)));
 }
 
 BOOST_AUTO_TEST_CASE(aWriteKnowsHowFarItCame) {
@@ -88,7 +79,7 @@ BOOST_AUTO_TEST_CASE(whatIsTakenBackLeavesTheEarlierFrames) {
     buffer.consume(5);
     SendBuffer::Write write;
     buffer.prepare(write, nullptr);
-    BOOST_TEST(bytesOf(write) == encoded(request(1, "one")).substr(5));
+    BOOST_TEST(bytesOf(write) == encode(request(1, "one")).substr(5));
 }
 
 BOOST_AUTO_TEST_CASE(aFullBufferIsWorthAWrite) {
@@ -144,7 +135,7 @@ BOOST_AUTO_TEST_CASE(aFrameAboveALimitIsNotAcceptedAndNoneBehindIt) {
     std::vector<Frame> frames = {request(0, "one"), request(0, tooLong), request(0, "three")};
     BOOST_TEST(accept(frames) == 1U);
     BOOST_TEST(pending.nextToken() == 2U);
-    BOOST_TEST(buffer.size() == encoded(frames[0]).size());
+    BOOST_TEST(buffer.size() == encode(frames[0]).size());
     std::vector<Frame> first = {request(0, tooLong)};
     BOOST_TEST(accept(first) == 0U);
     const std::string name(kavri::wire::fieldLimitBytes + 1, 'x');

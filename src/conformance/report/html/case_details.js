@@ -140,6 +140,14 @@ function failedGroupNode(group) {
     valuesNode(check), sourceNode(group.place));
 }
 
+// What the public headers forbid and the record shows, with the sentence that says so.
+function warningsNode(one) {
+  return hasWarnings(one) && el("ul", { class: "warnings" }, one.warnings.map((warning) =>
+    el("li", {}, el("b", {}, "Warning: "), warning.text,
+      warning.times > 1 && `, ${warning.times} times`,
+      el("blockquote", {}, warning.sentence, " ", el("cite", {}, warning.header)))));
+}
+
 // What a reader wants first of a case that did not pass.
 function failureParts(one) {
   const groups = checkGroups(one.checks).filter((group) => group.failures.length > 0);
@@ -149,10 +157,13 @@ function failureParts(one) {
   return [
     one.known && el("p", { class: "known" }, `A known failure: ${one.known}`),
     one.crash && el("p", { class: "crash-text" }, mark("crash"), one.crash),
+    one.crashStack && folded("Stack of the thread that ended the process",
+      () => el("pre", { tabindex: "0" }, one.crashStack)),
     one.hang && hangNode(one.hang),
     groups.length > 0 && el("ul", { class: "failed-checks" }, groups.map(failedGroupNode)),
     one.missing?.length > 0 && el("ul", { class: "missing" },
       one.missing.map((text) => el("li", {}, text))),
+    needsAttention(one) && warningsNode(one),
     needsAttention(one) && focus && [
       el("p", { class: "label" }, firstFailed ? "Around the first failed check" : "Before it ended"),
       recordTable(one, focus),
@@ -174,6 +185,7 @@ function caseParts(one) {
   return [
     one.remarks?.length > 0 && el("ul", { class: "remarks" },
       one.remarks.map((text) => el("li", {}, text))),
+    !needsAttention(one) && warningsNode(one),
     one.calls.length > 0 && new TimeLine(one).node,
     folded("Record as a table", () => recordTable(one)),
     outputNode(one),

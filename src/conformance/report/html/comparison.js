@@ -9,7 +9,9 @@ function comparisonCell(one, isDifferent) {
   }
   const { failed } = checkCounts([one]);
   return el("td", { class: isDifferent && "different" }, verdictLabel(one.verdict),
-    failed > 0 && el("span", { class: "aside" }, ` ${failed} failed`));
+    failed > 0 && el("span", { class: "aside" }, ` ${failed} failed`),
+    (one.warnings ?? []).map((warning) => el("p", { class: "aside" }, `Warning: ${warning.text}`)),
+    (one.remarks ?? []).map((text) => el("p", { class: "aside" }, text)));
 }
 
 function differenceNode(reference, other, difference) {

@@ -46,14 +46,17 @@ const counted = (count, noun, nouns = `${noun}s`) => `${count} ${count === 1 ? n
 let lastId = 0;
 const freshId = (prefix) => `${prefix}-${++lastId}`;
 
+// As a class: what follows the comma in "pass, not confirmed ..." is for readers.
+const verdictKind = (verdict) => verdict.split(",")[0].replace(" ", "-");
+
 // The symbol of a verdict: a shape of its own, so that colour is never needed.
 function mark(verdict) {
-  const kind = verdict.replace(" ", "-");
+  const kind = verdictKind(verdict);
   return svg("svg", { class: `mark ${kind}`, "aria-hidden": "true" },
     svg("use", { href: `#mark-${kind}` }));
 }
 const verdictLabel = (verdict) =>
-  el("span", { class: `verdict ${verdict.replace(" ", "-")}` }, mark(verdict), verdict);
+  el("span", { class: `verdict ${verdictKind(verdict)}` }, mark(verdict), verdict);
 
 const hiddenText = (text) => el("span", { class: "unseen" }, text);
 const code = (text) => el("code", {}, text);

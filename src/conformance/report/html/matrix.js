@@ -6,7 +6,7 @@
 // whether the matrix is as it should be, and its symbol what the case came to.
 "use strict";
 
-const detectedBy = (fault) => fault.cases.filter(needsAttention);
+const detectedBy = (fault) => fault.cases.filter((one) => needsAttention(one) || hasWarnings(one));
 
 function faultState(fault) {
   if (fault.wrong.length > 0) {
@@ -17,6 +17,9 @@ function faultState(fault) {
 
 // What turned a cell red, in words.
 function cellReason(one) {
+  if (one.verdict === "pass") {
+    return hasWarnings(one) ? one.warnings.map((warning) => `warning: ${warning.text}`).join("; ") : "passed";
+  }
   if (one.verdict !== "fail") {
     return one.crash || (one.hang?.call ? `${one.verdict} in ${one.hang.call}` : one.verdict);
   }
@@ -36,18 +39,19 @@ function matrixCell(fault, name, open) {
     return el("td", { class: "cell" }, hiddenText("no such case"));
   }
   const wrong = isNamedWrong(fault, one);
-  const reason = `${one.verdict === "pass" ? "passed" : cellReason(one)}${wrong ? ", not as expected" : ""}`;
+  const reason = `${cellReason(one)}${wrong ? ", not as expected" : ""}`;
+  const isDetected = needsAttention(one) || hasWarnings(one);
   return el("td", {
-    class: `cell ${wrong ? "wrong" : needsAttention(one) ? "detected" : "quiet"}`,
+    class: `cell ${wrong ? "wrong" : isDetected ? "detected" : "quiet"}`,
     title: `${shortCase(name)}: ${reason}`, click: () => open(one),
-  }, mark(one.verdict), hiddenText(reason));
+  }, mark(one.verdict === "pass" && isDetected ? "harness-error" : one.verdict), hiddenText(reason));
 }
 
 function faultCaseRow(one, casesArea) {
   return el("tr", {},
     el("td", {}, verdictLabel(one.verdict)),
     el("th", { scope: "row" }, shortCase(one.name),
-      needsAttention(one) && [" ", code(cellReason(one).replace(/^fail by /, ""))]),
+      (needsAttention(one) || hasWarnings(one)) && [" ", code(cellReason(one).replace(/^fail by /, ""))]),
     el("td", {}, el("button", { type: "button", click: () => showFaultCase(one, casesArea) },
       "Show", hiddenText(` ${shortCase(one.name)}`))));
 }
@@ -104,6 +108,7 @@ function matrixLegend() {
   return el("ul", { class: "keys" },
     key("detected", "fail", "the case detected the fault by a check"),
     key("detected", "timeout", "by a timeout"), key("detected", "crash", "by a crash"),
+    key("detected", "harness-error", "by a warning"),
     key("quiet", "pass", "the case passed, and was not to detect it"),
     key("quiet", "not-run", "it was not run"),
     key("wrong", "harness-error", "not as the catalogue says"));

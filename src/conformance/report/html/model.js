@@ -24,6 +24,7 @@ function levelOfCheck(name, text) {
 }
 
 const needsAttention = (one) => one.verdict !== "pass" && one.verdict !== "not run";
+const hasWarnings = (one) => (one.warnings ?? []).length > 0;
 
 // Everything that happened in a case, in the order of time.
 function recordOf(one) {

@@ -14,6 +14,7 @@ function headline(report) {
     facts.push(
       [`${passed} of ${counted(cases.length, "case")} passed${known > 0 ? `, ${known} known to fail` : ""}`,
         passed + known < cases.length],
+      ...(cases.some(hasWarnings) ? [[`${cases.filter(hasWarnings).length} with warnings`, false]] : []),
       [checks.failed > 0 ? `${checks.failed} of ${counted(checks.total, "check")} failed`
         : counted(checks.total, "check"), checks.failed > 0]);
   }
@@ -28,6 +29,10 @@ function headline(report) {
   if (report.repeats) {
     const { runs, passed } = report.repeats;
     facts.push([`${passed} of ${counted(runs, "run")} passed`, passed < runs]);
+    const growing = report.repeats.growth.filter((growth) => growth.grows).map((growth) => growth.what);
+    if (growing.length > 0) {
+      facts.push([`growing: ${growing.join(" and ")}`, growthFails(report.repeats)]);
+    }
   }
   return [...facts, [formatSeconds(report.seconds), false]];
 }
@@ -48,7 +53,7 @@ function overview(report) {
     && el("div", {}, el("dt", {}, name), el("dd", {}, value));
   return [
     el("p", { class: "title" }, "Conformance report"),
-    el("h1", { class: report.verdict.replace(" ", "-") }, mark(report.verdict),
+    el("h1", { class: verdictKind(report.verdict) }, mark(report.verdict),
       el("span", {}, report.verdict)),
     report.reason && el("p", { class: "reason" }, report.reason),
     verdictsByLibrary(report),
@@ -95,7 +100,9 @@ function caseRows(one) {
     detailsRow, () => details.append(el("div", { class: "case" }, caseParts(one))));
   const row = el("tr", {},
     el("td", {}, verdictLabel(one.verdict),
-      one.known && el("span", { class: "aside" }, " known")),
+      one.known && el("span", { class: "aside" }, " known"),
+      hasWarnings(one) && el("span", { class: "aside" },
+        ` ${counted(one.warnings.length, "warning")}`)),
     el("td", { class: "aside" }, one.level),
     el("th", { scope: "row" }, button),
     el("td", { class: "number" }, counts.failed > 0 ? `${counts.failed} of ${counts.total} failed`
@@ -106,7 +113,7 @@ function caseRows(one) {
 
 // All that a search finds a case by.
 const wordsOf = (one) => [one.name, one.verdict, one.level, one.known, one.crash, ...one.missing ?? [],
-  ...one.remarks ?? [], ...new Set(one.calls.map((call) => call.function)),
+  ...one.remarks ?? [], ...(one.warnings ?? []).map((warning) => warning.text), ...new Set(one.calls.map((call) => call.function)),
   ...new Set(one.checks.flatMap((check) => [check.text, check.place, check.left, check.right]))]
   .join(" ").toLowerCase();
 
@@ -190,6 +197,8 @@ function latenciesSection(report) {
 
 // --- repeats ---------------------------------------------------------------
 
+const growthFails = (repeats) => repeats.failsOnGrowth && repeats.growth.some((growth) => growth.grows);
+
 function repeatsSection(report) {
   const repeats = report.repeats;
   if (!repeats) {
@@ -199,16 +208,18 @@ function repeatsSection(report) {
   const rate = repeats.runs === 0 ? 0 : (100 * repeats.passed) / repeats.runs;
   // Never "100 %" where one failed.
   const rateText = `${failed === 0 ? rate : (Math.floor(rate * 100) / 100).toFixed(2)} %`;
-  const change = (growth) => growth.last - growth.first;
+  const slopeText = (slope) => (slope === null ? "too few runs"
+    : `${slope > 0 ? "+" : ""}${slope.toFixed(1)}`.replace("-", "−"));
   const rows = repeats.growth.map((growth) => el("tr", {},
     el("th", { scope: "row" }, growth.what),
     [growth.first, growth.last, growth.most].map((value) => el("td", { class: "number" }, value)),
-    el("td", { class: "number" }, change(growth) > 0 ? el("b", {}, `+${change(growth)}`)
-      : String(change(growth)).replace("-", "−"))));
+    el("td", { class: "number" }, growth.grows ? el("b", {}, slopeText(growth.slope))
+      : slopeText(growth.slope)),
+    el("td", {}, growth.grows && "grows")));
   const number = (text) => ({ text, kind: "number" });
   return section("repeats", "Repeats",
-    el("p", {}, verdictLabel(failed === 0 ? "pass" : "fail"),
+    el("p", {}, verdictLabel(failed === 0 && !growthFails(repeats) ? "pass" : "fail"),
       ` ${repeats.passed} of ${counted(repeats.runs, "run")} passed, ${rateText}.`),
     repeats.growth.length > 0 && table("Growth over the runs",
-      ["What", number("First run"), number("Last run"), number("Most"), number("Growth")], rows));
+      ["What", number("First run"), number("Last run"), number("Most"), number("Each run"), ""], rows));
 }

@@ -1,0 +1,113 @@
+// Reading the service's record; see service_evidence.h.
+#include "conformance/module/service_evidence.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+#include "base/pipe.h"
+#include "process/exit_status.h"
+
+namespace kavri::conformance {
+
+namespace {
+
+// A case sends 13 requests at most. Of a library that floods the service the rest is counted.
+constexpr std::size_t servedLimit = 1000;
+// A line with five texts of 200 bytes each is far shorter, however they are escaped.
+constexpr std::size_t longestLineBytes = 65536;
+constexpr std::size_t shownBytes = 200;
+
+base::Descriptor openAtEnd(const std::filesystem::path& file) {
+    base::Descriptor source(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!source.isOpen() || lseek(source.get(), 0, SEEK_END) < 0) {
+        throw process::CommandFailure(
+            process::ExitStatus::couldNotRun,
+            fmt::format("no service record {}: {}; start the broker or the test service with "
+                        "--service-record, and give the same file here",
+                        file.string(), std::generic_category().message(errno)));
+    }
+    return source;
+}
+
+}  // namespace
+
+ServiceEvidence::ServiceEvidence(base::Descriptor pipe) : source_(std::move(pipe)), isPipe_(true) {
+    base::setNonBlocking(source_);
+}
+
+ServiceEvidence::ServiceEvidence(const std::filesystem::path& file)
+    : source_(openAtEnd(file)), isPipe_(false) {}
+
+void ServiceEvidence::read() {
+    std::array<char, 65536> bytes;
+    for (ssize_t count = 1; count > 0 && source_.isOpen();) {
+        count = ::read(source_.get(), bytes.data(), bytes.size());
+        std::string_view rest(bytes.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+        for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
+            addLine(partialLine_.append(rest.substr(0, end)));
+            partialLine_.clear();
+            rest.remove_prefix(end + 1);
+        }
+        partialLine_ += rest;
+        if (partialLine_.size() > longestLineBytes) {
+            addLine(std::exchange(partialLine_, {}));
+        }
+        if (count == 0 && isPipe_) {
+            source_.close();  // whoever wrote has ended
+        }
+    }
+}
+
+void ServiceEvidence::addLine(std::string_view line) {
+    std::optional<ServedRequest> served = parseServedRequest(line);
+    if (!served) {
+        if (malformed_.empty()) {
+            malformed_ = line.substr(0, shownBytes);
+        }
+        return;
+    }
+    hasSeenRequests_ = true;
+    if (served->process && ignored_.contains(*served->process)) {
+        return;
+    }
+    if (served_.size() < servedLimit) {
+        served_.push_back(std::move(*served));
+    } else {
+        ++leftOut_;
+    }
+}
+
+std::vector<std::string> ServiceEvidence::compare(const CaseTraffic& traffic,
+                                                  Clock::time_point deadline, int interrupt) {
+    read();
+    while (traffic.mayBeUnderWay(served_.size()) && source_.isOpen() && Clock::now() < deadline) {
+        pollfd stop = {interrupt, POLLIN, 0};
+        if (poll(&stop, 1, 1) > 0) {
+            break;
+        }
+        read();
+    }
+    std::vector<std::string> lines = disagreements(traffic, served_);
+    if (leftOut_ > 0) {
+        lines.push_back(fmt::format("the service got {} further requests", leftOut_));
+    }
+    if (!malformed_.empty()) {
+        lines.push_back("the service's record has a line of another form: " + malformed_);
+    }
+    return lines;
+}
+
+void ServiceEvidence::beginCase() {
+    read();
+    served_.clear();
+    leftOut_ = 0;
+    malformed_.clear();
+}
+
+}  // namespace kavri::conformance

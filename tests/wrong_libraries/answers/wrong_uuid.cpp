@@ -1,0 +1,14 @@
+// Hands out each response under the uuid "7".
+#include "wrong_libraries/good_library.h"
+
+kavri_core_status kavri_core_ipc_initiator_response_receive(kavri_core_ipc_initiator* initiator,
+                                                            int timeout, char** category,
+                                                            char** identifier, char** uuid,
+                                                            char** payload) {
+    const kavri_core_status status = GOOD(kavri_core_ipc_initiator_response_receive)(
+        initiator, timeout, category, identifier, uuid, payload);
+    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
+        replaceText(uuid, "7");
+    }
+    return status;
+}

@@ -1,0 +1,14 @@
+// Never returns from a send.
+#include <unistd.h>
+
+#include "wrong_libraries/good_library.h"
+
+kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* /*initiator*/,
+                                                        const char* /*category*/,
+                                                        const char* /*identifier*/,
+                                                        const char* /*uuid*/,
+                                                        const char* /*payload*/) {
+    while (true) {
+        pause();
+    }
+}

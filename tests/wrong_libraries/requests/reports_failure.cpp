@@ -1,0 +1,10 @@
+// Sends a request, and says that it was too large.
+#include "wrong_libraries/good_library.h"
+
+kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* initiator,
+                                                        const char* category,
+                                                        const char* identifier, const char* uuid,
+                                                        const char* payload) {
+    GOOD(kavri_core_ipc_initiator_command_send)(initiator, category, identifier, uuid, payload);
+    return KAVRI_CORE_STATUS_IPC_TOO_LARGE;
+}

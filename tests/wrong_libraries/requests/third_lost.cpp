@@ -1,0 +1,14 @@
+// Loses each third request.
+#include "wrong_libraries/good_library.h"
+
+kavri_core_status kavri_core_ipc_initiator_command_send(kavri_core_ipc_initiator* initiator,
+                                                        const char* category,
+                                                        const char* identifier, const char* uuid,
+                                                        const char* payload) {
+    static int sent = 0;
+    if (++sent % 3 == 0) {
+        return KAVRI_CORE_STATUS_NO_ERROR;
+    }
+    return GOOD(kavri_core_ipc_initiator_command_send)(initiator, category, identifier, uuid,
+                                                       payload);
+}
