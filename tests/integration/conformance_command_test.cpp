@@ -165,10 +165,11 @@ BOOST_AUTO_TEST_CASE(casesAreSelectedByPattern) {
     BOOST_TEST(result.exit.succeeded());
     BOOST_TEST(result.error == "");  // the loader, too, takes the library without a word
     const std::vector<std::string> lines = linesOf(result.output);
-    BOOST_REQUIRE_EQUAL(lines.size(), 4U);
+    BOOST_REQUIRE_EQUAL(lines.size(), 5U);
     BOOST_TEST(lines[1].starts_with("initiatorSend/initiatorSendPass "));
     BOOST_TEST(lines[2].starts_with("initiatorEvent/initiatorRepeatEventCallback "));
     BOOST_TEST(lines[3].starts_with("2 cases, 2 passed; 66 checks, 66 passed, 0 failed; "));
+    BOOST_TEST(lines[4] == "pass, not confirmed by the other side");
 }
 
 BOOST_AUTO_TEST_CASE(aPatternThatMatchesNothingIsAnErrorThatNamesTheCases) {
@@ -443,7 +444,8 @@ BOOST_AUTO_TEST_CASE(onlyTheModuleIsGivenTheLibrary) {
     const TemporaryFolder folder;
     fs::copy_file(standInFolder / "libkavri-core-test.so", folder / "libkavri-core-test.so");
     std::ofstream(folder / "libfmt.so.9") << "no library";
-    const ToolResult result = run({"--library", folder.path(), "--case", "initiatorSendPass"});
+    const ToolResult result =
+        run({"--own-broker", "--library", folder.path(), "--case", "initiatorSendPass"});
     BOOST_TEST(result.exit.succeeded());
     BOOST_TEST(contains(result.output, "7 checks, 7 passed, 0 failed"));
 }
@@ -686,7 +688,8 @@ BOOST_AUTO_TEST_CASE(aBrokerThatEndsDuringTheRunMeansNoVerdict) {
                            "echo \"kavri-broker: ready on $3\" >&2\n"
                            "while [ ! -e \"$(dirname \"$0\")/end\" ]; do sleep 0.01; done\n"
                            "echo 'kavri-broker: out of memory' >&2; kill -KILL $$\n");
-    ChildSpawn lost = spawn(standIn, hangsLoudly);
+    ChildSpawn lost =
+        spawn({"--library", standInFolder, "--case", "initiatorSendPass"}, hangsLoudly);
     lost.program = installation.tool();
     ChildProcess tool(lost);
     BOOST_REQUIRE(tool.waitForError("hanging", longEnough));

@@ -4,6 +4,7 @@
 // A thread of each initiator reads its socket. It delivers to the installed callback, and
 // without one keeps responses for a receive and drops events.
 #include <kavri/ipc.h>
+#include <signal.h>
 #include <string.h>
 
 #include <condition_variable>
@@ -30,11 +31,24 @@ struct Installed {
     void* context = nullptr;
 };
 
+// No signal of the program is for this library's thread, which inherits the mask of the one
+// that starts it.
+template <typename Run>
+std::thread threadWithoutSignals(const Run& run) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread started(run);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return started;
+}
+
 }  // namespace
 
 struct kavri_core_ipc_initiator {
     explicit kavri_core_ipc_initiator(Descriptor socket)
-        : socket_(std::move(socket)), reader_([this] { read(); }) {}
+        : socket_(std::move(socket)), reader_(threadWithoutSignals([this] { read(); })) {}
 
     ~kavri_core_ipc_initiator() {
         shutdown(socket_.get(), SHUT_RDWR);

@@ -285,6 +285,11 @@ class PageTest(unittest.TestCase):
             self.assertIn(text, facts)
         self.assertEqual(self.all("#failures"), [])
 
+    def test_passThatIsNotConfirmedSaysSo(self):
+        self.open("unconfirmed")
+        self.assertEqual(self.one("h1").text.lower(), "pass, not confirmed by the other side")
+        self.assertEqual(self.one("h1").get_attribute("class"), "pass")
+
     def test_caseOpensToItsChecksFoldedByPlace(self):
         self.open("healthy")
         button = self.button("initiatorRepeatEcho", "#cases")

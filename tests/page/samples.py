@@ -296,6 +296,13 @@ def healthy():
             {"what": "broker, resident KiB", "first": 5120, "last": 5284, "most": 5284}]})
 
 
+def unconfirmed():
+    sample = report([library("kavri")])
+    verdict = "pass, not confirmed by the other side"
+    sample["libraries"][0].update(verdict=verdict, confirmed=False)
+    return {**sample, "verdict": verdict}
+
+
 def failing():
     one = library("kavri", altered=(3, 4, 8), arrived=7, counted=11, refusal=5)
     one["cases"][0]["remarks"] = ["left behind by the library: 1 thread"]
@@ -398,7 +405,8 @@ def hostile():
 
 
 SAMPLES = {function.__name__: function
-           for function in (healthy, failing, hang, crash, several, compared, unloadable, matrix,
+           for function in (healthy, unconfirmed, failing, hang, crash, several, compared,
+                            unloadable, matrix,
                             hostile)}
 
 if __name__ == "__main__":

@@ -38,8 +38,9 @@ inline RawPeer connectAs(uid_t user, const std::string& path) {
         .get();
 }
 
-// Temporary folders are closed to other users.
+// Temporary folders, and what each is in, are closed to other users.
 inline void openFolder(const std::filesystem::path& folder) {
+    ::chmod(folder.parent_path().c_str(), 0755);
     ::chmod(folder.c_str(), 0755);
 }
 

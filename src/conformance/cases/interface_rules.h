@@ -19,6 +19,9 @@ std::span<const InterfaceRule> interfaceRules();
 // Null where there is none of the name.
 const InterfaceRule* findInterfaceRule(std::string_view name);
 
+// The rule that each of the lists below is one sentence of.
+inline constexpr std::string_view listedStatusRule = "listed-status";
+
 // Which statuses a function returns. The sentence is that of `listed`, which another function
 // may share.
 struct StatusList {

@@ -234,7 +234,7 @@ class Judgement {
             return;
         }
         WarningReport warning;
-        warning.rule = "listed-status";
+        warning.rule = listedStatusRule;
         warning.text = fmt::format("{} returned {}", call.function, statusText(*status));
         warning.header = list->header;
         warning.sentence = list->sentence;

@@ -155,7 +155,7 @@ std::vector<std::string> ConformanceModule::listCases(const RunLimits& limits,
     spawn.interruptDescriptor = limits.signals().descriptor();
     process::ChildProcess module(spawn);
     const std::optional<process::ExitState> exit = module.wait(std::min(loadLimit, limits.left()));
-    const std::vector<std::string> cases = casesInListing(module.error());
+    std::vector<std::string> cases = casesInListing(module.error());
     // The module has listed its cases by the time at which the library is unloaded.
     const char* step = cases.empty() ? "loaded" : "unloaded";
     if (!exit && (limits.signals().received() || limits.left() <= milliseconds(0))) {

@@ -103,7 +103,7 @@ class File {
             std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0) {
             return "is no shared library: it does not begin like one";
         }
-        if (const std::string why = whyOtherMachine(header); !why.empty()) {
+        if (std::string why = whyOtherMachine(header); !why.empty()) {
             return why;
         }
         if (!read(0, &header, 1)) {

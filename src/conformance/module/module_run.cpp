@@ -122,7 +122,7 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     }
     cutOff(end);
     if (otherEnd_.evidence != nullptr) {
-        otherEnd_.evidence->ignore(process.pid());
+        otherEnd_.evidence->endModule(process.pid());
     }
     return end;
 }
@@ -152,11 +152,8 @@ RunEnd ModuleRun::watch(process::ChildProcess& module) {
         if (now >= limits_.deadline()) {
             return RunEnd::timeOver;
         }
-        if (channelClosed_ && now >= *channelClosed_ + endingTime) {
-            return RunEnd::channelClosed;
-        }
-        if (now >= hangTime()) {
-            return RunEnd::hung;
+        if (now >= wakeTime()) {
+            return channelClosed_ ? RunEnd::channelClosed : RunEnd::hung;
         }
     }
 }
@@ -227,9 +224,9 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
             return;
         }
         if (CaseReport* ended = record_.add(event)) {
+            beginNextCase();  // which then runs while this one is reported
             ended->output = outputOf(ended->name);
             ended_(*ended);
-            beginNextCase();
         }
         if (event.kind == ModuleEvent::Kind::round) {
             isStopped_ = !roundEnded_(event.number, event.data);

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -73,7 +74,7 @@ void ServiceEvidence::addLine(std::string_view line) {
         return;
     }
     hasSeenRequests_ = true;
-    if (served->process && ignored_.contains(*served->process)) {
+    if (served->process && served->process == endedModule_) {
         return;
     }
     if (served_.size() < servedLimit) {
@@ -86,12 +87,14 @@ void ServiceEvidence::addLine(std::string_view line) {
 std::vector<std::string> ServiceEvidence::compare(const CaseTraffic& traffic,
                                                   Clock::time_point deadline, int interrupt) {
     read();
+    dropLateRequests(traffic);
     while (traffic.mayBeUnderWay(served_.size()) && source_.isOpen() && Clock::now() < deadline) {
         pollfd stop = {interrupt, POLLIN, 0};
         if (poll(&stop, 1, 1) > 0) {
             break;
         }
         read();
+        dropLateRequests(traffic);
     }
     std::vector<std::string> lines = disagreements(traffic, served_);
     if (leftOut_ > 0) {
@@ -103,11 +106,33 @@ std::vector<std::string> ServiceEvidence::compare(const CaseTraffic& traffic,
     return lines;
 }
 
+// A case that failed may have ended before all of its requests arrived. The next one has a
+// connection of its own, by which they are told apart.
+void ServiceEvidence::dropLateRequests(const CaseTraffic& traffic) {
+    const auto isLate = [this](const ServedRequest& each) {
+        return earlierConnections_.contains(each.connection);
+    };
+    if (traffic.requests.empty() || !std::ranges::all_of(served_, isLate)) {
+        std::erase_if(served_, isLate);
+    }
+}
+
 void ServiceEvidence::beginCase() {
     read();
+    for (const ServedRequest& each : served_) {
+        if (!each.connection.is_null()) {
+            earlierConnections_.insert(each.connection);
+        }
+    }
     served_.clear();
     leftOut_ = 0;
     malformed_.clear();
+}
+
+void ServiceEvidence::endModule(pid_t process) {
+    beginCase();
+    earlierConnections_.clear();
+    endedModule_ = process;
 }
 
 }  // namespace kavri::conformance

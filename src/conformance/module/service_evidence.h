@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -38,8 +39,8 @@ class ServiceEvidence {
                                      int interrupt);
     // What comes from now on belongs to another case.
     void beginCase();
-    // What this process had sent, and still comes, belongs to no case.
-    void ignore(pid_t process) { ignored_.insert(process); }
+    // What the module's process had sent, and still comes, belongs to no case.
+    void endModule(pid_t process);
     // Whether any request has reached the service so far.
     bool hasSeenRequests() const { return hasSeenRequests_; }
     // The service may write no more.
@@ -47,6 +48,7 @@ class ServiceEvidence {
 
   private:
     void addLine(std::string_view line);
+    void dropLateRequests(const CaseTraffic& traffic);
 
     base::Descriptor source_;
     bool isPipe_;
@@ -55,7 +57,8 @@ class ServiceEvidence {
     std::size_t leftOut_ = 0;  // beyond those that are kept
     std::string malformed_;    // the first line of another form; empty: none
     bool hasSeenRequests_ = false;
-    std::set<pid_t> ignored_;
+    std::set<nlohmann::json> earlierConnections_;  // of the cases before, in this module
+    std::optional<pid_t> endedModule_;
 };
 
 }  // namespace kavri::conformance

@@ -249,6 +249,7 @@ std::size_t casesWithWarnings(const std::vector<CaseReport>& cases) {
 
 Verdict worstOf(const std::vector<CaseReport>& cases) {
     std::vector<Verdict> verdicts;
+    verdicts.reserve(cases.size());
     for (const CaseReport& report : cases) {
         verdicts.push_back(report.known.empty() ? report.verdict : Verdict::pass);
     }

@@ -115,13 +115,12 @@ struct LibraryReport {
     std::string name;
     std::string core;  // the file
     std::string broker;
-    // Nothing shows that the requests reached a service.
-    bool unconfirmed = false;
     double seconds = 0;
     // All that were selected, in the order of the module; empty until that is known.
     std::vector<CaseReport> cases;
     // Why not all cases have a verdict; empty: all have.
     std::string reason;
+    bool unconfirmed = false;  // nothing shows that the requests reached a service
 
     Verdict verdict() const;
 };

@@ -176,7 +176,7 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
 
 void RunDisplay::showConfirmation(const LibraryReport& library) {
     if (library.unconfirmed && worstOf(library.cases) == Verdict::pass) {
-        showRemark(verdictText(library));
+        showRemark(fmt::format("{}, {}", verdictText(Verdict::pass), notConfirmedText));
     }
 }
 

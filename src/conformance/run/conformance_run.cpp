@@ -275,7 +275,11 @@ void ConformanceRun::runLibrary() {
         runOnce(library, cases, display);
     }
     const auto notRun = std::ranges::find(report().cases, Verdict::notRun, &CaseReport::verdict);
-    report().reason = notRun == report().cases.end() ? "" : whyNotRun(*notRun);
+    if (notRun != report().cases.end()) {
+        throw process::CommandFailure(process::ExitStatus::couldNotRun, whyNotRun(*notRun));
+    }
+    report().reason.clear();
+    display.showConfirmation(report());
     if (plan_.proves) {
         prove(library, display);
     }
@@ -332,7 +336,6 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
     }
     display.showFailed(report().cases);
     display.showClosing(report().cases, report().seconds);
-    display.showConfirmation(report());
     if (own && !own->evidence().hasSeenRequests()) {
         display.showRemark(
             "nothing reached the kit's broker; a library that brings its own is "
@@ -398,7 +401,6 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
     }
     display.showFailed(report().cases);
     display.showRepeats(outcome.report, report().seconds);
-    display.showConfirmation(report());
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
     }

@@ -88,6 +88,14 @@ CallReport callOf(const std::string& function, std::optional<std::int64_t> endNs
 
 BOOST_FIXTURE_TEST_SUITE(junit, ParsedReport)
 
+BOOST_FIXTURE_TEST_CASE(aPassThatTheOtherSideDoesNotConfirmSaysSo, ParsedReport) {
+    addCase("suite/case", Verdict::pass);
+    report.libraries.back().unconfirmed = true;
+    const pugi::xml_node testCase = parseCase();
+    BOOST_TEST(!testCase.child("failure"));
+    checkHolds(testCase.child_value("system-out"), "pass, not confirmed by the other side\n");
+}
+
 BOOST_AUTO_TEST_CASE(eachSuiteOfEachLibraryIsASuite) {
     addCase("send/pass", Verdict::pass);
     addCase("send/echo", Verdict::fail);

@@ -105,8 +105,8 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
                  {"schema", "command", "date", "tool", "verdict", "reason", "seconds", "libraries",
                   "matrix", "repeats", "requirements", "complaints", "baseline"});
     const Json& library = report["libraries"][0];
-    checkMembers(library,
-                 {"name", "core", "broker", "seconds", "verdict", "reason", "cases", "latencies"});
+    checkMembers(library, {"name", "core", "broker", "seconds", "verdict", "reason", "confirmed",
+                           "cases", "latencies"});
     checkMembers(library["latencies"], {"send"});
     checkMembers(library["latencies"]["send"], {"count", "p50Us", "p90Us", "p99Us", "maxUs"});
     const Json& first = library["cases"][0];
@@ -149,6 +149,7 @@ BOOST_AUTO_TEST_CASE(theReportAndItsLibrariesHoldWhatWasKnown) {
     BOOST_TEST(library["name"] == "/opt/lib");
     BOOST_TEST(library["core"] == "/opt/lib/core.so");
     BOOST_TEST(library["broker"] == "its own broker");
+    BOOST_TEST(library["confirmed"] == true);
     BOOST_TEST(library["seconds"] == 1.5);
     BOOST_TEST(library["verdict"] == "pass");
     BOOST_TEST(library["cases"].size() == 1U);
@@ -273,6 +274,24 @@ BOOST_AUTO_TEST_CASE(eachVerdictHasItsText) {
         BOOST_TEST(made["libraries"][0]["verdict"] == text);
         BOOST_TEST(made["libraries"][0]["cases"][0]["verdict"] == text);
     }
+}
+
+BOOST_AUTO_TEST_CASE(aPassThatTheOtherSideDoesNotConfirmSaysSo) {
+    Report report;
+    report.libraries.resize(2);
+    report.libraries[0].cases = {ended(Verdict::pass)};
+    report.libraries[1].cases = {ended(Verdict::pass)};
+    report.libraries[1].unconfirmed = true;
+    Json made = toJson(report);
+    BOOST_TEST(made["verdict"] == "pass, not confirmed by the other side");
+    BOOST_TEST(made["libraries"][0]["verdict"] == "pass");
+    BOOST_TEST(made["libraries"][0]["confirmed"] == true);
+    BOOST_TEST(made["libraries"][1]["verdict"] == "pass, not confirmed by the other side");
+    BOOST_TEST(made["libraries"][1]["confirmed"] == false);
+    report.libraries[1].cases = {ended(Verdict::fail)};
+    made = toJson(report);
+    BOOST_TEST(made["verdict"] == "fail");
+    BOOST_TEST(made["libraries"][1]["verdict"] == "fail");
 }
 
 BOOST_AUTO_TEST_CASE(latenciesAreOfAllCallsThatReturned) {

@@ -9,6 +9,7 @@
 using kavri::conformance::CaseReport;
 using kavri::conformance::DisplayStyle;
 using kavri::conformance::HangReport;
+using kavri::conformance::LibraryReport;
 using kavri::conformance::RunDisplay;
 using kavri::conformance::Verdict;
 
@@ -185,6 +186,19 @@ BOOST_FIXTURE_TEST_CASE(whatFailedIsListedWithTheCommandThatRepeatsIt, InAFile) 
                "    kavri conformance --library 'a b' --case suite/short\n"
                "  suite/longerName, fail\n"
                "    kavri conformance --case suite/longerName\n");
+}
+
+BOOST_FIXTURE_TEST_CASE(aPassThatTheOtherSideDoesNotConfirmSaysSo, InAFile) {
+    LibraryReport library;
+    library.cases = {passedCase()};
+    display.showConfirmation(library);
+    BOOST_TEST(take() == "");
+    library.unconfirmed = true;
+    display.showConfirmation(library);
+    BOOST_TEST(take() == "pass, not confirmed by the other side\n");
+    library.cases = {failedCase()};
+    display.showConfirmation(library);
+    BOOST_TEST(take() == "");
 }
 
 BOOST_FIXTURE_TEST_CASE(aFileGetsNoProgressAndNoColour, InAFile) {
