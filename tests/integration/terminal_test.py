@@ -87,7 +87,7 @@ class Terminal(unittest.TestCase):
         self.assertIn("running", shown)
         self.assertNotIn("running", "\n".join(screen.lines))
         self.assertEqual(screen.lines[-1], "")
-        self.assertIn("2 cases, 0 passed; ", "\n".join(screen.lines))
+        self.assertIn("2 cases, 0 passed", "\n".join(screen.lines))
 
     def test_aBarIsGoneAtTheEnd(self):
         status, screen, shown = self.onTerminal("kavri", "conformance", *PASS, "--repeat", "3")
