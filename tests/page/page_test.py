@@ -421,7 +421,7 @@ class PageTest(unittest.TestCase):
         self.open("healthy")
         text = self.one("#repeats").text
         self.assertIn("1000 of 1000 runs passed, 100 %", text)
-        self.assertIn("+164", text)
+        self.assertIn("+0.2", text)
 
     def test_librariesStandBesideEachOtherWithTheFirstDifference(self):
         self.open("several")
