@@ -18,9 +18,9 @@ _kavriOptions() {
     case $1 in
         conformance)
             printf '%s ' --socket --own-broker --service-record --strict --library --name --case \
-                --timeout --call-timeout --time-scale --prove --fault --junit --json --html \
-                --repeat --until-fail --fail-on-leaks --shuffle --jobs --expect \
-                --list --list-faults --explain --help
+                --level --timeout --call-timeout --time-scale --prove --fault --junit --json --html \
+                --repeat --until-fail --fail-on-leaks --shuffle --jobs --expect --write-expect \
+                --baseline --list --list-faults --explain --help
             ;;
         bench)
             printf '%s ' --socket --category --command --payload --in-flight --seconds --json --help
@@ -37,6 +37,7 @@ _kavriValue() {
     local tool=$1 command=$2 option=$3
     case $command$option in
         conformance--case) printf '%s' "$_kavriCases" ;;
+        conformance--level) echo must should may ;;
         conformance--fault) _kavriFaults "$tool" ;;
         conformance--explain) printf '%s\n' $_kavriCases && _kavriFaults "$tool" ;;
         conformance--timeout | conformance--call-timeout | conformance--time-scale) ;;
@@ -52,6 +53,7 @@ _kavriNames() {
         conformance--library | conformance--html) echo -d ;;
         conformance--socket | bench--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
+        conformance--write-expect | conformance--baseline) echo -f ;;
         conformance--service-record) echo -f ;;
         *) return 1 ;;
     esac

@@ -17,6 +17,7 @@
 #include <string>
 #include <utility>
 
+#include "base/command_line.h"
 #include "broker/config.h"
 #include "broker/hosted_test_service.h"
 #include "broker/log/log.h"
@@ -48,9 +49,11 @@ void describe(CLI::App& app, Arguments& arguments) {
                    "Path of the socket to listen on. Otherwise: $KAVRI_BROKER, else "
                    "$XDG_RUNTIME_DIR/kavri/broker.sock where that folder exists, else "
                    "/run/kavri/broker.sock")
-        ->type_name("PATH");
+        ->type_name("PATH")
+        ->check(base::notEmpty());
     app.add_option("--config", arguments.config, "File with limits and access rights, in TOML")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(base::notEmpty());
     CLI::Option* const testService =
         app.add_flag("--test-service", arguments.testService,
                      "Serve category \"test\" in the broker's own process");
@@ -58,6 +61,7 @@ void describe(CLI::App& app, Arguments& arguments) {
                    "Append what reaches the test service and what it answers to FILE, a line of "
                    "JSON for each request")
         ->type_name("FILE")
+        ->check(base::notEmpty())
         ->needs(testService);
     app.footer(
         "Says on standard error when it is ready, stops on SIGTERM and SIGINT, and reads\n"
@@ -196,11 +200,11 @@ int runCommandLine(int argc, char** argv) {
     describe(app, arguments);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& asked) {
+        return base::answer(app, asked);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) {
-            return app.exit(error);  // --help or --version
-        }
-        std::fprintf(stderr, "kavri-broker: %s; see kavri-broker --help\n", error.what());
+        std::fprintf(stderr, "kavri-broker: %s\n",
+                     base::usageComplaint(app, error, "kavri-broker").c_str());
         return badUsage;
     }
     const int signals = signalsToHandle();

@@ -15,7 +15,9 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "base/command_line.h"
 #include "base/latencies.h"
+#include "base/terminal.h"
 #include "wire/address.h"
 
 namespace kavri::cli {
@@ -127,33 +129,23 @@ class Client {
     kavri_core_ipc_initiator* initiator_ = nullptr;
 };
 
-// A line on the terminal that is replaced as the measurement goes on.
+// How far a measurement has come, on a terminal.
 class Progress {
   public:
-    explicit Progress(const char* what)
-        : what_(what), shown_(isatty(STDERR_FILENO) != 0), next_(Clock::now() + progressInterval) {}
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-    ~Progress() {
-        if (drawn_) {
-            std::cerr << "\r\033[K" << std::flush;
-        }
-    }
+    explicit Progress(const char* what) : what_(what), next_(Clock::now() + progressInterval) {}
 
     void update(Clock::time_point now, std::size_t count, std::chrono::duration<double> left) {
-        if (shown_ && now >= next_) {
+        if (now >= next_) {
             next_ = now + progressInterval;
-            drawn_ = true;
-            std::cerr << fmt::format("\r\033[K{}: {} round trips, {:.0f} s to go", what_, count,
-                                     std::max(left.count(), 0.0))
-                      << std::flush;
+            line_.show(fmt::format("{}: {} round trips, {:.0f} s to go", what_, count,
+                                   std::max(left.count(), 0.0)));
         }
     }
 
   private:
     const char* what_;
-    const bool shown_;
-    bool drawn_ = false;
+    const base::DisplayStyle style_ = base::DisplayStyle::of(STDERR_FILENO);
+    base::ProgressLine line_{std::cerr, style_};
     Clock::time_point next_;
 };
 
@@ -194,13 +186,15 @@ double microseconds(base::Latencies::Duration duration) {
 
 void print(const char* what, const Measurement& measurement, const BenchOptions& options) {
     const base::Latencies& latencies = measurement.latencies;
-    std::cout << fmt::format("{:<14} {:>10.0f} /s {:>9.1f} MB/s   ", what, measurement.perSecond(),
-                             measurement.perSecond() * options.payloadBytes / 1e6);
+    std::string line =
+        fmt::format("{:<14} {:>10.0f} /s {:>9.1f} MB/s   ", what, measurement.perSecond(),
+                    measurement.perSecond() * options.payloadBytes / 1e6);
     for (const Percentile& percentile : percentiles) {
-        std::cout << fmt::format("{} {:.1f}  ", percentile.name,
-                                 microseconds(latencies.percentile(percentile.share)));
+        line += fmt::format("{} {:.1f}  ", percentile.name,
+                            microseconds(latencies.percentile(percentile.share)));
     }
-    std::cout << fmt::format("max {:.1f} us\n", microseconds(latencies.most()));
+    line += fmt::format("max {:.1f} us", microseconds(latencies.most()));
+    std::cout << base::fitted(line, base::DisplayStyle::ofStandardOutput()) << '\n';
 }
 
 nlohmann::ordered_json asJson(const Measurement& measurement, unsigned inFlight) {
@@ -222,7 +216,8 @@ void describeBench(CLI::App& command, BenchOptions& options) {
     command
         .add_option("--socket", options.socket,
                     "The broker's socket; otherwise $KAVRI_BROKER and the usual places")
-        ->type_name("PATH");
+        ->type_name("PATH")
+        ->check(base::notEmpty());
     command.add_option("--category", options.category, "Where the requests go")
         ->type_name("NAME")
         ->capture_default_str();

@@ -3,13 +3,21 @@
 #include "cli/conformance_command.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <filesystem>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <set>
+#include <string_view>
+#include <vector>
 
+#include "base/command_line.h"
+#include "base/suggestion.h"
 #include "conformance/cases/explanations.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/run/growth.h"
@@ -30,6 +38,15 @@ CLI::Validator numberFromTo(double least, double most, const char* what) {
                 return isNumber && number >= least && number <= most
                            ? std::string()
                            : fmt::format("'{}' is no {} from {} to {}", text, what, least, most);
+            },
+            ""};
+}
+
+CLI::Validator levelName() {
+    return {[](const std::string& text) {
+                return conformance::levelNamed(text)
+                           ? std::string()
+                           : fmt::format("'{}' is none of must, should, may", text);
             },
             ""};
 }
@@ -78,12 +95,14 @@ void describeProof(CLI::App& command, ConformanceOptions& options) {
                      "Then break the library in each way of the fault catalogue, and prove that "
                      "the cases detect it");
     command.add_option("--fault", options.plan.fault, "Run with the library broken in this way")
-        ->type_name("NAME");
+        ->type_name("NAME")
+        ->check(base::notEmpty());
     command.add_flag("--list", options.listsCases, "List the cases, and run nothing");
     command.add_flag("--list-faults", options.listsFaults, "List the faults, and run nothing");
     command
         .add_option("--explain", options.explained, "Explain a case or a fault, and run nothing")
-        ->type_name("NAME");
+        ->type_name("NAME")
+        ->check(base::notEmpty());
 }
 
 void describeReports(CLI::App& command, ConformanceOptions& options) {
@@ -98,34 +117,134 @@ void describeReports(CLI::App& command, ConformanceOptions& options) {
     command
         .add_option("--expect", options.plan.expectations,
                     "Failures that are known; a line each: case, or case: check, # reason")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(base::notEmpty());
+    command
+        .add_option("--write-expect", options.plan.writtenExpectations,
+                    "Write the failures of this run, as --expect reads them")
+        ->type_name("FILE")
+        ->check(base::notEmpty());
+    command
+        .add_option("--baseline", options.plan.baseline,
+                    "Compare with the run whose --json report this is; only what is newly failing "
+                    "or missing counts")
+        ->type_name("FILE")
+        ->check(base::notEmpty());
 }
 
-// Throws CommandFailure where two options exclude each other, or a name is unknown.
-void checkOptions(const ConformanceOptions& options) {
-    const conformance::RunPlan& plan = options.plan;
-    const auto refuse = [](const std::string& line) {
-        throw process::CommandFailure(process::ExitStatus::usage, line);
-    };
-    if (!plan.fault.empty() && conformance::findFault(plan.fault) == nullptr) {
-        refuse(fmt::format("no fault '{}'; see --list-faults", plan.fault));
+[[noreturn]] void refuse(const std::string& line) {
+    throw process::CommandFailure(process::ExitStatus::usage, line);
+}
+
+// The options that were given, with their dashes.
+std::vector<std::string> givenOptions(const CLI::App& command) {
+    std::vector<std::string> given;
+    for (const CLI::Option* option : command.get_options()) {
+        if (option->count() > 0) {
+            given.push_back("--" + option->get_lnames().front());
+        }
     }
-    if (plan.proves && (!plan.startsBrokers() || plan.libraries.size() > 1 || plan.repeat ||
-                        !plan.fault.empty() || !plan.casePatterns.empty())) {
-        refuse(
-            "--prove runs all cases with one library and brokers of its own; leave out "
-            "--socket, --own-broker, --case, --fault, --repeat and any second --library");
+    return given;
+}
+
+// An option beside which others have no effect.
+struct Alone {
+    std::string_view option;
+    std::set<std::string_view> companions;  // those that have an effect nevertheless
+};
+
+const std::array alone = {
+    Alone{"--list", {"--case", "--level"}},
+    Alone{"--list-faults", {}},
+    Alone{"--explain", {}},
+    Alone{"--prove",
+          {"--library", "--name", "--timeout", "--call-timeout", "--time-scale", "--jobs", "--json",
+           "--junit", "--html", "--expect", "--strict"}},
+};
+
+// Throws CommandFailure where one option rules another out.
+void checkCompanions(const std::vector<std::string>& given, bool hasModuleArguments) {
+    for (const Alone& one : alone) {
+        if (std::ranges::find(given, one.option) == given.end()) {
+            continue;
+        }
+        for (const std::string& other : given) {
+            if (other != one.option && !one.companions.contains(other)) {
+                refuse(fmt::format("{} has no effect with {}; leave out one of them", other,
+                                   one.option));
+            }
+        }
+        if (hasModuleArguments && one.option != "--prove") {
+            refuse(fmt::format("{} runs no module; leave out the arguments after --", one.option));
+        }
+    }
+}
+
+// An option that has no effect without one of some others.
+struct Dependent {
+    std::string_view option;
+    std::vector<std::string_view> needs;
+};
+
+const std::array dependents = {
+    Dependent{"--until-fail", {"--repeat"}},
+    Dependent{"--fail-on-leaks", {"--repeat"}},
+    Dependent{"--service-record", {"--socket", "--own-broker"}},
+    Dependent{"--shuffle", {"--repeat"}},
+    Dependent{"--jobs", {"--repeat", "--prove"}},
+};
+
+void checkNeeds(const std::vector<std::string>& given) {
+    const auto isGiven = [&given](std::string_view option) {
+        return std::ranges::find(given, option) != given.end();
+    };
+    for (const Dependent& one : dependents) {
+        if (isGiven(one.option) && std::ranges::none_of(one.needs, isGiven)) {
+            refuse(fmt::format("{} has no effect without {}", one.option,
+                               fmt::join(one.needs, " or ")));
+        }
+    }
+}
+
+// One file cannot hold two reports, nor be compared with what replaces it.
+void checkFiles(const conformance::RunPlan& plan) {
+    std::map<std::filesystem::path, std::string_view> written;
+    const auto add = [&written](std::string_view option, const std::optional<std::string>& file) {
+        if (!file || file->empty()) {
+            return;
+        }
+        const auto [place, isNew] =
+            written.emplace(std::filesystem::path(*file).lexically_normal(), option);
+        if (!isNew) {
+            refuse(fmt::format("{} and {} name the same file", place->second, option));
+        }
+    };
+    add("--json", plan.reports.json);
+    add("--junit", plan.reports.junit);
+    add("--write-expect", plan.writtenExpectations);
+    add("--baseline", plan.baseline);
+}
+
+// Throws CommandFailure where two options exclude each other, one has no effect, or a name
+// is unknown.
+void checkOptions(const CLI::App& command, const ConformanceOptions& options) {
+    const conformance::RunPlan& plan = options.plan;
+    const std::vector<std::string> given = givenOptions(command);
+    checkCompanions(given, !plan.moduleArguments.empty());
+    checkNeeds(given);
+    checkFiles(plan);
+    if (!plan.fault.empty() && conformance::findFault(plan.fault) == nullptr) {
+        refuse(fmt::format("no fault '{}'; {}see --list-faults", plan.fault,
+                           base::didYouMean(plan.fault, conformance::namesOfFaults())));
+    }
+    if ((plan.repeat || plan.proves) && plan.libraries.size() > 1) {
+        refuse("--repeat and --prove are for one library at a time");
+    }
+    if (plan.repeat && (!plan.writtenExpectations.empty() || !plan.baseline.empty())) {
+        refuse("--write-expect and --baseline are for a single run; leave out --repeat");
     }
     if (plan.socket && plan.ownBroker) {
         refuse("--own-broker is for a library that finds its broker by itself; leave out --socket");
-    }
-    if (!plan.serviceRecord.empty() && plan.startsBrokers()) {
-        refuse(
-            "--service-record is for a service that is running already; the kit's own broker is "
-            "asked for its record anyway");
-    }
-    if (!plan.repeat && (plan.untilFail || plan.shuffle || plan.failsOnLeaks)) {
-        refuse("--until-fail, --shuffle and --fail-on-leaks need --repeat N");
     }
     if (plan.failsOnLeaks &&
         *plan.repeat < conformance::leastRunsForGrowth * std::max(1U, plan.jobs)) {
@@ -143,10 +262,7 @@ void checkOptions(const ConformanceOptions& options) {
         refuse(
             "two libraries with the same --name; no reader of the reports could tell them apart");
     }
-    if (plan.repeat && plan.libraries.size() > 1) {
-        refuse("--repeat is for one library at a time");
-    }
-    if (!plan.startsBrokers() && plan.jobs > 1) {
+    if (!plan.startsBrokers() && plan.jobs != 0) {
         refuse("--jobs needs brokers of the kit's; leave out --socket and --own-broker");
     }
 }
@@ -154,7 +270,7 @@ void checkOptions(const ConformanceOptions& options) {
 // Answers what can be answered without a run; false where a run is asked for.
 bool isAnsweredWithoutRun(const ConformanceOptions& options) {
     if (options.listsCases) {
-        conformance::listCases(std::cout);
+        conformance::listCases(options.plan.casePatterns, options.plan.level, std::cout);
     } else if (options.listsFaults) {
         conformance::listFaults(std::cout);
     } else if (!options.explained.empty()) {
@@ -199,13 +315,24 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
     command.add_flag("--strict", options.plan.strict,
                      "A case with a warning fails, and so does a pass that the other side does "
                      "not confirm");
+    command
+        .add_option_function<std::string>(
+            "--level",
+            [&options](const std::string& name) {
+                options.plan.level = *conformance::levelNamed(name);
+            },
+            "Run only the cases of this level or above, and let only such checks count: must, "
+            "should, may")
+        ->type_name("LEVEL")
+        ->check(levelName());
     describeLimits(command, options);
     describeProof(command, options);
     describeReports(command, options);
     command.footer(
         "Arguments after -- go to the module.\n\n"
-        "Exit status: 0 all checks passed; 1 a check failed; 2 a case took too long or\n"
-        "crashed; 3 the run could not take place; 64 the command line is wrong.\n\n"
+        "Exit status: 0 all checks passed; 1 a check failed, or, with --baseline, a case is\n"
+        "newly failing; 2 a case took too long or crashed; 3 the run could not take place;\n"
+        "64 the command line is wrong.\n\n"
         "Examples:\n"
         "  kavri conformance\n"
         "  kavri conformance --library /opt/other/lib\n"
@@ -214,11 +341,11 @@ void describeConformance(CLI::App& command, ConformanceOptions& options) {
         "  kavri conformance --socket /run/kavri/broker.sock -- --report_level=detailed");
 }
 
-process::ExitStatus runConformance(const ConformanceOptions& options) {
+process::ExitStatus runConformance(const CLI::App& command, const ConformanceOptions& options) {
+    checkOptions(command, options);
     if (isAnsweredWithoutRun(options)) {
         return process::ExitStatus::passed;
     }
-    checkOptions(options);
     std::optional<int> signal;
     process::ExitStatus status = process::ExitStatus::passed;
     {

@@ -21,9 +21,9 @@ struct ConformanceOptions {
 
 void describeConformance(CLI::App& command, ConformanceOptions& options);
 
-// Throws CommandFailure where there can be no verdict. Ends the process by the signal
-// that asked it to stop, after cleaning up.
-process::ExitStatus runConformance(const ConformanceOptions& options);
+// `command`: as it was parsed. Throws CommandFailure where there can be no verdict. Ends the
+// process by the signal that asked it to stop, after cleaning up.
+process::ExitStatus runConformance(const CLI::App& command, const ConformanceOptions& options);
 
 }  // namespace kavri::cli
 

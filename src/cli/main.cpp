@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "base/command_line.h"
 #include "cli/bench_command.h"
 #include "cli/conformance_command.h"
 #include "process/exit_status.h"
@@ -23,11 +24,6 @@ namespace process = kavri::process;
 int complain(const std::string& command, const std::string& line, process::ExitStatus status) {
     std::cerr << command << ": " << line << std::endl;
     return static_cast<int>(status);
-}
-
-std::string singleLine(std::string text) {
-    std::ranges::replace(text, '\n', ' ');
-    return text;
 }
 
 // A pipe made while one of the first three descriptors is closed would get its number, and
@@ -81,15 +77,20 @@ struct Commands {
         app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
     }
 
-    // The name of the one that was called, behind the tool's own.
+    // The command that was called; the tool itself where none was.
+    const CLI::App& called() const {
+        const std::vector<CLI::App*> commands = app.get_subcommands();
+        return commands.empty() ? app : *commands.front();
+    }
+
+    // Its name, behind the tool's own.
     std::string name() const {
-        const std::vector<CLI::App*> called = app.get_subcommands();
-        return called.empty() ? "kavri" : "kavri " + called.front()->get_name();
+        return &called() == &app ? "kavri" : "kavri " + called().get_name();
     }
 
     process::ExitStatus run() {
         if (app.got_subcommand("conformance")) {
-            return runConformance(conformance);
+            return runConformance(called(), conformance);
         }
         if (!conformance.plan.moduleArguments.empty()) {
             throw process::CommandFailure(process::ExitStatus::usage,
@@ -99,9 +100,10 @@ struct Commands {
     }
 };
 
-int runCommandLine(std::vector<std::string> arguments) {
+int runCommandLine(const char* program, std::vector<std::string> arguments) {
     Commands commands;
     conformance::RunPlan& plan = commands.conformance.plan;
+    plan.program = program;
     plan.tool = "kavri " KAVRI_VERSION;
     plan.invocation = arguments;
     plan.moduleArguments = cutModuleArguments(arguments);
@@ -116,18 +118,18 @@ int runCommandLine(std::vector<std::string> arguments) {
                 "disk full?");
         }
         return static_cast<int>(status);
+    } catch (const CLI::Success& asked) {
+        return kavri::base::answer(commands.app, asked);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            return commands.app.exit(error);  // --help or --version
-        }
         const std::vector<std::string> unknown = commands.app.remaining();
         if (commands.app.get_subcommands().empty() && !unknown.empty()) {
             return complain("kavri",
-                            "no command or option '" + unknown.front() + "'; see 'kavri --help'",
+                            "no command or option '" + unknown.front() + "'; " +
+                                kavri::base::suggestionFor(commands.app) + "see 'kavri --help'",
                             process::ExitStatus::usage);
         }
         const std::string name = commands.name();
-        return complain(name, singleLine(error.what()) + "; see '" + name + " --help'",
+        return complain(name, kavri::base::usageComplaint(commands.called(), error, name),
                         process::ExitStatus::usage);
     } catch (const process::CommandFailure& failure) {
         return complain(commands.name(), failure.what(), failure.status());
@@ -141,7 +143,7 @@ int main(int argc, char** argv) {
     // Without a reader of the output, the tool must nevertheless clean up.
     std::signal(SIGPIPE, SIG_IGN);
     try {
-        return runCommandLine({argv + 1, argv + argc});
+        return runCommandLine(argv[0], {argv + 1, argv + argc});
     } catch (const std::exception& error) {
         // A failed system call, such as of a folder or a process.
         std::fprintf(stderr, "kavri: %s\n", error.what());

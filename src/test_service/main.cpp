@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 
+#include "base/command_line.h"
 #include "test_service/service_record.h"
 #include "test_service/test_service.h"
 
@@ -150,22 +151,23 @@ int runCommandLine(int argc, char** argv) {
                    "Path of the broker's socket. Otherwise: $KAVRI_BROKER, else "
                    "$XDG_RUNTIME_DIR/kavri/broker.sock where that folder exists, else "
                    "/run/kavri/broker.sock")
-        ->type_name("PATH");
+        ->type_name("PATH")
+        ->check(kavri::base::notEmpty());
     app.add_option("--service-record", arguments.record,
                    "Append what arrives and what is answered to FILE, a line of JSON for each "
                    "request")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(kavri::base::notEmpty());
     app.footer(
         "Says on standard error when it is ready, and stops on SIGTERM and SIGINT.\n"
         "Exit status: 0 stopped, 1 could not start or write the record, 64 wrong usage.");
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& asked) {
+        return kavri::base::answer(app, asked);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) {
-            return app.exit(error);  // --help or --version
-        }
-        std::fprintf(stderr, "kavri-test-service: %s; see kavri-test-service --help\n",
-                     error.what());
+        std::fprintf(stderr, "kavri-test-service: %s\n",
+                     kavri::base::usageComplaint(app, error, "kavri-test-service").c_str());
         return badUsage;
     }
     return serve(arguments);

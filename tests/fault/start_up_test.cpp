@@ -175,6 +175,12 @@ BOOST_AUTO_TEST_CASE(anUnknownOptionIsNamed) {
         expectFailure({.program = std::string(KAVRI_BIN_DIR "/") + program,
                        .arguments = {"--socket", address, "--bogus"}},
                       badUsage, {"--bogus", "--help"});
+        expectFailure(
+            {.program = std::string(KAVRI_BIN_DIR "/") + program, .arguments = {"--sokcet", "x"}},
+            badUsage, {"did you mean '--socket'?"});
+        expectFailure(
+            {.program = std::string(KAVRI_BIN_DIR "/") + program, .arguments = {"--socket", ""}},
+            badUsage, {"--socket", "empty"});
     }
 }
 

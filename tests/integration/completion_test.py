@@ -76,6 +76,9 @@ class Bash(unittest.TestCase):
             ["initiatorRepeatEcho", "initiatorRepeatEchoNonBlocking"],
         )
 
+    def test_levels(self):
+        self.assertEqual(self.complete("conformance", "--level", "m"), ["may", "must"])
+
     def test_faults(self):
         self.assertEqual(
             self.complete("conformance", "--fault", ""),
@@ -100,7 +103,7 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.complete("conformance", "--case", "="), sorted(CASES))
 
     def test_files_and_folders(self):
-        for option in ("--expect", "--junit", "--json", "--socket"):
+        for option in ("--expect", "--write-expect", "--baseline", "--junit", "--json", "--socket"):
             self.assertEqual(self.complete("conformance", option, "kn"), ["known.txt"])
         for option in ("--library", "--html"):
             self.assertEqual(self.complete("conformance", option, ""), ["lib dir"])

@@ -26,6 +26,7 @@ BOOST_AUTO_TEST_CASE(casesAndFaultsAreListedAndExplained) {
     const ToolResult cases = run({"--list"});
     BOOST_TEST(cases.exit.code == 0);
     BOOST_TEST(contains(cases.output, "initiatorEvent/initiatorRepeatEventCallback"));
+    BOOST_TEST(run({"--list", "--case", "*Event*"}).output.starts_with("initiatorEvent/"));
     BOOST_TEST(contains(run({"--list-faults"}).output, "receive-payload-altered"));
     const ToolResult echo = run({"--explain", "initiatorRepeatEcho"});
     BOOST_TEST(contains(echo.output, "What it proves"));
@@ -53,6 +54,25 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
         {"--own-broker", "--prove"},
         {"--service-record", "/nowhere"},
         {"--fault", "no-such-fault"},
+        {"--jobs", "2"},
+        {"--jobs", "1", "--repeat", "2", "--socket", "/nowhere"},
+        {"--prove", "--until-fail"},
+        {"--prove", "--baseline", "/nowhere"},
+        {"--prove", "--library", standInFolder, "--library", standInFolder},
+        {"--list", "--json", "/nowhere"},
+        {"--list", "--list-faults"},
+        {"--list-faults", "--case", "*"},
+        {"--explain", "initiatorRepeatEcho", "--timeout", "3"},
+        {"--list", "--", "--log_level=all"},
+        {"--json", "/nowhere/r", "--junit", "/nowhere/./r"},
+        {"--json", "/nowhere/r", "--baseline", "/nowhere/r"},
+        {"--fault", ""},
+        {"--explain", ""},
+        {"--expect", ""},
+        {"--level", "most"},
+        {"--prove", "--level", "must"},
+        {"--repeat", "2", "--write-expect", "/nowhere"},
+        {"--repeat", "2", "--baseline", "/nowhere"},
         {"--call-timeout", "0"},
         {"--time-scale", "much"},
     };
@@ -63,6 +83,28 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
             BOOST_TEST(result.output == "");
             BOOST_TEST(std::ranges::count(result.error, '\n') == 1);
         }
+    }
+}
+
+BOOST_AUTO_TEST_CASE(whatWasProbablyMeantIsSuggested) {
+    const std::vector<std::pair<Arguments, std::string>> mistyped = {
+        {{"--jsn", "r.json"}, "did you mean '--json'?"},
+        {{"--jnuit=r.xml"}, "did you mean '--junit'?"},
+        {{"--fault", "send-lots"}, "did you mean 'send-lost'?"},
+        {{"--explain", "initiatorRepeatEco"}, "did you mean 'initiatorRepeatEcho'?"},
+        {{"--explain", "send-lots"}, "did you mean 'send-lost'?"},
+        {{"--case", "initiatorSendpass"}, "did you mean 'initiatorSendPass'?"},
+        {{"--list", "--case", "initiatorSendpass"}, "did you mean 'initiatorSendPass'?"}};
+    for (const auto& [arguments, suggestion] : mistyped) {
+        const ToolResult result = run(arguments);
+        BOOST_TEST(result.exit.code == 64);
+        BOOST_TEST(contains(result.error, suggestion), result.error);
+    }
+    for (const Arguments& arguments : std::vector<Arguments>{
+             {"--verbose"}, {"extra"}, {"--fault", "nothing"}, {"--explain", "everything"}}) {
+        const ToolResult result = run(arguments);
+        BOOST_TEST(result.exit.code == 64);
+        BOOST_TEST(!contains(result.error, "did you mean"), result.error);
     }
 }
 
@@ -100,16 +142,108 @@ BOOST_AUTO_TEST_CASE(aKnownFailureDoesNotFailTheRun) {
                               "receive-payload-altered"};
     BOOST_TEST(run(broken).exit.code == 1);
     write("known", "initiatorRepeatEcho: payload == rpayload  # the service adds a mark\n");
-    BOOST_TEST(run(with(broken, {"--expect", at("known")})).exit.code == 0);
+    const ToolResult known = run(with(broken, {"--expect", at("known")}));
+    BOOST_TEST(known.exit.code == 0);
+    BOOST_TEST(contains(known.output, "initiatorSend/initiatorRepeatEcho  known  "));
+    BOOST_TEST(contains(known.output, "    fail, as expected: the service adds a mark\n"));
+    BOOST_TEST(contains(known.output, "1 case, 0 passed, 1 known to fail; "));
     // Whole runs are judged alike.
     BOOST_TEST(run(with(broken, {"--expect", at("known"), "--repeat", "2"})).exit.code == 0);
     const ToolResult mended = run({"--case", "initiatorRepeatEcho", "--expect", at("known")});
     BOOST_TEST(mended.exit.code == 1);
-    BOOST_TEST(contains(mended.error, "known:1"));
+    BOOST_TEST(contains(mended.error, "known:1: unexpected pass"));
     write("typo", "initiatorRepeatEco  # no such case\n");
     const ToolResult typo = run({"--expect", at("typo")});
     BOOST_TEST(typo.exit.code == 64);
     BOOST_TEST(contains(typo.error, "initiatorRepeatEcho"), typo.error);
+}
+
+BOOST_AUTO_TEST_CASE(theFailuresOfARunAreThoseThatTheNextExpects) {
+    const Arguments broken = {"--case",  "initiatorRepeatEcho",    "--case", "*FailReceive*",
+                              "--fault", "receive-payload-altered"};
+    BOOST_TEST(run(with(broken, {"--write-expect", at("known")})).exit.code == 1);
+    BOOST_TEST(contains(textOf(at("known")),
+                        "initiatorSend/initiatorRepeatEcho: payload == "
+                        "rpayload  # not explained yet; fail on 20"));
+    BOOST_TEST(!contains(textOf(at("known")), "initiatorFailReceive"));
+    const ToolResult known = run(with(broken, {"--expect", at("known")}));
+    BOOST_TEST(known.exit.code == 0, known.error);
+    BOOST_TEST(contains(known.output, "2 cases, 1 passed, 1 known to fail; "));
+    const ToolResult nowhere = run(with(broken, {"--write-expect", at("no/such/known")}));
+    BOOST_TEST(nowhere.exit.code == 3);
+    BOOST_TEST(nowhere.output == "");
+    BOOST_TEST(contains(nowhere.error, at("no/such/known")));
+}
+
+BOOST_AUTO_TEST_CASE(withABaselineOnlyWhatIsNewCounts) {
+    const Arguments echo = {"--case", "initiatorRepeatEcho"};
+    const Arguments broken = with(echo, {"--fault", "receive-payload-altered"});
+    BOOST_TEST(run(with(echo, {"--json", at("good.json")})).exit.code == 0);
+    const ToolResult worse =
+        run(with(broken, {"--baseline", at("good.json"), "--json", at("bad.json")}));
+    BOOST_TEST(worse.exit.code == 1);
+    BOOST_TEST(contains(worse.output,
+                        "  newly failing  initiatorSend/initiatorRepeatEcho: payload == rpayload\n"
+                        "1 newly failing, 0 still failing, 0 newly passing, 0 missing, "),
+               worse.output);
+    BOOST_TEST(json("bad.json")["baseline"]["isWorse"] == true);
+    const ToolResult same =
+        run(with(broken, {"--baseline", at("bad.json"), "--json", at("same.json")}));
+    BOOST_TEST(same.exit.code == 0);
+    BOOST_TEST(contains(same.output, "0 newly failing, 1 still failing, "));
+    BOOST_TEST(json("same.json")["verdict"] == "fail");  // it is no better either
+    const ToolResult mended = run(with(echo, {"--baseline", at("bad.json")}));
+    BOOST_TEST(mended.exit.code == 0);
+    BOOST_TEST(contains(mended.output, "1 newly passing, 0 missing, "));
+    // A crash that the baseline does not have counts as 1 as well.
+    const ToolResult crash =
+        run(with(echo, {"--baseline", at("bad.json"), "--fault", "send-crashes"}));
+    BOOST_TEST(crash.exit.code == 1);
+    write("none.json", "{}");
+    const ToolResult wrong = run(with(echo, {"--baseline", at("none.json")}));
+    BOOST_TEST(wrong.exit.code == 64);
+    BOOST_TEST(wrong.output == "");
+}
+
+BOOST_AUTO_TEST_CASE(aLevelLeavesOutCasesAndChecks) {
+    BOOST_TEST(run({"--list", "--level", "must"}).output.find("NonBlocking") == std::string::npos);
+    BOOST_TEST(contains(run({"--list"}).output, "initiatorRepeatEchoNonBlocking, should\n"));
+    BOOST_TEST(contains(run({"--explain", "initiatorSendPass"}).output,
+                        "  may     KAVRI_CORE_STATUS_NO_ERROR == kavri_core_logging_init("));
+    const Arguments broken = with(sendPass, {"--fault", "logging-init-fails"});
+    BOOST_TEST(run(broken).exit.code == 1);
+    const ToolResult must = run(with(broken, {"--level", "must", "--json", at("r.json")}));
+    BOOST_TEST(must.exit.code == 0, must.output);
+    BOOST_TEST(contains(must.output, "    not required, since it is a \"may\": "));
+    const nlohmann::json report = json("r.json");
+    BOOST_TEST(report["libraries"][0]["cases"][0]["level"] == "must");
+    BOOST_TEST(report["requirements"].size() == 8U);
+    const ToolResult none = run({"--case", "*NonBlocking", "--level", "must"});
+    BOOST_TEST(none.exit.code == 64);
+    BOOST_TEST(none.output == "");
+}
+
+BOOST_AUTO_TEST_CASE(theCommandShownRunsTheFailedCaseAgain) {
+    fs::create_directory_symlink(standInFolder, at("it's a library"));
+    const ToolResult failed =
+        run({"--library", at("it's a library"), "--case", "*SendPass", "--case", "*RepeatEcho",
+             "--fault", "receive-payload-altered", "--call-timeout", "5", "--time-scale", "2", "--",
+             "--log_level=error", "--log_sink=" + at("a log")});
+    BOOST_TEST(failed.exit.code == 1);
+    const std::string before = "  initiatorSend/initiatorRepeatEcho, fail\n    ";
+    const size_t begin = failed.output.find(before);
+    BOOST_REQUIRE(begin != std::string::npos);
+    const std::string command = failed.output.substr(
+        begin + before.size(),
+        failed.output.find('\n', begin + before.size()) - begin - before.size());
+    fs::remove(at("a log"));
+    ChildProcess shell({.program = "/bin/bash",
+                        .arguments = {"-c", command},
+                        .environment = {{"TMPDIR", temporary().string()}}});
+    const ToolResult again = finish(shell);
+    BOOST_TEST(again.exit.code == 1);
+    BOOST_TEST(contains(again.output, "1 case, 0 passed; 44 checks, 34 passed, 10 failed; "));
+    BOOST_TEST(contains(textOf(at("a log")), "payload == rpayload"));
 }
 
 BOOST_AUTO_TEST_CASE(repeatsTellHowManyPassedAndWhatGrew) {

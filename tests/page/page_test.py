@@ -35,6 +35,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 import samples
 
 RENDER_REPORT = None
+MODULE = pathlib.Path(__file__).parent.parent / "test_ipc_initiator.cpp"
 SLOWDOWN = int(os.environ.get("KAVRI_PAGE_SLOWDOWN", "1"))
 # Reached only by a test that fails.
 LIMIT_SECONDS = 40
@@ -98,6 +99,14 @@ for (const node of document.querySelectorAll("body *:not(svg *):not(script):not(
   if (ratio < arguments[0]) faint.push([text, ratio]);
 }
 return faint;
+"""
+
+# What is wider than the box that it is in, and so is cut off or has to be scrolled to.
+CUT_OFF = """
+return [...document.querySelectorAll("body *:not(svg *):not(.unseen):not(thead)")]
+  .filter((node) => getComputedStyle(node).overflowX !== "visible" && node.clientWidth > 0
+    && node.scrollWidth > node.clientWidth)
+  .map((node) => `${node.tagName} ${node.className} ${node.textContent.slice(0, 60)}`);
 """
 
 # What makes a page hard to use without eyes or without a mouse.
@@ -306,6 +315,67 @@ class PageTest(unittest.TestCase):
         for table in self.all(".failure table.record"):
             self.assertGreater(len(table.find_elements(By.CSS_SELECTOR, "tbody tr")), 4)
 
+    def test_sourceStandsBesideAFailedCheck(self):
+        self.open("failing")
+        lines = MODULE.read_text(encoding="utf-8").split("\n")
+        echo = next(node for node in self.all(".failure") if "initiatorRepeatEcho\n" in node.text)
+        shown = echo.find_elements(By.CSS_SELECTOR, "pre.source .line")
+        self.assertEqual(len(shown), 7)
+        here = echo.find_element(By.CSS_SELECTOR, "pre.source mark")
+        self.assertEqual(here.find_element(By.CLASS_NAME, "line-number").text, "233")
+        self.assertIn(lines[232].strip(), here.text)
+
+    def test_placeOfACheckOpensToItsSource(self):
+        self.open("healthy")
+        self.openCase("initiatorRepeatEcho")
+        self.assertEqual(self.all("table.checks pre.source"), [])
+        place = self.button("test_ipc_initiator.cpp(234)", "table.checks")
+        place.send_keys(Keys.ENTER)
+        eventually(lambda: self.assertEqual(
+            self.one("table.checks pre.source mark .line-number").text, "234"))
+
+    def test_casesAreSearchedAndFiltered(self):
+        self.open("failing")
+
+        def shown():
+            return [row.text for row in self.all("table.cases > tbody > tr:not(.details)")
+                    if row.is_displayed()]
+
+        field = self.one("#case-filter")
+        field.send_keys("callback")
+        eventually(lambda: self.assertEqual(len(shown()), 3))
+        self.assertIn("3 of 8 cases", self.one("#cases .filter").text)
+        field.send_keys(" subscribe")
+        eventually(lambda: self.assertIn("initiatorRepeatEventCallback", " ".join(shown())))
+        self.assertEqual(len(shown()), 1)
+        field.send_keys(Keys.CONTROL + "a" + Keys.NULL + Keys.BACKSPACE)
+        # A value that a check compared is found as well.
+        field.send_keys("CLIENT:echa 3")
+        eventually(lambda: self.assertEqual(len(shown()), 2))
+        field.send_keys(Keys.CONTROL + "a" + Keys.NULL + Keys.BACKSPACE)
+        self.one("#case-state").send_keys("pass")
+        eventually(lambda: self.assertEqual(len(shown()), 2))
+        self.assertTrue(all("pass" in row for row in shown()))
+
+    def test_levelsStandBesideCasesAndChecks(self):
+        self.open("healthy")
+        row = next(row for row in self.texts("table.cases > tbody > tr") if "NonBlocking" in row)
+        self.assertIn("should", row)
+        self.openCase("initiatorRepeatEchoNonBlocking")
+        check = next(row for row in self.texts("table.checks tbody tr") if "uuid == ruuid" in row)
+        self.assertIn("should", check)
+
+    def test_earlierRunAndWhatIsNoLongerTrueAreShown(self):
+        self.open("compared")
+        self.assertIn("known.txt:3: unexpected pass", self.one("header .complaint").text)
+        rows = self.texts("table.baseline tbody tr")
+        self.assertEqual([row.split(" initiator")[0].split(" command")[0] for row in rows],
+                         ["newly failing", "missing", "still failing", "newly passing", "slower"])
+        self.assertIn("limit == callbackCounter", rows[0])
+        self.assertIn("120", rows[4])
+        self.assertIn("earlier.json", self.one("#baseline").text)
+        self.assertEqual(self.all("main > section")[0].get_attribute("id"), "baseline")
+
     def test_remarksStandAboveTheRecord(self):
         self.open("failing")
         self.button("initiatorSendPass", "#cases").click()
@@ -357,6 +427,9 @@ class PageTest(unittest.TestCase):
 
     def test_librariesStandBesideEachOtherWithTheFirstDifference(self):
         self.open("several")
+        self.assertEqual(self.all("main > section")[0].get_attribute("id"), "libraries")
+        self.assertEqual(self.texts("header .by-library li"), ["pass kavri", "fail other", "pass third"])
+        self.assertIn("The worst of 3 libraries", self.one("header").text)
         header = self.texts("table.comparison thead th")
         self.assertEqual(header, ["Case", "kavri", "other", "third"])
         row = next(row for row in self.texts("table.comparison tbody tr") if "first difference" in row)
@@ -454,6 +527,24 @@ class PageTest(unittest.TestCase):
         self.assertIn("no fault turned it red", killed[0])
         self.assertTrue(any("payload-altered-1" in row for row in killed))
 
+    def test_matrixShowsADetectedFaultAsGood(self):
+        self.open("matrix")
+        colours = self.browser.execute_script("""
+            return Object.fromEntries(["detected", "quiet", "wrong"].map((kind) =>
+              [kind, getComputedStyle(document.querySelector(`td.${kind}`)).backgroundColor]));""")
+        red, green, _ = (int(part) for part in colours["detected"][4:-1].split(","))
+        self.assertGreater(green, red)
+        red, green, _ = (int(part) for part in colours["wrong"][4:-1].split(","))
+        self.assertGreater(red, green)
+        self.assertEqual(len(set(colours.values())), 3)
+        row = next(row for row in self.all("table.matrix > tbody > tr:not(.details)")
+                   if row.text.startswith("receive-blocks-1"))
+        self.assertEqual([cell.get_attribute("class") for cell in
+                          row.find_elements(By.CSS_SELECTOR, "td.cell")],
+                         ["cell quiet"] * 2 + ["cell detected"] + ["cell quiet"] * 5)
+        self.assertIn("detected by 1", row.text)
+        self.assertNotIn("notice", self.one("main").text)
+
     def test_matrixIsFiltered(self):
         self.open("matrix")
         field = self.one("#fault-filter")
@@ -470,7 +561,8 @@ class PageTest(unittest.TestCase):
     def test_matrixShowsRecordsOnDemand(self):
         self.open("matrix")
         self.assertLess(len(self.all("*")), 8000)
-        cell = next(node for node in self.all("td.cell.timeout"))
+        cell = next(node for node in self.all("td.cell.detected")
+                    if "timeout" in node.get_attribute("title"))
         self.assertIn("timeout in", cell.get_attribute("title"))
         self.browser.execute_script("arguments[0].click()", cell)
         eventually(lambda: self.assertIn("A receive that waits never returns.",
@@ -497,7 +589,7 @@ class PageTest(unittest.TestCase):
 
     def test_textHasContrast(self):
         for scheme in ("light", "dark"):
-            for name in ("failing", "hang", "crash", "several", "matrix"):
+            for name in ("failing", "hang", "crash", "several", "compared", "matrix"):
                 with self.subTest(f"{name}, {scheme}"):
                     self.setMedia(scheme, 1200)
                     self.open(name)
@@ -506,12 +598,14 @@ class PageTest(unittest.TestCase):
 
     def test_fitsANarrowScreen(self):
         for name in samples.SAMPLES:
-            with self.subTest(name):
-                self.setMedia("light", 360)
-                self.open(name)
-                self.openEverything()
-                self.assertLessEqual(self.browser.execute_script(
-                    "return document.documentElement.scrollWidth"), 360)
+            for width in (360, 390):
+                with self.subTest(f"{name}, {width}"):
+                    self.setMedia("light", width)
+                    self.open(name)
+                    self.openEverything()
+                    self.assertLessEqual(self.browser.execute_script(
+                        "return document.documentElement.scrollWidth"), width)
+                    self.assertEqual(self.browser.execute_script(CUT_OFF), [])
 
     def test_saysTheResultWithoutJavaScript(self):
         browser = chromium(javascript=False)

@@ -23,6 +23,7 @@ FAILED = "KAVRI_CORE_STATUS_IPC_FAILED"
 CORE = "/opt/kavri/lib/libkavri-core-test.so"
 TEST_THREAD, LIBRARY_THREAD = 4711, 4712
 MILLISECOND, SECOND = 1_000_000, 1_000_000_000
+LEVELS = {"initiatorSend/initiatorRepeatEchoNonBlocking": "should"}
 
 
 class Case:
@@ -36,7 +37,7 @@ class Case:
         self.number = 0
         self.sent = []
         self.report = {
-            "name": name, "verdict": "pass", "beginNs": at_ns, "endNs": 0, "checks": [],
+            "name": name, "level": LEVELS.get(name, "must"), "verdict": "pass", "beginNs": at_ns, "endNs": 0, "checks": [],
             "calls": [], "faults": [], "log": [], "missing": [], "remarks": [], "crash": "", "known": "",
             "repeat": f"kavri conformance --library /opt/kavri/lib --case {name}",
         }
@@ -277,7 +278,12 @@ def report(libraries, **more):
     return {"schema": 2, "command": "kavri conformance --html report.html --library /opt/kavri/lib",
             "date": "2026-11-20T12:00:00Z", "tool": "kavri 1.0.0", "seconds": 2.4,
             "verdict": together([one["verdict"] for one in libraries]),
-            "reason": reasons[0] if reasons else "", "libraries": libraries, **more}
+            "reason": reasons[0] if reasons else "", "libraries": libraries,
+            "requirements": [
+                {"name": name, "level": LEVELS.get(name, "must"),
+                 "checks": [{"text": "uuid == ruuid", "level": LEVELS.get(name, "must")}]}
+                for name in PLAY],
+            "complaints": [], "baseline": None, **more}
 
 
 # --- the samples -------------------------------------------------------------
@@ -317,6 +323,23 @@ def crash():
 def several():
     return report([library("kavri"), library("other", altered=(2,), speed=4),
                    library("third", speed=2)])
+
+
+def compared():
+    """With known failures, one of which is no longer true, and beside an earlier run."""
+    one = library("kavri", altered=(3, 4, 8), arrived=7)
+    one["cases"][3]["known"] = "the service upper-cases, ticket 12"
+    case = "initiatorSend/initiatorRepeatCallback"
+    return report([one], complaints=["known.txt:3: unexpected pass: initiatorSendPass is expected to fail"],
+                  baseline={
+        "file": "earlier.json", "date": "2026-11-19T12:00:00Z", "isWorse": True,
+        "newlyFailing": [{"library": "kavri", "name": case, "ways": ["limit == callbackCounter"]}],
+        "stillFailing": [{"library": "kavri", "name": "initiatorSend/initiatorRepeatEcho",
+                          "ways": ["payload == rpayload"]}],
+        "newlyPassing": [{"library": "kavri", "name": "initiatorSend/initiatorSendPass",
+                          "ways": ["timeout"]}],
+        "missing": [{"library": "kavri", "name": "initiatorSend/initiatorGone", "ways": []}],
+        "slower": [{"library": "kavri", "name": SEND, "earlierP50Us": 4.5, "p50Us": 120.0}]})
 
 
 def unloadable():
@@ -384,7 +407,8 @@ def hostile():
 
 
 SAMPLES = {function.__name__: function
-           for function in (healthy, unconfirmed, failing, hang, crash, several, unloadable, matrix,
+           for function in (healthy, unconfirmed, failing, hang, crash, several, compared,
+                            unloadable, matrix,
                             hostile)}
 
 if __name__ == "__main__":

@@ -27,7 +27,7 @@ MAY_USE = {
     "src/broker/memory": {"base", "wire"},
     "src/broker/routing": {"base", "wire", "kavri", "broker/memory"},
     "src/broker/loop": {"base", "wire", "broker/log", "broker/memory", "broker/routing"},
-    "src/broker": {"wire", "broker/log", "broker/loop", "broker/routing"},
+    "src/broker": {"base", "wire", "broker/log", "broker/loop", "broker/routing"},
     "src/test_service": {"base"},
     "src/conformance/agent": {"base", "conformance/faults", "kavri"},
     "src/conformance/faults": {"conformance/agent", "kavri"},
@@ -48,7 +48,7 @@ MAY_ALSO_USE = {
     # The kit's end of what the agent writes.
     "src/conformance/module/module_run.cpp": {"conformance/agent"},
     # The process around the service: a responder like any other.
-    "src/test_service/main.cpp": {"wire", "kavri"},
+    "src/test_service/main.cpp": {"base", "wire", "kavri"},
     # The one place where the broker knows which service it hosts.
     "src/broker/hosted_test_service.h": {"test_service"},
 }

@@ -145,6 +145,15 @@ std::span<const CaseGuide> caseGuides() {
     return guides;
 }
 
+std::vector<std::string> namesOfCases() {
+    std::vector<std::string> names;
+    for (const CaseGuide& guide : guides) {
+        names.emplace_back(guide.name);
+        names.emplace_back(guide.bareName());
+    }
+    return names;
+}
+
 const CaseGuide* findCaseGuide(std::string_view name) {
     const auto* const found = std::ranges::find_if(guides, [&](const CaseGuide& guide) {
         return name == guide.name || name == guide.bareName();

@@ -7,7 +7,9 @@
 #define KAVRI_CONFORMANCE_CASES_CASE_GUIDE_H
 
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace kavri::conformance {
 
@@ -38,6 +40,9 @@ struct CaseGuide {
 
 // In the order of the module.
 std::span<const CaseGuide> caseGuides();
+
+// "suite/case", and each case alone: what a user may write.
+std::vector<std::string> namesOfCases();
 
 // By "suite/case" or the case alone; null where there is no such case.
 const CaseGuide* findCaseGuide(std::string_view name);

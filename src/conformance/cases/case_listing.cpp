@@ -9,9 +9,11 @@
 #include <fnmatch.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <set>
 
+#include "base/suggestion.h"
 #include "base/text_scanner.h"
 #include "process/exit_status.h"
 
@@ -56,6 +58,24 @@ struct Graph {
     }
 };
 
+std::string bareName(const std::string& name) {
+    return name.substr(name.rfind('/') + 1);
+}
+
+bool matches(const std::string& name, const std::string& pattern) {
+    return fnmatch(pattern.c_str(), name.c_str(), 0) == 0 ||
+           fnmatch(pattern.c_str(), bareName(name).c_str(), 0) == 0;
+}
+
+[[noreturn]] void refuse(const std::string& pattern, const std::vector<std::string>& names) {
+    std::vector<std::string> known = names;
+    std::ranges::transform(names, std::back_inserter(known), bareName);
+    throw process::CommandFailure(
+        process::ExitStatus::usage,
+        fmt::format("no case matches '{}'; {}there are {}", pattern,
+                    base::didYouMean(pattern, known), fmt::join(names, ", ")));
+}
+
 }  // namespace
 
 std::vector<std::string> casesInListing(std::string_view listing) {
@@ -72,25 +92,22 @@ std::vector<std::string> casesInListing(std::string_view listing) {
     return cases;
 }
 
+bool isSelected(const std::string& name, const std::vector<std::string>& patterns) {
+    return patterns.empty() || std::ranges::any_of(patterns, [&](const std::string& pattern) {
+               return matches(name, pattern);
+           });
+}
+
 std::vector<std::string> selectCases(const std::vector<std::string>& names,
                                      const std::vector<std::string>& patterns) {
-    std::vector<std::string> selected;
-    for (const std::string& name : names) {
-        const std::string caseName = name.substr(name.rfind('/') + 1);
-        const auto matches = [&](const std::string& pattern) {
-            return fnmatch(pattern.c_str(), name.c_str(), 0) == 0 ||
-                   fnmatch(pattern.c_str(), caseName.c_str(), 0) == 0;
-        };
-        if (patterns.empty() || std::ranges::any_of(patterns, matches)) {
-            selected.push_back(name);
+    for (const std::string& pattern : patterns) {
+        if (std::ranges::none_of(names, [&](const auto& name) { return matches(name, pattern); })) {
+            refuse(pattern, names);
         }
     }
-    if (selected.empty()) {
-        throw process::CommandFailure(
-            process::ExitStatus::usage,
-            fmt::format("no case matches '{}'; there are {}", fmt::join(patterns, "', '"),
-                        fmt::join(names, ", ")));
-    }
+    std::vector<std::string> selected;
+    std::ranges::copy_if(names, std::back_inserter(selected),
+                         [&](const std::string& name) { return isSelected(name, patterns); });
     return selected;
 }
 

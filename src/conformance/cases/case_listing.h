@@ -14,8 +14,11 @@ namespace kavri::conformance {
 // print it, is ignored.
 std::vector<std::string> casesInListing(std::string_view listing);
 
+// Whether the case, or suite and case, matches one of the patterns, or there is none.
+bool isSelected(const std::string& name, const std::vector<std::string>& patterns);
+
 // Those of the names whose case, or suite and case, match one of the patterns;
-// all when there is no pattern. Throws CommandFailure when that leaves none.
+// all when there is no pattern. Throws CommandFailure where a pattern matches none.
 std::vector<std::string> selectCases(const std::vector<std::string>& names,
                                      const std::vector<std::string>& patterns);
 

@@ -8,10 +8,10 @@
 #include <cassert>
 #include <cerrno>
 #include <fstream>
-#include <numeric>
 #include <set>
 #include <system_error>
 
+#include "base/suggestion.h"
 #include "base/text_scanner.h"
 #include "conformance/cases/case_guide.h"
 #include "process/exit_status.h"
@@ -29,33 +29,6 @@ std::string_view trimmed(std::string_view text) {
                : text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
 }
 
-// The Levenshtein distance.
-size_t editDistance(std::string_view left, std::string_view right) {
-    std::vector<size_t> row(right.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 0; i < left.size(); ++i) {
-        size_t diagonal = row[0];
-        row[0] = i + 1;
-        for (size_t j = 0; j < right.size(); ++j) {
-            const size_t replaced = diagonal + (left[i] == right[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
-
-// The case whose name is most like it, with its suite where that was given too.
-std::string_view nearestCase(std::string_view name) {
-    const bool withSuite = name.find('/') != std::string_view::npos;
-    const auto known = [&](const CaseGuide& guide) {
-        return withSuite ? guide.name : guide.bareName();
-    };
-    return known(*std::ranges::min_element(caseGuides(), {}, [&](const CaseGuide& guide) {
-        return editDistance(name, known(guide));
-    }));
-}
-
 [[noreturn]] void refuse(const std::string& place, const std::string& what) {
     throw process::CommandFailure(process::ExitStatus::usage, fmt::format("{}: {}", place, what));
 }
@@ -69,21 +42,6 @@ size_t reasonMark(std::string_view line) {
         mark = line.find('#', mark + 1);
     }
     return mark;
-}
-
-bool hasFailed(const CaseReport& report) {
-    return report.verdict == Verdict::fail || report.verdict == Verdict::timeout ||
-           report.verdict == Verdict::crash;
-}
-
-std::set<std::string> failedChecks(const CaseReport& report) {
-    std::set<std::string> texts;
-    for (const CheckReport& check : report.checks) {
-        if (!check.passed) {
-            texts.insert(check.text);
-        }
-    }
-    return texts;
 }
 
 }  // namespace
@@ -102,7 +60,8 @@ Expectations::Entry Expectations::readEntry(const std::string& place, std::strin
     check = beforeColon ? trimmed(check) : "";
     const CaseGuide* guide = findCaseGuide(name);
     if (guide == nullptr) {
-        refuse(place, fmt::format("no case '{}'; did you mean '{}'?", name, nearestCase(name)));
+        refuse(place, fmt::format("no case '{}'; {}see --list", name,
+                                  base::didYouMean(name, namesOfCases())));
     }
     if (beforeColon && check.empty()) {
         refuse(place, fmt::format("no check behind '{}:'; write its text as the report shows it, "
@@ -139,7 +98,7 @@ Expectations Expectations::read(const std::filesystem::path& path) {
 
 void Expectations::apply(std::vector<CaseReport>& cases) {
     for (CaseReport& report : cases) {
-        if (report.verdict == Verdict::pass || hasFailed(report)) {
+        if (report.verdict == Verdict::pass || report.hasFailed()) {
             report.known = reasonFor(report);
         }
     }
@@ -148,7 +107,8 @@ void Expectations::apply(std::vector<CaseReport>& cases) {
 // The reasons of the entries that cover all of a failure; empty where none is
 // there or something of it is not covered.
 std::string Expectations::reasonFor(const CaseReport& report) {
-    const std::set<std::string> failed = failedChecks(report);
+    const std::vector<std::string> texts = report.failedChecks();
+    const std::set<std::string> failed(texts.begin(), texts.end());
     std::set<std::string> unexpected = failed;
     bool wholeCase = false;
     std::vector<std::string> reasons;
@@ -157,8 +117,8 @@ std::string Expectations::reasonFor(const CaseReport& report) {
             continue;
         }
         entry.caseRan = true;
-        entry.caseFailed = entry.caseFailed || hasFailed(report);
-        if (!hasFailed(report) || (!entry.check.empty() && !failed.contains(entry.check))) {
+        entry.caseFailed = entry.caseFailed || report.hasFailed();
+        if (!report.hasFailed() || (!entry.check.empty() && !failed.contains(entry.check))) {
             continue;
         }
         entry.matched = true;
@@ -171,6 +131,13 @@ std::string Expectations::reasonFor(const CaseReport& report) {
     const bool allChecks = report.verdict == Verdict::fail && !failed.empty() &&
                            unexpected.empty() && report.missing.empty();
     return wholeCase || allChecks ? fmt::format("{}", fmt::join(reasons, "; ")) : "";
+}
+
+std::string Expectations::reasonOf(const std::string& caseName, const std::string& check) const {
+    const auto found = std::ranges::find_if(entries_, [&](const Entry& entry) {
+        return entry.caseName == caseName && entry.check == check;
+    });
+    return found == entries_.end() ? "" : found->reason;
 }
 
 std::string Expectations::complaintAbout(const Entry& entry) {

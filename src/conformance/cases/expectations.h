@@ -17,6 +17,7 @@
 
 namespace kavri::conformance {
 
+// Without a file nothing is expected to fail.
 class Expectations {
   public:
     // Throws CommandFailure where the file cannot be read, or a line is no entry.
@@ -25,6 +26,10 @@ class Expectations {
     // Notes the reason in each case that failed only as expected. May be called
     // for the cases of several runs, one after the other.
     void apply(std::vector<CaseReport>& cases);
+
+    // The reason of the entry for the check, or, where that is empty, for the whole case;
+    // empty where there is none.
+    std::string reasonOf(const std::string& caseName, const std::string& check) const;
 
     // A line for each entry that was true in none of the runs: its case passed, or its
     // check did not fail. Entries of cases that did not run are left out.

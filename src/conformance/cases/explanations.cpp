@@ -3,9 +3,14 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
 #include <sstream>
 
+#include "base/suggestion.h"
+#include "base/terminal.h"
 #include "conformance/cases/case_guide.h"
+#include "conformance/cases/case_listing.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "process/exit_status.h"
 
@@ -13,13 +18,15 @@ namespace kavri::conformance {
 
 namespace {
 
-constexpr size_t columns = 80;
+// Paragraphs are read best in lines that are not too long.
+constexpr unsigned longestLine = 80;
 
 // A paragraph with a title, in lines that a terminal shows whole, without Markdown.
 void paragraph(std::ostream& output, std::string_view title, std::string_view markdown) {
     output << '\n' << title << '\n';
     std::string text(markdown);
     std::erase(text, '`');
+    const size_t columns = std::min(longestLine, base::DisplayStyle::ofStandardOutput().columns);
     std::istringstream words(text);
     std::string line;
     for (std::string word; words >> word;) {
@@ -32,12 +39,20 @@ void paragraph(std::ostream& output, std::string_view title, std::string_view ma
     output << line << '\n';
 }
 
+void showLine(std::ostream& output, const std::string& line) {
+    output << base::fitted(line, base::DisplayStyle::ofStandardOutput()) << '\n';
+}
+
 void explainCase(const CaseGuide& guide, std::ostream& output) {
-    output << guide.name << '\n';
+    output << fmt::format("{}, {}\n", guide.name, levelText(levelOf(guide.name)));
     paragraph(output, "What it proves", guide.proves);
     paragraph(output, "Procedure", guide.procedure);
     paragraph(output, "What it asserts", guide.asserts);
     paragraph(output, "What can make it fail", guide.failures);
+    output << "\nIts checks\n";
+    for (const CheckRequirement& check : checksOf(guide.name)) {
+        showLine(output, fmt::format("  {:<6}  {}", levelText(check.level), check.text));
+    }
 }
 
 void explainFault(const Fault& fault, std::ostream& output) {
@@ -50,21 +65,26 @@ void explainFault(const Fault& fault, std::ostream& output) {
     }
     output << "\nDetected by\n";
     for (const Kill& kill : fault.kills) {
-        output << fmt::format("  {}: {}\n", kill.caseName, kill.how);
+        showLine(output, fmt::format("  {}: {}", kill.caseName, kill.how));
     }
 }
 
 }  // namespace
 
-void listCases(std::ostream& output) {
+void listCases(const std::vector<std::string>& patterns, Level level, std::ostream& output) {
+    std::vector<std::string> names;
     for (const CaseGuide& guide : caseGuides()) {
-        output << fmt::format("{}\n    {}\n", guide.name, guide.proves);
+        names.emplace_back(guide.name);
+    }
+    for (const std::string& name : atLevel(selectCases(names, patterns), level)) {
+        showLine(output, fmt::format("{}, {}", name, levelText(levelOf(name))));
+        showLine(output, fmt::format("    {}", findCaseGuide(name)->proves));
     }
 }
 
 void listFaults(std::ostream& output) {
     for (const Fault& fault : faultCatalogue()) {
-        output << fmt::format("{:<36}  {}\n", fault.name, fault.description);
+        showLine(output, fmt::format("{:<36}  {}", fault.name, fault.description));
     }
 }
 
@@ -74,9 +94,12 @@ void explain(const std::string& name, std::ostream& output) {
     } else if (const Fault* fault = findFault(name)) {
         explainFault(*fault, output);
     } else {
+        std::vector<std::string> known = namesOfCases();
+        std::ranges::copy(namesOfFaults(), std::back_inserter(known));
         throw process::CommandFailure(
             process::ExitStatus::usage,
-            fmt::format("no case and no fault '{}'; see --list and --list-faults", name));
+            fmt::format("no case and no fault '{}'; {}see --list and --list-faults", name,
+                        base::didYouMean(name, known)));
     }
 }
 

@@ -17,6 +17,14 @@ std::span<const Fault> faultCatalogue() {
     return all;
 }
 
+std::vector<std::string> namesOfFaults() {
+    std::vector<std::string> names;
+    for (const Fault& fault : faultCatalogue()) {
+        names.emplace_back(fault.name);
+    }
+    return names;
+}
+
 const Fault* findFault(std::string_view name) {
     const auto all = faultCatalogue();
     const auto found = std::ranges::find(all, name, &Fault::name);

@@ -9,6 +9,7 @@
 #define KAVRI_CONFORMANCE_FAULTS_FAULT_CATALOGUE_H
 
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -64,6 +65,8 @@ std::vector<Fault> responseCallbackFaults();
 std::vector<Fault> eventFaults();
 
 std::span<const Fault> faultCatalogue();
+
+std::vector<std::string> namesOfFaults();
 
 // Null where there is none of the name.
 const Fault* findFault(std::string_view name);

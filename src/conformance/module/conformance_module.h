@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "conformance/cases/requirements.h"
 #include "conformance/module/loader_paths.h"
 #include "conformance/module/run_limits.h"
 #include "process/child_process.h"
@@ -38,6 +39,7 @@ struct ModuleRunRequest {
     std::string fault;           // for the probe to inject; empty: none
     unsigned rounds = 1;         // how often the process runs the cases
     bool warningsFail = false;   // a case with a warning is no pass
+    Level level = Level::may;    // that the cases are judged by
     int eventsDescriptor = -1;   // where these two write
     int releaseDescriptor = -1;  // what the observer waits for between cases; -1: nothing
 };

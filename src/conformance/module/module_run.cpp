@@ -88,6 +88,7 @@ ModuleRun::ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDispl
 
 RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request) {
     assert(record_.cases().empty() && !record_.underWay());  // runs once
+    record_.judgeBy(request.level);
     request.eventsDescriptor = eventsPipe_.writeEnd.get();
     rounds_ = request.rounds;
     if (request.warningsFail) {
@@ -225,7 +226,6 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
         if (CaseReport* ended = record_.add(event)) {
             beginNextCase();  // which then runs while this one is reported
             ended->output = outputOf(ended->name);
-            display_.showCaseEnded(*ended);
             ended_(*ended);
         }
         if (event.kind == ModuleEvent::Kind::round) {
@@ -294,7 +294,6 @@ void ModuleRun::cutOff(RunEnd end) {
     } else if (end == RunEnd::signalled) {
         cut.missing.push_back("the run was stopped during the case" + place);
     }
-    display_.showCaseEnded(cut);
     ended_(cut);
 }
 

@@ -60,6 +60,7 @@ CaseReport* RunRecord::add(const ModuleEvent& event) {
     if (event.kind == Kind::began) {
         underWay_ = CaseReport{};
         underWay_->name = event.text;
+        underWay_->level = levelText(levelOf(event.text));
         underWay_->verdict = Verdict::pass;
         underWay_->beginNs = event.atNs;
         hasProbeEcho_ = false;
@@ -89,7 +90,7 @@ void RunRecord::addToCase(const ModuleEvent& event) {
     assert(underWay_);
     switch (event.kind) {
         case Kind::failed:
-            underWay_->verdict = Verdict::fail;
+            addFailure(checkIn(event));
             [[fallthrough]];
         case Kind::passed:
             addCheck(event);
@@ -121,6 +122,19 @@ void RunRecord::addToCase(const ModuleEvent& event) {
             break;
         default:
             break;  // not part of a case
+    }
+}
+
+void RunRecord::addFailure(const CheckReport& check) {
+    const Level level = levelOf(underWay_->name, check.text);
+    if (level >= level_) {
+        underWay_->verdict = Verdict::fail;
+        return;
+    }
+    const std::string remark =
+        "not required, since it is a \"" + std::string(levelText(level)) + "\": " + check.text;
+    if (std::ranges::find(underWay_->remarks, remark) == underWay_->remarks.end()) {
+        underWay_->remarks.push_back(remark);
     }
 }
 
@@ -243,7 +257,7 @@ void RunRecord::judge() {
 // A pass counts only where the record holds what the case must have done, with a
 // test service at the other end that has seen it.
 std::vector<std::string> RunRecord::whyNoPass() const {
-    std::vector<std::string> reasons = missingFrom(*underWay_);
+    std::vector<std::string> reasons = missingFrom(*underWay_, level_);
     if (peerMissing_) {
         reasons.push_back("no test service answers: " + *peerMissing_);
     }

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "conformance/cases/requirements.h"
 #include "conformance/module/module_events.h"
 #include "conformance/report/report.h"
 
@@ -41,6 +42,8 @@ class RunRecord {
 
     // Whether a case with a warning is no pass.
     void failOnWarnings() { warningsFail_ = true; }
+    // From then on checks below the level fail no case.
+    void judgeBy(Level level) { level_ = level; }
 
     // Adds an event. Returns the case that it ended, if it did.
     CaseReport* add(const ModuleEvent& event);
@@ -68,6 +71,7 @@ class RunRecord {
 
   private:
     void addToCase(const ModuleEvent& event);
+    void addFailure(const CheckReport& check);
     void addStray(const ModuleEvent& event);
     void addCall(const ModuleEvent& event, CallReport::Kind kind);
     void addCheck(const ModuleEvent& event);
@@ -78,6 +82,7 @@ class RunRecord {
     CaseReport& end(std::int64_t nowNs);
     std::vector<std::string> whyNoPass() const;
 
+    Level level_ = Level::may;
     Confirm confirm_;
     std::vector<CaseReport> cases_;  // those that have ended
     std::optional<CaseReport> underWay_;

@@ -245,12 +245,14 @@ class SuiteElement {
         std::string_view timestamp = date;
         base::takeSuffix(timestamp, "Z");
         set(element_, "timestamp", timestamp);
+        properties_ = element_.append_child("properties");
     }
 
     void add(const CaseReport& report, std::string_view bareName, const LibraryReport& library) {
         pugi::xml_node testCase = appendTestCase(element_, className_, bareName, report.seconds());
         setPlace(testCase, report);
         appendVerdict(testCase, report, library.reason);
+        appendLevel(report, bareName);
         const std::string remark = report.verdict == Verdict::pass && library.unconfirmed
                                        ? fmt::format("pass, {}\n", notConfirmedText)
                                        : "";
@@ -266,6 +268,12 @@ class SuiteElement {
             setText(appendOutcome(testCase, "failure", fault.wrong.front()),
                     fmt::format("{}\n{}", fault.description, fmt::join(fault.wrong, "\n")));
         }
+    }
+
+    // About an entry of the known failures.
+    void add(const std::string& complaint) {
+        pugi::xml_node testCase = appendTestCase(element_, className_, complaint, 0);
+        appendOutcome(testCase, "failure", "the known failures are no longer true");
     }
 
     // What a process held after its runs.
@@ -289,6 +297,9 @@ class SuiteElement {
 
     // The numbers of its cases, in it and in those of all.
     void finish(Totals& all) {
+        if (!properties_.first_child()) {
+            element_.remove_child(properties_);
+        }
         Totals own;
         for (pugi::xml_node testCase : element_.children("testcase")) {
             own.count(testCase);
@@ -298,7 +309,17 @@ class SuiteElement {
     }
 
   private:
+    // Readers allow properties of a suite only.
+    void appendLevel(const CaseReport& report, std::string_view bareName) {
+        if (!report.level.empty()) {
+            pugi::xml_node property = properties_.append_child("property");
+            set(property, "name", fmt::format("level.{}", bareName));
+            set(property, "value", report.level);
+        }
+    }
+
     pugi::xml_node element_;
+    pugi::xml_node properties_;
     std::string className_;
 };
 
@@ -329,6 +350,10 @@ std::string junitReport(const Report& report) {
         for (const FaultReport& fault : report.matrix->faults) {
             faults.add(fault);
         }
+    }
+    if (!report.complaints.empty()) {
+        SuiteElement& known = suites.emplace_back(root, "known failures", report.date);
+        std::ranges::for_each(report.complaints, [&](const auto& line) { known.add(line); });
     }
     if (report.repeats) {
         SuiteElement& growth = suites.emplace_back(root, "growth", report.date);

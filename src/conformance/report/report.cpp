@@ -15,6 +15,8 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckReport, text, place, passed, left, right
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(FaultFired, name, atNs, did)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(HangReport, call, arguments, seconds, lastPassed, stacks)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CheckKilled, caseName, check, faults)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BaselineComparison::Case, library, name, ways)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(BaselineComparison::Function, library, name, earlierP50Us, p50Us)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(WarningReport, rule, text, header, sentence, times)
 
 namespace {
@@ -70,14 +72,23 @@ static void to_json(json& result, const CallReport& call) {
 }
 
 static void to_json(json& result, const CaseReport& report) {
-    result = {{"name", report.name},         {"verdict", verdictText(report.verdict)},
-              {"beginNs", report.beginNs},   {"endNs", report.endNs},
-              {"checks", report.checks},     {"calls", report.calls},
-              {"faults", report.faults},     {"log", report.failureLines()},
-              {"missing", report.missing},   {"remarks", report.remarks},
-              {"warnings", report.warnings}, {"hang", orNull(report.hang)},
-              {"crash", report.crash},       {"crashStack", report.crashStack},
-              {"output", report.output},     {"known", report.known},
+    result = {{"name", report.name},
+              {"level", report.level},
+              {"verdict", verdictText(report.verdict)},
+              {"beginNs", report.beginNs},
+              {"endNs", report.endNs},
+              {"checks", report.checks},
+              {"calls", report.calls},
+              {"faults", report.faults},
+              {"log", report.failureLines()},
+              {"missing", report.missing},
+              {"remarks", report.remarks},
+              {"warnings", report.warnings},
+              {"hang", orNull(report.hang)},
+              {"crash", report.crash},
+              {"crashStack", report.crashStack},
+              {"output", report.output},
+              {"known", report.known},
               {"repeat", report.repeat}};
 }
 
@@ -119,6 +130,17 @@ static void to_json(json& result, const RepeatReport& repeats) {
               {"latencies", latenciesJson(repeats.latencies)}};
 }
 
+static void to_json(json& result, const BaselineComparison& comparison) {
+    result = {{"file", comparison.file},
+              {"date", comparison.date},
+              {"isWorse", comparison.isWorse()},
+              {"newlyFailing", comparison.newlyFailing},
+              {"stillFailing", comparison.stillFailing},
+              {"newlyPassing", comparison.newlyPassing},
+              {"missing", comparison.missing},
+              {"slower", comparison.slower}};
+}
+
 json toJson(const Report& report) {
     return {{"schema", 2},
             {"command", report.command},
@@ -129,7 +151,10 @@ json toJson(const Report& report) {
             {"seconds", report.seconds},
             {"libraries", report.libraries},
             {"matrix", orNull(report.matrix)},
-            {"repeats", orNull(report.repeats)}};
+            {"repeats", orNull(report.repeats)},
+            {"requirements", report.requirements},
+            {"complaints", report.complaints},
+            {"baseline", orNull(report.baseline)}};
 }
 
 std::string_view verdictText(Verdict verdict) {
@@ -170,6 +195,20 @@ std::string verdictText(const Report& report) {
 unsigned CaseReport::checksFailed() const {
     return static_cast<unsigned>(
         std::ranges::count_if(checks, [](const CheckReport& check) { return !check.passed; }));
+}
+
+bool CaseReport::hasFailed() const {
+    return verdict == Verdict::fail || verdict == Verdict::timeout || verdict == Verdict::crash;
+}
+
+std::vector<std::string> CaseReport::failedChecks() const {
+    std::vector<std::string> texts;
+    for (const CheckReport& check : checks) {
+        if (!check.passed && std::ranges::find(texts, check.text) == texts.end()) {
+            texts.push_back(check.text);
+        }
+    }
+    return texts;
 }
 
 std::string WarningReport::line() const {
@@ -249,6 +288,9 @@ Verdict verdictOn(const Report& report) {
     const auto add = [&verdicts](bool passed) {
         verdicts.push_back(passed ? Verdict::pass : Verdict::fail);
     };
+    if (!report.complaints.empty()) {
+        add(false);
+    }
     if (report.matrix) {
         add(report.matrix->isProven());
     }

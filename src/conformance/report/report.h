@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/latencies.h"
+#include "conformance/report/baseline_comparison.h"
 
 namespace kavri::conformance {
 
@@ -79,7 +80,8 @@ struct WarningReport {
 };
 
 struct CaseReport {
-    std::string name;  // "suite/case"
+    std::string name;   // "suite/case"
+    std::string level;  // how much the interface demands of what it looks at: "must", …
     Verdict verdict = Verdict::notRun;
     std::int64_t beginNs = 0;
     std::int64_t endNs = 0;
@@ -98,6 +100,8 @@ struct CaseReport {
 
     double seconds() const { return static_cast<double>(endNs - beginNs) / 1e9; }
     unsigned checksFailed() const;
+    bool hasFailed() const;                         // by fault of the library
+    std::vector<std::string> failedChecks() const;  // their texts, each once
     std::vector<std::string> failureLines() const;  // of the failed checks
 };
 
@@ -197,6 +201,9 @@ struct Report {
     std::optional<RepeatReport> repeats;
     // Why there is something that was not run; empty: there is nothing.
     std::string reason;
+    nlohmann::json requirements = nlohmann::json::array();  // the levels of cases and checks
+    std::vector<std::string> complaints;  // about known failures that are no longer true
+    std::optional<BaselineComparison> baseline;
 };
 
 // Of all that was to be run. Never a pass or failure where the report has a reason: what

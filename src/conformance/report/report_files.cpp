@@ -3,12 +3,11 @@
 
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <fstream>
 #include <system_error>
 
 #include "conformance/report/html/report_page.h"
 #include "conformance/report/junit_report.h"
+#include "conformance/report/whole_file.h"
 #include "process/exit_status.h"
 
 namespace kavri::conformance {
@@ -49,31 +48,13 @@ void ReportFiles::writeAll(const Report& report, bool isLast) {
     }
 }
 
-// Writes a new file and renames it over the old one; but a device or pipe is written to.
 void ReportFiles::write(const fs::path& file, const std::string& text, bool isLast) {
-    std::error_code error;
-    const bool isReplaced = !fs::exists(file, error) || fs::is_regular_file(file, error);
-    if (!isReplaced && !isLast && !fs::is_directory(file, error)) {
+    if (!isLast && isStream(file)) {
         return;
     }
-    const fs::path fresh = isReplaced ? file.string() + ".new" : file.string();
-    errno = 0;
-    std::ofstream stream(fresh, std::ios::binary | std::ios::trunc);
-    stream << text;
-    stream.close();
-    error = std::error_code(stream ? 0 : (errno != 0 ? errno : EIO), std::generic_category());
-    if (!error && isReplaced) {
-        fs::rename(fresh, file, error);
-    }
-    if (error) {
-        std::error_code ignored;
-        if (isReplaced) {
-            fs::remove(fresh, ignored);
-        }
-        if (complaint_.empty()) {
-            complaint_ = fmt::format("cannot write {}: {}{}", file.string(), error.message(),
-                                     isReplaced ? "; what was there before is kept" : "");
-        }
+    const std::string complaint = writeWholeFile(file, text);
+    if (complaint_.empty()) {
+        complaint_ = complaint;
     }
 }
 

@@ -2,13 +2,10 @@
 #include "conformance/report/run_display.h"
 
 #include <fmt/format.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <ostream>
 
-#include "base/environment.h"
 #include "base/text_scanner.h"
 
 namespace kavri::conformance {
@@ -17,8 +14,12 @@ namespace {
 
 constexpr std::string_view green = "\x1b[32m";
 constexpr std::string_view red = "\x1b[31m";
+constexpr std::string_view yellow = "\x1b[33m";
 constexpr std::string_view plain = "\x1b[0m";
-constexpr std::string_view eraseLine = "\r\x1b[K";
+
+bool isPassedOrNotRun(Verdict verdict) {
+    return verdict == Verdict::pass || verdict == Verdict::notRun;
+}
 
 // Of a case; right libraries and wrong ones come nowhere near, unless they call back
 // without end.
@@ -30,75 +31,70 @@ std::string counted(unsigned long count, std::string_view noun) {
 
 }  // namespace
 
-DisplayStyle DisplayStyle::ofStandardOutput() {
-    DisplayStyle style;
-    const std::string terminal = base::environmentVariable("TERM");
-    style.terminal = isatty(STDOUT_FILENO) == 1 && !terminal.empty() && terminal != "dumb";
-    style.colour = style.terminal && base::environmentVariable("NO_COLOR").empty();
-    winsize size{};
-    if (style.terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
-        style.columns = size.ws_col;
-    }
-    return style;
-}
-
 RunDisplay::RunDisplay(std::ostream& results, std::ostream& others, DisplayStyle style,
                        const std::vector<std::string>& cases)
-    : results_(results), others_(others), style_(style), caseCount_(cases.size()), nameWidth_(0) {
+    : results_(results),
+      others_(others),
+      style_(style),
+      caseCount_(cases.size()),
+      nameWidth_(0),
+      progress_(results_, style_) {
     for (const std::string& name : cases) {
         nameWidth_ = std::max(nameWidth_, name.size());
     }
 }
 
 void RunDisplay::showOpening(const std::string& library, const std::string& broker) {
-    results_ << fmt::format("core library {}, {}\n", printable(library), printable(broker))
-             << std::flush;
+    showLine(fmt::format("core library {}, {}", printable(library), printable(broker)));
+    results_.flush();
 }
 
 void RunDisplay::showCaseUnderWay(const CaseReport& report, double seconds) {
-    replaceProgress(fmt::format("{:<{}}  running {:>4.1f} s  {}", report.name, nameWidth_, seconds,
-                                counted(report.checks.size(), "check")));
+    const std::string state =
+        fmt::format("  running {:>4.1f} s  {}", seconds, counted(report.checks.size(), "check"));
+    const std::string line = fmt::format("{:<{}}{}", report.name, nameWidth_, state);
+    progress_.show(line.size() < style_.columns
+                       ? line
+                       : report.name.substr(report.name.rfind('/') + 1) + state);
 }
 
 void RunDisplay::showProgress(std::string_view what, size_t done, size_t all) {
     constexpr size_t barColumns = 30;
     const size_t filled = all == 0 ? 0 : barColumns * done / all;
-    replaceProgress(fmt::format("{}  [{}{}] {}/{}", what, std::string(filled, '#'),
-                                std::string(barColumns - filled, ' '), done, all));
+    progress_.show(fmt::format("{}  [{}{}] {}/{}", what, std::string(filled, '#'),
+                               std::string(barColumns - filled, ' '), done, all));
 }
 
-void RunDisplay::replaceProgress(std::string line) {
-    if (!style_.terminal) {
-        return;
-    }
-    // A line that wraps could not be replaced.
-    line.resize(std::min<size_t>(line.size(), style_.columns - 1));
-    if (line != progress_) {
-        results_ << eraseLine << line << std::flush;
-        progress_ = line;
-    }
+void RunDisplay::showLine(std::string_view line) {
+    results_ << fitted(line, style_) << '\n';
 }
 
 void RunDisplay::showCaseEnded(const CaseReport& report) {
     clearProgress();
     const unsigned failures = report.checksFailed();
     const std::string failed = failures > 0 ? fmt::format("  ({} failed)", failures) : "";
-    const std::string verdict = coloured(fmt::format("{:<7}", verdictText(report.verdict)),
-                                         report.verdict == Verdict::pass ? green : red);
+    const bool isKnown = !report.known.empty();
+    const std::string_view verdict = isKnown ? "known" : verdictText(report.verdict);
+    const std::string_view colour = isKnown                           ? yellow
+                                    : report.verdict == Verdict::pass ? green
+                                                                      : red;
+    constexpr size_t verdictWidth = 7;
+    const std::string padding(verdictWidth - std::min(verdictWidth, verdict.size()), ' ');
     const std::string warned =
         report.warnings.empty() ? ""
                                 : fmt::format("  ({})", counted(report.warnings.size(), "warning"));
-    results_ << fmt::format("{:<{}}  {}  {:>10}  {:>9}{}{}\n", report.name, nameWidth_, verdict,
-                            counted(report.checks.size(), "check"), durationText(report.seconds()),
-                            failed, warned);
+    showLine(fmt::format("{:<{}}  {}{}  {:>10}  {:>9}{}{}", report.name, nameWidth_,
+                         coloured(verdict, colour), padding, counted(report.checks.size(), "check"),
+                         durationText(report.seconds()), failed, warned));
     showDetails(report);
     results_.flush();
 }
 
 void RunDisplay::showDetails(const CaseReport& report) {
-    const auto show = [this](std::string_view line) {
-        results_ << "    " << printable(line) << '\n';
-    };
+    const auto show = [this](std::string_view line) { showLine("    " + printable(line)); };
+    if (!report.known.empty()) {
+        show(fmt::format("{}, as expected: {}", verdictText(report.verdict), report.known));
+    }
     const std::vector<std::string> failures = report.failureLines();
     for (size_t i = 0; i < std::min(failures.size(), failuresShown); ++i) {
         show(failures[i]);
@@ -134,7 +130,23 @@ void RunDisplay::showForeignLine(std::string_view line) {
 
 void RunDisplay::showRemark(std::string_view line) {
     clearProgress();
-    results_ << printable(line) << '\n' << std::flush;
+    showLine(printable(line));
+    results_.flush();
+}
+
+void RunDisplay::showFailed(const std::vector<CaseReport>& cases) {
+    clearProgress();
+    bool isFirst = true;
+    for (const CaseReport& report : cases) {
+        if (isPassedOrNotRun(report.verdict) || !report.known.empty()) {
+            continue;
+        }
+        results_ << (isFirst ? "failed, and how to run it again:\n" : "");
+        showLine(fmt::format("  {}, {}", report.name, verdictText(report.verdict)));
+        results_ << (report.repeat.empty() ? "" : "    " + report.repeat + "\n");
+        isFirst = false;
+    }
+    results_.flush();
 }
 
 void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double seconds) {
@@ -148,14 +160,18 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
         checks += report.checks.size();
         failed += report.checksFailed();
     }
-    const auto notRun = casesWith(Verdict::notRun);
-    const auto warned = casesWithWarnings(cases);
-    results_ << fmt::format(
-                    "{}, {} passed{}{}; {}, {} passed, {} failed; {}", counted(caseCount_, "case"),
-                    casesWith(Verdict::pass), notRun > 0 ? fmt::format(", {} not run", notRun) : "",
-                    warned > 0 ? fmt::format(", {} with warnings", warned) : "",
-                    counted(checks, "check"), checks - failed, failed, durationText(seconds))
-             << std::endl;
+    const auto unlessNone = [](std::ptrdiff_t count, std::string_view what) {
+        return count > 0 ? fmt::format(", {} {}", count, what) : "";
+    };
+    const auto known = std::ranges::count_if(
+        cases, [](const CaseReport& report) { return !report.known.empty(); });
+    showLine(fmt::format("{}, {} passed{}{}{}; {}, {} passed, {} failed; {}",
+                         counted(caseCount_, "case"), casesWith(Verdict::pass),
+                         unlessNone(known, "known to fail"),
+                         unlessNone(casesWith(Verdict::notRun), "not run"),
+                         unlessNone(casesWithWarnings(cases), "with warnings"),
+                         counted(checks, "check"), checks - failed, failed, durationText(seconds)));
+    results_.flush();
 }
 
 void RunDisplay::showConfirmation(const LibraryReport& library) {
@@ -208,13 +224,6 @@ void RunDisplay::showMatrix(const MatrixReport& matrix) {
         matrix.faults.size(), std::ssize(matrix.faults) - invisible - wrong, warned, invisible,
         wrong, matrix.checks.size(), std::ssize(matrix.checks) - survived,
         durationText(matrix.seconds)));
-}
-
-void RunDisplay::clearProgress() {
-    if (!progress_.empty()) {
-        results_ << eraseLine << std::flush;
-        progress_.clear();
-    }
 }
 
 std::string RunDisplay::coloured(std::string_view text, std::string_view colour) const {

@@ -11,19 +11,13 @@
 #include <string_view>
 #include <vector>
 
+#include "base/terminal.h"
 #include "conformance/report/printable.h"
 #include "conformance/report/report.h"
 
 namespace kavri::conformance {
 
-struct DisplayStyle {
-    bool terminal = false;  // lines can be replaced
-    bool colour = false;
-    unsigned columns = 80;
-
-    // What fits this process' standard output and its environment.
-    static DisplayStyle ofStandardOutput();
-};
+using base::DisplayStyle;
 
 class RunDisplay {
   public:
@@ -43,6 +37,8 @@ class RunDisplay {
     void showRemark(std::string_view line);
     void showRepeats(const RepeatReport& repeats, double seconds);
     void showMatrix(const MatrixReport& matrix);
+    // The cases that failed, known failures apart, and what runs each again.
+    void showFailed(const std::vector<CaseReport>& cases);
     void showClosing(const std::vector<CaseReport>& cases, double seconds);
     // A line for a pass that the other side does not confirm.
     void showConfirmation(const LibraryReport& library);
@@ -50,11 +46,12 @@ class RunDisplay {
     void showProgress(std::string_view what, size_t done, size_t all);
 
     // Erases the line that is replaced, before other output.
-    void clearProgress();
+    void clearProgress() { progress_.clear(); }
 
   private:
-    void replaceProgress(std::string line);
     void showDetails(const CaseReport& report);
+    // As it fits, and with a line break.
+    void showLine(std::string_view line);
     std::string coloured(std::string_view text, std::string_view colour) const;
 
     std::ostream& results_;
@@ -62,7 +59,7 @@ class RunDisplay {
     DisplayStyle style_;
     size_t caseCount_;
     size_t nameWidth_;
-    std::string progress_;  // the line on the terminal that is replaced
+    base::ProgressLine progress_;  // the line on the terminal that is replaced
 };
 
 std::string durationText(double seconds);

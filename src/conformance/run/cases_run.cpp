@@ -25,6 +25,7 @@ bool endedInOrder(const process::ExitState& exit) {
 CaseReport notRun(const std::string& name, const std::string& why) {
     CaseReport report;
     report.name = name;
+    report.level = levelText(levelOf(name));
     if (!why.empty()) {
         report.missing.push_back(why);
     }
@@ -132,6 +133,7 @@ bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& 
             round.outcome.cases.push_back(report);
             std::erase(round.left, report.name);
             progress(round.outcome.cases);
+            display_.showCaseEnded(round.outcome.cases.back());
         },
         roundEnded);
     const RunEnd end = moduleRun.run(module_, request);

@@ -23,8 +23,9 @@ struct CasesOutcome {
 
 class CasesRun {
   public:
-    // Called after each case, with all that have ended.
-    using Progress = std::function<void(const std::vector<CaseReport>&)>;
+    // Called after each case with all that have ended, before the last of them is shown:
+    // it may add to them what only the whole run knows.
+    using Progress = std::function<void(std::vector<CaseReport>&)>;
 
     // All of these must outlive this.
     CasesRun(const ConformanceModule& module, const OtherEnd& otherEnd, const RunLimits& limits,

@@ -3,7 +3,6 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <cassert>
@@ -12,10 +11,15 @@
 #include <iostream>
 #include <thread>
 
+#include "base/shell_words.h"
+#include "conformance/cases/case_listing.h"
+#include "conformance/cases/expectation_list.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/module/module_arguments.h"
 #include "conformance/module/preflight.h"
+#include "conformance/report/whole_file.h"
 #include "conformance/run/kill_matrix.h"
+#include "conformance/run/repeat_command.h"
 #include "conformance/run/repeats.h"
 #include "process/exit_text.h"
 #include "process/temporary_folder.h"
@@ -45,21 +49,6 @@ double secondsSince(RunLimits::Clock::time_point begin) {
     return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
 }
 
-// A word of a command line as a shell takes it.
-std::string shellQuoted(const std::string& word) {
-    const bool isPlain = word.find_first_not_of(
-                             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                             "0123456789-_./=,:") == std::string::npos;
-    if (isPlain && !word.empty()) {
-        return word;
-    }
-    std::string result = "'";
-    for (const char c : word) {
-        result += c == '\'' ? "'\\''" : std::string(1, c);
-    }
-    return result + "'";
-}
-
 process::ExitStatus statusFor(Verdict verdict) {
     switch (verdict) {
         case Verdict::pass:
@@ -75,6 +64,12 @@ process::ExitStatus statusFor(Verdict verdict) {
             break;
     }
     return process::ExitStatus::ended;
+}
+
+void throwIfNotWritten(const std::string& complaint) {
+    if (!complaint.empty()) {
+        throw process::CommandFailure(process::ExitStatus::couldNotRun, complaint);
+    }
 }
 
 std::string cutOffText(const CaseReport& report) {
@@ -129,9 +124,7 @@ process::ExitStatus ConformanceRun::run() {
 // before anything is started.
 void ConformanceRun::prepare() {
     checkModuleArguments(plan_.moduleArguments);
-    if (!plan_.expectations.empty()) {
-        expectations_ = Expectations::read(plan_.expectations);
-    }
+    readEarlierResults();
     files_ = KitFiles::find();
     if (!plan_.serviceRecord.empty()) {
         evidence_.emplace(std::filesystem::path(plan_.serviceRecord));
@@ -160,14 +153,40 @@ void ConformanceRun::runLibraries() {
     }
 }
 
+// Known failures, their next list, and the baseline: what is wrong with their files.
+void ConformanceRun::readEarlierResults() {
+    if (!plan_.expectations.empty()) {
+        expectations_ = Expectations::read(plan_.expectations);
+    }
+    if (!plan_.baseline.empty()) {
+        baseline_ = Baseline::read(plan_.baseline);
+    }
+    if (!plan_.writtenExpectations.empty()) {
+        throwIfNotWritten(whyNotWritable(plan_.writtenExpectations));
+    }
+}
+
+void ConformanceRun::compareWithBaseline() {
+    if (!baseline_) {
+        return;
+    }
+    report_.baseline = baseline_->compare(report_, [this](const std::string& name) {
+        return isSelected(name, plan_.casePatterns) && levelOf(name) >= plan_.level;
+    });
+    for (const std::string& line : comparisonLines(*report_.baseline)) {
+        std::cout << fitted(line, DisplayStyle::ofStandardOutput()) << '\n';
+    }
+    std::cout << std::flush;
+}
+
 Report ConformanceRun::openingReport() const {
     Report report;
-    report.command = "kavri";
-    for (const std::string& word : plan_.invocation) {
-        report.command += " " + shellQuoted(word);
-    }
+    std::vector<std::string> words = {"kavri"};
+    words.insert(words.end(), plan_.invocation.begin(), plan_.invocation.end());
+    report.command = base::shellCommand(words);
     report.date = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
     report.tool = plan_.tool;
+    report.requirements = requirementsJson();
     report.reason = notEndedYet;
     report.libraries.resize(std::max<size_t>(1, plan_.libraries.size()));
     for (size_t i = 0; i < report.libraries.size(); ++i) {
@@ -197,35 +216,6 @@ std::string ConformanceRun::nameOf(size_t library) const {
 // Of the library under test; none: the module finds it by itself.
 std::optional<std::string> ConformanceRun::folder() const {
     return plan_.libraries.empty() ? std::nullopt : std::optional(plan_.libraries[current_]);
-}
-
-// The command that runs one case again.
-std::string ConformanceRun::commandFor(const std::string& caseName) const {
-    std::vector<std::string> words = {"kavri", "conformance"};
-    const auto add = [&words](const char* option, const std::string& value) {
-        words.emplace_back(option);
-        words.push_back(shellQuoted(value));
-    };
-    if (plan_.socket) {
-        add("--socket", *plan_.socket);
-    }
-    if (plan_.ownBroker) {
-        words.emplace_back("--own-broker");
-    }
-    if (!plan_.serviceRecord.empty()) {
-        add("--service-record", plan_.serviceRecord);
-    }
-    if (plan_.strict) {
-        words.emplace_back("--strict");
-    }
-    if (!plan_.fault.empty()) {
-        add("--fault", plan_.fault);
-    }
-    if (const auto library = folder()) {
-        add("--library", *library);
-    }
-    add("--case", caseName);
-    return fmt::format("{}", fmt::join(words, " "));
 }
 
 std::string ConformanceRun::brokerText() const {
@@ -264,18 +254,20 @@ ModuleRunRequest ConformanceRun::requestFor(const LibraryRun& library,
     request.userArguments = plan_.moduleArguments;
     request.fault = plan_.fault;
     request.warningsFail = plan_.strict;
+    request.level = plan_.level;
     return request;
 }
 
 void ConformanceRun::runLibrary() {
     const LibraryRun library(files_, folder(), limits_);
     const std::vector<std::string> cases =
-        library.select(plan_.casePatterns, limits_, watchdog().callLimit);
+        atLevel(library.select(plan_.casePatterns, limits_, watchdog().callLimit), plan_.level);
     RunDisplay display(std::cout, std::cerr, DisplayStyle::ofStandardOutput(), cases);
     report().core = library.core();
     report().cases.resize(cases.size());
     for (size_t i = 0; i < cases.size(); ++i) {
         report().cases[i].name = cases[i];
+        report().cases[i].level = levelText(levelOf(cases[i]));
     }
     if (plan_.repeat) {
         repeat(library, cases, display);
@@ -293,20 +285,12 @@ void ConformanceRun::runLibrary() {
     }
 }
 
-void ConformanceRun::markKnownFailures(std::vector<CaseReport>& cases) {
-    if (expectations_) {
-        expectations_->apply(cases);
-    }
-}
-
-// `cases`: those that have ended.
-void ConformanceRun::addToReport(const std::vector<CaseReport>& cases) {
-    for (const CaseReport& ended : cases) {
+// `cases`: those that have ended. Completes them.
+void ConformanceRun::addToReport(std::vector<CaseReport>& cases) {
+    expectations_.apply(cases);
+    for (CaseReport& ended : cases) {
+        ended.repeat = repeatCommand(plan_, folder(), ended.name);
         *std::ranges::find(report().cases, ended.name, &CaseReport::name) = ended;
-    }
-    markKnownFailures(report().cases);
-    for (CaseReport& each : report().cases) {
-        each.repeat = commandFor(each.name);
     }
     report().seconds = secondsSince(casesBegun_);
     writeFiles();
@@ -344,13 +328,13 @@ void ConformanceRun::runOnce(const LibraryRun& library, const std::vector<std::s
     casesBegun_ = Clock::now();
     CasesRun run(library.module(), own ? own->asOtherEnd() : foreignEnd(), limits_, display,
                  watchdog());
-    const CasesOutcome outcome =
-        run.run(request, cases, [&](const auto& soFar) { addToReport(soFar); });
+    const CasesOutcome outcome = run.run(request, cases, [&](auto& soFar) { addToReport(soFar); });
     if (worstOf(outcome.cases) != Verdict::pass) {
         for (const std::string& line : outcome.brokerLines) {
             display.showForeignLine(line);
         }
     }
+    display.showFailed(report().cases);
     display.showClosing(report().cases, report().seconds);
     if (own && !own->evidence().hasSeenRequests()) {
         display.showRemark(
@@ -402,9 +386,9 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
         .failsOnGrowth = plan_.failsOnLeaks,
         .otherEnd = plan_.startsBrokers() ? std::nullopt : std::optional(foreignEnd())};
     casesBegun_ = Clock::now();
-    const RepeatOutcome outcome = runRepeatedly(
+    RepeatOutcome outcome = runRepeatedly(
         {files_, library, limits_, watchdog()}, repeatPlan, request, cases,
-        [this](auto& ended) { markKnownFailures(ended); },
+        [this](auto& ended) { expectations_.apply(ended); },
         [&](unsigned done, unsigned passed) {
             display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
         });
@@ -415,6 +399,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
             display.showCaseEnded(each);
         }
     }
+    display.showFailed(report().cases);
     display.showRepeats(outcome.report, report().seconds);
     if (outcome.end != RunEnd::moduleEnded) {
         limits_.giveUp(fmt::format("after {} runs", outcome.report.runs));
@@ -443,19 +428,31 @@ void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
     writeFiles();
 }
 
+// With a baseline, failures that it has do not count, whatever the verdict.
+process::ExitStatus ConformanceRun::exitStatus() const {
+    const process::ExitStatus status = failure_.value_or(statusFor(verdictOn(report_)));
+    if (!report_.baseline || status == process::ExitStatus::couldNotRun ||
+        status == process::ExitStatus::usage) {
+        return status;
+    }
+    return report_.baseline->isWorse() || !report_.complaints.empty() ? process::ExitStatus::failed
+                                                                      : process::ExitStatus::passed;
+}
+
 process::ExitStatus ConformanceRun::judge() {
     const auto incomplete = std::ranges::find_if(
         report_.libraries, [](const LibraryReport& each) { return !each.reason.empty(); });
     report_.reason = incomplete == report_.libraries.end() ? "" : incomplete->reason;
+    report_.complaints = expectations_.complaints();
+    compareWithBaseline();
     finishFiles();
-    process::ExitStatus status = failure_.value_or(statusFor(verdictOn(report_)));
-    const std::vector<std::string> complaints =
-        expectations_ ? expectations_->complaints() : std::vector<std::string>();
-    for (const std::string& complaint : complaints) {
-        std::cerr << "kavri conformance: " << complaint << std::endl;
+    if (!plan_.writtenExpectations.empty() && report_.reason.empty()) {
+        throwIfNotWritten(
+            writeWholeFile(plan_.writtenExpectations, expectationList(report_, expectations_)));
     }
-    if (!complaints.empty() && status == process::ExitStatus::passed) {
-        status = process::ExitStatus::failed;
+    const process::ExitStatus status = exitStatus();
+    for (const std::string& complaint : report_.complaints) {
+        std::cerr << "kavri conformance: " << complaint << std::endl;
     }
     if (!reportFiles_->complaint().empty()) {
         throw process::CommandFailure(

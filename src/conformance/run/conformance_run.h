@@ -9,6 +9,7 @@
 
 #include "conformance/cases/expectations.h"
 #include "conformance/module/run_limits.h"
+#include "conformance/report/baseline.h"
 #include "conformance/report/report_files.h"
 #include "conformance/run/library_run.h"
 #include "process/exit_status.h"
@@ -17,6 +18,7 @@ namespace kavri::conformance {
 
 // What the user asked for.
 struct RunPlan {
+    std::string program = "kavri";        // as it was called
     std::string tool;                     // its name and version, for the report
     std::vector<std::string> invocation;  // the whole command line, for the report
     std::optional<std::string> socket;
@@ -25,6 +27,7 @@ struct RunPlan {
     std::vector<std::string> libraries;  // folders; none: the library that the module finds
     std::vector<std::string> names;      // of the libraries in the reports, as far as given
     std::vector<std::string> casePatterns;
+    Level level = Level::may;              // of the cases, and of the checks that count
     std::optional<double> timeoutSeconds;  // of the whole run
     double callTimeoutSeconds = 10;
     double timeScale = 1;
@@ -36,8 +39,10 @@ struct RunPlan {
     bool failsOnLeaks = false;  // with repeats: growth is a failure
     // Warnings count as failures, and a pass that the other side does not confirm is none.
     bool strict = false;
-    unsigned jobs = 0;         // at a time; 0: as many as suit the machine
-    std::string expectations;  // a file; empty: none
+    unsigned jobs = 0;                // at a time; 0: as many as suit the machine
+    std::string expectations;         // a file; empty: none
+    std::string writtenExpectations;  // a file; empty: none
+    std::string baseline;             // a JSON report; empty: none
     ReportPlaces reports;
     std::vector<std::string> moduleArguments;
 
@@ -66,7 +71,6 @@ class ConformanceRun {
     std::string nameOf(std::size_t library) const;
     std::optional<std::string> folder() const;
     LibraryReport& report() { return report_.libraries[current_]; }
-    std::string commandFor(const std::string& caseName) const;
     std::string brokerText() const;
     OtherEnd foreignEnd();
     WatchdogSettings watchdog() const;
@@ -82,13 +86,15 @@ class ConformanceRun {
     void repeat(const LibraryRun& library, const std::vector<std::string>& cases,
                 RunDisplay& display);
     void prove(const LibraryRun& library, RunDisplay& display);
-    void markKnownFailures(std::vector<CaseReport>& cases);
-    void addToReport(const std::vector<CaseReport>& cases);
+    void readEarlierResults();
+    void compareWithBaseline();
+    void addToReport(std::vector<CaseReport>& cases);
     void noteWhyIncomplete(const std::string& reason);
     void writeFiles();
     void finishFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;
+    process::ExitStatus exitStatus() const;
     process::ExitStatus judge();
 
     const RunPlan& plan_;
@@ -101,7 +107,8 @@ class ConformanceRun {
     std::size_t current_ = 0;  // the library under test, in the report and the plan
     std::optional<process::ExitStatus> failure_;  // of the first library that was not run
     std::optional<ReportFiles> reportFiles_;
-    std::optional<Expectations> expectations_;
+    Expectations expectations_;
+    std::optional<Baseline> baseline_;
 };
 
 }  // namespace kavri::conformance

@@ -75,10 +75,30 @@ BOOST_AUTO_TEST_CASE(aPatternMatchesTheCaseOrTheSuiteAndCase) {
         {{"send/*"}, {"send/sendPass", "send/repeatEcho"}},
         {{"*/repeatEven[rst]"}, {"event/repeatEvent"}},
         {{"repeatEvent", "sendPass"}, {"send/sendPass", "event/repeatEvent"}},
-        {{"repeatEvent", "nothing"}, {"event/repeatEvent"}},
     };
     for (const auto& [patterns, selected] : expectations) {
         checkSame(selectCases(names, patterns), selected);
+    }
+}
+
+BOOST_AUTO_TEST_CASE(eachPatternMustMatch) {
+    BOOST_CHECK_EXCEPTION(
+        selectCases(names, {"repeatEvent", "nothing"}), CommandFailure,
+        [](const CommandFailure& failure) {
+            return std::string(failure.what()).starts_with("no case matches 'nothing'; there are ");
+        });
+}
+
+BOOST_AUTO_TEST_CASE(aNameThatIsCloseIsSuggested) {
+    for (const auto& [typed, meant] :
+         {std::pair("sendpass", "sendPass"), std::pair("snd/sendPass", "send/sendPass"),
+          std::pair("repeatEcoh", "repeatEcho")}) {
+        BOOST_CHECK_EXCEPTION(selectCases(names, {typed}), CommandFailure,
+                              [&](const CommandFailure& failure) {
+                                  return std::string(failure.what())
+                                      .starts_with(std::string("no case matches '") + typed +
+                                                   "'; did you mean '" + meant + "'? there are ");
+                              });
     }
 }
 

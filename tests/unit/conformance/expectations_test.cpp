@@ -175,11 +175,13 @@ BOOST_AUTO_TEST_CASE(oneOfSeveralRunsIsEnoughForAnEntryToBeTrue) {
 }
 
 BOOST_AUTO_TEST_CASE(anUnknownCaseIsRefusedWithTheNearest) {
-    checkRefused("\ninitiatorRepeatEko # why",
-                 ":2: no case 'initiatorRepeatEko'; did you mean 'initiatorRepeatEcho'?");
+    checkRefused(
+        "\ninitiatorRepeatEko # why",
+        ":2: no case 'initiatorRepeatEko'; did you mean 'initiatorRepeatEcho'? see --list");
     checkRefused("initiatorSent/initiatorSendPas: a == b # why",
                  ":1: no case 'initiatorSent/initiatorSendPas'; did you mean "
-                 "'initiatorSend/initiatorSendPass'?");
+                 "'initiatorSend/initiatorSendPass'? see --list");
+    checkRefused("somethingElse # why", ":1: no case 'somethingElse'; see --list");
 }
 
 BOOST_AUTO_TEST_CASE(aReasonMustBeGiven) {

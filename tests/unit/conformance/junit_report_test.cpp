@@ -342,6 +342,28 @@ BOOST_AUTO_TEST_CASE(theFaultsAreASuiteOfTheirOwn) {
                std::string("loses a request\nno case noticed it\nand more"));
 }
 
+BOOST_AUTO_TEST_CASE(entriesThatAreNotTrueAreFailures) {
+    report.libraries.clear();
+    report.complaints = {"known.txt:1: unexpected pass", "known.txt:2: matched nothing"};
+    const pugi::xml_node suite = parse().child("testsuite");
+    checkTotals(suite, "2", "2", "0", "0");
+    BOOST_TEST(attribute(suite, "name") == "known failures");
+    BOOST_TEST(attribute(suite.child("testcase"), "name") == "known.txt:1: unexpected pass");
+}
+
+BOOST_AUTO_TEST_CASE(levelsArePropertiesOfTheSuite) {
+    addCase("send/pass", Verdict::pass).level = "must";
+    addCase("send/echo", Verdict::fail).level = "should";
+    addCase("event/none", Verdict::pass);
+    const pugi::xml_node root = parse();
+    const pugi::xml_node properties = root.child("testsuite").first_child();
+    BOOST_TEST(properties.name() == std::string("properties"));
+    const pugi::xml_node echo = properties.find_child_by_attribute("name", "level.echo");
+    BOOST_TEST(attribute(echo, "value") == "should");
+    BOOST_TEST(std::distance(properties.begin(), properties.end()) == 2);
+    BOOST_TEST(!root.last_child().child("properties"));
+}
+
 BOOST_AUTO_TEST_CASE(aReportOfNothingIsReadToo) {
     report.libraries.clear();
     checkTotals(parse(), "0", "0", "0", "0");

@@ -25,6 +25,7 @@ void checkMembers(const Json& object, const Names& expected) {
 CaseReport ended(Verdict verdict) {
     CaseReport report;
     report.name = "send/echo";
+    report.level = "must";
     report.verdict = verdict;
     return report;
 }
@@ -85,6 +86,12 @@ Report fullReport() {
     matrix.checks = {{"send/echo", "a == b", {"send-lost"}}};
     matrix.seconds = 30;
     report.repeats = RepeatReport{3, 2, {{"module, threads", 1, 2, 4}}};
+    report.complaints = {"known.txt:1: matched nothing"};
+    BaselineComparison& comparison = report.baseline.emplace();
+    comparison.file = "earlier.json";
+    comparison.date = "2026-11-19T12:00:00Z";
+    comparison.newlyFailing = {{"/opt/lib", "send/echo", {"a == b"}}};
+    comparison.slower = {{"/opt/lib", "send", 1, 200}};
     return report;
 }
 
@@ -94,17 +101,18 @@ BOOST_AUTO_TEST_SUITE(json)
 
 BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     const Json report = toJson(fullReport());
-    checkMembers(report, {"schema", "command", "date", "tool", "verdict", "reason", "seconds",
-                          "libraries", "matrix", "repeats"});
+    checkMembers(report,
+                 {"schema", "command", "date", "tool", "verdict", "reason", "seconds", "libraries",
+                  "matrix", "repeats", "requirements", "complaints", "baseline"});
     const Json& library = report["libraries"][0];
     checkMembers(library, {"name", "core", "broker", "seconds", "verdict", "reason", "confirmed",
                            "cases", "latencies"});
     checkMembers(library["latencies"], {"send"});
     checkMembers(library["latencies"]["send"], {"count", "p50Us", "p90Us", "p99Us", "maxUs"});
     const Json& first = library["cases"][0];
-    checkMembers(first, {"name", "verdict", "beginNs", "endNs", "checks", "calls", "faults", "log",
-                         "missing", "remarks", "warnings", "hang", "crash", "crashStack", "output",
-                         "known", "repeat"});
+    checkMembers(first, {"name", "level", "verdict", "beginNs", "endNs", "checks", "calls",
+                         "faults", "log", "missing", "remarks", "warnings", "hang", "crash",
+                         "crashStack", "output", "known", "repeat"});
     checkMembers(first["warnings"][0], {"rule", "text", "header", "sentence", "times"});
     checkMembers(first["checks"][0],
                  {"text", "place", "passed", "left", "right", "message", "atNs", "thread"});
@@ -119,6 +127,10 @@ BOOST_AUTO_TEST_CASE(eachObjectHasItsDocumentedMembers) {
     checkMembers(matrix["faults"][0], {"name", "description", "clause", "unnoticedBecause", "fired",
                                        "seconds", "cases", "wrong"});
     checkMembers(matrix["checks"][0], {"caseName", "check", "faults"});
+    checkMembers(report["baseline"], {"file", "date", "isWorse", "newlyFailing", "stillFailing",
+                                      "newlyPassing", "missing", "slower"});
+    checkMembers(report["baseline"]["newlyFailing"][0], {"library", "name", "ways"});
+    checkMembers(report["baseline"]["slower"][0], {"library", "name", "earlierP50Us", "p50Us"});
     checkMembers(report["repeats"], {"runs", "passed", "growth", "latencies", "failsOnGrowth"});
     checkMembers(report["repeats"]["growth"][0],
                  {"what", "first", "last", "most", "slope", "grows"});
@@ -147,6 +159,7 @@ BOOST_AUTO_TEST_CASE(aCaseHoldsItsWholeRecord) {
     const Json whole = toJson(fullReport())["libraries"][0]["cases"][0];
     const Json expected = {
         {"name", "send/echo"},
+        {"level", "must"},
         {"verdict", "timeout"},
         {"beginNs", 100},
         {"endNs", 900},
@@ -211,6 +224,12 @@ BOOST_AUTO_TEST_CASE(theMatrixAndTheRepeatsHoldWhatWasKnown) {
     BOOST_TEST(report["matrix"]["checks"].dump() ==
                R"([{"caseName":"send/echo","check":"a == b","faults":["send-lost"]}])");
     BOOST_TEST(report["matrix"]["seconds"] == 30);
+    BOOST_TEST(report["complaints"].dump() == R"(["known.txt:1: matched nothing"])");
+    BOOST_TEST(report["baseline"].dump() ==
+               R"({"date":"2026-11-19T12:00:00Z","file":"earlier.json","isWorse":true,)"
+               R"("missing":[],"newlyFailing":[{"library":"/opt/lib","name":"send/echo",)"
+               R"("ways":["a == b"]}],"newlyPassing":[],"slower":[{"earlierP50Us":1.0,)"
+               R"("library":"/opt/lib","name":"send","p50Us":200.0}],"stillFailing":[]})");
     BOOST_TEST(report["repeats"].dump() ==
                R"({"failsOnGrowth":false,"growth":[{"first":1.0,"grows":false,"last":2.0,)"
                R"("most":4.0,"slope":null,"what":"module, threads"}],"latencies":{},"passed":2,)"
@@ -223,6 +242,8 @@ BOOST_AUTO_TEST_CASE(whatDoesNotApplyIsNullOrEmpty) {
     const Json report = toJson(bare);
     BOOST_TEST(report["matrix"].is_null());
     BOOST_TEST(report["repeats"].is_null());
+    BOOST_TEST(report["complaints"].dump() == "[]");
+    BOOST_TEST(report["baseline"].is_null());
     BOOST_TEST(report["libraries"][0]["latencies"].dump() == "{}");
     const Json& first = report["libraries"][0]["cases"][0];
     BOOST_TEST(first["hang"].is_null());
@@ -446,6 +467,22 @@ BOOST_AUTO_TEST_CASE(eachRepeatMustPass) {
     BOOST_TEST((verdictOn(report) == Verdict::pass));
     report.repeats->passed = 2;
     BOOST_TEST((verdictOn(report) == Verdict::fail));
+}
+
+BOOST_AUTO_TEST_CASE(anEntryOfTheKnownFailuresThatIsNotTrueFails) {
+    Report report;
+    report.complaints = {"known.txt:1: unexpected pass"};
+    BOOST_TEST((verdictOn(report) == Verdict::fail));
+}
+
+BOOST_AUTO_TEST_CASE(theChecksThatFailedAreNamedOnce) {
+    CaseReport report;
+    for (const auto* text : {"b", "a", "b"}) {
+        report.checks.emplace_back().text = text;
+    }
+    report.checks.emplace_back().passed = true;
+    BOOST_TEST(report.failedChecks() == (std::vector<std::string>{"b", "a"}),
+               boost::test_tools::per_element());
 }
 
 BOOST_AUTO_TEST_CASE(growthIsAFailureWhereThatIsAskedFor) {

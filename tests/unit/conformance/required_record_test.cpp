@@ -197,6 +197,17 @@ BOOST_AUTO_TEST_CASE(anotherStatusIsNotTheRequiredOne) {
                           " that returned 0 must have been made; the record holds 0"});
 }
 
+BOOST_AUTO_TEST_CASE(aStatusBelowTheLevelIsNotRequired) {
+    using kavri::conformance::Level;
+    Record record = event();
+    record.last(unsubscribe).result["status"] = 14;
+    BOOST_TEST(missingFrom(record.report, Level::should).size() == 1U);
+    BOOST_TEST(missingFrom(record.report, Level::must).empty());
+    // That it was called is.
+    record.last(unsubscribe).endNs.reset();
+    BOOST_TEST(missingFrom(record.report, Level::must).size() == 1U);
+}
+
 BOOST_AUTO_TEST_CASE(whatDidNotReturnDoesNotCount) {
     Record record = callback();
     record.last("response").endNs.reset();

@@ -3,15 +3,8 @@
 
 #include "conformance/report/run_display.h"
 
-#include <fcntl.h>
-#include <pty.h>
-#include <unistd.h>
-
 #include <boost/test/unit_test.hpp>
-#include <optional>
 #include <sstream>
-
-#include "support/environment_variable.h"
 
 using kavri::conformance::CaseReport;
 using kavri::conformance::DisplayStyle;
@@ -19,7 +12,6 @@ using kavri::conformance::HangReport;
 using kavri::conformance::LibraryReport;
 using kavri::conformance::RunDisplay;
 using kavri::conformance::Verdict;
-using kavri::tests::EnvironmentVariable;
 
 namespace {
 
@@ -86,38 +78,6 @@ HangReport hangOf(const std::string& call) {
     hang.seconds = 10.04;
     return hang;
 }
-
-// Runs `look` with the descriptor, which is closed after it, as standard output.
-DisplayStyle asStandardOutput(int descriptor, DisplayStyle (*look)()) {
-    const int before = dup(STDOUT_FILENO);
-    dup2(descriptor, STDOUT_FILENO);
-    close(descriptor);
-    const DisplayStyle style = look();
-    dup2(before, STDOUT_FILENO);
-    close(before);
-    return style;
-}
-
-class PseudoTerminal {
-  public:
-    explicit PseudoTerminal(unsigned short columns) {
-        const winsize size = {24, columns, 0, 0};
-        BOOST_REQUIRE(openpty(&controlling_, &terminal_, nullptr, nullptr, &size) == 0);
-    }
-    PseudoTerminal(const PseudoTerminal&) = delete;
-    PseudoTerminal& operator=(const PseudoTerminal&) = delete;
-    ~PseudoTerminal() {
-        close(controlling_);
-        close(terminal_);
-    }
-    DisplayStyle asStandardOutput(DisplayStyle (*look)()) const {
-        return ::asStandardOutput(dup(terminal_), look);
-    }
-
-  private:
-    int controlling_ = -1;
-    int terminal_ = -1;
-};
 
 }  // namespace
 
@@ -196,6 +156,38 @@ BOOST_FIXTURE_TEST_CASE(theClosingLineCountsCasesAndChecks, InAFile) {
     BOOST_TEST(take() == "2 cases, 1 passed; 10 checks, 8 passed, 2 failed; 500.0 ms\n");
 }
 
+BOOST_FIXTURE_TEST_CASE(aKnownFailureIsShownAsKnownWithItsReason, InAFile) {
+    CaseReport report = failedCase();
+    report.known = "ticket 12";
+    display.showCaseEnded(report);
+    BOOST_TEST(take() ==
+               "suite/longerName  known      3 checks     1.23 s  (2 failed)\n"
+               "    fail, as expected: ticket 12\n"
+               "    t.cpp(9): error: one\n"
+               "    t.cpp(10): error: two [a\\nb]\n");
+    display.showClosing({passedCase(), report}, 0.5);
+    BOOST_TEST(take() ==
+               "2 cases, 1 passed, 1 known to fail; 10 checks, 8 passed, 2 failed; 500.0 ms\n");
+}
+
+BOOST_FIXTURE_TEST_CASE(whatFailedIsListedWithTheCommandThatRepeatsIt, InAFile) {
+    CaseReport failed = failedCase();
+    failed.repeat = "kavri conformance --case suite/longerName";
+    CaseReport known = failed;
+    known.known = "ticket 12";
+    display.showFailed({passedCase(), CaseReport{}, known});
+    BOOST_TEST(take().empty());
+    CaseReport crashed = caseWith("suite/short", Verdict::crash, 0, 0, 0);
+    crashed.repeat = "kavri conformance --library 'a b' --case suite/short";
+    display.showFailed({crashed, passedCase(), failed, known});
+    BOOST_TEST(take() ==
+               "failed, and how to run it again:\n"
+               "  suite/short, crash\n"
+               "    kavri conformance --library 'a b' --case suite/short\n"
+               "  suite/longerName, fail\n"
+               "    kavri conformance --case suite/longerName\n");
+}
+
 BOOST_FIXTURE_TEST_CASE(aPassThatTheOtherSideDoesNotConfirmSaysSo, InAFile) {
     LibraryReport library;
     library.cases = {passedCase()};
@@ -243,7 +235,9 @@ BOOST_FIXTURE_TEST_CASE(progressIsReplacedAndNeverWraps, OnATerminal) {
     BOOST_TEST(shown == "\r\x1b[Ksuite/short       running  0.0 s  100000 checks");
     BOOST_TEST(shown.size() == 4 + 47U);
     display.showCaseUnderWay(caseWith("suite/short", Verdict::pass, 1'000'000, 0, 0), 0);
-    BOOST_TEST(take() == "\r\x1b[Ksuite/short       running  0.0 s  1000000 check");
+    BOOST_TEST(take() == "\r\x1b[Kshort  running  0.0 s  1000000 checks");
+    display.showCaseUnderWay(caseWith("suite/" + std::string(30, 'x'), Verdict::pass, 0, 0, 0), 0);
+    BOOST_TEST(take() == "\r\x1b[K" + std::string(30, 'x') + "  running  0.0 s ");
 }
 
 BOOST_FIXTURE_TEST_CASE(aBarShowsHowFarSomethingHasCome, OnAWideTerminal) {
@@ -280,12 +274,12 @@ BOOST_FIXTURE_TEST_CASE(progressMakesRoomForWholeLines, OnATerminal) {
     display.showForeignLine("said by the library");
     BOOST_TEST(take() == "\r\x1b[K");
     display.showCaseEnded(passedCase());
-    BOOST_TEST(take() == "suite/short       \x1b[32mpass   \x1b[0m    7 checks     1.2 ms\n");
+    BOOST_TEST(take() == "suite/short       \x1b[32mpass\x1b[0m       7 checks     1.2 ms\n");
     display.showCaseUnderWay(passedCase(), 0);
     take();
     display.showCaseEnded(passedCase());
     BOOST_TEST(take() ==
-               "\r\x1b[Ksuite/short       \x1b[32mpass   \x1b[0m    7 checks     1.2 ms\n");
+               "\r\x1b[Ksuite/short       \x1b[32mpass\x1b[0m       7 checks     1.2 ms\n");
     display.showProgress("faults", 1, 2);
     take();
     display.showRemark("a remark");
@@ -303,33 +297,43 @@ BOOST_FIXTURE_TEST_CASE(aVerdictThatIsNoPassIsRed, OnATerminal) {
     }
 }
 
+BOOST_FIXTURE_TEST_CASE(aKnownFailureIsYellow, OnATerminal) {
+    CaseReport report = failedCase();
+    report.known = "ticket 12";
+    display.showCaseEnded(report);
+    BOOST_TEST(take().find("\x1b[33mknown\x1b[0m  ") != std::string::npos);
+}
+
+BOOST_AUTO_TEST_CASE(linesFitTheirTerminal) {
+    Shown narrow(DisplayStyle{.terminal = true, .colour = true, .columns = 40});
+    CaseReport report = failedCase();
+    report.checks[1].message = "error: check payload == rpayload has failed";
+    narrow.display.showCaseEnded(report);
+    BOOST_TEST(narrow.take() ==
+               "suite/longerName  \x1b[31mfail\x1b[0m  3 checks  1.23 s\n"
+               "    (2 failed)\n"
+               "    t.cpp(9): error: check payload ==\n"
+               "        rpayload has failed\n"
+               "    t.cpp(10): error: two [a\\nb]\n");
+    // But what is to be pasted stays one line.
+    report.repeat = "kavri conformance --case " + std::string(60, 'x');
+    narrow.display.showFailed({report});
+    BOOST_TEST(narrow.take().find("\n    " + report.repeat + "\n") != std::string::npos);
+}
+
+BOOST_AUTO_TEST_CASE(theLineThatIsReplacedEndsWithTheDisplay) {
+    std::ostringstream results;
+    {
+        RunDisplay display(results, results, DisplayStyle{.terminal = true}, cases);
+        display.showProgress("faults", 1, 2);
+        results.str("");
+    }
+    BOOST_TEST(results.str() == "\r\x1b[K");
+}
+
 BOOST_FIXTURE_TEST_CASE(aTerminalWithoutColourGetsNone, OnAWideTerminal) {
     display.showCaseEnded(failedCase());
     BOOST_TEST(take().find('\x1b') == std::string::npos);
-}
-
-BOOST_AUTO_TEST_CASE(theStyleFollowsStandardOutputAndTheEnvironment) {
-    const PseudoTerminal terminal(50);
-    const EnvironmentVariable term("TERM", "xterm");
-    const EnvironmentVariable noColor("NO_COLOR", std::nullopt);
-    const DisplayStyle style = terminal.asStandardOutput(DisplayStyle::ofStandardOutput);
-    BOOST_TEST(style.terminal);
-    BOOST_TEST(style.colour);
-    BOOST_TEST(style.columns == 50U);
-    {
-        const EnvironmentVariable set("NO_COLOR", "1");
-        const DisplayStyle plain = terminal.asStandardOutput(DisplayStyle::ofStandardOutput);
-        BOOST_TEST(plain.terminal);
-        BOOST_TEST(!plain.colour);
-    }
-    {
-        const EnvironmentVariable dumb("TERM", "dumb");
-        BOOST_TEST(!terminal.asStandardOutput(DisplayStyle::ofStandardOutput).terminal);
-    }
-    const DisplayStyle file =
-        asStandardOutput(open("/dev/null", O_WRONLY | O_CLOEXEC), DisplayStyle::ofStandardOutput);
-    BOOST_TEST(!file.terminal);
-    BOOST_TEST(!file.colour);
 }
 
 BOOST_AUTO_TEST_CASE(durationsHaveAFittingUnit) {

@@ -102,6 +102,30 @@ struct CaseUnderWay : Run {
 
 BOOST_FIXTURE_TEST_SUITE(checks, CaseUnderWay)
 
+BOOST_AUTO_TEST_CASE(aFailedCheckBelowTheLevelIsARemark) {
+    using kavri::conformance::Level;
+    const std::string events = "initiatorEvent/initiatorRepeatEventCallback";
+    const std::string unsubscribed = "KAVRI_CORE_STATUS_NO_ERROR == eventUnsubscribe(\"test\")";
+    for (const Level level : {Level::may, Level::should, Level::must}) {
+        Run run;
+        run.record.judgeBy(level);
+        run.begin(events);
+        BOOST_TEST(run.record.underWay()->level == "must");
+        for (int i = 0; i < 2; ++i) {
+            run.tell(Kind::failed, "t.cpp(1)", 0, {{"check", unsubscribed}});
+        }
+        const bool counts = level <= Level::should;
+        BOOST_TEST((run.record.underWay()->verdict == Verdict::fail) == counts);
+        checkLines(
+            run.record.underWay()->remarks,
+            counts ? Lines{} : Lines{"not required, since it is a \"should\": " + unsubscribed});
+        // The record must be complete nevertheless.
+        const CaseReport& ended = run.end();
+        BOOST_TEST((ended.verdict == Verdict::fail));
+        BOOST_TEST(ended.missing.empty() == counts);
+    }
+}
+
 BOOST_AUTO_TEST_CASE(aCaseWithNoFailedCheckHasPassed) {
     const std::int64_t beginNs = nowNs;
     for (int i = 0; i < 3; ++i) {

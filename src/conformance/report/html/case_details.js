@@ -26,6 +26,33 @@ function valuesNode(check) {
     el("div", {}, el("dt", {}, right), el("dd", {}, valueNode(check.right, check.left))));
 }
 
+// --- the source --------------------------------------------------------------
+
+const sourceContext = 3;
+
+// The lines around a place, "FILE(LINE)"; null where the page has not that file.
+function sourceNode(place) {
+  const [, file, number] = /([^/]+)\((\d+)\)$/.exec(place) ?? [];
+  const lines = sources[file];
+  if (!lines || number > lines.length) {
+    return null;
+  }
+  const first = Math.max(1, number - sourceContext);
+  const shown = lines.slice(first - 1, Number(number) + sourceContext);
+  const indent = Math.min(...shown.filter(Boolean).map((text) => text.search(/\S/)));
+  return el("pre", { class: "source", tabindex: "0", "aria-label": `Source around ${place}` },
+    shown.map((text, index) => {
+      const isPlace = first + index === Number(number);
+      return el(isPlace ? "mark" : "span", { class: "line" },
+        el("span", { class: "line-number" }, first + index), isPlace && hiddenText(" here: "),
+        `${text.slice(indent)}\n`);
+    }));
+}
+
+// The place of a check, which opens to the source there.
+const placeNode = (place) => (sourceNode(place) === null ? el("span", { class: "aside" }, place)
+  : folded(place, () => sourceNode(place), "place"));
+
 // --- the record ------------------------------------------------------------
 
 function entryText(entry) {
@@ -49,7 +76,7 @@ function entryText(entry) {
 function recordRow(entry, span, threads, isFocus) {
   const took = entry.kind !== "call" && entry.kind !== "delivery" ? ""
     : entry.endNs === null ? "–" : formatNs(entry.endNs - entry.atNs);
-  return el("tr", { class: isFocus && "focus-row" },
+  return el("tr", { class: isFocus && `focus-row${entry.source.passed ? " passed" : ""}` },
     el("td", { class: "number" }, formatNs(entry.atNs - span.beginNs)),
     el("td", { class: "aside" }, (threads.get(entry.thread) ?? "probe").replace(/('s)? thread/, "")),
     entryText(entry),
@@ -72,22 +99,23 @@ function recordTable(one, focus = null) {
 
 // --- the checks ------------------------------------------------------------
 
-function checkRow(group) {
+function checkRow(group, name) {
   const failed = group.failures.length;
   const times = group.total === 1 ? "" : failed === 0 ? `${group.total} ×`
     : `${failed} of ${group.total} ×`;
   return el("tr", {},
     el("td", {}, verdictLabel(failed === 0 ? "pass" : "fail")),
     el("td", { class: "number" }, times),
-    el("th", { scope: "row" }, code(group.text), " ", el("span", { class: "aside" }, group.place),
+    el("td", { class: "aside" }, levelOfCheck(name, group.text)),
+    el("th", { scope: "row" }, code(group.text), " ", placeNode(group.place),
       group.failures.slice(0, 20).map(({ nth, check }) => hasValues(check)
         && el("div", { class: "nth" }, group.total > 1 && el("span", { class: "aside" }, `time ${nth}`),
           valuesNode(check)))));
 }
 
 const checkTable = (one) => table(`Checks of ${one.name}`,
-  ["Outcome", { text: "Times", kind: "number" }, "Check"],
-  checkGroups(one.checks).map(checkRow), "checks");
+  ["Outcome", { text: "Times", kind: "number" }, "Level", "Check"],
+  checkGroups(one.checks).map((group) => checkRow(group, one.name)), "checks");
 
 // --- what went wrong -------------------------------------------------------
 
@@ -109,7 +137,7 @@ function failedGroupNode(group) {
   return el("li", {}, mark("fail"), hiddenText("failed: "), code(group.text), " ",
     el("span", { class: "aside" }, group.place,
       group.total > 1 && `, failed ${failed} of ${group.total} times`),
-    valuesNode(check));
+    valuesNode(check), sourceNode(group.place));
 }
 
 // What the public headers forbid and the record shows, with the sentence that says so.

@@ -2,6 +2,11 @@
 // Text from the report only ever becomes text nodes and attributes, never markup.
 "use strict";
 
+// What the page is about; set before anything is made.
+let report = null;
+// The sources of the module: a file's name to its lines.
+const sources = JSON.parse(document.getElementById("sources").textContent);
+
 const svgNamespace = "http://www.w3.org/2000/svg";
 
 function fill(node, attributes, children) {
@@ -57,7 +62,11 @@ const hiddenText = (text) => el("span", { class: "unseen" }, text);
 const code = (text) => el("code", {}, text);
 
 // A table that may be wider than the page scrolls by itself, also with the keyboard.
+// A narrow window shows each row as a paragraph, for which its cells know their columns.
 function table(caption, columns, rows, kind = "") {
+  for (const row of rows.flat(Infinity).filter((one) => !one.classList.contains("details"))) {
+    columns.forEach((column, index) => row.children[index]?.setAttribute("data-column", column.text ?? column));
+  }
   return el("div", { class: "scroll", tabindex: "0", role: "region", "aria-label": caption },
     el("table", { class: kind },
       el("caption", { class: "unseen" }, caption),
@@ -89,9 +98,9 @@ function disclosure(label, area, make) {
 }
 
 // The same, for a part that stands by itself.
-function folded(label, make) {
+function folded(label, make, kind = "") {
   const area = el("div", { class: "folded" });
-  return el("div", {}, disclosure(label, area, () => area.append(make())), area);
+  return el("div", { class: kind }, disclosure(label, area, () => area.append(make())), area);
 }
 
 // A command line to take along.
@@ -112,6 +121,30 @@ function copyable(text) {
     },
   }, "Copy");
   return el("div", { class: "copyable" }, source, button, said);
+}
+
+// A field and a list that leave of the rows those with all words of the field and the state
+// of the list. A row: { row, detailsRow, button, words, state }.
+function rowFilter(id, noun, states, rows) {
+  const count = el("span", { class: "said", role: "status" });
+  const text = el("input", { type: "search", id: `${id}-filter`, autocomplete: "off", input: () => apply() });
+  const state = el("select", { id: `${id}-state`, change: () => apply() },
+    ["all", ...states].map((name) => el("option", {}, name)));
+  function apply() {
+    const wanted = text.value.toLowerCase().split(/\s+/).filter(Boolean);
+    let shown = 0;
+    for (const one of rows) {
+      const fits = wanted.every((word) => one.words.includes(word))
+        && (state.value === "all" || state.value === one.state);
+      one.row.hidden = !fits;
+      one.detailsRow.hidden = !fits || one.button.getAttribute("aria-expanded") === "false";
+      shown += fits ? 1 : 0;
+    }
+    count.textContent = `${shown} of ${counted(rows.length, noun)}`;
+  }
+  apply();
+  return el("div", { class: "filter" },
+    el("label", { for: text.id }, "Search"), text, el("label", { for: state.id }, "Show"), state, count);
 }
 
 const section = (id, title, ...children) =>

@@ -1,21 +1,24 @@
 // The kill matrix: which fault turned which case red, and which check was turned
 // red by which faults. What is not as the catalogue says comes first. The records
 // of a fault's cases are drawn only when they are asked for.
+//
+// Here a case that fails is good, since it detected a fault: the colour of a cell says
+// whether the matrix is as it should be, and its symbol what the case came to.
 "use strict";
 
-const noticedBy = (fault) => fault.cases.filter((one) => needsAttention(one) || hasWarnings(one));
+const detectedBy = (fault) => fault.cases.filter((one) => needsAttention(one) || hasWarnings(one));
 
 function faultState(fault) {
   if (fault.wrong.length > 0) {
     return "not as expected";
   }
-  return noticedBy(fault).length > 0 ? "noticed" : "unnoticed, as expected";
+  return detectedBy(fault).length > 0 ? "detected" : "not detected, as expected";
 }
 
 // What turned a cell red, in words.
 function cellReason(one) {
   if (one.verdict === "pass") {
-    return hasWarnings(one) ? one.warnings.map((warning) => `warning: ${warning.text}`).join("; ") : "green";
+    return hasWarnings(one) ? one.warnings.map((warning) => `warning: ${warning.text}`).join("; ") : "passed";
   }
   if (one.verdict !== "fail") {
     return one.crash || (one.hang?.call ? `${one.verdict} in ${one.hang.call}` : one.verdict);
@@ -24,8 +27,8 @@ function cellReason(one) {
   return `fail by ${texts.length > 0 ? texts.join("; ") : (one.missing ?? []).join("; ")}`;
 }
 
-// What noticed a fault, each kind once.
-const reasonsOf = (fault) => [...new Set(noticedBy(fault).map((one) =>
+// What detected a fault, each kind once.
+const reasonsOf = (fault) => [...new Set(detectedBy(fault).map((one) =>
   cellReason(one).replace(/^fail by /, "").replace(/kavri_\w+/, shortFunction)))];
 
 const isNamedWrong = (fault, one) => fault.wrong.some((text) => text.includes(shortCase(one.name)));
@@ -37,10 +40,11 @@ function matrixCell(fault, name, open) {
   }
   const wrong = isNamedWrong(fault, one);
   const reason = `${cellReason(one)}${wrong ? ", not as expected" : ""}`;
+  const isDetected = needsAttention(one) || hasWarnings(one);
   return el("td", {
-    class: `cell ${one.verdict.replace(" ", "-")}${hasWarnings(one) ? " warned" : ""}${wrong ? " wrong" : ""}`,
+    class: `cell ${wrong ? "wrong" : isDetected ? "detected" : "quiet"}`,
     title: `${shortCase(name)}: ${reason}`, click: () => open(one),
-  }, mark(one.verdict), hiddenText(reason));
+  }, mark(one.verdict === "pass" && isDetected ? "harness-error" : one.verdict), hiddenText(reason));
 }
 
 function faultCaseRow(one, casesArea) {
@@ -65,10 +69,10 @@ function faultDetails(fault) {
     el("p", {}, fault.description),
     el("dl", { class: "facts" },
       el("div", {}, el("dt", {}, "Clause"), el("dd", {}, fault.clause || "–")),
-      fault.unnoticedBecause && el("div", {}, el("dt", {}, "Unnoticed because"), el("dd", {}, fault.unnoticedBecause)),
+      fault.unnoticedBecause && el("div", {}, el("dt", {}, "Not detectable because"), el("dd", {}, fault.unnoticedBecause)),
       el("div", {}, el("dt", {}, "Took effect"), el("dd", {}, fault.fired ? "yes" : "no")),
       el("div", {}, el("dt", {}, "Time"), el("dd", {}, formatSeconds(fault.seconds)))),
-    table(`Cases under ${fault.name}`, ["Verdict", "Case, and what noticed the fault", "Record"],
+    table(`Cases under ${fault.name}`, ["Verdict", "Case, and what detected the fault", "Record"],
       fault.cases.map((one) => faultCaseRow(one, casesArea))),
     casesArea);
   return { node, showCase: (one) => showFaultCase(one, casesArea) };
@@ -91,33 +95,23 @@ function faultRows(fault, names) {
     el("th", { scope: "row" }, button,
       fault.wrong.map((text) => el("p", { class: "wrong-text" }, mark("harness-error"), text))),
     names.map((name) => matrixCell(fault, name, open)),
-    el("td", { class: "state" }, state === "noticed" ? `noticed by ${noticedBy(fault).length}` : state),
+    el("td", { class: "state" }, state === "detected" ? `detected by ${detectedBy(fault).length}` : state),
     el("td", { class: "by" }, reasonsOf(fault).map((reason) => code(reason))));
   const words = [fault.name, fault.description, fault.clause, state,
-    ...noticedBy(fault).map((one) => `${one.name} ${cellReason(one)}`)].join(" ").toLowerCase();
+    ...detectedBy(fault).map((one) => `${one.name} ${cellReason(one)}`)].join(" ").toLowerCase();
   return { row, detailsRow, words, state, button };
 }
 
-function matrixFilter(rows, count) {
-  const text = el("input", { type: "search", id: "fault-filter", autocomplete: "off", input: () => apply() });
-  const state = el("select", { id: "fault-state", change: () => apply() },
-    ["all", "not as expected", "noticed", "unnoticed, as expected"].map((name) => el("option", {}, name)));
-  function apply() {
-    const wanted = text.value.toLowerCase().split(/\s+/).filter(Boolean);
-    let shown = 0;
-    for (const one of rows) {
-      const fits = wanted.every((word) => one.words.includes(word))
-        && (state.value === "all" || state.value === one.state);
-      one.row.hidden = !fits;
-      one.detailsRow.hidden = !fits || one.button.getAttribute("aria-expanded") === "false";
-      shown += fits ? 1 : 0;
-    }
-    count.textContent = `${shown} of ${counted(rows.length, "fault")}`;
-  }
-  apply();
-  return el("div", { class: "filter" },
-    el("label", { for: "fault-filter" }, "Filter"), text,
-    el("label", { for: "fault-state" }, "Show"), state, count);
+function matrixLegend() {
+  const key = (kind, symbol, text) => el("li", {},
+    el("span", { class: `cell ${kind}` }, mark(symbol)), ` ${text}`);
+  return el("ul", { class: "keys" },
+    key("detected", "fail", "the case detected the fault by a check"),
+    key("detected", "timeout", "by a timeout"), key("detected", "crash", "by a crash"),
+    key("detected", "harness-error", "by a warning"),
+    key("quiet", "pass", "the case passed, and was not to detect it"),
+    key("quiet", "not-run", "it was not run"),
+    key("wrong", "harness-error", "not as the catalogue says"));
 }
 
 function matrixGrid(faults, names, rows) {
@@ -149,7 +143,6 @@ function matrixSection(report) {
   const inOrder = (isWrong) => matrix.faults.filter((fault) => (fault.wrong.length > 0) === isWrong);
   const faults = [...inOrder(true), ...inOrder(false)];
   const rows = faults.map((fault) => faultRows(fault, names));
-  const count = el("span", { class: "said", role: "status" });
   const wrong = inOrder(true).length;
   const unkilled = matrix.checks.filter((killed) => killed.faults.length === 0);
   const killed = matrix.checks.filter((one) => one.faults.length > 0);
@@ -158,8 +151,10 @@ function matrixSection(report) {
       wrong === 0 ? `All ${matrix.faults.length} faults did what the catalogue says.`
         : `${counted(wrong, "fault")} of ${matrix.faults.length} not as the catalogue says; they come first.`),
     el("p", { class: "aside" }, "A row is a library or a service that is broken in one way, a column a case of "
-      + "the module. What is not green noticed the fault. Open a fault for its description and its records."),
-    matrixFilter(rows, count), matrixGrid(faults, names, rows),
+      + "the module. Open a fault for its description and its records."),
+    matrixLegend(),
+    rowFilter("fault", "fault", ["not as expected", "detected", "not detected, as expected"], rows),
+    matrixGrid(faults, names, rows),
     matrix.checks.length > 0 && [
       el("h3", {}, "Checks, and the faults that turned them red"),
       table("Checks and faults", ["Check", "Case", { text: "Faults", kind: "number" }, "Which"],

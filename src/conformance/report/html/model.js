@@ -17,6 +17,12 @@ function checkCounts(cases) {
   return { total: checks.length, failed, passed: checks.length - failed };
 }
 
+// How much the interface demands of a check; empty where the report does not say it.
+function levelOfCheck(name, text) {
+  const found = (report.requirements ?? []).find((one) => one.name === name);
+  return found?.checks.find((check) => check.text === text)?.level ?? "";
+}
+
 const needsAttention = (one) => one.verdict !== "pass" && one.verdict !== "not run";
 const hasWarnings = (one) => (one.warnings ?? []).length > 0;
 

@@ -8,7 +8,9 @@
 #include <new>
 #include <nlohmann/json.hpp>
 #include <string_view>
+#include <vector>
 
+#include "base/text_scanner.h"
 #include "conformance/report/html/page_text.h"
 
 namespace kavri::conformance {
@@ -77,6 +79,20 @@ std::string compressed(const std::string& text) {
 
 std::string embeddedJson(const json& report) {
     return base64(compressed(report.dump(-1, ' ', false, json::error_handler_t::replace)));
+}
+
+// In JSON "<" occurs in strings only, where an escape means the same. Unescaped, it could
+// end the element, or begin a comment in it.
+std::string plainJson(const json& value) {
+    std::string embedded;
+    for (const char character : value.dump()) {
+        if (character == '<') {
+            embedded += "\\u003c";
+        } else {
+            embedded += character;
+        }
+    }
+    return embedded;
 }
 
 std::string titleOf(const json& report) {
@@ -148,6 +164,14 @@ std::string plainSummary(const json& report) {
     return html + "<p>Records, time lines and the matrix itself need JavaScript.</p>\n";
 }
 
+std::vector<std::string_view> linesOf(std::string_view text) {
+    std::vector<std::string_view> lines;
+    while (const auto line = base::takeLine(text)) {
+        lines.push_back(*line);
+    }
+    return lines;
+}
+
 std::string joinedScripts() {
     std::string joined;
     for (const std::string_view script : page_text::scripts) {
@@ -168,6 +192,9 @@ std::string valueOf(std::string_view name, const json& report) {
     }
     if (name == "report") {
         return embeddedJson(report);
+    }
+    if (name == "sources") {
+        return plainJson({{"test_ipc_initiator.cpp", linesOf(page_text::moduleSource)}});
     }
     return joinedScripts();
 }

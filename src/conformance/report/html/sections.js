@@ -1,5 +1,4 @@
-// The sections about the run itself: overview, failures, cases, libraries beside
-// each other, latencies, repeats.
+// The sections about the run itself: overview, failures, cases, latencies, repeats.
 "use strict";
 
 // --- overview --------------------------------------------------------------
@@ -38,6 +37,17 @@ function headline(report) {
   return [...facts, [formatSeconds(report.seconds), false]];
 }
 
+// Of several libraries, whose verdict is the headline's.
+function verdictsByLibrary(report) {
+  if (report.libraries.length < 2) {
+    return null;
+  }
+  return el("div", { class: "by-library" },
+    el("p", {}, `The worst of ${report.libraries.length} libraries:`),
+    el("ul", {}, report.libraries.map((library) =>
+      el("li", {}, verdictLabel(library.verdict), " ", library.name))));
+}
+
 function overview(report) {
   const fact = (name, value) => value
     && el("div", {}, el("dt", {}, name), el("dd", {}, value));
@@ -46,6 +56,7 @@ function overview(report) {
     el("h1", { class: verdictKind(report.verdict) }, mark(report.verdict),
       el("span", {}, report.verdict)),
     report.reason && el("p", { class: "reason" }, report.reason),
+    verdictsByLibrary(report),
     el("p", { class: "headline" }, headline(report).map(([text, isWrong]) =>
       el("span", {}, isWrong && mark("fail"), text))),
     el("dl", { class: "facts" },
@@ -57,6 +68,7 @@ function overview(report) {
       ]),
       fact("Date", report.date), fact("Tool", report.tool),
       fact("Command", report.command && code(report.command))),
+    (report.complaints ?? []).map((line) => el("p", { class: "complaint" }, mark("fail"), line)),
   ];
 }
 
@@ -79,28 +91,33 @@ function failuresSection(report) {
 // --- cases -----------------------------------------------------------------
 
 function caseRows(one) {
-  const details = el("td", { colspan: "4" });
+  const details = el("td", { colspan: "5" });
   const detailsRow = el("tr", { class: "details" }, details);
   const counts = checkCounts([one]);
   const button = disclosure(
     [el("span", { class: "aside" }, one.name.slice(0, one.name.lastIndexOf("/") + 1)), el("wbr"),
       shortCase(one.name)],
     detailsRow, () => details.append(el("div", { class: "case" }, caseParts(one))));
-  return [
-    el("tr", {},
-      el("td", {}, verdictLabel(one.verdict),
-        one.known && el("span", { class: "aside" }, " known"),
-        hasWarnings(one) && el("span", { class: "aside" },
-          ` ${counted(one.warnings.length, "warning")}`)),
-      el("th", { scope: "row" }, button),
-      el("td", { class: "number" }, counts.failed > 0 ? `${counts.failed} of ${counts.total} failed`
-        : counts.total),
-      el("td", { class: "number" }, one.endNs > one.beginNs ? formatNs(one.endNs - one.beginNs) : "–")),
-    detailsRow,
-  ];
+  const row = el("tr", {},
+    el("td", {}, verdictLabel(one.verdict),
+      one.known && el("span", { class: "aside" }, " known"),
+      hasWarnings(one) && el("span", { class: "aside" },
+        ` ${counted(one.warnings.length, "warning")}`)),
+    el("td", { class: "aside" }, one.level),
+    el("th", { scope: "row" }, button),
+    el("td", { class: "number" }, counts.failed > 0 ? `${counts.failed} of ${counts.total} failed`
+      : counts.total),
+    el("td", { class: "number" }, one.endNs > one.beginNs ? formatNs(one.endNs - one.beginNs) : "–"));
+  return { row, detailsRow, button, words: wordsOf(one), state: one.known ? "known" : one.verdict };
 }
 
-const caseColumns = ["Verdict", "Case", { text: "Checks", kind: "number" },
+// All that a search finds a case by.
+const wordsOf = (one) => [one.name, one.verdict, one.level, one.known, one.crash, ...one.missing ?? [],
+  ...one.remarks ?? [], ...(one.warnings ?? []).map((warning) => warning.text), ...new Set(one.calls.map((call) => call.function)),
+  ...new Set(one.checks.flatMap((check) => [check.text, check.place, check.left, check.right]))]
+  .join(" ").toLowerCase();
+
+const caseColumns = ["Verdict", "Level", "Case", { text: "Checks", kind: "number" },
   { text: "Time", kind: "number" }];
 
 function casesSection(report) {
@@ -108,77 +125,16 @@ function casesSection(report) {
     return null;
   }
   const several = report.libraries.length > 1;
-  return section("cases", "Cases", report.libraries.map((library) => [
-    several && el("h3", {}, library.name, " ", verdictLabel(library.verdict)),
-    library.cases.length > 0
-      ? table(`Cases of ${library.name}`, caseColumns, library.cases.map(caseRows), "cases")
-      : el("p", {}, library.reason),
-  ]));
-}
-
-// --- libraries beside each other -------------------------------------------
-
-function comparisonCell(one, isDifferent) {
-  if (!one) {
-    return el("td", {}, "–");
-  }
-  const { failed } = checkCounts([one]);
-  return el("td", { class: isDifferent && "different" }, verdictLabel(one.verdict),
-    failed > 0 && el("span", { class: "aside" }, ` ${failed} failed`),
-    (one.warnings ?? []).map((warning) => el("p", { class: "aside" }, `Warning: ${warning.text}`)),
-    (one.remarks ?? []).map((text) => el("p", { class: "aside" }, text)));
-}
-
-function differenceNode(reference, other, difference) {
-  const notRun = [reference, other].find((library) => library.cases.length === 0);
-  if (notRun) {
-    return el("p", {}, `${notRun.name} was not run: ${notRun.reason}`);
-  }
-  if (!difference) {
-    return el("p", {}, `${other.name} did in every check what ${reference.name} did.`);
-  }
-  const check = (difference.checks[0] ?? difference.checks[1])?.check;
-  const nth = (difference.checks[0] ?? difference.checks[1])?.nth;
-  const side = (library, index) => el("div", {},
-    el("h4", {}, library.name, ": ",
-      check ? outcomeText(difference.checks[index]) : difference.cases[index]?.verdict ?? "no such case"),
-    sideRecord(difference, index));
-  return el("div", {},
-    el("p", {}, "First difference: ", code(shortCase(difference.name)),
-      check && [", ", code(check.text), ` ${check.place}`, nth > 1 && `, time ${nth}`], "."),
-    el("div", { class: "beside" }, side(reference, 0), side(other, 1)));
-}
-
-// Where the check was not made, the end of the record shows how far it came.
-function sideRecord(difference, index) {
-  const one = difference.cases[index];
-  if (!one || one.calls.length + one.checks.length === 0) {
-    return el("p", { class: "aside" }, "Nothing was recorded.");
-  }
-  const record = recordOf(one);
-  const focus = difference.checks[index]?.check ?? record[record.length - 1].source;
-  return recordTable(one, focus);
-}
-
-function comparisonSection(report) {
-  if (report.libraries.length < 2) {
-    return null;
-  }
-  const [reference, ...others] = report.libraries;
-  const differences = others.map((other) => firstDifference(reference, other));
-  const names = [...new Set(report.libraries.flatMap((library) => library.cases.map((one) => one.name)))];
-  const rows = names.map((name) => el("tr", {},
-    el("th", { scope: "row" }, shortCase(name),
-      differences.some((difference) => difference?.name === name)
-        && el("span", { class: "aside" }, " first difference")),
-    report.libraries.map((library, index) => comparisonCell(
-      library.cases.find((one) => one.name === name),
-      index > 0 && differences[index - 1]?.name === name))));
-  return section("libraries", "Libraries beside each other",
-    table("Cases and libraries", ["Case", ...report.libraries.map((library) => library.name)], rows, "comparison"),
-    others.map((other, index) => [
-      el("h3", {}, `${reference.name} and ${other.name}`),
-      differenceNode(reference, other, differences[index]),
+  const rows = report.libraries.map((library) => library.cases.map(caseRows));
+  const states = [...new Set(rows.flat().map((row) => row.state))];
+  return section("cases", "Cases",
+    rowFilter("case", "case", states, rows.flat()),
+    report.libraries.map((library, index) => [
+      several && el("h3", {}, library.name, " ", verdictLabel(library.verdict)),
+      library.cases.length > 0
+        ? table(`Cases of ${library.name}`, caseColumns,
+          rows[index].map(({ row, detailsRow }) => [row, detailsRow]), "cases")
+        : el("p", {}, library.reason),
     ]));
 }
 
