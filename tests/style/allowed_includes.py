@@ -33,8 +33,10 @@ MAY_USE = {
     "src/conformance/faults": {"conformance/agent", "kavri"},
     "src/conformance/report": {"base", "process"},
     "src/conformance/cases": {"base", "process", "conformance/faults", "conformance/report"},
+    "src/conformance/loading": {"base", "process"},
     "src/conformance/module": {
-        "base", "process", "wire", "kavri", "conformance/cases", "conformance/report"},
+        "base", "process", "wire", "kavri", "conformance/cases", "conformance/loading",
+        "conformance/report"},
     "src/conformance/run": {
         "base", "process", "conformance/cases", "conformance/faults", "conformance/module",
         "conformance/report"},

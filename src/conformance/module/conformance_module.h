@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "conformance/cases/requirements.h"
-#include "conformance/module/loader_paths.h"
+#include "conformance/loading/loader_paths.h"
 #include "conformance/module/run_limits.h"
 #include "process/child_process.h"
 

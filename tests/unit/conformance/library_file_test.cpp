@@ -1,7 +1,7 @@
 // Why a file is no library for the module: each reason, with a file made to have it.
 #define BOOST_TEST_MODULE libraryFile
 
-#include "conformance/module/library_file.h"
+#include "conformance/loading/library_file.h"
 
 #include <dlfcn.h>
 #include <elf.h>

@@ -1,7 +1,7 @@
 // Names that the dynamic loader's lists can hold, for paths that they cannot.
 #define BOOST_TEST_MODULE loaderPaths
 
-#include "conformance/module/loader_paths.h"
+#include "conformance/loading/loader_paths.h"
 
 #include <boost/test/unit_test.hpp>
 #include <fstream>

@@ -1,7 +1,7 @@
 // The output of the dynamic loader about a program, parsed.
 #define BOOST_TEST_MODULE loaderReport
 
-#include "conformance/module/loader_report.h"
+#include "conformance/loading/loader_report.h"
 
 #include <boost/test/unit_test.hpp>
 

@@ -1,7 +1,7 @@
 // Why a file cannot be loaded as a shared library by the module, read from the file itself:
 // the loader's own words name the symptom, and search paths that are not to blame.
-#ifndef KAVRI_CONFORMANCE_MODULE_LIBRARY_FILE_H
-#define KAVRI_CONFORMANCE_MODULE_LIBRARY_FILE_H
+#ifndef KAVRI_CONFORMANCE_LOADING_LIBRARY_FILE_H
+#define KAVRI_CONFORMANCE_LOADING_LIBRARY_FILE_H
 
 #include <filesystem>
 #include <string>

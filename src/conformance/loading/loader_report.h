@@ -1,7 +1,7 @@
 // Parses what the dynamic loader prints about a program's libraries and symbols, where it
 // resolves them without running the program.
-#ifndef KAVRI_CONFORMANCE_MODULE_LOADER_REPORT_H
-#define KAVRI_CONFORMANCE_MODULE_LOADER_REPORT_H
+#ifndef KAVRI_CONFORMANCE_LOADING_LOADER_REPORT_H
+#define KAVRI_CONFORMANCE_LOADING_LOADER_REPORT_H
 
 #include <map>
 #include <string>

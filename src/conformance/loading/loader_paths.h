@@ -1,8 +1,8 @@
 // Names for files in the lists of the dynamic loader, LD_PRELOAD and LD_LIBRARY_PATH. These
 // know no quoting: blanks, ':' and ';' end an entry, '$' begins a name of the loader's own.
 // A file with one of them in its path gets a link without, in a temporary folder.
-#ifndef KAVRI_CONFORMANCE_MODULE_LOADER_PATHS_H
-#define KAVRI_CONFORMANCE_MODULE_LOADER_PATHS_H
+#ifndef KAVRI_CONFORMANCE_LOADING_LOADER_PATHS_H
+#define KAVRI_CONFORMANCE_LOADING_LOADER_PATHS_H
 
 #include <filesystem>
 #include <optional>

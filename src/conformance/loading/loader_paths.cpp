@@ -1,5 +1,5 @@
 // Links for paths that a list cannot hold; see loader_paths.h.
-#include "conformance/module/loader_paths.h"
+#include "conformance/loading/loader_paths.h"
 
 #include <fmt/format.h>
 

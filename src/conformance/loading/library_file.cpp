@@ -1,6 +1,6 @@
 // Reads the header and the program headers of an ELF file; see library_file.h. What the
 // module needs is what this program itself is made for.
-#include "conformance/module/library_file.h"
+#include "conformance/loading/library_file.h"
 
 #include <elf.h>
 #include <fcntl.h>

@@ -4,7 +4,7 @@
 //     undefined symbol: example_function, version V1	(/usr/bin/program)
 //
 // with "not found" in place of a path, and the version only where there is one.
-#include "conformance/module/loader_report.h"
+#include "conformance/loading/loader_report.h"
 
 #include <algorithm>
 
