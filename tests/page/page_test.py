@@ -405,7 +405,7 @@ class PageTest(unittest.TestCase):
 
     def test_crashShowsItsText(self):
         self.open("crash")
-        self.assertIn("signal 11", self.one(".crash-text").text)
+        self.assertIn("SIGSEGV", self.one(".crash-text").text)
         self.assertEqual(self.one("h1").text.lower(), "crash")
 
     def test_latenciesShowCountPercentilesAndDistribution(self):
@@ -544,6 +544,13 @@ class PageTest(unittest.TestCase):
                          ["cell quiet"] * 2 + ["cell detected"] + ["cell quiet"] * 5)
         self.assertIn("detected by 1", row.text)
         self.assertNotIn("notice", self.one("main").text)
+
+    def test_matrixSaysOnceHowSeveralCasesCrashed(self):
+        self.open("matrix")
+        row = next(row for row in self.all("table.matrix > tbody > tr:not(.details)")
+                   if row.text.startswith("callback-crashes-1"))
+        self.assertIn("detected by 2", row.text)
+        self.assertEqual(row.text.count("the module was ended by SIGSEGV, in ipc_deinit"), 1)
 
     def test_matrixIsFiltered(self):
         self.open("matrix")

@@ -186,7 +186,9 @@ class Case:
             self.send(298, "event" if event else "static_response", str(index))
         if self.library.get("crashes"):
             self.report.update(
-                endNs=self.now, verdict="crash", crash="ended by signal 11 (Segmentation fault)")
+                endNs=self.now, verdict="crash",
+                crash="the module was ended by SIGSEGV, in kavri_core_ipc_deinit with "
+                      f"{{\"initiator\":1}} on thread {self.now % 9973}, the caller's; no check had passed")
             return
         self.now += SECOND
         self.call(install, {"callback": None, "context": None}, {"status": 0}, 12)

@@ -27,9 +27,13 @@ function cellReason(one) {
   return `fail by ${texts.length > 0 ? texts.join("; ") : (one.missing ?? []).join("; ")}`;
 }
 
+// Of a crash, how and in which function; the rest differs from case to case.
+const crashPlace = (text) => text.replace(/( with | on thread |; ).*/s, "");
+
 // What detected a fault, each kind once.
 const reasonsOf = (fault) => [...new Set(detectedBy(fault).map((one) =>
-  cellReason(one).replace(/^fail by /, "").replace(/kavri_\w+/, shortFunction)))];
+  (one.crash ? crashPlace(one.crash) : cellReason(one)).replace(/^fail by /, "")
+    .replace(/kavri_\w+/, shortFunction)))];
 
 const isNamedWrong = (fault, one) => fault.wrong.some((text) => text.includes(shortCase(one.name)));
 
