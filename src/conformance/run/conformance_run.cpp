@@ -1,17 +1,14 @@
 // The steps of a run; see conformance_run.h.
 #include "conformance/run/conformance_run.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cassert>
-#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <thread>
 
-#include "base/shell_words.h"
 #include "conformance/cases/case_listing.h"
 #include "conformance/cases/expectation_list.h"
 #include "conformance/faults/fault_catalogue.h"
@@ -19,6 +16,7 @@
 #include "conformance/module/preflight.h"
 #include "conformance/report/whole_file.h"
 #include "conformance/run/kill_matrix.h"
+#include "conformance/run/opening_report.h"
 #include "conformance/run/repeat_command.h"
 #include "conformance/run/repeats.h"
 #include "process/exit_text.h"
@@ -30,10 +28,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Of the whole run, unless the user sets a limit.
-constexpr double runLimitSeconds = 60;
-constexpr double proofLimitSeconds = 300;
-
 // With a fault, only a call that never returns takes long.
 constexpr milliseconds proofCallLimit{800};
 
@@ -42,8 +36,6 @@ constexpr unsigned jobsPerProcessor = 4;
 
 // Of repeated runs; more than those that are judged.
 constexpr unsigned runsOfEachProcess = 8;
-// While the run goes on; and for good where it is killed.
-const std::string notEndedYet = "the run had not ended when this was written";
 
 double secondsSince(RunLimits::Clock::time_point begin) {
     return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
@@ -98,22 +90,16 @@ std::string whyNotRun(const CaseReport& report) {
 
 }  // namespace
 
-double RunPlan::limitSeconds() const {
-    const double oneRun = proves ? proofLimitSeconds : runLimitSeconds;
-    const auto libraryCount = static_cast<double>(std::max<size_t>(1, libraries.size()));
-    return timeoutSeconds.value_or(oneRun * timeScale * repeat.value_or(1) * libraryCount);
-}
-
 process::ExitStatus ConformanceRun::run() {
     assert(!reportFiles_);  // runs once
     process::removeAbandonedFolders();
-    report_ = openingReport();
+    report_ = openingReport(plan_);
     reportFiles_.emplace(plan_.reports, report_);
     try {
         prepare();
         runLibraries();
     } catch (const std::exception& error) {
-        noteWhyIncomplete(error.what());
+        noteWhyIncomplete(report_, error.what());
         finishFiles();
         throw;
     }
@@ -179,50 +165,9 @@ void ConformanceRun::compareWithBaseline() {
     std::cout << std::flush;
 }
 
-Report ConformanceRun::openingReport() const {
-    Report report;
-    std::vector<std::string> words = {"kavri"};
-    words.insert(words.end(), plan_.invocation.begin(), plan_.invocation.end());
-    report.command = base::shellCommand(words);
-    report.date = fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::time(nullptr)));
-    report.tool = plan_.tool;
-    report.requirements = requirementsJson();
-    report.reason = notEndedYet;
-    report.libraries.resize(std::max<size_t>(1, plan_.libraries.size()));
-    for (size_t i = 0; i < report.libraries.size(); ++i) {
-        LibraryReport& library = report.libraries[i];
-        library.name = nameOf(i);
-        library.broker = brokerText();
-        library.unconfirmed = !plan_.isConfirmed();
-        library.reason = notEndedYet;
-    }
-    return report;
-}
-
-// Unless a name is given, the folder: the same however it was typed, because what compares
-// the reports of several runs goes by the name.
-std::string ConformanceRun::nameOf(size_t library) const {
-    if (library < plan_.names.size()) {
-        return plan_.names[library];
-    }
-    if (plan_.libraries.empty()) {
-        return std::string(coreLibrary);
-    }
-    std::error_code error;
-    const auto folder = std::filesystem::canonical(plan_.libraries[library], error);
-    return error ? plan_.libraries[library] : folder.string();
-}
-
 // Of the library under test; none: the module finds it by itself.
 std::optional<std::string> ConformanceRun::folder() const {
     return plan_.libraries.empty() ? std::nullopt : std::optional(plan_.libraries[current_]);
-}
-
-std::string ConformanceRun::brokerText() const {
-    if (plan_.ownBroker) {
-        return "broker of the library";
-    }
-    return plan_.socket ? "broker at " + *plan_.socket : "broker of its own";
 }
 
 // The broker and service that are there already.
@@ -294,16 +239,6 @@ void ConformanceRun::addToReport(std::vector<CaseReport>& cases) {
     }
     report().seconds = secondsSince(casesBegun_);
     writeFiles();
-}
-
-// What has no reason of its own has that of the run.
-void ConformanceRun::noteWhyIncomplete(const std::string& reason) {
-    report_.reason = reason;
-    for (LibraryReport& library : report_.libraries) {
-        if (library.reason == notEndedYet) {
-            library.reason = reason;
-        }
-    }
 }
 
 void ConformanceRun::writeFiles() {

@@ -12,46 +12,10 @@
 #include "conformance/report/baseline.h"
 #include "conformance/report/report_files.h"
 #include "conformance/run/library_run.h"
+#include "conformance/run/run_plan.h"
 #include "process/exit_status.h"
 
 namespace kavri::conformance {
-
-// What the user asked for.
-struct RunPlan {
-    std::string program = "kavri";        // as it was called
-    std::string tool;                     // its name and version, for the report
-    std::vector<std::string> invocation;  // the whole command line, for the report
-    std::optional<std::string> socket;
-    bool ownBroker = false;     // the library brings its broker and service
-    std::string serviceRecord;  // a file, of the service behind either of these; empty: none
-    std::vector<std::string> libraries;  // folders; none: the library that the module finds
-    std::vector<std::string> names;      // of the libraries in the reports, as far as given
-    std::vector<std::string> casePatterns;
-    Level level = Level::may;              // of the cases, and of the checks that count
-    std::optional<double> timeoutSeconds;  // of the whole run
-    double callTimeoutSeconds = 10;
-    double timeScale = 1;
-    std::string fault;  // to run with; empty: none
-    bool proves = false;
-    std::optional<unsigned> repeat;
-    bool untilFail = false;
-    std::optional<unsigned> shuffle;
-    bool failsOnLeaks = false;  // with repeats: growth is a failure
-    // Warnings count as failures, and a pass that the other side does not confirm is none.
-    bool strict = false;
-    unsigned jobs = 0;                // at a time; 0: as many as suit the machine
-    std::string expectations;         // a file; empty: none
-    std::string writtenExpectations;  // a file; empty: none
-    std::string baseline;             // a JSON report; empty: none
-    ReportPlaces reports;
-    std::vector<std::string> moduleArguments;
-
-    // How long the whole run may take.
-    double limitSeconds() const;
-    // Whether each run has a broker of the kit's.
-    bool startsBrokers() const { return !socket && !ownBroker; }
-    bool isConfirmed() const { return startsBrokers() || !serviceRecord.empty(); }
-};
 
 class ConformanceRun {
   public:
@@ -67,11 +31,8 @@ class ConformanceRun {
   private:
     using Clock = RunLimits::Clock;
 
-    Report openingReport() const;
-    std::string nameOf(std::size_t library) const;
     std::optional<std::string> folder() const;
     LibraryReport& report() { return report_.libraries[current_]; }
-    std::string brokerText() const;
     OtherEnd foreignEnd();
     WatchdogSettings watchdog() const;
     unsigned jobs(unsigned most) const;
@@ -89,7 +50,6 @@ class ConformanceRun {
     void readEarlierResults();
     void compareWithBaseline();
     void addToReport(std::vector<CaseReport>& cases);
-    void noteWhyIncomplete(const std::string& reason);
     void writeFiles();
     void finishFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,

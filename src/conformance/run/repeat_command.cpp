@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "base/shell_words.h"
-#include "conformance/run/conformance_run.h"
+#include "conformance/run/run_plan.h"
 
 namespace kavri::conformance {
 

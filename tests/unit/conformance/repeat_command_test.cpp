@@ -5,7 +5,7 @@
 
 #include <boost/test/unit_test.hpp>
 
-#include "conformance/run/conformance_run.h"
+#include "conformance/run/run_plan.h"
 
 using kavri::conformance::repeatCommand;
 using kavri::conformance::RunPlan;
