@@ -25,6 +25,10 @@ class WrongService {
         : command_(std::move(command)), wrong_(wrong), responder_(address, "test") {
         responder_.onRequest(requested, this);
     }
+    WrongService(const WrongService&) = delete;
+    WrongService& operator=(const WrongService&) = delete;
+    // Returns when no request is being handled any more.
+    ~WrongService() { responder_.onRequest(nullptr, nullptr); }
 
   private:
     static void requested(kavri_core_ipc_request request, char** category, char** identifier,
