@@ -151,7 +151,9 @@ std::optional<ServedRequest> parseServedRequest(std::string_view line) {
     }
     ServedRequest served;
     served.request = *request;
-    served.connection = entry.value("connection", json());
+    if (const json connection = entry.value("connection", json()); !connection.is_null()) {
+        served.connection = connection.dump();
+    }
     if (const auto process = entry.find("process");
         process != entry.end() && process->is_number_integer()) {
         served.process = process->get<int>();

@@ -4,7 +4,6 @@
 #ifndef KAVRI_CONFORMANCE_CASES_SERVICE_AGREEMENT_H
 #define KAVRI_CONFORMANCE_CASES_SERVICE_AGREEMENT_H
 
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,7 +25,7 @@ struct Message {
 
 // One line of the service's record.
 struct ServedRequest {
-    nlohmann::json connection;   // what tells connections apart; null: not known
+    std::string connection;      // what tells connections apart, as JSON; empty: not known
     std::optional<int> process;  // nothing: not known
     Message request;
     std::optional<Message> answer;

@@ -122,7 +122,7 @@ void ServiceEvidence::dropLateRequests(const CaseTraffic& traffic) {
 void ServiceEvidence::beginCase() {
     read();
     for (const ServedRequest& each : served_) {
-        if (!each.connection.is_null() &&
+        if (!each.connection.empty() &&
             (earlierConnections_.empty() || earlierConnections_.back() != each.connection)) {
             earlierConnections_.push_back(each.connection);
         }

@@ -57,7 +57,7 @@ class ServiceEvidence {
     std::size_t leftOut_ = 0;  // beyond those that are kept
     std::string malformed_;    // the first line of another form; empty: none
     bool hasSeenRequests_ = false;
-    std::deque<nlohmann::json> earlierConnections_;  // of the cases before, in this module
+    std::deque<std::string> earlierConnections_;  // of the cases before, in this module
     std::optional<pid_t> endedModule_;
 };
 

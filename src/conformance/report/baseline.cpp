@@ -158,7 +158,8 @@ BaselineComparison Baseline::compare(
         const Library& earlier = counterpart != nullptr ? *counterpart : nothing;
         compareCases(library, earlier, result);
         compareTimes(library, earlier, result);
-        for (const auto& [name, ways] : earlier.ways) {
+        for (const auto& earlierCase : earlier.ways) {
+            const std::string& name = earlierCase.first;
             if (isSelected(name) && std::ranges::none_of(library.cases, [&](const auto& one) {
                     return one.name == name && one.verdict != Verdict::notRun;
                 })) {

@@ -160,7 +160,7 @@ void RunDisplay::showClosing(const std::vector<CaseReport>& cases, double second
         checks += report.checks.size();
         failed += report.checksFailed();
     }
-    const auto unlessNone = [](std::ptrdiff_t count, std::string_view what) {
+    const auto unlessNone = [](auto count, std::string_view what) {
         return count > 0 ? fmt::format(", {} {}", count, what) : "";
     };
     const auto known = std::ranges::count_if(

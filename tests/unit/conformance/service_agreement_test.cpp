@@ -34,7 +34,7 @@ struct Agreeing {
                const std::optional<Message>& event) {
         traffic.requests.push_back(request);
         ServedRequest one;
-        one.connection = 1;
+        one.connection = "1";
         one.request = request;
         one.answer = answer;
         one.event = event;
@@ -112,15 +112,15 @@ BOOST_FIXTURE_TEST_CASE(requestsAreSwapped, Agreeing) {
 }
 
 BOOST_FIXTURE_TEST_CASE(requestsComeOverTwoConnections, Agreeing) {
-    served[2].connection = 2;
-    served[3].connection = 2;
+    served[2].connection = "2";
+    served[3].connection = "2";
     BOOST_TEST(line() ==
                "request 3 came over another connection than the one before; an initiator has one");
 }
 
 BOOST_FIXTURE_TEST_CASE(connectionsMayBeUnknown, Agreeing) {
     for (ServedRequest& each : served) {
-        each.connection = nullptr;
+        each.connection.clear();
     }
     BOOST_TEST(lines().empty());
 }
@@ -144,7 +144,7 @@ BOOST_FIXTURE_TEST_CASE(theProbesEchoComesLastOverItsOwnConnection, Agreeing) {
     traffic.hasProbeEcho = true;
     BOOST_TEST(line().starts_with("requests never reached the service: 5 were sent"));
     ServedRequest echo;
-    echo.connection = 2;
+    echo.connection = "2";
     echo.request = echo.answer.emplace(message("echo", "peer", "peer"));
     served.push_back(echo);
     BOOST_TEST(lines().empty());
@@ -199,7 +199,7 @@ BOOST_AUTO_TEST_CASE(aLineOfTheRecordIsRead) {
         R"("payload":"p"},"answer":{"category":"c","identifier":"i","uuid":"u","payload":null},)"
         R"("event":null,"more":1})");
     BOOST_REQUIRE(served);
-    BOOST_TEST(served->connection == "x");
+    BOOST_TEST(served->connection == R"("x")");
     BOOST_TEST((served->process == 7));
     BOOST_TEST((served->request == Message{"c", "i", "u", "p"}));
     BOOST_REQUIRE(served->answer);
