@@ -62,7 +62,7 @@ class Server {
 
   private:
     static constexpr std::size_t goodbyesPerRound = 64;
-    static constexpr std::size_t fanOutWritesPerRound = 64;
+    static constexpr std::size_t fanOutWritesPerRound = 32;
     // About how many frames all reads of a round share, and how many of them one session
     // gets: a busy peer delays others by microseconds, and many by less than a
     // millisecond.
