@@ -8,7 +8,7 @@
 
 namespace kavri::base {
 
-// What stands behind a text that is cut: "… (17 bytes more)".
+// Marks that a text was truncated: "… (17 bytes more)".
 inline std::string cutMark(std::size_t bytesMore) {
     return "… (" + std::to_string(bytesMore) + (bytesMore == 1 ? " byte more)" : " bytes more)");
 }

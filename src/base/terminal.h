@@ -1,5 +1,4 @@
-// What can be shown on a descriptor: lines that fit a terminal, colours, and a line that is
-// replaced as work goes on.
+// Output for a terminal: its width and colours, lines that fit it, and a progress line.
 #ifndef KAVRI_BASE_TERMINAL_H
 #define KAVRI_BASE_TERMINAL_H
 

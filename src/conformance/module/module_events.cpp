@@ -43,8 +43,6 @@ constexpr std::array forms = {
     Form{"stack", Kind::stack, false, false, true},
 };
 
-constexpr std::size_t longestLineBytes = 65536;
-
 // A word up to the next blank, or the end.
 std::string_view takeWord(std::string_view& line) {
     if (const auto word = base::takeUntil(line, " ")) {
@@ -103,18 +101,12 @@ std::optional<ModuleEvent> parseEvent(std::string_view line) {
 
 std::vector<ModuleEvent> ModuleEvents::read(std::string_view bytes) {
     std::vector<ModuleEvent> events;
-    partialLine_ += bytes;
-    std::string_view rest = partialLine_;
-    while (const auto line = base::takeUntil(rest, "\n")) {
-        if (auto event = parseEvent(*line)) {
+    // What is no event was written by the library, to a descriptor that is not its own.
+    lines_.add(bytes, [&events](std::string_view line) {
+        if (auto event = parseEvent(line)) {
             events.push_back(std::move(*event));
         }
-    }
-    partialLine_.erase(0, partialLine_.size() - rest.size());
-    // No event is so long: a library has written to a descriptor that is not its own.
-    if (partialLine_.size() > longestLineBytes) {
-        partialLine_.clear();
-    }
+    });
     return events;
 }
 

@@ -23,6 +23,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/line_buffer.h"
+
 namespace kavri::conformance {
 
 struct ModuleEvent {
@@ -61,7 +63,7 @@ class ModuleEvents {
     std::vector<ModuleEvent> read(std::string_view bytes);
 
   private:
-    std::string partialLine_;
+    base::LineBuffer lines_;
 };
 
 }  // namespace kavri::conformance

@@ -25,9 +25,6 @@ namespace kavri::conformance {
 
 namespace {
 
-// A longer line is passed on in pieces.
-constexpr size_t longestLineBytes = 65536;
-
 // The time of the current case is refreshed this often.
 constexpr std::chrono::milliseconds refreshTime{100};
 
@@ -416,27 +413,6 @@ void ModuleRun::keepBrokerLine(std::string_view line) {
     brokerLines_.emplace_back(line);
     if (brokerLines_.size() > brokerLinesLimit) {
         brokerLines_.pop_front();
-    }
-}
-
-void ModuleRun::LineBuffer::add(std::string_view bytes,
-                                const std::function<void(std::string_view)>& use) {
-    partial_ += bytes;
-    std::string_view rest = partial_;
-    for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-        use(rest.substr(0, end));
-        rest.remove_prefix(end + 1);
-    }
-    partial_.erase(0, partial_.size() - rest.size());
-    if (partial_.size() > longestLineBytes) {
-        finish(use);
-    }
-}
-
-void ModuleRun::LineBuffer::finish(const std::function<void(std::string_view)>& use) {
-    if (!partial_.empty()) {
-        use(partial_);
-        partial_.clear();
     }
 }
 

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/line_buffer.h"
 #include "base/pipe.h"
 #include "conformance/module/broker_access.h"
 #include "conformance/module/case_output.h"
@@ -90,15 +91,6 @@ class ModuleRun {
     void beginNextCase();
     void finish();
 
-    // Splits a stream into lines.
-    class LineBuffer {
-      public:
-        void add(std::string_view bytes, const std::function<void(std::string_view)>& use);
-        void finish(const std::function<void(std::string_view)>& use);
-
-      private:
-        std::string partial_;
-    };
     void takeModuleLine(std::string& currentCase, std::string_view line);
     void showModuleLine(const std::string& caseName, std::string_view line);
     void keepBrokerLine(std::string_view line);
@@ -122,12 +114,12 @@ class ModuleRun {
     ModuleEvents events_;
     RunRecord record_;
     // What the module prints, and the case in which each of the two streams is.
-    LineBuffer output_;
-    LineBuffer error_;
+    base::LineBuffer output_;
+    base::LineBuffer error_;
     std::string outputCase_;
     std::string errorCase_;
     std::map<std::string, CaseOutput> printed_;
-    LineBuffer brokerError_;
+    base::LineBuffer brokerError_;
     std::deque<std::string> brokerLines_;
     process::ExitState exit_;
 };

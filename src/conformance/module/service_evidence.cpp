@@ -22,8 +22,6 @@ namespace {
 constexpr std::size_t servedLimit = 1000;
 // What is late comes soon after its case; and a module may run the cases very often.
 constexpr std::size_t earlierConnectionsLimit = 16;
-// A line with five texts of 200 bytes each is far shorter, however they are escaped.
-constexpr std::size_t longestLineBytes = 65536;
 constexpr std::size_t shownBytes = 200;
 
 base::Descriptor openAtEnd(const std::filesystem::path& file) {
@@ -51,16 +49,8 @@ void ServiceEvidence::read() {
     std::array<char, 65536> bytes;
     for (ssize_t count = 1; count > 0 && source_.isOpen();) {
         count = ::read(source_.get(), bytes.data(), bytes.size());
-        std::string_view rest(bytes.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
-        for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-            addLine(partialLine_.append(rest.substr(0, end)));
-            partialLine_.clear();
-            rest.remove_prefix(end + 1);
-        }
-        partialLine_ += rest;
-        if (partialLine_.size() > longestLineBytes) {
-            addLine(std::exchange(partialLine_, {}));
-        }
+        lines_.add({bytes.data(), count > 0 ? static_cast<std::size_t>(count) : 0},
+                   [this](std::string_view line) { addLine(line); });
         if (count == 0 && isPipe_) {
             source_.close();  // whoever wrote has ended
         }

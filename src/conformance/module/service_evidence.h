@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/descriptor.h"
+#include "base/line_buffer.h"
 #include "conformance/cases/service_agreement.h"
 
 namespace kavri::conformance {
@@ -52,7 +53,7 @@ class ServiceEvidence {
 
     base::Descriptor source_;
     bool isPipe_;
-    std::string partialLine_;
+    base::LineBuffer lines_;
     std::vector<ServedRequest> served_;
     std::size_t leftOut_ = 0;  // beyond those that are kept
     std::string malformed_;    // the first line of another form; empty: none
