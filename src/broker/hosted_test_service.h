@@ -2,8 +2,11 @@
 #ifndef KAVRI_BROKER_HOSTED_TEST_SERVICE_H
 #define KAVRI_BROKER_HOSTED_TEST_SERVICE_H
 
+#include <spdlog/spdlog.h>
+
 #include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "broker/routing/local_service.h"
@@ -17,7 +20,8 @@ class HostedTestService : public LocalService {
     explicit HostedTestService(test_service::TestService::UnknownCommand onUnknown)
         : service_(std::move(onUnknown)) {}
 
-    // From now on. Throws std::system_error where the file cannot be written.
+    // From now on, and until that fails: a full disk is no reason to end the broker. Throws
+    // std::system_error where the file cannot be opened.
     void recordTo(const std::string& file) { record_.emplace(file); }
 
     Reaction handle(const Request& request) override {
@@ -29,7 +33,10 @@ class HostedTestService : public LocalService {
     }
 
     void decided(const Request& request, const Reaction& reaction) override {
-        if (record_) {
+        if (!record_) {
+            return;
+        }
+        try {
             record_->add({.connection = request.connection,
                           .process = request.process,
                           .category = request.category,
@@ -39,6 +46,9 @@ class HostedTestService : public LocalService {
                          {.answers = reaction.answer.has_value(),
                           .publishes = reaction.event.has_value(),
                           .payload = reaction.answer.value_or("")});
+        } catch (const std::system_error& error) {
+            spdlog::error("{}; nothing more is recorded", error.what());
+            record_.reset();
         }
     }
 

@@ -253,6 +253,15 @@ BOOST_FIXTURE_TEST_CASE(itsRecordHasEachRequestOnce, Embedded) {
     BOOST_TEST(connection(lines[0]) != connection(lines[1]));
 }
 
+BOOST_FIXTURE_TEST_CASE(itAnswersWhereItsRecordCannotBeWritten, Embedded) {
+    service.recordTo("/dev/full");
+    command(caller, 7, "echo", "hi");
+    command(caller, 8, "echo", "ho");
+    BOOST_TEST(hear(caller) ==
+               "response 7 category=test identifier=echo uuid=u payload=hi\n"
+               "response 8 category=test identifier=echo uuid=u payload=ho");
+}
+
 BOOST_FIXTURE_TEST_CASE(nobodyElseMayServeItsCategory, Embedded) {
     Session& late = join("responder");
     say(late, registration(1));
