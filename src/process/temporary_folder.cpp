@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -47,10 +48,20 @@ bool isOwn(const struct stat& status, mode_t kind) {
     return status.st_uid == geteuid() && (status.st_mode & S_IFMT) == kind;
 }
 
+// A folder of the user's that only looks like one of these holds something else.
+bool holdsNothingElse(const fs::path& outer) {
+    std::error_code error;
+    const fs::directory_iterator entries(outer, error);
+    return !error &&
+           std::all_of(begin(entries), end(entries), [](const fs::directory_entry& entry) {
+               return entry.path().filename() == "lock" || entry.path().filename() == "files";
+           });
+}
+
 bool isAbandoned(const fs::path& outer, base::Descriptor& lock) {
     struct stat folder {};
     struct stat file {};
-    if (lstat(outer.c_str(), &folder) != 0 || !isOwn(folder, S_IFDIR)) {
+    if (lstat(outer.c_str(), &folder) != 0 || !isOwn(folder, S_IFDIR) || !holdsNothingElse(outer)) {
         return false;
     }
     lock = base::Descriptor(open((outer / "lock").c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));

@@ -84,6 +84,16 @@ BOOST_AUTO_TEST_CASE(whatOthersMadeIsKept) {
     }
 }
 
+BOOST_AUTO_TEST_CASE(whatOnlyLooksLikeOneIsKept) {
+    const fs::path other = folder / "kavri-backup";
+    fs::rename(leftBehind().parent_path(), other);
+    std::ofstream(other / "letters") << "something";
+    removeAbandonedFolders();
+    for (const auto* name : {"lock", "files/file", "letters"}) {
+        BOOST_TEST(fs::exists(other / name), name);
+    }
+}
+
 BOOST_AUTO_TEST_CASE(aLinkToAFolderIsNotFollowed) {
     const fs::path left = leftBehind().parent_path();
     const fs::path elsewhere = folder / "kavri-elsewhere";
