@@ -1,8 +1,8 @@
 // A timer that makes a descriptor readable.
 //
-// Moved to an earlier time only, never to a later one: whoever sleeps often, for a
-// short time and with a time limit far ahead, sets a timer in the kernel once for many
-// sleeps, and at times wakes for nothing.
+// It is only ever set to an earlier time. An event loop sleeps thousands of times a second
+// with a deadline far ahead: so it makes one system call for many sleeps, and now and then
+// wakes up early.
 #ifndef KAVRI_BROKER_LOOP_WAKE_TIMER_H
 #define KAVRI_BROKER_LOOP_WAKE_TIMER_H
 

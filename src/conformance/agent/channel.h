@@ -6,9 +6,9 @@
 
 namespace kavri::conformance {
 
-// How the observer marks in the module's output where a case begins: with a line of its own
-// on both streams, this mark and the case's name. What was printed without a line break
-// before it stands in front of the mark.
+// Where a case begins, the observer prints a line with this mark and the case's name to
+// standard output and standard error. Where the output of the case before did not end with a
+// line break, the mark is not at the start of its line.
 inline constexpr std::string_view caseMark = "\x1ekavri-case ";
 
 // The exit status with which the agent ends the module where the descriptor for the events

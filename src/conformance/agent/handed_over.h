@@ -1,5 +1,5 @@
-// What can only be found out within the process about what the library hands over: whether
-// its strings can be the caller's to free, and whether its thread is fit for callbacks.
+// Checks of what the library passes to its caller that only work within its process: whether
+// the strings were allocated by malloc, and whether the callback's thread blocks all signals.
 #ifndef KAVRI_CONFORMANCE_AGENT_HANDED_OVER_H
 #define KAVRI_CONFORMANCE_AGENT_HANDED_OVER_H
 
@@ -9,8 +9,9 @@
 
 namespace kavri::conformance {
 
-// Records a breach for each string that malloc cannot have returned, or that is handed over
-// twice. `fields`: where the library stored them; null where a message has no such field.
+// Records a breach for each string that cannot have been allocated by malloc, or that two fields
+// of the message share. `fields`: where the library stored them; null for fields that the
+// message does not have.
 void checkStrings(unsigned number, const std::array<char**, fieldCount>& fields);
 
 // Records a breach where a signal could interrupt the callback on this thread.

@@ -19,8 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A thread that was joined, or ended by itself, is listed for a moment longer. The kernel
-// sets this flag of it before it wakes whoever joins it.
+// A thread that has ended is listed in /proc for a moment longer, even after it was joined.
+// By then the kernel has set this flag in its stat.
 constexpr unsigned exitingFlag = 0x4;  // PF_EXITING
 
 bool isExiting(const fs::path& task) {

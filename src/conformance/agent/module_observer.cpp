@@ -268,8 +268,8 @@ class Observer : public ut::test_observer {
 
 __attribute__((constructor)) void observe() {
     if (kavri::conformance::isRecording()) {
-        // Never destroyed: the framework still tells it things while the program ends, also
-        // where the library ends it.
+        // Never destroyed: the framework calls it during exit, too, also when the library calls
+        // exit().
         static Observer& observer = *new Observer;
         ut::framework::register_observer(observer);
         // Lets a debugger that the tool starts attach to this process. Fails where the kernel

@@ -84,7 +84,7 @@ class Judgement {
     }
 
   private:
-    // A rule that is broken again is counted, and not told again.
+    // One warning for each rule and sentence, with the number of violations.
     void add(const WarningReport& warning) {
         const auto known = std::ranges::find_if(warnings_, [&](const WarningReport& each) {
             return each.rule == warning.rule && each.sentence == warning.sentence;

@@ -2,7 +2,7 @@
 //
 //   must    the interface promises it of every library, and a program cannot do without
 //   should  the interface promises less, or a program can do without; a good library has it
-//   may     a library that lacks it takes nothing from a program but convenience
+//   may     optional: only convenient for a program
 //
 // A run can be judged by a level: cases below it are not run, and a check below it that
 // fails does not fail its case.

@@ -25,8 +25,8 @@ struct Message {
 
 // One line of the service's record.
 struct ServedRequest {
-    std::string connection;      // what tells connections apart, as JSON; empty: not known
-    std::optional<int> process;  // nothing: not known
+    std::string connection;      // its identifier, as JSON; empty: not known
+    std::optional<int> process;  // of the client; nothing: not known
     Message request;
     std::optional<Message> answer;
     std::optional<Message> event;
@@ -35,7 +35,7 @@ struct ServedRequest {
 // Nothing where the line has another form.
 std::optional<ServedRequest> parseServedRequest(std::string_view line);
 
-// What went through the library in a case, in order.
+// The messages that the library sent and delivered in a case, in order.
 struct CaseTraffic {
     std::vector<Message> requests;  // whose send returned no error
     std::vector<Message> responses;
