@@ -18,8 +18,8 @@
 // stores a callback or makes an object.
 //
 // Texts are taken as kavri::TextView, which comes from literals, std::string and received
-// messages without a copy. A std::string with a NUL in it is an INVALID_ARGUMENT, thrown as
-// kavri::Error by either kind of call, before anything is done.
+// messages without a copy. As everywhere in the C functions, a text ends at its first NUL:
+// what a std::string holds behind one is not sent.
 //
 // Callbacks get their message to keep, on the library's thread, one at a time for each
 // initiator or responder.

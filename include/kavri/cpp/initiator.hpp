@@ -109,25 +109,18 @@ class Initiator {
     // IPC_NO_MESSAGE, where none comes in time. Other failures are those of the receive, or
     // of a request that was sent before.
     std::optional<Response> receive(Timeout timeout = forever) {
-        Result<Response> result = tryReceive(timeout);
-        if (result) {
-            return *std::move(result);
+        Strings strings;
+        const Status status = receive(timeout, strings);
+        if (status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE) {
+            return std::nullopt;
         }
-        if (result.status() != KAVRI_CORE_STATUS_IPC_NO_MESSAGE) {
-            throw Error(result.status(), "receiving a response");
-        }
-        return std::nullopt;
+        throwOnFailure(status, "receiving a response");
+        return strings.response();
     }
     Result<Response> tryReceive(Timeout timeout = forever) noexcept {
-        char* category = nullptr;
-        char* identifier = nullptr;
-        char* uuid = nullptr;
-        char* payload = nullptr;
-        const Status status = kavri_core_ipc_initiator_response_receive(
-            handle_, timeout.milliseconds(), &category, &identifier, &uuid, &payload);
-        return status == KAVRI_CORE_STATUS_NO_ERROR
-                   ? Result<Response>(Response(category, identifier, uuid, payload))
-                   : status;
+        Strings strings;
+        const Status status = receive(timeout, strings);
+        return status == KAVRI_CORE_STATUS_NO_ERROR ? Result<Response>(strings.response()) : status;
     }
 
     // Sends a request, with a uuid of its own making, and receives the response to it.
@@ -206,7 +199,23 @@ class Initiator {
     };
     struct Unopened {};
 
+    // As the C function stores them.
+    struct Strings {
+        char* category = nullptr;
+        char* identifier = nullptr;
+        char* uuid = nullptr;
+        char* payload = nullptr;
+
+        Response response() const noexcept { return {category, identifier, uuid, payload}; }
+    };
+
     explicit Initiator(Unopened) noexcept {}
+
+    Status receive(Timeout timeout, Strings& strings) noexcept {
+        return kavri_core_ipc_initiator_response_receive(handle_, timeout.milliseconds(),
+                                                         &strings.category, &strings.identifier,
+                                                         &strings.uuid, &strings.payload);
+    }
 
     Status open(const Options& options) {
         parts_ = std::make_unique<Parts>();

@@ -59,26 +59,18 @@ class Responder {
     // where none comes in time. IPC_FAILED while a request callback is installed; receives
     // that wait end with it at once, which is the way to end threads that receive.
     std::optional<Request> receive(Timeout timeout = forever) {
-        Result<Request> result = tryReceive(timeout);
-        if (result) {
-            return *std::move(result);
+        Strings strings;
+        const Status status = receive(timeout, strings);
+        if (status == KAVRI_CORE_STATUS_IPC_NO_MESSAGE) {
+            return std::nullopt;
         }
-        if (result.status() != KAVRI_CORE_STATUS_IPC_NO_MESSAGE) {
-            throw Error(result.status(), "receiving a request");
-        }
-        return std::nullopt;
+        throwOnFailure(status, "receiving a request");
+        return strings.request();
     }
     Result<Request> tryReceive(Timeout timeout = forever) noexcept {
-        kavri_core_ipc_request name{};
-        char* category = nullptr;
-        char* identifier = nullptr;
-        char* uuid = nullptr;
-        char* payload = nullptr;
-        const Status status = kavri_core_ipc_responder_request_receive(
-            handle_, timeout.milliseconds(), &name, &category, &identifier, &uuid, &payload);
-        return status == KAVRI_CORE_STATUS_NO_ERROR
-                   ? Result<Request>(Request(name, category, identifier, uuid, payload))
-                   : status;
+        Strings strings;
+        const Status status = receive(timeout, strings);
+        return status == KAVRI_CORE_STATUS_NO_ERROR ? Result<Request>(strings.request()) : status;
     }
 
     // kavri_core_ipc_responder_request_receive_callback: has every request passed to a
@@ -145,7 +137,24 @@ class Responder {
     };
     struct Unopened {};
 
+    // As the C function stores them.
+    struct Strings {
+        kavri_core_ipc_request name{};
+        char* category = nullptr;
+        char* identifier = nullptr;
+        char* uuid = nullptr;
+        char* payload = nullptr;
+
+        Request request() const noexcept { return {name, category, identifier, uuid, payload}; }
+    };
+
     explicit Responder(Unopened) noexcept {}
+
+    Status receive(Timeout timeout, Strings& strings) noexcept {
+        return kavri_core_ipc_responder_request_receive(
+            handle_, timeout.milliseconds(), &strings.name, &strings.category, &strings.identifier,
+            &strings.uuid, &strings.payload);
+    }
 
     Status open(TextView category, const Options& options) {
         parts_ = std::make_unique<Parts>();

@@ -2,11 +2,8 @@
 #ifndef KAVRI_CPP_TEXT_HPP
 #define KAVRI_CPP_TEXT_HPP
 
-#include <kavri/core.h>
-
 #include <cstddef>
 #include <cstring>
-#include <kavri/cpp/status.hpp>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -21,13 +18,8 @@ class TextView {
     constexpr TextView() noexcept = default;
     constexpr TextView(std::nullptr_t) noexcept {}
     constexpr TextView(const char* text) noexcept : text_(text) {}
-    // Throws Error with INVALID_ARGUMENT where a NUL is within the string, because what
-    // follows the NUL would be lost.
-    TextView(const std::string& text) : text_(text.c_str()) {
-        if (text.find('\0') != std::string::npos) {
-            throw Error(KAVRI_CORE_STATUS_INVALID_ARGUMENT, "a text with a NUL in it");
-        }
-    }
+    // The string up to its first NUL, as c_str() gives it.
+    TextView(const std::string& text) noexcept : text_(text.c_str()) {}
 
     constexpr bool isNull() const noexcept { return text_ == nullptr; }
     // Null where it is.
