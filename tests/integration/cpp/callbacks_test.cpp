@@ -36,9 +36,12 @@ class Texts {
     std::vector<std::string> texts_;
 };
 
-struct Fixture : CppPair {
+// Outlives the objects whose callbacks use it.
+struct WithTexts {
     Texts texts;
+};
 
+struct Fixture : WithTexts, CppPair {
     void echo(const std::string& uuid) { initiator.send("test", "echo", uuid, uuid); }
 };
 
@@ -295,8 +298,10 @@ BOOST_AUTO_TEST_CASE(aConnectionCallbackDestroysItsObject) {
     kavri::Options chosen = options();
     chosen.connectionCallback = [&](const kavri::ConnectionChange& change) {
         if (change.event == KAVRI_CORE_IPC_CONNECTION_BROKEN) {
-            const std::lock_guard lock(mutex);
-            own.reset();
+            {
+                const std::lock_guard lock(mutex);
+                own.reset();
+            }
             ended = true;
         }
     };

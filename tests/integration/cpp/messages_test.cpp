@@ -44,8 +44,8 @@ BOOST_AUTO_TEST_CASE(theFailureOfAnEarlierRequestIsNotTheLaterOnes) {
     (void)takeRequest();
     responder.close();
     // Then the broker has told the initiator, too.
-    BOOST_REQUIRE(eventually(
-        [this] { return kavri::Responder::tryConnect("work", options()).hasValue(); }));
+    BOOST_REQUIRE(
+        eventually([this] { return kavri::Responder::tryConnect("work", options()).hasValue(); }));
     BOOST_TEST(initiator.tryRequest("nobody's", "do", "").status() ==
                KAVRI_CORE_STATUS_IPC_NO_RESPONDER);
 }
