@@ -297,7 +297,7 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
     });
     std::string place = cut == outcome.cases.end() ? "after the last case" : "in " + cut->name;
     if (cut != outcome.cases.end() && cut->hang) {
-        place += "; " + printable(hangText(*cut->hang));
+        place += "; " + base::printable(hangText(*cut->hang));
     }
     if (outcome.end == RunEnd::brokerLost) {
         throw process::CommandFailure(
@@ -395,7 +395,7 @@ process::ExitStatus ConformanceRun::judge() {
             reportFiles_->complaint());
     }
     if (status == process::ExitStatus::ended) {
-        throw process::CommandFailure(status, printable(cutOffText(report_)));
+        throw process::CommandFailure(status, base::printable(cutOffText(report_)));
     }
     return status;
 }
