@@ -54,6 +54,8 @@ enum class FrameType : std::uint8_t {
     ping = 13,             // to the broker, which answers with a
     pong = 14,             // of the same token
     goodbye = 15,          // the sender closes; payload is the reason
+    query = 16,            // from a manager: what the broker is doing
+    report = 17,           // to it, many: identifier is what of, payload the figures
 };
 
 // The fields, in their order on the wire.

@@ -36,7 +36,9 @@ inline constexpr std::array allTypes = {FrameType::hello,
                                         FrameType::notice,
                                         FrameType::ping,
                                         FrameType::pong,
-                                        FrameType::goodbye};
+                                        FrameType::goodbye,
+                                        FrameType::query,
+                                        FrameType::report};
 
 // Those left out are absent.
 struct Fields {
@@ -80,6 +82,8 @@ inline Frame smallestFrame(FrameType type, std::uint64_t token) {
             return makeFrame(type, token, {.category = "category"});
         case FrameType::goodbye:
             return makeFrame(type, token, {.payload = "payload"});
+        case FrameType::report:
+            return makeFrame(type, token, {.identifier = "identifier", .payload = "payload"});
         default:
             return makeFrame(type, token);
     }

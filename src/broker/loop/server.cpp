@@ -24,25 +24,32 @@ constexpr std::chrono::milliseconds pauseBeforeTrim{1000};
 Server::Server(ServerOptions options, Listener& listener, const Log& log)
     : limits_(options.limits),
       policy_(std::move(options.policy)),
+      facts_(std::move(options.facts)),
       router_(limits_, policy_, pool_,
-              {[this](Session& session, std::string_view reason) {
-                   close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
+              {[this](Session& session, CloseCause cause, std::string_view reason) {
+                   close(session, cause, reason);
                },
                [&log](const Session& session, std::string_view what) {
                    if (log.admits(what)) {
                        spdlog::warn("process {} of user {} {}", session.process, session.user,
                                     what);
                    }
+               },
+               [this](Session& manager, std::uint64_t token) {
+                   return reports_.begin(manager, token);
                }}),
+      reports_(router_, {limits_, facts_, counts_, [this] { return sessions_.size(); },
+                         [this](std::uint64_t place) { return sessions_.firstFrom(place); },
+                         [this](std::uint64_t least) { return sessions_.firstUserFrom(least); }}),
       protocol_(limits_, router_, pool_, std::move(options.identity),
-                [this](Session& session, kavri_core_status status, std::string_view reason) {
-                    close(session, status, reason);
+                [this](Session& session, CloseCause cause, std::string_view reason) {
+                    close(session, cause, reason);
                 }),
-      acceptor_(listener, {readiness_, deadlines_, sessions_, limits_, policy_,
+      acceptor_(listener, {readiness_, deadlines_, sessions_, limits_, policy_, counts_,
                            [this](const Accepted& accepted) { open(accepted); }}),
       traffic_({limits_, router_, protocol_, deadlines_, readiness_, now_,
-                [this](Session& session, kavri_core_status status, std::string_view reason) {
-                    close(session, status, reason);
+                [this](Session& session, CloseCause cause, std::string_view reason) {
+                    close(session, cause, reason);
                 }}),
       clock_(Clock::now()),
       now_(clock_.now()) {}
@@ -72,6 +79,7 @@ void Server::run(int signalDescriptor, std::function<void()> onSignal) {
         if (std::exchange(connectionsWait_, false)) {
             acceptor_.acceptSome(readiness_.events().size(), now_);
         }
+        reports_.advance();
         finishRound();
     }
     sayGoodbye();
@@ -206,7 +214,7 @@ void Server::handleDeadline(DeadlineKind kind, Session& session) {
                 traffic_.receive(session, readShare(session));
             }
             if (session.role == Role::unknown && !session.isClosing) {
-                close(session, KAVRI_CORE_STATUS_IPC_REFUSED, "its hello did not arrive in time");
+                close(session, CloseCause::lateHello, "its hello did not arrive in time");
             }
             break;
         case DeadlineKind::drain:
@@ -246,9 +254,7 @@ void Server::sayGoodbye() {
     stopping_ = true;
     const std::string reason =
         failure_.empty() ? "the broker is stopping" : "the broker is stopping: " + failure_;
-    sessions_.forEach([&](Session& session) {
-        close(session, KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE, reason);
-    });
+    sessions_.forEach([&](Session& session) { close(session, CloseCause::stopping, reason); });
     while (!closing_.empty() || !leaving_.empty()) {
         traffic_.releaseRest();
         finishRound();
@@ -262,7 +268,7 @@ void Server::reconfigure(wire::Limits limits, Policy policy) {
     router_.policyChanged();
     sessions_.forEach([this](Session& session) {
         if (const std::string_view reason = lostRight(session, policy_); !reason.empty()) {
-            close(session, KAVRI_CORE_STATUS_IPC_REFUSED, reason);
+            close(session, CloseCause::notPermitted, reason);
         }
     });
 }
@@ -274,10 +280,13 @@ void Server::open(const Accepted& accepted) {
         deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session->id});
     } catch (const std::bad_alloc&) {
         spdlog::error("no memory for another connection");
+        ++counts_.outOfResources;
         session == nullptr ? static_cast<void>(::close(accepted.descriptor))
                            : sessions_.remove(*session);
         return;
     }
+    ++counts_.accepted;
+    counts_.most = std::max(counts_.most, sessions_.size());
     traffic_.watch(*session);
     traffic_.receive(*session, readShare(*session));  // its hello is mostly there already
 }
@@ -291,11 +300,12 @@ void Server::keepListening() {
     }
 }
 
-void Server::close(Session& session, kavri_core_status status, std::string_view reason) {
+void Server::close(Session& session, CloseCause cause, std::string_view reason) {
     if (session.isClosing) {
         return;
     }
     session.isClosing = true;
+    ++counts_.closedBy(cause);
     closing_.push_back(&session);
     if (reason.empty()) {
         return;  // the peer has closed the connection
@@ -305,7 +315,7 @@ void Server::close(Session& session, kavri_core_status status, std::string_view 
                      session.user, reason);
     }
     try {
-        session.sendQueue.append(goodbyeFrame(status, reason));
+        session.sendQueue.append(goodbyeFrame(statusOf(cause), reason));
     } catch (const std::bad_alloc&) {
         // Closed without a reason: there is no memory for one.
     }
@@ -314,6 +324,7 @@ void Server::close(Session& session, kavri_core_status status, std::string_view 
 void Server::leave(Session& session) {
     Traffic::sendLast(session);  // says why it is closed
     router_.forget(session);
+    reports_.forget(session);
     leaving_.push_back(&session);
 }
 

@@ -5,7 +5,7 @@
 // peer starves another: signals; then one read from each session that is ready,
 // the smaller the more there are, and from a few of those that send more than their
 // share; then the deadlines that have passed; then a few of the connections that
-// wait; then one write to each session with new output, and the closing of some
+// wait, and some of the reports that managers asked for; then one write to each session with new output, and the closing of some
 // sessions. Between rounds the loop tries again for a
 // moment before it sleeps.
 #ifndef KAVRI_BROKER_LOOP_SERVER_H
@@ -23,6 +23,7 @@
 #include "broker/loop/readiness.h"
 #include "broker/loop/sessions.h"
 #include "broker/loop/traffic.h"
+#include "broker/management/reports.h"
 #include "broker/memory/memory_reserve.h"
 #include "broker/routing/policy.h"
 #include "broker/routing/protocol.h"
@@ -35,6 +36,7 @@ struct ServerOptions {
     wire::Limits limits;
     Policy policy;
     std::string identity;  // a uuid
+    BrokerFacts facts;
 };
 
 class Server {
@@ -80,7 +82,8 @@ class Server {
     Clock::duration sleep();
     std::optional<Clock::time_point> sleepUntil(Clock::time_point now) const;
     bool hasWorkLeft() {
-        return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease();
+        return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease() ||
+               reports_.hasWork();
     }
     void handleEvent(const epoll_event& event);
     void handleSession(Session& session, const epoll_event& event);
@@ -97,12 +100,14 @@ class Server {
     void keepListening();
 
     Session* find(SessionId id) { return sessions_.find(id); }
-    void close(Session& session, kavri_core_status status, std::string_view reason);
+    void close(Session& session, CloseCause cause, std::string_view reason);
     void leave(Session& session);
     void remove(Session& session);
 
     wire::Limits limits_;
     Policy policy_;
+    const BrokerFacts facts_;
+    ConnectionCounts counts_;
     std::function<void()> onSignal_;
     bool bulkIsReady_ = false;
     bool connectionsWait_ = false;
@@ -114,6 +119,7 @@ class Server {
     BufferPool pool_;
     SessionTable sessions_;
     Router router_;
+    Reports reports_;
     Protocol protocol_;
     Deadlines deadlines_;
     Readiness readiness_;

@@ -35,10 +35,6 @@ Frame outcomeFrame(FrameType type, std::uint64_t token, kavri_core_status status
     return frame;
 }
 
-std::uint64_t numberOf(SessionId id) {
-    return std::uint64_t{id.generation} << 32 | id.index;
-}
-
 bool isSubscribed(const Session& session, const Category& category) {
     return std::ranges::count(session.asInitiator.subscriptions, &category,
                               &Subscription::category) > 0;
@@ -102,6 +98,7 @@ std::optional<Blocked> Router::request(Session& from, InputFrame& frame) {
             break;
     }
     wire::replaceToken(frame.bytes, requests_.open(responder, from, frame.values.token));
+    ++counts_.requests;
     deliver(responder, frame, Receivers::one);
     return std::nullopt;
 }
@@ -124,10 +121,7 @@ std::optional<Blocked> Router::response(Session& from, InputFrame& frame) {
     const std::uint64_t token = frame.values.token;
     const PendingRequest* known = requests_.find(from, token);
     if (known == nullptr) {
-        if (!dropsSilently(from)) {
-            surroundings_.note(from,
-                               "answered a request that is not pending; the answer is dropped");
-        }
+        dropAnswer(from, "answered a request that is not pending; the answer is dropped");
         return std::nullopt;
     }
     Session& initiator = *known->initiator;
@@ -136,6 +130,7 @@ std::optional<Blocked> Router::response(Session& from, InputFrame& frame) {
     }
     wire::replaceToken(frame.bytes, known->initiatorToken);
     requests_.close(token);
+    ++counts_.responses;
     deliver(initiator, frame, Receivers::one);
     return std::nullopt;
 }
@@ -143,29 +138,30 @@ std::optional<Blocked> Router::response(Session& from, InputFrame& frame) {
 void Router::completion(Session& from, std::uint64_t token) {
     const PendingRequest* known = requests_.find(from, token);
     if (known == nullptr) {
-        if (!dropsSilently(from)) {
-            surroundings_.note(from, "completed a request that is not pending");
-        }
+        dropAnswer(from, "completed a request that is not pending");
         return;
     }
     const PendingRequest ended = *known;
     requests_.close(token);
+    ++counts_.completions;
     send(*ended.initiator,
          outcomeFrame(FrameType::completion, ended.initiatorToken, KAVRI_CORE_STATUS_NO_ERROR));
 }
 
 // The response to a request whose initiator has left is no mistake of the responder.
-bool Router::dropsSilently(Session& responder) {
+void Router::dropAnswer(Session& responder, std::string_view mistake) {
+    ++counts_.droppedAnswers;
     if (responder.asResponder.abandonedRequests == 0) {
-        return false;
+        surroundings_.note(responder, mistake);
+    } else {
+        --responder.asResponder.abandonedRequests;
     }
-    --responder.asResponder.abandonedRequests;
-    return true;
 }
 
 std::optional<Blocked> Router::publish(Session& from, InputFrame& frame) {
     const Category* served = from.asResponder.served;
     if (served == nullptr || served->name != frame.values[Field::category]) {
+        ++counts_.droppedEvents;
         surroundings_.note(from, "published an event of a category that it does not serve");
         return std::nullopt;
     }
@@ -280,6 +276,7 @@ void Router::forget(Session& session) {
     }
     requests_.abandonAll(session);
     while (const auto lost = requests_.closeAny(session)) {
+        ++counts_.responderLost;
         send(*lost->initiator, outcomeFrame(FrameType::notice, lost->initiatorToken,
                                             KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
     }
@@ -318,6 +315,7 @@ std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
         }
     }
     category.local->decided(asked, reaction);
+    ++counts_.requests;
     if (reaction.event) {
         Frame event;
         event.type = FrameType::event;
@@ -330,8 +328,10 @@ std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
         Frame response = request;
         response.type = FrameType::response;
         response[Field::payload] = *reaction.answer;
+        ++counts_.responses;
         send(from, response);
     } else {
+        ++counts_.completions;
         send(from, outcomeFrame(FrameType::completion, request.token, KAVRI_CORE_STATUS_NO_ERROR));
     }
     return std::nullopt;
@@ -349,6 +349,8 @@ std::optional<Blocked> Router::blockedOnSubscriber(const Session& from,
 }
 
 void Router::deliverToSubscribers(const Category& category, const InputFrame& event) {
+    counts_.publishedEvents += event.frames;
+    counts_.deliveredEvents += event.frames * category.subscribers.size();
     const Receivers receivers = category.subscribers.size() > 1 ? Receivers::many : Receivers::one;
     for (Session* subscriber : category.subscribers) {
         deliver(*subscriber, event, receivers);
@@ -360,7 +362,8 @@ void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) 
         return;
     }
     if (flow_.isFull(to)) {
-        surroundings_.close(to, "its send queue is full: it reads too slowly");
+        surroundings_.close(to, CloseCause::sendQueueFull,
+                            "its send queue is full: it reads too slowly");
         return;
     }
     try {
@@ -377,11 +380,21 @@ void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) 
 
 // Part of a frame may be in the send queue already, so no other frame can follow.
 void Router::closeOutOfMemory(Session& session) {
-    surroundings_.close(session, "the broker has no memory for what is sent to it");
+    surroundings_.close(session, CloseCause::outOfResources,
+                        "the broker has no memory for what is sent to it");
 }
 
 void Router::refuse(Session& from, std::uint64_t token, kavri_core_status status) {
+    ++(status == KAVRI_CORE_STATUS_IPC_REFUSED        ? counts_.refused
+       : status == KAVRI_CORE_STATUS_IPC_NO_RESPONDER ? counts_.noResponder
+                                                      : counts_.overloaded);
     send(from, outcomeFrame(FrameType::notice, token, status));
+}
+
+void Router::query(Session& from, std::uint64_t token) {
+    if (!surroundings_.report(from, token)) {
+        acknowledge(from, token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    }
 }
 
 void Router::acknowledge(Session& to, std::uint64_t token, kavri_core_status status) {

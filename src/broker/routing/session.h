@@ -29,7 +29,12 @@ struct SessionId {
     bool operator==(const SessionId&) const = default;
 };
 
-enum class Role : std::uint8_t { unknown, initiator, responder };
+// The id as one number, as records and reports name a connection.
+inline std::uint64_t numberOf(SessionId id) {
+    return std::uint64_t{id.generation} << 32U | id.index;
+}
+
+enum class Role : std::uint8_t { unknown, initiator, responder, manager };
 
 // What one user's sessions take together.
 struct UserAccount {
@@ -78,6 +83,7 @@ struct Session {
     const SessionId id;
     const uid_t user;
     UserAccount& account;
+    const Clock::time_point connected = Clock::now();
     pid_t process = 0;
     Role role = Role::unknown;  // unknown until its hello
 
