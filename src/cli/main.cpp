@@ -13,6 +13,7 @@
 #include "base/command_line.h"
 #include "cli/bench_command.h"
 #include "cli/conformance_command.h"
+#include "cli/status_command.h"
 #include "process/exit_status.h"
 
 namespace {
@@ -63,6 +64,7 @@ struct Commands {
     CLI::App app{"Tools for the kavri core library and its broker.", "kavri"};
     ConformanceOptions conformance;
     BenchOptions bench;
+    kavri::management::StatusOptions status;
 
     Commands() {
         app.set_version_flag("--version", "kavri " KAVRI_VERSION);
@@ -74,6 +76,8 @@ struct Commands {
             conformance);
         describeBench(*app.add_subcommand("bench", "Measure how fast the broker at hand is"),
                       bench);
+        describeStatus(*app.add_subcommand("status", "Show what a running broker is doing"),
+                       status);
         app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
     }
 
@@ -96,7 +100,8 @@ struct Commands {
             throw process::CommandFailure(process::ExitStatus::usage,
                                           "arguments after -- are for 'kavri conformance' only");
         }
-        return runBench(bench);
+        return app.got_subcommand("status") ? kavri::management::runStatus(status)
+                                            : runBench(bench);
     }
 };
 

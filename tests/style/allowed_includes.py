@@ -42,8 +42,9 @@ MAY_USE = {
     "src/conformance/run": {
         "base", "process", "conformance/cases", "conformance/faults", "conformance/module",
         "conformance/report"},
+    "src/management": {"base", "process", "wire", "kavri"},
     "src/cli": {
-        "base", "process", "wire", "core", "conformance/cases", "conformance/faults",
+        "base", "process", "management", "wire", "core", "conformance/cases", "conformance/faults",
         "conformance/run", "kavri"},
 }
 

@@ -1,0 +1,29 @@
+// Why a broker could not be asked: for scripts a kind, for people a line that says what is
+// wrong, where, and what to do about it.
+#ifndef KAVRI_MANAGEMENT_FAILURE_H
+#define KAVRI_MANAGEMENT_FAILURE_H
+
+#include <stdexcept>
+#include <string>
+
+namespace kavri::management {
+
+enum class FailureKind {
+    unreachable,  // nobody listens there, or the connection was lost
+    refused,      // the broker does not let this user ask, or not now, or is too old for it
+    silent,       // no answer in time
+    nonsense,     // what answers is no broker of ours
+};
+
+class Failure : public std::runtime_error {
+  public:
+    Failure(FailureKind kind, const std::string& line) : std::runtime_error(line), kind_(kind) {}
+    FailureKind kind() const { return kind_; }
+
+  private:
+    FailureKind kind_;
+};
+
+}  // namespace kavri::management
+
+#endif
