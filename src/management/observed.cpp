@@ -123,15 +123,15 @@ std::string withCommas(std::uint64_t number) {
 std::string clockTime(const Observed& observed) {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(observed.at);
     return fmt::format("{:%H:%M:%S}.{:06}",
-                       fmt::localtime(std::chrono::system_clock::to_time_t(seconds)),
+                       fmt::localtime(static_cast<std::time_t>(seconds.time_since_epoch().count())),
                        (observed.at - seconds).count());
 }
 
-std::string utcTime(const Observed& observed) {
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(observed.at);
+std::string utcTime(std::chrono::sys_time<std::chrono::microseconds> moment) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(moment);
     return fmt::format("{:%FT%T}.{:06}Z",
-                       fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)),
-                       (observed.at - seconds).count());
+                       fmt::gmtime(static_cast<std::time_t>(seconds.time_since_epoch().count())),
+                       (moment - seconds).count());
 }
 
 double microseconds(std::chrono::nanoseconds time) {
@@ -218,7 +218,7 @@ std::string textOf(const Observed& observed) {
 
 std::string jsonOf(const Observed& observed) {
     nlohmann::ordered_json json;
-    json["time"] = utcTime(observed);
+    json["time"] = utcTime(observed.at);
     if (observed.lost > 0) {
         json["lost"] = observed.lost;
         return json.dump();
@@ -256,6 +256,12 @@ std::string jsonOf(const Observed& observed) {
         json["reason"] = observed.reason;
     }
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::string jsonOfBroker(const std::string& state) {
+    const auto now =
+        std::chrono::floor<std::chrono::microseconds>(std::chrono::system_clock::now());
+    return nlohmann::ordered_json{{"time", utcTime(now)}, {"broker", state}}.dump();
 }
 
 }  // namespace kavri::management

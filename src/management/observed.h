@@ -53,6 +53,9 @@ std::string textOf(const Observed& observed);
 // One line, of valid UTF-8: bytes that are none become U+FFFD.
 std::string jsonOf(const Observed& observed);
 
+// That the monitor lost its broker ("lost") or found the next one ("connected"), now.
+std::string jsonOfBroker(const std::string& state);
+
 }  // namespace kavri::management
 
 #endif

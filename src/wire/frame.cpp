@@ -81,7 +81,7 @@ constexpr std::array<TypeRule, 20> rules = [] {
     rule(FrameType::goodbye, payload, payload, "goodbye");
     rule(FrameType::query, 0, 0, "query");
     rule(FrameType::report, identifier | payload, category | identifier | payload, "report");
-    rule(FrameType::monitor, payload, category | payload, "monitor");
+    rule(FrameType::monitor, 0, category | payload, "monitor");
     rule(FrameType::observed, payload, all, "observed");
     return table;
 }();

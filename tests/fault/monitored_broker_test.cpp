@@ -60,8 +60,9 @@ Tally readAll(RawPeer& monitor, std::uint64_t passed) {
         const RawFrame frame = monitor.expect(FrameType::observed);
         const std::string_view lines = frame.values[Field::payload];
         const std::size_t lost = lines.find("\nlost=");
-        lost == std::string_view::npos ? ++tally.seen
-                                       : tally.lost += std::stoull(std::string(lines.substr(lost + 6)));
+        lost == std::string_view::npos
+            ? ++tally.seen
+            : tally.lost += std::stoull(std::string(lines.substr(lost + 6)));
     }
     return tally;
 }
@@ -83,8 +84,7 @@ BOOST_FIXTURE_TEST_CASE(oneThatReadsNothingLosesLinesAndDelaysNobody, WithBroker
 
 // A subscriber that reads as little is closed; it shows that the time is over.
 struct Impatient : WithBroker {
-    Impatient()
-        : WithBroker({.testService = true, .config = "[limits]\nprogress_ms = 100\n"}) {}
+    Impatient() : WithBroker({.testService = true, .config = "[limits]\nprogress_ms = 100\n"}) {}
 };
 
 BOOST_FIXTURE_TEST_CASE(oneThatIsStoppedForLongIsNotClosed, Impatient) {
@@ -94,7 +94,7 @@ BOOST_FIXTURE_TEST_CASE(oneThatIsStoppedForLongIsNotClosed, Impatient) {
     exchange(initiator, frames);
     RawPeer subscriber = subscriberOf(address, "test");
     const std::string event(1 << 20, 'e');
-    while (!broker.log().contains("made no progress for too long")) {
+    while (broker.log().find("made no progress for too long") == std::string::npos) {
         initiator.send(makeFrame(FrameType::request, 1, {"test", "event", "u", event}));
         initiator.expect(FrameType::completion);
     }
@@ -108,8 +108,8 @@ BOOST_FIXTURE_TEST_CASE(oneThatIsKilledLeavesNothing, WithBroker) {
     const std::size_t before = broker.descriptors();
     RawPeer initiator(address, "initiator");
     {
-        kavri::process::ChildProcess monitor({.program = KAVRI_BIN_DIR "/kavri",
-                                              .arguments = {"monitor", "--socket", address}});
+        kavri::process::ChildProcess monitor(
+            {.program = KAVRI_BIN_DIR "/kavri", .arguments = {"monitor", "--socket", address}});
         BOOST_REQUIRE(monitor.waitForError("shows what passes", patience));
         exchange(initiator, 10'000);
         monitor.signal(SIGKILL);

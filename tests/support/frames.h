@@ -82,8 +82,6 @@ inline Frame smallestFrame(FrameType type, std::uint64_t token) {
         case FrameType::unsubscribe:
         case FrameType::registration:
             return makeFrame(type, token, {.category = "category"});
-        case FrameType::monitor:  // whose payload are options
-            return makeFrame(type, token, {.payload = ""});
         case FrameType::goodbye:
         case FrameType::observed:
             return makeFrame(type, token, {.payload = "payload"});

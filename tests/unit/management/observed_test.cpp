@@ -53,10 +53,10 @@ BOOST_AUTO_TEST_CASE(ofAResponse) {
 }
 
 BOOST_AUTO_TEST_CASE(ofWhatIsRefusedOrDropped) {
-    BOOST_TEST(textOf(read("type=request\nfrom=5/4711/0\nbytes=42\npayload_bytes=0\n", echo, 7,
-                           10)) ==
-               "13:05:11.000042  request       5[4711] -> broker  test/echo  token 7  42 B "
-               "(payload 0)  status 10: no responder");
+    BOOST_TEST(
+        textOf(read("type=request\nfrom=5/4711/0\nbytes=42\npayload_bytes=0\n", echo, 7, 10)) ==
+        "13:05:11.000042  request       5[4711] -> broker  test/echo  token 7  42 B "
+        "(payload 0)  status 10: no responder");
     BOOST_TEST(textOf(read("type=completion\nfrom=6/4712/0\nbytes=32\ndropped=1\n",
                            {.category = "test"})) ==
                "13:05:11.000042  completion    6[4712] -> broker  test  token 7  32 B  dropped");
@@ -73,10 +73,10 @@ BOOST_AUTO_TEST_CASE(ofAnEvent) {
 }
 
 BOOST_AUTO_TEST_CASE(ofAnEnd) {
-    BOOST_TEST(textOf(read("type=close\nfrom=5/4711/0\nreason=malformed: it \x1b[31m\n", {}, 0,
-                           9)) ==
-               "13:05:11.000042  close         5[4711]  status 9: refused by the broker  "
-               "malformed: it \\x1b[31m");
+    BOOST_TEST(
+        textOf(read("type=close\nfrom=5/4711/0\nreason=malformed: it \x1b[31m\n", {}, 0, 9)) ==
+        "13:05:11.000042  close         5[4711]  status 9: refused by the broker  "
+        "malformed: it \\x1b[31m");
 }
 
 BOOST_AUTO_TEST_CASE(ofWhatWasLost) {
@@ -151,8 +151,9 @@ BOOST_AUTO_TEST_SUITE_END()
 BOOST_AUTO_TEST_SUITE(reading)
 
 BOOST_AUTO_TEST_CASE(numbersThatAreNoneAreZero) {
-    const Observed observed = read("bytes=x\nfrom=1\nto=//\ntype=ping\nelapsed_ns=-1\n=\nnothing\n");
-    BOOST_TEST(observed.frameBytes == 0U);
+    const Observed observed =
+        read("bytes=x\nfrom=1\nto=//\ntype=ping\nelapsed_ns=-1\n=\nnothing\n");
+    BOOST_TEST(observed.frameBytes.value() == 0U);
     BOOST_TEST(observed.from->connection == 1U);
     BOOST_TEST(observed.to->user == 0U);
     BOOST_TEST(textOf(observed).starts_with("13:05:11.000042  ping "));
