@@ -1,7 +1,7 @@
 // The broker's configuration file: limits and rights, in TOML.
 //
 //     [limits]
-//     payload_bytes = 1048576            # and the other names in config.cpp
+//     payload_bytes = 1048576            # and the others of wire/limit_settings.h
 //
 //     [access]
 //     connect = ["alice", 1001]          # users by name or number; "*": everybody

@@ -57,13 +57,14 @@ class Bash(unittest.TestCase):
         return sorted(line for line in done.stdout.split("\n") if line)
 
     def test_commands(self):
-        self.assertEqual(self.complete(""), ["--help", "--version", "bench", "conformance"])
+        self.assertEqual(self.complete(""), ["--help", "--version", "bench", "conformance", "status"])
         self.assertEqual(self.complete("co"), ["conformance"])
 
     def test_options_of_the_command(self):
         self.assertEqual(self.complete("conformance", "--ca"), ["--call-timeout", "--case"])
         self.assertEqual(self.complete("bench", "--se"), ["--seconds"])
         self.assertEqual(self.complete("bench", "--prove"), [])
+        self.assertEqual(self.complete("status", "--p"), ["--prometheus"])
         self.assertEqual(
             self.complete("conformance", "--prove", "--list"), ["--list", "--list-faults"]
         )
@@ -113,6 +114,7 @@ class Bash(unittest.TestCase):
         for option in ("--timeout", "--call-timeout", "--time-scale", "--repeat", "--shuffle"):
             self.assertEqual(self.complete("conformance", option, ""), [])
         self.assertEqual(self.complete("bench", "--payload", ""), [])
+        self.assertEqual(self.complete("status", "--watch", ""), [])
 
     def test_nothing_of_the_modules_arguments(self):
         self.assertEqual(self.complete("conformance", "--", "--"), [])
@@ -124,6 +126,7 @@ class Options(unittest.TestCase):
     FILES = {
         "conformance": ["kavri.bash", "_kavri", "kavri-conformance.1"],
         "bench": ["kavri.bash", "_kavri", "kavri.1"],
+        "status": ["kavri.bash", "_kavri", "kavri-status.1"],
     }
 
     @staticmethod

@@ -5,9 +5,9 @@
 // peer starves another: signals; then one read from each session that is ready,
 // the smaller the more there are, and from a few of those that send more than their
 // share; then the deadlines that have passed; then a few of the connections that
-// wait, and some of the reports that managers asked for; then one write to each session with new output, and the closing of some
-// sessions. Between rounds the loop tries again for a
-// moment before it sleeps.
+// wait, and some of the reports that managers asked for; then one write to each
+// session with new output, and the closing of some sessions. Between rounds the loop
+// tries again for a moment before it sleeps.
 #ifndef KAVRI_BROKER_LOOP_SERVER_H
 #define KAVRI_BROKER_LOOP_SERVER_H
 
