@@ -25,7 +25,7 @@ struct Tap::Observation {
     std::string_view category{};  // that it belongs to
     bool isDropped = false;
     std::string_view reason{};
-    std::optional<std::chrono::nanoseconds> elapsed{};
+    Clock::time_point sentAt{};              // of an answer: its request
     const Category* subscribedTo = nullptr;  // by the receivers of an event
 
     bool isWantedBy(const Monitor& monitor) const {
@@ -144,13 +144,11 @@ void Tap::observeFrame(const Session* from, const Session* to, const Frame& valu
                             .values = values,
                             .frameBytes = wire::encodedBytes(values),
                             .category = category ? category->name : values[Field::category],
-                            .isDropped = circumstances.isDropped};
+                            .isDropped = circumstances.isDropped,
+                            .sentAt = circumstances.sentAt};
     observation.values.status = static_cast<std::uint16_t>(circumstances.status);
     if (category != nullptr && !values.has(Field::category)) {
         observation.values[Field::category] = category->name;
-    }
-    if (circumstances.sentAt != Clock::time_point{}) {
-        observation.elapsed = surroundings_.now().steady - circumstances.sentAt;
     }
     show(observation);
 }
@@ -183,19 +181,19 @@ void Tap::observeClose(const Session& session, kavri_core_status status, std::st
 }
 
 void Tap::show(const Observation& observation) {
-    const Moment now = surroundings_.now();
     for (Session* session : monitors_) {
-        if (!session->isClosing && observation.isWantedBy(*session->monitor)) {
-            showTo(*session, observation, now);
+        if (session->isClosing || !observation.isWantedBy(*session->monitor)) {
+            continue;
+        }
+        if (hasRoom(*session)) {
+            showTo(*session, observation, surroundings_.now());
+        } else {
+            ++session->monitor->lost;
         }
     }
 }
 
 void Tap::showTo(Session& monitor, const Observation& observation, const Moment& now) {
-    if (!hasRoom(monitor)) {
-        ++monitor.monitor->lost;
-        return;
-    }
     if (monitor.monitor->lost > 0) {
         tellLost(monitor, now);
     }
@@ -208,8 +206,8 @@ void Tap::showTo(Session& monitor, const Observation& observation, const Moment&
         lines.add("receivers", observation.subscribedTo->subscribers.size());
     }
     addSizes(lines, observation.values, observation.frameBytes);
-    if (observation.elapsed) {
-        lines.add("elapsed_ns", observation.elapsed->count());
+    if (observation.sentAt != Clock::time_point{}) {
+        lines.add("elapsed_ns", (now.steady - observation.sentAt).count());
     }
     if (observation.isDropped) {
         lines.add("dropped", 1);
