@@ -187,8 +187,9 @@ std::size_t Server::readShare(const Session& session) const {
     const std::size_t ready = std::max<std::size_t>(1, readiness_.events().size());
     if (const std::size_t receivers = receiversOf(session); receivers > 1) {
         const FanOutShare& share = fanOutShare();
+        const std::size_t bytesEach = share.deliveredBytes / std::max(ready, receivers);
         return std::clamp<std::size_t>(
-            share.deliveredBytes / std::max(ready, receivers),
+            bytesEach - std::min(bytesEach, deliveryCostBytes),
             std::max<std::size_t>(share.leastReadBytes, session.input.typicalFrameBytes),
             Traffic::mostReadBytes);
     }

@@ -78,9 +78,11 @@ class Server {
         std::size_t writes;
     };
     static constexpr FanOutShare fanOutAlone{1 * wire::mebibyte, 2 * wire::kibibyte, 32};
-    static constexpr FanOutShare fanOutBesideOthers{64 * wire::kibibyte, wire::headerBytes, 8};
-    // For so long after they sent something, others are expected to send more.
-    static constexpr std::chrono::milliseconds othersStay{100};
+    static constexpr FanOutShare fanOutBesideOthers{256 * wire::kibibyte, wire::headerBytes, 8};
+    // What a delivery costs beside the copying of its bytes, in such bytes.
+    static constexpr std::size_t deliveryCostBytes = 256;
+    // For so long after others sent something, they are expected to send more.
+    static constexpr std::chrono::milliseconds othersStay{1};
 
     void waitForEvents();
     Clock::duration sleep();
