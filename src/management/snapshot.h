@@ -48,7 +48,7 @@ struct ConnectionEntry {
     uid_t user = 0;
     pid_t process = 0;
     std::string role;
-    std::optional<std::string> category;  // that it serves
+    std::optional<std::string> category{};  // that it serves
     std::uint64_t ageMs = 0;
     std::uint64_t subscriptions = 0;
     std::uint64_t pendingRequests = 0;
@@ -57,14 +57,14 @@ struct ConnectionEntry {
     std::uint64_t inputBytes = 0;
     bool isCongested = false;
     bool isStalled = false;
-    std::optional<std::uint64_t> waitsFor;
+    std::optional<std::uint64_t> waitsFor{};
 };
 
 struct CategoryEntry {
     std::string name;
     std::uint64_t nameBytes = 0;  // of the whole name, of which `name` may be the beginning
     std::string servedBy;
-    std::optional<std::uint64_t> connection;
+    std::optional<std::uint64_t> connection{};
     std::uint64_t subscribers = 0;
     std::uint64_t requestsInFlight = 0;
 };

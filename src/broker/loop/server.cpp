@@ -19,6 +19,12 @@ namespace {
 // Memory that is kept for use again goes back to the system after such a pause.
 constexpr std::chrono::milliseconds pauseBeforeTrim{1000};
 
+// How many sessions each event that this one publishes is delivered to.
+std::size_t receiversOf(const Session& session) {
+    const Category* served = session.asResponder.served;
+    return served == nullptr ? 0 : served->subscribers.size();
+}
+
 }  // namespace
 
 Server::Server(ServerOptions options, Listener& listener, const Log& log)
@@ -174,6 +180,9 @@ void Server::handleBulk() {
 // A session that has more to be read than its share delays others, unless it is the
 // only one that is ready.
 void Server::receive(Session& session) {
+    if (receiversOf(session) <= 1) {
+        othersSentAt_ = now_;
+    }
     const bool hasMore = traffic_.receive(session, readShare(session));
     const bool isBulk = hasMore && (session.isBulk || readiness_.events().size() > 1);
     if (isBulk != session.isBulk) {
@@ -181,15 +190,21 @@ void Server::receive(Session& session) {
     }
 }
 
+const Server::FanOutShare& Server::fanOutShare() const {
+    return now_ - othersSentAt_ < othersStay ? fanOutBesideOthers : fanOutAlone;
+}
+
 // Each frame of a responder may be an event for all subscribers, so each byte read
 // from it costs that many times as much.
 std::size_t Server::readShare(const Session& session) const {
     const std::size_t ready = std::max<std::size_t>(1, readiness_.events().size());
-    const std::size_t receivers =
-        session.asResponder.served == nullptr ? 0 : session.asResponder.served->subscribers.size();
-    if (receivers > 1) {
-        return std::clamp(eventBytesPerRound / std::max(ready, receivers), leastEventBytesPerRead,
-                          Traffic::mostReadBytes);
+    if (const std::size_t receivers = receiversOf(session); receivers > 1) {
+        const FanOutShare& share = fanOutShare();
+        const std::size_t bytesEach = share.deliveredBytes / std::max(ready, receivers);
+        return std::clamp<std::size_t>(
+            bytesEach - std::min(bytesEach, deliveryCostBytes),
+            std::max<std::size_t>(share.leastReadBytes, session.input.typicalFrameBytes),
+            Traffic::mostReadBytes);
     }
     const std::size_t bulk = std::max<std::size_t>(1, readiness_.bulkEvents().size());
     const std::size_t frames =
@@ -240,7 +255,7 @@ void Server::write(Session& session) {
 void Server::finishRound() {
     const auto writeTo = [this](Session& session) { write(session); };
     router_.toWrite().writeAllOfOne(writeTo);
-    router_.toWrite().writeSomeOfMany(fanOutWritesPerRound, writeTo);
+    router_.toWrite().writeSomeOfMany(fanOutShare().writes, writeTo);
     const auto goodbyes = static_cast<std::ptrdiff_t>(std::min(closing_.size(), goodbyesPerRound));
     for (std::ptrdiff_t i = 0; i < goodbyes; ++i) {
         leave(*closing_[static_cast<std::size_t>(i)]);

@@ -64,7 +64,6 @@ class Server {
 
   private:
     static constexpr std::size_t goodbyesPerRound = 64;
-    static constexpr std::size_t fanOutWritesPerRound = 32;
     // About how many frames all reads of a round share, and how many of them one session
     // gets: a busy peer delays others by microseconds, and many by less than a
     // millisecond.
@@ -73,10 +72,19 @@ class Server {
     static constexpr std::size_t leastFramesPerRead = 16;
     // What all bulk sessions share in a round in which others may be waiting.
     static constexpr std::size_t bulkFramesPerRound = 64;
-    // More is read from a session that may publish to several, since their events then
-    // leave in fewer writes; but a round delivers no more than this.
-    static constexpr std::size_t eventBytesPerRound = 1 * wire::mebibyte;
-    static constexpr std::size_t leastEventBytesPerRead = 2 * wire::kibibyte;
+    // What a round does for events to several: the more, the fewer writes they leave in,
+    // and the longer others wait for the end of the round.
+    struct FanOutShare {
+        std::size_t deliveredBytes;
+        std::size_t leastReadBytes;
+        std::size_t writes;
+    };
+    static constexpr FanOutShare fanOutAlone{1 * wire::mebibyte, 2 * wire::kibibyte, 32};
+    static constexpr FanOutShare fanOutBesideOthers{256 * wire::kibibyte, wire::headerBytes, 8};
+    // What a delivery costs beside the copying of its bytes, in such bytes.
+    static constexpr std::size_t deliveryCostBytes = 256;
+    // For so long after others sent something, they are expected to send more.
+    static constexpr std::chrono::milliseconds othersStay{1};
 
     void waitForEvents();
     Clock::duration sleep();
@@ -90,6 +98,7 @@ class Server {
     void handleBulk();
     void receive(Session& session);
     std::size_t readShare(const Session& session) const;
+    const FanOutShare& fanOutShare() const;
     void handleDeadlines();
     void handleDeadline(DeadlineKind kind, Session& session);
     void write(Session& session);
@@ -109,6 +118,7 @@ class Server {
     const BrokerFacts facts_;
     ConnectionCounts counts_;
     std::function<void()> onSignal_;
+    Clock::time_point othersSentAt_;  // than a publisher to several
     bool bulkIsReady_ = false;
     bool connectionsWait_ = false;
     bool filesChanged_ = false;
