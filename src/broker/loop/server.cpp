@@ -44,6 +44,7 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
                 [this](Session& session, kavri_core_status status, std::string_view reason) {
                     close(session, status, reason);
                 }}),
+      heartbeat_(std::move(options.heartbeat)),
       clock_(Clock::now()),
       now_(clock_.now()) {}
 
@@ -87,8 +88,10 @@ void Server::waitForEvents() {
     } else if (!spin_.until([this] { return readiness_.poll(); })) {
         planned = sleep();
     }
-    clock_.advance(Clock::now(), planned);
+    const Clock::time_point woken = Clock::now();
+    clock_.advance(woken, planned);
     now_ = clock_.now();
+    heartbeat_.beatIfDue(woken);
 }
 
 // How long it was to sleep at most.
@@ -105,11 +108,12 @@ Clock::duration Server::sleep() {
     return until ? *until - begin : Clock::duration::max();
 }
 
-// The next deadline; and no later than the pause before a trim while the pool keeps memory.
+// The next deadline or heartbeat; and no later than the pause before a trim while the pool
+// keeps memory.
 std::optional<Clock::time_point> Server::sleepUntil(Clock::time_point now) const {
-    std::optional<Clock::time_point> until;
+    std::optional<Clock::time_point> until = heartbeat_.due();
     if (!pool_.isEmpty()) {
-        until = now + pauseBeforeTrim;
+        until = until ? std::min(*until, now + pauseBeforeTrim) : now + pauseBeforeTrim;
     }
     if (const auto next = deadlines_.next()) {
         const Clock::time_point due = now + (*next - clock_.at(now));

@@ -18,6 +18,7 @@
 #include "broker/log/log.h"
 #include "broker/loop/acceptor.h"
 #include "broker/loop/deadlines.h"
+#include "broker/loop/heartbeat.h"
 #include "broker/loop/listener.h"
 #include "broker/loop/loop_clock.h"
 #include "broker/loop/readiness.h"
@@ -35,6 +36,7 @@ struct ServerOptions {
     wire::Limits limits;
     Policy policy;
     std::string identity;  // a uuid
+    Heartbeat heartbeat{};
 };
 
 class Server {
@@ -120,6 +122,7 @@ class Server {
     Acceptor acceptor_;
     Traffic traffic_;
     wire::Spin spin_;
+    Heartbeat heartbeat_;
     LoopClock clock_;
     Clock::time_point now_;  // by the loop's clock
 
