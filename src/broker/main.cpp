@@ -175,9 +175,12 @@ void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     if (!arguments.serviceRecord.empty()) {
         service.recordTo(arguments.serviceRecord);
     }
-    broker::Server server(
-        {config.limits, std::move(config.policy), newIdentity(), broker::watchdogHeartbeat()},
-        listener, log);
+    broker::Server server({config.limits,
+                           std::move(config.policy),
+                           newIdentity(),
+                           {.version = KAVRI_VERSION, .process = ::getpid(), .user = ::geteuid()},
+                           broker::watchdogHeartbeat()},
+                          listener, log);
     if (arguments.testService) {
         server.embed(test_service::category, service);
     }
