@@ -183,7 +183,153 @@ class Responder:
 
         workers: how many threads call the handler. A request whose handler raises an exception
         is ended without an answer, and the exception is logged; KeyboardInterrupt and others
-        that are no Exception end the serving.
+        that are no Exception end the serving, and are raised here.
+        """
+        failures: list[BaseException] = []
+
+        def work() -> None:
+            try:
+                for request in self:
+                    finish(request, call_handler(handler, request))
+            except BaseException as error:
+                failures.append(error)
+            self.close()  # so the other workers end too
+
+        threads = [
+            threading.Thread(target=work, name=f"kavri-worker-{number}")
+            for number in range(1, workers)
+        ]
+        for thread in threads:
+            thread.start()
+        work()
+        for thread in threads:
+            thread.join()
+        if failures:
+            raise failures[0]
+
+    def publish(self, identifier: bytes, payload: bytes) -> None:
+        with self.call() as handle:
+            status = self.library.ipc_responder_event_publish(
+                handle, self.category, identifier, payload
+            )
+        self.check(status, "the event was not published")
+
+
+class ReceivedRequest:
+    """What a request of either kind of responder has."""
+
+    def __init__(self, endpoint: ResponderEndpoint, received: Received) -> None:
+        self._endpoint = endpoint
+        self._received = received
+        self._is_over = False
+
+    @property
+    def category(self) -> str:
+        return decoded(self._received[1][0])
+
+    @property
+    def identifier(self) -> str:
+        return decoded(self._received[1][1])
+
+    @property
+    def uuid(self) -> str:
+        """The sender's name for the request; an answer carries it by itself."""
+        return decoded(self._received[1][2])
+
+    @property
+    def payload(self) -> str:
+        return decoded(self.payload_bytes)
+
+    @property
+    def payload_bytes(self) -> bytes:
+        return self._received[1][3]
+
+    @property
+    def is_over(self) -> bool:
+        """Whether it was answered or ended."""
+        return self._is_over
+
+
+class Request(ReceivedRequest):
+    """A request from :meth:`Responder.receive`. It is to be answered or ended, once, from any
+    thread: until then its sender waits, and the broker keeps it."""
+
+    def respond(self, payload: Text | None = "") -> None:
+        """Answers; None is an answer without a payload.
+
+        Raises TooLarge and Overloaded (it can be answered again), ConnectionLost (the
+        connection over which it came is gone, or broke now), Closed, OtherProcess; ValueError
+        for a NUL.
+        """
+        text = None if payload is None else encoded(payload, "payload")
+        self._endpoint.respond(self._received, text)
+        self._is_over = True
+
+    def end(self) -> None:
+        """Ends the request without an answer; its sender gets NoAnswer. Raises as
+        ``respond``."""
+        self._endpoint.end_request(self._received)
+        self._is_over = True
+
+
+# Its result is the answer; with None, the request is ended unless the handler has answered.
+Handler = Callable[[Request], Text | None]
+
+
+class Responder:
+    """A connection to the broker that serves a category.
+
+    All methods may be called from any thread, any number at the same time. A lost connection is
+    made again by itself, and the category served again. A responder ends as an
+    :class:`Initiator` does; requests that it has not answered come to their senders as
+    ResponderLost.
+
+    category: what it serves, not empty. limit: how many requests may wait here to be taken;
+    more wait in the broker and at their senders. The others are those of an initiator.
+
+    Raises CategoryTaken, and what an initiator raises.
+    """
+
+    def __init__(
+        self,
+        category: Text,
+        *,
+        limit: int = 1000,
+        address: str | bytes | os.PathLike[str] | None = None,
+        connect_timeout: float | None = None,
+        send_timeout: float | None = None,
+        on_connection: Callable[[ConnectionChange], object] | None = None,
+        log_name: str = "kavri",
+    ) -> None:
+        self._endpoint = ResponderEndpoint(
+            Settings(address, connect_timeout, send_timeout, on_connection, log_name),
+            encoded(category, "category"),
+            limit,
+        )
+        weakref.finalize(self, self._endpoint.close)
+
+    def receive(self, timeout: float | None = None) -> Request | None:
+        """Waits for the next request, for at most `timeout` seconds; each request goes to one
+        caller. None when the time is over, or the responder is closed."""
+        self._endpoint.expect_may_wait()
+        try:
+            received = self._endpoint.requests.get(timeout)
+        except MailboxClosed:
+            return None
+        return None if received is None else Request(self._endpoint, received)
+
+    def __iter__(self) -> Iterator[Request]:
+        """The requests, until the responder is closed."""
+        while (request := self.receive()) is not None:
+            yield request
+
+    def serve(self, handler: Handler, *, workers: int = 1) -> None:
+        """Answers requests with what the handler returns, until the responder is closed, which
+        it is on return.
+
+        workers: how many threads call the handler. A request whose handler raises an exception
+        is ended without an answer, and the exception is logged; KeyboardInterrupt and others
+        that are no Exception end the serving, and are raised here.
         """
         threads = [
             threading.Thread(target=self._work, args=(handler,), name=f"kavri-worker-{number}")

@@ -11,7 +11,7 @@ import time
 import kavri
 import kavri.aio
 import pytest
-from conftest import PATIENCE, eventually
+from conftest import PATIENCE, eventually, settled_thread_count, thread_count
 
 
 def run(main, *arguments):
@@ -378,11 +378,10 @@ def test_threads_end_with_their_objects(broker):
         async with kavri.aio.Initiator() as initiator:
             await initiator.request("test", "echo")
 
-    gc.collect()
-    before = threading.active_count(), len(os.listdir("/proc/self/task"))
+    before = settled_thread_count()
     for _ in range(10):
         run(main)
-    eventually(lambda: (threading.active_count(), len(os.listdir("/proc/self/task"))) == before)
+    eventually(lambda: thread_count() == before)
 
 
 def test_a_forked_child_is_refused(broker):

@@ -3,6 +3,7 @@
 Environment: KAVRI_BIN_DIR, the folder of kavri-broker; KAVRI_LIBRARY, as for users.
 """
 
+import gc
 import os
 import pathlib
 import select
@@ -27,6 +28,17 @@ def eventually(holds):
         assert time.monotonic() < deadline, "it never came true"
         time.sleep(0.002)
     return result
+
+
+def settled_thread_count():
+    """How many threads there are once those of other tests have ended: their own one."""
+    gc.collect()
+    eventually(lambda: thread_count() == 1)
+    return 1
+
+
+def thread_count():
+    return len(os.listdir("/proc/self/task"))
 
 
 class Program:

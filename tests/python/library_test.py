@@ -4,6 +4,7 @@ import ctypes
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import tomllib
 
@@ -130,6 +131,16 @@ def test_the_version_is_that_of_the_project():
     with open(SOURCES / "python/pyproject.toml", "rb") as file:
         version = tomllib.load(file)["project"]["version"]
     assert f"project(kavri VERSION {version} " in (SOURCES / "CMakeLists.txt").read_text()
+
+
+def test_building_the_package_takes_all_of_it(tmp_path):
+    copy = shutil.copytree(SOURCES / "python", tmp_path / "python")
+    built = tmp_path / "built"
+    command = ["-c", "import setuptools; setuptools.setup()", "-q", "build_py", "-d", built]
+    subprocess.run(["/usr/bin/python3", *command], cwd=copy, check=True)
+    names = {path.name for path in (SOURCES / "python/kavri").iterdir() if path.is_file()}
+    assert {path.name for path in (built / "kavri").iterdir()} == names
+    assert "py.typed" in names
 
 
 def test_the_package_is_typed():

@@ -9,7 +9,7 @@ import time
 
 import kavri
 import pytest
-from conftest import eventually
+from conftest import eventually, settled_thread_count, thread_count
 
 
 def test_an_answer_has_the_fields_of_the_response(initiator):
@@ -198,13 +198,8 @@ def test_closing_while_threads_send_is_orderly(broker):
                     thread.result(20)
 
 
-def thread_count():
-    return len(os.listdir("/proc/self/task"))
-
-
 def test_an_initiator_that_is_garbage_ends(broker):
-    gc.collect()
-    before = thread_count()
+    before = settled_thread_count()
     initiator = kavri.Initiator()
     initiator.events("test")
     assert thread_count() == before + 1  # the library's
