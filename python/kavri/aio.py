@@ -55,6 +55,7 @@ class _Connection(Generic[Some, Item]):
             None if on_connection is None else self._connection_changed,
             log_name,
         )
+        self._made: Some | None = None
         self._opened: Some | None = None
         self._is_closed = False
 
@@ -68,10 +69,14 @@ class _Connection(Generic[Some, Item]):
         assert self._on_connection is not None
         self._relay.post(self._on_connection, change)
 
-    def _make_owned(self) -> Some:
-        made = self._make()
-        weakref.finalize(self, made.close)
-        return made
+    # On the caller's thread, like its counterpart.
+    def _make_owned(self) -> None:
+        self._made = self._make()
+        weakref.finalize(self, self._made.close)
+
+    def _close_made(self) -> None:
+        if self._made is not None:
+            self._made.close()
 
     async def open(self) -> Self:
         """Connects; what ``async with`` does at its beginning. Raises as the constructors of
@@ -81,7 +86,14 @@ class _Connection(Generic[Some, Item]):
         self._relay = Relay()
         self._caller = Caller()
         self._outbox: Outbox[Any] = Outbox(self._caller, self._relay, self._send)
-        self._opened = await self._caller.call(self._make_owned)
+        try:
+            await self._caller.call(self._make_owned)
+        except asyncio.CancelledError:
+            self._is_closed = True
+            self._caller.submit(self._close_made)  # where it was made all the same
+            self._caller.end()
+            raise
+        self._opened = self._made
         return self
 
     async def close(self) -> None:
