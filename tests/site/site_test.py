@@ -132,7 +132,7 @@ class TestPages(unittest.TestCase):
     def test_theSearchFindsADocument(self):
         self.setWidth(1400)
         self.open("index.html")
-        self.browser.find_element(By.CSS_SELECTOR, "input.md-search__input").send_keys("correlation")
+        self.browser.find_element(By.CSS_SELECTOR, "input.md-search__input").send_keys("handshake")
         deadline = time.monotonic() + PATIENCE
         while not (found := self.browser.find_elements(By.CSS_SELECTOR, "a.md-search-result__link")):
             self.assertLess(time.monotonic(), deadline, "the search finds nothing")
