@@ -7,6 +7,7 @@ to. What a page links to and is not there, and every other warning, fails the bu
 Usage: build_site.py SOURCE_FOLDER SITE_FOLDER
 """
 
+import functools
 import json
 import logging
 import os
@@ -25,8 +26,8 @@ from check_site import complaints
 
 HERE = pathlib.Path(__file__).parent
 
-# Where each page is in the menu; documents that are not named here are guides.
-REFERENCE = ["include/kavri/ipc.h", "include/kavri/core.h", "docs/protocol.md", "docs/man"]
+# Where each document is in the menu; one that is not named here is a guide.
+REFERENCE = ["docs/protocol.md"]
 PROJECT = ["docs/architecture.md", "docs/performance.md", "docs/reliability.md",
            "docs/versioning.md", "docs/dependencies.md", "CONTRIBUTING.md", "CHANGELOG.md"]
 FIRST_GUIDES = ["docs/tutorial.md", "docs/conformance.md"]
@@ -35,6 +36,7 @@ LANGUAGES = {".h": "c", ".hpp": "cpp", ".c": "c", ".cpp": "cpp", ".py": "python"
              ".toml": "toml", ".txt": "cmake"}
 
 LINK = re.compile(r"(\[[^\]]*\])\(([^)\s]+)\)")
+REFERENCE_IN_MANUAL = re.compile(r'<a class="Xr" href="([^"]*)\.html"[^>]*>(.*?)</a>')
 ELSEWHERE = re.compile(r"^[a-z]+:")
 
 
@@ -97,7 +99,7 @@ class Site:
         rendered = subprocess.run(["mandoc", *options, path], check=True, capture_output=True)
         text = re.sub(r"(</?h)1\b", r"\g<1>2", rendered.stdout.decode())
         # References to the manual pages of others lead nowhere here.
-        text = re.sub(r'<a class="Xr" href="([^"]*)\.html"[^>]*>(.*?)</a>', self.own_reference, text)
+        text = REFERENCE_IN_MANUAL.sub(self.own_reference, text)
         title = f"{path.stem}({path.suffix[1:]})"
         return self.write(f"man/{path.name}.md", f"# {title}\n\n<div class=\"man\">{text}</div>\n")
 
@@ -107,7 +109,7 @@ class Site:
 
     def manual_index(self):
         lines = ["# Manual pages", ""]
-        for path in sorted((self.sources / "docs/man").glob("*.1")):
+        for path in sorted((self.sources / "docs/man").glob("*.[0-9]")):
             self.place_of(f"docs/man/{path.name}")
             described = re.search(r"^\.Nd (.*)", path.read_text(), re.MULTILINE)[1]
             lines.append(f"- [{path.stem}({path.suffix[1:]})]({path.name}.md): {described}")
@@ -123,10 +125,11 @@ class Site:
 
     def write_document(self, source):
         lines, fence = [], False
+        turned = functools.partial(self.turned, source)
         for line in (self.sources / source).read_text(encoding="utf-8").splitlines():
             fence ^= line.startswith("```")
             is_code = fence or line.startswith("    ")
-            lines.append(line if is_code else LINK.sub(lambda found: self.turned(source, found), line))
+            lines.append(line if is_code else LINK.sub(turned, line))
         self.write(self.places[source], "\n".join(lines) + "\n")
 
     def turned(self, source, found):
@@ -148,15 +151,16 @@ def menu(site, documents):
     rest = [each for each in documents if each not in PROJECT + REFERENCE + ["README.md"]]
     guides = [each for each in FIRST_GUIDES if each in rest]
     guides += [each for each in rest if each not in guides]
-    manual = sorted(place for place in site.places.values() if place and place.startswith("man/"))
-    # By their names, as in the menu: a document's title is its heading.
-    reference = [{os.path.basename(each): site.place_of(each)} if each.endswith(".h")
-                 else site.place_of(each) for each in REFERENCE if each != "docs/man"]
+    manual = [place for source, place in site.places.items() if source.startswith("docs/man/")]
+    headers = sorted(path.name for path in (site.sources / "include/kavri").iterdir())
     return [
         {"Overview": "index.md"},
         {"Guides": [site.places[each] for each in guides]},
-        {"Reference": [*reference, {"Manual pages": ["man/index.md", *(
-            place for place in manual if place != "man/index.md")]}]},
+        {"Reference": [
+            *({name: site.place_of(f"include/kavri/{name}")} for name in headers),
+            *(site.places[each] for each in REFERENCE),
+            {"Manual pages": ["man/index.md", *manual]},
+        ]},
         {"Project": [site.places[each] for each in PROJECT]},
     ]
 

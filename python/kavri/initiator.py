@@ -236,8 +236,9 @@ class Initiator:
     address: the path of the broker's socket; None: the environment variable KAVRI_BROKER, else
     the user's broker, else the system's. connect_timeout, send_timeout: in seconds, how long
     connecting, and a call that sends, may take (5 and 10 unless given). on_connection: called
-    on the library's thread with each :class:`ConnectionChange`; it may send, but not wait for
-    an answer, and what it raises is logged. log_name: what the library's log lines call this.
+    on the library's thread with each :class:`ConnectionChange`, the first perhaps before the
+    constructor returns; it may send, but not wait for an answer, and what it raises is logged.
+    log_name: what the library's log lines call this.
 
     Raises BrokerUnavailable, Refused, Overloaded, Incompatible, AddressInvalid, LibraryMissing;
     ValueError for a time that is none.

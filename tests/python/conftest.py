@@ -3,6 +3,7 @@
 Environment: KAVRI_BIN_DIR, the folder of kavri-broker; KAVRI_LIBRARY, as for users.
 """
 
+import asyncio
 import gc
 import os
 import pathlib
@@ -102,3 +103,25 @@ def run_python(source, *arguments, **options):
     )
     assert done.returncode == 0, done.stdout + done.stderr
     return done.stdout + done.stderr
+
+
+def run_loop(main, *arguments):
+    """Runs it in a loop whose own exception handler must not be needed."""
+
+    async def watched():
+        loop = asyncio.get_running_loop()
+        loop.set_exception_handler(lambda _, context: failures.append(context))
+        return await asyncio.wait_for(main(*arguments), PATIENCE)
+
+    failures = []
+    result = asyncio.run(watched())
+    gc.collect()
+    assert failures == []
+    return result
+
+
+async def until(holds):
+    deadline = time.monotonic() + PATIENCE
+    while not holds():
+        assert time.monotonic() < deadline, "it never came true"
+        await asyncio.sleep(0.002)

@@ -118,7 +118,8 @@ def test_no_string_is_freed_twice_or_used_afterwards(broker):
         """if True:
         import kavri, threading
         with kavri.Initiator() as initiator, kavri.Responder("service") as responder:
-            threading.Thread(target=responder.serve, args=(lambda request: request.payload,)).start()
+            serving = {"target": responder.serve, "args": (lambda request: request.payload,)}
+            threading.Thread(**serving).start()
             with initiator.events("service") as events:
                 for number in range(500):
                     assert initiator.request("service", "", str(number)).payload == str(number)
