@@ -129,6 +129,17 @@ class TestPages(unittest.TestCase):
                       .filter((node) => node.scrollWidth > node.clientWidth + 1)
                       .map((node) => node.textContent.slice(0, 60));"""), [])
 
+    def test_coloursAreThoseThatTheReaderPrefers(self):
+        for preferred, scheme in (("light", "default"), ("dark", "slate")):
+            with self.subTest(preferred):
+                self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+                    "features": [{"name": "prefers-color-scheme", "value": preferred}]})
+                self.open("index.html")
+                self.browser.execute_script("localStorage.clear()")  # what was chosen before
+                self.open("index.html")
+                self.assertEqual(self.browser.find_element(By.TAG_NAME, "body").get_attribute(
+                    "data-md-color-scheme"), scheme)
+
     def test_theSearchFindsADocument(self):
         self.setWidth(1400)
         self.open("index.html")
