@@ -13,6 +13,8 @@
 #include "base/command_line.h"
 #include "cli/bench_command.h"
 #include "cli/conformance_command.h"
+#include "cli/monitor_command.h"
+#include "cli/status_command.h"
 #include "process/exit_status.h"
 
 namespace {
@@ -63,6 +65,8 @@ struct Commands {
     CLI::App app{"Tools for the kavri core library and its broker.", "kavri"};
     ConformanceOptions conformance;
     BenchOptions bench;
+    kavri::management::StatusOptions status;
+    kavri::management::MonitorOptions monitor;
 
     Commands() {
         app.set_version_flag("--version", "kavri " KAVRI_VERSION);
@@ -74,6 +78,10 @@ struct Commands {
             conformance);
         describeBench(*app.add_subcommand("bench", "Measure how fast the broker at hand is"),
                       bench);
+        describeStatus(*app.add_subcommand("status", "Show what a running broker is doing"),
+                       status);
+        describeMonitor(*app.add_subcommand("monitor", "Show what passes through the broker"),
+                        monitor);
         app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
     }
 
@@ -96,7 +104,11 @@ struct Commands {
             throw process::CommandFailure(process::ExitStatus::usage,
                                           "arguments after -- are for 'kavri conformance' only");
         }
-        return runBench(bench);
+        if (app.got_subcommand("monitor")) {
+            return kavri::management::runMonitor(monitor);
+        }
+        return app.got_subcommand("status") ? kavri::management::runStatus(status)
+                                            : runBench(bench);
     }
 };
 

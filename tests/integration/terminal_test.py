@@ -113,7 +113,7 @@ class Terminal(unittest.TestCase):
 
     def test_helpFits(self):
         for program, *arguments in (["kavri"], ["kavri", "conformance"], ["kavri", "bench"],
-                                    ["kavri-broker"], ["kavri-test-service"]):
+                                    ["kavri", "status"], ["kavri-broker"], ["kavri-test-service"]):
             status, screen, _ = self.onTerminal(program, *arguments, "--help")
             self.assertEqual(status, 0)
             self.expectFits(screen)

@@ -2,13 +2,13 @@
 #include "conformance/module/case_output.h"
 
 #include "base/bounded_text.h"
-#include "conformance/report/printable.h"
+#include "base/printable.h"
 
 namespace kavri::conformance {
 
 std::optional<std::string> CaseOutput::add(std::string_view line) {
     if (text_.size() < limitBytes) {
-        std::string kept = base::bounded(printable(line), limitBytes - text_.size());
+        std::string kept = base::bounded(base::printable(line), limitBytes - text_.size());
         text_ += kept + '\n';
         return kept;
     }

@@ -13,7 +13,7 @@
 #include <iterator>
 #include <system_error>
 
-#include "conformance/report/printable.h"
+#include "base/printable.h"
 #include "process/exit_status.h"
 
 namespace kavri::conformance {
@@ -238,7 +238,7 @@ std::vector<std::string> comparisonLines(const BaselineComparison& comparison) {
         "{} newly failing, {} still failing, {} newly passing, {} missing, {} slower",
         comparison.newlyFailing.size(), comparison.stillFailing.size(),
         comparison.newlyPassing.size(), comparison.missing.size(), comparison.slower.size()));
-    std::ranges::transform(lines, lines.begin(), printable);
+    std::ranges::transform(lines, lines.begin(), base::printable);
     return lines;
 }
 

@@ -45,7 +45,7 @@ RunDisplay::RunDisplay(std::ostream& results, std::ostream& others, DisplayStyle
 }
 
 void RunDisplay::showOpening(const std::string& library, const std::string& broker) {
-    showLine(fmt::format("core library {}, {}", printable(library), printable(broker)));
+    showLine(fmt::format("core library {}, {}", base::printable(library), base::printable(broker)));
     results_.flush();
 }
 
@@ -91,7 +91,7 @@ void RunDisplay::showCaseEnded(const CaseReport& report) {
 }
 
 void RunDisplay::showDetails(const CaseReport& report) {
-    const auto show = [this](std::string_view line) { showLine("    " + printable(line)); };
+    const auto show = [this](std::string_view line) { showLine("    " + base::printable(line)); };
     if (!report.known.empty()) {
         show(fmt::format("{}, as expected: {}", verdictText(report.verdict), report.known));
     }
@@ -130,7 +130,7 @@ void RunDisplay::showForeignLine(std::string_view line) {
 
 void RunDisplay::showRemark(std::string_view line) {
     clearProgress();
-    showLine(printable(line));
+    showLine(base::printable(line));
     results_.flush();
 }
 

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/printable.h"
 #include "base/terminal.h"
-#include "conformance/report/printable.h"
 #include "conformance/report/report.h"
 
 namespace kavri::conformance {

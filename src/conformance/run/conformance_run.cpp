@@ -297,7 +297,7 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
     });
     std::string place = cut == outcome.cases.end() ? "after the last case" : "in " + cut->name;
     if (cut != outcome.cases.end() && cut->hang) {
-        place += "; " + printable(hangText(*cut->hang));
+        place += "; " + base::printable(hangText(*cut->hang));
     }
     if (outcome.end == RunEnd::brokerLost) {
         throw process::CommandFailure(
@@ -327,7 +327,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
         [&](unsigned done, unsigned passed) {
             display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
         });
-    report_.repeats = outcome.report;
+    report().repeats = outcome.report;
     addToReport(outcome.cases);
     for (const CaseReport& each : report().cases) {
         if (each.verdict != Verdict::pass) {
@@ -395,7 +395,7 @@ process::ExitStatus ConformanceRun::judge() {
             reportFiles_->complaint());
     }
     if (status == process::ExitStatus::ended) {
-        throw process::CommandFailure(status, printable(cutOffText(report_)));
+        throw process::CommandFailure(status, base::printable(cutOffText(report_)));
     }
     return status;
 }

@@ -1,14 +1,14 @@
 // Texts of unknown origin, and the output of a case: harmless, and bounded.
 #define BOOST_TEST_MODULE printable
 
-#include "conformance/report/printable.h"
+#include "base/printable.h"
 
 #include <boost/test/unit_test.hpp>
 
 #include "conformance/module/case_output.h"
 
+using kavri::base::printable;
 using kavri::conformance::CaseOutput;
-using kavri::conformance::printable;
 
 BOOST_AUTO_TEST_SUITE(texts)
 

@@ -1,11 +1,9 @@
 // Escaping what a terminal would obey, or could not show; see printable.h.
-#include "conformance/report/printable.h"
-
-#include <fmt/format.h>
+#include "base/printable.h"
 
 #include <cstddef>
 
-namespace kavri::conformance {
+namespace kavri::base {
 
 namespace {
 
@@ -46,6 +44,15 @@ bool isControl(char32_t code) {
            (code >= 0x2066 && code <= 0x2069);
 }
 
+// In so many hexadecimal digits.
+std::string escaped(char kind, unsigned number, unsigned digits) {
+    std::string escape = {'\\', kind};
+    while (digits-- > 0) {
+        escape += "0123456789abcdef"[number >> 4 * digits & 0xfU];
+    }
+    return escape;
+}
+
 }  // namespace
 
 std::string printable(std::string_view text) {
@@ -53,13 +60,12 @@ std::string printable(std::string_view text) {
     while (!text.empty()) {
         const auto [code, bytes] = firstOf(text);
         if (bytes == 0) {
-            result += fmt::format("\\x{:02x}", byteAt(text, 0));
+            result += escaped('x', byteAt(text, 0), 2);
         } else if (code == U'\n') {
             result += "\\n";
         } else if (isControl(code)) {
             const auto number = static_cast<unsigned>(code);
-            result +=
-                code < 0x80 ? fmt::format("\\x{:02x}", number) : fmt::format("\\u{:04x}", number);
+            result += code < 0x80 ? escaped('x', number, 2) : escaped('u', number, 4);
         } else {
             result += text.substr(0, bytes);
         }
@@ -68,4 +74,4 @@ std::string printable(std::string_view text) {
     return result;
 }
 
-}  // namespace kavri::conformance
+}  // namespace kavri::base
