@@ -1,6 +1,7 @@
-"""Asks the service of hello_service.py for a greeting, and tells the outcomes apart.
+"""Asks the service "hello" for a greeting, and prints it.
 
 Usage: hello.py [NAME]
+Exit status 1 where the request was certainly not delivered, 2 where that is unknown.
 """
 
 import sys
@@ -12,12 +13,12 @@ def main() -> int:
     name = sys.argv[1] if len(sys.argv) > 1 else "world"
     try:
         with kavri.Initiator() as initiator:
-            print(initiator.request("greeter", "hello", name, timeout=5).payload)
+            print(initiator.request("hello", "greet", name, timeout=5).payload)
     except kavri.NotDelivered as error:
-        print(f"nobody got it, try again later: {error}", file=sys.stderr)
+        print(f"hello: try again later: {error}", file=sys.stderr)
         return 1
     except kavri.OutcomeUnknown as error:
-        print(f"perhaps it was done, perhaps not: {error}", file=sys.stderr)
+        print(f"hello: perhaps it was done, perhaps not: {error}", file=sys.stderr)
         return 2
     return 0
 

@@ -1,25 +1,24 @@
-"""Answers requests of the category "greeter": "hello" with a greeting, others not at all.
+"""The service "hello": answers each request with a greeting, until SIGINT or SIGTERM."""
 
-Try it with hello.py. Ends with Ctrl-C.
-"""
+import signal
+import sys
 
 import kavri
 
 
 def answer(request: kavri.Request) -> str | None:
-    if request.identifier == "hello":
+    if request.identifier == "greet":
         return f"Hello, {request.payload}!"
-    return None  # the sender learns that there is no answer
+    return None  # ends the request: its sender learns that there is no answer
 
 
 def main() -> None:
-    with kavri.Responder("greeter") as responder:
-        print("serving", flush=True)
+    with kavri.Responder("hello") as responder:
+        for number in (signal.SIGINT, signal.SIGTERM):
+            signal.signal(number, lambda *_: responder.close())
+        print("hello_service: ready", file=sys.stderr)
         responder.serve(answer)
 
 
 if __name__ == "__main__":
-    try:
-        main()
-    except KeyboardInterrupt:
-        pass
+    main()

@@ -1,29 +1,21 @@
-"""Publishes an event of the category "clock" each second, until Ctrl-C.
+"""Publishes each line of standard input as an event of the category "news".
 
 A publisher is the responder of its category. This one answers no requests.
-
-Usage: publisher.py [SECONDS]
 """
 
 import sys
-import time
 
 import kavri
 
 
 def main() -> None:
-    pause = float(sys.argv[1]) if len(sys.argv) > 1 else 1.0
-    with kavri.Responder("clock") as responder:
-        while True:
+    with kavri.Responder("news") as responder:
+        for line in sys.stdin:
             try:
-                responder.publish("tick", time.strftime("%H:%M:%S"))
-            except kavri.Error as error:  # the broker is away; the connection is made again
-                print(f"a tick is lost: {error}", file=sys.stderr)
-            time.sleep(pause)
+                responder.publish("line", line.rstrip("\n"))
+            except kavri.Error as error:  # the connection is made again by itself
+                print(f"publisher: a line is lost: {error}", file=sys.stderr)
 
 
 if __name__ == "__main__":
-    try:
-        main()
-    except KeyboardInterrupt:
-        pass
+    main()

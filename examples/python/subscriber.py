@@ -1,9 +1,8 @@
-"""Prints the events of the category "clock", and when some may have been missed.
-
-Usage: subscriber.py [COUNT]
+"""Prints the events of the category "news", until SIGINT or SIGTERM. Survives the restart of the
+broker, and says so, since events may have been missed then.
 """
 
-import itertools
+import signal
 import sys
 
 import kavri
@@ -11,21 +10,21 @@ import kavri
 
 def connection_changed(change: kavri.ConnectionChange) -> None:
     if change.event == kavri.ConnectionEvent.RESTORED:
-        print(f"missed what came within {change.disconnected:.1f} s", file=sys.stderr)
+        seconds = f"{change.disconnected:.1f} s"
+        print(f"subscriber: connected again after {seconds}: events may be missing", file=sys.stderr)
+    elif change.event != kavri.ConnectionEvent.MADE:
+        print(f"subscriber: lost the connection: {change.reason}", file=sys.stderr)
 
 
 def main() -> None:
-    count = int(sys.argv[1]) if len(sys.argv) > 1 else None
-    with (
-        kavri.Initiator(on_connection=connection_changed) as initiator,
-        initiator.events("clock") as events,
-    ):
-        for event in itertools.islice(events, count):
-            print(event.identifier, event.payload, flush=True)
+    with kavri.Initiator(on_connection=connection_changed) as initiator:
+        for number in (signal.SIGINT, signal.SIGTERM):
+            signal.signal(number, lambda *_: initiator.close())  # ends the iteration
+        with initiator.events("news") as events:
+            print("subscriber: ready", file=sys.stderr)
+            for event in events:
+                print(f"{event.category} {event.identifier}: {event.payload}", flush=True)
 
 
 if __name__ == "__main__":
-    try:
-        main()
-    except KeyboardInterrupt:
-        pass
+    main()

@@ -115,6 +115,18 @@ class Library:
         self._status_text: Any = loaded.kavri_core_status_text
         self._status_text.argtypes = [c_int]
         self._status_text.restype = c_char_p
+        self._expect_outcomes()
+
+    def _expect_outcomes(self) -> None:
+        """With a library that does not know the outcome callback, a request that fails would
+        wait for ever. One that knows it refuses a context without it before it looks at the
+        address, which is none: there is no connection in either case."""
+        options = Options(sizeBytes=ctypes.sizeof(Options), brokerAddress=b"", outcomeContext=1)
+        self.init()
+        status = self.ipc_initiator_init(None, options, c_void_p())
+        self.deinit()
+        if status != Status.INVALID_ARGUMENT:
+            raise AttributeError("it is older than this package")
 
     def __getattr__(self, name: str) -> Any:
         raise AttributeError(name)

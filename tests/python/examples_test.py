@@ -16,39 +16,46 @@ EXAMPLES = SOURCES / "examples/python"
 DOCUMENT = SOURCES / "docs/python.md"
 
 
-def run(name, *arguments):
+def run(name, *arguments, **options):
     return subprocess.run(
         [sys.executable, EXAMPLES / name, *arguments], capture_output=True, text=True,
-        timeout=PATIENCE,
+        timeout=PATIENCE, **options
     )
 
 
 class Example:
-    """One that runs until it is interrupted, as with Ctrl-C."""
+    """One that runs until it is told to end, and says when it is ready."""
 
     def __init__(self, name, *arguments):
         self.process = subprocess.Popen(
             [sys.executable, EXAMPLES / name, *arguments], stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE, text=True,
+            stderr=subprocess.PIPE, bufsize=0,
         )
+        assert self.error_line() == f"{name.removesuffix('.py')}: ready"
 
-    def line(self):
-        ready, _, _ = select.select([self.process.stdout], [], [], PATIENCE)
+    def error_line(self):
+        return self.line(self.process.stderr)
+
+    def line(self, stream=None):
+        stream = stream or self.process.stdout
+        ready, _, _ = select.select([stream], [], [], PATIENCE)
         assert ready, "it prints nothing"
-        return self.process.stdout.readline().rstrip("\n")
+        return stream.readline().decode().rstrip("\n")  # unbuffered: what follows stays there
+
+    def end(self, number):
+        self.process.send_signal(number)
+        _, errors = self.process.communicate(timeout=PATIENCE)
+        assert (self.process.returncode, errors) == (0, b"")
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
-        self.process.send_signal(signal.SIGINT)
-        _, errors = self.process.communicate(timeout=PATIENCE)
-        assert (self.process.returncode, errors) == (0, "")
+        self.end(signal.SIGTERM)
 
 
 def test_hello_is_answered(broker):
-    with Example("hello_service.py") as service:
-        assert service.line() == "serving"
+    with Example("hello_service.py"):
         assert run("hello.py").stdout == "Hello, world!\n"
         assert run("hello.py", "Zoë").stdout == "Hello, Zoë!\n"
 
@@ -56,49 +63,60 @@ def test_hello_is_answered(broker):
 def test_hello_says_what_became_of_its_request(broker):
     without_service = run("hello.py")
     assert (without_service.returncode, without_service.stdout) == (1, "")
-    assert "nobody got it" in without_service.stderr and "no responder" in without_service.stderr
+    assert "try again later" in without_service.stderr and "no responder" in without_service.stderr
     broker.kill()
     assert run("hello.py").returncode == 1
 
 
 def test_a_subscriber_prints_what_the_publisher_publishes(broker):
-    with Example("publisher.py", "0.01"):
-        done = run("subscriber.py", "3")
-        assert re.fullmatch(r"(tick \d\d:\d\d:\d\d\n){3}", done.stdout), done.stderr
+    with Example("subscriber.py") as subscriber:
+        assert run("publisher.py", input="one\ntwo\n").returncode == 0
+        assert [subscriber.line() for _ in range(2)] == ["news line: one", "news line: two"]
 
 
-def test_a_subscriber_says_when_it_has_missed_events(broker):
-    publisher, subscriber = Example("publisher.py", "0.01"), Example("subscriber.py")
-    assert subscriber.line().startswith("tick")
-    broker.kill()
-    broker.start()
-    ready, _, _ = select.select([subscriber.process.stderr], [], [], PATIENCE)
-    assert ready and "missed what came within" in subscriber.process.stderr.readline()
-    for example in (publisher, subscriber):
-        example.process.send_signal(signal.SIGINT)
-        _, errors = example.process.communicate(timeout=PATIENCE)
-        assert example.process.returncode == 0
-        assert all(line.startswith(("a tick is lost", "missed")) for line in errors.splitlines())
+def test_a_subscriber_survives_the_broker_and_says_so(broker):
+    with Example("subscriber.py") as subscriber:
+        broker.kill()
+        assert subscriber.error_line().startswith("subscriber: lost the connection: ")
+        broker.start()
+        assert "events may be missing" in subscriber.error_line()
+        run("publisher.py", input="three\n")
+        assert subscriber.line() == "news line: three"
 
 
-def test_the_workers_derive_keys(broker, initiator):
-    with Example("worker_service.py", "4") as service:
-        assert service.line() == "serving"
-        keys = {initiator.request("keys", "derive", word).payload for word in ("one", "two")}
-        assert {len(key) for key in keys} == {64} and len(keys) == 2
-        with pytest.raises(kavri.NoAnswer):
-            initiator.request("keys", "destroy")
+def test_a_publisher_survives_the_broker_too(broker, initiator):
+    publisher = subprocess.Popen(
+        [sys.executable, EXAMPLES / "publisher.py"], stdin=subprocess.PIPE,
+        stderr=subprocess.PIPE, text=True, bufsize=1,
+    )
+    with initiator.events("news") as events:
+        while events.get(0.01) is None:  # until it is there
+            publisher.stdin.write("before\n")
+        broker.kill()
+        publisher.stdin.write("lost\n")
+        assert "a line is lost" in publisher.stderr.readline()
+        broker.start()
+        while (event := events.get(0.01)) is None or event.payload != "after":
+            publisher.stdin.write("after\n")
+    publisher.communicate(timeout=PATIENCE)
+    assert publisher.returncode == 0
 
 
-def test_the_asynchronous_service_passes_requests_on(broker, initiator):
-    with Example("async_service.py") as relay:
-        assert relay.line() == "serving"
-        assert initiator.request("relay", "greet", "x").payload.startswith("no greeting")
-        with Example("hello_service.py") as service:
-            assert service.line() == "serving"
-            for name in ("one", "two"):
-                assert initiator.request("relay", "greet", name).payload == f"Hello, {name}!"
-        assert initiator.request("relay", "count").payload == "2"
+PRIMES = "168 primes below 1000\n303 primes below 2000\n430 primes below 3000\n"
+
+
+def test_the_workers_count_primes(broker):
+    with Example("primes_service.py", "3"):
+        assert run("primes.py", "3").stdout == PRIMES
+    without_service = run("primes.py")
+    assert (without_service.returncode, without_service.stdout) == (1, "")
+    assert "no responder" in without_service.stderr
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+@pytest.mark.parametrize("name", ["hello_service.py", "subscriber.py", "primes_service.py"])
+def test_it_ends_with_either_signal(broker, name, number):
+    Example(name).end(number)
 
 
 def code_of_the_document():

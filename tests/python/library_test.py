@@ -127,6 +127,22 @@ def test_a_library_that_lacks_functions_is_named():
     assert "kavri_core_init" in printed
 
 
+def test_a_library_that_is_too_old_is_named(tmp_path):
+    source = tmp_path / "old.c"
+    functions = [f"int kavri_core_{name}(void) {{ return 7; }}" for name in _library._FUNCTIONS]
+    source.write_text("\n".join([*functions, "int kavri_core_status_text(void) { return 0; }"]))
+    library = tmp_path / _library.FILE_NAME
+    compiler = os.environ.get("CC", "cc")
+    subprocess.run([compiler, "-shared", "-fPIC", source, "-o", library], check=True)
+    printed = run_python(
+        "import kavri\n"
+        "try: kavri.Initiator()\n"
+        "except kavri.LibraryMissing as error: print(error)",
+        env={**os.environ, "KAVRI_LIBRARY": str(tmp_path)},
+    )
+    assert "it is older than this package" in printed
+
+
 def test_the_version_is_that_of_the_project():
     with open(SOURCES / "python/pyproject.toml", "rb") as file:
         version = tomllib.load(file)["project"]["version"]
