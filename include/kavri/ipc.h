@@ -11,7 +11,8 @@
  * the order in which the responder gave them. A caller can tell three outcomes
  * apart: answered; certainly not delivered (IPC_NO_RESPONDER, IPC_REFUSED,
  * IPC_TOO_LARGE, IPC_OVERLOADED, IPC_BROKER_UNAVAILABLE); unknown
- * (IPC_RESPONDER_LOST, IPC_CONNECTION_LOST).
+ * (IPC_RESPONDER_LOST, IPC_CONNECTION_LOST). A receive returns failures without
+ * their requests; the outcome callback, in the options, is called with the uuid of each.
  *
  * Lost connections. The library connects again by itself, restores
  * subscriptions and the category served, and carries on: at the next call, or,
@@ -99,6 +100,17 @@ typedef void (*kavri_core_ipc_connection_callback)(const kavri_core_ipc_connecti
                                                    void* context);
 
 /*
+ * Receives the outcome of one request that gets no response, on the library's thread,
+ * like the other callbacks and never at the same time as one of them; all functions may
+ * be called. uuid: the request's; the library's, valid during the call, never null.
+ * status: NO_ERROR (delivered, and its responder ended it without an answer);
+ * IPC_NO_RESPONDER, IPC_REFUSED, IPC_OVERLOADED (certainly not delivered);
+ * IPC_RESPONDER_LOST, IPC_CONNECTION_LOST (unknown).
+ */
+typedef void (*kavri_core_ipc_outcome_callback)(const char* uuid, kavri_core_status status,
+                                                void* context);
+
+/*
  * How to reach the broker. Fill with zeros, then set sizeBytes and what is to
  * differ from the default.
  */
@@ -127,6 +139,15 @@ typedef struct kavri_core_ipc_options {
      * options end before this member works as before. */
     kavri_core_ipc_connection_callback connectionCallback;
     void* connectionContext;
+    /* Of an initiator; null, or called with outcomeContext for each request that gets no
+     * response, as soon as that is known, whatever else is pending. So a program with many
+     * requests in flight learns what became of each. Receives do not return the outcomes of
+     * requests then. The library keeps the uuid of each pending request. A request whose
+     * send fails is reported by the send; where the connection broke during the send,
+     * possibly by both. As with the connection callback, the library's thread exists from
+     * the beginning, and options may end before this member. */
+    kavri_core_ipc_outcome_callback outcomeCallback;
+    void* outcomeContext;
 } kavri_core_ipc_options;
 
 /*
