@@ -40,9 +40,10 @@ MAY_USE = {
     "src/conformance/run": {
         "base", "process", "conformance/cases", "conformance/faults", "conformance/module",
         "conformance/report"},
+    "src/terminal": {"base", "process", "wire", "kavri"},
     "src/cli": {
         "base", "process", "wire", "core", "conformance/cases", "conformance/faults",
-        "conformance/run", "kavri"},
+        "conformance/run", "terminal", "kavri"},
 }
 
 # Single files that may use more than their folder.
