@@ -25,8 +25,20 @@ _kavriOptions() {
         bench)
             printf '%s ' --socket --category --command --payload --in-flight --seconds --json --help
             ;;
+        request)
+            printf '%s ' --socket --timeout --count --rate --json --help
+            ;;
+        listen)
+            printf '%s ' --socket --count --timeout --json --help
+            ;;
+        serve)
+            printf '%s ' --socket --exec --answer --timeout --jobs --help
+            ;;
+        publish)
+            printf '%s ' --socket --help
+            ;;
         *)
-            printf '%s ' conformance bench --version --help
+            printf '%s ' conformance bench request listen serve publish --version --help
             ;;
     esac
 }
@@ -43,6 +55,8 @@ _kavriValue() {
         conformance--timeout | conformance--call-timeout | conformance--time-scale) ;;
         conformance--repeat | conformance--shuffle | conformance--jobs | conformance--name) ;;
         bench--category | bench--command | bench--payload | bench--in-flight | bench--seconds) ;;
+        request--timeout | request--count | request--rate | listen--count | listen--timeout) ;;
+        serve--exec | serve--answer | serve--timeout | serve--jobs) ;;
         *) return 1 ;;
     esac
 }
@@ -52,6 +66,7 @@ _kavriNames() {
     case $1$2 in
         conformance--library | conformance--html) echo -d ;;
         conformance--socket | bench--socket) echo -f ;;
+        request--socket | listen--socket | serve--socket | publish--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
         conformance--write-expect | conformance--baseline) echo -f ;;
         conformance--service-record) echo -f ;;
@@ -64,8 +79,8 @@ _kavri() {
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; ++index)); do
         case ${COMP_WORDS[index]} in
-            --) return ;; # what follows goes to the module
-            conformance | bench) [[ -n $command ]] || command=${COMP_WORDS[index]} ;;
+            --) return ;; # what follows is no option of the tool
+            conformance | bench | request | listen | serve | publish) [[ -n $command ]] || command=${COMP_WORDS[index]} ;;
         esac
     done
     # "--option=value" comes as three words.

@@ -57,13 +57,17 @@ class Bash(unittest.TestCase):
         return sorted(line for line in done.stdout.split("\n") if line)
 
     def test_commands(self):
-        self.assertEqual(self.complete(""), ["--help", "--version", "bench", "conformance"])
+        self.assertEqual(self.complete(""), ["--help", "--version", "bench", "conformance", "listen",
+                                             "publish", "request", "serve"])
         self.assertEqual(self.complete("co"), ["conformance"])
 
     def test_options_of_the_command(self):
         self.assertEqual(self.complete("conformance", "--ca"), ["--call-timeout", "--case"])
         self.assertEqual(self.complete("bench", "--se"), ["--seconds"])
         self.assertEqual(self.complete("bench", "--prove"), [])
+        self.assertEqual(self.complete("request", "bench", "--ra"), ["--rate"])
+        self.assertEqual(self.complete("serve", "--"),
+                         ["--answer", "--exec", "--help", "--jobs", "--socket", "--timeout"])
         self.assertEqual(
             self.complete("conformance", "--prove", "--list"), ["--list", "--list-faults"]
         )
@@ -107,12 +111,15 @@ class Bash(unittest.TestCase):
             self.assertEqual(self.complete("conformance", option, "kn"), ["known.txt"])
         for option in ("--library", "--html"):
             self.assertEqual(self.complete("conformance", option, ""), ["lib dir"])
-        self.assertEqual(self.complete("bench", "--socket", "kn"), ["known.txt"])
+        for command in ("bench", "request", "listen", "serve", "publish"):
+            self.assertEqual(self.complete(command, "--socket", "kn"), ["known.txt"])
 
     def test_numbers_are_not_guessed(self):
         for option in ("--timeout", "--call-timeout", "--time-scale", "--repeat", "--shuffle"):
             self.assertEqual(self.complete("conformance", option, ""), [])
         self.assertEqual(self.complete("bench", "--payload", ""), [])
+        self.assertEqual(self.complete("request", "--count", ""), [])
+        self.assertEqual(self.complete("serve", "--exec", ""), [])
 
     def test_nothing_of_the_modules_arguments(self):
         self.assertEqual(self.complete("conformance", "--", "--"), [])
@@ -124,6 +131,10 @@ class Options(unittest.TestCase):
     FILES = {
         "conformance": ["kavri.bash", "_kavri", "kavri-conformance.1"],
         "bench": ["kavri.bash", "_kavri", "kavri.1"],
+        "request": ["kavri.bash", "_kavri", "kavri-request.1"],
+        "listen": ["kavri.bash", "_kavri", "kavri-listen.1"],
+        "serve": ["kavri.bash", "_kavri", "kavri-serve.1"],
+        "publish": ["kavri.bash", "_kavri", "kavri-publish.1"],
     }
 
     @staticmethod
