@@ -1,7 +1,10 @@
 // The library's callbacks, which take the time of each arrival; see requester.h.
 #include "terminal/requester.h"
 
+#include <algorithm>
+
 #include "terminal/outcome.h"
+#include "wire/limits.h"
 
 namespace kavri::terminal {
 
@@ -9,6 +12,7 @@ Requester::Requester(const Library& library, const std::string& socket,
                      std::chrono::milliseconds sendTime) {
     kavri_core_ipc_options options = optionsFor(socket);
     options.sendTimeoutMs = static_cast<unsigned>(sendTime.count());
+    options.connectTimeoutMs = std::min(options.sendTimeoutMs, wire::defaultConnectTimeoutMs);
     options.outcomeCallback = outcomeArrived;
     options.outcomeContext = this;
     initiator_ = openInitiator(library, options);

@@ -28,7 +28,8 @@ struct Arrival {
 
 class Requester {
   public:
-    // A send that finds no room waits for at most `sendTime`. Throws CommandFailure.
+    // Connecting, and a send that finds no room, wait for at most `sendTime`. Throws
+    // CommandFailure.
     Requester(const Library& library, const std::string& socket,
               std::chrono::milliseconds sendTime);
     Requester(const Requester&) = delete;

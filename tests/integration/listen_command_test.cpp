@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
+#include "support/fake_broker.h"
 #include "support/tool.h"
 #include "support/with_broker.h"
 
@@ -180,6 +181,55 @@ BOOST_AUTO_TEST_CASE(theCategoryOfAnotherServiceIsNotTaken) {
 BOOST_AUTO_TEST_CASE(whatIsTooLargeIsNotPublished) {
     refuses(tool.run({"publish", "alarms", "fire", std::string(100'001, 'x')}), 3, "payload_bytes");
     refuses(tool.runWith(std::string("\0", 1), {"publish", "alarms", "fire", "-"}), 3, "NUL");
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
+BOOST_FIXTURE_TEST_SUITE(publishingInTurns, WithoutBroker)
+
+// With the test in the place of the broker, up to the moment when it has the event.
+struct HalfPublished {
+    explicit HalfPublished(const WithoutBroker& place)
+        : broker(place.folder / "broker.sock"),
+          running(place.tool.start({"publish", "alarms", "fire", "third floor"})),
+          responder(broker.acceptAndWelcome()),
+          initiator((acknowledge(responder, FrameType::registration), broker.acceptAndWelcome())) {
+        acknowledge(initiator, FrameType::subscribe);
+        BOOST_TEST(responder.expect(FrameType::publish).values[Field::payload] == "third floor");
+    }
+
+    static void acknowledge(RawPeer& peer, FrameType type) {
+        const RawFrame frame = peer.expect(type);
+        peer.send(makeFrame(FrameType::acknowledgement, frame.values.token));
+    }
+
+    FakeBroker broker;
+    kavri::process::ChildProcess running;
+    RawPeer responder;
+    RawPeer initiator;
+};
+
+BOOST_AUTO_TEST_CASE(returnsOnceTheBrokerHasPassedTheEventOn) {
+    HalfPublished half(*this);
+    BOOST_TEST(!half.running.wait(std::chrono::milliseconds(50)));
+    half.initiator.send(makeFrame(FrameType::event, 0,
+                                  {.category = "alarms", .identifier = "fire", .payload = "x"}));
+    succeeds(finish(half.running), "");
+}
+
+BOOST_AUTO_TEST_CASE(aBrokerThatGoesMeanwhileLeavesTheOutcomeUnknown) {
+    HalfPublished half(*this);
+    half.broker.stopListening();
+    half.initiator.close();
+    refuses(finish(half.running), 4, "unknown");
+}
+
+BOOST_AUTO_TEST_CASE(aRequestMeanwhileIsEndedWithoutAnAnswer) {
+    HalfPublished half(*this);
+    half.responder.send(
+        makeFrame(FrameType::request, 7,
+                  {.category = "alarms", .identifier = "list", .uuid = "u", .payload = "p"}));
+    BOOST_TEST(half.responder.expect(FrameType::completion).values.token == 7);
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
+#include "support/fake_broker.h"
 #include "support/tool.h"
 #include "support/with_broker.h"
 
@@ -244,6 +245,13 @@ BOOST_AUTO_TEST_CASE(noBrokerIsSaidInOneLine) {
     refuses(tool.run({"request", "test", "echo"}), 3, "broker unavailable: start kavri-broker");
     refuses(tool.run({"request", "test", "echo", "--count", "2"}), 3, "broker unavailable");
     refuses(tool.run({"request", "test", "echo", "--socket", std::string(200, 'x')}), 3, "107");
+}
+
+BOOST_AUTO_TEST_CASE(aBrokerThatKeepsSilentIsNotWaitedForLonger) {
+    FakeBroker broker(folder / "broker.sock");
+    const auto begin = std::chrono::steady_clock::now();
+    refuses(tool.run({"request", "test", "echo", "--timeout", "0.2"}), 3, "broker unavailable");
+    BOOST_TEST((std::chrono::steady_clock::now() - begin < std::chrono::seconds(4)));
 }
 
 BOOST_AUTO_TEST_CASE(wrongUsageIsSaidInOneLine) {
