@@ -25,6 +25,13 @@ _kavriOptions() {
         bench)
             printf '%s ' --socket --category --command --payload --in-flight --seconds --json --help
             ;;
+        status)
+            printf '%s ' --socket --json --prometheus --watch --all --timeout --help
+            ;;
+        monitor)
+            printf '%s ' --socket --category --process --user --connection --payload --json \
+                --count --timeout --help
+            ;;
         request)
             printf '%s ' --socket --timeout --count --rate --json --help
             ;;
@@ -38,7 +45,8 @@ _kavriOptions() {
             printf '%s ' --socket --help
             ;;
         *)
-            printf '%s ' conformance bench request listen serve publish --version --help
+            printf '%s ' conformance bench status monitor request listen serve publish --version \
+                --help
             ;;
     esac
 }
@@ -55,6 +63,10 @@ _kavriValue() {
         conformance--timeout | conformance--call-timeout | conformance--time-scale) ;;
         conformance--repeat | conformance--shuffle | conformance--jobs | conformance--name) ;;
         bench--category | bench--command | bench--payload | bench--in-flight | bench--seconds) ;;
+        status--watch | status--timeout) ;;
+        monitor--user) compgen -u ;;
+        monitor--category | monitor--process | monitor--connection | monitor--payload) ;;
+        monitor--count | monitor--timeout) ;;
         request--timeout | request--count | request--rate | listen--count | listen--timeout) ;;
         serve--exec | serve--answer | serve--timeout | serve--jobs) ;;
         *) return 1 ;;
@@ -65,7 +77,7 @@ _kavriValue() {
 _kavriNames() {
     case $1$2 in
         conformance--library | conformance--html) echo -d ;;
-        conformance--socket | bench--socket) echo -f ;;
+        conformance--socket | bench--socket | status--socket | monitor--socket) echo -f ;;
         request--socket | listen--socket | serve--socket | publish--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
         conformance--write-expect | conformance--baseline) echo -f ;;
@@ -80,7 +92,9 @@ _kavri() {
     for ((index = 1; index < COMP_CWORD; ++index)); do
         case ${COMP_WORDS[index]} in
             --) return ;; # what follows is no option of the tool
-            conformance | bench | request | listen | serve | publish) [[ -n $command ]] || command=${COMP_WORDS[index]} ;;
+            conformance | bench | status | monitor | request | listen | serve | publish)
+                [[ -n $command ]] || command=${COMP_WORDS[index]}
+                ;;
         esac
     done
     # "--option=value" comes as three words.

@@ -18,23 +18,6 @@ namespace {
 constexpr std::string_view eraseLine = "\r\x1b[K";
 constexpr std::size_t furtherIndent = 4;
 
-// How many columns a text takes: without the sequences that set a colour, and with one for
-// each character in UTF-8.
-std::size_t widthOf(std::string_view text) {
-    std::size_t width = 0;
-    bool isInSequence = false;
-    for (const char character : text) {
-        if (isInSequence) {
-            isInSequence = character != 'm';
-        } else if (character == '\x1b') {
-            isInSequence = true;
-        } else {
-            width += (static_cast<unsigned char>(character) & 0xc0U) != 0x80 ? 1 : 0;
-        }
-    }
-    return width;
-}
-
 // Takes up to the separator, and the blanks behind it.
 std::string_view takePart(std::string_view& text, std::string_view separator) {
     const std::string_view part = text.substr(0, text.find(separator));
@@ -96,6 +79,21 @@ std::string fittedLine(std::string_view line, std::size_t columns) {
 }
 
 }  // namespace
+
+std::size_t widthOf(std::string_view text) {
+    std::size_t width = 0;
+    bool isInSequence = false;
+    for (const char character : text) {
+        if (isInSequence) {
+            isInSequence = character != 'm';
+        } else if (character == '\x1b') {
+            isInSequence = true;
+        } else {
+            width += (static_cast<unsigned char>(character) & 0xc0U) != 0x80 ? 1 : 0;
+        }
+    }
+    return width;
+}
 
 DisplayStyle DisplayStyle::of(int descriptor) {
     DisplayStyle style;

@@ -19,6 +19,10 @@ struct DisplayStyle {
     static DisplayStyle ofStandardOutput();
 };
 
+// How many columns a text takes: without the sequences that set a colour, and with one for
+// each character in UTF-8.
+std::size_t widthOf(std::string_view text);
+
 // The text as it fits: on a terminal, a line that is too long is broken where two or more
 // blanks separate its parts, and within a part between words. What follows is indented. A
 // word is never broken, and elsewhere nothing is.

@@ -11,47 +11,15 @@
 #include <filesystem>
 #include <limits>
 
+#include "wire/limit_settings.h"
+
 namespace kavri::broker {
 
 namespace {
 
 using wire::Limits;
-
-// A limit by its name in the file, with the range that makes sense.
-struct NumberSetting {
-    std::string_view name;
-    std::int64_t least;
-    std::int64_t most;
-    void (*set)(Limits&, std::int64_t);
-};
-
-template <auto member>
-void setNumber(Limits& limits, std::int64_t value) {
-    using Number = std::remove_reference_t<decltype(limits.*member)>;
-    limits.*member = static_cast<Number>(value);
-}
-
-constexpr std::int64_t manyBytes = std::int64_t{1} << 40U;
-constexpr std::int64_t manyThings = 1'000'000;
-constexpr std::int64_t anHourMs = 3'600'000;
-
-constexpr std::array settings = {
-    NumberSetting{"payload_bytes", 1, wire::payloadCeilingBytes, setNumber<&Limits::payloadBytes>},
-    NumberSetting{"connections", 1, manyThings, setNumber<&Limits::connections>},
-    NumberSetting{"connections_per_user", 1, manyThings, setNumber<&Limits::connectionsPerUser>},
-    NumberSetting{"send_queue_bytes", 65536, manyBytes, setNumber<&Limits::sendQueueBytes>},
-    NumberSetting{"bytes_per_user", 65536, manyBytes, setNumber<&Limits::bytesPerUser>},
-    NumberSetting{"drain_bytes_per_second", 1, manyBytes, setNumber<&Limits::drainBytesPerSecond>},
-    NumberSetting{"stall_ms", 0, anHourMs, setNumber<&Limits::stallTime>},
-    NumberSetting{"open_requests_per_initiator", 1, manyThings,
-                  setNumber<&Limits::openRequestsPerInitiator>},
-    NumberSetting{"open_requests_per_responder", 1, manyThings,
-                  setNumber<&Limits::openRequestsPerResponder>},
-    NumberSetting{"subscriptions_per_initiator", 0, manyThings,
-                  setNumber<&Limits::subscriptionsPerInitiator>},
-    NumberSetting{"handshake_ms", 1, anHourMs, setNumber<&Limits::handshakeTime>},
-    NumberSetting{"progress_ms", 1, anHourMs, setNumber<&Limits::progressTime>},
-};
+using wire::LimitSetting;
+using wire::limitSettings;
 
 class Reader {
   public:
@@ -104,9 +72,9 @@ class Reader {
         for (const auto& [key, node] : table) {
             const std::string name(key.str());
             const auto* setting =
-                std::find_if(settings.begin(), settings.end(),
-                             [&name](const NumberSetting& known) { return known.name == name; });
-            if (setting == settings.end()) {
+                std::find_if(limitSettings.begin(), limitSettings.end(),
+                             [&name](const LimitSetting& known) { return known.name == name; });
+            if (setting == limitSettings.end()) {
                 fail(node, "unknown limit \"" + name + "\": there are " + settingNames());
             }
             const auto value = node.value_exact<std::int64_t>();
@@ -121,7 +89,7 @@ class Reader {
 
     static std::string settingNames() {
         std::string names;
-        for (const NumberSetting& setting : settings) {
+        for (const LimitSetting& setting : limitSettings) {
             names += (names.empty() ? "" : ", ") + std::string(setting.name);
         }
         return names;
@@ -130,9 +98,9 @@ class Reader {
     void readAccess(const toml::table& table, Policy& policy) const {
         for (const auto& [key, node] : table) {
             if (key == "connect") {
-                const Users further = readUsers(node, "connect");
-                policy.connect.everybody = further.everybody;
-                policy.connect.listed.insert(further.listed.begin(), further.listed.end());
+                widen(policy.connect, readUsers(node, "connect"));
+            } else if (key == "manage") {
+                widen(policy.manage, readUsers(node, "manage"));
             } else if (key == "category") {
                 for (const auto& [name, rights] : tableOf(node, "access.category")) {
                     readCategory(tableOf(rights, "access.category." + std::string(name.str())),
@@ -140,9 +108,14 @@ class Reader {
                 }
             } else {
                 fail(node, "unknown right \"" + std::string(key.str()) +
-                               "\": there are connect and category");
+                               "\": there are connect, manage and category");
             }
         }
+    }
+
+    static void widen(Users& users, const Users& further) {
+        users.everybody = further.everybody;
+        users.listed.insert(further.listed.begin(), further.listed.end());
     }
 
     void readCategory(const toml::table& table, CategoryPolicy& rights) const {
@@ -205,6 +178,7 @@ class Reader {
 Config defaultConfig() {
     Config config;
     config.policy.connect.listed = {0, ::geteuid()};
+    config.policy.manage.listed = config.policy.connect.listed;
     return config;
 }
 

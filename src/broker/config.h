@@ -1,10 +1,11 @@
 // The broker's configuration file: limits and rights, in TOML.
 //
 //     [limits]
-//     payload_bytes = 1048576            # and the other names in config.cpp
+//     payload_bytes = 1048576            # and the others of wire/limit_settings.h
 //
 //     [access]
 //     connect = ["alice", 1001]          # users by name or number; "*": everybody
+//     manage = ["alice"]                 # who may ask what the broker is doing
 //
 //     [access.category."test"]           # default: all who may connect
 //     serve = ["alice"]
@@ -32,7 +33,7 @@ struct Config {
     Policy policy;
 };
 
-// The defaults: this process' user and root may connect.
+// The defaults: this process' user and root may connect, and manage.
 Config defaultConfig();
 Config readConfig(const std::string& path);
 

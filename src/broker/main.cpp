@@ -182,7 +182,11 @@ void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     if (!arguments.serviceRecord.empty()) {
         service.recordTo(arguments.serviceRecord);
     }
-    broker::Server server({config.limits, std::move(config.policy), newIdentity()}, listener, log);
+    broker::Server server({config.limits,
+                           std::move(config.policy),
+                           newIdentity(),
+                           {.version = KAVRI_VERSION, .process = ::getpid(), .user = ::geteuid()}},
+                          listener, log);
     if (arguments.testService) {
         server.embed(test_service::category, service);
     }

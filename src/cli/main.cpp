@@ -14,9 +14,11 @@
 #include "cli/bench_command.h"
 #include "cli/conformance_command.h"
 #include "cli/listen_command.h"
+#include "cli/monitor_command.h"
 #include "cli/publish_command.h"
 #include "cli/request_command.h"
 #include "cli/serve_command.h"
+#include "cli/status_command.h"
 #include "process/exit_status.h"
 
 namespace {
@@ -68,6 +70,8 @@ struct Commands {
     CLI::App app{"Tools for the kavri core library and its broker.", "kavri"};
     ConformanceOptions conformance;
     BenchOptions bench;
+    kavri::management::StatusOptions status;
+    kavri::management::MonitorOptions monitor;
     kavri::terminal::RequestOptions request;
     kavri::terminal::ListenOptions listen;
     kavri::terminal::ServeOptions serve;
@@ -83,6 +87,10 @@ struct Commands {
             conformance);
         describeBench(*app.add_subcommand("bench", "Measure how fast the broker at hand is"),
                       bench);
+        describeStatus(*app.add_subcommand("status", "Show what a running broker is doing"),
+                       status);
+        describeMonitor(*app.add_subcommand("monitor", "Show what passes through the broker"),
+                        monitor);
         describeRequest(*app.add_subcommand("request", "Send a request and print what is answered"),
                         request);
         describeListen(*app.add_subcommand("listen", "Print events as they come"), listen);
@@ -123,7 +131,11 @@ struct Commands {
         if (app.got_subcommand("publish")) {
             return kavri::terminal::runPublish(publish);
         }
-        return runBench(bench);
+        if (app.got_subcommand("monitor")) {
+            return kavri::management::runMonitor(monitor);
+        }
+        return app.got_subcommand("status") ? kavri::management::runStatus(status)
+                                            : runBench(bench);
     }
 };
 

@@ -157,6 +157,88 @@ void stopped(const std::string& broker) {
     std::printf("  closed       %td of %zu\n", closed, peers.size());
 }
 
+// Connections, each of which subscribes to some categories that nobody else knows: what a
+// report takes long to tell.
+std::vector<RawPeer> muchToReport(const std::string& socket) {
+    std::vector<RawPeer> peers;
+    while (peers.size() < 1000) {
+        RawPeer& peer = peers.emplace_back(socket, "initiator");
+        for (int i = 0; i < 10; ++i) {
+            const std::string name = std::to_string(peers.size()) + "." + std::to_string(i);
+            peer.send(makeFrame(FrameType::subscribe, 1, {.category = name}));
+            peer.receive();
+        }
+    }
+    return peers;
+}
+
+// Managers that ask for one report after the other.
+void queries(const std::string& broker) {
+    Target target(broker, manyConnections);
+    const std::vector<RawPeer> others = muchToReport(target.socket());
+    const std::string bytes = repeated(encode(makeFrame(FrameType::query, 99)), 64);
+    watch(target, [&] {
+        return several(3, [&] { return floodingAttacker(target.socket(), 85, "manager", bytes); });
+    });
+}
+
+// A manager that asks without end and never reads, and comes back when it is closed.
+void unreadQueries(const std::string& broker) {
+    Target target(broker, manyConnections + "progress_ms = 1000\n");
+    const std::vector<RawPeer> others = muchToReport(target.socket());
+    const std::string bytes = repeated(encode(makeFrame(FrameType::query, 99)), 64);
+    watch(target, [&] {
+        return several(3, [&] {
+            return Attacker([&] {
+                RawPeer peer(target.socket(), "manager");
+                pollfd closed{peer.descriptor(), POLLRDHUP, 0};
+                do {
+                    peer.writeSome(bytes);
+                } while (::poll(&closed, 1, 1) == 0);
+            });
+        });
+    });
+}
+
+void refusedManagers(const std::string& broker) {
+    Target target(broker, "[access]\nconnect = [65534]\n");
+    watch(target, [&] {
+        return several(3, [&] {
+            return Attacker(
+                [&] {
+                    RawPeer peer(target.socket());
+                    peer.send(helloFrame("manager"));
+                    peer.expect(FrameType::goodbye);
+                },
+                nobody);
+        });
+    });
+}
+
+// A report that never ends, while 4,000 connections come and go.
+void churn(const std::string& broker) {
+    Target target(broker, "[limits]\nconnections = 5000\nconnections_per_user = 5000\n");
+    watch(target, [&] {
+        std::vector<Attacker> attackers = several(2, [&] {
+            return Attacker([&, peers = std::vector<RawPeer>(), next = std::size_t{0}]() mutable {
+                if (peers.size() < 2000) {
+                    peers.emplace_back(target.socket(), "initiator");
+                } else {
+                    peers[next++ % peers.size()] = RawPeer(target.socket(), "initiator");
+                }
+            });
+        });
+        attackers.push_back(floodingAttacker(target.socket(), 1, "manager",
+                                             encode(makeFrame(FrameType::query, 99))));
+        return attackers;
+    });
+}
+
+Attack plainAttack(const char* name, const char* description, void (*run)(const std::string&)) {
+    return {name, description, std::nullopt,
+            [run](const std::string& broker, double) { run(broker); }};
+}
+
 Attack floodAttack(const char* name, const char* description, const FloodShape& shape) {
     return {name, description, std::nullopt,
             [shape](const std::string& broker, double) { flood(broker, shape); }};
@@ -180,6 +262,12 @@ std::vector<Attack> eventLoopAttacks() {
          [](const std::string& broker, double) { fanOut(broker); }},
         {"unread-log", "nobody reads the log", std::nullopt,
          [](const std::string& broker, double) { unreadLog(broker); }},
+        plainAttack("queries", "255 managers ask for one report after the other", queries),
+        plainAttack("unread-queries", "three managers ask without end, and never read",
+                    unreadQueries),
+        plainAttack("refused-managers", "three processes of a user who may not ask, but asks",
+                    refusedManagers),
+        plainAttack("churn", "a report without end, while 4,000 connections come and go", churn),
         {"stopped", "600 clients send their hello to a stopped broker", std::nullopt,
          [](const std::string& broker, double) { stopped(broker); }},
     };

@@ -106,7 +106,6 @@ void PingingThread::run(const std::stop_token& stopped) {
                 const std::lock_guard lock(mutex_);
                 trips_.times.push_back(trip);
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     } catch (const std::exception&) {
         isCutOff_ = true;

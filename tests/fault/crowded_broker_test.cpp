@@ -105,6 +105,72 @@ BOOST_AUTO_TEST_CASE(ofBogusCompletionsFillNoLog) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
+BOOST_AUTO_TEST_SUITE(managers)
+
+BOOST_AUTO_TEST_CASE(thatAskWithoutEndDelayOthersOnlyBriefly) {
+    Setting setting;
+    const auto attackers = setting.flood(80, "manager", FrameType::query);
+    setting.expectUnharmed();
+}
+
+BOOST_AUTO_TEST_CASE(thatNeverReadAreClosedAndHarmNobody) {
+    Setting setting({.config = "[limits]\nprogress_ms = 300\nsend_queue_bytes = 65536\n"});
+    RawPeer manager(setting.address, "manager");
+    manager.makeNonBlocking();
+    const std::string queries = repeated(encode(makeFrame(FrameType::query, 1)), 1000);
+    pollfd closed{manager.descriptor(), POLLRDHUP, 0};
+    BOOST_TEST(eventually([&] {
+        manager.writeSome(queries);
+        return ::poll(&closed, 1, 1) > 0;
+    }));
+    BOOST_TEST(setting.broker.logs("its send queue made no progress for too long"));
+    setting.expectUnharmed();
+}
+
+BOOST_AUTO_TEST_CASE(withoutTheRightAreRefusedAndFillNoLog) {
+    if (!canActAsOthers()) {
+        return;
+    }
+    Setting setting({.config = "[access]\nconnect = [65534]\n"});
+    const auto attackers = Setting::threeTimes([&] {
+        return Attacker(
+            [path = setting.address] {
+                RawPeer peer(path);
+                peer.send(helloFrame("manager"));
+                peer.expect(FrameType::goodbye);
+            },
+            nobody);
+    });
+    BOOST_TEST(setting.broker.logs("this user may not manage the broker"));
+    setting.expectUnharmed();
+}
+
+// Every report ends, whatever comes and goes meanwhile.
+BOOST_AUTO_TEST_CASE(areAnsweredWhileOthersComeAndGo) {
+    Setting setting;
+    const auto attackers = Setting::threeTimes([&] {
+        return Attacker([path = setting.address, peers = std::vector<RawPeer>()]() mutable {
+            if (peers.size() == 60) {
+                peers.erase(peers.begin());
+            }
+            peers.push_back(subscriberOf(path, std::to_string(peers.size())));
+        });
+    });
+    RawPeer manager(setting.address, "manager");
+    for (std::uint64_t token = 1; token <= 50; ++token) {
+        manager.send(makeFrame(FrameType::query, token));
+        RawFrame answer = manager.receive();
+        for (; answer.values.type == FrameType::report; answer = manager.receive()) {
+            BOOST_TEST(answer.values.token == token);
+        }
+        BOOST_TEST((answer.values.type == FrameType::acknowledgement));
+        BOOST_TEST(answer.values.status == KAVRI_CORE_STATUS_NO_ERROR);
+    }
+    setting.expectUnharmed();
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
 BOOST_FIXTURE_TEST_SUITE(unreadLog, Setting)
 
 // More than a pipe holds, if each were logged. The log is read only afterwards.

@@ -73,6 +73,21 @@ BOOST_AUTO_TEST_CASE(eachRightOfACategoryIsRefusedByItself) {
         (answerTo(responder, makeFrame(FrameType::registration, 5, {.category = "own"})) == good));
 }
 
+BOOST_AUTO_TEST_CASE(oneWhoMayConnectMayNotManageUnlessHeIsNamed) {
+    if (!canActAsOthers()) {
+        return;
+    }
+    Setting closed("[access]\nconnect = [65534]\n");
+    RawPeer refused = connectAs(nobody, closed.address);
+    refused.send(helloFrame("manager"));
+    BOOST_TEST(refused.closing() == "status 9: this user may not manage the broker");
+    Setting open("[access]\nconnect = [65534]\nmanage = [65534]\n");
+    RawPeer manager = open.welcomed("manager");
+    manager.send(makeFrame(FrameType::query, 5));
+    BOOST_TEST(manager.expect(FrameType::report).values[kavri::wire::Field::identifier] ==
+               "broker");
+}
+
 BOOST_AUTO_TEST_CASE(hisConnectionsCountForHimAlone) {
     if (!canActAsOthers()) {
         return;

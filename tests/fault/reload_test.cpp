@@ -137,6 +137,26 @@ BOOST_AUTO_TEST_CASE(whoMayNoLongerConnectIsClosed) {
     BOOST_CHECK_NO_THROW(keeps.ping());
 }
 
+BOOST_AUTO_TEST_CASE(whoMayNoLongerManageIsClosed) {
+    if (!canActAsOthers()) {
+        return;
+    }
+    Setting setting("[access]\nconnect = [65534, 65533]\nmanage = [65534, 65533]\n");
+    RawPeer loses = connectAs(nobody, setting.address);
+    RawPeer keeps = connectAs(nobody - 1, setting.address);
+    RawPeer other = connectAs(nobody, setting.address);
+    loses.send(helloFrame("manager"));
+    keeps.send(helloFrame("manager"));
+    other.send(helloFrame("initiator"));
+    for (RawPeer* peer : {&loses, &keeps, &other}) {
+        peer->expect(FrameType::welcome);
+    }
+    setting.reload("[access]\nconnect = [65534, 65533]\nmanage = [65533]\n");
+    BOOST_TEST(loses.closing() == "status 9: this user may no longer manage the broker");
+    BOOST_CHECK_NO_THROW(keeps.ping());
+    BOOST_CHECK_NO_THROW(other.ping());
+}
+
 BOOST_AUTO_TEST_CASE(withoutAFileThereIsNothingToReload) {
     WithBroker setting;
     RawPeer peer(setting.address, "initiator");

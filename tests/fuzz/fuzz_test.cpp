@@ -51,8 +51,19 @@ std::string sensibleFrame(unsigned peer, Random& random) {
     // Tokens of the broker's own begin at 0 and have the generation above.
     const std::uint64_t token = random() % 4 | std::uint64_t{random() % 3} << 32U;
     if (peer == 0 && random() % 2 == 0) {
-        return encode(makeFrame(FrameType::hello, 1,
-                                {.identifier = random() % 2 == 0 ? "initiator" : "responder"}));
+        static constexpr std::array roles = {"initiator", "responder", "manager"};
+        return encode(
+            makeFrame(FrameType::hello, 1, {.identifier = roles[random() % roles.size()]}));
+    }
+    if (peer == 4 || (peer == 0 && random() % 4 == 0)) {
+        if (random() % 3 == 0) {
+            static constexpr std::array options = {"", "payload_bytes=5000\n", "process=0\n",
+                                                   "connection=2\nuser=1000\n", "process=x\n"};
+            return encode(makeFrame(FrameType::monitor, random() % 4,
+                                    {.payload = options[random() % options.size()]}));
+        }
+        return encode(
+            makeFrame(random() % 4 == 0 ? FrameType::ping : FrameType::query, random() % 4));
     }
     const bool serves = peer == 2 || (peer == 0 && random() % 2 == 0);
     static constexpr std::array asked = {FrameType::request, FrameType::request,
@@ -73,14 +84,14 @@ std::string sensibleFrame(unsigned peer, Random& random) {
     return encode(frame);
 }
 
-// What the four peers do, with or without mistakes in what they say.
+// What the five peers do, with or without mistakes in what they say.
 std::string script(Random& random, bool withMistakes) {
     static constexpr std::array quietly = {Action::hear,        Action::hear,     Action::hear,
                                            Action::hearALittle, Action::lose,     Action::comeBack,
                                            Action::comeBack,    Action::loseHeart};
     std::string steps;
     for (auto count = random() % 60; count > 0; --count) {
-        const auto peer = static_cast<unsigned>(random() % 4);
+        const auto peer = static_cast<unsigned>(random() % 5);
         if (random() % 3 == 0) {
             steps += quietStep(peer, quietly[random() % quietly.size()],
                                static_cast<unsigned char>(random() % 100));

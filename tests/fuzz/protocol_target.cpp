@@ -1,4 +1,4 @@
-// A broker and four peers that do what the bytes say; see targets.h.
+// A broker and five peers that do what the bytes say; see targets.h.
 //
 // A script is a row of steps of at least two bytes: who and what, how much, and
 // then as many bytes as that says.
@@ -13,7 +13,7 @@ namespace kavri::tests {
 
 namespace {
 
-constexpr unsigned peers = 4;
+constexpr unsigned peers = 5;
 constexpr unsigned pieceUnit = 128;  // how much a step with a large piece counts by
 
 wire::Limits tightLimits() {
@@ -61,6 +61,8 @@ class Stage {
                 }
                 break;
         }
+        broker_.reports.advance();
+        broker_.router.tap().writeDue(broker_.moment.steady + broker::Tap::gatheringTime);
         endRound();
         check();
     }
@@ -87,6 +89,7 @@ class Stage {
             [](ScriptedBroker& broker) -> Session& { return broker.initiator(); },
             [](ScriptedBroker& broker) -> Session& { return broker.responder("test"); },
             [](ScriptedBroker& broker) -> Session& { return broker.subscriber("test"); },
+            [](ScriptedBroker& broker) -> Session& { return broker.join("manager"); },
         };
         sessions_[who] = &roles[who](broker_);
     }
@@ -121,6 +124,9 @@ class Stage {
             most -= part;
         }
         checkHeard(who);
+        if (session->monitor != nullptr && session->sendQueue.empty()) {
+            broker_.router.tap().drained(*session);
+        }
         broker_.resumeAllAt(*session);
     }
 
@@ -188,6 +194,9 @@ class Stage {
     static std::size_t chargedFor(const Session& session) {
         std::size_t bytes =
             session.sendQueue.bytes() + session.charge.bytes() + session.input.charge.bytes();
+        if (session.monitor != nullptr) {
+            bytes += session.monitor->charge.bytes();
+        }
         for (const broker::Subscription& subscription : session.asInitiator.subscriptions) {
             bytes += subscription.charge.bytes();
         }

@@ -16,7 +16,7 @@ namespace kavri::tests {
 // again, which must give the same. Returns how many frames there were.
 std::size_t fuzzFrames(std::string_view bytes);
 
-// The bytes are a script of what four peers of a broker do: speak, in pieces of
+// The bytes are a script of what five peers of a broker do: speak, in pieces of
 // any size, take what waits for them or not, leave and come back. Returns how
 // many frames they heard.
 std::size_t fuzzProtocol(std::string_view bytes);

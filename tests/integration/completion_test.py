@@ -57,14 +57,19 @@ class Bash(unittest.TestCase):
         return sorted(line for line in done.stdout.split("\n") if line)
 
     def test_commands(self):
-        self.assertEqual(self.complete(""), ["--help", "--version", "bench", "conformance", "listen",
-                                             "publish", "request", "serve"])
+        self.assertEqual(
+            self.complete(""),
+            ["--help", "--version", "bench", "conformance", "listen", "monitor", "publish", "request",
+             "serve", "status"],
+        )
         self.assertEqual(self.complete("co"), ["conformance"])
 
     def test_options_of_the_command(self):
         self.assertEqual(self.complete("conformance", "--ca"), ["--call-timeout", "--case"])
         self.assertEqual(self.complete("bench", "--se"), ["--seconds"])
         self.assertEqual(self.complete("bench", "--prove"), [])
+        self.assertEqual(self.complete("status", "--p"), ["--prometheus"])
+        self.assertEqual(self.complete("monitor", "--p"), ["--payload", "--process"])
         self.assertEqual(self.complete("request", "bench", "--ra"), ["--rate"])
         self.assertEqual(self.complete("serve", "--"),
                          ["--answer", "--exec", "--help", "--jobs", "--socket", "--timeout"])
@@ -106,18 +111,23 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.complete("conformance", "--fault", "=", "rec"), ["receive_no_uuid"])
         self.assertEqual(self.complete("conformance", "--case", "="), sorted(CASES))
 
+    def test_users(self):
+        self.assertIn("root", self.complete("monitor", "--user", "ro"))
+
     def test_files_and_folders(self):
         for option in ("--expect", "--write-expect", "--baseline", "--junit", "--json", "--socket"):
             self.assertEqual(self.complete("conformance", option, "kn"), ["known.txt"])
         for option in ("--library", "--html"):
             self.assertEqual(self.complete("conformance", option, ""), ["lib dir"])
-        for command in ("bench", "request", "listen", "serve", "publish"):
+        for command in ("bench", "monitor", "request", "listen", "serve", "publish"):
             self.assertEqual(self.complete(command, "--socket", "kn"), ["known.txt"])
 
     def test_numbers_are_not_guessed(self):
         for option in ("--timeout", "--call-timeout", "--time-scale", "--repeat", "--shuffle"):
             self.assertEqual(self.complete("conformance", option, ""), [])
         self.assertEqual(self.complete("bench", "--payload", ""), [])
+        self.assertEqual(self.complete("status", "--watch", ""), [])
+        self.assertEqual(self.complete("monitor", "--count", ""), [])
         self.assertEqual(self.complete("request", "--count", ""), [])
         self.assertEqual(self.complete("serve", "--exec", ""), [])
 
@@ -131,6 +141,8 @@ class Options(unittest.TestCase):
     FILES = {
         "conformance": ["kavri.bash", "_kavri", "kavri-conformance.1"],
         "bench": ["kavri.bash", "_kavri", "kavri.1"],
+        "status": ["kavri.bash", "_kavri", "kavri-status.1"],
+        "monitor": ["kavri.bash", "_kavri", "kavri-monitor.1"],
         "request": ["kavri.bash", "_kavri", "kavri-request.1"],
         "listen": ["kavri.bash", "_kavri", "kavri-listen.1"],
         "serve": ["kavri.bash", "_kavri", "kavri-serve.1"],

@@ -47,7 +47,6 @@ BOOST_AUTO_TEST_CASE(optionsThatContradictEachOtherAreUsageErrors) {
         {"--fail-on-leaks"},
         {"--repeat", "5", "--jobs", "2", "--fail-on-leaks"},
         {"--repeat", "0"},
-        {"--repeat", "2", "--library", standInFolder, "--library", standInFolder},
         {"--jobs", "2", "--socket", "/nowhere"},
         {"--jobs", "2", "--own-broker"},
         {"--own-broker", "--socket", "/nowhere"},
@@ -252,7 +251,7 @@ BOOST_AUTO_TEST_CASE(repeatsTellHowManyPassedAndWhatGrew) {
     BOOST_TEST(good.exit.code == 0);
     checkValid();
     BOOST_TEST(contains(good.output, "5 runs, 5 passed"));
-    const nlohmann::json repeats = json("r.json")["repeats"];
+    const nlohmann::json repeats = json("r.json")["libraries"][0]["repeats"];
     BOOST_TEST(repeats["passed"] == 5);
     BOOST_TEST(repeats["growth"].size() == 7U);
     // Two requests of each run.
@@ -272,7 +271,7 @@ BOOST_AUTO_TEST_CASE(ofWhatALibraryHoldsTheGrowthIsFound) {
     BOOST_TEST(contains(remarked.output, "remark: module, descriptors grows by 1.0 with each run"),
                remarked.output);
     const nlohmann::json report = json("r.json");
-    for (const nlohmann::json& growth : report["repeats"]["growth"]) {
+    for (const nlohmann::json& growth : report["libraries"][0]["repeats"]["growth"]) {
         BOOST_TEST_CONTEXT(growth.dump()) {
             BOOST_TEST(growth["grows"] == (growth["what"] == "module, descriptors"));
             BOOST_TEST(growth["slope"].is_number());
@@ -283,6 +282,22 @@ BOOST_AUTO_TEST_CASE(ofWhatALibraryHoldsTheGrowthIsFound) {
     BOOST_TEST(contains(failed.output, "5 runs, 5 passed"));
     const ToolResult good = run(with(sendPass, {"--repeat", "5", "--fail-on-leaks"}));
     BOOST_TEST(good.exit.code == 0, good.output);
+}
+
+BOOST_AUTO_TEST_CASE(growthIsComparedBetweenLibraries) {
+    const ToolResult result =
+        run(reported(with(sendPass, {"--repeat", "5", "--fail-on-leaks", "--library",
+                                     KAVRI_SOUND_LIBRARY_DIR, "--name", "sound", "--library",
+                                     KAVRI_LEAKING_LIBRARY_DIR, "--name", "leaking"})));
+    BOOST_TEST(result.exit.code == 1);
+    checkValid();
+    BOOST_TEST(contains(result.output, "fail: module, descriptors grows by 1.0 with each run"),
+               result.output);
+    const nlohmann::json libraries = json("r.json")["libraries"];
+    BOOST_TEST(libraries[0]["verdict"] == "pass");
+    BOOST_TEST(libraries[1]["verdict"] == "fail");
+    BOOST_TEST(libraries[1]["repeats"]["passed"] == 5);
+    BOOST_TEST(contains(textOf(at("r.xml")), "leaking.growth"));
 }
 #endif
 

@@ -115,8 +115,9 @@ class Terminal(unittest.TestCase):
 
     def test_helpFits(self):
         for program, *arguments in (["kavri"], ["kavri", "conformance"], ["kavri", "bench"],
-                                    ["kavri", "request"], ["kavri", "listen"], ["kavri", "serve"],
-                                    ["kavri", "publish"], ["kavri-broker"], ["kavri-test-service"]):
+                                    ["kavri", "status"], ["kavri", "request"], ["kavri", "listen"],
+                                    ["kavri", "serve"], ["kavri", "publish"], ["kavri-broker"],
+                                    ["kavri-test-service"]):
             status, screen, _ = self.onTerminal(program, *arguments, "--help")
             self.assertEqual(status, 0)
             self.expectFits(screen)

@@ -434,6 +434,10 @@ class PageTest(unittest.TestCase):
         self.assertEqual(header, ["Case", "kavri", "other", "third"])
         row = next(row for row in self.texts("table.comparison tbody tr") if "first difference" in row)
         self.assertIn("initiatorRepeatEcho", row)
+        runs = self.texts("table.comparison tbody tr")[-1]
+        self.assertIn("1000 of 1000 runs passed\ngrowing: module, descriptors", runs)
+        self.assertIn("998 of 1000 runs passed", runs)
+        self.assertEqual(self.texts("#repeats h3"), ["kavri", "other"])
         text = self.one("#libraries").text
         self.assertIn("payload == rpayload test_ipc_initiator.cpp(233), time 3", text)
         self.assertIn("kavri: passed", text)

@@ -26,7 +26,9 @@ MAY_USE = {
     "src/broker/log": set(),
     "src/broker/memory": {"base", "wire"},
     "src/broker/routing": {"base", "wire", "kavri", "broker/memory"},
-    "src/broker/loop": {"base", "wire", "broker/log", "broker/memory", "broker/routing"},
+    "src/broker/management": {"base", "wire", "broker/memory", "broker/routing"},
+    "src/broker/loop": {
+        "base", "wire", "broker/log", "broker/management", "broker/memory", "broker/routing"},
     "src/broker": {"base", "wire", "broker/log", "broker/loop", "broker/routing"},
     "src/test_service": {"base"},
     "src/conformance/agent": {"base", "conformance/faults", "kavri"},
@@ -40,9 +42,10 @@ MAY_USE = {
     "src/conformance/run": {
         "base", "process", "conformance/cases", "conformance/faults", "conformance/module",
         "conformance/report"},
+    "src/management": {"base", "process", "wire", "kavri"},
     "src/terminal": {"base", "process", "wire", "kavri"},
     "src/cli": {
-        "base", "process", "wire", "core", "conformance/cases", "conformance/faults",
+        "base", "process", "management", "wire", "core", "conformance/cases", "conformance/faults",
         "conformance/run", "terminal", "kavri"},
 }
 
@@ -61,7 +64,8 @@ INPUT_OUTPUT = re.compile(
     r"^(unistd|fcntl|poll|sys/(socket|epoll|eventfd|timerfd|signalfd|uio|stat|ioctl|mman))\.h$"
     r"|^(iostream|fstream|cstdio|stdio\.h|thread)$"
 )
-WITHOUT_INPUT_OUTPUT = {"src/wire", "src/broker/routing", "include/kavri"}
+WITHOUT_INPUT_OUTPUT = {
+    "src/wire", "src/broker/management", "src/broker/routing", "include/kavri"}
 
 # The module is compiled against the public headers alone, whatever else there is.
 MODULE = "tests/test_ipc_initiator.cpp"

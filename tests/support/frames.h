@@ -36,7 +36,11 @@ inline constexpr std::array allTypes = {FrameType::hello,
                                         FrameType::notice,
                                         FrameType::ping,
                                         FrameType::pong,
-                                        FrameType::goodbye};
+                                        FrameType::goodbye,
+                                        FrameType::query,
+                                        FrameType::report,
+                                        FrameType::monitor,
+                                        FrameType::observed};
 
 // Those left out are absent.
 struct Fields {
@@ -79,7 +83,10 @@ inline Frame smallestFrame(FrameType type, std::uint64_t token) {
         case FrameType::registration:
             return makeFrame(type, token, {.category = "category"});
         case FrameType::goodbye:
+        case FrameType::observed:
             return makeFrame(type, token, {.payload = "payload"});
+        case FrameType::report:
+            return makeFrame(type, token, {.identifier = "identifier", .payload = "payload"});
         default:
             return makeFrame(type, token);
     }

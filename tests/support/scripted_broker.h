@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "broker/management/reports.h"
 #include "broker/routing/protocol.h"
 #include "broker/routing/router.h"
 #include "support/frames.h"
@@ -32,8 +33,9 @@ inline constexpr uid_t otherUser = 1001;
 
 class ScriptedBroker {
   public:
+    // `someUser` may manage it.
     explicit ScriptedBroker(const wire::Limits& itsLimits = {}, broker::Policy itsPolicy = {})
-        : limits(itsLimits), policy(std::move(itsPolicy)) {}
+        : limits(itsLimits), policy(managedBySomeUser(std::move(itsPolicy))) {}
 
     // A session that has said nothing yet.
     Session& connect(uid_t user = someUser) {
@@ -129,6 +131,7 @@ class ScriptedBroker {
     void leave(Session& session) {
         session.isClosing = true;
         router.forget(session);
+        reports.forget(session);
         resumeAllAt(session);
         router.toWrite().remove(session);
         closings_.erase(session.id.index);
@@ -146,6 +149,7 @@ class ScriptedBroker {
     std::size_t userBytes(uid_t user) { return accounts_[user].memory.bytes(); }
 
     const broker::Clock::time_point now;
+    broker::Moment moment = broker::Moment::now();  // for the tap; goes on where a test says so
 
     const wire::Limits limits;
     const broker::Policy policy;
@@ -160,15 +164,28 @@ class ScriptedBroker {
         limits,
         policy,
         pool,
-        {[this](Session& session, std::string_view reason) {
-             close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
+        {[this](Session& session, broker::CloseCause cause, std::string_view reason) {
+             close(session, cause, reason);
          },
-         [this](const Session& /*session*/, std::string_view what) { notes.emplace_back(what); }}};
+         [this](const Session& /*session*/, std::string_view what) { notes.emplace_back(what); },
+         [this](Session& manager, std::uint64_t token) { return reports.begin(manager, token); },
+         [this] { return moment; }}};
     broker::Protocol protocol{limits, router, pool, "the-identity",
-                              [this](Session& session, kavri_core_status status,
-                                     std::string_view reason) { close(session, status, reason); }};
+                              [this](Session& session, broker::CloseCause cause,
+                                     std::string_view reason) { close(session, cause, reason); }};
+    const broker::BrokerFacts facts{.version = "1.2.3", .process = 4711, .user = someUser};
+    broker::ConnectionCounts connections;
+    broker::Reports reports{router,
+                            {limits, facts, connections, [] { return std::size_t{42}; },
+                             [this](std::uint64_t place) { return sessionFrom(place); },
+                             [this](std::uint64_t least) { return userFrom(least); }}};
 
   private:
+    static broker::Policy managedBySomeUser(broker::Policy policy) {
+        policy.manage.listed.insert(someUser);
+        return policy;
+    }
+
     struct Place {
         std::unique_ptr<Session> session;
         std::uint32_t generation = 0;
@@ -209,11 +226,26 @@ class ScriptedBroker {
         return &blocked->on;
     }
 
-    void close(Session& session, kavri_core_status status, std::string_view reason) {
+    const Session* sessionFrom(std::uint64_t place) const {
+        for (; place < places_.size(); ++place) {
+            if (places_[place].session != nullptr) {
+                return places_[place].session.get();
+            }
+        }
+        return nullptr;
+    }
+    broker::Reports::User userFrom(std::uint64_t least) const {
+        const auto found = accounts_.lower_bound(static_cast<uid_t>(least));
+        return found == accounts_.end() ? broker::Reports::User{}
+                                        : broker::Reports::User{found->first, &found->second};
+    }
+
+    void close(Session& session, broker::CloseCause cause, std::string_view reason) {
         if (!session.isClosing) {
             session.isClosing = true;
+            router.tap().closed(session, statusOf(cause), reason);
             closings_[session.id.index] =
-                "status " + std::to_string(status) + ": " + std::string(reason);
+                "status " + std::to_string(statusOf(cause)) + ": " + std::string(reason);
         }
     }
 

@@ -63,13 +63,18 @@ void Acceptor::pauseUntil(Clock::time_point end) {
 }
 
 Acceptor::Refusal Acceptor::refusalOf(const Accepted& accepted) {
-    const auto& [readiness, deadlines, sessions, limits, policy, open] = surroundings_;
+    const auto& [readiness, deadlines, sessions, limits, policy, counts, open] = surroundings_;
     if (!policy.connect.contains(accepted.user)) {
-        return {KAVRI_CORE_STATUS_IPC_REFUSED, "this user may not connect"};
+        return {KAVRI_CORE_STATUS_IPC_REFUSED, "this user may not connect",
+                &ConnectionCounts::notPermitted};
     }
-    if (sessions.size() >= limits.connections ||
-        sessions.connectionsOf(accepted.user) >= limits.connectionsPerUser) {
-        return {KAVRI_CORE_STATUS_IPC_OVERLOADED, "the limit on connections is reached"};
+    if (sessions.size() >= limits.connections) {
+        return {KAVRI_CORE_STATUS_IPC_OVERLOADED, "the limit on connections is reached",
+                &ConnectionCounts::aboveLimit};
+    }
+    if (sessions.connectionsOf(accepted.user) >= limits.connectionsPerUser) {
+        return {KAVRI_CORE_STATUS_IPC_OVERLOADED, "the limit on connections is reached",
+                &ConnectionCounts::aboveLimitOfUser};
     }
     return {};
 }
@@ -78,6 +83,7 @@ Acceptor::Refusal Acceptor::refusalOf(const Accepted& accepted) {
 void Acceptor::refuse(const Accepted& accepted, const Refusal& refusal) {
     spdlog::warn("refused process {} of user {}: {}", accepted.process, accepted.user,
                  refusal.reason);
+    ++(surroundings_.counts.*refusal.counter);
     std::string bytes;
     wire::appendEncoded(goodbyeFrame(refusal.status, refusal.reason), bytes);
     ::send(accepted.descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -11,6 +11,7 @@
 #include "broker/loop/listener.h"
 #include "broker/loop/readiness.h"
 #include "broker/loop/sessions.h"
+#include "broker/routing/counts.h"
 #include "broker/routing/policy.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
@@ -26,6 +27,7 @@ class Acceptor {
         // May change at any time; each connection is judged by their present values.
         const wire::Limits& limits;
         const Policy& policy;
+        ConnectionCounts& counts;
         // Opens a session for a connection that is admitted.
         std::function<void(const Accepted&)> open;
     };
@@ -51,12 +53,13 @@ class Acceptor {
     struct Refusal {
         kavri_core_status status = KAVRI_CORE_STATUS_NO_ERROR;
         std::string_view reason;
+        std::uint64_t ConnectionCounts::*counter = nullptr;
     };
 
     void accept(std::size_t most, Clock::time_point now);
     void pauseUntil(Clock::time_point end);
     Refusal refusalOf(const Accepted& accepted);
-    static void refuse(const Accepted& accepted, const Refusal& refusal);
+    void refuse(const Accepted& accepted, const Refusal& refusal);
 
     Listener& listener_;
     const Surroundings surroundings_;

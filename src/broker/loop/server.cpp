@@ -19,30 +19,42 @@ namespace {
 // Memory that is kept for use again goes back to the system after such a pause.
 constexpr std::chrono::milliseconds pauseBeforeTrim{1000};
 
+// How many sessions each event that this one publishes is delivered to.
+std::size_t receiversOf(const Session& session) {
+    const Category* served = session.asResponder.served;
+    return served == nullptr ? 0 : served->subscribers.size();
+}
+
 }  // namespace
 
 Server::Server(ServerOptions options, Listener& listener, const Log& log)
     : limits_(options.limits),
       policy_(std::move(options.policy)),
-      router_(limits_, policy_, pool_,
-              {[this](Session& session, std::string_view reason) {
-                   close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED, reason);
-               },
-               [&log](const Session& session, std::string_view what) {
-                   if (log.admits(what)) {
-                       spdlog::warn("process {} of user {} {}", session.process, session.user,
-                                    what);
-                   }
-               }}),
+      facts_(std::move(options.facts)),
+      router_(
+          limits_, policy_, pool_,
+          {[this](Session& session, CloseCause cause, std::string_view reason) {
+               close(session, cause, reason);
+           },
+           [&log](const Session& session, std::string_view what) {
+               if (log.admits(what)) {
+                   spdlog::warn("process {} of user {} {}", session.process, session.user, what);
+               }
+           },
+           [this](Session& manager, std::uint64_t token) { return reports_.begin(manager, token); },
+           Moment::now}),
+      reports_(router_, {limits_, facts_, counts_, [this] { return sessions_.size(); },
+                         [this](std::uint64_t place) { return sessions_.firstFrom(place); },
+                         [this](std::uint64_t least) { return sessions_.firstUserFrom(least); }}),
       protocol_(limits_, router_, pool_, std::move(options.identity),
-                [this](Session& session, kavri_core_status status, std::string_view reason) {
-                    close(session, status, reason);
+                [this](Session& session, CloseCause cause, std::string_view reason) {
+                    close(session, cause, reason);
                 }),
-      acceptor_(listener, {readiness_, deadlines_, sessions_, limits_, policy_,
+      acceptor_(listener, {readiness_, deadlines_, sessions_, limits_, policy_, counts_,
                            [this](const Accepted& accepted) { open(accepted); }}),
       traffic_({limits_, router_, protocol_, deadlines_, readiness_, now_,
-                [this](Session& session, kavri_core_status status, std::string_view reason) {
-                    close(session, status, reason);
+                [this](Session& session, CloseCause cause, std::string_view reason) {
+                    close(session, cause, reason);
                 }}),
       clock_(Clock::now()),
       now_(clock_.now()) {}
@@ -71,6 +83,10 @@ void Server::run(int signalDescriptor, std::function<void()> onSignal) {
         }
         if (std::exchange(connectionsWait_, false)) {
             acceptor_.acceptSome(readiness_.events().size(), now_);
+        }
+        reports_.advance();
+        if (router_.tap().due()) {
+            router_.tap().writeDue(Clock::now());
         }
         finishRound();
     }
@@ -110,6 +126,9 @@ std::optional<Clock::time_point> Server::sleepUntil(Clock::time_point now) const
     std::optional<Clock::time_point> until;
     if (!pool_.isEmpty()) {
         until = now + pauseBeforeTrim;
+    }
+    if (const auto written = router_.tap().due()) {
+        until = until ? std::min(*until, *written) : written;
     }
     if (const auto next = deadlines_.next()) {
         const Clock::time_point due = now + (*next - clock_.at(now));
@@ -161,6 +180,9 @@ void Server::handleBulk() {
 // A session that has more to be read than its share delays others, unless it is the
 // only one that is ready.
 void Server::receive(Session& session) {
+    if (receiversOf(session) <= 1) {
+        othersSentAt_ = now_;
+    }
     const bool hasMore = traffic_.receive(session, readShare(session));
     const bool isBulk = hasMore && (session.isBulk || readiness_.events().size() > 1);
     if (isBulk != session.isBulk) {
@@ -168,15 +190,21 @@ void Server::receive(Session& session) {
     }
 }
 
+const Server::FanOutShare& Server::fanOutShare() const {
+    return now_ - othersSentAt_ < othersStay ? fanOutBesideOthers : fanOutAlone;
+}
+
 // Each frame of a responder may be an event for all subscribers, so each byte read
 // from it costs that many times as much.
 std::size_t Server::readShare(const Session& session) const {
     const std::size_t ready = std::max<std::size_t>(1, readiness_.events().size());
-    const std::size_t receivers =
-        session.asResponder.served == nullptr ? 0 : session.asResponder.served->subscribers.size();
-    if (receivers > 1) {
-        return std::clamp(eventBytesPerRound / std::max(ready, receivers), leastEventBytesPerRead,
-                          Traffic::mostReadBytes);
+    if (const std::size_t receivers = receiversOf(session); receivers > 1) {
+        const FanOutShare& share = fanOutShare();
+        const std::size_t bytesEach = share.deliveredBytes / std::max(ready, receivers);
+        return std::clamp<std::size_t>(
+            bytesEach - std::min(bytesEach, deliveryCostBytes),
+            std::max<std::size_t>(share.leastReadBytes, session.input.typicalFrameBytes),
+            Traffic::mostReadBytes);
     }
     const std::size_t bulk = std::max<std::size_t>(1, readiness_.bulkEvents().size());
     const std::size_t frames =
@@ -206,7 +234,7 @@ void Server::handleDeadline(DeadlineKind kind, Session& session) {
                 traffic_.receive(session, readShare(session));
             }
             if (session.role == Role::unknown && !session.isClosing) {
-                close(session, KAVRI_CORE_STATUS_IPC_REFUSED, "its hello did not arrive in time");
+                close(session, CloseCause::lateHello, "its hello did not arrive in time");
             }
             break;
         case DeadlineKind::drain:
@@ -227,7 +255,7 @@ void Server::write(Session& session) {
 void Server::finishRound() {
     const auto writeTo = [this](Session& session) { write(session); };
     router_.toWrite().writeAllOfOne(writeTo);
-    router_.toWrite().writeSomeOfMany(fanOutWritesPerRound, writeTo);
+    router_.toWrite().writeSomeOfMany(fanOutShare().writes, writeTo);
     const auto goodbyes = static_cast<std::ptrdiff_t>(std::min(closing_.size(), goodbyesPerRound));
     for (std::ptrdiff_t i = 0; i < goodbyes; ++i) {
         leave(*closing_[static_cast<std::size_t>(i)]);
@@ -246,9 +274,7 @@ void Server::sayGoodbye() {
     stopping_ = true;
     const std::string reason =
         failure_.empty() ? "the broker is stopping" : "the broker is stopping: " + failure_;
-    sessions_.forEach([&](Session& session) {
-        close(session, KAVRI_CORE_STATUS_IPC_BROKER_UNAVAILABLE, reason);
-    });
+    sessions_.forEach([&](Session& session) { close(session, CloseCause::stopping, reason); });
     while (!closing_.empty() || !leaving_.empty()) {
         traffic_.releaseRest();
         finishRound();
@@ -262,7 +288,7 @@ void Server::reconfigure(wire::Limits limits, Policy policy) {
     router_.policyChanged();
     sessions_.forEach([this](Session& session) {
         if (const std::string_view reason = lostRight(session, policy_); !reason.empty()) {
-            close(session, KAVRI_CORE_STATUS_IPC_REFUSED, reason);
+            close(session, CloseCause::notPermitted, reason);
         }
     });
 }
@@ -274,10 +300,13 @@ void Server::open(const Accepted& accepted) {
         deadlines_.set({now_ + limits_.handshakeTime, DeadlineKind::handshake, session->id});
     } catch (const std::bad_alloc&) {
         spdlog::error("no memory for another connection");
+        ++counts_.outOfResources;
         session == nullptr ? static_cast<void>(::close(accepted.descriptor))
                            : sessions_.remove(*session);
         return;
     }
+    ++counts_.accepted;
+    counts_.most = std::max(counts_.most, sessions_.size());
     traffic_.watch(*session);
     traffic_.receive(*session, readShare(*session));  // its hello is mostly there already
 }
@@ -291,11 +320,13 @@ void Server::keepListening() {
     }
 }
 
-void Server::close(Session& session, kavri_core_status status, std::string_view reason) {
+void Server::close(Session& session, CloseCause cause, std::string_view reason) {
     if (session.isClosing) {
         return;
     }
     session.isClosing = true;
+    ++counts_.closedBy(cause);
+    router_.tap().closed(session, statusOf(cause), reason);
     closing_.push_back(&session);
     if (reason.empty()) {
         return;  // the peer has closed the connection
@@ -305,7 +336,7 @@ void Server::close(Session& session, kavri_core_status status, std::string_view 
                      session.user, reason);
     }
     try {
-        session.sendQueue.append(goodbyeFrame(status, reason));
+        session.sendQueue.append(goodbyeFrame(statusOf(cause), reason));
     } catch (const std::bad_alloc&) {
         // Closed without a reason: there is no memory for one.
     }
@@ -314,6 +345,7 @@ void Server::close(Session& session, kavri_core_status status, std::string_view 
 void Server::leave(Session& session) {
     Traffic::sendLast(session);  // says why it is closed
     router_.forget(session);
+    reports_.forget(session);
     leaving_.push_back(&session);
 }
 

@@ -5,9 +5,9 @@
 // peer starves another: signals; then one read from each session that is ready,
 // the smaller the more there are, and from a few of those that send more than their
 // share; then the deadlines that have passed; then a few of the connections that
-// wait; then one write to each session with new output, and the closing of some
-// sessions. Between rounds the loop tries again for a
-// moment before it sleeps.
+// wait, and some of the reports that managers asked for; then one write to each
+// session with new output, and the closing of some sessions. Between rounds the loop
+// tries again for a moment before it sleeps.
 #ifndef KAVRI_BROKER_LOOP_SERVER_H
 #define KAVRI_BROKER_LOOP_SERVER_H
 
@@ -23,6 +23,7 @@
 #include "broker/loop/readiness.h"
 #include "broker/loop/sessions.h"
 #include "broker/loop/traffic.h"
+#include "broker/management/reports.h"
 #include "broker/memory/memory_reserve.h"
 #include "broker/routing/policy.h"
 #include "broker/routing/protocol.h"
@@ -35,6 +36,7 @@ struct ServerOptions {
     wire::Limits limits;
     Policy policy;
     std::string identity;  // a uuid
+    BrokerFacts facts;
 };
 
 class Server {
@@ -62,7 +64,6 @@ class Server {
 
   private:
     static constexpr std::size_t goodbyesPerRound = 64;
-    static constexpr std::size_t fanOutWritesPerRound = 32;
     // About how many frames all reads of a round share, and how many of them one session
     // gets: a busy peer delays others by microseconds, and many by less than a
     // millisecond.
@@ -71,22 +72,33 @@ class Server {
     static constexpr std::size_t leastFramesPerRead = 16;
     // What all bulk sessions share in a round in which others may be waiting.
     static constexpr std::size_t bulkFramesPerRound = 64;
-    // More is read from a session that may publish to several, since their events then
-    // leave in fewer writes; but a round delivers no more than this.
-    static constexpr std::size_t eventBytesPerRound = 1 * wire::mebibyte;
-    static constexpr std::size_t leastEventBytesPerRead = 2 * wire::kibibyte;
+    // What a round does for events to several: the more, the fewer writes they leave in,
+    // and the longer others wait for the end of the round.
+    struct FanOutShare {
+        std::size_t deliveredBytes;
+        std::size_t leastReadBytes;
+        std::size_t writes;
+    };
+    static constexpr FanOutShare fanOutAlone{1 * wire::mebibyte, 2 * wire::kibibyte, 32};
+    static constexpr FanOutShare fanOutBesideOthers{256 * wire::kibibyte, wire::headerBytes, 8};
+    // What a delivery costs beside the copying of its bytes, in such bytes.
+    static constexpr std::size_t deliveryCostBytes = 256;
+    // For so long after others sent something, they are expected to send more.
+    static constexpr std::chrono::milliseconds othersStay{1};
 
     void waitForEvents();
     Clock::duration sleep();
     std::optional<Clock::time_point> sleepUntil(Clock::time_point now) const;
     bool hasWorkLeft() {
-        return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease();
+        return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease() ||
+               reports_.hasWork();
     }
     void handleEvent(const epoll_event& event);
     void handleSession(Session& session, const epoll_event& event);
     void handleBulk();
     void receive(Session& session);
     std::size_t readShare(const Session& session) const;
+    const FanOutShare& fanOutShare() const;
     void handleDeadlines();
     void handleDeadline(DeadlineKind kind, Session& session);
     void write(Session& session);
@@ -97,13 +109,16 @@ class Server {
     void keepListening();
 
     Session* find(SessionId id) { return sessions_.find(id); }
-    void close(Session& session, kavri_core_status status, std::string_view reason);
+    void close(Session& session, CloseCause cause, std::string_view reason);
     void leave(Session& session);
     void remove(Session& session);
 
     wire::Limits limits_;
     Policy policy_;
+    const BrokerFacts facts_;
+    ConnectionCounts counts_;
     std::function<void()> onSignal_;
+    Clock::time_point othersSentAt_;  // than a publisher to several
     bool bulkIsReady_ = false;
     bool connectionsWait_ = false;
     bool filesChanged_ = false;
@@ -114,6 +129,7 @@ class Server {
     BufferPool pool_;
     SessionTable sessions_;
     Router router_;
+    Reports reports_;
     Protocol protocol_;
     Deadlines deadlines_;
     Readiness readiness_;

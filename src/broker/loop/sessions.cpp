@@ -3,6 +3,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <limits>
+
 #include "base/assert.h"
 
 namespace kavri::broker {
@@ -39,6 +42,21 @@ Session* SessionTable::find(SessionId id) {
         return nullptr;
     }
     return places_[id.index].session.get();
+}
+
+const Session* SessionTable::firstFrom(std::uint64_t place) const {
+    const auto isTaken = [](const Place& at) { return at.session != nullptr; };
+    const auto begin = places_.begin() +
+                       static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(place, places_.size()));
+    const auto found = std::find_if(begin, places_.end(), isTaken);
+    return found == places_.end() ? nullptr : found->session.get();
+}
+
+Reports::User SessionTable::firstUserFrom(std::uint64_t least) const {
+    const auto found = least > std::numeric_limits<uid_t>::max()
+                           ? users_.end()
+                           : users_.lower_bound(static_cast<uid_t>(least));
+    return found == users_.end() ? Reports::User{} : Reports::User{found->first, &found->second};
 }
 
 void SessionTable::remove(Session& session) {

@@ -3,11 +3,12 @@
 #define KAVRI_BROKER_LOOP_SESSIONS_H
 
 #include <cstdint>
+#include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "broker/loop/listener.h"
+#include "broker/management/reports.h"
 #include "broker/routing/session.h"
 
 namespace kavri::broker {
@@ -28,6 +29,12 @@ class SessionTable {
     Session* find(SessionId id);
     void remove(Session& session);
 
+    // For a walk that goes on after others came and left. The first at this place or behind
+    // it; null where there is none.
+    const Session* firstFrom(std::uint64_t place) const;
+    // The first account of a user with this number or a higher one.
+    Reports::User firstUserFrom(std::uint64_t least) const;
+
     // `visit` must neither add nor remove sessions.
     template <typename Visit>
     void forEach(const Visit& visit) {
@@ -45,7 +52,7 @@ class SessionTable {
         std::uint32_t generation = 0;
     };
 
-    std::unordered_map<uid_t, UserAccount> users_;
+    std::map<uid_t, UserAccount> users_;
     std::vector<Place> places_;
     std::vector<std::uint32_t> freePlaces_;
 };

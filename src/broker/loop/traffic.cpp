@@ -117,14 +117,14 @@ void Traffic::takeInput(Session& session, Take take) {
     try {
         blockOrGoOn(session, take());
     } catch (const std::bad_alloc&) {
-        surroundings_.close(session, KAVRI_CORE_STATUS_OUT_OF_RESOURCES,
+        surroundings_.close(session, CloseCause::outOfResources,
                             "the broker has no memory for what it sends");
     }
 }
 
 void Traffic::ended(Session& session, int error) {
     if (error != EAGAIN && error != EINTR) {
-        surroundings_.close(session, KAVRI_CORE_STATUS_NO_ERROR, {});
+        surroundings_.close(session, CloseCause::leftByPeer, {});
     }
 }
 
@@ -187,7 +187,7 @@ void Traffic::checkFrame(Session& session) {
     const Clock::time_point due = session.input.frameBegan + limits().progressTime +
                                   std::chrono::duration_cast<Clock::duration>(earned);
     if (due <= now()) {
-        surroundings_.close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED,
+        surroundings_.close(session, CloseCause::incompleteFrame,
                             "left a frame incomplete for too long");
         return;
     }
@@ -212,6 +212,9 @@ void Traffic::writeTo(Session& session) {
 
 void Traffic::wrote(Session& session, std::size_t count) {
     session.sendQueue.consume(count);
+    if (session.monitor != nullptr && session.sendQueue.empty()) {
+        router().tap().drained(session);
+    }
     if (session.congestion != nullptr) {
         session.congestion->writtenBytes += static_cast<std::int64_t>(count);
         release(session);
@@ -247,8 +250,10 @@ void Traffic::checkDrain(Session& session) {
     const std::size_t left = bytesInSocket(session);
     DrainMeter& meter = session.congestion->meter;
     meter.sample(now(), session.congestion->writtenBytes - static_cast<std::int64_t>(left), left);
-    if (!session.sendQueue.empty() && meter.lastTaken() + limits().progressTime <= now()) {
-        surroundings_.close(session, KAVRI_CORE_STATUS_IPC_OVERLOADED,
+    // What a monitor does not read is bounded, and nobody waits for it.
+    if (!session.sendQueue.empty() && session.monitor == nullptr &&
+        meter.lastTaken() + limits().progressTime <= now()) {
+        surroundings_.close(session, CloseCause::notDraining,
                             "its send queue made no progress for too long");
         return;
     }
@@ -290,7 +295,7 @@ void Traffic::setBulk(Session& session, bool isBulk) {
 }
 
 void Traffic::closeUnwatched(Session& session) {
-    surroundings_.close(session, KAVRI_CORE_STATUS_OUT_OF_RESOURCES,
+    surroundings_.close(session, CloseCause::outOfResources,
                         "the kernel cannot watch the connection");
 }
 

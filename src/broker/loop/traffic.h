@@ -36,7 +36,7 @@ class Traffic {
         Readiness& readiness;
         const Clock::time_point& now;
         // Closes a session at the end of the round.
-        std::function<void(Session&, kavri_core_status, std::string_view reason)> close;
+        std::function<void(Session&, CloseCause, std::string_view reason)> close;
     };
 
     explicit Traffic(Surroundings surroundings);

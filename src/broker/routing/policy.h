@@ -1,8 +1,8 @@
 // Who may do what, decided by the user that the kernel names for a connection.
 //
-// By default only the broker's own user and root may connect, and all who may
-// connect may do the rest. The configuration widens or narrows each of the four
-// rights; the last three for each category.
+// By default only the broker's own user and root may connect or manage, and all who
+// may connect may do the rest. The configuration widens the first two rights, and
+// widens or narrows the other three for each category.
 #ifndef KAVRI_BROKER_ROUTING_POLICY_H
 #define KAVRI_BROKER_ROUTING_POLICY_H
 
@@ -31,7 +31,9 @@ struct CategoryPolicy {
 };
 
 struct Policy {
-    Users connect;  // the broker's own user and root are always in it
+    // The broker's own user and root are always in both.
+    Users connect;
+    Users manage;
     CategoryPolicy otherCategories;
     std::map<std::string, CategoryPolicy, std::less<>> categories;
 

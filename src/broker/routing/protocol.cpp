@@ -137,7 +137,7 @@ void Protocol::keepIn(const BlockRef& block, Session& session, const char* bytes
 
 bool Protocol::chargeInput(Session& session, std::size_t bytes) {
     if (!router_.flowControl().hasShareLeft(session, bytes)) {
-        close_(session, KAVRI_CORE_STATUS_IPC_OVERLOADED,
+        close_(session, CloseCause::shareUsedUp,
                "its user has used up bytes_per_user: there is no room for what it sends");
         return false;
     }
@@ -159,7 +159,7 @@ std::optional<Blocked> Protocol::handle(Session& session, InputFrame& frame) {
 
 std::optional<Blocked> Protocol::handleDecoded(Session& session, InputFrame& frame) {
     if (frame.values.type == FrameType::goodbye) {
-        close_(session, KAVRI_CORE_STATUS_NO_ERROR, {});
+        close_(session, CloseCause::leftByPeer, {});
         return std::nullopt;
     }
     switch (session.role) {
@@ -174,26 +174,23 @@ std::optional<Blocked> Protocol::handleDecoded(Session& session, InputFrame& fra
             return handleInitiator(session, frame);
         case Role::responder:
             return handleResponder(session, frame);
+        case Role::manager:
+            return handleManager(session, frame.values);
     }
     return std::nullopt;
 }
 
 void Protocol::handleHello(Session& session, const Frame& frame) {
     if (frame.token != wire::protocolVersion) {
-        close_(session, KAVRI_CORE_STATUS_IPC_INCOMPATIBLE,
+        close_(session, CloseCause::otherVersion,
                "the broker speaks protocol version " + std::to_string(wire::protocolVersion) +
                    ", the client version " + std::to_string(frame.token));
         return;
     }
-    const std::string_view role = frame[Field::identifier];
-    if (role == "initiator") {
-        session.role = Role::initiator;
-    } else if (role == "responder") {
-        session.role = Role::responder;
-    } else {
-        closeMalformed(session, "its role is neither initiator nor responder");
+    if (!takeRole(session, frame[Field::identifier])) {
         return;
     }
+    router_.tap().frame(&session, nullptr, frame);
     Frame welcome;
     welcome.type = FrameType::welcome;
     welcome.token = wire::protocolVersion;
@@ -201,6 +198,22 @@ void Protocol::handleHello(Session& session, const Frame& frame) {
     const std::string granted = limitsText(limits_);
     welcome[Field::payload] = granted;
     router_.send(session, welcome);
+}
+
+// Closes the session where there is no such role, or its user may not have it.
+bool Protocol::takeRole(Session& session, std::string_view name) {
+    if (name == "initiator") {
+        session.role = Role::initiator;
+    } else if (name == "responder") {
+        session.role = Role::responder;
+    } else if (name != "manager") {
+        closeMalformed(session, "its role is none of initiator, responder and manager");
+    } else if (!router_.policy().manage.contains(session.user)) {
+        close_(session, CloseCause::notPermitted, "this user may not manage the broker");
+    } else {
+        session.role = Role::manager;
+    }
+    return session.role != Role::unknown;
 }
 
 std::optional<Blocked> Protocol::handleInitiator(Session& session, InputFrame& frame) {
@@ -217,8 +230,7 @@ std::optional<Blocked> Protocol::handleInitiator(Session& session, InputFrame& f
             router_.unsubscribe(session, frame.values);
             return std::nullopt;
         case FrameType::ping:
-            frame.values.type = FrameType::pong;
-            router_.send(session, frame.values);
+            answerPing(session, frame.values);
             return std::nullopt;
         default:
             closeMalformed(session, "an initiator does not send this type");
@@ -235,7 +247,7 @@ std::optional<Blocked> Protocol::handleResponder(Session& session, InputFrame& f
         case FrameType::publish:
             return router_.publish(session, frame);
         case FrameType::completion:
-            router_.completion(session, frame.values.token);
+            router_.completion(session, frame.values);
             return std::nullopt;
         case FrameType::registration:
         case FrameType::ping:
@@ -250,14 +262,56 @@ std::optional<Blocked> Protocol::handleResponder(Session& session, InputFrame& f
     if (frame.values.type == FrameType::registration) {
         router_.registerResponder(session, frame.values);
     } else {
-        frame.values.type = FrameType::pong;
-        router_.send(session, frame.values);
+        answerPing(session, frame.values);
     }
     return std::nullopt;
 }
 
+std::optional<Blocked> Protocol::handleManager(Session& session, const Frame& frame) {
+    if (router_.flowControl().isCongested(session)) {
+        return Blocked{session};
+    }
+    switch (frame.type) {
+        case FrameType::query:
+            router_.tap().frame(&session, nullptr, frame);
+            router_.query(session, frame.token);
+            break;
+        case FrameType::monitor:
+            beginMonitor(session, frame);
+            break;
+        case FrameType::ping:
+            answerPing(session, frame);
+            break;
+        default:
+            closeMalformed(session, "a manager does not send this type");
+    }
+    return std::nullopt;
+}
+
+void Protocol::beginMonitor(Session& session, const Frame& frame) {
+    router_.tap().frame(&session, nullptr, frame);
+    std::optional<Monitor> monitor = Monitor::asked(frame);
+    if (!monitor) {
+        closeMalformed(session, "an option of a monitor is none");
+    } else if (session.monitor != nullptr) {
+        closeMalformed(session, "it is a monitor already");
+    } else {
+        const bool hasBegun = router_.tap().begin(session, std::move(*monitor));
+        router_.acknowledge(
+            session, frame.token,
+            hasBegun ? KAVRI_CORE_STATUS_NO_ERROR : KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    }
+}
+
+void Protocol::answerPing(Session& session, const Frame& frame) {
+    router_.tap().frame(&session, nullptr, frame);
+    Frame pong = frame;
+    pong.type = FrameType::pong;
+    router_.send(session, pong);
+}
+
 void Protocol::closeMalformed(Session& session, std::string_view what) {
-    close_(session, KAVRI_CORE_STATUS_IPC_REFUSED, "malformed: " + std::string(what));
+    close_(session, CloseCause::malformed, "malformed: " + std::string(what));
 }
 
 }  // namespace kavri::broker

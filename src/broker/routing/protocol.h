@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 
+#include "broker/routing/close_cause.h"
 #include "broker/routing/router.h"
 #include "broker/routing/session.h"
 #include "wire/limits.h"
@@ -18,8 +19,8 @@ namespace kavri::broker {
 
 class Protocol {
   public:
-    // Closes a session; the status goes into its goodbye.
-    using Close = std::function<void(Session&, kavri_core_status, std::string_view reason)>;
+    // Closes a session; the reason goes into its goodbye.
+    using Close = std::function<void(Session&, CloseCause, std::string_view reason)>;
 
     // identity: the broker's own uuid, sent in every welcome.
     Protocol(const wire::Limits& limits, Router& router, BufferPool& pool, std::string identity,
@@ -49,7 +50,11 @@ class Protocol {
     std::optional<Blocked> handleDecoded(Session& session, InputFrame& frame);
     std::optional<Blocked> handleInitiator(Session& session, InputFrame& frame);
     std::optional<Blocked> handleResponder(Session& session, InputFrame& frame);
+    void beginMonitor(Session& session, const wire::Frame& frame);
+    void answerPing(Session& session, const wire::Frame& frame);
+    std::optional<Blocked> handleManager(Session& session, const wire::Frame& frame);
     void handleHello(Session& session, const wire::Frame& frame);
+    bool takeRole(Session& session, std::string_view name);
     // What became of the beginning of the input: bytes that need not be kept.
     struct Step {
         std::size_t taken;

@@ -16,6 +16,9 @@ inline std::string_view lostRight(const Session& session, const Policy& policy) 
     if (!policy.connect.contains(session.user)) {
         return "this user may no longer connect";
     }
+    if (session.role == Role::manager && !policy.manage.contains(session.user)) {
+        return "this user may no longer manage the broker";
+    }
     if (session.asResponder.served != nullptr &&
         !session.asResponder.served->policy->serve.contains(session.user)) {
         return "this user may no longer serve its category";

@@ -16,10 +16,12 @@
 
 #include "broker/routing/blocked.h"
 #include "broker/routing/category_table.h"
+#include "broker/routing/counts.h"
 #include "broker/routing/flow_control.h"
 #include "broker/routing/policy.h"
 #include "broker/routing/request_table.h"
 #include "broker/routing/session.h"
+#include "broker/routing/tap.h"
 #include "broker/routing/write_lists.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
@@ -44,15 +46,25 @@ class Router {
     struct Surroundings {
         // Closes the session at the end of this round; the reason is logged and sent
         // to the peer.
-        std::function<void(Session&, std::string_view reason)> close;
+        std::function<void(Session&, CloseCause, std::string_view reason)> close;
         // Logs a mistake of a session that stays connected.
         std::function<void(const Session&, std::string_view what)> note;
+        // Begins to report to a manager; false while it is still being reported to.
+        std::function<bool(Session&, std::uint64_t token)> report;
+        std::function<Moment()> now;
     };
 
     Router(const wire::Limits& limits, const Policy& policy, BufferPool& pool,
            Surroundings surroundings);
 
+    Tap& tap() { return tap_; }
+    const Tap& tap() const { return tap_; }
     FlowControl& flowControl() { return flow_; }
+    const FlowControl& flowControl() const { return flow_; }
+    const Policy& policy() const { return policy_; }
+    const TrafficCounts& counts() const { return counts_; }
+    // The categories that are served within this process.
+    const std::vector<const Category*>& embedded() const { return embedded_; }
 
     // Whether a frame of this size is left in its sender's socket for now; its first
     // `count` bytes are there.
@@ -62,17 +74,20 @@ class Router {
     [[nodiscard]] std::optional<Blocked> request(Session& from, InputFrame& frame);
     [[nodiscard]] std::optional<Blocked> response(Session& from, InputFrame& frame);
     [[nodiscard]] std::optional<Blocked> publish(Session& from, InputFrame& frame);
-    void completion(Session& from, std::uint64_t token);
+    void completion(Session& from, const wire::Frame& frame);
     void subscribe(Session& from, const wire::Frame& frame);
     void unsubscribe(Session& from, const wire::Frame& frame);
     void registerResponder(Session& from, const wire::Frame& frame);
+    void query(Session& from, std::uint64_t token);
 
     // The policy has other contents than before.
     void policyChanged() { categories_.policyChanged(); }
 
     // Serves a category within this process. The service outlives the router.
     void embed(std::string_view category, LocalService& service) {
-        categories_.at(category).local = &service;
+        Category& embedded = categories_.at(category);
+        embedded.local = &service;
+        embedded_.push_back(&embedded);
     }
 
     // Removes a session that is being closed from every table: its subscriptions and
@@ -82,6 +97,7 @@ class Router {
 
     // Enqueues a frame of the broker's own.
     void send(Session& to, const wire::Frame& frame);
+    void acknowledge(Session& to, std::uint64_t token, kavri_core_status status);
 
     WriteLists& toWrite() { return toWrite_; }
 
@@ -92,22 +108,27 @@ class Router {
                                          const wire::Frame& request);
     std::optional<Blocked> blockedOnSubscriber(const Session& from, const Category& category) const;
     void gatherEvents(const Category& category, InputFrame& first) const;
-    void deliverToSubscribers(const Category& category, const InputFrame& event);
+    void deliverToSubscribers(const Session* from, const Category& category,
+                              const InputFrame& event);
     void deliver(Session& to, const InputFrame& frame, Receivers receivers);
-    void refuse(Session& from, std::uint64_t token, kavri_core_status status);
-    void acknowledge(Session& to, std::uint64_t token, kavri_core_status status);
+    void refuse(Session& from, const wire::Frame& request, kavri_core_status status);
+    void answer(Session& from, const wire::Frame& asked, kavri_core_status status);
+    void enqueue(Session& to, const wire::Frame& frame);
 
-    bool dropsSilently(Session& responder);
+    void dropAnswer(Session& responder, const wire::Frame& frame, std::string_view mistake);
     void closeOutOfMemory(Session& session);
 
     const wire::Limits& limits_;
     const Policy& policy_;
     BufferPool& pool_;
     Surroundings surroundings_;
+    Tap tap_;
     FlowControl flow_;
     CategoryTable categories_;
     RequestTable requests_;
+    std::vector<const Category*> embedded_;
     WriteLists toWrite_;
+    TrafficCounts counts_;
 };
 
 }  // namespace kavri::broker

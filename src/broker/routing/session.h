@@ -18,6 +18,7 @@
 #include "broker/memory/buffer.h"
 #include "broker/memory/send_queue.h"
 #include "broker/routing/congestion.h"
+#include "broker/routing/monitor.h"
 #include "broker/routing/policy.h"
 #include "broker/routing/session_input.h"
 
@@ -29,7 +30,12 @@ struct SessionId {
     bool operator==(const SessionId&) const = default;
 };
 
-enum class Role : std::uint8_t { unknown, initiator, responder };
+// The id as one number, as records and reports name a connection.
+inline std::uint64_t numberOf(SessionId id) {
+    return std::uint64_t{id.generation} << 32U | id.index;
+}
+
+enum class Role : std::uint8_t { unknown, initiator, responder, manager };
 
 // What one user's sessions take together.
 struct UserAccount {
@@ -78,6 +84,7 @@ struct Session {
     const SessionId id;
     const uid_t user;
     UserAccount& account;
+    const Clock::time_point connected = Clock::now();
     pid_t process = 0;
     Role role = Role::unknown;  // unknown until its hello
 
@@ -97,6 +104,8 @@ struct Session {
     // A blocked session is not read from until it is resumed.
     WaitingPlace waiting;
     bool isBlocked() const { return waiting.on != nullptr; }
+
+    std::unique_ptr<Monitor> monitor;  // of one that monitors
 
     Charge charge;  // for the session itself and its pending requests
     InitiatorSide asInitiator;

@@ -344,6 +344,12 @@ std::string junitReport(const Report& report) {
             }
             suites.back().add(one, name, library);
         }
+        if (library.repeats) {
+            SuiteElement& growth = suites.emplace_back(root, library.name + ".growth", report.date);
+            for (const RepeatReport::Growth& each : library.repeats->growth) {
+                growth.add(each, library.repeats->failsOnGrowth);
+            }
+        }
     }
     if (report.matrix) {
         SuiteElement& faults = suites.emplace_back(root, "faults", report.date);
@@ -354,12 +360,6 @@ std::string junitReport(const Report& report) {
     if (!report.complaints.empty()) {
         SuiteElement& known = suites.emplace_back(root, "known failures", report.date);
         std::ranges::for_each(report.complaints, [&](const auto& line) { known.add(line); });
-    }
-    if (report.repeats) {
-        SuiteElement& growth = suites.emplace_back(root, "growth", report.date);
-        for (const RepeatReport::Growth& each : report.repeats->growth) {
-            growth.add(each, report.repeats->failsOnGrowth);
-        }
     }
     Totals all;
     for (SuiteElement& suite : suites) {

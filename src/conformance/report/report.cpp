@@ -92,31 +92,6 @@ static void to_json(json& result, const CaseReport& report) {
               {"repeat", report.repeat}};
 }
 
-static void to_json(json& result, const LibraryReport& library) {
-    LatenciesByFunction latencies;
-    addLatencies(library.cases, latencies);
-    result = {{"name", library.name},
-              {"core", library.core},
-              {"broker", library.broker},
-              {"seconds", library.seconds},
-              {"verdict", verdictText(library)},
-              {"reason", library.reason},
-              {"confirmed", !library.unconfirmed},
-              {"cases", library.cases},
-              {"latencies", latenciesJson(latencies)}};
-}
-
-static void to_json(json& result, const FaultReport& fault) {
-    result = {{"name", fault.name},     {"description", fault.description},
-              {"clause", fault.clause}, {"unnoticedBecause", fault.unnoticedBecause},
-              {"fired", fault.fired},   {"seconds", fault.seconds},
-              {"cases", fault.cases},   {"wrong", fault.wrong}};
-}
-
-static void to_json(json& result, const MatrixReport& matrix) {
-    result = {{"faults", matrix.faults}, {"checks", matrix.checks}, {"seconds", matrix.seconds}};
-}
-
 static void to_json(json& result, const RepeatReport::Growth& growth) {
     result = {{"what", growth.what}, {"first", growth.first},         {"last", growth.last},
               {"most", growth.most}, {"slope", orNull(growth.slope)}, {"grows", growth.grows}};
@@ -128,6 +103,32 @@ static void to_json(json& result, const RepeatReport& repeats) {
               {"growth", repeats.growth},
               {"failsOnGrowth", repeats.failsOnGrowth},
               {"latencies", latenciesJson(repeats.latencies)}};
+}
+
+static void to_json(json& result, const LibraryReport& library) {
+    LatenciesByFunction latencies;
+    addLatencies(library.cases, latencies);
+    result = {{"name", library.name},
+              {"core", library.core},
+              {"broker", library.broker},
+              {"seconds", library.seconds},
+              {"verdict", verdictText(library)},
+              {"reason", library.reason},
+              {"confirmed", !library.unconfirmed},
+              {"cases", library.cases},
+              {"latencies", latenciesJson(latencies)},
+              {"repeats", orNull(library.repeats)}};
+}
+
+static void to_json(json& result, const FaultReport& fault) {
+    result = {{"name", fault.name},     {"description", fault.description},
+              {"clause", fault.clause}, {"unnoticedBecause", fault.unnoticedBecause},
+              {"fired", fault.fired},   {"seconds", fault.seconds},
+              {"cases", fault.cases},   {"wrong", fault.wrong}};
+}
+
+static void to_json(json& result, const MatrixReport& matrix) {
+    result = {{"faults", matrix.faults}, {"checks", matrix.checks}, {"seconds", matrix.seconds}};
 }
 
 static void to_json(json& result, const BaselineComparison& comparison) {
@@ -151,7 +152,6 @@ json toJson(const Report& report) {
             {"seconds", report.seconds},
             {"libraries", report.libraries},
             {"matrix", orNull(report.matrix)},
-            {"repeats", orNull(report.repeats)},
             {"requirements", report.requirements},
             {"complaints", report.complaints},
             {"baseline", orNull(report.baseline)}};
@@ -257,7 +257,11 @@ Verdict worstOf(const std::vector<CaseReport>& cases) {
 }
 
 Verdict LibraryReport::verdict() const {
-    return limitedBy(reason, worstOf(cases));
+    std::vector<Verdict> verdicts = {worstOf(cases)};
+    if (repeats && !repeats->isGood()) {
+        verdicts.push_back(Verdict::fail);
+    }
+    return limitedBy(reason, together(verdicts));
 }
 
 void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies) {
@@ -293,9 +297,6 @@ Verdict verdictOn(const Report& report) {
     }
     if (report.matrix) {
         add(report.matrix->isProven());
-    }
-    if (report.repeats) {
-        add(report.repeats->isGood());
     }
     return limitedBy(report.reason, together(verdicts));
 }

@@ -111,6 +111,35 @@ std::size_t casesWithWarnings(const std::vector<CaseReport>& cases);
 // The worst verdict; known failures count as passes.
 Verdict worstOf(const std::vector<CaseReport>& cases);
 
+// How long the calls of each function took.
+using LatenciesByFunction = std::map<std::string, base::Latencies>;
+void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies);
+
+// Many runs of the same.
+struct RepeatReport {
+    unsigned runs = 0;
+    unsigned passed = 0;
+    // What a process, or the broker beside it, held after each of its runs. Of several
+    // processes that which grew the most.
+    struct Growth {
+        std::string what;  // "module, descriptors"
+        double first = 0;
+        double last = 0;
+        double most = 0;
+        std::optional<double> slope{};  // for each run; none where there were too few
+        bool grows = false;             // counts as growth; see growth.h
+
+        // "grows by 1.0 with each run: …"; empty where it does not.
+        std::string remark() const;
+    };
+    std::vector<Growth> growth;
+    LatenciesByFunction latencies{};  // of all runs
+    bool failsOnGrowth = false;
+
+    // Whether every run passed, and nothing grew that must not.
+    bool isGood() const;
+};
+
 struct LibraryReport {
     std::string name;
     std::string core;  // the file
@@ -121,18 +150,15 @@ struct LibraryReport {
     // Why not all cases have a verdict; empty: all have.
     std::string reason;
     bool unconfirmed = false;  // nothing shows that the requests reached a service
+    std::optional<RepeatReport> repeats;
 
     Verdict verdict() const;
 };
 
 // Of a library whose cases pass by what was recorded in its own process alone.
 inline constexpr std::string_view notConfirmedText = "not confirmed by the other side";
-// The worst of its cases; of a pass also whether the other side confirms it.
+// The worst of its cases and its repeats; of a pass also whether the other side confirms it.
 std::string verdictText(const LibraryReport& library);
-
-// How long the calls of each function took.
-using LatenciesByFunction = std::map<std::string, base::Latencies>;
-void addLatencies(const std::vector<CaseReport>& cases, LatenciesByFunction& latencies);
 
 // One fault of the kill matrix.
 struct FaultReport {
@@ -166,31 +192,6 @@ struct MatrixReport {
     double seconds = 0;
 };
 
-// Many runs of the same.
-struct RepeatReport {
-    unsigned runs = 0;
-    unsigned passed = 0;
-    // What a process, or the broker beside it, held after each of its runs. Of several
-    // processes that which grew the most.
-    struct Growth {
-        std::string what;  // "module, descriptors"
-        double first = 0;
-        double last = 0;
-        double most = 0;
-        std::optional<double> slope{};  // for each run; none where there were too few
-        bool grows = false;             // counts as growth; see growth.h
-
-        // "grows by 1.0 with each run: …"; empty where it does not.
-        std::string remark() const;
-    };
-    std::vector<Growth> growth;
-    LatenciesByFunction latencies{};  // of all runs
-    bool failsOnGrowth = false;
-
-    // Whether every run passed, and nothing grew that must not.
-    bool isGood() const;
-};
-
 struct Report {
     std::string command;
     std::string date;  // "2026-11-20T12:00:00Z"
@@ -198,7 +199,6 @@ struct Report {
     double seconds = 0;
     std::vector<LibraryReport> libraries;
     std::optional<MatrixReport> matrix;
-    std::optional<RepeatReport> repeats;
     // Why there is something that was not run; empty: there is nothing.
     std::string reason;
     nlohmann::json requirements = nlohmann::json::array();  // the levels of cases and checks

@@ -327,7 +327,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
         [&](unsigned done, unsigned passed) {
             display.showProgress(fmt::format("runs, {} passed", passed), done, repeatPlan.runs);
         });
-    report_.repeats = outcome.report;
+    report().repeats = outcome.report;
     addToReport(outcome.cases);
     for (const CaseReport& each : report().cases) {
         if (each.verdict != Verdict::pass) {

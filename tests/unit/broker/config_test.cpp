@@ -89,12 +89,14 @@ const std::string noSuchUser = "no-user-has-this-name";
 
 BOOST_AUTO_TEST_SUITE(defaults)
 
-BOOST_AUTO_TEST_CASE(onlyRootAndTheBrokersOwnUserMayConnect) {
+BOOST_AUTO_TEST_CASE(onlyRootAndTheBrokersOwnUserMayConnectOrManage) {
     const Policy policy = defaultConfig().policy;
-    BOOST_TEST(policy.connect.contains(0));
-    BOOST_TEST(policy.connect.contains(geteuid()));
-    BOOST_TEST(!policy.connect.contains(geteuid() + 1));
-    BOOST_TEST(!policy.connect.everybody);
+    for (const Users& users : {policy.connect, policy.manage}) {
+        BOOST_TEST(users.contains(0));
+        BOOST_TEST(users.contains(geteuid()));
+        BOOST_TEST(!users.contains(geteuid() + 1));
+        BOOST_TEST(!users.everybody);
+    }
 }
 
 BOOST_AUTO_TEST_CASE(whoMayConnectMayDoTheRest) {
@@ -179,6 +181,13 @@ BOOST_FIXTURE_TEST_CASE(usersAreGivenByNumber, File) {
     BOOST_TEST(!connect.everybody);
 }
 
+BOOST_FIXTURE_TEST_CASE(whoMayConnectAndWhoMayManageAreTwoThings, File) {
+    const Policy policy = read("[access]\nconnect = [\"*\"]\nmanage = [1001]\n").policy;
+    BOOST_TEST(policy.connect.contains(1002));
+    BOOST_TEST(policy.manage.contains(1001));
+    BOOST_TEST(!policy.manage.contains(1002));
+}
+
 BOOST_FIXTURE_TEST_CASE(usersAreGivenByName, File) {
     const passwd* self = getpwuid(geteuid());
     BOOST_REQUIRE(self != nullptr);
@@ -199,10 +208,13 @@ BOOST_FIXTURE_TEST_CASE(aStarIsEverybody, File) {
 }
 
 BOOST_FIXTURE_TEST_CASE(theBrokersOwnUserAndRootStayWhoeverIsListed, File) {
-    for (const char* text : {"[access]\nconnect = [1001]\n", "[access]\nconnect = []\n"}) {
-        const Users connect = read(text).policy.connect;
-        BOOST_TEST(connect.contains(0));
-        BOOST_TEST(connect.contains(geteuid()));
+    for (const char* list : {"[1001]", "[]"}) {
+        const Policy policy =
+            read("[access]\nconnect = " + std::string(list) + "\nmanage = " + list + "\n").policy;
+        for (const Users& users : {policy.connect, policy.manage}) {
+            BOOST_TEST(users.contains(0));
+            BOOST_TEST(users.contains(geteuid()));
+        }
     }
 }
 
@@ -254,7 +266,7 @@ BOOST_FIXTURE_TEST_CASE(aRightIsAList, File) {
 
 BOOST_FIXTURE_TEST_CASE(aRightThatIsNoneIsToldWithThoseThatAre, File) {
     BOOST_TEST(complaint("[access]\nserve = [1001]\n") ==
-               "2: unknown right \"serve\": there are connect and category");
+               "2: unknown right \"serve\": there are connect, manage and category");
     BOOST_TEST(complaint("[access.category.\"test\"]\nconnect = [1001]\n") ==
                "2: unknown right \"connect\": there are serve, send and subscribe");
 }

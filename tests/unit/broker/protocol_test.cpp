@@ -50,6 +50,7 @@ BOOST_AUTO_TEST_CASE(aHelloIsAnsweredWithIdentityAndLimits) {
 BOOST_FIXTURE_TEST_CASE(theRoleIsWhatTheHelloSays, ScriptedBroker) {
     BOOST_TEST((join("initiator").role == Role::initiator));
     BOOST_TEST((join("responder").role == Role::responder));
+    BOOST_TEST((join("manager").role == Role::manager));
     BOOST_TEST((connect().role == Role::unknown));
 }
 
@@ -58,9 +59,17 @@ BOOST_FIXTURE_TEST_CASE(aRoleThatIsNoneIsRefused, ScriptedBroker) {
         Session& session = connect();
         say(session, helloFrame(role));
         BOOST_TEST(closing(session) ==
-                   "status 9: malformed: its role is neither initiator nor responder");
+                   "status 9: malformed: its role is none of initiator, responder and manager");
         BOOST_TEST(session.sendQueue.empty());
     }
+}
+
+BOOST_FIXTURE_TEST_CASE(aUserWithoutTheRightMayNotManage, ScriptedBroker) {
+    Session& session = connect(otherUser);
+    say(session, helloFrame("manager"));
+    BOOST_TEST(closing(session) == "status 9: this user may not manage the broker");
+    BOOST_TEST((session.role == Role::unknown));
+    BOOST_TEST(session.sendQueue.empty());
 }
 
 BOOST_FIXTURE_TEST_CASE(anotherVersionIsRefusedAndBothAreNamed, ScriptedBroker) {
@@ -101,13 +110,14 @@ BOOST_AUTO_TEST_SUITE_END()
 
 BOOST_AUTO_TEST_SUITE(roles)
 
-// Of all types, in both roles, after the hello.
+// Of all types, in every role, after the hello.
 BOOST_FIXTURE_TEST_CASE(eachRoleSaysWhatIsItsAndNothingElse, ScriptedBroker) {
     const std::set<FrameType> initiators = {FrameType::request, FrameType::subscribe,
                                             FrameType::unsubscribe, FrameType::ping};
     const std::set<FrameType> responders = {FrameType::response, FrameType::completion,
                                             FrameType::publish, FrameType::registration,
                                             FrameType::ping};
+    const std::set<FrameType> managers = {FrameType::query, FrameType::monitor, FrameType::ping};
     for (const FrameType type : allTypes) {
         BOOST_TEST_CONTEXT(kavri::wire::typeName(type)) {
             if (type == FrameType::goodbye) {
@@ -125,12 +135,18 @@ BOOST_FIXTURE_TEST_CASE(eachRoleSaysWhatIsItsAndNothingElse, ScriptedBroker) {
                        (responders.contains(type)
                             ? ""
                             : "status 9: malformed: a responder does not send this type"));
+            Session& asManager = join("manager");
+            say(asManager, smallestFrame(type, 1));
+            BOOST_TEST(closing(asManager) ==
+                       (managers.contains(type)
+                            ? ""
+                            : "status 9: malformed: a manager does not send this type"));
         }
     }
 }
 
 BOOST_FIXTURE_TEST_CASE(aPingIsAnsweredWithItsToken, ScriptedBroker) {
-    for (const char* role : {"initiator", "responder"}) {
+    for (const char* role : {"initiator", "responder", "manager"}) {
         Session& session = join(role);
         say(session, ping(42));
         say(session, ping(UINT64_MAX));
@@ -139,7 +155,8 @@ BOOST_FIXTURE_TEST_CASE(aPingIsAnsweredWithItsToken, ScriptedBroker) {
 }
 
 BOOST_FIXTURE_TEST_CASE(aGoodbyeClosesWithoutAReason, ScriptedBroker) {
-    for (Session* session : {&connect(), &join("initiator"), &join("responder")}) {
+    for (Session* session :
+         {&connect(), &join("initiator"), &join("responder"), &join("manager")}) {
         say(*session, makeFrame(FrameType::goodbye, 0, {.payload = "leaving"}));
         BOOST_TEST(closing(*session) == "status 0: ");
         BOOST_TEST(session->sendQueue.empty());

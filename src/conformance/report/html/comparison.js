@@ -45,6 +45,15 @@ function sideRecord(difference, index) {
   return recordTable(one, focus);
 }
 
+function repeatsCell(repeats) {
+  if (!repeats) {
+    return el("td", {}, "–");
+  }
+  return el("td", {}, verdictLabel(repeats.passed < repeats.runs || growthFails(repeats) ? "fail" : "pass"),
+    el("p", { class: "aside" }, runsText(repeats)),
+    growing(repeats).length > 0 && el("p", { class: "aside" }, growingText(repeats)));
+}
+
 function comparisonSection(report) {
   if (report.libraries.length < 2) {
     return null;
@@ -59,6 +68,10 @@ function comparisonSection(report) {
     report.libraries.map((library, index) => comparisonCell(
       library.cases.find((one) => one.name === name),
       index > 0 && differences[index - 1]?.name === name))));
+  if (report.libraries.some((library) => library.repeats)) {
+    rows.push(el("tr", {}, el("th", { scope: "row" }, "all runs"),
+      report.libraries.map((library) => repeatsCell(library.repeats))));
+  }
   return section("libraries", "Libraries beside each other",
     table("Cases and libraries", ["Case", ...report.libraries.map((library) => library.name)], rows, "comparison"),
     others.map((other, index) => [

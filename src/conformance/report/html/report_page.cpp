@@ -123,7 +123,13 @@ std::string libraryTable(const json& library) {
     for (const json& one : library.at("cases")) {
         html += caseRow(one);
     }
-    return html + "</tbody></table>\n";
+    html += "</tbody></table>\n";
+    if (const auto repeats = library.find("repeats");
+        repeats != library.end() && !repeats->is_null()) {
+        html += fmt::format("<p>{} of {} runs passed.</p>\n", repeats->at("passed").get<unsigned>(),
+                            repeats->at("runs").get<unsigned>());
+    }
+    return html;
 }
 
 std::string matrixSummary(const json& matrix) {
@@ -154,12 +160,6 @@ std::string plainSummary(const json& report) {
     }
     if (const auto matrix = report.find("matrix"); matrix != report.end() && !matrix->is_null()) {
         html += matrixSummary(*matrix);
-    }
-    if (const auto repeats = report.find("repeats");
-        repeats != report.end() && !repeats->is_null()) {
-        html +=
-            fmt::format("<h2>Repeats</h2>\n<p>{} of {} runs passed.</p>\n",
-                        repeats->at("passed").get<unsigned>(), repeats->at("runs").get<unsigned>());
     }
     return html + "<p>Records, time lines and the matrix itself need JavaScript.</p>\n";
 }

@@ -26,12 +26,10 @@ function headline(report) {
     const expected = report.matrix.faults.filter((fault) => fault.wrong.length === 0).length;
     facts.push([`${expected} of ${counted(total, "fault")} as expected`, expected < total]);
   }
-  if (report.repeats) {
-    const { runs, passed } = report.repeats;
-    facts.push([`${passed} of ${counted(runs, "run")} passed`, passed < runs]);
-    const growing = report.repeats.growth.filter((growth) => growth.grows).map((growth) => growth.what);
-    if (growing.length > 0) {
-      facts.push([`growing: ${growing.join(" and ")}`, growthFails(report.repeats)]);
+  for (const repeats of report.libraries.map((library) => library.repeats).filter(Boolean)) {
+    facts.push([runsText(repeats), repeats.passed < repeats.runs]);
+    if (growing(repeats).length > 0) {
+      facts.push([growingText(repeats), growthFails(repeats)]);
     }
   }
   return [...facts, [formatSeconds(report.seconds), false]];
@@ -197,13 +195,18 @@ function latenciesSection(report) {
 
 // --- repeats ---------------------------------------------------------------
 
-const growthFails = (repeats) => repeats.failsOnGrowth && repeats.growth.some((growth) => growth.grows);
+const growing = (repeats) => repeats.growth.filter((growth) => growth.grows).map((growth) => growth.what);
+const growthFails = (repeats) => repeats.failsOnGrowth && growing(repeats).length > 0;
+const growingText = (repeats) => `growing: ${growing(repeats).join(" and ")}`;
+const runsText = (repeats) => `${repeats.passed} of ${counted(repeats.runs, "run")} passed`;
 
 function repeatsSection(report) {
-  const repeats = report.repeats;
-  if (!repeats) {
-    return null;
-  }
+  const repeated = report.libraries.filter((library) => library.repeats);
+  return repeated.length > 0 && section("repeats", "Repeats", repeated.map((library) => [
+    repeated.length > 1 && el("h3", {}, library.name), repeatsOf(library.repeats)]));
+}
+
+function repeatsOf(repeats) {
   const failed = repeats.runs - repeats.passed;
   const rate = repeats.runs === 0 ? 0 : (100 * repeats.passed) / repeats.runs;
   // Never "100 %" where one failed.
@@ -217,9 +220,9 @@ function repeatsSection(report) {
       : slopeText(growth.slope)),
     el("td", {}, growth.grows && "grows")));
   const number = (text) => ({ text, kind: "number" });
-  return section("repeats", "Repeats",
+  return [
     el("p", {}, verdictLabel(failed === 0 && !growthFails(repeats) ? "pass" : "fail"),
-      ` ${repeats.passed} of ${counted(repeats.runs, "run")} passed, ${rateText}.`),
+      ` ${runsText(repeats)}, ${rateText}.`),
     repeats.growth.length > 0 && table("Growth over the runs",
-      ["What", number("First run"), number("Last run"), number("Most"), number("Each run"), ""], rows));
+      ["What", number("First run"), number("Last run"), number("Most"), number("Each run"), ""], rows)];
 }

@@ -1,0 +1,69 @@
+// What the payload of each kind of report says: lines of `name=value`, as docs/protocol.md
+// lists them.
+#ifndef KAVRI_BROKER_MANAGEMENT_ENTRIES_H
+#define KAVRI_BROKER_MANAGEMENT_ENTRIES_H
+
+#include <sys/types.h>
+
+#include <charconv>
+#include <concepts>
+#include <string>
+#include <string_view>
+
+#include "broker/routing/category_table.h"
+#include "broker/routing/counts.h"
+#include "broker/routing/flow_control.h"
+#include "broker/routing/session.h"
+#include "wire/limits.h"
+
+namespace kavri::broker {
+
+// Raised when a name gets another meaning; names may be added at any time.
+inline constexpr unsigned reportFormat = 1;
+
+// Of a category's name; a report is never longer than a page of memory for it.
+inline constexpr std::size_t longestReportedName = 256;
+
+// What does not change while a broker runs.
+struct BrokerFacts {
+    std::string version;
+    pid_t process = 0;
+    uid_t user = 0;
+    Clock::time_point started = Clock::now();
+};
+
+// The payload of one report. Its memory is used again for the next.
+class Lines {
+  public:
+    Lines() { text_.reserve(reservedBytes); }
+
+    void clear() { text_.clear(); }
+    const std::string& text() const { return text_; }
+
+    void add(std::string_view name, std::string_view value) {
+        text_.append(name).append(1, '=').append(value).append(1, '\n');
+    }
+    void add(std::string_view name, std::integral auto value) {
+        std::array<char, 24> digits;
+        const char* const end = std::to_chars(digits.begin(), digits.end(), value).ptr;
+        add(name, std::string_view(digits.begin(), end));
+    }
+
+  private:
+    static constexpr std::size_t reservedBytes = 4096;
+
+    std::string text_;
+};
+
+void describeBroker(Lines& lines, const BrokerFacts& facts, Clock::time_point now);
+void describeLimits(Lines& lines, const wire::Limits& limits);
+void describeConnections(Lines& lines, const ConnectionCounts& counts, std::size_t present);
+void describeTraffic(Lines& lines, const TrafficCounts& counts);
+void describeUser(Lines& lines, uid_t user, const UserAccount& account);
+void describeConnection(Lines& lines, const Session& session, const FlowControl& flow,
+                        Clock::time_point now);
+void describeCategory(Lines& lines, const Category& category);
+
+}  // namespace kavri::broker
+
+#endif
