@@ -270,7 +270,7 @@ class Content(StatusTest):
         self.assertEqual(waiting["waits_for"], slow["connection"])
         rows = self.output().split("PROCESS")[1].splitlines()
         self.assertRegex(rows[1], "serves slow .* congested")
-        self.assertRegex(rows[2], f"initiator .* waits for {os.getpid()} ")
+        self.assertRegex(rows[2], f"initiator .* waits for {os.getpid()}$")
         self.assertIn('kavri_connections_behind{state="waiting"} 1\n', self.output("--prometheus"))
 
 
@@ -551,7 +551,8 @@ class Watch(StatusTest):
             lines = shown.decode().split("\r\n")
             path = str(self.path)
             self.assertTrue(all(len(line) <= columns or path in line for line in lines), lines)
-            self.assertTrue(any(re.search(r"serves a ca.*…", line) for line in lines), lines)
+            self.assertTrue(any(re.search(r"serves a .*…", line) for line in lines), lines)
+            self.assertIn("STATE", next(line for line in lines if "PROCESS" in line))
             for title in ("TRAFFIC", "USER", "CATEGORY", "PROCESS", "STATE"):
                 self.assertTrue(any(title in line for line in lines), title)
 
