@@ -11,7 +11,8 @@
  * the order in which the responder gave them. A caller can tell three outcomes
  * apart: answered; certainly not delivered (IPC_NO_RESPONDER, IPC_REFUSED,
  * IPC_TOO_LARGE, IPC_OVERLOADED, IPC_BROKER_UNAVAILABLE); unknown
- * (IPC_RESPONDER_LOST, IPC_CONNECTION_LOST).
+ * (IPC_RESPONDER_LOST, IPC_CONNECTION_LOST). A receive returns failures without
+ * their requests; the outcome callback, in the options, is called with the uuid of each.
  *
  * Lost connections. The library connects again by itself, restores
  * subscriptions and the category served, and carries on: at the next call, or,
@@ -29,6 +30,15 @@
  * library's own in which all signals are blocked. Every function may be called
  * from within a callback. What has arrived is delivered at once: a response may
  * reach the callback before the send of its request has returned.
+ *
+ * Threads. Several threads may receive from one responder, or initiator, at the same
+ * time: each message is received by one of them, and no wake-up is lost. Requests are
+ * answered from any thread and in any order; responses leave in the order of the answers.
+ * So a service uses as many cores as it has threads that receive, work and answer. A
+ * callback alone works on one request after the other; it may pass them to threads of the
+ * program, which answer. A loss of the connection ends each receive under way once. The
+ * installation of a callback ends them all, with IPC_FAILED: after that, threads that
+ * received can be joined and the object ended.
  *
  * Processes. An initiator or responder belongs to the process that made it. In a
  * child that was forked, every function of it returns IPC_OTHER_PROCESS at once
@@ -99,6 +109,17 @@ typedef void (*kavri_core_ipc_connection_callback)(const kavri_core_ipc_connecti
                                                    void* context);
 
 /*
+ * Receives the outcome of one request that gets no response, on the library's thread,
+ * like the other callbacks and never at the same time as one of them; all functions may
+ * be called. uuid: the request's; the library's, valid during the call, never null.
+ * status: NO_ERROR (delivered, and its responder ended it without an answer);
+ * IPC_NO_RESPONDER, IPC_REFUSED, IPC_OVERLOADED (certainly not delivered);
+ * IPC_RESPONDER_LOST, IPC_CONNECTION_LOST (unknown).
+ */
+typedef void (*kavri_core_ipc_outcome_callback)(const char* uuid, kavri_core_status status,
+                                                void* context);
+
+/*
  * How to reach the broker. Fill with zeros, then set sizeBytes and what is to
  * differ from the default.
  */
@@ -127,6 +148,15 @@ typedef struct kavri_core_ipc_options {
      * options end before this member works as before. */
     kavri_core_ipc_connection_callback connectionCallback;
     void* connectionContext;
+    /* Of an initiator; null, or called with outcomeContext for each request that gets no
+     * response, as soon as that is known, whatever else is pending. So a program with many
+     * requests in flight learns what became of each. Receives do not return the outcomes of
+     * requests then. The library keeps the uuid of each pending request. A request whose
+     * send fails is reported by the send; where the connection broke during the send,
+     * possibly by both. As with the connection callback, the library's thread exists from
+     * the beginning, and options may end before this member. */
+    kavri_core_ipc_outcome_callback outcomeCallback;
+    void* outcomeContext;
 } kavri_core_ipc_options;
 
 /*
@@ -344,7 +374,8 @@ kavri_core_status kavri_core_ipc_responder_deinit(kavri_core_ipc_responder* resp
 
 /*
  * Takes the next request and stores its name and its strings. Without NO_ERROR
- * the variables are left alone.
+ * the variables are left alone. By several threads at the same time, each gets
+ * requests of its own.
  *
  * NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a request callback is installed);
  * IPC_NO_MESSAGE; IPC_CONNECTION_LOST (the connection broke during this call;

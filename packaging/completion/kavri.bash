@@ -28,8 +28,12 @@ _kavriOptions() {
         status)
             printf '%s ' --socket --json --prometheus --watch --all --timeout --help
             ;;
+        monitor)
+            printf '%s ' --socket --category --process --user --connection --payload --json \
+                --count --timeout --help
+            ;;
         *)
-            printf '%s ' conformance bench status --version --help
+            printf '%s ' conformance bench status monitor --version --help
             ;;
     esac
 }
@@ -47,6 +51,9 @@ _kavriValue() {
         conformance--repeat | conformance--shuffle | conformance--jobs | conformance--name) ;;
         bench--category | bench--command | bench--payload | bench--in-flight | bench--seconds) ;;
         status--watch | status--timeout) ;;
+        monitor--user) compgen -u ;;
+        monitor--category | monitor--process | monitor--connection | monitor--payload) ;;
+        monitor--count | monitor--timeout) ;;
         *) return 1 ;;
     esac
 }
@@ -55,7 +62,7 @@ _kavriValue() {
 _kavriNames() {
     case $1$2 in
         conformance--library | conformance--html) echo -d ;;
-        conformance--socket | bench--socket | status--socket) echo -f ;;
+        conformance--socket | bench--socket | status--socket | monitor--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
         conformance--write-expect | conformance--baseline) echo -f ;;
         conformance--service-record) echo -f ;;
@@ -69,7 +76,7 @@ _kavri() {
     for ((index = 1; index < COMP_CWORD; ++index)); do
         case ${COMP_WORDS[index]} in
             --) return ;; # what follows goes to the module
-            conformance | bench | status) [[ -n $command ]] || command=${COMP_WORDS[index]} ;;
+            conformance | bench | status | monitor) [[ -n $command ]] || command=${COMP_WORDS[index]} ;;
         esac
     done
     # "--option=value" comes as three words.

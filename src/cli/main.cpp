@@ -13,6 +13,7 @@
 #include "base/command_line.h"
 #include "cli/bench_command.h"
 #include "cli/conformance_command.h"
+#include "cli/monitor_command.h"
 #include "cli/status_command.h"
 #include "process/exit_status.h"
 
@@ -65,6 +66,7 @@ struct Commands {
     ConformanceOptions conformance;
     BenchOptions bench;
     kavri::management::StatusOptions status;
+    kavri::management::MonitorOptions monitor;
 
     Commands() {
         app.set_version_flag("--version", "kavri " KAVRI_VERSION);
@@ -78,6 +80,8 @@ struct Commands {
                       bench);
         describeStatus(*app.add_subcommand("status", "Show what a running broker is doing"),
                        status);
+        describeMonitor(*app.add_subcommand("monitor", "Show what passes through the broker"),
+                        monitor);
         app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
     }
 
@@ -99,6 +103,9 @@ struct Commands {
         if (!conformance.plan.moduleArguments.empty()) {
             throw process::CommandFailure(process::ExitStatus::usage,
                                           "arguments after -- are for 'kavri conformance' only");
+        }
+        if (app.got_subcommand("monitor")) {
+            return kavri::management::runMonitor(monitor);
         }
         return app.got_subcommand("status") ? kavri::management::runStatus(status)
                                             : runBench(bench);

@@ -12,6 +12,13 @@ using wire::Field;
 using wire::Frame;
 using wire::FrameType;
 
+Initiator::Initiator(Settings chosen) : Endpoint(std::move(chosen)) {
+    outcomeCallback_.set(settings().outcomeCallback, settings().outcomeContext);
+    if (outcomeCallback_.isInstalled()) {
+        pending_.keepUuids();
+    }
+}
+
 kavri_core_status Initiator::send(std::span<Frame> requests, std::size_t& sent) {
     Lock lock = acquire();
     CallDeadline deadline(sendTimeout());
@@ -21,20 +28,20 @@ kavri_core_status Initiator::send(std::span<Frame> requests, std::size_t& sent) 
 kavri_core_status Initiator::receive(int timeoutMs, Message::Fields& fields) {
     Lock lock = acquire();
     const auto isReady = [this] {
-        return responseCallback_.isInstalled() || !responses_.empty() || pending_.hasFailure();
+        return responseCallback_.isInstalled() || !responses_.empty() || hasFailure();
     };
     const auto outcome = [this, &fields]() -> std::optional<kavri_core_status> {
         if (responseCallback_.isInstalled()) {
             return KAVRI_CORE_STATUS_IPC_FAILED;
         }
-        if (responses_.empty() && pending_.hasFailure()) {
+        if (responses_.empty() && hasFailure()) {
             handleFrames();  // a response that has arrived goes first
         }
         if (!responses_.empty()) {
             fields = take(responses_);
             return KAVRI_CORE_STATUS_NO_ERROR;
         }
-        return pending_.hasFailure() ? std::optional(pending_.takeFailure()) : std::nullopt;
+        return hasFailure() ? std::optional(pending_.takeFailure()) : std::nullopt;
     };
     // It returns other reasons, such as a refusal, as outcomes of requests only.
     const auto unconnected = [](kavri_core_status status) {
@@ -142,7 +149,7 @@ void Initiator::frameReceived(const Frame& frame, Text& payload) {
             handleResponse(frame, payload);
             break;
         case FrameType::completion:
-            pending_.close(frame.token);
+            pending_.complete(frame.token);
             break;
         case FrameType::notice:
             pending_.fail(frame.token, failureIn(frame, KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
@@ -218,7 +225,7 @@ void Initiator::dropMessages() {
 }
 
 bool Initiator::hasDelivery() const {
-    return (responseCallback_.isInstalled() && !responses_.empty()) ||
+    return (responseCallback_.isInstalled() && !responses_.empty()) || hasOutcome() ||
            (eventCallback_.isInstalled() && !events_.empty());
 }
 
@@ -227,6 +234,11 @@ void Initiator::deliver(Lock& lock) {
         Message::Fields fields = take(responses_);
         dispatcher().invoke(lock, responseCallback_, [&fields](auto* callback, void* context) {
             callback(&fields[0], &fields[1], &fields[2], &fields[3], context);
+        });
+    } else if (hasOutcome()) {
+        const PendingRequests::Outcome outcome = pending_.takeOutcome();
+        dispatcher().invoke(lock, outcomeCallback_, [&outcome](auto* callback, void* context) {
+            callback(outcome.uuid.c_str(), outcome.status, context);
         });
     } else {
         Message::Fields fields = take(events_);

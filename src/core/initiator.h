@@ -16,7 +16,7 @@ namespace kavri::core {
 
 class Initiator : public Endpoint {
   public:
-    using Endpoint::Endpoint;
+    explicit Initiator(Settings settings);
 
     // Assigns the requests their tokens and sends them; `sent` is how many were accepted.
     kavri_core_status send(std::span<wire::Frame> requests, std::size_t& sent);
@@ -39,6 +39,10 @@ class Initiator : public Endpoint {
     bool hasDelivery() const override;
     void deliver(Lock& lock) override;
 
+    // With the callback, receives return no outcomes of requests.
+    bool hasFailure() { return !outcomeCallback_.isInstalled() && pending_.hasFailure(); }
+    bool hasOutcome() const { return outcomeCallback_.isInstalled() && pending_.hasOutcome(); }
+
     void handleResponse(const wire::Frame& frame, Text& payload);
     void handleEvent(const wire::Frame& frame, Text& payload);
     void handleAcknowledgement(const wire::Frame& frame);
@@ -51,6 +55,7 @@ class Initiator : public Endpoint {
     PendingRequests pending_;
     std::deque<Message> responses_;
     CallbackSlot<kavri_core_ipc_initiator_response_callback> responseCallback_{dispatcher()};
+    CallbackSlot<kavri_core_ipc_outcome_callback> outcomeCallback_{dispatcher()};
 
     std::set<std::string, std::less<>> subscriptions_;
     std::deque<Message> events_;

@@ -2,6 +2,7 @@
 #include "core/pending_requests.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "base/assert.h"
 
@@ -15,8 +16,18 @@ constexpr std::size_t failuresKept = 65536;
 
 }  // namespace
 
-void PendingRequests::add(std::size_t count) {
-    states_.resize(states_.size() + count, pending);
+void PendingRequests::add(std::span<const wire::Frame> requests) {
+    const std::size_t before = states_.size();
+    try {
+        states_.resize(before + requests.size(), pending);
+        for (std::size_t i = 0; keepsUuids_ && i < requests.size(); ++i) {
+            uuids_.emplace_back(requests[i][wire::Field::uuid]);
+        }
+    } catch (...) {
+        states_.resize(before);
+        uuids_.resize(std::min(before, uuids_.size()));
+        throw;
+    }
     noneAbove_ = nextToken() - 1;
 }
 
@@ -39,9 +50,17 @@ bool PendingRequests::close(std::uint64_t token) {
     return true;
 }
 
+void PendingRequests::complete(std::uint64_t token) {
+    if (!keepsUuids_) {
+        close(token);
+    } else if (isPending(token)) {
+        record(token, unanswered);
+    }
+}
+
 void PendingRequests::fail(std::uint64_t token, kavri_core_status status) {
     if (isPending(token)) {
-        record(token, status);
+        record(token, static_cast<State>(status));
     }
 }
 
@@ -51,11 +70,11 @@ void PendingRequests::failAll(kavri_core_status status) {
     }
 }
 
-void PendingRequests::record(std::uint64_t token, kavri_core_status status) {
-    stateOf(token) = static_cast<State>(status);
+void PendingRequests::record(std::uint64_t token, State state) {
+    stateOf(token) = state;
     ++failures_;
     noneBelow_ = std::min(noneBelow_, token);
-    if (failures_ > failuresKept) {
+    if (!keepsUuids_ && failures_ > failuresKept) {
         noneBelow_ = findFailure(std::max(first_, noneBelow_));
         dropFailure(noneBelow_);
     }
@@ -88,6 +107,18 @@ kavri_core_status PendingRequests::takeFailure() {
     return status;
 }
 
+PendingRequests::Outcome PendingRequests::takeOutcome() {
+    KAVRI_ASSERT(keepsUuids_ && hasOutcome(), "an outcome is taken where there is one");
+    noneBelow_ = findFailure(std::max(first_, noneBelow_));
+    const std::uint64_t token = noneBelow_;
+    const State state = stateOf(token);
+    Outcome outcome{std::move(uuids_[token - first_]), state == unanswered
+                                                           ? KAVRI_CORE_STATUS_NO_ERROR
+                                                           : static_cast<kavri_core_status>(state)};
+    dropFailure(token);
+    return outcome;
+}
+
 void PendingRequests::dropFailure(std::uint64_t token) {
     KAVRI_ASSERT(failures_ > 0, "every failure is counted");
     stateOf(token) = over;
@@ -98,6 +129,9 @@ void PendingRequests::dropFailure(std::uint64_t token) {
 void PendingRequests::popOver() {
     while (!states_.empty() && states_.front() == over) {
         states_.pop_front();
+        if (keepsUuids_) {
+            uuids_.pop_front();
+        }
         ++first_;
     }
 }

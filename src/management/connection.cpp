@@ -162,47 +162,59 @@ void Connection::send(const Frame& frame) {
 }
 
 Frame Connection::receive(Clock::time_point deadline) {
-    using State = wire::FirstFrame::State;
-    begin_ += std::exchange(taken_, 0);
     while (true) {
-        const wire::FirstFrame first =
-            wire::firstFrame(input_.data() + begin_, end_ - begin_, longestPayloadBytes);
-        if (first.state == State::malformed) {
-            failAsNonsense();
-        }
-        if (first.state == State::complete) {
-            taken_ = first.frameBytes;
-            const auto frame = wire::decode(input_.data() + begin_);
-            if (!frame) {
-                failAsNonsense();
-            }
-            if (frame->type == FrameType::goodbye) {
-                failByGoodbye(*frame);
-            }
+        if (const auto frame = takeBuffered()) {
             return *frame;
         }
-        std::memmove(input_.data(), input_.data() + begin_, end_ - begin_);
-        end_ -= std::exchange(begin_, 0);
-        input_.resize(std::max(input_.size(), first.frameBytes));
-        read(deadline);
-    }
-}
-
-void Connection::read(Clock::time_point deadline) {
-    while (true) {
         if (!waitToRead(deadline)) {
             failAsSilent();
         }
-        const ssize_t count =
-            ::recv(socket_.get(), input_.data() + end_, input_.size() - end_, MSG_DONTWAIT);
-        if (count > 0) {
-            end_ += static_cast<std::size_t>(count);
-            return;
-        }
-        if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
-            fail(FailureKind::unreachable, "it closed the connection: see its log");
-        }
+        readSome();
     }
+}
+
+std::optional<Frame> Connection::receiveNow() {
+    if (const auto frame = takeBuffered()) {
+        return frame;
+    }
+    return readSome() ? takeBuffered() : std::nullopt;
+}
+
+// Where no frame is complete, there is room for the rest of one afterwards.
+std::optional<Frame> Connection::takeBuffered() {
+    using State = wire::FirstFrame::State;
+    begin_ += std::exchange(taken_, 0);
+    const wire::FirstFrame first =
+        wire::firstFrame(input_.data() + begin_, end_ - begin_, longestPayloadBytes);
+    if (first.state == State::malformed) {
+        failAsNonsense();
+    }
+    if (first.state != State::complete) {
+        std::memmove(input_.data(), input_.data() + begin_, end_ - begin_);
+        end_ -= std::exchange(begin_, 0);
+        input_.resize(std::max(input_.size(), first.frameBytes));
+        return std::nullopt;
+    }
+    taken_ = first.frameBytes;
+    const auto frame = wire::decode(input_.data() + begin_);
+    if (!frame) {
+        failAsNonsense();
+    }
+    if (frame->type == FrameType::goodbye) {
+        failByGoodbye(*frame);
+    }
+    return frame;
+}
+
+// Whether there was something to be read.
+bool Connection::readSome() {
+    const ssize_t count =
+        ::recv(socket_.get(), input_.data() + end_, input_.size() - end_, MSG_DONTWAIT);
+    if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) {
+        fail(FailureKind::unreachable, "it closed the connection: see its log");
+    }
+    end_ += count > 0 ? static_cast<std::size_t>(count) : 0;
+    return count > 0;
 }
 
 // One that says something now and then, and never all, has no more time than one that is

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,13 +37,17 @@ class Connection {
     // The next frame; its fields are valid until the next call. A goodbye is a Failure.
     wire::Frame receive(Clock::time_point deadline);
 
+    // The same without waiting: nothing where no frame is complete.
+    std::optional<wire::Frame> receiveNow();
+
     // What answers is no broker of ours.
     [[noreturn]] void failAsNonsense() const;
 
   private:
     void connect(Clock::time_point deadline);
     void greet(Clock::time_point deadline);
-    void read(Clock::time_point deadline);
+    std::optional<wire::Frame> takeBuffered();
+    bool readSome();
     bool waitToRead(Clock::time_point deadline) const;
     [[noreturn]] void fail(FailureKind kind, const std::string& what) const;
     [[noreturn]] void failToConnect(int error) const;

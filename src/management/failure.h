@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "process/exit_status.h"
+
 namespace kavri::management {
 
 enum class FailureKind {
@@ -23,6 +25,19 @@ class Failure : public std::runtime_error {
   private:
     FailureKind kind_;
 };
+
+// With the exit status that scripts tell the kinds apart by.
+inline process::CommandFailure asCommandFailure(const Failure& failure) {
+    using process::ExitStatus;
+    switch (failure.kind()) {
+        case FailureKind::refused:
+            return {ExitStatus::failed, failure.what()};
+        case FailureKind::silent:
+            return {ExitStatus::ended, failure.what()};
+        default:
+            return {ExitStatus::couldNotRun, failure.what()};
+    }
+}
 
 }  // namespace kavri::management
 

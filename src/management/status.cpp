@@ -23,19 +23,7 @@ namespace kavri::management {
 
 namespace {
 
-using process::CommandFailure;
 using process::ExitStatus;
-
-CommandFailure asCommandFailure(const Failure& failure) {
-    switch (failure.kind()) {
-        case FailureKind::refused:
-            return {ExitStatus::failed, failure.what()};
-        case FailureKind::silent:
-            return {ExitStatus::ended, failure.what()};
-        default:
-            return {ExitStatus::couldNotRun, failure.what()};
-    }
-}
 
 Clock::duration secondsOf(double seconds) {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));

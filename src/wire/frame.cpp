@@ -52,14 +52,14 @@ struct TypeRule {
 };
 
 // Which fields a frame of each type must and may have, by the type's number.
-constexpr std::array<TypeRule, 18> rules = [] {
+constexpr std::array<TypeRule, 20> rules = [] {
     constexpr std::uint8_t category = bit(Field::category);
     constexpr std::uint8_t identifier = bit(Field::identifier);
     constexpr std::uint8_t uuid = bit(Field::uuid);
     constexpr std::uint8_t payload = bit(Field::payload);
     constexpr std::uint8_t all = category | identifier | uuid | payload;
     constexpr std::uint8_t eventFields = category | identifier | payload;
-    std::array<TypeRule, 18> table{};
+    std::array<TypeRule, 20> table{};
     auto rule = [&table](FrameType type, std::uint8_t required, std::uint8_t allowed,
                          std::string_view name) {
         table[static_cast<std::size_t>(type)] = {required, allowed, name};
@@ -81,6 +81,8 @@ constexpr std::array<TypeRule, 18> rules = [] {
     rule(FrameType::goodbye, payload, payload, "goodbye");
     rule(FrameType::query, 0, 0, "query");
     rule(FrameType::report, identifier | payload, category | identifier | payload, "report");
+    rule(FrameType::monitor, 0, category | payload, "monitor");
+    rule(FrameType::observed, payload, all, "observed");
     return table;
 }();
 

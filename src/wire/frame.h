@@ -56,6 +56,8 @@ enum class FrameType : std::uint8_t {
     goodbye = 15,          // the sender closes; payload is the reason
     query = 16,            // from a manager: what the broker is doing
     report = 17,           // to it, many: identifier is what of, payload the figures
+    monitor = 18,          // from a manager: it wants to see what passes; payload is which
+    observed = 19,         // to it: token, status and names of what passed, payload the rest
 };
 
 // The fields, in their order on the wire.

@@ -112,6 +112,27 @@ BOOST_AUTO_TEST_CASE(deliversOnceThereIsMemory) {
     }
 }
 
+BOOST_AUTO_TEST_CASE(hasOneOutcomeForEachRequestWhicheverAllocationFails) {
+    std::atomic<long> outcomes{0};
+    kavri_core_ipc_options options{};
+    options.outcomeCallback = [](const char*, kavri_core_status, void* context) {
+        ++*static_cast<std::atomic<long>*>(context);
+    };
+    options.outcomeContext = &outcomes;
+    Initiator initiator(address, options);
+    long sent = 0;
+    const long failures = Attempts::run([&](Attempts& attempts) {
+        const std::string uuid(5000, 'u');
+        const kavri_core_status status =
+            attempts.calling([&] { return initiator.send("nobody", "hello", uuid, ""); });
+        sent += status == good ? 1 : 0;
+        BOOST_TEST(initiator.send("nobody", "hello", "again") == good);
+        ++sent;
+        BOOST_REQUIRE(eventually([&] { return outcomes == sent; }));
+    });
+    BOOST_TEST(failures >= 2);
+}
+
 BOOST_AUTO_TEST_CASE(startsWithoutMemory) {
     for (long first = 1; first < 6; ++first) {
         Counts counts;

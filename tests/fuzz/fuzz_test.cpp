@@ -56,6 +56,12 @@ std::string sensibleFrame(unsigned peer, Random& random) {
             makeFrame(FrameType::hello, 1, {.identifier = roles[random() % roles.size()]}));
     }
     if (peer == 4 || (peer == 0 && random() % 4 == 0)) {
+        if (random() % 3 == 0) {
+            static constexpr std::array options = {"", "payload_bytes=5000\n", "process=0\n",
+                                                   "connection=2\nuser=1000\n", "process=x\n"};
+            return encode(makeFrame(FrameType::monitor, random() % 4,
+                                    {.payload = options[random() % options.size()]}));
+        }
         return encode(
             makeFrame(random() % 4 == 0 ? FrameType::ping : FrameType::query, random() % 4));
     }

@@ -62,6 +62,7 @@ class Stage {
                 break;
         }
         broker_.reports.advance();
+        broker_.router.tap().writeDue(broker_.moment.steady + broker::Tap::gatheringTime);
         endRound();
         check();
     }
@@ -123,6 +124,9 @@ class Stage {
             most -= part;
         }
         checkHeard(who);
+        if (session->monitor != nullptr && session->sendQueue.empty()) {
+            broker_.router.tap().drained(*session);
+        }
         broker_.resumeAllAt(*session);
     }
 
@@ -190,6 +194,9 @@ class Stage {
     static std::size_t chargedFor(const Session& session) {
         std::size_t bytes =
             session.sendQueue.bytes() + session.charge.bytes() + session.input.charge.bytes();
+        if (session.monitor != nullptr) {
+            bytes += session.monitor->charge.bytes();
+        }
         for (const broker::Subscription& subscription : session.asInitiator.subscriptions) {
             bytes += subscription.charge.bytes();
         }

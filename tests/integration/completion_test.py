@@ -57,7 +57,10 @@ class Bash(unittest.TestCase):
         return sorted(line for line in done.stdout.split("\n") if line)
 
     def test_commands(self):
-        self.assertEqual(self.complete(""), ["--help", "--version", "bench", "conformance", "status"])
+        self.assertEqual(
+            self.complete(""),
+            ["--help", "--version", "bench", "conformance", "monitor", "status"],
+        )
         self.assertEqual(self.complete("co"), ["conformance"])
 
     def test_options_of_the_command(self):
@@ -65,6 +68,7 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.complete("bench", "--se"), ["--seconds"])
         self.assertEqual(self.complete("bench", "--prove"), [])
         self.assertEqual(self.complete("status", "--p"), ["--prometheus"])
+        self.assertEqual(self.complete("monitor", "--p"), ["--payload", "--process"])
         self.assertEqual(
             self.complete("conformance", "--prove", "--list"), ["--list", "--list-faults"]
         )
@@ -103,18 +107,23 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.complete("conformance", "--fault", "=", "rec"), ["receive_no_uuid"])
         self.assertEqual(self.complete("conformance", "--case", "="), sorted(CASES))
 
+    def test_users(self):
+        self.assertIn("root", self.complete("monitor", "--user", "ro"))
+
     def test_files_and_folders(self):
         for option in ("--expect", "--write-expect", "--baseline", "--junit", "--json", "--socket"):
             self.assertEqual(self.complete("conformance", option, "kn"), ["known.txt"])
         for option in ("--library", "--html"):
             self.assertEqual(self.complete("conformance", option, ""), ["lib dir"])
-        self.assertEqual(self.complete("bench", "--socket", "kn"), ["known.txt"])
+        for command in ("bench", "monitor"):
+            self.assertEqual(self.complete(command, "--socket", "kn"), ["known.txt"])
 
     def test_numbers_are_not_guessed(self):
         for option in ("--timeout", "--call-timeout", "--time-scale", "--repeat", "--shuffle"):
             self.assertEqual(self.complete("conformance", option, ""), [])
         self.assertEqual(self.complete("bench", "--payload", ""), [])
         self.assertEqual(self.complete("status", "--watch", ""), [])
+        self.assertEqual(self.complete("monitor", "--count", ""), [])
 
     def test_nothing_of_the_modules_arguments(self):
         self.assertEqual(self.complete("conformance", "--", "--"), [])
@@ -127,6 +136,7 @@ class Options(unittest.TestCase):
         "conformance": ["kavri.bash", "_kavri", "kavri-conformance.1"],
         "bench": ["kavri.bash", "_kavri", "kavri.1"],
         "status": ["kavri.bash", "_kavri", "kavri-status.1"],
+        "monitor": ["kavri.bash", "_kavri", "kavri-monitor.1"],
     }
 
     @staticmethod

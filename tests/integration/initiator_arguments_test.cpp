@@ -130,6 +130,23 @@ BOOST_AUTO_TEST_CASE(membersThatAnOlderProgramDoesNotKnowAreNotRead) {
     BOOST_TEST(!called);
 }
 
+BOOST_AUTO_TEST_CASE(membersThatAnOlderProgramHasAreReadThoughLaterOnesAreMissing) {
+    kavri_core_ipc_options options = optionsFor(address);
+    options.connectionCallback = [](const kavri_core_ipc_connection_change*, void* called) {
+        static_cast<std::atomic<bool>*>(called)->store(true);
+    };
+    std::atomic<bool> called{false};
+    options.connectionContext = &called;
+    options.outcomeContext = &called;  // would be refused without its callback
+    options.sizeBytes = offsetof(kavri_core_ipc_options, outcomeCallback);
+    kavri_core_ipc_initiator* initiator = nullptr;
+    BOOST_TEST(kavri_core_ipc_initiator_init(nullptr, &options, &initiator) == good);
+    BOOST_TEST(eventually([&] { return called.load(); }));
+    BOOST_TEST(kavri_core_ipc_deinit(initiator) == good);
+    options.sizeBytes = sizeof options;
+    BOOST_TEST(initStatus(options) == KAVRI_CORE_STATUS_INVALID_ARGUMENT);
+}
+
 BOOST_AUTO_TEST_CASE(optionsOfALaterVersionAreAccepted) {
     struct LaterOptions {
         kavri_core_ipc_options known;

@@ -38,7 +38,9 @@ inline constexpr std::array allTypes = {FrameType::hello,
                                         FrameType::pong,
                                         FrameType::goodbye,
                                         FrameType::query,
-                                        FrameType::report};
+                                        FrameType::report,
+                                        FrameType::monitor,
+                                        FrameType::observed};
 
 // Those left out are absent.
 struct Fields {
@@ -81,6 +83,7 @@ inline Frame smallestFrame(FrameType type, std::uint64_t token) {
         case FrameType::registration:
             return makeFrame(type, token, {.category = "category"});
         case FrameType::goodbye:
+        case FrameType::observed:
             return makeFrame(type, token, {.payload = "payload"});
         case FrameType::report:
             return makeFrame(type, token, {.identifier = "identifier", .payload = "payload"});

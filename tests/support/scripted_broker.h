@@ -149,6 +149,7 @@ class ScriptedBroker {
     std::size_t userBytes(uid_t user) { return accounts_[user].memory.bytes(); }
 
     const broker::Clock::time_point now;
+    broker::Moment moment = broker::Moment::now();  // for the tap; goes on where a test says so
 
     const wire::Limits limits;
     const broker::Policy policy;
@@ -167,7 +168,8 @@ class ScriptedBroker {
              close(session, cause, reason);
          },
          [this](const Session& /*session*/, std::string_view what) { notes.emplace_back(what); },
-         [this](Session& manager, std::uint64_t token) { return reports.begin(manager, token); }}};
+         [this](Session& manager, std::uint64_t token) { return reports.begin(manager, token); },
+         [this] { return moment; }}};
     broker::Protocol protocol{limits, router, pool, "the-identity",
                               [this](Session& session, broker::CloseCause cause,
                                      std::string_view reason) { close(session, cause, reason); }};
@@ -241,6 +243,7 @@ class ScriptedBroker {
     void close(Session& session, broker::CloseCause cause, std::string_view reason) {
         if (!session.isClosing) {
             session.isClosing = true;
+            router.tap().closed(session, statusOf(cause), reason);
             closings_[session.id.index] =
                 "status " + std::to_string(statusOf(cause)) + ": " + std::string(reason);
         }

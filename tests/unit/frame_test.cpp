@@ -60,6 +60,15 @@ std::vector<Golden> goldens() {
         {"report_of_a_category",
          makeFrame(FrameType::report, 5,
                    {.category = "test", .identifier = "category", .payload = "subscribers=2\n"})},
+        {"monitor", makeFrame(FrameType::monitor, 5,
+                              {.category = "test", .payload = "process=4711\npayload_bytes=64\n"})},
+        {"observed",
+         makeFrame(FrameType::observed, 7,
+                   {"test", "echo", "u",
+                    "at=1795352711000042\ntype=request\nfrom=5/4711/1000\nto=6/4712/1000\n"
+                    "bytes=46\npayload_bytes=5\n\nhello"})},
+        {"observed_loss",
+         makeFrame(FrameType::observed, 0, {.payload = "at=1795352711000042\nlost=1234\n"})},
     };
 }
 
@@ -176,7 +185,7 @@ BOOST_AUTO_TEST_CASE(fieldsHoldEveryByteButNul) {
 }
 
 BOOST_AUTO_TEST_CASE(aTypeThatIsNoneIsRefused) {
-    for (const int type : {0, 18, 19, 128, 255}) {
+    for (const int type : {0, 20, 21, 128, 255}) {
         BOOST_TEST(whyNot(withByte(requestBytes(), 4, type)) == text(FrameError::unknownType));
         BOOST_TEST(typeName(static_cast<FrameType>(type)) == "unknown");
     }
@@ -208,7 +217,10 @@ BOOST_AUTO_TEST_CASE(aTypeHasItsFieldsAndNoOthers) {
                 const bool there = (present & (1U << i)) != 0;
                 const auto field = static_cast<Field>(i);
                 const bool optional = (type == FrameType::response && field == Field::payload) ||
-                                      (type == FrameType::report && field == Field::category);
+                                      (type == FrameType::report && field == Field::category) ||
+                                      (type == FrameType::monitor &&
+                                       (field == Field::category || field == Field::payload)) ||
+                                      (type == FrameType::observed && field != Field::payload);
                 frame.fields[i] = there ? std::string_view("x") : std::string_view();
                 missing = missing || (required[i] && !there);
                 unexpected = unexpected || (there && !required[i] && !optional);

@@ -31,19 +31,18 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
     : limits_(options.limits),
       policy_(std::move(options.policy)),
       facts_(std::move(options.facts)),
-      router_(limits_, policy_, pool_,
-              {[this](Session& session, CloseCause cause, std::string_view reason) {
-                   close(session, cause, reason);
-               },
-               [&log](const Session& session, std::string_view what) {
-                   if (log.admits(what)) {
-                       spdlog::warn("process {} of user {} {}", session.process, session.user,
-                                    what);
-                   }
-               },
-               [this](Session& manager, std::uint64_t token) {
-                   return reports_.begin(manager, token);
-               }}),
+      router_(
+          limits_, policy_, pool_,
+          {[this](Session& session, CloseCause cause, std::string_view reason) {
+               close(session, cause, reason);
+           },
+           [&log](const Session& session, std::string_view what) {
+               if (log.admits(what)) {
+                   spdlog::warn("process {} of user {} {}", session.process, session.user, what);
+               }
+           },
+           [this](Session& manager, std::uint64_t token) { return reports_.begin(manager, token); },
+           Moment::now}),
       reports_(router_, {limits_, facts_, counts_, [this] { return sessions_.size(); },
                          [this](std::uint64_t place) { return sessions_.firstFrom(place); },
                          [this](std::uint64_t least) { return sessions_.firstUserFrom(least); }}),
@@ -57,6 +56,7 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
                 [this](Session& session, CloseCause cause, std::string_view reason) {
                     close(session, cause, reason);
                 }}),
+      heartbeat_(std::move(options.heartbeat)),
       clock_(Clock::now()),
       now_(clock_.now()) {}
 
@@ -86,6 +86,9 @@ void Server::run(int signalDescriptor, std::function<void()> onSignal) {
             acceptor_.acceptSome(readiness_.events().size(), now_);
         }
         reports_.advance();
+        if (router_.tap().due()) {
+            router_.tap().writeDue(Clock::now());
+        }
         finishRound();
     }
     sayGoodbye();
@@ -101,8 +104,10 @@ void Server::waitForEvents() {
     } else if (!spin_.until([this] { return readiness_.poll(); })) {
         planned = sleep();
     }
-    clock_.advance(Clock::now(), planned);
+    const Clock::time_point woken = Clock::now();
+    clock_.advance(woken, planned);
     now_ = clock_.now();
+    heartbeat_.beatIfDue(woken);
 }
 
 // How long it was to sleep at most.
@@ -119,11 +124,15 @@ Clock::duration Server::sleep() {
     return until ? *until - begin : Clock::duration::max();
 }
 
-// The next deadline; and no later than the pause before a trim while the pool keeps memory.
+// The next deadline or heartbeat; and no later than the pause before a trim while the pool
+// keeps memory.
 std::optional<Clock::time_point> Server::sleepUntil(Clock::time_point now) const {
-    std::optional<Clock::time_point> until;
+    std::optional<Clock::time_point> until = heartbeat_.due();
     if (!pool_.isEmpty()) {
-        until = now + pauseBeforeTrim;
+        until = until ? std::min(*until, now + pauseBeforeTrim) : now + pauseBeforeTrim;
+    }
+    if (const auto written = router_.tap().due()) {
+        until = until ? std::min(*until, *written) : written;
     }
     if (const auto next = deadlines_.next()) {
         const Clock::time_point due = now + (*next - clock_.at(now));
@@ -321,6 +330,7 @@ void Server::close(Session& session, CloseCause cause, std::string_view reason) 
     }
     session.isClosing = true;
     ++counts_.closedBy(cause);
+    router_.tap().closed(session, statusOf(cause), reason);
     closing_.push_back(&session);
     if (reason.empty()) {
         return;  // the peer has closed the connection

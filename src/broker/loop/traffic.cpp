@@ -212,6 +212,9 @@ void Traffic::writeTo(Session& session) {
 
 void Traffic::wrote(Session& session, std::size_t count) {
     session.sendQueue.consume(count);
+    if (session.monitor != nullptr && session.sendQueue.empty()) {
+        router().tap().drained(session);
+    }
     if (session.congestion != nullptr) {
         session.congestion->writtenBytes += static_cast<std::int64_t>(count);
         release(session);
@@ -247,7 +250,9 @@ void Traffic::checkDrain(Session& session) {
     const std::size_t left = bytesInSocket(session);
     DrainMeter& meter = session.congestion->meter;
     meter.sample(now(), session.congestion->writtenBytes - static_cast<std::int64_t>(left), left);
-    if (!session.sendQueue.empty() && meter.lastTaken() + limits().progressTime <= now()) {
+    // What a monitor does not read is bounded, and nobody waits for it.
+    if (!session.sendQueue.empty() && session.monitor == nullptr &&
+        meter.lastTaken() + limits().progressTime <= now()) {
         surroundings_.close(session, CloseCause::notDraining,
                             "its send queue made no progress for too long");
         return;

@@ -190,6 +190,7 @@ void Protocol::handleHello(Session& session, const Frame& frame) {
     if (!takeRole(session, frame[Field::identifier])) {
         return;
     }
+    router_.tap().frame(&session, nullptr, frame);
     Frame welcome;
     welcome.type = FrameType::welcome;
     welcome.token = wire::protocolVersion;
@@ -229,8 +230,7 @@ std::optional<Blocked> Protocol::handleInitiator(Session& session, InputFrame& f
             router_.unsubscribe(session, frame.values);
             return std::nullopt;
         case FrameType::ping:
-            frame.values.type = FrameType::pong;
-            router_.send(session, frame.values);
+            answerPing(session, frame.values);
             return std::nullopt;
         default:
             closeMalformed(session, "an initiator does not send this type");
@@ -247,7 +247,7 @@ std::optional<Blocked> Protocol::handleResponder(Session& session, InputFrame& f
         case FrameType::publish:
             return router_.publish(session, frame);
         case FrameType::completion:
-            router_.completion(session, frame.values.token);
+            router_.completion(session, frame.values);
             return std::nullopt;
         case FrameType::registration:
         case FrameType::ping:
@@ -262,8 +262,7 @@ std::optional<Blocked> Protocol::handleResponder(Session& session, InputFrame& f
     if (frame.values.type == FrameType::registration) {
         router_.registerResponder(session, frame.values);
     } else {
-        frame.values.type = FrameType::pong;
-        router_.send(session, frame.values);
+        answerPing(session, frame.values);
     }
     return std::nullopt;
 }
@@ -272,16 +271,43 @@ std::optional<Blocked> Protocol::handleManager(Session& session, const Frame& fr
     if (router_.flowControl().isCongested(session)) {
         return Blocked{session};
     }
-    if (frame.type == FrameType::query) {
-        router_.query(session, frame.token);
-    } else if (frame.type == FrameType::ping) {
-        Frame pong = frame;
-        pong.type = FrameType::pong;
-        router_.send(session, pong);
-    } else {
-        closeMalformed(session, "a manager does not send this type");
+    switch (frame.type) {
+        case FrameType::query:
+            router_.tap().frame(&session, nullptr, frame);
+            router_.query(session, frame.token);
+            break;
+        case FrameType::monitor:
+            beginMonitor(session, frame);
+            break;
+        case FrameType::ping:
+            answerPing(session, frame);
+            break;
+        default:
+            closeMalformed(session, "a manager does not send this type");
     }
     return std::nullopt;
+}
+
+void Protocol::beginMonitor(Session& session, const Frame& frame) {
+    router_.tap().frame(&session, nullptr, frame);
+    std::optional<Monitor> monitor = Monitor::asked(frame);
+    if (!monitor) {
+        closeMalformed(session, "an option of a monitor is none");
+    } else if (session.monitor != nullptr) {
+        closeMalformed(session, "it is a monitor already");
+    } else {
+        const bool hasBegun = router_.tap().begin(session, std::move(*monitor));
+        router_.acknowledge(
+            session, frame.token,
+            hasBegun ? KAVRI_CORE_STATUS_NO_ERROR : KAVRI_CORE_STATUS_IPC_OVERLOADED);
+    }
+}
+
+void Protocol::answerPing(Session& session, const Frame& frame) {
+    router_.tap().frame(&session, nullptr, frame);
+    Frame pong = frame;
+    pong.type = FrameType::pong;
+    router_.send(session, pong);
 }
 
 void Protocol::closeMalformed(Session& session, std::string_view what) {

@@ -50,6 +50,8 @@ class Protocol {
     std::optional<Blocked> handleDecoded(Session& session, InputFrame& frame);
     std::optional<Blocked> handleInitiator(Session& session, InputFrame& frame);
     std::optional<Blocked> handleResponder(Session& session, InputFrame& frame);
+    void beginMonitor(Session& session, const wire::Frame& frame);
+    void answerPing(Session& session, const wire::Frame& frame);
     std::optional<Blocked> handleManager(Session& session, const wire::Frame& frame);
     void handleHello(Session& session, const wire::Frame& frame);
     bool takeRole(Session& session, std::string_view name);

@@ -6,10 +6,10 @@
 namespace kavri::broker {
 
 std::uint64_t RequestTable::open(Session& responder, Session& initiator,
-                                 std::uint64_t initiatorToken) {
+                                 std::uint64_t initiatorToken, Clock::time_point sentAt) {
     const std::uint32_t index = takeSlot();
     Slot& opened = slot(index);
-    opened.request = {&initiator, initiatorToken};
+    opened.request = {&initiator, initiatorToken, sentAt};
     opened.responder = &responder;
     initiator.charge.grow(bytesEach);
     opened.generation = ++lastGeneration_;

@@ -21,6 +21,7 @@ namespace kavri::broker {
 struct PendingRequest {
     Session* initiator = nullptr;
     std::uint64_t initiatorToken = 0;
+    Clock::time_point sentAt{};  // where somebody monitors
 };
 
 class RequestTable {
@@ -41,7 +42,8 @@ class RequestTable {
     static constexpr std::size_t bytesEach = sizeof(Slot);
 
     // The token under which `responder` gets the request.
-    std::uint64_t open(Session& responder, Session& initiator, std::uint64_t initiatorToken);
+    std::uint64_t open(Session& responder, Session& initiator, std::uint64_t initiatorToken,
+                       Clock::time_point sentAt = {});
 
     // The request that `responder` has in flight under the token, or null.
     const PendingRequest* find(const Session& responder, std::uint64_t token) const;

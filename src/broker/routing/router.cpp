@@ -63,6 +63,8 @@ Router::Router(const wire::Limits& limits, const Policy& policy, BufferPool& poo
       policy_(policy),
       pool_(pool),
       surroundings_(std::move(surroundings)),
+      tap_(limits, {[this](Session& to, const Frame& frame) { enqueue(to, frame); },
+                    [this](Session& to) { toWrite_.add(to, Receivers::one); }, surroundings_.now}),
       flow_(limits),
       categories_(policy) {}
 
@@ -71,11 +73,11 @@ std::optional<Blocked> Router::request(Session& from, InputFrame& frame) {
     Category* category = categories_.find(name);
     const CategoryPolicy& rights = category != nullptr ? *category->policy : policy_.at(name);
     if (!rights.send.contains(from.user)) {
-        refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_REFUSED);
+        refuse(from, frame.values, KAVRI_CORE_STATUS_IPC_REFUSED);
         return std::nullopt;
     }
     if (category == nullptr || !category->isServed()) {
-        refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_NO_RESPONDER);
+        refuse(from, frame.values, KAVRI_CORE_STATUS_IPC_NO_RESPONDER);
         return std::nullopt;
     }
     if (category->local != nullptr) {
@@ -85,19 +87,21 @@ std::optional<Blocked> Router::request(Session& from, InputFrame& frame) {
     if (from.asInitiator.pendingRequests >= limits_.openRequestsPerInitiator ||
         responder.asResponder.requestsInFlight >= limits_.openRequestsPerResponder ||
         !flow_.hasShareLeft(from, RequestTable::bytesEach)) {
-        refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
+        refuse(from, frame.values, KAVRI_CORE_STATUS_IPC_OVERLOADED);
         return std::nullopt;
     }
     switch (flow_.request(from, responder, frame.length)) {
         case FlowControl::Verdict::wait:
             return Blocked{responder};
         case FlowControl::Verdict::refuse:
-            refuse(from, frame.values.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
+            refuse(from, frame.values, KAVRI_CORE_STATUS_IPC_OVERLOADED);
             return std::nullopt;
         case FlowControl::Verdict::deliver:
             break;
     }
-    wire::replaceToken(frame.bytes, requests_.open(responder, from, frame.values.token));
+    tap_.frame(&from, &responder, frame.values);
+    wire::replaceToken(frame.bytes,
+                       requests_.open(responder, from, frame.values.token, tap_.sendingTime()));
     ++counts_.requests;
     deliver(responder, frame, Receivers::one);
     return std::nullopt;
@@ -121,36 +125,42 @@ std::optional<Blocked> Router::response(Session& from, InputFrame& frame) {
     const std::uint64_t token = frame.values.token;
     const PendingRequest* known = requests_.find(from, token);
     if (known == nullptr) {
-        dropAnswer(from, "answered a request that is not pending; the answer is dropped");
+        dropAnswer(from, frame.values,
+                   "answered a request that is not pending; the answer is dropped");
         return std::nullopt;
     }
     Session& initiator = *known->initiator;
     if (flow_.mustWait(from, initiator)) {
         return Blocked{initiator};
     }
-    wire::replaceToken(frame.bytes, known->initiatorToken);
+    frame.values.token = known->initiatorToken;
+    tap_.frame(&from, &initiator, frame.values, {.sentAt = known->sentAt});
+    wire::replaceToken(frame.bytes, frame.values.token);
     requests_.close(token);
     ++counts_.responses;
     deliver(initiator, frame, Receivers::one);
     return std::nullopt;
 }
 
-void Router::completion(Session& from, std::uint64_t token) {
-    const PendingRequest* known = requests_.find(from, token);
+void Router::completion(Session& from, const Frame& frame) {
+    const PendingRequest* known = requests_.find(from, frame.token);
     if (known == nullptr) {
-        dropAnswer(from, "completed a request that is not pending");
+        dropAnswer(from, frame, "completed a request that is not pending");
         return;
     }
     const PendingRequest ended = *known;
-    requests_.close(token);
+    requests_.close(frame.token);
     ++counts_.completions;
-    send(*ended.initiator,
-         outcomeFrame(FrameType::completion, ended.initiatorToken, KAVRI_CORE_STATUS_NO_ERROR));
+    const Frame completion =
+        outcomeFrame(FrameType::completion, ended.initiatorToken, KAVRI_CORE_STATUS_NO_ERROR);
+    tap_.frame(&from, ended.initiator, completion, {.sentAt = ended.sentAt});
+    send(*ended.initiator, completion);
 }
 
 // The response to a request whose initiator has left is no mistake of the responder.
-void Router::dropAnswer(Session& responder, std::string_view mistake) {
+void Router::dropAnswer(Session& responder, const Frame& frame, std::string_view mistake) {
     ++counts_.droppedAnswers;
+    tap_.frame(&responder, nullptr, frame, {.isDropped = true});
     if (responder.asResponder.abandonedRequests == 0) {
         surroundings_.note(responder, mistake);
     } else {
@@ -162,6 +172,7 @@ std::optional<Blocked> Router::publish(Session& from, InputFrame& frame) {
     const Category* served = from.asResponder.served;
     if (served == nullptr || served->name != frame.values[Field::category]) {
         ++counts_.droppedEvents;
+        tap_.frame(&from, nullptr, frame.values, {.isDropped = true});
         surroundings_.note(from, "published an event of a category that it does not serve");
         return std::nullopt;
     }
@@ -176,7 +187,7 @@ std::optional<Blocked> Router::publish(Session& from, InputFrame& frame) {
             std::memcpy(frame.block->bytes(), frame.bytes, frame.length);
         }
     }
-    deliverToSubscribers(*served, frame);
+    deliverToSubscribers(&from, *served, frame);
     return std::nullopt;
 }
 
@@ -203,7 +214,7 @@ void Router::gatherEvents(const Category& category, InputFrame& first) const {
 void Router::subscribe(Session& from, const Frame& frame) {
     const std::string_view name = frame[Field::category];
     if (!policy_.at(name).subscribe.contains(from.user)) {
-        acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_REFUSED);
+        answer(from, frame, KAVRI_CORE_STATUS_IPC_REFUSED);
         return;
     }
     Category* known = categories_.find(name);
@@ -211,12 +222,12 @@ void Router::subscribe(Session& from, const Frame& frame) {
     if (!already) {
         if (from.asInitiator.subscriptions.size() >= limits_.subscriptionsPerInitiator ||
             !flow_.hasShareLeft(from, chargedFor(name))) {
-            acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
+            answer(from, frame, KAVRI_CORE_STATUS_IPC_OVERLOADED);
             return;
         }
         addSubscription(from, name);
     }
-    acknowledge(from, frame.token, KAVRI_CORE_STATUS_NO_ERROR);
+    answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
 // Strong guarantee: an allocation that fails changes nothing.
@@ -245,40 +256,45 @@ void Router::unsubscribe(Session& from, const Frame& frame) {
         std::erase(category->subscribers, &from);
         categories_.removeIfUnused(*category);
     }
-    acknowledge(from, frame.token, KAVRI_CORE_STATUS_NO_ERROR);
+    answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
 void Router::registerResponder(Session& from, const Frame& frame) {
     const std::string_view name = frame[Field::category];
     if (!policy_.at(name).serve.contains(from.user)) {
-        acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_REFUSED);
+        answer(from, frame, KAVRI_CORE_STATUS_IPC_REFUSED);
         return;
     }
     const Category* known = categories_.find(name);
     if (from.asResponder.served != nullptr || (known != nullptr && known->isServed())) {
-        acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN);
+        answer(from, frame, KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN);
         return;
     }
     if (!flow_.hasShareLeft(from, chargedFor(name))) {
-        acknowledge(from, frame.token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
+        answer(from, frame, KAVRI_CORE_STATUS_IPC_OVERLOADED);
         return;
     }
     from.asResponder.served = &categories_.at(name);
     from.asResponder.served->responder = &from;
     from.asResponder.served->responderCharge = Charge(from.account.memory, chargedFor(name));
-    acknowledge(from, frame.token, KAVRI_CORE_STATUS_NO_ERROR);
+    answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
 void Router::forget(Session& session) {
+    tap_.forget(session);
     for (const Subscription& subscription : std::exchange(session.asInitiator.subscriptions, {})) {
         std::erase(subscription.category->subscribers, &session);
         categories_.removeIfUnused(*subscription.category);
     }
     requests_.abandonAll(session);
     while (const auto lost = requests_.closeAny(session)) {
+        constexpr kavri_core_status status = KAVRI_CORE_STATUS_IPC_RESPONDER_LOST;
         ++counts_.responderLost;
-        send(*lost->initiator, outcomeFrame(FrameType::notice, lost->initiatorToken,
-                                            KAVRI_CORE_STATUS_IPC_RESPONDER_LOST));
+        const Frame notice = outcomeFrame(FrameType::notice, lost->initiatorToken, status);
+        tap_.frame(
+            nullptr, lost->initiator, notice,
+            {.status = status, .sentAt = lost->sentAt, .category = session.asResponder.served});
+        send(*lost->initiator, notice);
     }
     if (Category* served = std::exchange(session.asResponder.served, nullptr)) {
         served->responder = nullptr;
@@ -292,9 +308,13 @@ void Router::forget(Session& session) {
 }
 
 void Router::send(Session& to, const Frame& frame) {
+    enqueue(to, frame);
+    toWrite_.add(to, Receivers::one);
+}
+
+void Router::enqueue(Session& to, const Frame& frame) {
     try {
         to.sendQueue.append(frame);
-        toWrite_.add(to, Receivers::one);
     } catch (const std::bad_alloc&) {
         closeOutOfMemory(to);
     }
@@ -308,6 +328,7 @@ std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
                                          .identifier = request[Field::identifier],
                                          .uuid = request[Field::uuid],
                                          .payload = request[Field::payload]};
+    const Clock::time_point sentAt = tap_.sendingTime();
     const LocalService::Reaction reaction = category.local->handle(asked);
     if (reaction.event) {
         if (const auto blocked = blockedOnSubscriber(from, category)) {
@@ -315,6 +336,7 @@ std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
         }
     }
     category.local->decided(asked, reaction);
+    tap_.frame(&from, nullptr, request);
     ++counts_.requests;
     if (reaction.event) {
         Frame event;
@@ -322,18 +344,17 @@ std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
         event[Field::category] = category.name;
         event[Field::identifier] = reaction.event->identifier;
         event[Field::payload] = reaction.event->payload;
-        deliverToSubscribers(category, asInput(event, pool_));
+        deliverToSubscribers(nullptr, category, asInput(event, pool_));
     }
+    Frame answer = outcomeFrame(FrameType::completion, request.token, KAVRI_CORE_STATUS_NO_ERROR);
     if (reaction.answer) {
-        Frame response = request;
-        response.type = FrameType::response;
-        response[Field::payload] = *reaction.answer;
-        ++counts_.responses;
-        send(from, response);
-    } else {
-        ++counts_.completions;
-        send(from, outcomeFrame(FrameType::completion, request.token, KAVRI_CORE_STATUS_NO_ERROR));
+        answer = request;
+        answer.type = FrameType::response;
+        answer[Field::payload] = *reaction.answer;
     }
+    ++(reaction.answer ? counts_.responses : counts_.completions);
+    tap_.frame(nullptr, &from, answer, {.sentAt = sentAt, .category = &category});
+    send(from, answer);
     return std::nullopt;
 }
 
@@ -348,7 +369,9 @@ std::optional<Blocked> Router::blockedOnSubscriber(const Session& from,
     return Blocked{**slow};
 }
 
-void Router::deliverToSubscribers(const Category& category, const InputFrame& event) {
+void Router::deliverToSubscribers(const Session* from, const Category& category,
+                                  const InputFrame& event) {
+    tap_.events(from, category, {event.bytes, event.length});
     counts_.publishedEvents += event.frames;
     counts_.deliveredEvents += event.frames * category.subscribers.size();
     const Receivers receivers = category.subscribers.size() > 1 ? Receivers::many : Receivers::one;
@@ -384,17 +407,23 @@ void Router::closeOutOfMemory(Session& session) {
                         "the broker has no memory for what is sent to it");
 }
 
-void Router::refuse(Session& from, std::uint64_t token, kavri_core_status status) {
+void Router::refuse(Session& from, const Frame& request, kavri_core_status status) {
+    tap_.frame(&from, nullptr, request, {.status = status});
     ++(status == KAVRI_CORE_STATUS_IPC_REFUSED        ? counts_.refused
        : status == KAVRI_CORE_STATUS_IPC_NO_RESPONDER ? counts_.noResponder
                                                       : counts_.overloaded);
-    send(from, outcomeFrame(FrameType::notice, token, status));
+    send(from, outcomeFrame(FrameType::notice, request.token, status));
 }
 
 void Router::query(Session& from, std::uint64_t token) {
     if (!surroundings_.report(from, token)) {
         acknowledge(from, token, KAVRI_CORE_STATUS_IPC_OVERLOADED);
     }
+}
+
+void Router::answer(Session& from, const Frame& asked, kavri_core_status status) {
+    tap_.frame(&from, nullptr, asked, {.status = status});
+    acknowledge(from, asked.token, status);
 }
 
 void Router::acknowledge(Session& to, std::uint64_t token, kavri_core_status status) {

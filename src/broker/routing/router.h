@@ -21,6 +21,7 @@
 #include "broker/routing/policy.h"
 #include "broker/routing/request_table.h"
 #include "broker/routing/session.h"
+#include "broker/routing/tap.h"
 #include "broker/routing/write_lists.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
@@ -50,11 +51,14 @@ class Router {
         std::function<void(const Session&, std::string_view what)> note;
         // Begins to report to a manager; false while it is still being reported to.
         std::function<bool(Session&, std::uint64_t token)> report;
+        std::function<Moment()> now;
     };
 
     Router(const wire::Limits& limits, const Policy& policy, BufferPool& pool,
            Surroundings surroundings);
 
+    Tap& tap() { return tap_; }
+    const Tap& tap() const { return tap_; }
     FlowControl& flowControl() { return flow_; }
     const FlowControl& flowControl() const { return flow_; }
     const Policy& policy() const { return policy_; }
@@ -70,7 +74,7 @@ class Router {
     [[nodiscard]] std::optional<Blocked> request(Session& from, InputFrame& frame);
     [[nodiscard]] std::optional<Blocked> response(Session& from, InputFrame& frame);
     [[nodiscard]] std::optional<Blocked> publish(Session& from, InputFrame& frame);
-    void completion(Session& from, std::uint64_t token);
+    void completion(Session& from, const wire::Frame& frame);
     void subscribe(Session& from, const wire::Frame& frame);
     void unsubscribe(Session& from, const wire::Frame& frame);
     void registerResponder(Session& from, const wire::Frame& frame);
@@ -104,17 +108,21 @@ class Router {
                                          const wire::Frame& request);
     std::optional<Blocked> blockedOnSubscriber(const Session& from, const Category& category) const;
     void gatherEvents(const Category& category, InputFrame& first) const;
-    void deliverToSubscribers(const Category& category, const InputFrame& event);
+    void deliverToSubscribers(const Session* from, const Category& category,
+                              const InputFrame& event);
     void deliver(Session& to, const InputFrame& frame, Receivers receivers);
-    void refuse(Session& from, std::uint64_t token, kavri_core_status status);
+    void refuse(Session& from, const wire::Frame& request, kavri_core_status status);
+    void answer(Session& from, const wire::Frame& asked, kavri_core_status status);
+    void enqueue(Session& to, const wire::Frame& frame);
 
-    void dropAnswer(Session& responder, std::string_view mistake);
+    void dropAnswer(Session& responder, const wire::Frame& frame, std::string_view mistake);
     void closeOutOfMemory(Session& session);
 
     const wire::Limits& limits_;
     const Policy& policy_;
     BufferPool& pool_;
     Surroundings surroundings_;
+    Tap tap_;
     FlowControl flow_;
     CategoryTable categories_;
     RequestTable requests_;

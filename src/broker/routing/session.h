@@ -18,6 +18,7 @@
 #include "broker/memory/buffer.h"
 #include "broker/memory/send_queue.h"
 #include "broker/routing/congestion.h"
+#include "broker/routing/monitor.h"
 #include "broker/routing/policy.h"
 #include "broker/routing/session_input.h"
 
@@ -103,6 +104,8 @@ struct Session {
     // A blocked session is not read from until it is resumed.
     WaitingPlace waiting;
     bool isBlocked() const { return waiting.on != nullptr; }
+
+    std::unique_ptr<Monitor> monitor;  // of one that monitors
 
     Charge charge;  // for the session itself and its pending requests
     InitiatorSide asInitiator;

@@ -76,6 +76,7 @@ class Endpoint : public std::enable_shared_from_this<Endpoint>,
     virtual void deliver(Lock& lock) = 0;
 
     Lock acquire() { return monitor_.acquire(); }
+    const Settings& settings() const { return settings_; }
     std::chrono::milliseconds sendTimeout() const { return settings_.sendTimeout; }
     Log& log() { return *settings_.log; }
     Dispatcher& dispatcher() { return dispatcher_; }

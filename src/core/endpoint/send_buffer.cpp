@@ -39,7 +39,7 @@ SendBuffer::Accepted SendBuffer::accept(std::span<Frame> frames, PendingRequests
             ++accepted.count;
         }
         if (pending != nullptr) {
-            pending->add(accepted.count);
+            pending->add(frames.first(accepted.count));
         }
     } catch (...) {
         truncate(earlierBytes);

@@ -12,8 +12,23 @@ namespace kavri::core {
 
 namespace {
 
-// The options of a program built before there was a connection callback.
+// The options of a program built before there was a connection callback, and before there was
+// an outcome callback.
 constexpr std::size_t smallestOptionsBytes = offsetof(kavri_core_ipc_options, connectionCallback);
+constexpr std::size_t smallerOptionsBytes = offsetof(kavri_core_ipc_options, outcomeCallback);
+
+// How many of these bytes are whole members that this version knows.
+std::size_t knownBytes(std::size_t sizeBytes) {
+    return sizeBytes >= sizeof(kavri_core_ipc_options) ? sizeof(kavri_core_ipc_options)
+           : sizeBytes >= smallerOptionsBytes          ? smallerOptionsBytes
+                                                       : smallestOptionsBytes;
+}
+
+// A context belongs to a callback.
+template <typename Callback>
+bool isStrayContext(Callback callback, const void* context) {
+    return callback == nullptr && context != nullptr;
+}
 
 }  // namespace
 
@@ -28,9 +43,9 @@ kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* opt
         if (chosen->sizeBytes < smallestOptionsBytes) {
             return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
         }
-        const bool isComplete = chosen->sizeBytes >= sizeof given;
-        std::memcpy(&given, chosen, isComplete ? sizeof given : smallestOptionsBytes);
-        if (given.connectionCallback == nullptr && given.connectionContext != nullptr) {
+        std::memcpy(&given, chosen, knownBytes(chosen->sizeBytes));
+        if (isStrayContext(given.connectionCallback, given.connectionContext) ||
+            isStrayContext(given.outcomeCallback, given.outcomeContext)) {
             return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
         }
     }
@@ -53,6 +68,8 @@ kavri_core_status readSettings(kavri_core_logging_cookie cookie, const void* opt
     settings.gatherWrites = given.gatherWrites != 0;
     settings.connectionCallback = given.connectionCallback;
     settings.connectionContext = given.connectionContext;
+    settings.outcomeCallback = given.outcomeCallback;
+    settings.outcomeContext = given.outcomeContext;
     return KAVRI_CORE_STATUS_NO_ERROR;
 }
 

@@ -20,6 +20,8 @@ struct Settings {
     bool gatherWrites = false;  // of what a callback sends
     kavri_core_ipc_connection_callback connectionCallback = nullptr;
     void* connectionContext = nullptr;
+    kavri_core_ipc_outcome_callback outcomeCallback = nullptr;  // of an initiator
+    void* outcomeContext = nullptr;
     std::shared_ptr<Log> log;
 };
 

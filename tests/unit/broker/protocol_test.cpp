@@ -117,7 +117,7 @@ BOOST_FIXTURE_TEST_CASE(eachRoleSaysWhatIsItsAndNothingElse, ScriptedBroker) {
     const std::set<FrameType> responders = {FrameType::response, FrameType::completion,
                                             FrameType::publish, FrameType::registration,
                                             FrameType::ping};
-    const std::set<FrameType> managers = {FrameType::query, FrameType::ping};
+    const std::set<FrameType> managers = {FrameType::query, FrameType::monitor, FrameType::ping};
     for (const FrameType type : allTypes) {
         BOOST_TEST_CONTEXT(kavri::wire::typeName(type)) {
             if (type == FrameType::goodbye) {

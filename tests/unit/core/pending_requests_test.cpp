@@ -18,10 +18,29 @@ constexpr auto lost = KAVRI_CORE_STATUS_IPC_RESPONDER_LOST;
 constexpr auto connectionLost = KAVRI_CORE_STATUS_IPC_CONNECTION_LOST;
 
 struct Requests : PendingRequests {
+    using PendingRequests::add;
+    void add(std::size_t count) { add(std::vector<kavri::wire::Frame>(count)); }
     std::uint64_t send() {
         const std::uint64_t token = nextToken();
-        add();
+        add(1);
         return token;
+    }
+};
+
+// That keep the uuid of each.
+struct RequestsWithUuids : PendingRequests {
+    RequestsWithUuids() { keepUuids(); }
+    std::uint64_t send(std::string_view uuid) {
+        kavri::wire::Frame frame;
+        frame[kavri::wire::Field::uuid] = uuid;
+        const std::uint64_t token = nextToken();
+        add({&frame, 1});
+        return token;
+    }
+    // "uuid status" of the oldest outcome.
+    std::string take() {
+        const Outcome outcome = takeOutcome();
+        return outcome.uuid + " " + std::to_string(outcome.status);
     }
 };
 
@@ -188,6 +207,48 @@ BOOST_AUTO_TEST_CASE(failingAllFailsPendingRequestsAndNoOthers) {
     BOOST_TEST(requests.nextToken() == 5U);
 }
 
+BOOST_AUTO_TEST_CASE(anOutcomeIsTakenWhateverElseIsPending) {
+    RequestsWithUuids requests;
+    requests.send("first");
+    const auto failed = requests.send("failed");
+    requests.send("last");
+    BOOST_TEST(!requests.hasOutcome());
+    requests.fail(failed, noResponder);
+    BOOST_TEST(requests.take() == "failed 10");
+    BOOST_TEST(!requests.hasOutcome());
+    requests.failAll(connectionLost);
+    BOOST_TEST(requests.take() == "first 12");
+    BOOST_TEST(requests.take() == "last 12");
+    BOOST_TEST(!requests.hasOutcome());
+}
+
+BOOST_AUTO_TEST_CASE(aRequestThatGetsNoAnswerIsAnOutcomeWhereUuidsAreKept) {
+    RequestsWithUuids requests;
+    const auto ended = requests.send("ended");
+    BOOST_TEST(requests.close(requests.send("answered")));
+    requests.complete(ended);
+    requests.complete(ended);
+    BOOST_TEST(requests.take() == "ended 0");
+    BOOST_TEST(!requests.hasOutcome());
+
+    Requests others;
+    others.complete(others.send());
+    BOOST_TEST(!others.hasFailure());
+    BOOST_TEST(others.nextToken() == 2U);
+}
+
+BOOST_AUTO_TEST_CASE(aRequestThatWasTakenBackHasNoOutcome) {
+    RequestsWithUuids requests;
+    const auto kept = requests.send("kept");
+    requests.send("taken back");
+    requests.failAll(connectionLost);
+    requests.takeBack(1);
+    BOOST_TEST(requests.take() == "kept 12");
+    BOOST_TEST(!requests.hasOutcome());
+    BOOST_TEST(!requests.close(kept));
+    BOOST_TEST(requests.close(requests.send("later")));
+}
+
 BOOST_AUTO_TEST_CASE(requestsCloseInAnyOrder) {
     std::vector<std::uint64_t> order = {1, 2, 3, 4, 5};
     do {
@@ -254,7 +315,7 @@ BOOST_AUTO_TEST_CASE(itAgreesWithTheNaiveOneInRandomConversations) {
     std::mt19937 random(20240501);  // NOLINT(cert-msc51-cpp): the same every time
     constexpr std::array statuses = {noResponder, lost, KAVRI_CORE_STATUS_IPC_REFUSED};
     for (int round = 0; round < 200; ++round) {
-        PendingRequests requests;
+        Requests requests;
         NaiveRequests naive;
         for (int step = 0; step < 200; ++step) {
             const std::uint64_t next = naive.nextToken();
@@ -297,7 +358,7 @@ BOOST_AUTO_TEST_CASE(itAgreesWithTheNaiveOneInRandomConversations) {
                     naive.add();
                     break;
                 default:
-                    requests.add();
+                    requests.add(1);
                     naive.add();
                     break;
             }
