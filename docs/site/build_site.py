@@ -74,7 +74,7 @@ class Site:
         if source.startswith("docs/man/"):
             return self.manual_page(path)
         if path.is_dir():
-            is_shown = source.startswith("examples/") and any(path.iterdir())
+            is_shown = source.startswith(("examples/", "include/kavri/")) and any(path.iterdir())
             return self.code_page(source, sorted(path.iterdir())) if is_shown else None
         if path.suffix == ".svg":
             place = f"images/{path.name}"
