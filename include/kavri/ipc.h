@@ -31,6 +31,15 @@
  * from within a callback. What has arrived is delivered at once: a response may
  * reach the callback before the send of its request has returned.
  *
+ * Threads. Several threads may receive from one responder, or initiator, at the same
+ * time: each message is received by one of them, and no wake-up is lost. Requests are
+ * answered from any thread and in any order; responses leave in the order of the answers.
+ * So a service uses as many cores as it has threads that receive, work and answer. A
+ * callback alone works on one request after the other; it may pass them to threads of the
+ * program, which answer. A loss of the connection ends each receive under way once. The
+ * installation of a callback ends them all, with IPC_FAILED: after that, threads that
+ * received can be joined and the object ended.
+ *
  * Processes. An initiator or responder belongs to the process that made it. In a
  * child that was forked, every function of it returns IPC_OTHER_PROCESS at once
  * and changes nothing for the parent; ending it there releases the child's copy
@@ -365,7 +374,8 @@ kavri_core_status kavri_core_ipc_responder_deinit(kavri_core_ipc_responder* resp
 
 /*
  * Takes the next request and stores its name and its strings. Without NO_ERROR
- * the variables are left alone.
+ * the variables are left alone. By several threads at the same time, each gets
+ * requests of its own.
  *
  * NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a request callback is installed);
  * IPC_NO_MESSAGE; IPC_CONNECTION_LOST (the connection broke during this call;

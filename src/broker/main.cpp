@@ -3,14 +3,12 @@
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -23,6 +21,7 @@
 #include "broker/log/log.h"
 #include "broker/loop/listener.h"
 #include "broker/loop/server.h"
+#include "broker/service_manager.h"
 #include "wire/address.h"
 
 namespace {
@@ -46,7 +45,8 @@ struct Arguments {
 void describe(CLI::App& app, Arguments& arguments) {
     app.set_version_flag("--version", "kavri-broker " KAVRI_VERSION);
     app.add_option("--socket", arguments.socket,
-                   "Path of the socket to listen on. Otherwise: $KAVRI_BROKER, else "
+                   "Path of the socket to listen on, unless the service manager passes one. "
+                   "Otherwise: $KAVRI_BROKER, else "
                    "$XDG_RUNTIME_DIR/kavri/broker.sock where that folder exists, else "
                    "/run/kavri/broker.sock")
         ->type_name("PATH")
@@ -142,39 +142,32 @@ void reload(const Arguments& arguments, broker::Listener& listener, broker::Serv
     }
 }
 
-// The service manager orders notifications by the monotonic clock.
-void notifyReloading() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    const auto nowUs = std::chrono::duration_cast<std::chrono::microseconds>(now);
-    sd_notifyf(0, "RELOADING=1\nMONOTONIC_USEC=%lld", static_cast<long long>(nowUs.count()));
-}
-
 void handleSignals(int signals, const Arguments& arguments, broker::Listener& listener,
                    broker::Server& server) {
     signalfd_siginfo info{};
     while (read(signals, &info, sizeof info) == sizeof info) {
         if (info.ssi_signo == SIGHUP) {
-            notifyReloading();
+            broker::notifyReloading();
             reload(arguments, listener, server);
-            sd_notify(0, "READY=1");
+            broker::notifyReady();
         } else {
             server.stop();
         }
     }
 }
 
-// Says so, at its end, however it comes to it.
-struct StoppingNotice {
-    StoppingNotice() = default;
-    StoppingNotice(const StoppingNotice&) = delete;
-    StoppingNotice& operator=(const StoppingNotice&) = delete;
-    ~StoppingNotice() { sd_notify(0, "STOPPING=1"); }
-};
+// On the socket that the service manager passed, else on one that is made here.
+broker::Listener listenerFor(const Arguments& arguments, const broker::Policy& policy) {
+    if (base::Descriptor passed = broker::passedSocket(); passed.isOpen()) {
+        return broker::Listener(std::move(passed));
+    }
+    return {wire::brokerAddress(arguments.socket), isOpenToOthers(policy)};
+}
 
 void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     broker::Config config = configOf(arguments);
     raiseDescriptorLimit(config.limits.connections);
-    broker::Listener listener(wire::brokerAddress(arguments.socket), isOpenToOthers(config.policy));
+    broker::Listener listener = listenerFor(arguments, config.policy);
     broker::HostedTestService service([](std::string_view identifier) {
         spdlog::warn("unknown test command \"{}\": answered with an empty payload",
                      identifier.substr(0, longestLoggedName));
@@ -185,15 +178,16 @@ void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     broker::Server server({config.limits,
                            std::move(config.policy),
                            newIdentity(),
-                           {.version = KAVRI_VERSION, .process = ::getpid(), .user = ::geteuid()}},
+                           {.version = KAVRI_VERSION, .process = ::getpid(), .user = ::geteuid()},
+                           broker::watchdogHeartbeat()},
                           listener, log);
     if (arguments.testService) {
         server.embed(test_service::category, service);
     }
     spdlog::info("ready on {}{}", listener.path(),
                  arguments.testService ? ", serving category \"test\"" : "");
-    sd_notify(0, "READY=1");
-    const StoppingNotice stopping;
+    broker::notifyReady();
+    const broker::StoppingNotice stopping;
     server.run(signals, [&] { handleSignals(signals, arguments, listener, server); });
     spdlog::info("stopped");
 }

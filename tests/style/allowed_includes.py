@@ -70,7 +70,7 @@ WITHOUT_INPUT_OUTPUT = {
 MODULE = "tests/test_ipc_initiator.cpp"
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.MULTILINE)
-SOURCE_SUFFIXES = {".c", ".cpp", ".h"}
+SOURCE_SUFFIXES = {".c", ".cpp", ".h", ".hpp"}
 
 
 def includes(path):

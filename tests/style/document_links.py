@@ -12,7 +12,7 @@ import pathlib
 import re
 import sys
 
-DOCUMENTS = ("*.md", "docs/**/*.md")
+DOCUMENTS = ("*.md", "docs/**/*.md", "examples/**/*.md")
 
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
 ELSEWHERE = re.compile(r"^[a-z]+:")

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <system_error>
 
@@ -27,15 +28,21 @@ class NotifySocket {
         }
     }
 
-    // The next notification; empty when none comes.
-    std::string next() const {
+    // The next notification; empty when none comes within that time.
+    std::string next(std::chrono::milliseconds limit = patience) const {
         pollfd waited{descriptor_.get(), POLLIN, 0};
-        if (::poll(&waited, 1, patienceMs) != 1) {
+        if (::poll(&waited, 1, static_cast<int>(limit.count())) != 1) {
             return {};
         }
         std::array<char, 4096> text;
         const ssize_t count = ::recv(descriptor_.get(), text.data(), text.size(), 0);
         return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+    }
+
+    // Drops those that have arrived.
+    void discard() const {
+        while (!next(std::chrono::milliseconds(0)).empty()) {
+        }
     }
 
   private:

@@ -6,6 +6,7 @@
 #include <kavri/ipc.h>
 
 #include <boost/test/unit_test.hpp>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -96,6 +97,22 @@ BOOST_AUTO_TEST_CASE(theLibrariesGiveWhatTheHeadersDeclareAndNothingElse) {
         BOOST_TEST(exported.insert(name).second, name << " is in both libraries");
     }
     BOOST_TEST(exported == declared, boost::test_tools::per_element());
+}
+
+BOOST_AUTO_TEST_CASE(theCppInterfaceReachesEveryFunction) {
+    std::string calls;
+    for (const auto& header :
+         std::filesystem::directory_iterator(KAVRI_SOURCE_DIR "/include/kavri/cpp")) {
+        std::istringstream lines(contentOf(header.path()));
+        for (std::string line; std::getline(lines, line);) {
+            calls += line.substr(0, line.find("//")) + "\n";
+        }
+    }
+    Names declared = functionsDeclaredIn("core.h");
+    declared.merge(functionsDeclaredIn("ipc.h"));
+    for (const std::string& name : declared) {
+        BOOST_TEST((calls.find(name + "(") != std::string::npos), name << " is not called");
+    }
 }
 
 BOOST_AUTO_TEST_CASE(theTextsComeFromTheInterfacesLibrary) {

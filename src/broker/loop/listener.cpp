@@ -5,9 +5,12 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -44,6 +47,26 @@ mode_t maskFor(bool openToOthers) {
     return openToOthers ? 0111 : 0177;
 }
 
+int socketOption(int socket, int option) {
+    int value = -1;
+    socklen_t length = sizeof value;
+    return ::getsockopt(socket, SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
+}
+
+// The path that a listening Unix stream socket has; empty where it is another one.
+std::string listeningPath(int socket) {
+    sockaddr_un address{};
+    socklen_t length = sizeof address;
+    if (socketOption(socket, SO_DOMAIN) != AF_UNIX ||
+        socketOption(socket, SO_TYPE) != SOCK_STREAM || socketOption(socket, SO_ACCEPTCONN) != 1 ||
+        ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        length <= offsetof(sockaddr_un, sun_path)) {
+        return {};
+    }
+    const std::size_t most = length - offsetof(sockaddr_un, sun_path);
+    return {address.sun_path, ::strnlen(address.sun_path, most)};
+}
+
 }  // namespace
 
 Listener::Listener(std::string path, bool openToOthers)
@@ -62,6 +85,16 @@ Listener::Listener(std::string path, bool openToOthers)
     }
     socketFile_ = fileAt(path_);
     watchFiles();
+}
+
+// Whoever made it may have made it to block.
+Listener::Listener(base::Descriptor passed)
+    : path_(listeningPath(passed.get())), socket_(std::move(passed)) {
+    if (path_.empty()) {
+        throw CannotListen(
+            "the descriptor that was passed is no listening Unix stream socket with a path");
+    }
+    ::fcntl(socket_.get(), F_SETFL, ::fcntl(socket_.get(), F_GETFL) | O_NONBLOCK);
 }
 
 Listener::~Listener() {
@@ -98,12 +131,12 @@ bool Listener::ownsSocketFile() const {
 }
 
 bool Listener::ownsLockFile() const {
-    return fileAt(lockPath_) == fileBehind(lock_.get());
+    return lock_.isOpen() && fileAt(lockPath_) == fileBehind(lock_.get());
 }
 
 bool Listener::ownsItsFiles() {
     watch_.drain();
-    return ownsSocketFile() && ownsLockFile();
+    return !lock_.isOpen() || (ownsSocketFile() && ownsLockFile());
 }
 
 void Listener::restoreFiles() {

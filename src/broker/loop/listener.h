@@ -1,4 +1,5 @@
-// The broker's listening socket: made, kept against a second broker, removed.
+// The broker's listening socket: made, kept against a second broker, removed; or passed
+// by the service manager, to whom it and its file then belong.
 //
 // The broker that holds the lock on PATH.lock owns the socket file PATH. A socket file
 // whose lock is free is left over from a broker that was killed, and is replaced. The
@@ -35,6 +36,10 @@ class Listener {
     // openToOthers: whether users other than the broker's own may open the socket
     // file. Which of them may connect is the policy's decision.
     Listener(std::string path, bool openToOthers);
+    // A socket that listens already. Its file belongs to whoever made it: it is neither
+    // locked nor watched, changed or removed here. Throws CannotListen where it is not a
+    // listening Unix stream socket with a path.
+    explicit Listener(base::Descriptor passed);
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
     ~Listener();
@@ -44,13 +49,14 @@ class Listener {
 
     // Readable when one of the files may have been removed; -1 where it cannot be known.
     int watchDescriptor() const { return watch_.descriptor(); }
-    // Whether socket and lock are still found where they were made.
+    // Whether socket and lock are still found where they were made; true where neither was.
     bool ownsItsFiles();
     // Makes them again: the socket as another descriptor, since one that lost its
     // name cannot get it back. Throws CannotListen where another broker was faster
     // or the files cannot be made.
     void restoreFiles();
 
+    // Of the socket file that was made here.
     void setOpenToOthers(bool openToOthers);
 
     // The next pending connection, or nothing. outOfDescriptors is set when there is one
@@ -67,8 +73,8 @@ class Listener {
 
     const std::string path_;
     const std::string lockPath_;
-    bool openToOthers_;
-    base::Descriptor lock_;
+    bool openToOthers_ = false;
+    base::Descriptor lock_;  // open while the files are the listener's own
     base::Descriptor socket_;
     std::optional<FileId> socketFile_;
     FileWatch watch_;

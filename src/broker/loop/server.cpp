@@ -56,6 +56,7 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
                 [this](Session& session, CloseCause cause, std::string_view reason) {
                     close(session, cause, reason);
                 }}),
+      heartbeat_(std::move(options.heartbeat)),
       clock_(Clock::now()),
       now_(clock_.now()) {}
 
@@ -103,8 +104,10 @@ void Server::waitForEvents() {
     } else if (!spin_.until([this] { return readiness_.poll(); })) {
         planned = sleep();
     }
-    clock_.advance(Clock::now(), planned);
+    const Clock::time_point woken = Clock::now();
+    clock_.advance(woken, planned);
     now_ = clock_.now();
+    heartbeat_.beatIfDue(woken);
 }
 
 // How long it was to sleep at most.
@@ -121,11 +124,12 @@ Clock::duration Server::sleep() {
     return until ? *until - begin : Clock::duration::max();
 }
 
-// The next deadline; and no later than the pause before a trim while the pool keeps memory.
+// The next deadline or heartbeat; and no later than the pause before a trim while the pool
+// keeps memory.
 std::optional<Clock::time_point> Server::sleepUntil(Clock::time_point now) const {
-    std::optional<Clock::time_point> until;
+    std::optional<Clock::time_point> until = heartbeat_.due();
     if (!pool_.isEmpty()) {
-        until = now + pauseBeforeTrim;
+        until = until ? std::min(*until, now + pauseBeforeTrim) : now + pauseBeforeTrim;
     }
     if (const auto written = router_.tap().due()) {
         until = until ? std::min(*until, *written) : written;

@@ -18,6 +18,7 @@
 #include "broker/log/log.h"
 #include "broker/loop/acceptor.h"
 #include "broker/loop/deadlines.h"
+#include "broker/loop/heartbeat.h"
 #include "broker/loop/listener.h"
 #include "broker/loop/loop_clock.h"
 #include "broker/loop/readiness.h"
@@ -37,6 +38,7 @@ struct ServerOptions {
     Policy policy;
     std::string identity;  // a uuid
     BrokerFacts facts;
+    Heartbeat heartbeat{};
 };
 
 class Server {
@@ -136,6 +138,7 @@ class Server {
     Acceptor acceptor_;
     Traffic traffic_;
     wire::Spin spin_;
+    Heartbeat heartbeat_;
     LoopClock clock_;
     Clock::time_point now_;  // by the loop's clock
 

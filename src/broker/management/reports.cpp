@@ -26,11 +26,11 @@ bool Reports::mayGoOn(const Report& report) {
     return !report.manager->isClosing && report.manager->sendQueue.bytes() <= mostQueuedBytes;
 }
 
-bool Reports::hasWork() const {
+bool Reports::somebodyMayGoOn() const {
     return std::ranges::any_of(reports_, mayGoOn);
 }
 
-void Reports::advance() {
+void Reports::advanceSome() {
     std::size_t steps = stepsPerRound;
     for (std::size_t turns = reports_.size(); turns > 0 && steps > 0; --turns) {
         Report& report = reports_.front();

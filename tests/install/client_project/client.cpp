@@ -1,24 +1,19 @@
-// A C++ program outside of the source tree: sends a request that nobody serves, and
-// prints in words what became of it. Built with find_package(kavri).
-#include <kavri/ipc.h>
-
+// A C++ program outside of the source tree: asks the test service for an echo, prints it, and
+// what becomes of a request that nobody serves. Built with find_package(kavri), and with the
+// flags of pkg-config.
 #include <iostream>
+#include <kavri/kavri.hpp>
 
 int main() {
-    kavri_core_init();
-    kavri_core_ipc_initiator* initiator = nullptr;
-    kavri_core_status status = kavri_core_ipc_initiator_init(nullptr, nullptr, &initiator);
-    if (status == KAVRI_CORE_STATUS_NO_ERROR) {
-        kavri_core_ipc_initiator_command_send(initiator, "nobody", "", "", "");
-        char* category = nullptr;
-        char* identifier = nullptr;
-        char* uuid = nullptr;
-        char* payload = nullptr;
-        status = kavri_core_ipc_initiator_response_receive(initiator, 10000, &category, &identifier,
-                                                           &uuid, &payload);
-        kavri_core_ipc_deinit(initiator);
+    try {
+        const kavri::Library library;
+        kavri::Initiator initiator;
+        std::cout << initiator.request("test", "echo", "hello").payload() << ", "
+                  << kavri_core_status_text(initiator.tryRequest("nobody", "", "").status())
+                  << std::endl;
+        return 0;
+    } catch (const kavri::Error& error) {
+        std::cerr << "client: " << error.what() << std::endl;
+        return 1;
     }
-    kavri_core_deinit();
-    std::cout << kavri_core_status_text(status) << std::endl;
-    return 0;
 }

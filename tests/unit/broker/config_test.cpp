@@ -119,6 +119,38 @@ BOOST_FIXTURE_TEST_CASE(anEmptyFileChangesNothing, File) {
 
 BOOST_AUTO_TEST_SUITE_END()
 
+BOOST_FIXTURE_TEST_SUITE(thePackagedFile, File)
+
+const std::string packaged = KAVRI_SOURCE_DIR "/packaging/broker.toml";
+
+BOOST_AUTO_TEST_CASE(changesNothing) {
+    const Config config = readConfig(packaged);
+    BOOST_TEST(valuesOf(config.limits) == valuesOf(Limits{}), boost::test_tools::per_element());
+    BOOST_TEST(config.policy.connect.listed == defaultConfig().policy.connect.listed);
+    BOOST_TEST(!config.policy.connect.everybody);
+    BOOST_TEST(config.policy.categories.empty());
+}
+
+// "#name" is a setting, "# word" is not.
+BOOST_AUTO_TEST_CASE(showsEveryLimitWithItsDefaultAndExamplesThatCanBeRead) {
+    std::ifstream file(packaged);
+    std::string text;
+    for (std::string line; std::getline(file, line);) {
+        const bool isSetting = line.starts_with("#") && line.size() > 1 && line[1] != ' ';
+        text += (isSetting ? line.substr(1) : line) + "\n";
+    }
+    const Config config = read(text);
+    BOOST_TEST(valuesOf(config.limits) == valuesOf(Limits{}), boost::test_tools::per_element());
+    for (const Setting& setting : settings) {
+        BOOST_TEST(text.find("\n" + setting.name + " = ") != std::string::npos, setting.name);
+    }
+    BOOST_TEST(config.policy.connect.contains(1000));
+    BOOST_TEST(!config.policy.at("weather").serve.contains(1000));
+    BOOST_TEST(config.policy.at("weather").send.contains(1000));
+}
+
+BOOST_AUTO_TEST_SUITE_END()
+
 BOOST_AUTO_TEST_SUITE(limits)
 
 BOOST_FIXTURE_TEST_CASE(eachSettingSetsItsLimitAndNoOther, File) {

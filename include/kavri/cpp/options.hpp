@@ -1,0 +1,85 @@
+// How initiators and responders reach the broker, and what they say of their connection.
+#ifndef KAVRI_CPP_OPTIONS_HPP
+#define KAVRI_CPP_OPTIONS_HPP
+
+#include <kavri/ipc.h>
+
+#include <chrono>
+#include <functional>
+#include <kavri/cpp/callback.hpp>
+#include <kavri/cpp/status.hpp>
+#include <kavri/cpp/text.hpp>
+#include <limits>
+#include <optional>
+#include <string>
+
+namespace kavri {
+
+// See kavri_core_ipc_connection_event.
+using ConnectionEvent = kavri_core_ipc_connection_event;
+
+// See kavri_core_ipc_connection_change.
+struct ConnectionChange {
+    ConnectionEvent event;
+    Status status;
+    // Valid during the call.
+    TextView reason;
+    // Of a restored connection: for how long there was none.
+    std::chrono::milliseconds disconnected;
+};
+using ConnectionCallback = std::function<void(const ConnectionChange&)>;
+
+// What may differ from the defaults; see kavri_core_ipc_options.
+struct Options {
+    // Path of the broker's socket. None: the rule in ipc.h.
+    std::optional<std::string> brokerAddress{};
+    // Whole milliseconds up to UINT_MAX, 49 days; what is above that is cut. Zero: 5 s for
+    // connecting, 10 s for sending. Below zero is an INVALID_ARGUMENT.
+    std::chrono::milliseconds connectTimeout{0};
+    std::chrono::milliseconds sendTimeout{0};
+    // What callbacks send is gathered, and written together.
+    bool gatherWrites = false;
+    // Called for each change of the connection, from before the constructor has returned to
+    // the end. See kavri.hpp on callbacks.
+    ConnectionCallback connectionCallback{};
+    // Null: log lines carry the name "kavri". See Logging.
+    kavri_core_logging_cookie logging = nullptr;
+};
+
+namespace detail {
+
+using ConnectionWatch = Callback<const ConnectionChange&>;
+
+inline void connectionChanged(const kavri_core_ipc_connection_change* change,
+                              void* context) noexcept {
+    ConnectionWatch::call(context, {change->event, change->status, change->reason,
+                                    std::chrono::milliseconds(change->disconnectedMs)});
+}
+
+// What the init functions take, from `options`, which must outlive it. `watch` may be null.
+inline Status read(const Options& options, ConnectionWatch* watch, kavri_core_ipc_options& native) {
+    constexpr std::chrono::milliseconds none{0};
+    constexpr std::chrono::milliseconds longest{std::numeric_limits<unsigned>::max()};
+    if (options.connectTimeout < none || options.sendTimeout < none) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
+    const auto within = [=](std::chrono::milliseconds time) {
+        return static_cast<unsigned>((time < longest ? time : longest).count());
+    };
+    native = {};
+    native.sizeBytes = sizeof native;
+    native.brokerAddress =
+        options.brokerAddress ? TextView(*options.brokerAddress).c_str() : nullptr;
+    native.connectTimeoutMs = within(options.connectTimeout);
+    native.sendTimeoutMs = within(options.sendTimeout);
+    native.gatherWrites = options.gatherWrites ? 1 : 0;
+    native.connectionCallback = watch != nullptr ? connectionChanged : nullptr;
+    native.connectionContext = watch;
+    return KAVRI_CORE_STATUS_NO_ERROR;
+}
+
+}  // namespace detail
+
+}  // namespace kavri
+
+#endif
