@@ -28,7 +28,8 @@
 //   will be called, and what it captured is destroyed. From within the callback itself, it
 //   is destroyed as soon as it returns.
 // - A callback may do anything, also close or destroy the initiator or responder that calls
-//   it. What others have a reference to must not be destroyed by it while they use it.
+//   it, unless another thread is in a call with that. It may use it as long as it runs, also
+//   while another thread ends it, which waits for the callback.
 // - An exception that leaves a callback ends the program by std::terminate, as one that
 //   leaves a thread: it never passes through the library.
 // - A function that uses the object it is installed in must not outlive it, and the object

@@ -69,7 +69,8 @@ class Initiator {
     // otherwise. No other thread may be in a call with it. Waits for a callback under way,
     // except from within it.
     void close() noexcept {
-        kavri_core_ipc_deinit(std::exchange(handle_, nullptr));
+        kavri_core_ipc_deinit(handle_);  // until then a callback may use it
+        handle_ = nullptr;
         parts_.reset();
     }
     bool isOpen() const noexcept { return handle_ != nullptr; }

@@ -44,7 +44,8 @@ class Responder {
     // kavri_core_ipc_responder_deinit: as Initiator::close. Requests that were not answered
     // come to their senders as IPC_RESPONDER_LOST.
     void close() noexcept {
-        kavri_core_ipc_responder_deinit(std::exchange(handle_, nullptr));
+        kavri_core_ipc_responder_deinit(handle_);  // until then a callback may use it
+        handle_ = nullptr;
         parts_.reset();
     }
     bool isOpen() const noexcept { return handle_ != nullptr; }

@@ -129,6 +129,26 @@ BOOST_AUTO_TEST_CASE(areDestroyedOnceTheCallUnderWayHasReturned) {
     BOOST_TEST(watch.expired());
 }
 
+BOOST_AUTO_TEST_CASE(useTheirObjectWhileItWaitsForThemToEnd) {
+    auto own = std::make_unique<kavri::Initiator>(options());
+    kavri::Initiator& used = *own;
+    std::binary_semaphore begun(0);
+    std::binary_semaphore mayEnd(0);
+    std::atomic<int> sent{-1};
+    used.onResponse([&](const kavri::Response&) {
+        begun.release();
+        (void)mayEnd.try_acquire_for(patience);
+        sent = used.trySend("test", "echo", "1", "");
+    });
+    used.send("test", "echo", "0", "");
+    BOOST_REQUIRE(begun.try_acquire_for(patience));
+    BlockedCall end([&] { own.reset(); });
+    BOOST_TEST(end.sleeps());
+    mayEnd.release();
+    end.join();
+    BOOST_TEST(sent == good);
+}
+
 BOOST_AUTO_TEST_CASE(surviveTheMoveOfTheirObject) {
     initiator.onResponse([this](const kavri::Response& response) { texts.add(response.uuid()); });
     kavri::Initiator moved(std::move(initiator));
@@ -234,9 +254,9 @@ BOOST_AUTO_TEST_CASE(replaceAFunctionAndNoMessageIsLost) {
     install();
     {
         std::atomic<bool> isOver{false};
-        std::vector<std::jthread> threads;
-        for (int i = 0; i < 3; ++i) {
-            threads.emplace_back([&] {
+        std::vector<std::jthread> threads(3);
+        for (std::jthread& each : threads) {
+            each = std::jthread([&] {
                 while (!isOver) {
                     install();
                 }
