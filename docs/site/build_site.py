@@ -30,7 +30,7 @@ HERE = pathlib.Path(__file__).parent
 REFERENCE = ["docs/protocol.md"]
 PROJECT = ["docs/architecture.md", "docs/performance.md", "docs/reliability.md",
            "docs/versioning.md", "docs/dependencies.md", "CONTRIBUTING.md", "CHANGELOG.md"]
-FIRST_GUIDES = ["docs/tutorial.md", "docs/conformance.md"]
+FIRST_GUIDES = ["docs/installation.md", "docs/tutorial.md", "docs/conformance.md"]
 
 LANGUAGES = {".h": "c", ".hpp": "cpp", ".c": "c", ".cpp": "cpp", ".py": "python", ".json": "json",
              ".toml": "toml", ".txt": "cmake"}
@@ -152,7 +152,7 @@ def menu(site, documents):
     guides = [each for each in FIRST_GUIDES if each in rest]
     guides += [each for each in rest if each not in guides]
     manual = [place for source, place in site.places.items() if source.startswith("docs/man/")]
-    headers = sorted(path.name for path in (site.sources / "include/kavri").iterdir())
+    headers = sorted(path.name for path in (site.sources / "include/kavri").glob("*.h*"))
     return [
         {"Overview": "index.md"},
         {"Guides": [site.places[each] for each in guides]},

@@ -32,8 +32,21 @@ _kavriOptions() {
             printf '%s ' --socket --category --process --user --connection --payload --json \
                 --count --timeout --help
             ;;
+        request)
+            printf '%s ' --socket --timeout --count --rate --json --help
+            ;;
+        listen)
+            printf '%s ' --socket --count --timeout --json --help
+            ;;
+        serve)
+            printf '%s ' --socket --exec --answer --timeout --jobs --help
+            ;;
+        publish)
+            printf '%s ' --socket --help
+            ;;
         *)
-            printf '%s ' conformance bench status monitor --version --help
+            printf '%s ' conformance bench status monitor request listen serve publish --version \
+                --help
             ;;
     esac
 }
@@ -54,6 +67,8 @@ _kavriValue() {
         monitor--user) compgen -u ;;
         monitor--category | monitor--process | monitor--connection | monitor--payload) ;;
         monitor--count | monitor--timeout) ;;
+        request--timeout | request--count | request--rate | listen--count | listen--timeout) ;;
+        serve--exec | serve--answer | serve--timeout | serve--jobs) ;;
         *) return 1 ;;
     esac
 }
@@ -63,6 +78,7 @@ _kavriNames() {
     case $1$2 in
         conformance--library | conformance--html) echo -d ;;
         conformance--socket | bench--socket | status--socket | monitor--socket) echo -f ;;
+        request--socket | listen--socket | serve--socket | publish--socket) echo -f ;;
         conformance--junit | conformance--json | conformance--expect) echo -f ;;
         conformance--write-expect | conformance--baseline) echo -f ;;
         conformance--service-record) echo -f ;;
@@ -75,8 +91,10 @@ _kavri() {
     COMPREPLY=()
     for ((index = 1; index < COMP_CWORD; ++index)); do
         case ${COMP_WORDS[index]} in
-            --) return ;; # what follows goes to the module
-            conformance | bench | status | monitor) [[ -n $command ]] || command=${COMP_WORDS[index]} ;;
+            --) return ;; # what follows is no option of the tool
+            conformance | bench | status | monitor | request | listen | serve | publish)
+                [[ -n $command ]] || command=${COMP_WORDS[index]}
+                ;;
         esac
     done
     # "--option=value" comes as three words.

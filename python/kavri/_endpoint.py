@@ -28,6 +28,7 @@ from typing import Any
 from . import _library
 from ._library import Options, library, take
 from ._text import Text, decoded, encoded
+from ._thread_state import ThreadState
 from .errors import Closed, Error, OtherProcess, Status, error_for
 from .messages import ConnectionChange, ConnectionEvent
 
@@ -76,6 +77,7 @@ class Endpoint:
         self._ended = threading.Event()
         self._closing = False
         self._callers: list[int] = []  # the threads with a call under way
+        self.thread_state = ThreadState()
         self._callback_thread = 0  # the library's, while it is in a callback
         self._cookie = ctypes.c_void_p()
         self.handle = ctypes.c_void_p()
@@ -142,6 +144,7 @@ class Endpoint:
     def _end(self) -> None:
         if self.handle:
             self.end_handle()
+        self.thread_state.drop()
         _endpoints.pop(self.number, None)
         if self._cookie:
             self.library.logging_deinit(self._cookie)
@@ -223,7 +226,10 @@ def encoded_all(**texts: Text) -> list[bytes]:
 
 def _deliver(number: int, work: Callable[[Endpoint], None]) -> None:
     endpoint = _endpoints.get(number)
-    if endpoint is None or endpoint.is_closing:
+    if endpoint is None:
+        return
+    endpoint.thread_state.keep()
+    if endpoint.is_closing:
         return
     endpoint._callback_thread = threading.get_ident()
     try:

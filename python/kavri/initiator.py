@@ -7,6 +7,7 @@ own outcome as soon as it is known, and a waiting thread can be interrupted by a
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
 import itertools
 import os
@@ -21,7 +22,7 @@ from . import _library
 from ._endpoint import Endpoint, Settings, encoded_all, event_callback, response_callback
 from ._mailbox import Mailbox, MailboxClosed
 from ._text import Text, decoded, encoded
-from .errors import ConnectionLost, Error, NoAnswer, Status, TimedOut
+from .errors import Closed, ConnectionLost, Error, NoAnswer, Status, TimedOut
 from .messages import ConnectionChange, Event, Response
 
 # What becomes of a request.
@@ -207,8 +208,9 @@ class Subscription:
     def close(self) -> None:
         """Ends the subscription; events that have arrived can still be taken. Waits for the
         broker's acknowledgement."""
-        if not self._endpoint.is_closing and not self._endpoint.is_copy():
-            self._endpoint.unsubscribe(self._category, self._events)
+        if not self._endpoint.is_copy():
+            with contextlib.suppress(Closed):  # which has ended it already
+                self._endpoint.unsubscribe(self._category, self._events)
 
     def __iter__(self) -> Subscription:
         return self

@@ -74,4 +74,15 @@ std::string printable(std::string_view text) {
     return result;
 }
 
+bool isUtf8(std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t bytes = firstOf(text).bytes;
+        if (bytes == 0) {
+            return false;
+        }
+        text.remove_prefix(bytes);
+    }
+    return true;
+}
+
 }  // namespace kavri::base

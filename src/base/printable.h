@@ -11,6 +11,8 @@ namespace kavri::base {
 // text, and bytes that are no UTF-8 become escapes. Tabs stay.
 std::string printable(std::string_view text);
 
+bool isUtf8(std::string_view text);
+
 }  // namespace kavri::base
 
 #endif

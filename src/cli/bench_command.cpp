@@ -18,6 +18,8 @@
 #include "base/command_line.h"
 #include "base/latencies.h"
 #include "base/terminal.h"
+#include "cli/socket_option.h"
+#include "terminal/latency_report.h"
 #include "wire/address.h"
 
 namespace kavri::cli {
@@ -28,14 +30,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int answerTimeoutMs = 10'000;
 constexpr std::chrono::milliseconds progressInterval{200};
-
-// What each percentile is called in the table and in JSON.
-struct Percentile {
-    const char* name;
-    double share;
-};
-constexpr std::array percentiles = {Percentile{"p50", 0.5}, Percentile{"p90", 0.9},
-                                    Percentile{"p99", 0.99}, Percentile{"p99.9", 0.999}};
 
 struct Measurement {
     base::Latencies latencies;
@@ -180,44 +174,25 @@ Measurement measure(Client& client, const BenchOptions& options, unsigned inFlig
     return result;
 }
 
-double microseconds(base::Latencies::Duration duration) {
-    return static_cast<double>(duration.count()) / 1000.0;
-}
-
 void print(const char* what, const Measurement& measurement, const BenchOptions& options) {
-    const base::Latencies& latencies = measurement.latencies;
-    std::string line =
-        fmt::format("{:<14} {:>10.0f} /s {:>9.1f} MB/s   ", what, measurement.perSecond(),
-                    measurement.perSecond() * options.payloadBytes / 1e6);
-    for (const Percentile& percentile : percentiles) {
-        line += fmt::format("{} {:.1f}  ", percentile.name,
-                            microseconds(latencies.percentile(percentile.share)));
-    }
-    line += fmt::format("max {:.1f} us", microseconds(latencies.most()));
+    const std::string line =
+        fmt::format("{:<14} {:>10.0f} /s {:>9.1f} MB/s   {}", what, measurement.perSecond(),
+                    measurement.perSecond() * options.payloadBytes / 1e6,
+                    terminal::latencyText(measurement.latencies));
     std::cout << base::fitted(line, base::DisplayStyle::ofStandardOutput()) << '\n';
 }
 
 nlohmann::ordered_json asJson(const Measurement& measurement, unsigned inFlight) {
-    nlohmann::ordered_json latency;
-    latency["min"] = microseconds(measurement.latencies.least());
-    for (const Percentile& percentile : percentiles) {
-        latency[percentile.name] = microseconds(measurement.latencies.percentile(percentile.share));
-    }
-    latency["max"] = microseconds(measurement.latencies.most());
     return {{"in_flight", inFlight},
             {"round_trips", measurement.latencies.count()},
             {"round_trips_per_second", measurement.perSecond()},
-            {"latency_us", latency}};
+            {"latency_us", terminal::latencyJson(measurement.latencies)}};
 }
 
 }  // namespace
 
 void describeBench(CLI::App& command, BenchOptions& options) {
-    command
-        .add_option("--socket", options.socket,
-                    "The broker's socket; otherwise $KAVRI_BROKER and the usual places")
-        ->type_name("PATH")
-        ->check(base::notEmpty());
+    describeSocket(command, options.socket);
     command.add_option("--category", options.category, "Where the requests go")
         ->type_name("NAME")
         ->capture_default_str();

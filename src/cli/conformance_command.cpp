@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -18,6 +17,7 @@
 
 #include "base/command_line.h"
 #include "base/suggestion.h"
+#include "cli/number_check.h"
 #include "conformance/cases/explanations.h"
 #include "conformance/faults/fault_catalogue.h"
 #include "conformance/run/growth.h"
@@ -27,20 +27,6 @@
 namespace kavri::cli {
 
 namespace {
-
-// In the form that the parser asks of a check: empty, or what is wrong.
-CLI::Validator numberFromTo(double least, double most, const char* what) {
-    return {[=](const std::string& text) {
-                double number = 0;
-                const auto [end, error] =
-                    std::from_chars(text.data(), text.data() + text.size(), number);
-                const bool isNumber = error == std::errc() && end == text.data() + text.size();
-                return isNumber && number >= least && number <= most
-                           ? std::string()
-                           : fmt::format("'{}' is no {} from {} to {}", text, what, least, most);
-            },
-            ""};
-}
 
 CLI::Validator levelName() {
     return {[](const std::string& text) {

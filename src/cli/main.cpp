@@ -13,7 +13,11 @@
 #include "base/command_line.h"
 #include "cli/bench_command.h"
 #include "cli/conformance_command.h"
+#include "cli/listen_command.h"
 #include "cli/monitor_command.h"
+#include "cli/publish_command.h"
+#include "cli/request_command.h"
+#include "cli/serve_command.h"
 #include "cli/status_command.h"
 #include "process/exit_status.h"
 
@@ -49,10 +53,11 @@ bool isOutputLost() {
     return !std::cout && !hasLeft;
 }
 
-// What follows "--" is for the module, which only one command runs.
+// What follows "--" is for the module, where the command is the one that runs it. Elsewhere no
+// option follows: a payload may begin with a dash.
 std::vector<std::string> cutModuleArguments(std::vector<std::string>& arguments) {
     const auto dashes = std::ranges::find(arguments, "--");
-    if (dashes == arguments.end()) {
+    if (dashes == arguments.end() || arguments.front() != "conformance") {
         return {};
     }
     std::vector<std::string> cut(dashes + 1, arguments.end());
@@ -67,6 +72,10 @@ struct Commands {
     BenchOptions bench;
     kavri::management::StatusOptions status;
     kavri::management::MonitorOptions monitor;
+    kavri::terminal::RequestOptions request;
+    kavri::terminal::ListenOptions listen;
+    kavri::terminal::ServeOptions serve;
+    kavri::terminal::PublishOptions publish;
 
     Commands() {
         app.set_version_flag("--version", "kavri " KAVRI_VERSION);
@@ -82,7 +91,17 @@ struct Commands {
                        status);
         describeMonitor(*app.add_subcommand("monitor", "Show what passes through the broker"),
                         monitor);
-        app.footer("Examples:\n  kavri conformance\n  kavri conformance --help");
+        describeRequest(*app.add_subcommand("request", "Send a request and print what is answered"),
+                        request);
+        describeListen(*app.add_subcommand("listen", "Print events as they come"), listen);
+        describeServe(
+            *app.add_subcommand("serve", "Answer requests with a command or a fixed text"), serve);
+        describePublish(*app.add_subcommand("publish", "Publish an event"), publish);
+        app.footer(
+            "Examples:\n"
+            "  kavri conformance\n"
+            "  kavri request test echo hello\n"
+            "  kavri request --help");
     }
 
     // The command that was called; the tool itself where none was.
@@ -100,9 +119,17 @@ struct Commands {
         if (app.got_subcommand("conformance")) {
             return runConformance(called(), conformance);
         }
-        if (!conformance.plan.moduleArguments.empty()) {
-            throw process::CommandFailure(process::ExitStatus::usage,
-                                          "arguments after -- are for 'kavri conformance' only");
+        if (app.got_subcommand("request")) {
+            return kavri::terminal::runRequest(request);
+        }
+        if (app.got_subcommand("listen")) {
+            return kavri::terminal::runListen(listen);
+        }
+        if (app.got_subcommand("serve")) {
+            return kavri::terminal::runServe(serve);
+        }
+        if (app.got_subcommand("publish")) {
+            return kavri::terminal::runPublish(publish);
         }
         if (app.got_subcommand("monitor")) {
             return kavri::management::runMonitor(monitor);

@@ -167,18 +167,20 @@ class Form {
         addTable(table, now_.users.size() - shown.size());
     }
 
-    std::string serverOf(const CategoryEntry& category) {
-        return category.connection ? processText(*category.connection) : category.servedBy;
+    // The process behind a connection; 0 where that has closed meanwhile.
+    pid_t processOf(std::uint64_t connection) const {
+        const auto found = processes_.find(connection);
+        return found == processes_.end() ? 0 : found->second;
     }
 
-    // "4711 (command)" of a connection.
-    std::string processText(std::uint64_t connection) {
-        const auto found = processes_.find(connection);
-        if (found == processes_.end()) {
-            return "a process that has left";
+    // "4711 (command)" where a program serves it.
+    std::string serverOf(const CategoryEntry& category) {
+        const pid_t process = category.connection ? processOf(*category.connection) : 0;
+        if (process == 0) {
+            return category.servedBy;
         }
-        const std::optional<std::string>& command = names_.ofProcess(found->second);
-        return std::to_string(found->second) + (command ? " (" + *command + ")" : "");
+        const std::optional<std::string>& command = names_.ofProcess(process);
+        return std::to_string(process) + (command ? " (" + *command + ")" : "");
     }
 
     void addCategories() {
@@ -204,17 +206,18 @@ class Form {
             return "serves " + *entry.category;
         }
         if (entry.subscriptions > 0) {
-            return fmt::format("{}, {} subscribed", entry.role, entry.subscriptions);
+            return fmt::format("{} subscribed", entry.subscriptions);
         }
         return entry.role == "none" ? "no hello yet" : entry.role;
     }
 
-    std::string state(const ConnectionEntry& entry) {
+    std::string state(const ConnectionEntry& entry) const {
         std::string text = entry.isStalled ? "stalled" : entry.isCongested ? "congested" : "";
         if (entry.waitsFor) {
             text += text.empty() ? "" : ", ";
-            text += *entry.waitsFor == entry.number ? "has to read"
-                                                    : "waits for " + processText(*entry.waitsFor);
+            text += *entry.waitsFor == entry.number
+                        ? "has to read"
+                        : fmt::format("waits for {}", processOf(*entry.waitsFor));
         }
         return text;
     }
@@ -223,11 +226,11 @@ class Form {
         Table table({{"PROCESS", true},
                      {"COMMAND", false, 8},
                      {"USER", false, 8, 2},
-                     {"ROLE", false, 12},
-                     {"PENDING", true},
+                     {"ROLE", false, 10},
+                     {"PENDING", true, 0, 3},
                      {"QUEUED", true},
                      {"AGE", true, 0, 1},
-                     {"STATE", false, 9}});
+                     {"STATE", false, 17}});
         const auto trouble = [](const ConnectionEntry& entry) {
             return std::tuple(entry.isStalled, entry.isCongested, entry.waitsFor.has_value(),
                               entry.queuedBytes, entry.pendingRequests + entry.requestsInFlight);

@@ -5,7 +5,6 @@
 // nothing is left behind on any path: processes that the program started and left in its
 // process group end with it, and a crash writes no core file. If the thread that started
 // it ends, the kernel kills the program: start it from a thread that lives long enough.
-// Its standard input is empty.
 #ifndef KAVRI_PROCESS_CHILD_PROCESS_H
 #define KAVRI_PROCESS_CHILD_PROCESS_H
 

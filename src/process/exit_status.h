@@ -12,8 +12,10 @@ enum class ExitStatus {
     passed = 0,
     failed = 1,       // checks failed
     ended = 2,        // the run was cut off: by a time limit, or a crash
-    couldNotRun = 3,  // no verdict, because something was missing
+    couldNotRun = 3,  // no verdict, because something was missing; nothing was delivered
+    unknown = 4,      // what was sent may have been acted on
     usage = 64,       // the command line is wrong
+    outputLost = 74,  // all was done, but could not be printed
 };
 
 class CommandFailure : public std::runtime_error {

@@ -54,6 +54,7 @@ struct Preparation {
     char** arguments;
     char** environment;
     const std::vector<int>& inherited;
+    int input;    // -1: empty
     int output;   // -1: as the caller's
     int error;    // likewise
     int failure;  // gets errno where exec fails
@@ -72,7 +73,8 @@ void becomeProgram(const Preparation& p) {
     const rlimit noCoreFile = {0, 0};
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (setpgid(0, 0) != 0 || setrlimit(RLIMIT_CORE, &noCoreFile) != 0 || null < 0 ||
-        dup2(null, STDIN_FILENO) < 0 || (p.output >= 0 && dup2(p.output, STDOUT_FILENO) < 0) ||
+        dup2(p.input >= 0 ? p.input : null, STDIN_FILENO) < 0 ||
+        (p.output >= 0 && dup2(p.output, STDOUT_FILENO) < 0) ||
         (p.error >= 0 && dup2(p.error, STDERR_FILENO) < 0)) {
         return;
     }
@@ -123,6 +125,7 @@ pid_t startProgram(const ChildSpawn& spawn, int output, int error) {
                                   .arguments = argumentPointers.data(),
                                   .environment = environmentPointers.data(),
                                   .inherited = spawn.inheritedDescriptors,
+                                  .input = spawn.inputDescriptor,
                                   .output = output,
                                   .error = error,
                                   .failure = failure.writeEnd.get(),

@@ -19,6 +19,8 @@ struct ChildSpawn {
     std::vector<std::string> arguments{};
     // Set in (or, as nullopt, removed from) a copy of this process' environment.
     std::map<std::string, std::optional<std::string>> environment{};
+    // What it reads as its standard input; -1: nothing.
+    int inputDescriptor = -1;
     bool captureOutput = true;
     bool captureError = true;
     // Output that is not captured is appended to this file; where there is none it goes

@@ -48,7 +48,8 @@ class Target {
     process::ChildProcess process_;
 };
 
-// A bystander on a thread of its own, which sends one ping after the other until a pong fails to come.
+// A bystander on a thread of its own, which sends one ping after the other until a pong fails to
+// come.
 class PingingThread {
   public:
     explicit PingingThread(const std::string& socket);

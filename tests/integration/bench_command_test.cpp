@@ -98,7 +98,7 @@ BOOST_AUTO_TEST_CASE(wrongUsageIsSaidInOneLine) {
     refuses(bench({"--paylod", "3"}), 64, "did you mean '--payload'?");
     refuses(bench({"--verbose"}), 64, "--verbose; see 'kavri bench --help'");
     refuses(bench({"--in-flight", "0"}), 64, "--in-flight");
-    refuses(bench({"--", "--log_level=all"}), 64, "only");
+    refuses(bench({"--", "--log_level=all"}), 64, "--log_level=all");
 }
 
 BOOST_AUTO_TEST_SUITE_END()

@@ -59,7 +59,8 @@ class Bash(unittest.TestCase):
     def test_commands(self):
         self.assertEqual(
             self.complete(""),
-            ["--help", "--version", "bench", "conformance", "monitor", "status"],
+            ["--help", "--version", "bench", "conformance", "listen", "monitor", "publish", "request",
+             "serve", "status"],
         )
         self.assertEqual(self.complete("co"), ["conformance"])
 
@@ -69,6 +70,9 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.complete("bench", "--prove"), [])
         self.assertEqual(self.complete("status", "--p"), ["--prometheus"])
         self.assertEqual(self.complete("monitor", "--p"), ["--payload", "--process"])
+        self.assertEqual(self.complete("request", "bench", "--ra"), ["--rate"])
+        self.assertEqual(self.complete("serve", "--"),
+                         ["--answer", "--exec", "--help", "--jobs", "--socket", "--timeout"])
         self.assertEqual(
             self.complete("conformance", "--prove", "--list"), ["--list", "--list-faults"]
         )
@@ -115,7 +119,7 @@ class Bash(unittest.TestCase):
             self.assertEqual(self.complete("conformance", option, "kn"), ["known.txt"])
         for option in ("--library", "--html"):
             self.assertEqual(self.complete("conformance", option, ""), ["lib dir"])
-        for command in ("bench", "monitor"):
+        for command in ("bench", "monitor", "request", "listen", "serve", "publish"):
             self.assertEqual(self.complete(command, "--socket", "kn"), ["known.txt"])
 
     def test_numbers_are_not_guessed(self):
@@ -124,6 +128,8 @@ class Bash(unittest.TestCase):
         self.assertEqual(self.complete("bench", "--payload", ""), [])
         self.assertEqual(self.complete("status", "--watch", ""), [])
         self.assertEqual(self.complete("monitor", "--count", ""), [])
+        self.assertEqual(self.complete("request", "--count", ""), [])
+        self.assertEqual(self.complete("serve", "--exec", ""), [])
 
     def test_nothing_of_the_modules_arguments(self):
         self.assertEqual(self.complete("conformance", "--", "--"), [])
@@ -137,6 +143,10 @@ class Options(unittest.TestCase):
         "bench": ["kavri.bash", "_kavri", "kavri.1"],
         "status": ["kavri.bash", "_kavri", "kavri-status.1"],
         "monitor": ["kavri.bash", "_kavri", "kavri-monitor.1"],
+        "request": ["kavri.bash", "_kavri", "kavri-request.1"],
+        "listen": ["kavri.bash", "_kavri", "kavri-listen.1"],
+        "serve": ["kavri.bash", "_kavri", "kavri-serve.1"],
+        "publish": ["kavri.bash", "_kavri", "kavri-publish.1"],
     }
 
     @staticmethod

@@ -270,7 +270,7 @@ class Content(StatusTest):
         self.assertEqual(waiting["waits_for"], slow["connection"])
         rows = self.output().split("PROCESS")[1].splitlines()
         self.assertRegex(rows[1], "serves slow .* congested")
-        self.assertRegex(rows[2], f"initiator .* waits for {os.getpid()} ")
+        self.assertRegex(rows[2], f"initiator .* waits for {os.getpid()}$")
         self.assertIn('kavri_connections_behind{state="waiting"} 1\n', self.output("--prometheus"))
 
 
@@ -364,6 +364,32 @@ class NoAnswer(StatusTest):
         self.broker().kill()
         self.assertTrue(self.path.exists())
         self.expect(3, "Connection refused: start one")
+
+    @unittest.skipUnless(os.getuid() == 0, "only root can act as somebody else")
+    def test_another_user_in_earnest(self):
+        def ask():
+            try:
+                return subprocess.run([PROGRAMS / "kavri", "status", "--socket", self.path],
+                                      user=65534, capture_output=True, timeout=PATIENCE,
+                                      check=False)
+            except PermissionError:
+                self.skipTest("others may not enter the folder of the programs")
+
+        self.folder.chmod(0o755)
+        config = self.folder / "config"
+        config.write_text("# nobody else may connect\n")
+        broker = self.broker("--config", config)
+        ended = ask()
+        self.assertEqual(ended.returncode, 1)
+        self.assertIn(b": Permission denied: run this as root or as the broker's", ended.stderr)
+        for text, status in (("connect = [65534]", 1), ("connect = [65534]\nmanage = [65534]", 0)):
+            broker.kill()
+            config.write_text(f"[access]\n{text}\n")
+            broker.start("--config", config)
+            ended = ask()
+            self.assertEqual(ended.returncode, status, ended.stderr)
+            self.assertEqual(b"this user may not manage the broker: run" in ended.stderr,
+                             status == 1)
 
     def test_a_user_without_the_right(self):
         self.fake(frame(GOODBYE, payload=b"this user may not manage the broker", status=9))
@@ -525,7 +551,8 @@ class Watch(StatusTest):
             lines = shown.decode().split("\r\n")
             path = str(self.path)
             self.assertTrue(all(len(line) <= columns or path in line for line in lines), lines)
-            self.assertTrue(any(re.search(r"serves a ca.*…", line) for line in lines), lines)
+            self.assertTrue(any(re.search(r"serves a .*…", line) for line in lines), lines)
+            self.assertIn("STATE", next(line for line in lines if "PROCESS" in line))
             for title in ("TRAFFIC", "USER", "CATEGORY", "PROCESS", "STATE"):
                 self.assertTrue(any(title in line for line in lines), title)
 

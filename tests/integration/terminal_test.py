@@ -4,6 +4,7 @@ line that was replaced leaves anything behind.
 Usage: terminal_test.py FOLDER_OF_THE_PROGRAMS
 """
 
+import contextlib
 import fcntl
 import os
 import pathlib
@@ -14,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 import termios
+import threading
 import unittest
 
 PROGRAMS = pathlib.Path(sys.argv[1])
@@ -113,22 +115,51 @@ class Terminal(unittest.TestCase):
 
     def test_helpFits(self):
         for program, *arguments in (["kavri"], ["kavri", "conformance"], ["kavri", "bench"],
-                                    ["kavri", "status"], ["kavri-broker"], ["kavri-test-service"]):
+                                    ["kavri", "status"], ["kavri", "request"], ["kavri", "listen"],
+                                    ["kavri", "serve"], ["kavri", "publish"], ["kavri-broker"],
+                                    ["kavri-test-service"]):
             status, screen, _ = self.onTerminal(program, *arguments, "--help")
             self.assertEqual(status, 0)
             self.expectFits(screen)
 
-    def test_measurementsFit(self):
-        socket = self.folder / "s"
+    @contextlib.contextmanager
+    def broker(self):
+        """The environment names its socket."""
+        socket = self.environment["KAVRI_BROKER"] = str(self.folder / "s")
         with subprocess.Popen([PROGRAMS / "kavri-broker", "--test-service", "--socket", socket],
                               stderr=subprocess.PIPE, text=True) as broker:
             try:
                 while "ready on" not in broker.stderr.readline():
                     pass
-                status, screen, shown = self.onTerminal(
-                    "kavri", "bench", "--socket", str(socket), "--seconds", "0.5")
+                yield
             finally:
                 broker.terminate()
+
+    def test_aTerminalObeysNoPayload(self):
+        with self.broker():
+            for payload, shown in (("hello", "hello\r\n"), ("hello\n", "hello\r\n"), ("", ""),
+                                   ("\x1b[2Ja\n\r\u009bb", "\\x1b[2Ja\r\n\\x0d\\u009bb\r\n")):
+                self.assertEqual(self.onTerminal("kavri", "request", "test", "echo", payload)[::2],
+                                 (0, shown))
+
+    def test_aTerminalObeysNoEvent(self):
+        with self.broker():
+            listener = threading.Thread(target=lambda: self.shown.append(self.onTerminal(
+                "kavri", "listen", "news", "--count", "1")))
+            self.shown = []
+            listener.start()
+            # The listener is there once an event reaches it.
+            while listener.is_alive():
+                subprocess.run([PROGRAMS / "kavri", "publish", "news", "a\x1b[31m", "b\nc"],
+                               env=self.environment, check=True)
+            listener.join()
+        status, _, shown = self.shown[0]
+        self.assertEqual(status, 0)
+        self.assertRegex(shown, r"Z news a\\x1b\[31m b\\nc\r\n$")
+
+    def test_measurementsFit(self):
+        with self.broker():
+            status, screen, shown = self.onTerminal("kavri", "bench", "--seconds", "0.5")
         self.assertEqual(status, 0)
         self.expectFits(screen)
         self.assertIn("to go", shown)

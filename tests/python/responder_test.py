@@ -168,6 +168,17 @@ def test_a_closed_subscription_ends_and_the_other_goes_on(initiator, responder):
     assert initiator._endpoint._subscriptions == {}
 
 
+def test_closing_a_subscription_while_its_initiator_is_closed_is_no_error(broker):
+    for _ in range(50):
+        initiator = kavri.Initiator()
+        events = initiator.events("service")
+        closing = threading.Thread(target=initiator.close)
+        closing.start()
+        events.close()
+        closing.join()
+        assert list(events) == []
+
+
 def test_of_too_many_events_the_oldest_are_dropped_and_counted(initiator, responder):
     with initiator.events("service", limit=10) as events:
         for number in range(100):

@@ -43,9 +43,10 @@ MAY_USE = {
         "base", "process", "conformance/cases", "conformance/faults", "conformance/module",
         "conformance/report"},
     "src/management": {"base", "process", "wire", "kavri"},
+    "src/terminal": {"base", "process", "wire", "kavri"},
     "src/cli": {
         "base", "process", "management", "wire", "core", "conformance/cases", "conformance/faults",
-        "conformance/run", "kavri"},
+        "conformance/run", "terminal", "kavri"},
 }
 
 # Single files that may use more than their folder.

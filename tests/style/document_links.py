@@ -17,7 +17,7 @@ DOCUMENTS = ("*.md", "docs/**/*.md", "examples/**/*.md")
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
 ELSEWHERE = re.compile(r"^[a-z]+:")
 CODE = re.compile(r"`([^`\n]+)`")
-PATH = re.compile(r"^(?:bench|docs|examples|include|packaging|python|scripts|src|tests)/[\w./-]*\w$")
+PATH = re.compile(r"^(?:bench|docs|examples|include|packaging|scripts|src|tests)/[\w./-]*\w$")
 # What running the benchmarks writes.
 MADE_LATER = "bench/results/"
 

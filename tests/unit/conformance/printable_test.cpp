@@ -7,6 +7,7 @@
 
 #include "conformance/module/case_output.h"
 
+using kavri::base::isUtf8;
 using kavri::base::printable;
 using kavri::conformance::CaseOutput;
 
@@ -34,6 +35,14 @@ BOOST_AUTO_TEST_CASE(whatIsNoUtf8IsEscapedByteByByte) {
     BOOST_TEST(printable("\xc0\x80\xed\xa0\x80") == "\\xc0\\x80\\xed\\xa0\\x80");
     BOOST_TEST(printable("\xf4\x90\x80\x80") == "\\xf4\\x90\\x80\\x80");
     BOOST_TEST(printable("\xe0\x80\x80\x80") == "\\xe0\\x80\\x80\\x80");
+}
+
+BOOST_AUTO_TEST_CASE(whatIsUtf8IsKnown) {
+    BOOST_TEST(isUtf8(""));
+    BOOST_TEST(isUtf8("plain\n\x1b \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80"));
+    BOOST_TEST(!isUtf8("plain\xff"));
+    BOOST_TEST(!isUtf8("\xe2\x82"));
+    BOOST_TEST(!isUtf8("\xed\xa0\x80"));
 }
 
 BOOST_AUTO_TEST_SUITE_END()

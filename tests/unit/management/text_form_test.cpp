@@ -66,13 +66,17 @@ BOOST_AUTO_TEST_CASE(stalledComesBeforeCongestedAndThatBeforeThoseThatWait) {
     snapshot.connections = {
         {.number = 1, .role = "initiator", .queuedBytes = 10},
         {.number = 2, .role = "initiator", .waitsFor = 2},
-        {.number = 3, .role = "responder", .category = "test", .isCongested = true},
+        {.number = 3,
+         .process = 4711,
+         .role = "responder",
+         .category = "test",
+         .isCongested = true},
         {.number = 4, .role = "responder", .isCongested = true, .isStalled = true},
-        {.number = 5, .role = "initiator", .waitsFor = 99}};
+        {.number = 5, .role = "initiator", .waitsFor = 3}};
     const std::string text = shown(snapshot);
     std::size_t at = 0;
     for (const char* state : {"  stalled\n", "serves test", "  congested\n", "  has to read\n",
-                              "  waits for a process that has left\n", "10 B"}) {
+                              "  waits for 4711\n", "10 B"}) {
         const std::size_t found = text.find(state, at);
         BOOST_TEST(found != std::string::npos, state << " is not in its place in " << text);
         at = std::min(found, text.size());
