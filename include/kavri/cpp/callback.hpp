@@ -74,18 +74,17 @@ class CallbackSlot {
     template <typename Install>
     Status replace(std::function<void(Argument)> function, const Install& install) {
         Callback<Argument>* const context = add(Callback<Argument>::make(std::move(function)));
-        for (bool isFirst = true;; isFirst = false) {
+        while (true) {
             const Status status = install(context);
             std::list<Owner> ended;  // without the lock, since their end may be that of this
             const std::lock_guard<std::mutex> lock(mutex_);
             const bool hasFailed = status != KAVRI_CORE_STATUS_NO_ERROR;
-            if (hasFailed && isFirst) {
+            if (hasFailed) {
                 moveIf(ended, [=](const Owner& each) { return each.get() == context; });
-            } else if (!hasFailed && callsUnderWay_ == 1 && !isUnsettled_) {
+            } else if (callsUnderWay_ == 1 && !isUnsettled_) {
                 moveIf(ended, [=](const Owner& each) { return each.get() != context; });
             }
             if (hasFailed || callsUnderWay_ > 1 || !isUnsettled_) {
-                isUnsettled_ = isUnsettled_ || (hasFailed && !isFirst);
                 --callsUnderWay_;
                 return status;
             }

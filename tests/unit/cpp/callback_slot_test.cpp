@@ -136,28 +136,6 @@ BOOST_AUTO_TEST_CASE(areSettledByTheOneThatReturnsLast) {
     BOOST_TEST(calls == 2);
 }
 
-// What cannot be settled now is kept until it can be: either may be in effect.
-BOOST_AUTO_TEST_CASE(thatCannotBeSettledKeepBoth) {
-    Captured outer;
-    Captured inner;
-    int installs = 0;
-    const auto failsOnceMore = [&](void* context) {
-        if (++installs > 1) {
-            return KAVRI_CORE_STATUS_OUT_OF_RESOURCES;
-        }
-        replace(counter(inner.take()));
-        return install(context);
-    };
-    slot.replace(counter(outer.take()), failsOnceMore);
-    BOOST_TEST(installs == 2);
-    BOOST_TEST(!outer.isGone());
-    BOOST_TEST(!inner.isGone());
-    Callback::call(installed, 1);
-    replace({});
-    BOOST_TEST(outer.isGone());
-    BOOST_TEST(inner.isGone());
-}
-
 BOOST_AUTO_TEST_CASE(ofWhichOneFailsAreSettledByTheNextCall) {
     Captured outer;
     Captured inner;
