@@ -132,7 +132,8 @@ class Initiator {
     // answer.
     //
     // The failures of send and receive, of which IPC_NO_MESSAGE means that the time is over:
-    // what became of the request is unknown then.
+    // what became of the request is unknown then. INVALID_ARGUMENT on an initiator with an
+    // outcome callback, which gets the failures in its place.
     Response request(TextView category, TextView identifier, TextView payload,
                      Timeout timeout = forever) {
         Result<Response> result = tryRequest(category, identifier, payload, timeout);
@@ -196,7 +197,7 @@ class Initiator {
     struct Parts {
         detail::CallbackSlot<Response> response;
         detail::CallbackSlot<Event> event;
-        detail::ConnectionWatch::Owner connection;
+        detail::Watches watches;
     };
     struct Unopened {};
 
@@ -220,9 +221,9 @@ class Initiator {
 
     Status open(const Options& options) {
         parts_ = std::make_unique<Parts>();
-        parts_->connection = detail::ConnectionWatch::make(options.connectionCallback);
+        parts_->watches = detail::Watches(options);
         kavri_core_ipc_options native{};
-        const Status status = detail::read(options, parts_->connection.get(), native);
+        const Status status = detail::read(options, parts_->watches, native);
         return status == KAVRI_CORE_STATUS_NO_ERROR
                    ? kavri_core_ipc_initiator_init(options.logging, &native, &handle_)
                    : status;
@@ -254,6 +255,9 @@ class Initiator {
 inline Result<Response> Initiator::tryRequest(TextView category, TextView identifier,
                                               TextView payload, Timeout timeout) noexcept {
     using Clock = std::chrono::steady_clock;
+    if (!isOpen() || parts_->watches.outcome) {
+        return KAVRI_CORE_STATUS_INVALID_ARGUMENT;
+    }
     std::array<char, 21> uuid{};
     std::to_chars(uuid.data(), uuid.data() + uuid.size() - 1, ++requests_);
     const Status sent = trySend(category, identifier, uuid.data(), payload);

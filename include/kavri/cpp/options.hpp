@@ -29,6 +29,14 @@ struct ConnectionChange {
 };
 using ConnectionCallback = std::function<void(const ConnectionChange&)>;
 
+// Of a request that gets no response; see kavri_core_ipc_outcome_callback.
+struct Outcome {
+    // The request's, valid during the call.
+    TextView uuid;
+    Status status;
+};
+using OutcomeCallback = std::function<void(const Outcome&)>;
+
 // What may differ from the defaults; see kavri_core_ipc_options.
 struct Options {
     // Path of the broker's socket. None: the rule in ipc.h.
@@ -42,6 +50,9 @@ struct Options {
     // Called for each change of the connection, from before the constructor has returned to
     // the end. See kavri.hpp on callbacks.
     ConnectionCallback connectionCallback{};
+    // Of an initiator: called for each request that gets no response. Receives do not return
+    // the failures of requests then, and Initiator::request is not available.
+    OutcomeCallback outcomeCallback{};
     // Null: log lines carry the name "kavri". See Logging.
     kavri_core_logging_cookie logging = nullptr;
 };
@@ -56,8 +67,25 @@ inline void connectionChanged(const kavri_core_ipc_connection_change* change,
                                     std::chrono::milliseconds(change->disconnectedMs)});
 }
 
-// What the init functions take, from `options`, which must outlive it. `watch` may be null.
-inline Status read(const Options& options, ConnectionWatch* watch, kavri_core_ipc_options& native) {
+using OutcomeWatch = Callback<const Outcome&>;
+
+inline void requestEnded(const char* uuid, Status status, void* context) noexcept {
+    OutcomeWatch::call(context, {uuid, status});
+}
+
+// The functions of the options, for as long as the C interface may call them.
+struct Watches {
+    ConnectionWatch::Owner connection;
+    OutcomeWatch::Owner outcome;
+
+    Watches() = default;
+    explicit Watches(const Options& options)
+        : connection(ConnectionWatch::make(options.connectionCallback)),
+          outcome(OutcomeWatch::make(options.outcomeCallback)) {}
+};
+
+// What the init functions take, from options and watches that must outlive it.
+inline Status read(const Options& options, const Watches& watches, kavri_core_ipc_options& native) {
     constexpr std::chrono::milliseconds none{0};
     constexpr std::chrono::milliseconds longest{std::numeric_limits<unsigned>::max()};
     if (options.connectTimeout < none || options.sendTimeout < none) {
@@ -73,8 +101,10 @@ inline Status read(const Options& options, ConnectionWatch* watch, kavri_core_ip
     native.connectTimeoutMs = within(options.connectTimeout);
     native.sendTimeoutMs = within(options.sendTimeout);
     native.gatherWrites = options.gatherWrites ? 1 : 0;
-    native.connectionCallback = watch != nullptr ? connectionChanged : nullptr;
-    native.connectionContext = watch;
+    native.connectionCallback = watches.connection ? connectionChanged : nullptr;
+    native.connectionContext = watches.connection.get();
+    native.outcomeCallback = watches.outcome ? requestEnded : nullptr;
+    native.outcomeContext = watches.outcome.get();
     return KAVRI_CORE_STATUS_NO_ERROR;
 }
 

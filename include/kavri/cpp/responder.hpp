@@ -134,7 +134,7 @@ class Responder {
     struct Parts {
         std::string category;
         detail::CallbackSlot<Request> request;
-        detail::ConnectionWatch::Owner connection;
+        detail::Watches watches;
     };
     struct Unopened {};
 
@@ -160,9 +160,9 @@ class Responder {
     Status open(TextView category, const Options& options) {
         parts_ = std::make_unique<Parts>();
         parts_->category = category.view();
-        parts_->connection = detail::ConnectionWatch::make(options.connectionCallback);
+        parts_->watches = detail::Watches(options);
         kavri_core_ipc_options native{};
-        const Status status = detail::read(options, parts_->connection.get(), native);
+        const Status status = detail::read(options, parts_->watches, native);
         return status == KAVRI_CORE_STATUS_NO_ERROR
                    ? kavri_core_ipc_responder_init(options.logging, &native, category.c_str(),
                                                    &handle_)

@@ -311,6 +311,19 @@ BOOST_AUTO_TEST_CASE(aChangeOfTheConnectionIsReported) {
     BOOST_TEST(watch.expired());
 }
 
+BOOST_AUTO_TEST_CASE(aRequestThatGetsNoResponseIsReported) {
+    kavri::Options chosen = options();
+    chosen.outcomeCallback = [this](const kavri::Outcome& outcome) {
+        texts.add(outcome.uuid.str() + ": " + kavri_core_status_text(outcome.status));
+    };
+    kavri::Initiator own(chosen);
+    own.send("nobody's", "do", "7", "");
+    BOOST_REQUIRE(texts.waitFor(1));
+    BOOST_TEST(texts.all().front() == "7: no responder");
+    BOOST_TEST(thrownBy([&own] { own.request("test", "echo", ""); }) ==
+               KAVRI_CORE_STATUS_INVALID_ARGUMENT);
+}
+
 BOOST_AUTO_TEST_CASE(aConnectionCallbackDestroysItsObject) {
     std::mutex mutex;  // the callback may be called before there is an object
     std::unique_ptr<kavri::Responder> own;
