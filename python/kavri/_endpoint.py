@@ -76,6 +76,7 @@ class Endpoint:
         self._lock = threading.RLock()
         self._ended = threading.Event()
         self._closing = False
+        self._is_over = False
         self._callers: list[int] = []  # the threads with a call under way
         self.thread_state = ThreadState()
         self._callback_thread = 0  # the library's, while it is in a callback
@@ -132,7 +133,7 @@ class Endpoint:
             return
         with self._lock:
             is_first, self._closing = not self._closing, True
-            is_last = is_first and not self._callers
+            is_last = self._ends_now()
             is_waiter = threading.get_ident() not in (*self._callers, self._callback_thread)
         if is_first:
             self.wake()
@@ -140,6 +141,13 @@ class Endpoint:
             self._end()
         elif is_waiter:
             self._ended.wait()
+
+    def _ends_now(self) -> bool:
+        """True once: where it is closed, and no call is under way. With the lock held."""
+        if not self._closing or self._callers or self._is_over:
+            return False
+        self._is_over = True
+        return True
 
     def _end(self) -> None:
         if self.handle:
@@ -170,16 +178,16 @@ class Endpoint:
         """The handle, which does not end before the block does."""
         self.expect_mine()
         thread = threading.get_ident()
-        with self._lock:
+        # First of all, since a signal handler of this thread may close it at any point.
+        self._callers.append(thread)
+        try:
             if self._closing:
                 raise Closed("it is closed", Status.NOT_INITIALISED)
-            self._callers.append(thread)
-        try:
             yield self.handle
         finally:
             with self._lock:
                 self._callers.remove(thread)
-                is_last = self._closing and not self._callers
+                is_last = self._ends_now()
             if is_last:
                 self._end()
 

@@ -8,11 +8,10 @@ longer empty.
 
 from __future__ import annotations
 
-import collections
+import queue
 import threading
-import time
 from collections.abc import Callable
-from typing import Generic, TypeVar
+from typing import Final, Generic, TypeVar
 
 Item = TypeVar("Item")
 
@@ -21,64 +20,84 @@ class MailboxClosed(Exception):
     """It is closed, and empty."""
 
 
+class _End:
+    """Follows the last item of a closed mailbox, for every taker."""
+
+
+_END: Final = _End()
+
+
 class Mailbox(Generic[Item]):
+    """It may be closed by a signal handler, also while the main thread waits here or is about
+    to. So takers wait in a SimpleQueue, which keeps what was put before they waited; a
+    condition would not wake the thread that is about to wait for it.
+    """
+
     def __init__(self, limit: int, *, drops: bool) -> None:
         if limit < 1:
             raise ValueError("limit must be at least 1")
         self._limit = limit
         self._drops = drops
-        self._items: collections.deque[Item] = collections.deque()
-        self._changed = threading.Condition()
+        self._items: queue.SimpleQueue[Item | _End] = queue.SimpleQueue()
+        self._has_room = threading.Condition()
+        self._is_putting = False
         self._closed = False
         self.dropped = 0
         self.on_change: Callable[[], None] | None = None
 
     def put(self, item: Item) -> None:
-        """Drops the item where the mailbox is closed."""
-        with self._changed:
-            while len(self._items) >= self._limit and not self._closed:
-                if self._drops:
-                    self._items.popleft()
-                    self.dropped += 1
-                else:
-                    self._changed.wait()
+        """Drops the item where the mailbox is closed. For one thread."""
+        with self._has_room:
+            self._is_putting = True  # before the look at the length; see _taken
+            while self._items.qsize() >= self._limit and not self._closed:
+                self._make_room()
+            self._is_putting = False
             if self._closed:
                 return
-            was_empty = not self._items
-            self._items.append(item)
-            self._changed.notify_all()
+            was_empty = self._items.empty()
+            self._items.put(item)
         if was_empty and self.on_change is not None:
             self.on_change()
 
+    def _make_room(self) -> None:
+        if not self._drops:
+            self._has_room.wait()
+            return
+        try:
+            self._items.get_nowait()
+        except queue.Empty:
+            return  # a taker was quicker
+        self.dropped += 1
+
     def poll(self) -> Item | None:
         """The next item, or None; raises MailboxClosed."""
-        with self._changed:
-            return self._take()
+        try:
+            return self._taken(self._items.get_nowait())
+        except queue.Empty:
+            return None
 
     def get(self, timeout: float | None = None) -> Item | None:
         """Waits for the next item; None when the time, in seconds, is over."""
-        deadline = None if timeout is None else time.monotonic() + timeout
-        with self._changed:
-            while (item := self._take()) is None:
-                left = None if deadline is None else deadline - time.monotonic()
-                if left is not None and left <= 0:
-                    return None
-                self._changed.wait(left)
-        return item
+        try:
+            return self._taken(self._items.get(timeout=None if timeout is None else max(0, timeout)))
+        except queue.Empty:
+            return None
 
-    def _take(self) -> Item | None:
-        if self._items:
-            if len(self._items) == self._limit:
-                self._changed.notify_all()
-            return self._items.popleft()
-        if self._closed:
+    def _taken(self, item: Item | _End) -> Item:
+        if isinstance(item, _End):
+            self._items.put(_END)
             raise MailboxClosed
-        return None
+        if self._is_putting:
+            with self._has_room:
+                self._has_room.notify_all()
+        return item
 
     def close(self) -> None:
         """Wakes everybody; what is in it can still be taken."""
-        with self._changed:
-            self._closed = True
-            self._changed.notify_all()
+        with self._has_room:
+            if not self._closed:
+                self._closed = True
+                self._items.put(_END)
+            self._has_room.notify_all()
         if self.on_change is not None:
             self.on_change()

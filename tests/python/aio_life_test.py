@@ -155,7 +155,7 @@ def test_events_that_arrive_after_the_loop_was_closed_are_dropped(broker):
             for _ in range(100):
                 responder.publish("rain")
             assert all(others.get(PATIENCE) for _ in range(100))
-            eventually(lambda: len(events._mailbox._items) == 100)
+            eventually(lambda: events._mailbox._items.qsize() == 100)
 
 
 def test_threads_end_with_their_objects(broker):

@@ -2,12 +2,14 @@
 
 import concurrent.futures
 import logging
+import subprocess
+import sys
 import threading
 import time
 
 import kavri
 import pytest
-from conftest import eventually
+from conftest import PATIENCE, eventually
 
 
 @pytest.fixture
@@ -32,6 +34,26 @@ def test_a_request_has_the_fields_that_were_sent(initiator, responder):
         request.respond("done")
         assert request.is_over
         assert answer.result(10).payload == "done"
+
+
+CLOSED_BY_SIGNALS = """
+import itertools, signal
+from kavri._mailbox import Mailbox, MailboxClosed
+
+signal.signal(signal.SIGALRM, lambda *_: mailbox.close())
+for microseconds in itertools.islice(itertools.cycle(range(20, 80)), 6000):
+    mailbox = Mailbox(1, drops=False)
+    signal.setitimer(signal.ITIMER_REAL, microseconds / 1e6)
+    try:
+        mailbox.get()
+        raise SystemExit("it got something")
+    except MailboxClosed:
+        pass
+"""
+
+
+def test_a_signal_handler_may_close_just_before_the_wait():
+    subprocess.run([sys.executable, "-c", CLOSED_BY_SIGNALS], check=True, timeout=PATIENCE)
 
 
 def test_nothing_to_receive_is_none(responder):
@@ -127,7 +149,7 @@ def test_more_requests_than_the_limit_wait_without_being_lost(initiator):
     with kavri.Responder("narrow", limit=2) as narrow:
         for number in range(500):
             initiator.send("narrow", "", str(number))
-        eventually(lambda: len(narrow._endpoint.requests._items) == 2)
+        eventually(lambda: narrow._endpoint.requests._items.qsize() == 2)
         assert [narrow.receive(10).payload for _ in range(500)] == [str(n) for n in range(500)]
 
 
@@ -158,7 +180,7 @@ def test_events_are_of_the_category_alone(initiator, responder):
 def test_a_closed_subscription_ends_and_the_other_goes_on(initiator, responder):
     first, second = initiator.events("service"), initiator.events("service")
     responder.publish("one")
-    eventually(lambda: len(first._events._items) == 1)
+    eventually(lambda: first._events._items.qsize() == 1)
     first.close()
     first.close()
     responder.publish("two")
