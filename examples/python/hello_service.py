@@ -2,8 +2,16 @@
 
 import signal
 import sys
+import threading
 
 import kavri
+
+ENDING = {signal.SIGINT, signal.SIGTERM}
+
+
+def close_at_signal(responder: kavri.Responder) -> None:
+    signal.sigwait(ENDING)
+    responder.close()
 
 
 def answer(request: kavri.Request) -> str | None:
@@ -13,9 +21,9 @@ def answer(request: kavri.Request) -> str | None:
 
 
 def main() -> None:
+    signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)  # so only sigwait takes them
     with kavri.Responder("hello") as responder:
-        for number in (signal.SIGINT, signal.SIGTERM):
-            signal.signal(number, lambda *_: responder.close())
+        threading.Thread(target=close_at_signal, args=(responder,), daemon=True).start()
         print("hello_service: ready", file=sys.stderr)
         responder.serve(answer)
 

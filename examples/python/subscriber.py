@@ -4,8 +4,16 @@ broker, and says so, since events may have been missed then.
 
 import signal
 import sys
+import threading
 
 import kavri
+
+ENDING = {signal.SIGINT, signal.SIGTERM}
+
+
+def close_at_signal(initiator: kavri.Initiator) -> None:
+    signal.sigwait(ENDING)
+    initiator.close()
 
 
 def connection_changed(change: kavri.ConnectionChange) -> None:
@@ -17,9 +25,10 @@ def connection_changed(change: kavri.ConnectionChange) -> None:
 
 
 def main() -> None:
+    signal.pthread_sigmask(signal.SIG_BLOCK, ENDING)  # so only sigwait takes them
     with kavri.Initiator(on_connection=connection_changed) as initiator:
-        for number in (signal.SIGINT, signal.SIGTERM):
-            signal.signal(number, lambda *_: initiator.close())  # ends the iteration
+        # To close it ends the iteration.
+        threading.Thread(target=close_at_signal, args=(initiator,), daemon=True).start()
         with initiator.events("news") as events:
             print("subscriber: ready", file=sys.stderr)
             for event in events:

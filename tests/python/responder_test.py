@@ -40,15 +40,22 @@ CLOSED_BY_SIGNALS = """
 import itertools, signal
 from kavri._mailbox import Mailbox, MailboxClosed
 
-signal.signal(signal.SIGALRM, lambda *_: mailbox.close())
+def close(*_):
+    if not mailbox._closed:
+        mailbox.close()
+
+signal.signal(signal.SIGALRM, close)
 for microseconds in itertools.islice(itertools.cycle(range(20, 80)), 6000):
     mailbox = Mailbox(1, drops=False)
-    signal.setitimer(signal.ITIMER_REAL, microseconds / 1e6)
+    # The second signal is for Python itself: it runs no handler of a signal that comes when it
+    # is about to wait, until another one comes.
+    signal.setitimer(signal.ITIMER_REAL, microseconds / 1e6, 0.01)
     try:
         mailbox.get()
         raise SystemExit("it got something")
     except MailboxClosed:
         pass
+signal.setitimer(signal.ITIMER_REAL, 0)
 """
 
 
