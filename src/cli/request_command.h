@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "terminal/request.h"
+#include "terminal/request/request.h"
 
 namespace kavri::cli {
 

@@ -3,7 +3,7 @@
 
 #include "cli/number_check.h"
 #include "cli/socket_option.h"
-#include "terminal/request_inbox.h"
+#include "terminal/serve/request_inbox.h"
 
 namespace kavri::cli {
 

@@ -4,7 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "terminal/serve.h"
+#include "terminal/serve/serve.h"
 
 namespace kavri::cli {
 

@@ -1,6 +1,6 @@
 // One run of the command that answers a request: its input, its output, and its end.
-#ifndef KAVRI_TERMINAL_JOB_H
-#define KAVRI_TERMINAL_JOB_H
+#ifndef KAVRI_TERMINAL_SERVE_JOB_H
+#define KAVRI_TERMINAL_SERVE_JOB_H
 
 #include <poll.h>
 
@@ -11,7 +11,7 @@
 
 #include "base/descriptor.h"
 #include "process/child_process.h"
-#include "terminal/request_inbox.h"
+#include "terminal/serve/request_inbox.h"
 
 namespace kavri::terminal {
 

@@ -1,5 +1,5 @@
 // Installing and removing the callback; see request_inbox.h.
-#include "terminal/request_inbox.h"
+#include "terminal/serve/request_inbox.h"
 
 #include "terminal/library.h"
 

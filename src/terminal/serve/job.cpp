@@ -1,6 +1,6 @@
 // Running a command through the shell; see job.h. What it writes to standard error goes where
 // this program's own goes.
-#include "terminal/job.h"
+#include "terminal/serve/job.h"
 
 #include <fmt/format.h>
 #include <unistd.h>

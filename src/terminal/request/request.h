@@ -1,7 +1,7 @@
 // `kavri request`: sends a request and prints the payload of its answer, or sends many and
 // prints what became of them.
-#ifndef KAVRI_TERMINAL_REQUEST_H
-#define KAVRI_TERMINAL_REQUEST_H
+#ifndef KAVRI_TERMINAL_REQUEST_REQUEST_H
+#define KAVRI_TERMINAL_REQUEST_REQUEST_H
 
 #include <cstddef>
 #include <optional>

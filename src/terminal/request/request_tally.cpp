@@ -1,5 +1,5 @@
 // The forms of the summary; see request_tally.h.
-#include "terminal/request_tally.h"
+#include "terminal/request/request_tally.h"
 
 #include <fmt/format.h>
 

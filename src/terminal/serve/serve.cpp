@@ -1,5 +1,5 @@
 // The loop around requests, runs of the command and signals, in one thread; see serve.h.
-#include "terminal/serve.h"
+#include "terminal/serve/serve.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -13,10 +13,10 @@
 
 #include "base/printable.h"
 #include "process/stop_signals.h"
-#include "terminal/job.h"
 #include "terminal/library.h"
 #include "terminal/outcome.h"
-#include "terminal/request_inbox.h"
+#include "terminal/serve/job.h"
+#include "terminal/serve/request_inbox.h"
 #include "wire/address.h"
 
 namespace kavri::terminal {

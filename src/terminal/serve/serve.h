@@ -1,7 +1,7 @@
 // `kavri serve`: a responder whose answers are given by a command, by a fixed text, or by the
 // request itself.
-#ifndef KAVRI_TERMINAL_SERVE_H
-#define KAVRI_TERMINAL_SERVE_H
+#ifndef KAVRI_TERMINAL_SERVE_SERVE_H
+#define KAVRI_TERMINAL_SERVE_SERVE_H
 
 #include <optional>
 #include <string>

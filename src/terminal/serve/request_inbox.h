@@ -3,8 +3,8 @@
 // The callback that takes them is installed only while there is room for another one, so the
 // others wait in the library and, with its queue full, at the broker, whose flow control then
 // has its effect on those who send.
-#ifndef KAVRI_TERMINAL_REQUEST_INBOX_H
-#define KAVRI_TERMINAL_REQUEST_INBOX_H
+#ifndef KAVRI_TERMINAL_SERVE_REQUEST_INBOX_H
+#define KAVRI_TERMINAL_SERVE_REQUEST_INBOX_H
 
 #include <kavri/ipc.h>
 

@@ -1,6 +1,6 @@
 // Requests of one initiator, and what became of each, by its uuid.
-#ifndef KAVRI_TERMINAL_REQUESTER_H
-#define KAVRI_TERMINAL_REQUESTER_H
+#ifndef KAVRI_TERMINAL_REQUEST_REQUESTER_H
+#define KAVRI_TERMINAL_REQUEST_REQUESTER_H
 
 #include <chrono>
 #include <deque>

@@ -1,5 +1,5 @@
 // The library's callbacks, which take the time of each arrival; see requester.h.
-#include "terminal/requester.h"
+#include "terminal/request/requester.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 // What became of many requests, counted.
-#ifndef KAVRI_TERMINAL_REQUEST_TALLY_H
-#define KAVRI_TERMINAL_REQUEST_TALLY_H
+#ifndef KAVRI_TERMINAL_REQUEST_REQUEST_TALLY_H
+#define KAVRI_TERMINAL_REQUEST_REQUEST_TALLY_H
 
 #include <chrono>
 #include <cstddef>

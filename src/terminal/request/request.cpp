@@ -2,7 +2,7 @@
 //
 // Without a rate, each is sent once the one before has its outcome. With a rate, they are
 // sent when they are due, whatever is pending, so that a service that does not keep up shows.
-#include "terminal/request.h"
+#include "terminal/request/request.h"
 
 #include <fmt/format.h>
 #include <poll.h>
@@ -22,8 +22,8 @@
 #include "terminal/outcome.h"
 #include "terminal/output.h"
 #include "terminal/payload.h"
-#include "terminal/request_tally.h"
-#include "terminal/requester.h"
+#include "terminal/request/request_tally.h"
+#include "terminal/request/requester.h"
 
 namespace kavri::terminal {
 
