@@ -145,6 +145,7 @@ class Form {
     template <typename Entry, typename Before>
     std::vector<const Entry*> first(const std::vector<Entry>& entries, const Before& before) const {
         std::vector<const Entry*> sorted;
+        sorted.reserve(entries.size());
         for (const Entry& entry : entries) {
             sorted.push_back(&entry);
         }

@@ -47,17 +47,18 @@ void Reports::advanceSome() {
 }
 
 void Reports::step(Report& report) {
-    const auto& [limits, facts, connections, present, sessionFrom, userFrom] = surroundings_;
     switch (report.stage) {
         case Stage::broker:
-            show(report, "broker", [&] { describeBroker(lines_, facts, Clock::now()); });
+            show(report, "broker",
+                 [&] { describeBroker(lines_, surroundings_.facts, Clock::now()); });
             return enter(report, Stage::limits);
         case Stage::limits:
-            show(report, "limits", [&] { describeLimits(lines_, limits); });
+            show(report, "limits", [&] { describeLimits(lines_, surroundings_.limits); });
             return enter(report, Stage::connections);
         case Stage::connections:
-            show(report, "connections",
-                 [&] { describeConnections(lines_, connections, present()); });
+            show(report, "connections", [&] {
+                describeConnections(lines_, surroundings_.connections, surroundings_.present());
+            });
             return enter(report, Stage::traffic);
         case Stage::traffic:
             show(report, "traffic", [&] { describeTraffic(lines_, router_.counts()); });

@@ -91,7 +91,7 @@ class Service {
     void takeRequests() {
         for (Request& request : inbox_.take()) {
             if (options_.command) {
-                startJob(std::move(request));
+                startJob(request);
             } else {
                 answer(request, options_.answer.value_or(request.payload));
                 inbox_.finished();
@@ -99,7 +99,7 @@ class Service {
         }
     }
 
-    void startJob(Request request) {
+    void startJob(const Request& request) {
         try {
             jobs_.emplace_back(request, plan_);
         } catch (const std::system_error& error) {
