@@ -1,4 +1,4 @@
-// What the broker and its service manager tell each other, as systemd defines it.
+// Notifications and sockets between the broker and its service manager, as systemd defines them.
 //
 // The manager may pass a listening socket (LISTEN_FDS), and wait for signs of life
 // (WATCHDOG_USEC); it learns when the broker is ready, reloads and stops (NOTIFY_SOCKET).

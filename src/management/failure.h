@@ -26,7 +26,7 @@ class Failure : public std::runtime_error {
     FailureKind kind_;
 };
 
-// With the exit status that scripts tell the kinds apart by.
+// With an exit status for each kind of failure.
 inline process::CommandFailure asCommandFailure(const Failure& failure) {
     using process::ExitStatus;
     switch (failure.kind()) {

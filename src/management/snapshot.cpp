@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::uint64_t knownFormat = 1;
 constexpr std::uint64_t queryToken = 1;
-// More than any broker can have to report: what goes on beyond that has no end.
+// More than any report has: a broker that sends more never ends it.
 constexpr std::size_t mostReportBytes = 512 * wire::mebibyte;
 
 // A category's name. A backslash is doubled, so that two names are never shown alike.

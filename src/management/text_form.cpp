@@ -107,7 +107,7 @@ class Form {
                                                              static_cast<double>(milliseconds));
     }
 
-    // What went wrong is shown only where it happened.
+    // Counts of failures are shown only where they are not zero.
     void addTraffic() {
         std::vector<Column> columns = {{"TRAFFIC"}, {"SINCE THE START", true}};
         if (earlier_ != nullptr) {

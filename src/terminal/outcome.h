@@ -1,5 +1,5 @@
-// What became of a message: the outcomes that scripts tell apart, as the library's statuses
-// map to them, with their exit statuses and what a user can do about each.
+// The outcomes of a message: which of the library's statuses mean which, the exit status of
+// each, and what a user can do about it.
 #ifndef KAVRI_TERMINAL_OUTCOME_H
 #define KAVRI_TERMINAL_OUTCOME_H
 

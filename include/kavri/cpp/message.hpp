@@ -62,9 +62,9 @@ class Event {
     detail::OwnedText payload_;
 };
 
-// A request, as its responder receives it. Whoever receives it answers it, once, by
-// Responder::answer, or ends it by Responder::endRequest: from the thread that received it
-// or any other, at once or later. A request that is only dropped stays pending, uses memory
+// A request, as its responder receives it. It must be answered once, by Responder::answer, or
+// ended, by Responder::endRequest: from the thread that received it or any other, at once or
+// later. A request that is only dropped stays pending, uses memory
 // of the broker, and lets its sender wait until the responder ends.
 class Request {
   public:

@@ -1,8 +1,8 @@
 // A sign of life that the event loop gives at intervals, for as long as it goes round.
 //
 // Given by the loop itself and by nothing beside it, so that it ends when the loop hangs.
-// It goes by the real clock, not the loop's own: whoever waits for the sign does not stop
-// while this process is stopped.
+// Its interval is measured with the system's clock, not the loop's own: the watchdog's time
+// goes on while this process is stopped.
 #ifndef KAVRI_BROKER_LOOP_HEARTBEAT_H
 #define KAVRI_BROKER_LOOP_HEARTBEAT_H
 

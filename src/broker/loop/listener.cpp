@@ -87,7 +87,7 @@ Listener::Listener(std::string path, bool openToOthers)
     watchFiles();
 }
 
-// Whoever made it may have made it to block.
+// A passed socket may be in blocking mode.
 Listener::Listener(base::Descriptor passed)
     : path_(listeningPath(passed.get())), socket_(std::move(passed)) {
     if (path_.empty()) {

@@ -36,7 +36,7 @@ class Listener {
     // openToOthers: whether users other than the broker's own may open the socket
     // file. Which of them may connect is the policy's decision.
     Listener(std::string path, bool openToOthers);
-    // A socket that listens already. Its file belongs to whoever made it: it is neither
+    // A socket that listens already. The service manager owns its file: it is neither
     // locked nor watched, changed or removed here. Throws CannotListen where it is not a
     // listening Unix stream socket with a path.
     explicit Listener(base::Descriptor passed);

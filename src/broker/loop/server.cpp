@@ -128,15 +128,17 @@ Clock::duration Server::sleep() {
 // keeps memory.
 std::optional<Clock::time_point> Server::sleepUntil(Clock::time_point now) const {
     std::optional<Clock::time_point> until = heartbeat_.due();
+    const auto noLaterThan = [&until](Clock::time_point due) {
+        until = until ? std::min(*until, due) : due;
+    };
     if (!pool_.isEmpty()) {
-        until = until ? std::min(*until, now + pauseBeforeTrim) : now + pauseBeforeTrim;
+        noLaterThan(now + pauseBeforeTrim);
     }
     if (const auto written = router_.tap().due()) {
-        until = until ? std::min(*until, *written) : written;
+        noLaterThan(*written);
     }
     if (const auto next = deadlines_.next()) {
-        const Clock::time_point due = now + (*next - clock_.at(now));
-        until = until ? std::min(*until, due) : due;
+        noLaterThan(now + (*next - clock_.at(now)));
     }
     return until;
 }

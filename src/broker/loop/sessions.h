@@ -29,8 +29,8 @@ class SessionTable {
     Session* find(SessionId id);
     void remove(Session& session);
 
-    // For a walk that goes on after others came and left. The first at this place or behind
-    // it; null where there is none.
+    // The first session at this place of the table or behind it; null where there is none.
+    // Sessions may come and go between the steps of a walk by places.
     const Session* firstFrom(std::uint64_t place) const;
     // The first account of a user with this number or a higher one.
     Reports::User firstUserFrom(std::uint64_t least) const;

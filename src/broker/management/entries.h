@@ -5,14 +5,13 @@
 
 #include <sys/types.h>
 
-#include <charconv>
-#include <concepts>
 #include <string>
 #include <string_view>
 
 #include "broker/routing/category_table.h"
 #include "broker/routing/counts.h"
 #include "broker/routing/flow_control.h"
+#include "broker/routing/lines.h"
 #include "broker/routing/session.h"
 #include "wire/limits.h"
 
@@ -30,29 +29,6 @@ struct BrokerFacts {
     pid_t process = 0;
     uid_t user = 0;
     Clock::time_point started = Clock::now();
-};
-
-// The payload of one report. Its memory is used again for the next.
-class Lines {
-  public:
-    Lines() { text_.reserve(reservedBytes); }
-
-    void clear() { text_.clear(); }
-    const std::string& text() const { return text_; }
-
-    void add(std::string_view name, std::string_view value) {
-        text_.append(name).append(1, '=').append(value).append(1, '\n');
-    }
-    void add(std::string_view name, std::integral auto value) {
-        std::array<char, 24> digits;
-        const char* const end = std::to_chars(digits.begin(), digits.end(), value).ptr;
-        add(name, std::string_view(digits.begin(), end));
-    }
-
-  private:
-    static constexpr std::size_t reservedBytes = 4096;
-
-    std::string text_;
 };
 
 void describeBroker(Lines& lines, const BrokerFacts& facts, Clock::time_point now);

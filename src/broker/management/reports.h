@@ -1,9 +1,10 @@
 // Answers the queries of managers: to each a row of reports, and then an acknowledgement.
 //
-// A round writes a bounded number of reports, to managers in turn, and none to one that has
-// not read what came before. So a report of thousands of connections delays nobody, and a
-// manager who does not read waits by himself. Between rounds sessions come and go: the walk
-// goes by their places in the table, and shows each that is there when it gets to it.
+// A round writes a bounded number of reports, to managers in turn, and none to a manager whose
+// send queue holds unread reports. So a report of thousands of connections delays no other
+// peer, and a manager that does not read delays only its own report. Between rounds sessions come
+// and go: the walk goes by their places in the table, and shows each that is there when it gets to
+// it.
 //
 // A category is shown with its responder's connection, or where nobody serves it, with that
 // of its first subscriber: so no list of them has to stand still.
@@ -93,7 +94,7 @@ class Reports {
     Router& router_;
     const Surroundings surroundings_;
     std::list<Report> reports_;
-    Lines lines_;
+    Lines lines_{4096};  // of a report; used again for the next
 };
 
 }  // namespace kavri::broker

@@ -1,5 +1,5 @@
 // What a monitor has asked for: which of what passes it wants to see, how much of each
-// payload, and how many observations were lost since it was last told.
+// payload, and how many observations were lost since the last report of losses.
 #ifndef KAVRI_BROKER_ROUTING_MONITOR_H
 #define KAVRI_BROKER_ROUTING_MONITOR_H
 

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "broker/routing/lines.h"
+
 namespace kavri::broker {
 
 using wire::Field;
@@ -14,9 +16,11 @@ using wire::FrameType;
 namespace {
 
 std::string limitsText(const wire::Limits& limits) {
-    return "payload_bytes=" + std::to_string(limits.payloadBytes) +
-           "\nfield_bytes=" + std::to_string(wire::fieldLimitBytes) +
-           "\nopen_requests=" + std::to_string(limits.openRequestsPerInitiator) + "\n";
+    Lines lines;
+    lines.add("payload_bytes", limits.payloadBytes);
+    lines.add("field_bytes", wire::fieldLimitBytes);
+    lines.add("open_requests", limits.openRequestsPerInitiator);
+    return lines.text();
 }
 
 }  // namespace

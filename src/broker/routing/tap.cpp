@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <cstring>
+#include <cinttypes>
+#include <cstdio>
 
 #include "base/assert.h"
 #include "broker/routing/category_table.h"
@@ -40,57 +40,18 @@ struct Tap::Observation {
 
 namespace {
 
-// Lines of `name=value`, and after an empty one the beginning of a payload. What may be
-// long is cut before, so there is always room, and nothing is allocated.
-class Lines {
-  public:
-    void add(std::string_view name, std::string_view value) {
-        put(name);
-        put("=");
-        put(value);
-        put("\n");
+// Connection, process and user; nothing of the broker.
+void addPeer(Lines& lines, std::string_view name, const Session* peer) {
+    if (peer == nullptr) {
+        return;
     }
-    void add(std::string_view name, std::integral auto value) {
-        put(name);
-        put("=");
-        putNumber(value);
-        put("\n");
-    }
-    // Connection, process and user; nothing of the broker.
-    void add(std::string_view name, const Session* peer) {
-        if (peer != nullptr) {
-            put(name);
-            put("=");
-            putNumber(numberOf(peer->id));
-            put("/");
-            putNumber(peer->process);
-            put("/");
-            putNumber(peer->user);
-            put("\n");
-        }
-    }
-    void addPayload(std::string_view payload) {
-        put("\n");
-        put(payload);
-    }
-    std::string_view text() const { return {bytes_.data(), length_}; }
-
-  private:
-    void putNumber(std::integral auto value) {
-        std::array<char, 24> digits;
-        const char* const end =
-            std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
-        put({digits.data(), end});
-    }
-    void put(std::string_view text) {
-        KAVRI_ASSERT(text.size() <= bytes_.size() - length_, "an observation has its limits");
-        std::memcpy(bytes_.data() + length_, text.data(), text.size());
-        length_ += text.size();
-    }
-
-    std::array<char, 1024 + Monitor::mostPayloadBytes> bytes_;
-    std::size_t length_ = 0;
-};
+    std::array<char, 64> text;
+    const int length =
+        std::snprintf(text.data(), text.size(), "%" PRIu64 "/%jd/%ju", numberOf(peer->id),
+                      std::intmax_t{peer->process}, std::uintmax_t{peer->user});
+    KAVRI_ASSERT(length > 0 && std::size_t(length) < text.size(), "three numbers fit");
+    lines.add(name, std::string_view(text.data(), std::size_t(length)));
+}
 
 void addMoment(Lines& lines, const Moment& moment) {
     lines.add(
@@ -197,11 +158,12 @@ void Tap::showTo(Session& monitor, const Observation& observation, const Moment&
     if (monitor.monitor->lost > 0) {
         tellLost(monitor, now);
     }
-    Lines lines;
+    Lines& lines = lines_;
+    lines.clear();
     addMoment(lines, now);
     lines.add("type", observation.type);
-    lines.add("from", observation.from);
-    lines.add("to", observation.to);
+    addPeer(lines, "from", observation.from);
+    addPeer(lines, "to", observation.to);
     if (observation.subscribedTo != nullptr) {
         lines.add("receivers", observation.subscribedTo->subscribers.size());
     }
@@ -229,12 +191,12 @@ void Tap::showTo(Session& monitor, const Observation& observation, const Moment&
 }
 
 void Tap::tellLost(Session& monitor, const Moment& now) {
-    Lines lines;
-    addMoment(lines, now);
-    lines.add("lost", std::exchange(monitor.monitor->lost, 0));
+    lines_.clear();
+    addMoment(lines_, now);
+    lines_.add("lost", std::exchange(monitor.monitor->lost, 0));
     Frame observed;
     observed.type = FrameType::observed;
-    observed[Field::payload] = lines.text();
+    observed[Field::payload] = lines_.text();
     surroundings_.enqueue(monitor, observed);
 }
 

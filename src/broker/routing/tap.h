@@ -19,6 +19,7 @@
 #include <string_view>
 #include <vector>
 
+#include "broker/routing/lines.h"
 #include "broker/routing/session.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
@@ -117,6 +118,7 @@ class Tap {
     const wire::Limits& limits_;
     const Surroundings surroundings_;
     std::vector<Session*> monitors_;
+    Lines lines_{1024 + Monitor::mostPayloadBytes};  // of an observation; used again for the next
     std::optional<Clock::time_point> due_;
 };
 

@@ -1,0 +1,39 @@
+// Lines of `name=value`: the payload of a welcome, a report and an observation.
+#ifndef KAVRI_BROKER_ROUTING_LINES_H
+#define KAVRI_BROKER_ROUTING_LINES_H
+
+#include <array>
+#include <charconv>
+#include <concepts>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kavri::broker {
+
+class Lines {
+  public:
+    // Up to this length nothing is allocated later; the memory stays with a clear.
+    explicit Lines(std::size_t reservedBytes = 0) { text_.reserve(reservedBytes); }
+
+    void clear() { text_.clear(); }
+    const std::string& text() const { return text_; }
+
+    void add(std::string_view name, std::string_view value) {
+        text_.append(name).append("=").append(value).append("\n");
+    }
+    void add(std::string_view name, std::integral auto value) {
+        std::array<char, 24> digits;
+        const char* const end = std::to_chars(digits.begin(), digits.end(), value).ptr;
+        add(name, std::string_view(digits.begin(), end));
+    }
+    // Behind the last line: the beginning of a message's payload.
+    void addPayload(std::string_view payload) { text_.append("\n").append(payload); }
+
+  private:
+    std::string text_;
+};
+
+}  // namespace kavri::broker
+
+#endif
