@@ -23,7 +23,7 @@ import logging
 import os
 import threading
 from collections.abc import Callable, Iterator
-from typing import Any
+from typing import Any, Self
 
 from . import _library
 from ._library import Options, library, take
@@ -226,6 +226,19 @@ class Endpoint:
 
     def request_received(self, token: _library.Request, fields: list[bytes]) -> None:
         """`fields`: category, identifier, uuid, payload."""
+
+
+class EndsWithBlock:
+    """What a ``with`` statement closes at its end."""
+
+    def close(self) -> None:
+        raise NotImplementedError
+
+    def __enter__(self) -> Self:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
 
 
 def encoded_all(**texts: Text) -> list[bytes]:

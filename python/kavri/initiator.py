@@ -13,13 +13,19 @@ import itertools
 import os
 import threading
 import time
-import types
 import uuid as uuids
 import weakref
 from collections.abc import Callable, Iterable
 
 from . import _library
-from ._endpoint import Endpoint, Settings, encoded_all, event_callback, response_callback
+from ._endpoint import (
+    EndsWithBlock,
+    Endpoint,
+    Settings,
+    encoded_all,
+    event_callback,
+    response_callback,
+)
 from ._mailbox import Mailbox, MailboxClosed
 from ._text import Text, decoded, encoded
 from .errors import Closed, ConnectionLost, Error, NoAnswer, Status, TimedOut
@@ -179,7 +185,7 @@ def timed_out() -> TimedOut:
     return TimedOut("no answer within the time limit", Status.IPC_NO_MESSAGE)
 
 
-class Subscription:
+class Subscription(EndsWithBlock):
     """The events of a category, from :meth:`Initiator.events`: an iterator that waits for the
     next event and ends when the subscription or its initiator is closed. For a ``with``
     statement; one that is dropped without ``close`` gets no events, but the broker goes on
@@ -221,14 +227,8 @@ class Subscription:
             raise StopIteration
         return event
 
-    def __enter__(self) -> Subscription:
-        return self
 
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
-
-class Initiator:
+class Initiator(EndsWithBlock):
     """A connection to the broker that sends requests and receives events.
 
     All methods may be called from any thread, any number at the same time. The connection is
@@ -312,14 +312,3 @@ class Initiator:
         """Ends the initiator. Requests under way raise ConnectionLost, subscriptions end. Waits
         for calls of other threads that are sending. A second call does nothing."""
         self._endpoint.close()
-
-    def __enter__(self) -> Initiator:
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: types.TracebackType | None,
-    ) -> None:
-        self.close()

@@ -4,12 +4,11 @@ from __future__ import annotations
 
 import os
 import threading
-import types
 import weakref
 from collections.abc import Callable, Iterator
 
 from . import _library
-from ._endpoint import Endpoint, Settings, encoded_all, log, request_callback
+from ._endpoint import EndsWithBlock, Endpoint, Settings, encoded_all, log, request_callback
 from ._mailbox import Mailbox, MailboxClosed
 from ._text import Text, decoded, encoded
 from .errors import Error
@@ -130,7 +129,7 @@ class Request(ReceivedRequest):
 Handler = Callable[[Request], Text | None]
 
 
-class Responder:
+class Responder(EndsWithBlock):
     """A connection to the broker that serves a category.
 
     All methods may be called from any thread, any number at the same time. A lost connection is
@@ -219,17 +218,6 @@ class Responder:
         """Ends the responder. Waits for calls of other threads that are sending. A second call
         does nothing."""
         self._endpoint.close()
-
-    def __enter__(self) -> Responder:
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: types.TracebackType | None,
-    ) -> None:
-        self.close()
 
 
 def call_handler(handler: Handler, request: Request) -> Text | None:
