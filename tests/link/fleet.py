@@ -124,10 +124,10 @@ class Machine:
         ports = eventually(self._ports, "the server's ports file")
         self.fleet.network.server_started(self.name, ports)
 
-    def start_broker(self, *arguments, further=""):
-        """further: of its configuration."""
+    def start_broker(self, *arguments, link=""):
+        """link: further lines of its [link]."""
         configuration = self.folder / "broker.toml"
-        configuration.write_text(self.fleet.broker_settings(self) + further)
+        configuration.write_text(self.fleet.broker_settings(self, link))
         self.broker = self._start(
             "broker", [self.fleet.programs / "kavri-broker", "--socket", self.socket, "--config",
                        configuration, *arguments], "ready")
@@ -224,10 +224,10 @@ class Fleet:
             if machine.server is not None:
                 eventually(lambda: machine.routes() >= others, f"the routes of {machine.name}")
 
-    def broker_settings(self, machine):
+    def broker_settings(self, machine, link):
         servers = json.dumps(self.network.servers_for(machine.name))
         return (f"[link]\nservers = {servers}\nname = \"{machine.name}\"\n"
-                "export = [\"test\"]\nimport = [\"test\"]\n"
+                f"export = [\"test\"]\nimport = [\"test\"]\n{link}\n"
                 "[access.category.\"test\"]\nserve = [\"*\", \"@link\"]\n"
                 "send = [\"*\", \"@link\"]\nsubscribe = [\"*\", \"@link\"]\n")
 
