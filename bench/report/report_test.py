@@ -18,7 +18,7 @@ def made_up(transport, factor):
     quiet = {who: {"processorUsPerSecond": 0.0} for who in ("server", "service", "clients")}
     return {**figures, "messagesPerSecond": 1e5 / factor, "bytesPerSecond": 3.2e6 / factor,
             "deliveriesPerSecond": 1e6 / factor, "medianOverSlowest": 1.1, "p99Ratio": 2.0,
-            "serverBytesPerClient": 500.0 * factor, "processor": quiet, "alone": figures,
+            "serverBytesPerClient": 500.0 * factor, "serverBytes": 2e6 * factor, "processor": quiet, "alone": figures,
             "flooded": figures, "seconds": 2.1, "transport": transport}
 
 

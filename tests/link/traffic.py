@@ -24,6 +24,7 @@ PAYLOAD = re.compile(r"what (\S+) asks")
 
 Request = collections.namedtuple("Request", "uuid identifier sent_ms outcome_ms outcome")
 CLOSED, RESTORED = "2", "3"
+NO_OUTCOMES = collections.Counter()
 
 
 class Program:
@@ -87,6 +88,13 @@ class Listener(Program):
                 if line.startswith("change ")]
 
 
+def shown(outcomes):
+    """How often each, in words."""
+    names = {ANSWERED: "answered", **NOT_DELIVERED, **UNKNOWN}
+    return ", ".join(f"{count} {names.get(outcome, outcome)}"
+                     for outcome, count in sorted(outcomes.items()))
+
+
 def recorded(machine):
     """The requests that the test services of a machine have handled, in order."""
     if not machine.record.exists():
@@ -130,6 +138,21 @@ def _wrong_with_request(request, handlers, limit_ms):
         return "this must not happen"
     took = request.outcome_ms - request.sent_ms
     return f"its outcome took {took} ms" if took > limit_ms else None
+
+
+def wrong_with_responders(loads, services):
+    """A load stays with one responder until that is lost, which some of its requests are told."""
+    handlers = {entry["request"]["uuid"]: machine.name
+                for machine in services for entry in recorded(machine)}
+    wrong = []
+    for load in loads:
+        requests = sorted(load.requests(), key=lambda each: int(each.uuid.rpartition("-")[2]))
+        names = [handlers[each.uuid] for each in requests if each.uuid in handlers]
+        changes = sum(before != now for before, now in zip(names, names[1:]))
+        failures = sum(each.outcome != ANSWERED for each in requests)
+        if changes > failures:
+            wrong.append(f"{load.name} had {changes} changes of responder and {failures} failures")
+    return wrong
 
 
 def wrong_with_counters(machines):
