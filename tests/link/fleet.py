@@ -154,12 +154,12 @@ class Machine:
         """Whether a request from here to the category is answered."""
         return self.request(category, "echo", "x", 2).stdout.rstrip("\n") == "x"
 
-    def routes(self):
-        """How many other servers this machine's one is connected with."""
+    def monitored(self, what):
+        """A page of what the server says of itself: "routez", say."""
         with self.fleet.network.connect(self.name, monitoring=True) as peer:
-            peer.sendall(b"GET /routez HTTP/1.0\r\n\r\n")
+            peer.sendall(b"GET /%s HTTP/1.0\r\n\r\n" % what.encode())
             with peer.makefile("rb") as answer:
-                return json.loads(answer.read().partition(b"\r\n\r\n")[2])["num_routes"]
+                return json.loads(answer.read().partition(b"\r\n\r\n")[2])
 
     def end(self, part, number=signal.SIGTERM):
         """part: "server" or "broker"."""
@@ -222,11 +222,12 @@ class Fleet:
         others = sum(machine.server is not None for machine in self) - 1
         for machine in self:
             if machine.server is not None:
-                eventually(lambda: machine.routes() >= others, f"the routes of {machine.name}")
+                eventually(lambda: machine.monitored("routez")["num_routes"] >= others, f"the routes of {machine.name}")
 
-    def broker_settings(self, machine, link):
+    def broker_settings(self, machine, link="", name=None):
+        """Of a broker on that machine, which has the machine's name unless it is given one."""
         servers = json.dumps(self.network.servers_for(machine.name))
-        return (f"[link]\nservers = {servers}\nname = \"{machine.name}\"\n"
+        return (f"[link]\nservers = {servers}\nname = \"{name or machine.name}\"\n"
                 f"export = [\"test\"]\nimport = [\"test\"]\n{link}\n"
                 "[access.category.\"test\"]\nserve = [\"*\", \"@link\"]\n"
                 "send = [\"*\", \"@link\"]\nsubscribe = [\"*\", \"@link\"]\n")
