@@ -38,6 +38,14 @@ class CategoryTable {
     // To be called when it may have lost its last responder or subscriber.
     void removeIfUnused(Category& category);
 
+    // `visit` must neither make nor remove categories.
+    template <typename Visit>
+    void forEach(const Visit& visit) const {
+        for (const auto& [name, category] : categories_) {
+            visit(*category);
+        }
+    }
+
     // The policy has other contents than before.
     void policyChanged();
 
