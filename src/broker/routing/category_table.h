@@ -2,6 +2,7 @@
 #ifndef KAVRI_BROKER_ROUTING_CATEGORY_TABLE_H
 #define KAVRI_BROKER_ROUTING_CATEGORY_TABLE_H
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,6 +16,12 @@
 namespace kavri::broker {
 
 struct Session;
+
+// What a subscription or a registration is charged: the name, and what goes with it in the
+// tables.
+constexpr std::size_t chargedFor(std::string_view category) {
+    return 256 + category.size();
+}
 
 struct Category {
     std::string name;

@@ -16,28 +16,12 @@ using wire::FrameType;
 
 namespace {
 
-bool isLarge(const InputFrame& frame) {
-    return frame.length >= wire::largeFrameBytes;
-}
-
-// What a subscription or a registration is charged: the name, and what goes with
-// it in the tables.
-constexpr std::size_t categoryBytes = 256;
-std::size_t chargedFor(std::string_view name) {
-    return categoryBytes + name.size();
-}
-
 Frame outcomeFrame(FrameType type, std::uint64_t token, kavri_core_status status) {
     Frame frame;
     frame.type = type;
     frame.token = token;
     frame.status = static_cast<std::uint16_t>(status);
     return frame;
-}
-
-bool isSubscribed(const Session& session, const Category& category) {
-    return std::ranges::count(session.asInitiator.subscriptions, &category,
-                              &Subscription::category) > 0;
 }
 
 // A frame of the broker's own making in the form of one that came in.
@@ -218,99 +202,6 @@ void Router::dropAnswer(Session& responder, const Frame& frame, std::string_view
     }
 }
 
-std::optional<Blocked> Router::publish(Session& from, InputFrame& frame) {
-    const Category* served = from.asResponder.served;
-    if (served == nullptr || served->name != frame.values[Field::category]) {
-        ++counts_.droppedEvents;
-        tap_.frame(&from, nullptr, frame.values, {.isDropped = true});
-        surroundings_.note(from, "published an event of a category that it does not serve");
-        return std::nullopt;
-    }
-    if (const auto blocked = blockedOnSubscriber(from, *served)) {
-        return blocked;
-    }
-    wire::replaceType(frame.bytes, FrameType::event);
-    if (!isLarge(frame)) {
-        gatherEvents(*served, frame);
-        if (isLarge(frame) && served->subscribers.size() > 1) {
-            frame.block = pool_.take(frame.length);
-            std::memcpy(frame.block->bytes(), frame.bytes, frame.length);
-        }
-    }
-    deliverToSubscribers(&from, *served, frame);
-    return std::nullopt;
-}
-
-// Small events that follow one another in the input are delivered together: each
-// subscriber's send queue is then looked for once, not for each event.
-void Router::gatherEvents(const Category& category, InputFrame& first) const {
-    while (true) {
-        char* const next = first.bytes + first.length;
-        const wire::FirstFrame following =
-            wire::firstFrame(next, first.bytesBehind, limits_.payloadBytes);
-        if (following.state != wire::FirstFrame::State::complete ||
-            following.frameBytes >= wire::largeFrameBytes ||
-            wire::typeOf(next) != FrameType::publish ||
-            wire::categoryOf(next, following.frameBytes) != category.name || wire::hasNul(next)) {
-            return;
-        }
-        wire::replaceType(next, FrameType::event);
-        first.length += following.frameBytes;
-        first.bytesBehind -= following.frameBytes;
-        ++first.frames;
-    }
-}
-
-void Router::subscribe(Session& from, const Frame& frame) {
-    const std::string_view name = frame[Field::category];
-    if (!policy_.at(name).subscribe.contains(from.user)) {
-        answer(from, frame, KAVRI_CORE_STATUS_IPC_REFUSED);
-        return;
-    }
-    Category* known = categories_.find(name);
-    const bool already = known != nullptr && isSubscribed(from, *known);
-    if (!already) {
-        if (from.asInitiator.subscriptions.size() >= limits_.subscriptionsPerInitiator ||
-            !flow_.hasShareLeft(from, chargedFor(name))) {
-            answer(from, frame, KAVRI_CORE_STATUS_IPC_OVERLOADED);
-            return;
-        }
-        addSubscription(from, name);
-    }
-    answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
-}
-
-// Strong guarantee: an allocation that fails changes nothing.
-void Router::addSubscription(Session& subscriber, std::string_view name) {
-    subscriber.asInitiator.subscriptions.push_back(
-        {nullptr, Charge(subscriber.account.memory, chargedFor(name))});
-    try {
-        Category& category = categories_.at(name);
-        subscriber.asInitiator.subscriptions.back().category = &category;
-        category.subscribers.push_back(&subscriber);
-        subscribersChanged(category);
-    } catch (const std::bad_alloc&) {
-        subscriber.asInitiator.subscriptions.pop_back();
-        if (Category* category = categories_.find(name)) {
-            categories_.removeIfUnused(*category);
-        }
-        throw;
-    }
-}
-
-void Router::unsubscribe(Session& from, const Frame& frame) {
-    Category* category = categories_.find(frame[Field::category]);
-    const auto isOfCategory = [category](const Subscription& subscription) {
-        return subscription.category == category;
-    };
-    if (category != nullptr && std::erase_if(from.asInitiator.subscriptions, isOfCategory) > 0) {
-        std::erase(category->subscribers, &from);
-        subscribersChanged(*category);
-        categories_.removeIfUnused(*category);
-    }
-    answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
-}
-
 void Router::registerResponder(Session& from, const Frame& frame) {
     const std::string_view name = frame[Field::category];
     if (!policy_.at(name).serve.contains(from.user)) {
@@ -381,12 +272,6 @@ void Router::serviceChanged(const Category& category) {
     }
 }
 
-void Router::subscribersChanged(Category& category) {
-    if (remote_ != nullptr) {
-        remote_->subscribersChanged(category);
-    }
-}
-
 void Router::send(Session& to, const Frame& frame) {
     enqueue(to, frame);
     toWrite_.add(to, Receivers::one);
@@ -438,32 +323,6 @@ std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
     return std::nullopt;
 }
 
-std::optional<Blocked> Router::blockedOnSubscriber(const Session& from,
-                                                   const Category& category) const {
-    const auto slow = std::ranges::find_if(
-        category.subscribers,
-        [this, &from](const Session* subscriber) { return flow_.mustWait(from, *subscriber); });
-    if (slow == category.subscribers.end()) {
-        return std::nullopt;
-    }
-    return Blocked{**slow};
-}
-
-void Router::deliverToSubscribers(const Session* from, const Category& category,
-                                  const InputFrame& event) {
-    tap_.events(from, category, {event.bytes, event.length});
-    counts_.publishedEvents += event.frames;
-    counts_.deliveredEvents += event.frames * category.subscribers.size();
-    const Receivers receivers = category.subscribers.size() > 1 ? Receivers::many : Receivers::one;
-    const bool isFromElsewhere = from != nullptr && from->transport != nullptr;
-    for (Session* subscriber : category.subscribers) {
-        // What came over the link does not go back over it.
-        if (!isFromElsewhere || subscriber->transport == nullptr) {
-            deliver(*subscriber, event, receivers);
-        }
-    }
-}
-
 void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) {
     if (to.isClosing) {
         return;
@@ -474,7 +333,7 @@ void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) 
         return;
     }
     try {
-        if (isLarge(frame) && frame.block) {
+        if (frame.isLarge() && frame.block) {
             to.sendQueue.appendShared(frame.block, frame.length);
         } else {
             to.sendQueue.appendCopy({frame.bytes, frame.length});

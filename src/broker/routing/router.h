@@ -39,6 +39,8 @@ struct InputFrame {
     // Bytes of input after the frame; publish() adds small events from there to `length`.
     std::size_t bytesBehind = 0;
     std::size_t frames = 1;
+
+    bool isLarge() const { return length >= wire::largeFrameBytes; }
 };
 
 class Router {
