@@ -2,10 +2,10 @@
 #ifndef KAVRI_BROKER_ROUTING_TRANSPORT_H
 #define KAVRI_BROKER_ROUTING_TRANSPORT_H
 
-#include <sys/uio.h>
-
 #include <cstddef>
 #include <span>
+
+struct iovec;  // memory, as a send queue hands it out
 
 namespace kavri::broker {
 
