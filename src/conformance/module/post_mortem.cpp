@@ -79,13 +79,14 @@ std::string endText(const RunRecord& record, const process::ExitState& exit) {
         return "the module " + process::exitText(exit) +
                (record.underWay() == nullptr ? afterTheCase : callsUnderWay(record));
     }
+    const std::string place = placeOf(*end, record);
     if (end->kind == ProcessEnd::Kind::call) {
         return "the library called " + end->function + "(" + std::to_string(end->number) + ")" +
-               placeOf(*end, record).substr(1);
+               (place.front() == ',' ? place.substr(1) : place);
     }
     process::ExitState signalled;
     signalled.signal = static_cast<int>(end->number);
-    return "the module " + process::exitText(signalled) + placeOf(*end, record);
+    return "the module " + process::exitText(signalled) + place;
 }
 
 }  // namespace

@@ -82,6 +82,16 @@ BOOST_AUTO_TEST_CASE(aCallThatEndsTheProcessIsNamed) {
                "the library called _exit(3) in f with {} on thread 7, the caller's" + noCheck);
 }
 
+BOOST_AUTO_TEST_CASE(itMayBeCalledOutsideOfEveryCallToo) {
+    tellOn(another, Kind::exit, "", 3, {{"function", "_exit"}});
+    BOOST_TEST(textOf(3) ==
+               "the library called _exit(3) on thread 8, which is the library's own, outside of "
+               "any call" +
+                   noCheck);
+    endCase();
+    BOOST_TEST(textOf(3) == "the library called _exit(3) after the case");
+}
+
 BOOST_AUTO_TEST_CASE(anEndWithoutLastWordsIsToldAsTheKernelDoes) {
     tell(Kind::call, "f", 1);
     tell(Kind::call, "g", 2);
