@@ -29,6 +29,11 @@ namespace kavri::conformance {
 // round, because no further one was wanted.
 enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled, stopped };
 
+// Whether another module can run the remaining cases after such an end.
+constexpr bool letsAnotherRun(RunEnd end) {
+    return end == RunEnd::moduleEnded || end == RunEnd::hung || end == RunEnd::channelClosed;
+}
+
 // To be followed by where that was.
 inline const std::string closedChannelText =
     "the library closed a file descriptor that is not its own, by which the kit follows the module";

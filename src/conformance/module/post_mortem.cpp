@@ -28,11 +28,6 @@ std::string lastPassed(const RunRecord& record) {
     return passed == checks.rend() ? "" : passed->text + ", at " + passed->place;
 }
 
-std::string afterWhichCheck(const RunRecord& record) {
-    const std::string passed = lastPassed(record);
-    return passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed;
-}
-
 // ", in F with {…} and in G with {…}": any of these may be to blame.
 std::string callsUnderWay(const RunRecord& record) {
     std::string text;
@@ -92,7 +87,8 @@ std::string endText(const RunRecord& record, const process::ExitState& exit) {
 }  // namespace
 
 std::string crashText(const RunRecord& record, const process::ExitState& exit) {
-    return endText(record, exit) + (record.underWay() == nullptr ? "" : afterWhichCheck(record));
+    return endText(record, exit) +
+           (record.underWay() == nullptr ? "" : lastPassedClause(lastPassed(record)));
 }
 
 std::string crashStack(const RunRecord& record) {
@@ -114,7 +110,7 @@ HangReport hangReport(const RunRecord& record, std::int64_t nowNs) {
 }
 
 std::string placeUnderWay(const RunRecord& record) {
-    return callsUnderWay(record) + afterWhichCheck(record);
+    return callsUnderWay(record) + lastPassedClause(lastPassed(record));
 }
 
 }  // namespace kavri::conformance

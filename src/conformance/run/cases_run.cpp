@@ -149,8 +149,7 @@ bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& 
     if (end == RunEnd::stopped) {
         return false;
     }
-    const bool goesOn =
-        end == RunEnd::moduleEnded || end == RunEnd::hung || end == RunEnd::channelClosed;
+    const bool goesOn = letsAnotherRun(end);
     if (record.cases().empty()) {
         outcome.refused = !record.hasEndedCase() && moduleRun.exit().code == frameworkRefusal;
         if (goesOn) {
