@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "base/printable.h"
 #include "base/text_scanner.h"
 
 namespace kavri::conformance {

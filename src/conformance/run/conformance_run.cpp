@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "base/printable.h"
 #include "conformance/cases/case_listing.h"
 #include "conformance/cases/expectation_list.h"
 #include "conformance/faults/fault_catalogue.h"
