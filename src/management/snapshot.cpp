@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <concepts>
-#include <limits>
 #include <unordered_map>
 
 #include "base/printable.h"
