@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
+#include <sys/stat.h>
 
 #include <boost/test/unit_test.hpp>
 #include <cstring>
