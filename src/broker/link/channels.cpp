@@ -210,6 +210,13 @@ void Channels::writeWaiting() {
     }
 }
 
+void Channels::describe(const Channel& channel, Lines& lines) const {
+    lines.add("way", channel.session().role == Role::responder ? "requests_out" : "requests_in");
+    if (channel.isOpen()) {
+        neighbours_.describe(channel.broker(), lines);
+    }
+}
+
 Channel* Channels::find(std::uint64_t id) {
     const auto known = channels_.find(id);
     return known == channels_.end() ? nullptr : known->second.get();

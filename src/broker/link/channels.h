@@ -66,6 +66,7 @@ class Channels : public Channel::Host {
     void handleInputSoon(Channel& channel) override;
     void handleFrames(Channel& channel, char* bytes, std::size_t count) override;
     void ended(Channel& channel) override;
+    void describe(const Channel& channel, Lines& lines) const override;
 
     Channel* make(std::string_view category, Role role, Session* payer);
     // Null where there is none, or it is not the sender's.

@@ -91,6 +91,8 @@ class EventImport::Feed : public Transport {
         }
     }
     void end() override { owner_.ended(*this); }
+    std::optional<std::string_view> categoryCarried() const override { return category->name; }
+    void describe(Lines& lines) const override { lines.add("way", "events_in"); }
 
   private:
     EventImport& owner_;

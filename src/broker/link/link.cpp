@@ -27,6 +27,7 @@ Link::Link(std::unique_ptr<Bus> bus, LinkOptions options, std::string_view ident
       line_{*bus_,
             surroundings.router,
             identityOf(identity),
+            options_.bus.name,
             surroundings.now,
             std::move(surroundings.openSession),
             std::move(surroundings.closeSession),
@@ -96,7 +97,7 @@ void Link::handleMessage(const Bus::Message& message, std::size_t& costBytes) {
         const auto opened = openEnvelope(message.data);
         if (!opened || opened->envelope.sender == line_.identity) {
             line_.note("a message over the link is none of another broker's; it is dropped");
-        } else if (neighbours_.accept(opened->envelope)) {
+        } else if (neighbours_.accept(opened->envelope, opened->content)) {
             channels_.handle(opened->envelope, opened->content);
         }
         return;
@@ -164,6 +165,19 @@ void Link::serviceChanged(const Category& category) {
         offers_.erase(known);
         channels_.withdraw(category.name);
     }
+}
+
+std::string_view Link::describe(Lines& lines) const {
+    const Bus::Connection& connection = bus_->connection();
+    lines.add("connected", connection.isUp ? 1 : 0);
+    lines.add("connections", connection.times);
+    lines.add("message_bytes", connection.mostDataBytes);
+    lines.add("queued_bytes", bus_->queuedBytes());
+    lines.add("brokers", neighbours_.size());
+    lines.add("channels", channels_.size());
+    lines.add("categories_out", offers_.size());
+    lines.add("events_in", import_.size());
+    return connection.isUp ? connection.server : connection.failure;
 }
 
 void Link::policyChanged() {

@@ -58,6 +58,7 @@ class Link : public RemoteServices {
     std::size_t mostFrameBytes() const override { return line_.mostContentBytes(); }
     void serviceChanged(const Category& category) override;
     void subscribersChanged(Category& category) override { import_.subscribersChanged(category); }
+    std::string_view describe(Lines& lines) const override;
 
     const Bus& bus() const { return *bus_; }
     const Channels& channels() const { return channels_; }

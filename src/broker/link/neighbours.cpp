@@ -32,7 +32,7 @@ void Neighbours::send(const BrokerIdentity& to, Envelope envelope, std::string_v
     line_.bus.publish(brokerSubject(to), message_);
 }
 
-bool Neighbours::accept(const Envelope& envelope) {
+bool Neighbours::accept(const Envelope& envelope, std::string_view content) {
     if (envelope.kind == EnvelopeKind::reset) {
         const auto known = associations_.find(envelope.sender);
         if (known != associations_.end() && known->second.isMeantBy(envelope)) {
@@ -57,7 +57,7 @@ bool Neighbours::accept(const Envelope& envelope) {
     if (envelope.kind != EnvelopeKind::ping && envelope.kind != EnvelopeKind::pong) {
         return true;
     }
-    answer(association, envelope);
+    answer(association, envelope, content);
     return false;
 }
 
@@ -69,8 +69,10 @@ void Neighbours::reset(const Envelope& stray) {
     line_.bus.publish(brokerSubject(stray.sender), message_);
 }
 
-void Neighbours::answer(Association& association, const Envelope& envelope) {
+void Neighbours::answer(Association& association, const Envelope& envelope,
+                        std::string_view content) {
     if (envelope.kind == EnvelopeKind::ping) {
+        association.call(content);
         send(envelope.sender, {.kind = EnvelopeKind::pong, .value = envelope.value});
     } else {
         const Clock::duration sentAt(static_cast<Clock::rep>(envelope.value));
@@ -106,10 +108,26 @@ void Neighbours::keepUp() {
     }
     for (const BrokerIdentity& broker : toPing) {
         const auto clock = static_cast<std::uint64_t>(line_.now.time_since_epoch().count());
-        send(broker, {.kind = EnvelopeKind::ping, .value = clock});
+        send(broker, {.kind = EnvelopeKind::ping, .value = clock}, line_.name);
     }
     std::erase_if(associations_,
                   [this](const auto& each) { return each.second.isIdle(line_.now); });
+}
+
+void Neighbours::describe(const BrokerIdentity& broker, Lines& lines) const {
+    lines.add("broker", hexText(broker));
+    const auto known = associations_.find(broker);
+    if (known == associations_.end()) {
+        return;
+    }
+    const Association& association = known->second;
+    if (!association.name().empty()) {
+        lines.add("broker_name", association.name());
+    }
+    if (association.roundTrip() > Clock::duration::zero()) {
+        lines.add("round_trip_us",
+                  std::chrono::ceil<std::chrono::microseconds>(association.roundTrip()).count());
+    }
 }
 
 void Neighbours::loseAll() {

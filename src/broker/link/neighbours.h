@@ -23,7 +23,7 @@ class Neighbours {
 
     // Whether a message is to be handled: the next of its sender's. It was answered here where
     // it is only about the association.
-    bool accept(const Envelope& envelope);
+    bool accept(const Envelope& envelope, std::string_view content);
 
     void addChannel(const BrokerIdentity& to) { with(to).addChannel(line_.now); }
     void removeChannel(const BrokerIdentity& to);
@@ -36,6 +36,10 @@ class Neighbours {
     void loseAll();
     void lose(const BrokerIdentity& broker, std::string_view reason);
 
+    // For reports: one of them, as far as it is known.
+    void describe(const BrokerIdentity& broker, Lines& lines) const;
+    std::size_t size() const { return associations_.size(); }
+
     const std::map<BrokerIdentity, Association>& all() const { return associations_; }
 
   private:
@@ -47,7 +51,7 @@ class Neighbours {
     }
     Association& with(const BrokerIdentity& broker);
     void reset(const Envelope& stray);
-    void answer(Association& association, const Envelope& envelope);
+    void answer(Association& association, const Envelope& envelope, std::string_view content);
 
     LinkLine& line_;
     std::function<void(const BrokerIdentity&)> lost_;
