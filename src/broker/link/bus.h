@@ -44,10 +44,11 @@ class Bus {
 
     struct Message {
         SubscriptionId subscription = 0;
+        std::string_view subject;
         std::string_view replyTo;
         std::string_view data;
         // Not a message: the server says that nobody is subscribed to what was published
-        // with this subject as its replyTo.
+        // with `subject` as its replyTo.
         bool nobodyListens = false;
     };
     struct Connection {
