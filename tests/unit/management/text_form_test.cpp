@@ -61,6 +61,19 @@ BOOST_AUTO_TEST_CASE(timesAndSizesAreReadable) {
     BOOST_TEST(has(text, "4294967293            2  1.5 KiB  64.0 MiB\n"), text);
 }
 
+BOOST_AUTO_TEST_CASE(everyCategoryIsShownTheBusiestFirst) {
+    Snapshot snapshot = withRequests(1'000, 0);
+    snapshot.categories = {{.name = "idle", .servedBy = "nobody"},
+                           {.name = "heard", .servedBy = "broker", .subscribers = 4},
+                           {.name = "busy", .servedBy = "broker", .requestsInFlight = 2}};
+    const std::string text = shown(snapshot);
+    BOOST_TEST(has(text,
+                   "\nbusy      broker             2            0\n"
+                   "heard     broker             0            4\n"
+                   "idle      nobody             0            0\n"),
+               text);
+}
+
 BOOST_AUTO_TEST_CASE(stalledComesBeforeCongestedAndThatBeforeThoseThatWait) {
     Snapshot snapshot = withRequests(1'000, 0);
     snapshot.connections = {
