@@ -72,8 +72,8 @@ struct RemoteEntry {
     std::uint64_t number = 0;
     std::string way;
     std::optional<std::string> category{};
-    std::string broker;  // at the other end; empty where there may be several
-    std::string brokerName;
+    std::string broker{};  // at the other end; empty where there may be several
+    std::string brokerName{};
     std::optional<std::uint64_t> roundTripUs{};
     std::uint64_t ageMs = 0;
     std::uint64_t pendingRequests = 0;

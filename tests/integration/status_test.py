@@ -545,12 +545,14 @@ class NoAnswer(StatusTest):
         self.assertEqual([(each["category"], each["way"], each["broker_name"])
                           for each in status["remote"]],
                          [("news", "events_in", None), *[("test", "requests_out", "host-1")] * 2])
+        self.path.unlink()
         self.fake(*answers)
         samples = prometheusSamples(self, self.output("--prometheus"))
         for name, label, count in (("up", None, 1), ("connections_total", None, 2),
                                    ("queued_bytes", None, 5), ("channels", 'broker="host-1"', 2),
                                    ("round_trip_microseconds", 'broker="host-1"', 40)):
             self.assertEqual(samples["kavri_link_" + name, label], count)
+        self.path.unlink()
         self.fake(*answers)
         shown = self.output()
         self.assertRegex(shown, "link: by nats://h:1  reconnected 1 times")
