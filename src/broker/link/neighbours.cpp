@@ -46,7 +46,7 @@ bool Neighbours::accept(const Envelope& envelope) {
     const auto judgement = with(envelope.sender).judge(envelope);
     if (judgement == Association::Judgement::stray) {
         lose(envelope.sender, "messages from it were lost");
-        reset(envelope);
+        reset(envelope.sender, 0, envelope.epoch);
         return false;
     }
     if (judgement == Association::Judgement::other) {
@@ -61,12 +61,14 @@ bool Neighbours::accept(const Envelope& envelope) {
     return false;
 }
 
-void Neighbours::reset(const Envelope& stray) {
-    const Envelope envelope{
-        .kind = EnvelopeKind::reset, .sender = line_.identity, .value = stray.epoch};
+void Neighbours::reset(const BrokerIdentity& to, std::uint64_t ownEpoch, std::uint64_t otherEpoch) {
     message_.clear();
-    appendEncoded(envelope, message_);
-    line_.bus.publish(brokerSubject(stray.sender), message_);
+    appendEncoded({.kind = EnvelopeKind::reset,
+                   .sender = line_.identity,
+                   .epoch = ownEpoch,
+                   .value = otherEpoch},
+                  message_);
+    line_.bus.publish(brokerSubject(to), message_);
 }
 
 void Neighbours::answer(Association& association, const Envelope& envelope) {
@@ -94,14 +96,18 @@ void Neighbours::keepUp() {
         return;
     }
     nextLook_ = line_.now + Association::pingEvery;
-    std::vector<BrokerIdentity> silent;
+    std::vector<std::pair<BrokerIdentity, std::uint64_t>> silent;
     std::vector<BrokerIdentity> toPing;
     for (const auto& [broker, association] : associations_) {
-        if (association.channels() > 0) {
-            (association.isSilent(line_.now) ? silent : toPing).push_back(broker);
+        if (association.channels() > 0 && association.isSilent(line_.now)) {
+            silent.emplace_back(broker, association.ownEpoch());
+        } else if (association.channels() > 0) {
+            toPing.push_back(broker);
         }
     }
-    for (const BrokerIdentity& broker : silent) {
+    // Perhaps it hears what it is not heard with.
+    for (const auto& [broker, epoch] : silent) {
+        reset(broker, epoch, 0);
         lose(broker, "it is silent");
     }
     for (const BrokerIdentity& broker : toPing) {

@@ -46,7 +46,7 @@ class Neighbours {
         return associations_.size() >= mostAssociations && !associations_.contains(broker);
     }
     Association& with(const BrokerIdentity& broker);
-    void reset(const Envelope& stray);
+    void reset(const BrokerIdentity& to, std::uint64_t ownEpoch, std::uint64_t otherEpoch);
     void answer(Association& association, const Envelope& envelope);
 
     LinkLine& line_;

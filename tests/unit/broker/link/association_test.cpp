@@ -71,13 +71,18 @@ BOOST_FIXTURE_TEST_CASE(judgingChangesNothing, Heard) {
     BOOST_TEST(isJudged(Judgement::expected, 3, 1));
 }
 
-BOOST_FIXTURE_TEST_CASE(aResetMeansTheEpochThatItNames, Heard) {
-    Envelope reset{.kind = EnvelopeKind::reset, .value = 7};
-    BOOST_TEST(association.isMeantBy(reset));
+BOOST_FIXTURE_TEST_CASE(aResetMeansAnEpochOfEitherSide, Heard) {
+    const auto means = [this](std::uint64_t theirs, std::uint64_t ours) {
+        return association.isMeantBy({.kind = EnvelopeKind::reset, .epoch = theirs, .value = ours});
+    };
+    BOOST_TEST(means(0, 7));
+    BOOST_TEST(!means(3, 0));  // nothing was heard in an epoch of the other side
+    hear(3, 0);
+    BOOST_TEST(means(3, 0));
     for (const std::uint64_t epoch :
          {std::uint64_t{0}, std::uint64_t{6}, std::uint64_t{8}, UINT64_MAX}) {
-        reset.value = epoch;
-        BOOST_TEST(!association.isMeantBy(reset), epoch);
+        BOOST_TEST(!means(0, epoch), epoch);
+        BOOST_TEST(!means(epoch, 0), epoch);
     }
 }
 

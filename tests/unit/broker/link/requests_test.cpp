@@ -317,3 +317,32 @@ BOOST_FIXTURE_TEST_CASE(aBrokerThatStopsTellsTheOthers, Two) {
     settle();
     BOOST_TEST(here.hear(caller) == lost(7));
 }
+
+BOOST_FIXTURE_TEST_CASE(aPartitionOfTheWayThereIsToldWithinThreeSeconds, Two) {
+    ask(7);
+    hub.cut(0, 1);
+    run(3s);
+    BOOST_TEST(here.hear(caller) == lost(7));
+    BOOST_TEST(there.link->channels().size() == 0U);
+}
+
+BOOST_FIXTURE_TEST_CASE(aPartitionOfTheWayBackIsToldWithinThreeSeconds, Two) {
+    ask(7);
+    hub.cut(1, 0);
+    run(3s);
+    BOOST_TEST(here.hear(caller) == lost(7));
+    BOOST_TEST(there.link->channels().size() == 0U);
+}
+
+// Before anything came back from the initiator's side.
+BOOST_FIXTURE_TEST_CASE(aPartitionAfterTheQuestionIsToldWithinThreeSeconds, Two) {
+    hub.loses = [this](std::string_view, std::string_view data) {
+        const auto opened = kavri::broker::openEnvelope(data);
+        return opened && opened->envelope.sender == here.identity() &&
+               opened->envelope.kind != kavri::broker::EnvelopeKind::open;
+    };
+    here.say(caller, request(7));
+    run(3s);
+    BOOST_TEST(here.hear(caller) == lost(7));
+    BOOST_TEST(there.hear(service).empty());
+}
