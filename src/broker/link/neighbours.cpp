@@ -32,22 +32,22 @@ void Neighbours::send(const BrokerIdentity& to, Envelope envelope, std::string_v
     line_.bus.publish(brokerSubject(to), message_);
 }
 
-bool Neighbours::accept(const Envelope& envelope) {
+Neighbours::Received Neighbours::receive(const Envelope& envelope) {
     if (envelope.kind == EnvelopeKind::reset) {
         const auto known = associations_.find(envelope.sender);
         if (known != associations_.end() && known->second.isMeantBy(envelope)) {
             lose(envelope.sender, "it lost messages from here, or forgot about them");
         }
-        return false;
+        return Received::settled;
     }
     if (isFullFor(envelope.sender)) {
-        return false;
+        return Received::settled;
     }
     const auto judgement = with(envelope.sender).judge(envelope);
     if (judgement == Association::Judgement::stray) {
         lose(envelope.sender, "messages from it were lost");
         reset(envelope.sender, 0, envelope.epoch);
-        return false;
+        return Received::stray;
     }
     if (judgement == Association::Judgement::other) {
         lose(envelope.sender, "it began anew");
@@ -55,10 +55,10 @@ bool Neighbours::accept(const Envelope& envelope) {
     Association& association = with(envelope.sender);
     association.accept(envelope, line_.now);
     if (envelope.kind != EnvelopeKind::ping && envelope.kind != EnvelopeKind::pong) {
-        return true;
+        return Received::next;
     }
     answer(association, envelope);
-    return false;
+    return Received::settled;
 }
 
 void Neighbours::reset(const BrokerIdentity& to, std::uint64_t ownEpoch, std::uint64_t otherEpoch) {

@@ -21,9 +21,12 @@ class Neighbours {
 
     void send(const BrokerIdentity& to, Envelope envelope, std::string_view content = {});
 
-    // Whether a message is to be handled: the next of its sender's. It was answered here where
-    // it is only about the association.
-    bool accept(const Envelope& envelope);
+    enum class Received {
+        next,     // of its sender's: to be handled
+        settled,  // only about the association: it was answered here
+        stray,    // not the next: the sender is told, and begins anew
+    };
+    Received receive(const Envelope& envelope);
 
     void addChannel(const BrokerIdentity& to) { with(to).addChannel(line_.now); }
     void removeChannel(const BrokerIdentity& to);

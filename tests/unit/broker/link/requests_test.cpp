@@ -346,3 +346,55 @@ BOOST_FIXTURE_TEST_CASE(aPartitionAfterTheQuestionIsToldWithinThreeSeconds, Two)
     BOOST_TEST(here.hear(caller) == lost(7));
     BOOST_TEST(there.hear(service).empty());
 }
+
+BOOST_FIXTURE_TEST_CASE(aLostServerIsToldAtOnceAndComesBack, Two) {
+    ask(7);
+    here.bus.disconnect();
+    settle();
+    BOOST_TEST(here.hear(caller) == lost(7));
+    here.say(caller, request(8));
+    settle();
+    BOOST_TEST(here.hear(caller) == noResponder(8));
+    here.bus.reconnect();
+    settle();
+    answer(ask(9));
+    BOOST_TEST(here.hear(caller) == "response 9" + fields + "p");
+}
+
+BOOST_FIXTURE_TEST_CASE(aConnectionThatWasReplacedAtOnceIsALostOne, Two) {
+    ask(7);
+    here.bus.disconnect();
+    here.bus.reconnect();
+    settle();
+    BOOST_TEST(here.hear(caller) == lost(7));
+    answer(ask(8));
+    BOOST_TEST(here.hear(caller) == "response 8" + fields + "p");
+}
+
+// Each forgets the other after a while without channels, one of them first.
+BOOST_FIXTURE_TEST_CASE(brokersThatForgotEachOtherMeetAgain, Two) {
+    hub.leastDelay = hub.mostDelay = 30ms;
+    const auto known = [](const LinkedBroker& broker) {
+        return broker.link->neighbours().all().size();
+    };
+    int hereFirst = 0;
+    int thereFirst = 0;
+    for (auto time = 200ms; time < 700ms; time += 20ms) {
+        Program& another = here.initiator();
+        here.say(another, request(8));
+        run(time);
+        BOOST_REQUIRE(framesIn(service.heard).size() == 1U);
+        there.say(service, response(framesIn(service.heard).at(0).token));
+        service.heard.clear();
+        run(100ms);
+        BOOST_TEST(here.hear(another) == "response 8" + fields + "p");
+        here.leave(another);
+        run(9s);
+        while (known(here) + known(there) == 2) {
+            run(10ms);
+        }
+        ++(known(here) == 0 ? hereFirst : thereFirst);
+    }
+    BOOST_TEST(hereFirst > 0);
+    BOOST_TEST(thereFirst > 0);
+}
