@@ -168,6 +168,15 @@ void Channels::withdraw(std::string_view category) {
     }
 }
 
+void Channels::endForbidden() {
+    for (const auto& [id, channel] : channels_) {
+        if (channel->session().role == Role::responder &&
+            !line_.router.policy().at(channel->category).serve.contains(linkUser)) {
+            line_.closeSession(channel->session(), CloseCause::leftByPeer, {});
+        }
+    }
+}
+
 void Channels::lose(const BrokerIdentity& broker) {
     for (const auto& [id, channel] : channels_) {
         if (channel->isOpen() && channel->broker() == broker) {

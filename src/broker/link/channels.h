@@ -48,6 +48,8 @@ class Channels : public Channel::Host {
     void asked(const Envelope& envelope, std::string_view category, bool isOffered);
     // The responder of the category here is gone.
     void withdraw(std::string_view category);
+    // The policy has changed: ends the channels to responders that may not serve any more.
+    void endForbidden();
 
     // A message about a channel.
     void handle(const Envelope& envelope, std::string_view content);

@@ -178,6 +178,7 @@ void Link::serviceChanged(const Category& category) {
 }
 
 void Link::policyChanged() {
+    channels_.endForbidden();
     export_.subscribeAnew();
 }
 

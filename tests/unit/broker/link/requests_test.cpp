@@ -398,3 +398,13 @@ BOOST_FIXTURE_TEST_CASE(brokersThatForgotEachOtherMeetAgain, Two) {
     BOOST_TEST(hereFirst > 0);
     BOOST_TEST(thereFirst > 0);
 }
+
+BOOST_FIXTURE_TEST_CASE(respondersElsewhereLoseTheRightToServe, Two) {
+    ask(7);
+    here.changePolicy({});
+    settle();
+    BOOST_TEST(here.hear(caller) == lost(7));
+    here.say(caller, request(8));
+    settle();
+    BOOST_TEST(here.hear(caller) == noResponder(8));
+}
