@@ -231,8 +231,11 @@ class LinkedBroker : public ScriptedBroker {
         return bytes;
     }
 
-    static std::size_t bytesInTransit(const Session& session) {
-        return session.transport == nullptr ? 0 : session.transport->bytesInTransit();
+    // Of a program that does not read, there is always something in its socket.
+    std::size_t bytesInTransit(const Session& session) {
+        return session.transport != nullptr ? session.transport->bytesInTransit()
+               : programOf(session)->reads  ? 0
+                                            : 1;
     }
     void beginMeasuring(Session& session) {
         broker::Congestion& congestion = router.flowControl().congestionOf(session, now);
