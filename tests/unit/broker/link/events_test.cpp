@@ -173,3 +173,69 @@ BOOST_FIXTURE_TEST_CASE(aSlowSubscriberHoldsUpNobodyForLong, Two) {
     BOOST_TEST(here.userBytes(kavri::broker::linkUser) == 0U);
     BOOST_TEST(here.userBytes(someUser) == 0U);
 }
+
+BOOST_FIXTURE_TEST_CASE(anEventReachesEachSubscriberOnce, Two) {
+    Program& another = here.subscriber("test");
+    Program& onTheSameMachine = there.subscriber("test");
+    Program& ofAnother = here.subscriber("other");
+    settle();
+    tell("news");
+    for (Program* program : {&subscriber, &another}) {
+        BOOST_TEST(here.hear(*program) == event("news"));
+    }
+    BOOST_TEST(there.hear(onTheSameMachine) == event("news"));
+    BOOST_TEST(here.hear(ofAnother).empty());
+}
+
+// Its broker exports the category too, and hears what it publishes itself.
+BOOST_FIXTURE_TEST_CASE(whatIsPublishedHereDoesNotComeBack, Two) {
+    Program& onTheSameMachine = there.subscriber("test");
+    settle();
+    tell("one");
+    tell("two");
+    BOOST_TEST(there.hear(onTheSameMachine) == event("one") + "\n" + event("two"));
+}
+
+BOOST_FIXTURE_TEST_CASE(aGapClosesTheSubscribers, Two) {
+    Program& onTheSameMachine = there.subscriber("test");
+    tell("one");
+    hub.loses = [](std::string_view, std::string_view data) {
+        const auto opened = openEnvelope(data);
+        return opened && opened->envelope.kind == EnvelopeKind::events;
+    };
+    tell("two");
+    hub.loses = {};
+    BOOST_TEST(subscriber.isConnected());
+    tell("three");
+    BOOST_TEST(subscriber.closing == eventsMissed("the link lost some"));
+    BOOST_TEST(here.hear(subscriber).substr(0, event("one").size()) == event("one"));
+    BOOST_TEST(onTheSameMachine.isConnected());
+    // It comes back, and misses nothing more.
+    Program& again = here.subscriber("test");
+    settle();
+    tell("four");
+    BOOST_TEST(here.hear(again) == event("four"));
+    BOOST_TEST(again.isConnected());
+}
+
+BOOST_FIXTURE_TEST_CASE(anEventThatTheServerDoesNotTakeIsAGap, LinkedWorld) {
+    hub.mostDataBytes = 100 * 1024;
+    LinkedBroker& here = start();
+    LinkedBroker& there = start();
+    Program& subscriber = here.subscriber("test");
+    Program& onTheSameMachine = there.subscriber("test");
+    Program& publisher = there.responder("test");
+    settle();
+    const auto tell = [&](const std::string& payload) {
+        there.say(publisher, publish(payload));
+        settle();
+    };
+    tell("one");
+    tell(std::string(hub.mostDataBytes, 'l'));
+    BOOST_TEST(there.notes.back() ==
+               "an event is larger than the link carries: it reaches no other machine");
+    BOOST_TEST(subscriber.isConnected());
+    tell("three");
+    BOOST_TEST(subscriber.closing == eventsMissed("the link lost some"));
+    BOOST_TEST(framesIn(onTheSameMachine.heard).size() == 3U);
+}
