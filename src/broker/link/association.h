@@ -57,8 +57,11 @@ class Association {
         heard_ = now;
     }
 
-    // Whether a reset is about this side's present epoch.
-    bool isMeantBy(const Envelope& reset) const { return reset.value == ownEpoch_; }
+    std::uint64_t ownEpoch() const { return ownEpoch_; }
+    // Whether a reset is about the present epoch of either side.
+    bool isMeantBy(const Envelope& reset) const {
+        return reset.value == ownEpoch_ || (hasHeard_ && reset.epoch == otherEpoch_);
+    }
 
     bool isSilent(Clock::time_point now) const { return now - heard_ >= silence; }
     void ponged(Clock::duration roundTrip) { roundTrip_ = roundTrip; }

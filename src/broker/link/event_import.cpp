@@ -173,6 +173,9 @@ bool EventImport::handle(const Bus::Message& message, std::size_t& costBytes) {
         line_.note("what came over the link as an event is none; it is dropped");
         return true;
     }
+    if (opened->envelope.sender == line_.identity) {
+        return true;  // exported here as well: the subscribers have it already
+    }
     const Feed::Order order = feed.orderOf(opened->envelope);
     if (order == Feed::Order::repeated || feed.session().isClosing) {
         return true;

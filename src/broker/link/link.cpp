@@ -94,16 +94,27 @@ void Link::handleMessage(const Bus::Message& message, std::size_t& costBytes) {
         return;
     }
     if (message.subscription == inbox_) {
-        const auto opened = openEnvelope(message.data);
-        if (!opened || opened->envelope.sender == line_.identity) {
-            line_.note("a message over the link is none of another broker's; it is dropped");
-        } else if (neighbours_.accept(opened->envelope, opened->content)) {
-            channels_.handle(opened->envelope, opened->content);
-        }
-        return;
+        return handleFromBroker(message);
     }
     if (message.subscription != answers_ && !import_.handle(message, costBytes)) {
         handleQuestion(message);
+    }
+}
+
+void Link::handleFromBroker(const Bus::Message& message) {
+    const auto opened = openEnvelope(message.data);
+    if (!opened || opened->envelope.sender == line_.identity) {
+        line_.note("a message over the link is none of another broker's; it is dropped");
+        return;
+    }
+    const Envelope& envelope = opened->envelope;
+    const bool isAnswer =
+        envelope.kind == EnvelopeKind::opened || envelope.kind == EnvelopeKind::refused;
+    const Neighbours::Received received = neighbours_.receive(envelope);
+    if (received == Neighbours::Received::next) {
+        channels_.handle(envelope, opened->content);
+    } else if (received == Neighbours::Received::stray && isAnswer) {
+        channels_.askAgain(envelope.channel);
     }
 }
 
@@ -181,6 +192,7 @@ std::string_view Link::describe(Lines& lines) const {
 }
 
 void Link::policyChanged() {
+    channels_.endForbidden();
     export_.subscribeAnew();
 }
 

@@ -71,6 +71,7 @@ class Link : public RemoteServices {
     void noteConnection();
     void handleMessages();
     void handleMessage(const Bus::Message& message, std::size_t& costBytes);
+    void handleFromBroker(const Bus::Message& message);
     void handleQuestion(const Bus::Message& message);
     void lose(const BrokerIdentity& broker) { channels_.lose(broker); }
     bool mayBeAsked(std::string_view category) const;
