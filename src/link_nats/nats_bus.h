@@ -31,6 +31,9 @@ class NatsBus final : public broker::Bus {
     SubscriptionId subscribe(std::string_view subject, std::string_view queue) override {
         return subscriptions_.add(subject, queue);
     }
+    SubscriptionId subscribeAnswers(std::string_view subject) override {
+        return subscriptions_.addForAnswers(subject);
+    }
     void unsubscribe(SubscriptionId subscription) override { subscriptions_.remove(subscription); }
 
     bool publish(std::string_view subject, std::string_view data,
@@ -52,7 +55,7 @@ class NatsBus final : public broker::Bus {
     Connection state_;
     std::unique_ptr<ServerConnection> server_;  // while there is a connection
     bool waitsForRoom_ = false;                 // the kernel did not take all
-    Subscriptions subscriptions_;
+    Subscriptions subscriptions_{wakeup_};
     std::string subject_;  // with the zero at the end that libnats wants
     std::string replyTo_;
 };

@@ -31,6 +31,7 @@ void Subscriptions::attach(natsConnection* connection) {
     KAVRI_ASSERT(natsStatistics_Create(&made) == NATS_OK, "there is memory for three numbers");
     statistics_.reset(made);
     connection_ = connection;
+    answers_ = std::make_shared<ServerAnswers>(wakeup_);
     for (Entry& entry : entries_) {
         subscribe(entry);
     }
@@ -38,6 +39,7 @@ void Subscriptions::attach(natsConnection* connection) {
 
 void Subscriptions::detach() {
     connection_ = nullptr;
+    answers_.reset();
     readMessages_ = 0;
     arrivedMessages_ = 0;
     currentMessages_ = 0;
@@ -47,7 +49,15 @@ void Subscriptions::detach() {
 }
 
 Subscriptions::Id Subscriptions::add(std::string_view subject, std::string_view queue) {
-    entries_.push_front({++lastId_, std::string(subject), std::string(queue), nullptr});
+    return add({++lastId_, std::string(subject), std::string(queue), false, nullptr});
+}
+
+Subscriptions::Id Subscriptions::addForAnswers(std::string_view subject) {
+    return add({++lastId_, std::string(subject), {}, true, nullptr});
+}
+
+Subscriptions::Id Subscriptions::add(Entry entry) {
+    entries_.push_front(std::move(entry));
     byId_.emplace(lastId_, entries_.begin());
     if (connection_ != nullptr) {
         subscribe(entries_.front());
@@ -57,6 +67,11 @@ Subscriptions::Id Subscriptions::add(std::string_view subject, std::string_view 
 
 // Fails only where the connection is lost, which is noticed elsewhere.
 void Subscriptions::subscribe(Entry& entry) const {
+    if (entry.isForAnswers) {
+        entry.subscription.reset(
+            ServerAnswers::subscribe(answers_, connection_, entry.subject, entry.id));
+        return;
+    }
     natsSubscription* made = nullptr;
     const natsStatus status =
         entry.queue.empty()
@@ -76,7 +91,9 @@ void Subscriptions::remove(Id id) {
     const auto found = byId_.find(id);
     KAVRI_ASSERT(found != byId_.end(), "a subscription is removed once");
     const Entries::iterator entry = found->second;
-    arrivedMessages_ -= std::min(arrivedMessages_, queuedMessages(entry->subscription.get()));
+    if (!entry->isForAnswers) {
+        arrivedMessages_ -= std::min(arrivedMessages_, queuedMessages(entry->subscription.get()));
+    }
     if (current_ == entry) {
         currentMessages_ = 0;
     }
@@ -97,27 +114,44 @@ void Subscriptions::noteArrivals() {
 }
 
 std::optional<broker::Bus::Message> Subscriptions::next() {
-    if (arrivedMessages_ == 0 || (currentMessages_ == 0 && !findArrivals())) {
-        return {};
+    if (auto answer = nextAnswer()) {
+        return answer;
     }
+    natsStatus status = NATS_NO_RESPONDERS;
     natsMsg* message = nullptr;
-    if (natsSubscription_NextMsg(&message, current_->subscription.get(), 0) != NATS_OK) {
+    while (status == NATS_NO_RESPONDERS) {  // an answer that is for nobody
+        if (arrivedMessages_ == 0 || (currentMessages_ == 0 && !findArrivals())) {
+            return {};
+        }
+        status = natsSubscription_NextMsg(&message, current_->subscription.get(), 0);
+        --arrivedMessages_;
+        --currentMessages_;
+    }
+    if (status != NATS_OK) {
         // The connection is lost, which a thread of libnats has noticed first.
         arrivedMessages_ = 0;
         currentMessages_ = 0;
         return {};
     }
-    --arrivedMessages_;
-    --currentMessages_;
     spend(message);
     return describe(message);
+}
+
+std::optional<broker::Bus::Message> Subscriptions::nextAnswer() {
+    while (auto answer = answers_ == nullptr ? std::nullopt : answers_->take()) {
+        if (byId_.contains(answer->subscription)) {
+            answer_ = std::move(answer->subject);
+            return broker::Bus::Message{answer->subscription, answer_, {}, {}, true};
+        }
+    }
+    return {};
 }
 
 // Where none is found, the rest came for what is not subscribed to any more.
 bool Subscriptions::findArrivals() {
     while (search_ != entries_.end()) {
         const Entries::iterator entry = search_++;
-        currentMessages_ = queuedMessages(entry->subscription.get());
+        currentMessages_ = entry->isForAnswers ? 0 : queuedMessages(entry->subscription.get());
         if (currentMessages_ > 0) {
             current_ = entry;
             entries_.splice(entries_.begin(), entries_, entry);
@@ -134,8 +168,7 @@ broker::Bus::Message Subscriptions::describe(natsMsg* message) const {
     return {.subscription = current_->id,
             .subject = natsMsg_GetSubject(message),
             .replyTo = replyTo == nullptr ? std::string_view() : replyTo,
-            .data = {natsMsg_GetData(message), bytes},
-            .nobodyListens = bytes == 0 && natsMsg_IsNoResponders(message)};
+            .data = {natsMsg_GetData(message), bytes}};
 }
 
 // The message stays valid until the next one is spent.

@@ -41,7 +41,7 @@ struct Pair {
     }
     static void settle(PumpedBus& bus) {
         const std::string inbox = "settled." + std::to_string(++inboxes);
-        const auto subscription = bus->subscribe(inbox);
+        const auto subscription = bus->subscribeAnswers(inbox);
         BOOST_REQUIRE(bus->publish("nobody.is.here", {}, inbox));
         bus->flush();
         BOOST_REQUIRE(bus.until([&] {
@@ -157,7 +157,7 @@ BOOST_FIXTURE_TEST_CASE(aMessageForAQueueReachesAnotherThanItsPublisher, Pair) {
 }
 
 BOOST_FIXTURE_TEST_CASE(thatNobodyListensIsSaid, Pair) {
-    const auto inbox = near->subscribe("inbox.*");
+    const auto inbox = near->subscribeAnswers("inbox.*");
     BOOST_TEST(near->publish("nobody", "data", "inbox.1"));
     near->flush();
     BOOST_REQUIRE(near.receives(1));
@@ -172,6 +172,16 @@ BOOST_FIXTURE_TEST_CASE(thatNobodyListensIsSaid, Pair) {
     BOOST_REQUIRE(near.receives(2));
     BOOST_TEST(near.received[1].nobodyListens);
     BOOST_TEST(near.received[1].subject == "inbox.2");
+}
+
+BOOST_FIXTURE_TEST_CASE(whereItIsNotAskedForTheRestArrives, Pair) {
+    near->subscribe("inbox");
+    BOOST_TEST(near->publish("nobody", "data", "inbox"));
+    settle();
+    BOOST_TEST(far->publish("inbox", "a message"));
+    far->flush();
+    BOOST_REQUIRE(near.receives(1));
+    BOOST_TEST(near.received[0].data == "a message");
 }
 
 BOOST_FIXTURE_TEST_CASE(nothingArrivesOnceUnsubscribed, Pair) {

@@ -27,10 +27,12 @@ MAY_USE = {
     "src/broker/memory": {"base", "wire"},
     "src/broker/routing": {"base", "wire", "kavri", "broker/memory"},
     "src/broker/management": {"base", "wire", "broker/memory", "broker/routing"},
-    "src/broker/link": {"base"},
+    "src/broker/link": {"base", "wire", "kavri", "broker/memory", "broker/routing"},
     "src/broker/loop": {
-        "base", "wire", "broker/log", "broker/management", "broker/memory", "broker/routing"},
-    "src/broker": {"base", "wire", "broker/log", "broker/loop", "broker/routing"},
+        "base", "wire", "broker/link", "broker/log", "broker/management", "broker/memory",
+        "broker/routing"},
+    "src/broker": {
+        "base", "wire", "broker/link", "broker/log", "broker/loop", "broker/routing"},
     "src/link_nats": {"base"},
     "src/test_service": {"base"},
     "src/conformance/agent": {"base", "conformance/faults", "kavri"},

@@ -32,7 +32,7 @@ class PumpedBus {
 
     std::vector<Received> received;
 
-    // Handles what there is until the condition holds; false where it never does.
+    // Flushes, and handles what there is, until the condition holds; false where it never does.
     template <typename Condition>
     bool until(const Condition& condition) {
         const auto deadline = std::chrono::steady_clock::now() + patience;
@@ -45,6 +45,7 @@ class PumpedBus {
         return true;
     }
     void handle(int waitMs) {
+        bus_->flush();
         pollfd ready{bus_->descriptor(), POLLIN, 0};
         if (::poll(&ready, 1, waitMs) <= 0) {
             return;
@@ -55,7 +56,6 @@ class PumpedBus {
                                 std::string(message->replyTo), std::string(message->data),
                                 message->nobodyListens});
         }
-        bus_->flush();
     }
     bool comesUp(std::uint64_t times = 1) {
         return until([&] { return bus_->connection().isUp && bus_->connection().times == times; });

@@ -48,7 +48,7 @@ class Bus {
         std::string_view replyTo;
         std::string_view data;
         // Not a message: the server says that nobody is subscribed to what was published
-        // with `subject` as its replyTo.
+        // with `subject` as its replyTo. Only subscriptions to answers get these.
         bool nobodyListens = false;
     };
     struct Connection {
@@ -82,6 +82,8 @@ class Bus {
     // with the same subject and a common queue, a message reaches one. What this bus
     // publishes reaches others only. Like messages, they are queued until flush.
     virtual SubscriptionId subscribe(std::string_view subject, std::string_view queue = {}) = 0;
+    // To what the server itself answers where nobody listens, by the replyTo of the question.
+    virtual SubscriptionId subscribeAnswers(std::string_view subject) = 0;
     virtual void unsubscribe(SubscriptionId subscription) = 0;
 
     // Queued until flush. False where the connection is not up, or it is more than a message

@@ -15,19 +15,25 @@
 
 namespace kavri::broker {
 
-// A set of users, or everybody.
+// Not a user: whoever is on the other side of the link to other brokers. The kernel gives this
+// number to nobody (the one above it means "no user").
+inline constexpr uid_t linkUser = static_cast<uid_t>(-2);
+
+// A set of users, or everybody on this machine.
 struct Users {
     bool everybody = false;
     std::set<uid_t> listed;
 
-    bool contains(uid_t user) const { return everybody || listed.contains(user); }
+    bool contains(uid_t user) const {
+        return (everybody && user != linkUser) || listed.contains(user);
+    }
 };
 
 // The rights at one category.
 struct CategoryPolicy {
     Users serve{true, {}};
-    Users send{true, {}};
-    Users subscribe{true, {}};
+    Users send{true, {linkUser}};
+    Users subscribe{true, {linkUser}};
 };
 
 struct Policy {
