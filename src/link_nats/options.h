@@ -15,7 +15,7 @@
 namespace kavri::link_nats {
 
 struct Server {
-    std::string address;
+    std::string address;  // as it may be shown: without a password
     Options options;
 };
 

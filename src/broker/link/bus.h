@@ -28,6 +28,8 @@ struct BusOptions {
     std::string credentialsFile;  // a user's token and seed in one file
     std::string nkey;             // the public key, with the file of its seed
     std::string nkeySeedFile;
+
+    bool operator==(const BusOptions&) const = default;
 };
 
 // The options cannot be used, whatever the servers say. The text says what is wrong and
