@@ -40,7 +40,7 @@ Link::Link(std::unique_ptr<Bus> bus, LinkOptions options, std::string_view ident
 
 void Link::begin() {
     inbox_ = bus_->subscribe(brokerSubject(line_.identity));
-    answers_ = bus_->subscribe(allAnswersSubject(line_.identity));
+    answers_ = bus_->subscribeAnswers(allAnswersSubject(line_.identity));
     for (const Category* category : line_.router.embedded()) {
         serviceChanged(*category);
     }
@@ -110,7 +110,7 @@ void Link::handleFromBroker(const Bus::Message& message) {
     const Envelope& envelope = opened->envelope;
     const bool isAnswer =
         envelope.kind == EnvelopeKind::opened || envelope.kind == EnvelopeKind::refused;
-    const Neighbours::Received received = neighbours_.receive(envelope);
+    const Neighbours::Received received = neighbours_.receive(envelope, opened->content);
     if (received == Neighbours::Received::next) {
         channels_.handle(envelope, opened->content);
     } else if (received == Neighbours::Received::stray && isAnswer) {

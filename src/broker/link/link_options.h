@@ -28,6 +28,8 @@ struct LinkOptions {
     std::set<std::string, std::less<>> imports;
     bool importsAll = false;
 
+    bool operator==(const LinkOptions&) const = default;
+
     bool isExported(std::string_view category) const { return exports.contains(category); }
     bool isImported(std::string_view category) const {
         return importsAll || imports.contains(category);
