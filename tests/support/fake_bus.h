@@ -118,7 +118,10 @@ class FakeBus : public broker::Bus {
         if (!actual_.isUp) {
             outbox_.clear();
             queuedBytes_ = 0;
-            actual_ = {true, actual_.times + 1, "fake:4222", actual_.failure, hub_.mostDataBytes};
+            actual_.isUp = true;
+            ++actual_.times;
+            actual_.server = "fake:4222";
+            actual_.mostDataBytes = hub_.mostDataBytes;
         }
     }
 
@@ -157,6 +160,9 @@ class FakeBus : public broker::Bus {
         require(isPublishableSubject(fixed), "no subject to subscribe to: ", subject);
         subscriptions_[++lastSubscription_] = {std::string(subject), std::string(queue)};
         return lastSubscription_;
+    }
+    SubscriptionId subscribeAnswers(std::string_view subject) override {
+        return subscribe(subject, {});
     }
     void unsubscribe(SubscriptionId subscription) override {
         spoil();
