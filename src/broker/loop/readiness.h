@@ -27,6 +27,7 @@ inline constexpr std::uint64_t signalMark = UINT64_MAX - 1;
 inline constexpr std::uint64_t filesMark = UINT64_MAX - 2;
 inline constexpr std::uint64_t bulkMark = UINT64_MAX - 3;  // some of the bulk set are ready
 inline constexpr std::uint64_t timerMark = UINT64_MAX - 4;
+inline constexpr std::uint64_t linkMark = UINT64_MAX - 5;
 
 inline std::uint64_t markOf(SessionId id) {
     return (static_cast<std::uint64_t>(id.generation) << 32U) | id.index;

@@ -30,14 +30,16 @@ std::size_t receiversOf(const Session& session) {
 Server::Server(ServerOptions options, Listener& listener, const Log& log)
     : limits_(options.limits),
       policy_(std::move(options.policy)),
+      identity_(std::move(options.identity)),
       facts_(std::move(options.facts)),
+      log_(log),
       router_(
           limits_, policy_, pool_,
           {[this](Session& session, CloseCause cause, std::string_view reason) {
                close(session, cause, reason);
            },
-           [&log](const Session& session, std::string_view what) {
-               if (log.admits(what)) {
+           [this](const Session& session, std::string_view what) {
+               if (log_.admits(what)) {
                    spdlog::warn("process {} of user {} {}", session.process, session.user, what);
                }
            },
@@ -46,7 +48,7 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
       reports_(router_, {limits_, facts_, counts_, [this] { return sessions_.size(); },
                          [this](std::uint64_t place) { return sessions_.firstFrom(place); },
                          [this](std::uint64_t least) { return sessions_.firstUserFrom(least); }}),
-      protocol_(limits_, router_, pool_, std::move(options.identity),
+      protocol_(limits_, router_, pool_, identity_,
                 [this](Session& session, CloseCause cause, std::string_view reason) {
                     close(session, cause, reason);
                 }),
@@ -59,6 +61,29 @@ Server::Server(ServerOptions options, Listener& listener, const Log& log)
       heartbeat_(std::move(options.heartbeat)),
       clock_(Clock::now()),
       now_(clock_.now()) {}
+
+void Server::join(std::unique_ptr<Bus> bus, LinkOptions options) {
+    link_ = std::make_unique<Link>(
+        std::move(bus), std::move(options), identity_,
+        Link::Surroundings{router_, now_,
+                           [this](Role role, Transport& transport, Session* payer) {
+                               return openRemote(role, transport, payer);
+                           },
+                           [this](Session& session, CloseCause cause, std::string_view reason) {
+                               close(session, cause, reason);
+                           },
+                           [this](Session& session, char* frames, std::size_t count) {
+                               traffic_.handle(session, frames, count);
+                           },
+                           [this](std::string_view what) {
+                               if (log_.admits(what)) {
+                                   spdlog::warn("{}", what);
+                               }
+                           }});
+    router_.join(*link_);
+    readiness_.watch(link_->descriptor(), linkMark);
+    link_->begin();
+}
 
 void Server::run(int signalDescriptor, std::function<void()> onSignal) {
     onSignal_ = std::move(onSignal);
@@ -79,6 +104,7 @@ void Server::run(int signalDescriptor, std::function<void()> onSignal) {
             handleBulk();
         }
         handleDeadlines();
+        advanceLink();
         if (std::exchange(filesChanged_, false)) {
             keepListening();
         }
@@ -137,8 +163,10 @@ std::optional<Clock::time_point> Server::sleepUntil(Clock::time_point now) const
     if (const auto written = router_.tap().due()) {
         noLaterThan(*written);
     }
-    if (const auto next = deadlines_.next()) {
-        noLaterThan(now + (*next - clock_.at(now)));
+    for (const auto& next : {deadlines_.next(), link_ ? link_->due() : std::nullopt}) {
+        if (next) {
+            noLaterThan(now + (*next - clock_.at(now)));
+        }
     }
     return until;
 }
@@ -153,6 +181,9 @@ void Server::handleEvent(const epoll_event& event) {
             return;
         case filesMark:
             filesChanged_ = true;
+            return;
+        case linkMark:
+            link_->handle();
             return;
         case bulkMark:
             bulkIsReady_ = true;
@@ -219,6 +250,21 @@ std::size_t Server::readShare(const Session& session) const {
     return std::min(frames * session.input.typicalFrameBytes, Traffic::mostReadBytes);
 }
 
+void Server::advanceLink() {
+    if (link_ != nullptr) {
+        link_->advance();
+    }
+}
+
+Session* Server::openRemote(Role role, Transport& transport, Session* payer) {
+    try {
+        return &sessions_.addRemote(role, transport, payer, pool_);
+    } catch (const std::bad_alloc&) {
+        spdlog::error("no memory for what comes over the link");
+        return nullptr;
+    }
+}
+
 void Server::handleDeadlines() {
     while (const auto due = deadlines_.takeDue(now_)) {
         if (due->kind == DeadlineKind::listen) {
@@ -274,6 +320,9 @@ void Server::finishRound() {
         }
         return nobodyWaits;
     });
+    if (link_ != nullptr) {
+        link_->flush();
+    }
 }
 
 void Server::sayGoodbye() {
@@ -292,6 +341,9 @@ void Server::reconfigure(wire::Limits limits, Policy policy) {
     limits_ = limits;
     policy_ = std::move(policy);
     router_.policyChanged();
+    if (link_ != nullptr) {
+        link_->policyChanged();
+    }
     sessions_.forEach([this](Session& session) {
         if (const std::string_view reason = lostRight(session, policy_); !reason.empty()) {
             close(session, CloseCause::notPermitted, reason);
@@ -331,15 +383,16 @@ void Server::close(Session& session, CloseCause cause, std::string_view reason) 
         return;
     }
     session.isClosing = true;
-    ++counts_.closedBy(cause);
+    if (session.transport == nullptr) {
+        ++counts_.closedBy(cause);
+    }
     router_.tap().closed(session, statusOf(cause), reason);
     closing_.push_back(&session);
     if (reason.empty()) {
         return;  // the peer has closed the connection
     }
     if (!stopping_) {
-        spdlog::warn("closing the connection of process {} of user {}: {}", session.process,
-                     session.user, reason);
+        logClosing(session, reason);
     }
     try {
         session.sendQueue.append(goodbyeFrame(statusOf(cause), reason));
@@ -348,10 +401,22 @@ void Server::close(Session& session, CloseCause cause, std::string_view reason) 
     }
 }
 
+void Server::logClosing(const Session& session, std::string_view reason) {
+    if (session.transport == nullptr) {
+        spdlog::warn("closing the connection of process {} of user {}: {}", session.process,
+                     session.user, reason);
+    } else if (log_.admits(reason)) {
+        spdlog::warn("closing a channel of the link: {}", reason);
+    }
+}
+
 void Server::leave(Session& session) {
     Traffic::sendLast(session);  // says why it is closed
     router_.forget(session);
     reports_.forget(session);
+    if (Transport* const transport = std::exchange(session.transport, nullptr)) {
+        transport->end();
+    }
     leaving_.push_back(&session);
 }
 

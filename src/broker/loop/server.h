@@ -12,9 +12,11 @@
 #define KAVRI_BROKER_LOOP_SERVER_H
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "broker/link/link.h"
 #include "broker/log/log.h"
 #include "broker/loop/acceptor.h"
 #include "broker/loop/deadlines.h"
@@ -52,6 +54,9 @@ class Server {
     void embed(std::string_view category, LocalService& service) {
         router_.embed(category, service);
     }
+
+    // Joins the broker to others. To be called before run, once.
+    void join(std::unique_ptr<Bus> bus, LinkOptions options);
 
     // Runs until stop is called, then closes all sessions with a goodbye. Throws
     // CannotListen, after the goodbyes, if its socket was replaced by another's. Calls
@@ -93,11 +98,13 @@ class Server {
     std::optional<Clock::time_point> sleepUntil(Clock::time_point now) const;
     bool hasWorkLeft() {
         return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease() ||
-               reports_.hasWork();
+               reports_.hasWork() || (link_ != nullptr && link_->hasWork());
     }
     void handleEvent(const epoll_event& event);
     void handleSession(Session& session, const epoll_event& event);
     void handleBulk();
+    Session* openRemote(Role role, Transport& transport, Session* payer);
+    void advanceLink();
     void receive(Session& session);
     std::size_t readShare(const Session& session) const;
     const FanOutShare& fanOutShare() const;
@@ -112,12 +119,15 @@ class Server {
 
     Session* find(SessionId id) { return sessions_.find(id); }
     void close(Session& session, CloseCause cause, std::string_view reason);
+    void logClosing(const Session& session, std::string_view reason);
     void leave(Session& session);
     void remove(Session& session);
 
     wire::Limits limits_;
     Policy policy_;
+    const std::string identity_;
     const BrokerFacts facts_;
+    const Log& log_;
     ConnectionCounts counts_;
     std::function<void()> onSignal_;
     Clock::time_point othersSentAt_;  // than a publisher to several
@@ -141,6 +151,8 @@ class Server {
     Heartbeat heartbeat_;
     LoopClock clock_;
     Clock::time_point now_;  // by the loop's clock
+
+    std::unique_ptr<Link> link_;  // to other brokers, where there is one
 
     std::vector<Session*> closing_;
     std::vector<Session*> leaving_;  // removed when no sender is blocked on them

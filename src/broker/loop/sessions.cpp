@@ -11,7 +11,11 @@
 namespace kavri::broker {
 
 SessionTable::~SessionTable() {
-    forEach([](const Session& session) { ::close(session.descriptor); });
+    forEach([](const Session& session) {
+        if (session.descriptor >= 0) {
+            ::close(session.descriptor);
+        }
+    });
 }
 
 std::size_t SessionTable::connectionsOf(uid_t user) const {
@@ -20,21 +24,33 @@ std::size_t SessionTable::connectionsOf(uid_t user) const {
 }
 
 Session& SessionTable::add(const Accepted& accepted, BufferPool& pool) {
+    Session& session = insert(accepted.user, users_[accepted.user], pool);
+    session.process = accepted.process;
+    session.descriptor = accepted.descriptor;
+    ++session.account.connections;
+    return session;
+}
+
+Session& SessionTable::addRemote(Role role, Transport& transport, const Session* payer,
+                                 BufferPool& pool) {
+    Session& session = insert(linkUser, payer == nullptr ? users_[linkUser] : payer->account, pool);
+    session.role = role;
+    session.transport = &transport;
+    ++remote_;
+    return session;
+}
+
+Session& SessionTable::insert(uid_t user, UserAccount& account, BufferPool& pool) {
     if (freePlaces_.empty()) {
         freePlaces_.push_back(static_cast<std::uint32_t>(places_.size()));
         places_.emplace_back();
     }
     const std::uint32_t index = freePlaces_.back();
     Place& place = places_[index];
-    UserAccount& account = users_[accepted.user];
     place.session =
-        std::make_unique<Session>(SessionId{index, place.generation}, accepted.user, account, pool);
-    Session& session = *place.session;
+        std::make_unique<Session>(SessionId{index, place.generation}, user, account, pool);
     freePlaces_.pop_back();
-    session.process = accepted.process;
-    session.descriptor = accepted.descriptor;
-    ++account.connections;
-    return session;
+    return *place.session;
 }
 
 Session* SessionTable::find(SessionId id) {
@@ -60,8 +76,12 @@ Reports::User SessionTable::firstUserFrom(std::uint64_t least) const {
 }
 
 void SessionTable::remove(Session& session) {
-    ::close(session.descriptor);
-    --session.account.connections;
+    if (session.descriptor >= 0) {
+        ::close(session.descriptor);
+        --session.account.connections;
+    } else {
+        --remote_;
+    }
     Place& place = places_[session.id.index];
     KAVRI_ASSERT(place.session.get() == &session, "a session is removed once, from its own place");
     ++place.generation;

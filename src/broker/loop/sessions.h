@@ -20,11 +20,15 @@ class SessionTable {
     SessionTable& operator=(const SessionTable&) = delete;
     ~SessionTable();
 
-    std::size_t size() const { return places_.size() - freePlaces_.size(); }
+    // Those with a connection.
+    std::size_t size() const { return places_.size() - freePlaces_.size() - remote_; }
     std::size_t connectionsOf(uid_t user) const;
 
     // The session owns the accepted descriptor. Strong guarantee.
     Session& add(const Accepted& accepted, BufferPool& pool);
+    // One without a connection, of the link's pseudo user; its memory is charged to that of
+    // the payer where there is one. Strong guarantee.
+    Session& addRemote(Role role, Transport& transport, const Session* payer, BufferPool& pool);
     // Null when the session is gone.
     Session* find(SessionId id);
     void remove(Session& session);
@@ -52,9 +56,12 @@ class SessionTable {
         std::uint32_t generation = 0;
     };
 
+    Session& insert(uid_t user, UserAccount& account, BufferPool& pool);
+
     std::map<uid_t, UserAccount> users_;
     std::vector<Place> places_;
     std::vector<std::uint32_t> freePlaces_;
+    std::size_t remote_ = 0;
 };
 
 }  // namespace kavri::broker

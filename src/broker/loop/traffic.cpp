@@ -20,7 +20,10 @@ namespace {
 constexpr std::size_t piecesPerWrite = 64;
 
 // What the kernel holds for the peer, with its own overhead.
-std::size_t bytesInSocket(const Session& session) {
+std::size_t bytesInTransit(const Session& session) {
+    if (session.transport != nullptr) {
+        return session.transport->bytesInTransit();
+    }
     int bytes = 0;
     return ::ioctl(session.descriptor, SIOCOUTQ, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
 }
@@ -28,6 +31,9 @@ std::size_t bytesInSocket(const Session& session) {
 ssize_t sendSome(const Session& session) {
     std::array<iovec, piecesPerWrite> pieces;
     const std::size_t count = session.sendQueue.gather(pieces.data(), pieces.size());
+    if (session.transport != nullptr) {
+        return static_cast<ssize_t>(session.transport->send({pieces.data(), count}));
+    }
     if (count <= 1) {
         return count == 0 ? 0
                           : ::send(session.descriptor, pieces[0].iov_base, pieces[0].iov_len,
@@ -75,6 +81,10 @@ bool Traffic::readFrom(Session& session, std::size_t mostBytes) {
     takeInput(session, [&] { return protocol().take(session, readBuffer_.data(), total); });
     noteFrameSize(session, static_cast<std::size_t>(count), protocol().frames() - framesBefore);
     return static_cast<std::size_t>(count) == mostBytes;
+}
+
+void Traffic::handle(Session& session, char* frames, std::size_t count) {
+    takeInput(session, [&] { return protocol().take(session, frames, count); });
 }
 
 // Grows step by step, so that one large frame among many small ones does not make the next
@@ -227,7 +237,7 @@ void Traffic::beginMeasuring(Session& session) {
     Congestion& congestion = router().flowControl().congestionOf(session, now());
     if (!congestion.isMeasured) {
         congestion.isMeasured = true;
-        congestion.writtenBytes = static_cast<std::int64_t>(bytesInSocket(session));
+        congestion.writtenBytes = static_cast<std::int64_t>(bytesInTransit(session));
         setDrainDeadline(session);
     }
 }
@@ -247,7 +257,7 @@ void Traffic::checkDrain(Session& session) {
     if (session.congestion == nullptr) {
         return;
     }
-    const std::size_t left = bytesInSocket(session);
+    const std::size_t left = bytesInTransit(session);
     DrainMeter& meter = session.congestion->meter;
     meter.sample(now(), session.congestion->writtenBytes - static_cast<std::int64_t>(left), left);
     // What a monitor does not read is bounded, and nobody waits for it.
@@ -278,6 +288,10 @@ void Traffic::endIfDrained(Session& session) {
 // be reported again and again. What is written at the end of this round anyway
 // needs no watching yet.
 void Traffic::watch(Session& session) {
+    if (session.transport != nullptr) {
+        session.transport->watchInput(!session.isBlocked());
+        return;
+    }
     const std::uint32_t wanted =
         (session.isBlocked() ? 0U : static_cast<std::uint32_t>(EPOLLIN)) |
         (session.sendQueue.empty() || session.listedForWriting || session.listedForFanOut

@@ -44,6 +44,8 @@ class Traffic {
     // One read, of at most that much unless a large frame is coming in, and what
     // follows from it. Whether there is probably more to be read.
     bool receive(Session& session, std::size_t mostBytes);
+    // Whole frames that came in for a session without a socket.
+    void handle(Session& session, char* frames, std::size_t count);
     // One write; the rest is written in a later round, after the other sessions.
     void writeTo(Session& session);
     // One attempt to send what is queued for a session that is being closed.

@@ -2,6 +2,7 @@
 #ifndef KAVRI_BROKER_ROUTING_CATEGORY_TABLE_H
 #define KAVRI_BROKER_ROUTING_CATEGORY_TABLE_H
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,6 +16,12 @@
 namespace kavri::broker {
 
 struct Session;
+
+// What a subscription or a registration is charged: the name, and what goes with it in the
+// tables.
+constexpr std::size_t chargedFor(std::string_view category) {
+    return 256 + category.size();
+}
 
 struct Category {
     std::string name;
@@ -37,6 +44,14 @@ class CategoryTable {
     Category& at(std::string_view name);
     // To be called when it may have lost its last responder or subscriber.
     void removeIfUnused(Category& category);
+
+    // `visit` must neither make nor remove categories.
+    template <typename Visit>
+    void forEach(const Visit& visit) const {
+        for (const auto& [name, category] : categories_) {
+            visit(*category);
+        }
+    }
 
     // The policy has other contents than before.
     void policyChanged();

@@ -24,6 +24,7 @@ enum class CloseCause : std::uint8_t {
     incompleteFrame,
     shareUsedUp,
     outOfResources,
+    eventsMissed,
 };
 
 struct CloseCauseFacts {
@@ -44,6 +45,7 @@ inline constexpr std::array closeCauses = {
     CloseCauseFacts{"closed_incomplete_frame", KAVRI_CORE_STATUS_IPC_OVERLOADED},
     CloseCauseFacts{"closed_share_used_up", KAVRI_CORE_STATUS_IPC_OVERLOADED},
     CloseCauseFacts{"closed_out_of_resources", KAVRI_CORE_STATUS_OUT_OF_RESOURCES},
+    CloseCauseFacts{"closed_events_missed", KAVRI_CORE_STATUS_IPC_CONNECTION_LOST},
 };
 
 inline kavri_core_status statusOf(CloseCause cause) {

@@ -22,9 +22,25 @@ struct TrafficCounts {
     std::uint64_t noResponder = 0;
     std::uint64_t responderLost = 0;
     std::uint64_t overloaded = 0;
+    std::uint64_t tooLarge = 0;  // for the link
     // Answers to no pending request, and events of a category that the sender does not serve.
     std::uint64_t droppedAnswers = 0;
     std::uint64_t droppedEvents = 0;
+
+    std::uint64_t& noticesOf(kavri_core_status status) {
+        switch (status) {
+            case KAVRI_CORE_STATUS_IPC_REFUSED:
+                return refused;
+            case KAVRI_CORE_STATUS_IPC_NO_RESPONDER:
+                return noResponder;
+            case KAVRI_CORE_STATUS_IPC_OVERLOADED:
+                return overloaded;
+            case KAVRI_CORE_STATUS_IPC_TOO_LARGE:
+                return tooLarge;
+            default:
+                return responderLost;
+        }
+    }
 };
 
 struct ConnectionCounts {

@@ -13,21 +13,27 @@
 #include <string>
 #include <string_view>
 
+#include "wire/link_user.h"
+
 namespace kavri::broker {
 
-// A set of users, or everybody.
+using wire::linkUser;
+
+// A set of users, or everybody on this machine.
 struct Users {
     bool everybody = false;
     std::set<uid_t> listed;
 
-    bool contains(uid_t user) const { return everybody || listed.contains(user); }
+    bool contains(uid_t user) const {
+        return (everybody && user != linkUser) || listed.contains(user);
+    }
 };
 
 // The rights at one category.
 struct CategoryPolicy {
     Users serve{true, {}};
-    Users send{true, {}};
-    Users subscribe{true, {}};
+    Users send{true, {linkUser}};
+    Users subscribe{true, {linkUser}};
 };
 
 struct Policy {

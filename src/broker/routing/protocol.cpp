@@ -23,6 +23,19 @@ std::string limitsText(const wire::Limits& limits) {
     return lines.text();
 }
 
+// Of a notice from another broker. Where it cannot be, nothing is known of the request.
+std::uint16_t noticeStatus(std::uint16_t status) {
+    switch (status) {
+        case KAVRI_CORE_STATUS_IPC_REFUSED:
+        case KAVRI_CORE_STATUS_IPC_NO_RESPONDER:
+        case KAVRI_CORE_STATUS_IPC_TOO_LARGE:
+        case KAVRI_CORE_STATUS_IPC_OVERLOADED:
+            return status;
+        default:
+            return KAVRI_CORE_STATUS_IPC_RESPONDER_LOST;
+    }
+}
+
 }  // namespace
 
 Protocol::Protocol(const wire::Limits& limits, Router& router, BufferPool& pool,
@@ -166,6 +179,9 @@ std::optional<Blocked> Protocol::handleDecoded(Session& session, InputFrame& fra
         close_(session, CloseCause::leftByPeer, {});
         return std::nullopt;
     }
+    if (session.transport != nullptr) {
+        return handleRemote(session, frame);
+    }
     switch (session.role) {
         case Role::unknown:
             if (frame.values.type != FrameType::hello) {
@@ -251,6 +267,7 @@ std::optional<Blocked> Protocol::handleResponder(Session& session, InputFrame& f
         case FrameType::publish:
             return router_.publish(session, frame);
         case FrameType::completion:
+            frame.values.status = KAVRI_CORE_STATUS_NO_ERROR;
             router_.completion(session, frame.values);
             return std::nullopt;
         case FrameType::registration:
@@ -268,6 +285,26 @@ std::optional<Blocked> Protocol::handleResponder(Session& session, InputFrame& f
     } else {
         answerPing(session, frame.values);
     }
+    return std::nullopt;
+}
+
+// What crosses the link: requests to a responder here; what answers them from one elsewhere;
+// and its events.
+std::optional<Blocked> Protocol::handleRemote(Session& session, InputFrame& frame) {
+    const FrameType type = frame.values.type;
+    if (session.role == Role::initiator) {
+        if (type == FrameType::request) {
+            return handleInitiator(session, frame);
+        }
+    } else if (type == FrameType::notice) {
+        frame.values.status = noticeStatus(frame.values.status);
+        router_.completion(session, frame.values);
+        return std::nullopt;
+    } else if (type == FrameType::response || type == FrameType::completion ||
+               type == FrameType::publish) {
+        return handleResponder(session, frame);
+    }
+    closeMalformed(session, "this type does not cross a link");
     return std::nullopt;
 }
 

@@ -53,6 +53,7 @@ class Protocol {
     void beginMonitor(Session& session, const wire::Frame& frame);
     void answerPing(Session& session, const wire::Frame& frame);
     std::optional<Blocked> handleManager(Session& session, const wire::Frame& frame);
+    std::optional<Blocked> handleRemote(Session& session, InputFrame& frame);
     void handleHello(Session& session, const wire::Frame& frame);
     bool takeRole(Session& session, std::string_view name);
     // What became of the beginning of the input: bytes that need not be kept.

