@@ -1,6 +1,7 @@
 // One connection; see server_connection.h.
 #include "link_nats/server_connection.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -9,7 +10,7 @@
 namespace kavri::link_nats {
 
 ServerConnection::ServerConnection(const Server& server, std::shared_ptr<const Wakeup> wakeup)
-    : server_(server.address) {
+    : server_(server.address), isEncrypted_(server.isEncrypted) {
     events_->wakeup = std::move(wakeup);
     natsStatus status = natsOptions_SetEventLoop(server.options.get(), &events_, attach,
                                                  ignoreReading, wantWriting, detach);
@@ -22,13 +23,19 @@ ServerConnection::ServerConnection(const Server& server, std::shared_ptr<const W
 }
 
 ServerConnection::~ServerConnection() {
-    if (queuedBytes() > 0) {
-        natsConnection_ProcessWriteEvent(connection_);
-    }
+    write();
     if (queuedBytes() > 0) {
         dropUnwritten();
     }
     natsConnection_Destroy(connection_);
+}
+
+// With encryption, nothing is begun that the kernel does not take now.
+void ServerConnection::write() {
+    pollfd room{socket(), POLLOUT, 0};
+    if (queuedBytes() > 0 && (!isEncrypted_ || ::poll(&room, 1, 0) > 0)) {
+        natsConnection_ProcessWriteEvent(connection_);
+    }
 }
 
 // To end a connection with something left to be written, libnats waits half a second for an

@@ -32,6 +32,7 @@ class ServerConnection {
     const std::string& server() const { return server_; }
     natsConnection* get() const { return connection_; }
     int socket() const { return events_->socket; }
+    bool isEncrypted() const { return isEncrypted_; }
 
     // To be called first on the thread that is going to use it.
     void adopt() { events_->user = pthread_self(); }
@@ -42,6 +43,8 @@ class ServerConnection {
 
     // Bytes that are published, and not taken by the kernel.
     std::size_t queuedBytes() const;
+    // Writes what is queued, as far as the kernel takes it.
+    void write();
 
   private:
     struct Events {
@@ -59,6 +62,7 @@ class ServerConnection {
     void dropUnwritten();
 
     std::string server_;
+    const bool isEncrypted_;
     std::shared_ptr<Events> events_ = std::make_shared<Events>();
     natsConnection* connection_ = nullptr;
 };

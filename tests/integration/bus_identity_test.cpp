@@ -195,7 +195,7 @@ BOOST_AUTO_TEST_CASE(aPasswordIsTheFirstLineOfItsFile) {
 
 // Of a user that was made up for this test.
 BOOST_AUTO_TEST_CASE(aKeyIsProvedByItsSeed) {
-    const std::string key = "UDXU4RCSJNZOIQHZNWXHXORDPRTGNJAHAHFRGZNEEJCPQTT2M7NLCNF4";
+    const std::string key = "UD6OU4D3CIOGIDZVL4ANXU3NWXOW5DCDE2YPZDBHPBXCVKHSODUA4FKI";
     const std::string seed = "SUAEL6GG2L2HIF7DUGZJGMRUFKXELGGYFMHF76UO2AYBG3K4YLWR3FKC2Q";
     const process::TemporaryFolder folder;
     const NatsServer server(folder.path(), "authorization { users = [ { nkey: " + key + " } ] }\n");
