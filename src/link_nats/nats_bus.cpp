@@ -67,7 +67,7 @@ void NatsBus::handleSocket(unsigned events) {
         write();
     }
     if ((events & ~static_cast<unsigned>(EPOLLOUT)) != 0) {
-        natsConnection_ProcessReadEvent(server_->get());
+        server_->read();
         subscriptions_.noteArrivals();
         state_.complaint = server_->complaint();
     }

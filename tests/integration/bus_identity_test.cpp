@@ -7,6 +7,7 @@
 #include "process/temporary_folder.h"
 #include "support/nats_server.h"
 #include "support/pumped_bus.h"
+#include "support/stalling_relay.h"
 
 using namespace kavri;
 using namespace kavri::tests;
@@ -177,6 +178,21 @@ BOOST_FIXTURE_TEST_CASE(muchIsCarriedEncrypted, Encrypted) {
     }
     BOOST_TEST(near->connection().times == 1U);
     BOOST_TEST(far->connection().times == 1U);
+}
+
+// The rest of it may never come, and the broker has others to serve.
+BOOST_FIXTURE_TEST_CASE(halfOfAnEncryptedMessageIsNotWaitedFor, Encrypted) {
+    authority.sign("server", "IP:127.0.0.1");
+    const NatsServer server(folder.path(), settings("server"));
+    StallingRelay relay(server.port());
+    PumpedBus bus(to("tls://127.0.0.1:" + relay.port()));
+    BOOST_REQUIRE(bus.comesUp());
+    relay.stall();
+    BOOST_REQUIRE(bus.until([&] { return relay.hasStalled(); }));
+    const auto begin = std::chrono::steady_clock::now();
+    BOOST_REQUIRE(bus.goesDown());
+    BOOST_TEST((std::chrono::steady_clock::now() - begin < std::chrono::seconds(10)));
+    BOOST_TEST(bus->connection().failure.find("127.0.0.1") != std::string::npos);
 }
 
 BOOST_AUTO_TEST_CASE(aPasswordIsTheFirstLineOfItsFile) {
