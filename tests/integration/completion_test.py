@@ -1,15 +1,20 @@
-"""Checks what bash completes of kavri's command line, and that zsh can read its file.
+"""Checks what bash and zsh complete of kavri's command line.
 
 Usage: completion_test.py KAVRI SOURCE_FOLDER
 """
 
+import fcntl
 import os
 import pathlib
+import pty
 import re
+import select
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import unittest
 
 KAVRI = pathlib.Path(sys.argv[1])
@@ -18,6 +23,7 @@ COMPLETION = SOURCES / "packaging/completion"
 CASES = re.findall(
     r"BOOST_AUTO_TEST_CASE\((\w+)\)", (SOURCES / "tests/test_ipc_initiator.cpp").read_text()
 )
+CASES_THAT_REPEAT = [case for case in CASES if case.startswith("initiatorRepeat")]
 OPTION = re.compile(r"(?<![\w-])--[a-z][a-z-]*")
 
 # A tool that lists faults as the real one does.
@@ -169,13 +175,118 @@ class Options(unittest.TestCase):
                 self.assertEqual(options - self.options_in(name), set(), f"not in {name}")
 
 
+# Completes what is typed, and says what the line has become.
+ZSH_SETTINGS = """
+fpath=({folder} $fpath)
+autoload -Uz compinit && compinit -u -D
+zstyle ':completion:*' verbose no
+LISTMAX=0
+complete-and-show() {{
+    zle expand-or-complete
+    zle -R
+    zle -I
+    print -r -- "line<$BUFFER>"
+    BUFFER=
+}}
+zle -N complete-and-show
+bindkey '\t' complete-and-show
+PS1='ready> '
+"""
+
+
+class ZshTerminal:
+    """An interactive zsh, as a person has it who reads kavri's completion and nothing else."""
+
+    PATIENCE_SECONDS = 30
+
+    def __init__(self, folder):
+        (folder / ".zshrc").write_text(ZSH_SETTINGS.format(folder=COMPLETION))
+        self.process, self.terminal = pty.fork()
+        if self.process == 0:
+            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 200, 200, 0, 0))
+            os.chdir(folder)
+            os.execve(shutil.which("zsh"), ["zsh", "-d", "-i"],
+                      {"ZDOTDIR": str(folder), "PATH": f"{folder}:/usr/bin:/bin", "TERM": "dumb",
+                       "LC_ALL": "C.UTF-8"})
+        self.read_until("ready> ")
+
+    def close(self):
+        os.close(self.terminal)
+        os.waitpid(self.process, 0)
+
+    def read_until(self, pattern):
+        shown = ""
+        while not (found := re.search(pattern, shown)):
+            if not select.select([self.terminal], [], [], self.PATIENCE_SECONDS)[0]:
+                raise AssertionError(f"{pattern} does not come: {shown!r}")
+            shown += os.read(self.terminal, 65536).decode().replace("\r", "")
+        return found, shown
+
+    def complete(self, line):
+        """What the line becomes, and what is offered, as a sorted list."""
+        os.write(self.terminal, f"{line}\t".encode())
+        found, shown = self.read_until(r"line<(.*)>\n(?:.*\n)*.*ready> ")
+        offered = [line for line in shown[: found.start()].split("\n")[1:]
+                   if not line.startswith("ready> ")]  # the line, shown again below the list
+        return found[1], sorted(" ".join(offered).split())
+
+
+@unittest.skipUnless(shutil.which("zsh"), "zsh is not there")
 class Zsh(unittest.TestCase):
-    @unittest.skipUnless(shutil.which("zsh"), "zsh is not there")
-    def test_the_file_can_be_read(self):
-        done = subprocess.run(
-            ["zsh", "-n", COMPLETION / "_kavri"], capture_output=True, text=True, check=False
-        )
-        self.assertEqual((done.returncode, done.stderr), (0, ""))
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        tool = pathlib.Path(folder.name) / "kavri"
+        tool.write_text(STAND_IN)
+        tool.chmod(0o755)
+        (tool.parent / "known.txt").touch()
+        (tool.parent / "lib").mkdir()
+        cls.zsh = ZshTerminal(tool.parent)
+        cls.addClassCleanup(cls.zsh.close)
+
+    def offers(self, line, expected):
+        self.assertEqual(self.zsh.complete(line)[1], sorted(expected))
+
+    def becomes(self, line, expected):
+        self.assertEqual(self.zsh.complete(line)[0], expected)
+
+    def test_commands(self):
+        self.offers("kavri ", Options.FILES)
+        self.becomes("kavri co", "kavri conformance ")
+
+    def test_options_are_those_of_bash(self):
+        listed = re.findall(r"^ +(\w+)\)\n +printf '%s ' ((?:--[^;]*?))\n +;;",
+                            (COMPLETION / "kavri.bash").read_text(), re.MULTILINE)
+        self.assertEqual({command for command, _ in listed}, set(Options.FILES))
+        for command, options in listed:
+            self.offers(f"kavri {command} --", OPTION.findall(options))
+
+    def test_options_that_exclude_each_other_or_come_once(self):
+        self.offers("kavri status --prometheus --", ["--help", "--socket", "--timeout"])
+        self.offers("kavri serve --answer x --", ["--help", "--jobs", "--socket", "--timeout"])
+        self.becomes("kavri conformance --strict --st", "kavri conformance --strict --st")
+
+    def test_options_that_may_be_repeated(self):
+        for option in ("--case", "--library", "--name"):
+            self.becomes(f"kavri conformance {option} x {option[:-1]}",
+                         f"kavri conformance {option} x {option}=")
+
+    def test_values(self):
+        self.offers("kavri conformance --case ", [])  # what they have in common comes first
+        self.offers("kavri conformance --case initiatorRepeat", CASES_THAT_REPEAT)
+        self.offers("kavri conformance --level m", ["may", "must"])
+        self.becomes("kavri conformance --fault re", "kavri conformance --fault receive_no_uuid ")
+        self.becomes("kavri conformance --fault=re", "kavri conformance --fault=receive_no_uuid ")
+        self.becomes("kavri conformance --html li", "kavri conformance --html lib/")
+        self.becomes("kavri conformance --explain send_l", "kavri conformance --explain send_lost ")
+        self.becomes("kavri monitor --user roo", "kavri monitor --user root ")
+        for command in Options.FILES:
+            self.becomes(f"kavri {command} --socket kn", f"kavri {command} --socket known.txt ")
+
+    def test_nothing_is_guessed(self):
+        for line in ("request ", "status --watch ", "monitor --count ", "conformance -- --"):
+            self.assertEqual(self.zsh.complete(f"kavri {line}"), (f"kavri {line}", []))
 
 
 if __name__ == "__main__":

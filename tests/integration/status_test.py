@@ -20,6 +20,7 @@ import sys
 import tempfile
 import termios
 import threading
+import time
 import unittest
 
 import jsonschema
@@ -222,13 +223,18 @@ class Content(StatusTest):
     def test_refused_connections_are_counted(self):
         (self.folder / "config").write_text("[limits]\nconnections_per_user = 2\n")
         self.broker("--config", self.folder / "config")
-        for _ in range(2):
-            self.keep(join(self.path, b"initiator"))
+        kept = [self.keep(join(self.path, b"initiator")) for _ in range(2)]
         third = self.keep(connect(self.path))
         self.assertEqual(receive(third)[2], 14)
         ended = self.run_()
         self.assertEqual(ended.returncode, 1)
         self.assertIn(b"the limit on connections is reached: raise the limit", ended.stderr)
+        kept[0].close()
+        while (ended := self.run_("--json")).returncode == 1:
+            pass
+        counts = json.loads(ended.stdout)["counts"]["connections"]
+        self.assertGreaterEqual(counts["refused_connections_per_user"], 2)
+        self.assertEqual(counts["refused_connections"], 0)
 
     def test_hostile_names_come_out_harmless_and_told_apart(self):
         self.broker()
@@ -264,14 +270,70 @@ class Content(StatusTest):
         with contextlib.suppress(TimeoutError):
             for token in range(10000):
                 asking.sendall(frame(REQUEST, token, b"slow", b"i", b"u", b"p" * 8000))
-        slow, waiting = self.json()["connections"][0], self.json()["connections"][6]
+        status = self.json()
+        slow, waiting = status["connections"][0], status["connections"][6]
         self.assertTrue(slow["congested"])
         self.assertFalse(slow["stalled"])
         self.assertEqual(waiting["waits_for"], slow["connection"])
+        self.assertGreater(slow["queued_bytes"], 65536 / 2)
+        self.assertEqual(waiting["queued_bytes"], 0)
+        self.assertEqual(slow["input_bytes"], 0)
+        self.assertGreater(waiting["input_bytes"], 8000)
+        held = slow["queued_bytes"] + waiting["input_bytes"]
+        user = status["users"][0]
+        self.assertGreaterEqual(user["bytes"], held)
+        self.assertEqual(user["share_bytes"], status["limits"]["bytes_per_user"])
         rows = self.output().split("PROCESS")[1].splitlines()
         self.assertRegex(rows[1], "serves slow .* congested")
         self.assertRegex(rows[2], f"initiator .* waits for {os.getpid()}$")
-        self.assertIn('kavri_connections_behind{state="waiting"} 1\n', self.output("--prometheus"))
+        samples = prometheusSamples(self, self.output("--prometheus"))
+        for state, count in (("congested", 1), ("waiting", 1), ("stalled", 0)):
+            self.assertEqual(samples["kavri_connections_behind", f'state="{state}"'], count)
+        self.assertGreaterEqual(samples["kavri_queued_bytes", None], slow["queued_bytes"])
+        self.assertEqual(samples["kavri_pending_requests", None], waiting["pending_requests"])
+        self.assertGreaterEqual(
+            sum(value for (name, _), value in samples.items() if name == "kavri_user_bytes"), held)
+
+    def test_who_reads_too_slowly_is_stalled_and_requests_to_him_are_overloaded(self):
+        (self.folder / "config").write_text("[limits]\nsend_queue_bytes = 65536\n"
+                                            "stall_ms = 0\nprogress_ms = 3600000\n")
+        self.broker("--config", self.folder / "config")
+        self.keep(responder(self.path, b"slow"))
+        asking = self.keep(join(self.path, b"initiator"))
+        refused, token = False, 0
+        while not refused:
+            token += 1
+            asking.sendall(frame(REQUEST, token, b"slow", b"i", b"u", b"p" * 8000))
+            refused = select.select([asking], [], [], 0)[0]
+        self.assertEqual(receive(asking)[0::2], (NOTICE, 14))
+        status = self.json()
+        self.assertEqual(status["connections"][0]["category"], "slow")
+        self.assertTrue(status["connections"][0]["stalled"])
+        self.assertGreaterEqual(status["counts"]["traffic"]["notices_overloaded"], 1)
+        shown = self.output()
+        self.assertRegex(shown, "\n *notices overloaded +[0-9]+\n")
+        self.assertRegex(shown.split("PROCESS")[1].splitlines()[1], "serves slow .* stalled$")
+        samples = prometheusSamples(self, self.output("--prometheus"))
+        self.assertEqual(samples["kavri_connections_behind", 'state="stalled"'], 1)
+
+    def test_ages_are_those_of_the_broker_and_of_each_connection(self):
+        begun = time.monotonic()
+        self.broker()
+        ready = time.monotonic()
+        self.keep(join(self.path, b"initiator"))
+        joined = time.monotonic()
+        time.sleep(0.01)  # grows an age that is told from none
+        asked = time.monotonic()
+        status = self.json()
+        answered = time.monotonic()
+
+        def expectAge(milliseconds, least, most):
+            self.assertGreaterEqual(milliseconds, int(least * 1000))
+            self.assertLessEqual(milliseconds, most * 1000)
+
+        expectAge(status["broker"]["uptime_ms"], asked - ready, answered - begun)
+        initiator = next(each for each in status["connections"] if each["role"] == "initiator")
+        expectAge(initiator["age_ms"], asked - joined, answered - ready)
 
 
 def strict(schema):
@@ -455,11 +517,46 @@ class NoAnswer(StatusTest):
         self.fake(WELCOMED, BROKER_REPORT,
                   frame(REPORT, 1, identifier=b"weather", payload=b"rain=1\n"),
                   frame(REPORT, 1, identifier=b"traffic", payload=b"requests=7\nnew_ones=8\n"),
-                  frame(REPORT, 1, identifier=b"user", payload=b"user=4294967294\nshoes=2\n"), END)
+                  frame(REPORT, 1, identifier=b"user", payload=b"user=4294967293\nshoes=2\n"), END)
         status = self.json()
         self.assertEqual(status["counts"]["traffic"], {"requests": 7, "new_ones": 8})
         self.assertIsNone(status["users"][0]["user_name"])
         jsonschema.validate(status, strict(SCHEMA))
+
+    def test_a_link_in_every_form(self):
+        answers = (WELCOMED, BROKER_REPORT,
+                   frame(REPORT, 1, b"nats://h:1", b"link",
+                         payload=b"connected=1\nconnections=2\nmessage_bytes=1048576\n"
+                                 b"queued_bytes=5\nbrokers=1\nchannels=2\ncategories_out=0\n"
+                                 b"events_in=1\n"),
+                   frame(REPORT, 1, identifier=b"user", payload=b"user=4294967294\n"),
+                   frame(REPORT, 1, b"news", b"remote", payload=b"connection=9\nway=events_in\n"),
+                   *(frame(REPORT, 1, b"test", b"remote",
+                           payload=b"connection=%d\nway=requests_out\nbroker=00ff\n"
+                                   b"broker_name=host-1\nround_trip_us=40\n"
+                                   b"requests_in_flight=3\n" % number)
+                     for number in (7, 8)), END)
+        self.fake(*answers)
+        status = self.json()
+        jsonschema.validate(status, strict(SCHEMA))
+        self.assertEqual(status["users"][0]["user_name"], "@link")
+        self.assertEqual(status["link"]["server"], "nats://h:1")
+        self.assertIs(status["link"]["connected"], True)
+        self.assertEqual([(each["category"], each["way"], each["broker_name"])
+                          for each in status["remote"]],
+                         [("news", "events_in", None), *[("test", "requests_out", "host-1")] * 2])
+        self.path.unlink()
+        self.fake(*answers)
+        samples = prometheusSamples(self, self.output("--prometheus"))
+        for name, label, count in (("up", None, 1), ("connections_total", None, 2),
+                                   ("queued_bytes", None, 5), ("channels", 'broker="host-1"', 2),
+                                   ("round_trip_microseconds", 'broker="host-1"', 40)):
+            self.assertEqual(samples["kavri_link_" + name, label], count)
+        self.path.unlink()
+        self.fake(*answers)
+        shown = self.output()
+        self.assertRegex(shown, "link: by nats://h:1  reconnected 1 times")
+        self.assertRegex(shown, "test +requests out +host-1 +40 us +2 +6 +0 B\n")
 
     def test_a_wrong_command_line(self):
         for arguments in (("--watch", "0"), ("--prometheus", "--json"), ("--timeout", "x"),
@@ -502,6 +599,20 @@ class Watch(StatusTest):
         self.assertNotIn(b"PER SECOND", shown)
         while b"PER SECOND" not in shown:
             shown += watching.stdout.readline()
+
+    def test_each_look_is_a_new_one(self):
+        self.broker()
+        asking = self.keep(join(self.path, b"initiator"))
+        watching = self.watch("--json")
+        first = json.loads(watching.stdout.readline())
+        asking.sendall(frame(REQUEST, 1, b"test", b"echo", b"u", b"p"))
+        receive(asking)
+        watching.stdout.readline()  # may have been taken before the request
+        later = json.loads(watching.stdout.readline())
+        for name in ("requests", "responses"):
+            self.assertEqual(later["counts"]["traffic"][name],
+                             first["counts"]["traffic"][name] + 1)
+        self.assertGreater(later["broker"]["uptime_ms"], first["broker"]["uptime_ms"])
 
     def test_it_ends_where_nobody_reads(self):
         self.broker()

@@ -428,7 +428,10 @@ class PageTest(unittest.TestCase):
     def test_librariesStandBesideEachOtherWithTheFirstDifference(self):
         self.open("several")
         self.assertEqual(self.all("main > section")[0].get_attribute("id"), "libraries")
-        self.assertEqual(self.texts("header .by-library li"), ["pass kavri", "fail other", "pass third"])
+        self.assertEqual(self.texts("header .by-library li"), [
+            "pass kavri, 1000 of 1000 runs passed, growing: module, descriptors",
+            "fail other, 998 of 1000 runs passed, growing: module, descriptors", "pass third"])
+        self.assertNotIn("runs passed", self.one("header .headline").text)
         self.assertIn("The worst of 3 libraries", self.one("header").text)
         header = self.texts("table.comparison thead th")
         self.assertEqual(header, ["Case", "kavri", "other", "third"])
@@ -444,6 +447,26 @@ class PageTest(unittest.TestCase):
         self.assertIn("other: failed", text)
         self.assertIn("third did in every check what kavri did", text)
         self.assertEqual(len(self.all(".beside table.record")), 2)
+
+    def test_growthThatFailsIsNamedWithItsRuns(self):
+        self.open("long_names")
+        lines = [text for text in self.texts("#repeats p") if "fail" in text]
+        self.assertEqual(lines, ["fail 0 of 1000 runs passed, 0.00 %.",
+                                 "fail 1000 of 1000 runs passed, 100 %; growing: module, descriptors."])
+
+    def test_whatOnlyTheOtherSideToldBlamesNoPlaceInTheRecord(self):
+        self.open("long_names")
+        told = samples.long_names()["libraries"][1]["cases"][0]["missing"][0]
+        failure = next(node for node in self.all(".failure") if "initiatorSendPass" in node.text)
+        self.assertIn(told, failure.text)
+        self.assertEqual(failure.find_elements(By.CSS_SELECTOR, "table.record"), [])
+        beside = next(node for node in self.all(".beside") if told in node.text)
+        self.assertEqual(beside.find_elements(By.CSS_SELECTOR, "table.record"), [])
+
+    def test_aCallThatReturnedBeforeACrashIsNotShownAsFailed(self):
+        self.open("crash")
+        kinds = {row.get_attribute("class") for row in self.all(".failure .focus-row")}
+        self.assertEqual(kinds, {"focus-row returned"})
 
     def test_whatWasNotRunIsNoPassAndSaysWhy(self):
         self.open("unloadable")
@@ -556,6 +579,23 @@ class PageTest(unittest.TestCase):
         self.assertIn("detected by 2", row.text)
         self.assertEqual(row.text.count("the module was ended by SIGSEGV, in ipc_deinit"), 1)
 
+    def test_matrixSaysOnceWhatTheOtherSideMissedInSeveralCases(self):
+        self.open("matrix")
+        row = next(row for row in self.all("table.matrix > tbody > tr:not(.details)")
+                   if row.text.startswith("delivery-lost-1"))
+        self.assertIn("detected by 2", row.text)
+        self.assertEqual([node.text for node in row.find_elements(By.CSS_SELECTOR, "td.by code")],
+                         ["requests never reached the service"])
+
+    def test_matrixPutsEachReasonOnALineAndTheCellsBesideTheFault(self):
+        self.open("matrix")
+        for row in self.all("table.matrix > tbody > tr:not(.details)")[:8]:
+            name, cell = (row.find_element(By.CSS_SELECTOR, one) for one in ("button", "td.cell .mark"))
+            middle = [node.rect["y"] + node.rect["height"] / 2 for node in (name, cell)]
+            self.assertLess(abs(middle[0] - middle[1]), 6, row.text)
+            lines = [node.rect["y"] for node in row.find_elements(By.CSS_SELECTOR, "td.by code")]
+            self.assertEqual(len(set(lines)), len(lines), row.text)
+
     def test_matrixIsFiltered(self):
         self.open("matrix")
         field = self.one("#fault-filter")
@@ -600,12 +640,21 @@ class PageTest(unittest.TestCase):
 
     def test_textHasContrast(self):
         for scheme in ("light", "dark"):
-            for name in ("failing", "hang", "crash", "several", "compared", "matrix"):
+            for name in ("failing", "hang", "crash", "several", "long_names", "compared", "matrix"):
                 with self.subTest(f"{name}, {scheme}"):
                     self.setMedia(scheme, 1200)
                     self.open(name)
                     self.openEverything()
                     self.assertEqual(self.browser.execute_script(FAINT_TEXTS, LEAST_CONTRAST), [])
+
+    def test_librariesWithLongNamesFitAWideScreen(self):
+        self.open("long_names")
+        self.assertLessEqual(self.browser.execute_script(
+            "return document.documentElement.scrollWidth"), 1200)
+        table = self.one("table.comparison")
+        self.assertLessEqual(table.rect["width"], table.find_element(By.XPATH, "..").rect["width"])
+        for head in table.find_elements(By.CSS_SELECTOR, "tbody th"):
+            self.assertLess(head.rect["width"], 400)
 
     def test_fitsANarrowScreen(self):
         for name in samples.SAMPLES:

@@ -331,6 +331,21 @@ def several():
                     "repeats": {**repeats(), "passed": 998}}, library("third", speed=2)])
 
 
+def long_names():
+    """Libraries that are called by their folders; one fails by what the other side says, one crashes."""
+    folder = "/home/somebody/work/libraries/build/release/lib/wrong/"
+    disagreeing = library(folder + "answers/uuid_of_another_request")
+    disagreeing["cases"][0].update(verdict="fail", missing=[
+        'response 1 was {"category":"test","identifier":"initiator","uuid":"7","payload":""}, and the '
+        'service answered {"category":"test","identifier":"initiator","uuid":"0","payload":""}'])
+    leaking = {**library(folder + "leaks/memory_with_every_request"),
+               "repeats": {**repeats(), "failsOnGrowth": True}, "verdict": "fail"}
+    return report([{**library(folder + "good"), "repeats": {**repeats(), "growth": []}},
+                   {**disagreeing, "verdict": "fail", "repeats": {**repeats(), "passed": 0}}, leaking,
+                   library(folder + "process/crashes_in_deinit", crashes=True),
+                   *(library(folder + f"answers/right_number_{number}") for number in range(3))])
+
+
 def compared():
     """With known failures, one of which is no longer true, and beside an earlier run."""
     one = library("kavri", altered=(3, 4, 8), arrived=7)
@@ -383,6 +398,11 @@ def fault(index):
 
 def matrix(count=70):
     faults = [fault(index) for index in range(count)]
+    for case in faults[3]["cases"]:
+        if case["verdict"] == "fail":
+            case["missing"] = ["requests never reached the service: 10 were sent, its record holds "
+                               f"{case['endNs'] % 7}"]
+            case["checks"] = [check for check in case["checks"] if check["passed"]]
     faults[4]["wrong"] = ["initiatorSendRepeat: expected a timeout, came fail"]
     checks = {}
     for one in faults:
@@ -413,9 +433,8 @@ def hostile():
 
 
 SAMPLES = {function.__name__: function
-           for function in (healthy, unconfirmed, failing, hang, crash, several, compared,
-                            unloadable, matrix,
-                            hostile)}
+           for function in (healthy, unconfirmed, failing, hang, crash, several, long_names,
+                            compared, unloadable, matrix, hostile)}
 
 if __name__ == "__main__":
     json.dump(SAMPLES[sys.argv[1]](), sys.stdout)

@@ -2,6 +2,7 @@
 #ifndef KAVRI_BROKER_LINK_LINK_OPTIONS_H
 #define KAVRI_BROKER_LINK_LINK_OPTIONS_H
 
+#include <algorithm>
 #include <functional>
 #include <set>
 #include <string>
@@ -10,6 +11,14 @@
 #include "broker/link/bus.h"
 
 namespace kavri::broker {
+
+// What a broker may be called among others: a word, as host names are.
+inline bool isBrokerName(std::string_view name) {
+    return !name.empty() && name.size() <= 64 && std::ranges::all_of(name, [](char byte) {
+        return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+               (byte >= '0' && byte <= '9') || byte == '.' || byte == '_' || byte == '-';
+    });
+}
 
 struct LinkOptions {
     BusOptions bus;

@@ -283,7 +283,7 @@ class SuiteElement {
             appendOutcome(testCase, "failure", growth.remark());
         }
         const std::string slope = growth.slope ? fmt::format(", {:+.1f} each run", *growth.slope)
-                                               : ", too few runs to judge it";
+                                               : ", too few runs in one process to judge it";
         setText(testCase.append_child("system-out"),
                 fmt::format("{} after the first run, {} after the last, {} at most{}\n{}",
                             growth.first, growth.last, growth.most, slope,

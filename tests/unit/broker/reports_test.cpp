@@ -175,6 +175,35 @@ BOOST_FIXTURE_TEST_CASE(whatPassesIsCounted, Managed) {
     BOOST_TEST(!first.isClosing);
 }
 
+BOOST_AUTO_TEST_CASE(whatIsNotDeliveredIsCountedByTheReason) {
+    kavri::broker::Policy policy;
+    policy.categories["test"].send = {false, {someUser}};
+    Managed managed(smallLimits(), policy);
+    managed.say(managed.initiator(otherUser), request(1));
+    const auto mostOpen = managed.limits.openRequestsPerInitiator;
+    for (std::uint64_t token = 1; token <= mostOpen + 2; ++token) {
+        managed.say(managed.caller, request(token));
+    }
+    const Report counts = ofKind(managed.reported(), "traffic").at(0);
+    BOOST_TEST(value(counts, "requests") == std::to_string(mostOpen));
+    BOOST_TEST(value(counts, "notices_refused") == "1");
+    BOOST_TEST(value(counts, "notices_overloaded") == "2");
+    BOOST_TEST(value(counts, "notices_no_responder") == "0");
+    BOOST_TEST(value(counts, "notices_responder_lost") == "0");
+}
+
+BOOST_FIXTURE_TEST_CASE(whatTheBrokerAnswersItselfIsCountedToo, Managed) {
+    kavri::broker::HostedTestService hosted{[](std::string_view) {}};
+    router.embed("hosted", hosted);
+    say(caller, makeFrame(FrameType::request, 1, {"hosted", "echo", "u", "p"}));
+    say(caller, makeFrame(FrameType::request, 2, {"hosted", "event", "u", "p"}));
+    const Report counts = ofKind(reported(), "traffic").at(0);
+    BOOST_TEST(value(counts, "requests") == "2");
+    BOOST_TEST(value(counts, "responses") == "1");
+    BOOST_TEST(value(counts, "completions") == "1");
+    BOOST_TEST(value(counts, "events_published") == "1");
+}
+
 BOOST_FIXTURE_TEST_CASE(aConnectionIsShownWithWhatItHasAndWhatItHolds, Managed) {
     service.process = 77;
     Session& watching = subscriber("news", otherUser);

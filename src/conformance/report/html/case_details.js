@@ -73,10 +73,19 @@ function entryText(entry) {
   }
 }
 
+// What a row that is looked at shows: only a check that failed and a call that did not
+// return are wrong by themselves.
+function focusKind(entry) {
+  if (entry.kind === "check") {
+    return entry.source.passed ? "passed" : "";
+  }
+  return entry.endNs === null ? "" : "returned";
+}
+
 function recordRow(entry, span, threads, isFocus) {
   const took = entry.kind !== "call" && entry.kind !== "delivery" ? ""
     : entry.endNs === null ? "–" : formatNs(entry.endNs - entry.atNs);
-  return el("tr", { class: isFocus && `focus-row${entry.source.passed ? " passed" : ""}` },
+  return el("tr", { class: isFocus && `focus-row ${focusKind(entry)}` },
     el("td", { class: "number" }, formatNs(entry.atNs - span.beginNs)),
     el("td", { class: "aside" }, (threads.get(entry.thread) ?? "probe").replace(/('s)? thread/, "")),
     entryText(entry),
@@ -153,7 +162,8 @@ function failureParts(one) {
   const groups = checkGroups(one.checks).filter((group) => group.failures.length > 0);
   const firstFailed = one.checks.find((check) => !check.passed);
   const lastCall = one.calls.find((call) => (call.endNs ?? null) === null) ?? one.calls[one.calls.length - 1];
-  const focus = firstFailed ?? lastCall;
+  // Where only the other side tells that it failed, no place in the record is to blame.
+  const focus = firstFailed ?? (one.verdict === "fail" ? null : lastCall);
   return [
     one.known && el("p", { class: "known" }, `A known failure: ${one.known}`),
     one.crash && el("p", { class: "crash-text" }, mark("crash"), one.crash),

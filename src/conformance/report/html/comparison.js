@@ -34,9 +34,18 @@ function differenceNode(reference, other, difference) {
     el("div", { class: "beside" }, side(reference, 0), side(other, 1)));
 }
 
+// What a case came to where no check went otherwise.
+function sideReasons(one) {
+  const reasons = [one?.crash, ...one?.missing ?? []].filter(Boolean);
+  return reasons.map((text) => el("p", {}, text));
+}
+
 // Where the check was not made, the end of the record shows how far it came.
 function sideRecord(difference, index) {
   const one = difference.cases[index];
+  if (difference.checks.every((found) => found === undefined)) {
+    return sideReasons(one);
+  }
   if (!one || one.calls.length + one.checks.length === 0) {
     return el("p", { class: "aside" }, "Nothing was recorded.");
   }

@@ -143,8 +143,8 @@ function rowFilter(id, noun, states, rows) {
     count.textContent = `${shown} of ${counted(rows.length, noun)}`;
   }
   apply();
-  return el("div", { class: "filter" },
-    el("label", { for: text.id }, "Search"), text, el("label", { for: state.id }, "Show"), state, count);
+  const field = (label, input) => el("div", {}, el("label", { for: input.id }, label), input);
+  return el("div", { class: "filter" }, field("Search", text), field("Show", state), count);
 }
 
 const section = (id, title, ...children) =>

@@ -16,24 +16,26 @@ function faultState(fault) {
 }
 
 // What turned a cell red, in words.
-function cellReason(one) {
+function cellReasons(one) {
   if (one.verdict === "pass") {
-    return hasWarnings(one) ? one.warnings.map((warning) => `warning: ${warning.text}`).join("; ") : "passed";
+    return (one.warnings ?? []).map((warning) => `warning: ${warning.text}`);
   }
   if (one.verdict !== "fail") {
-    return one.crash || (one.hang?.call ? `${one.verdict} in ${one.hang.call}` : one.verdict);
+    return [one.crash || (one.hang?.call ? `${one.verdict} in ${one.hang.call}` : one.verdict)];
   }
   const texts = [...new Set(one.checks.filter((check) => !check.passed).map((check) => check.text))];
-  return `fail by ${texts.length > 0 ? texts.join("; ") : (one.missing ?? []).join("; ")}`;
+  return texts.length > 0 ? texts : one.missing ?? [];
 }
+const cellReason = (one) => cellReasons(one).join("; ") || "passed";
 
-// Of a crash, how and in which function; the rest differs from case to case.
-const crashPlace = (text) => text.replace(/( with | on thread |; ).*/s, "");
+// Without what differs from case to case: the arguments and the thread of a crash, and
+// which requests the other side missed.
+const sameInAllCases = (one, text) => (one.crash ? text.replace(/( with | on thread |; ).*/s, "")
+  : one.missing?.includes(text) ? text.replace(/: \d.*/s, "") : text);
 
 // What detected a fault, each kind once.
-const reasonsOf = (fault) => [...new Set(detectedBy(fault).map((one) =>
-  (one.crash ? crashPlace(one.crash) : cellReason(one)).replace(/^fail by /, "")
-    .replace(/kavri_\w+/, shortFunction)))];
+const reasonsOf = (fault) => [...new Set(detectedBy(fault).flatMap((one) => cellReasons(one).map((text) =>
+  sameInAllCases(one, text).replace(/kavri_\w+/, shortFunction))))];
 
 const isNamedWrong = (fault, one) => fault.wrong.some((text) => text.includes(shortCase(one.name)));
 
@@ -43,7 +45,7 @@ function matrixCell(fault, name, open) {
     return el("td", { class: "cell" }, hiddenText("no such case"));
   }
   const wrong = isNamedWrong(fault, one);
-  const reason = `${cellReason(one)}${wrong ? ", not as expected" : ""}`;
+  const reason = `${one.verdict === "fail" ? "fail by " : ""}${cellReason(one)}${wrong ? ", not as expected" : ""}`;
   const isDetected = needsAttention(one) || hasWarnings(one);
   return el("td", {
     class: `cell ${wrong ? "wrong" : isDetected ? "detected" : "quiet"}`,
@@ -55,7 +57,7 @@ function faultCaseRow(one, casesArea) {
   return el("tr", {},
     el("td", {}, verdictLabel(one.verdict)),
     el("th", { scope: "row" }, shortCase(one.name),
-      (needsAttention(one) || hasWarnings(one)) && [" ", code(cellReason(one).replace(/^fail by /, ""))]),
+      (needsAttention(one) || hasWarnings(one)) && [" ", code(cellReason(one))]),
     el("td", {}, el("button", { type: "button", click: () => showFaultCase(one, casesArea) },
       "Show", hiddenText(` ${shortCase(one.name)}`))));
 }

@@ -4,6 +4,12 @@
 // --- overview --------------------------------------------------------------
 
 // [text, whether something is wrong with it] each.
+function repeatFacts(repeats) {
+  return !repeats ? [] : [[runsText(repeats), repeats.passed < repeats.runs],
+    ...(growing(repeats).length > 0 ? [[growingText(repeats), growthFails(repeats)]] : [])];
+}
+
+// The same.
 function headline(report) {
   const facts = [];
   const cases = report.libraries.flatMap((library) => library.cases);
@@ -26,11 +32,8 @@ function headline(report) {
     const expected = report.matrix.faults.filter((fault) => fault.wrong.length === 0).length;
     facts.push([`${expected} of ${counted(total, "fault")} as expected`, expected < total]);
   }
-  for (const repeats of report.libraries.map((library) => library.repeats).filter(Boolean)) {
-    facts.push([runsText(repeats), repeats.passed < repeats.runs]);
-    if (growing(repeats).length > 0) {
-      facts.push([growingText(repeats), growthFails(repeats)]);
-    }
+  if (report.libraries.length === 1) {
+    facts.push(...repeatFacts(report.libraries[0].repeats));
   }
   return [...facts, [formatSeconds(report.seconds), false]];
 }
@@ -43,7 +46,8 @@ function verdictsByLibrary(report) {
   return el("div", { class: "by-library" },
     el("p", {}, `The worst of ${report.libraries.length} libraries:`),
     el("ul", {}, report.libraries.map((library) =>
-      el("li", {}, verdictLabel(library.verdict), " ", library.name))));
+      el("li", {}, verdictLabel(library.verdict), " ", library.name,
+        repeatFacts(library.repeats).map(([text]) => el("span", { class: "aside" }, `, ${text}`))))));
 }
 
 function overview(report) {
@@ -211,7 +215,7 @@ function repeatsOf(repeats) {
   const rate = repeats.runs === 0 ? 0 : (100 * repeats.passed) / repeats.runs;
   // Never "100 %" where one failed.
   const rateText = `${failed === 0 ? rate : (Math.floor(rate * 100) / 100).toFixed(2)} %`;
-  const slopeText = (slope) => (slope === null ? "too few runs"
+  const slopeText = (slope) => (slope === null ? "too few runs in one process"
     : `${slope > 0 ? "+" : ""}${slope.toFixed(1)}`.replace("-", "−"));
   const rows = repeats.growth.map((growth) => el("tr", {},
     el("th", { scope: "row" }, growth.what),
@@ -222,7 +226,7 @@ function repeatsOf(repeats) {
   const number = (text) => ({ text, kind: "number" });
   return [
     el("p", {}, verdictLabel(failed === 0 && !growthFails(repeats) ? "pass" : "fail"),
-      ` ${runsText(repeats)}, ${rateText}.`),
+      ` ${runsText(repeats)}, ${rateText}${growthFails(repeats) ? `; ${growingText(repeats)}` : ""}.`),
     repeats.growth.length > 0 && table("Growth over the runs",
       ["What", number("First run"), number("Last run"), number("Most"), number("Each run"), ""], rows)];
 }
