@@ -239,3 +239,20 @@ BOOST_FIXTURE_TEST_CASE(anEventThatTheServerDoesNotTakeIsAGap, LinkedWorld) {
     BOOST_TEST(subscriber.closing == eventsMissed("the link lost some"));
     BOOST_TEST(framesIn(onTheSameMachine.heard).size() == 3U);
 }
+
+BOOST_FIXTURE_TEST_CASE(aBrokerThatStopsPublishesWhatWaits, Two) {
+    tell("one");
+    there.say(publisher, publish("two"));
+    std::vector<std::string> subjects;
+    hub.loses = [&](std::string_view subject, std::string_view) {
+        subjects.emplace_back(subject);
+        return false;
+    };
+    there.stop();
+    settle();
+    // Nothing of the goodbye.
+    BOOST_TEST(subjects == std::vector<std::string>(1, kavri::broker::eventsSubject("test")),
+               boost::test_tools::per_element());
+    BOOST_TEST(here.hear(subscriber) == event("one") + "\n" + event("two"));
+    BOOST_TEST(subscriber.isConnected());
+}
