@@ -30,7 +30,7 @@ class EventExport : private Transport {
 
   private:
     std::size_t send(std::span<const iovec> pieces) override;
-    std::size_t bytesInTransit() const override { return 0; }
+    std::size_t bytesInTransit() const override { return waitsForRoom_ ? whileWithoutRoom : 0; }
     void watchInput(bool) override {}
     void end() override;
 
