@@ -85,6 +85,7 @@ class Channel : public Transport {
     std::size_t bytesInTransit() const override {
         return std::max<std::size_t>(sent_ - taken_, waitsForRoom_ ? whileWithoutRoom : 0);
     }
+    bool mayRequest(std::string_view what) const override { return what == category; }
     void watchInput(bool isWanted) override;
     void end() override { host_.ended(*this); }
 

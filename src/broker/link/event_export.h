@@ -31,6 +31,7 @@ class EventExport : private Transport {
   private:
     std::size_t send(std::span<const iovec> pieces) override;
     std::size_t bytesInTransit() const override { return waitsForRoom_ ? whileWithoutRoom : 0; }
+    bool mayRequest(std::string_view) const override { return false; }
     void watchInput(bool) override {}
     void end() override;
 

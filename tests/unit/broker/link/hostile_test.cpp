@@ -319,3 +319,14 @@ BOOST_FIXTURE_TEST_CASE(whatIsNoNextEventIsDropped, Attacked) {
     BOOST_TEST(subscriber.isConnected());
     requireThatOthersGoOn();
 }
+
+BOOST_FIXTURE_TEST_CASE(aChannelIsForItsOwnCategoryOnly, Attacked) {
+    Program& secret = there.responder("private");
+    const std::uint64_t channel = openChannel();
+    intruder.say(there, {.kind = EnvelopeKind::frames, .channel = channel},
+                 encode(request(1, "p", "private")));
+    settle();
+    BOOST_TEST(there.hear(secret).empty());
+    BOOST_TEST(there.link->channels().size() == 1U);
+    requireThatOthersGoOn();
+}
