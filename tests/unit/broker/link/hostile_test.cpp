@@ -330,3 +330,17 @@ BOOST_FIXTURE_TEST_CASE(aChannelIsForItsOwnCategoryOnly, Attacked) {
     BOOST_TEST(there.link->channels().size() == 1U);
     requireThatOthersGoOn();
 }
+
+BOOST_FIXTURE_TEST_CASE(aPongMaySayAnything, Attacked) {
+    openChannel();
+    for (const std::uint64_t clock :
+         {std::uint64_t{0}, std::uint64_t{1} << 63U, UINT64_MAX, UINT64_MAX / 2}) {
+        intruder.say(there, {.kind = EnvelopeKind::pong, .value = clock});
+        settle();
+        const auto known = there.link->neighbours().all().find(intruder.identity);
+        BOOST_REQUIRE((known != there.link->neighbours().all().end()));
+        BOOST_TEST((known->second.roundTrip() >= 0s));
+        BOOST_TEST((known->second.roundTrip() <= hub.now.time_since_epoch()));
+    }
+    requireThatOthersGoOn();
+}
