@@ -48,17 +48,33 @@ Neighbours::Received Neighbours::receive(const Envelope& envelope, std::string_v
         }
         return Received::settled;
     }
+    const auto known = associations_.find(envelope.sender);
+    if (known == associations_.end() && (envelope.heardEpoch != 0 || envelope.number != 0)) {
+        reset(envelope.sender, envelope.heardEpoch, envelope.epoch);
+        return Received::stray;
+    }
     if (isFullFor(envelope.sender)) {
         return Received::settled;
     }
-    const auto judgement = with(envelope.sender).judge(envelope);
-    if (judgement == Association::Judgement::stray) {
-        lose(envelope.sender, "messages from it were lost");
-        reset(envelope.sender, 0, envelope.epoch);
-        return Received::stray;
-    }
-    if (judgement == Association::Judgement::other) {
-        lose(envelope.sender, "it began anew");
+    switch (with(envelope.sender).judge(envelope)) {
+        case Association::Judgement::unaware:
+            reset(envelope.sender, envelope.heardEpoch, 0);
+            return Received::stray;
+        case Association::Judgement::outdated:
+            return Received::stray;
+        case Association::Judgement::lostSome:
+            lose(envelope.sender, "messages from it were lost");
+            reset(envelope.sender, 0, envelope.epoch);
+            return Received::stray;
+        case Association::Judgement::begunAnew:
+            lose(envelope.sender, "it began anew");
+            break;
+        case Association::Judgement::joinedAnew:
+            with(envelope.sender).removeAllChannels(line_.now);
+            lost_(envelope.sender);
+            break;
+        case Association::Judgement::expected:
+            break;
     }
     Association& association = with(envelope.sender);
     association.accept(envelope, line_.now);

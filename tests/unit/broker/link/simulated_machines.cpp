@@ -426,6 +426,7 @@ void SimulatedMachines::requireThatAllIsAnswered() {
     for (Caller& caller : callers_) {
         for (const std::string& category : categories) {
             ask(caller, category);
+            world_.settle();  // a large one may have to wait for the one before
         }
     }
     const std::uint64_t answeredBefore = totals_.answered;
@@ -451,10 +452,8 @@ void SimulatedMachines::requireThatAllIsAnswered() {
 }
 
 void SimulatedMachines::requireThatNothingIsLeft() {
-    for (const auto* const all : {&callers_}) {
-        for (const Caller& caller : *all) {
-            machines_[caller.machine].broker->leave(*caller.program);
-        }
+    for (const Caller& caller : callers_) {
+        machines_[caller.machine].broker->leave(*caller.program);
     }
     for (const Server& server : servers_) {
         machines_[server.machine].broker->leave(*server.program);
