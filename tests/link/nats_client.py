@@ -9,7 +9,7 @@ PATIENCE = 10
 
 class Client:
     def __init__(self, socket, **options):
-        """options: user and password, say."""
+        """options: as CONNECT has them, user and pass, say."""
         self._socket = socket
         self._socket.settimeout(PATIENCE)
         self._reader = socket.makefile("rb")

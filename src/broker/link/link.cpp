@@ -71,6 +71,12 @@ void Link::noteConnection() {
         }
     }
     wasUp_ = connection.isUp;
+    if (complaint_ != connection.complaint) {
+        complaint_ = connection.complaint;
+        if (!complaint_.empty()) {
+            line_.note("the server refuses something to the link: " + complaint_);
+        }
+    }
 }
 
 void Link::handleMessages() {

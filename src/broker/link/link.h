@@ -89,6 +89,7 @@ class Link : public RemoteServices {
     Bus::SubscriptionId answers_ = 0;
     std::uint64_t connectionsSeen_ = 0;
     bool wasUp_ = false;
+    std::string complaint_;  // that was noted last
     bool isBehind_ = false;  // there may be messages that were read and not handled
 };
 
