@@ -8,7 +8,7 @@ import contextlib
 import json
 import os
 import pathlib
-import select
+import re
 import signal
 import subprocess
 import sys
@@ -137,6 +137,14 @@ class Machine:
         return self._start(
             "service", [self.fleet.programs / "kavri-test-service", "--socket", self.socket,
                         "--service-record", self.record], "ready")
+
+    def linked_to(self):
+        """The machine whose server the broker is connected to."""
+        address = eventually(lambda: re.findall(r"the link is up, by server (\S+)",
+                                                self.broker.output()), "a link")[-1]
+        others = [name for name in self.fleet.machines if name != self.name]
+        servers = self.fleet.network.servers_for(self.name)
+        return self.fleet[[self.name, *others][servers.index(address)]]
 
     def kavri(self, *arguments, **options):
         """Runs the tool, which talks to this machine's broker."""

@@ -27,10 +27,11 @@ class ServerTest(FleetTest):
     def test_a_server_that_stops_for_a_while(self):
         self.start()
         self.start_traffic()
-        self.beta.server.send(signal.SIGSTOP)
+        stopped = self.beta.linked_to().server
+        stopped.send(signal.SIGSTOP)
         for load in self.loads:
             eventually(lambda: load.outcomes().keys() & traffic.UNKNOWN.keys(), "a loss")
-        self.beta.server.send(signal.SIGCONT)
+        stopped.send(signal.SIGCONT)
         self.wait_for_answers()
         self.finish_traffic()
 

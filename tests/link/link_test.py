@@ -26,6 +26,7 @@ class LinkTest(FleetTest):
 
     def test_a_category_that_nobody_serves_is_told_at_once(self):
         self.start()
+        self.alpha.linked_to()
         begin = time.monotonic()
         asked = self.alpha.request("test", "echo")
         self.assertEqual(asked.returncode, 3, asked.stderr)
