@@ -22,7 +22,6 @@ LONGEST = 2.5  # of a fault
 ALL_WITHIN = 3.0
 # What one fault holds up, and the mended way brings late, still counts as heard in the next.
 LIMIT_MS = traffic.OUTCOME_LIMIT_MS + traffic.SLACK_MS + 1000 * LONGEST
-PAUSE = 0.001  # between two requests of one load: what counts here is what breaks
 
 
 class Fault:
@@ -108,7 +107,7 @@ def run(seed, programs, network):
         for machine in fleet:
             eventually(machine.answers, f"an answer for {machine.name}")
         listeners = [traffic.Listener(machine) for machine in fleet]
-        loads = [traffic.Load(machine, number, in_flight=8, pause=PAUSE)
+        loads = [traffic.Load(machine, number, in_flight=8)
                  for machine in fleet for number in range(2)]
         faults = faults_of(seed, fleet)
         play(faults)

@@ -22,6 +22,9 @@ SLACK_MS = 500
 # Of a record's text that is longer than it holds, and never here.
 PAYLOAD = re.compile(r"what (\S+) asks")
 
+# Between two requests of a load: more of them would only be more to judge.
+PAUSE = 0.0005
+
 Request = collections.namedtuple("Request", "uuid identifier sent_ms outcome_ms outcome")
 CLOSED, RESTORED = "2", "3"
 NO_OUTCOMES = collections.Counter()
@@ -51,7 +54,7 @@ class Program:
 class Load(Program):
     """Requests from one machine to category "test", a number of them always under way."""
 
-    def __init__(self, machine, number=0, in_flight=16, pause=0.0):
+    def __init__(self, machine, number=0, in_flight=16, pause=PAUSE):
         name = f"{machine.name}{number}"
         super().__init__(machine, name, machine.fleet.programs / "link_load", machine.socket,
                          name, str(in_flight), str(round(pause * 1e6)))
