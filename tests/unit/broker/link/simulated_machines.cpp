@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 const std::vector<std::string> categories = {"one", "two", "three"};
 constexpr auto stepTime = 20ms;
-constexpr int stepsOfTrouble = 300;
+constexpr int stepsOfTrouble = 200;
 // A lost broker is told within this; the rest is what the simulated network and its steps add.
 constexpr auto lostIsTold = 3s + 300ms;
 
