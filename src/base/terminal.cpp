@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <ostream>
-#include <vector>
 
 #include "base/environment.h"
 #include "base/text_scanner.h"

@@ -2,15 +2,15 @@
 #include "broker/config.h"
 
 #include <pwd.h>
-#include <toml++/toml.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <filesystem>
-#include <limits>
+#include <string>
 
+#include "broker/config_file.h"
+#include "broker/link_config.h"
 #include "wire/limit_settings.h"
 
 namespace kavri::broker {
@@ -23,19 +23,21 @@ using wire::limitSettings;
 
 class Reader {
   public:
-    explicit Reader(std::string path) : path_(std::move(path)) {}
+    explicit Reader(std::string path) : file_(std::move(path)) {}
 
     Config read() {
         Config config = defaultConfig();
-        const toml::table file = parse();
+        const toml::table file = file_.parse();
         for (const auto& [key, node] : file) {
             if (key == "limits") {
                 readLimits(tableOf(node, "limits"), config.limits);
             } else if (key == "access") {
                 readAccess(tableOf(node, "access"), config.policy);
+            } else if (key == "link") {
+                config.link = readLink(file_, tableOf(node, "link"));
             } else {
                 fail(node, "unknown table \"" + std::string(key.str()) +
-                               "\": there are limits and access");
+                               "\": there are limits, access and link");
             }
         }
         return config;
@@ -43,29 +45,11 @@ class Reader {
 
   private:
     [[noreturn]] void fail(const toml::node& node, const std::string& what) const {
-        throw BadConfig(path_ + ":" + std::to_string(node.source().begin.line) + ": " + what);
-    }
-
-    toml::table parse() const {
-        // Read as a file, a folder would be an empty one.
-        if (std::error_code ignored; std::filesystem::is_directory(path_, ignored)) {
-            throw BadConfig(path_ + ": is a folder, not a file");
-        }
-        try {
-            return toml::parse_file(path_);
-        } catch (const toml::parse_error& error) {
-            const auto line = error.source().begin.line;
-            throw BadConfig(path_ + (line > 0 ? ":" + std::to_string(line) : std::string()) + ": " +
-                            std::string(error.description()));
-        }
+        file_.fail(node, what);
     }
 
     const toml::table& tableOf(const toml::node& node, const std::string& name) const {
-        const toml::table* table = node.as_table();
-        if (table == nullptr) {
-            fail(node, name + " is to be a table: [" + name + "]");
-        }
-        return *table;
+        return file_.tableOf(node, name);
     }
 
     void readLimits(const toml::table& table, Limits& limits) const {
@@ -121,11 +105,11 @@ class Reader {
     void readCategory(const toml::table& table, CategoryPolicy& rights) const {
         for (const auto& [key, node] : table) {
             if (key == "serve") {
-                rights.serve = readUsers(node, "serve");
+                rights.serve = readPeers(node, "serve");
             } else if (key == "send") {
-                rights.send = readUsers(node, "send");
+                rights.send = readPeers(node, "send");
             } else if (key == "subscribe") {
-                rights.subscribe = readUsers(node, "subscribe");
+                rights.subscribe = readPeers(node, "subscribe");
             } else {
                 fail(node, "unknown right \"" + std::string(key.str()) +
                                "\": there are serve, send and subscribe");
@@ -133,7 +117,17 @@ class Reader {
         }
     }
 
+    // Users of this machine.
     Users readUsers(const toml::node& node, const std::string& right) const {
+        Users users = readPeers(node, right);
+        if (users.listed.contains(linkUser)) {
+            fail(node, "\"@link\" may be in serve, send and subscribe of a category only");
+        }
+        return users;
+    }
+
+    // Users of this machine, and perhaps the link.
+    Users readPeers(const toml::node& node, const std::string& right) const {
         const toml::array* list = node.as_array();
         if (list == nullptr) {
             fail(node, right + " is to be a list of users: [\"alice\", 1001]");
@@ -144,6 +138,8 @@ class Reader {
                 users.listed.insert(userNumbered(entry, *number));
             } else if (const auto name = entry.value_exact<std::string>(); name == "*") {
                 users.everybody = true;
+            } else if (name == "@link") {
+                users.listed.insert(linkUser);
             } else {
                 users.listed.insert(userNamed(entry, name.value_or("")));
             }
@@ -151,9 +147,10 @@ class Reader {
         return users;
     }
 
-    // The largest number that a uid_t holds means "no user" to the kernel.
+    // The largest number that a uid_t holds means "no user" to the kernel, the one before is
+    // the link's.
     uid_t userNumbered(const toml::node& entry, std::int64_t number) const {
-        constexpr std::int64_t last = std::int64_t{std::numeric_limits<uid_t>::max()} - 1;
+        constexpr std::int64_t last = std::int64_t{linkUser} - 1;
         if (number < 0 || number > last) {
             fail(entry, std::to_string(number) + " is no user: numbers are from 0 to " +
                             std::to_string(last));
@@ -167,10 +164,10 @@ class Reader {
         if (known == nullptr) {
             fail(entry, "there is no user \"" + name + "\" here: give a name, a number or \"*\"");
         }
-        return known->pw_uid;
+        return userNumbered(entry, known->pw_uid);
     }
 
-    const std::string path_;
+    const ConfigFile file_;
 };
 
 }  // namespace
@@ -184,6 +181,26 @@ Config defaultConfig() {
 
 Config readConfig(const std::string& path) {
     return Reader(path).read();
+}
+
+std::vector<std::string> doubtsAbout(const Config& config) {
+    std::vector<std::string> doubts;
+    if (!config.link) {
+        return doubts;
+    }
+    const std::string why = "nobody of another machine may serve it: \"@link\" is not in its serve";
+    for (const std::string& category : config.link->imports) {
+        if (!config.policy.at(category).serve.contains(linkUser)) {
+            doubts.push_back("category \"" + category + "\" is imported, but " + why);
+        }
+    }
+    const bool isAnyServed = std::ranges::any_of(config.policy.categories, [](const auto& named) {
+        return named.second.serve.contains(linkUser);
+    });
+    if (config.link->importsAll && !isAnyServed) {
+        doubts.push_back("every category is imported, but of each " + why);
+    }
+    return doubts;
 }
 
 }  // namespace kavri::broker

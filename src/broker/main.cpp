@@ -12,12 +12,15 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "base/command_line.h"
 #include "broker/config.h"
 #include "broker/hosted_test_service.h"
+#include "broker/link/bus_module.h"
 #include "broker/log/log.h"
 #include "broker/loop/listener.h"
 #include "broker/loop/server.h"
@@ -51,7 +54,8 @@ void describe(CLI::App& app, Arguments& arguments) {
                    "/run/kavri/broker.sock")
         ->type_name("PATH")
         ->check(base::notEmpty());
-    app.add_option("--config", arguments.config, "File with limits and access rights, in TOML")
+    app.add_option("--config", arguments.config,
+                   "File with limits, access rights and the link to other brokers, in TOML")
         ->type_name("FILE")
         ->check(base::notEmpty());
     CLI::Option* const testService =
@@ -117,12 +121,25 @@ bool isOpenToOthers(const broker::Policy& policy) {
 }
 
 broker::Config configOf(const Arguments& arguments) {
-    return arguments.config.empty() ? broker::defaultConfig()
-                                    : broker::readConfig(arguments.config);
+    broker::Config config =
+        arguments.config.empty() ? broker::defaultConfig() : broker::readConfig(arguments.config);
+    for (const std::string& doubt : broker::doubtsAbout(config)) {
+        spdlog::warn("{}", doubt);
+    }
+    return config;
 }
 
+// What a running broker is reloaded with.
+struct Running {
+    const Arguments& arguments;
+    const std::optional<broker::LinkOptions>& link;
+    broker::Listener& listener;
+    broker::Server& server;
+};
+
 // A file with an error changes nothing.
-void reload(const Arguments& arguments, broker::Listener& listener, broker::Server& server) {
+void reload(const Running& running) {
+    const auto& [arguments, link, listener, server] = running;
     if (arguments.config.empty()) {
         spdlog::warn("nothing to reload: started without --config");
         return;
@@ -135,6 +152,9 @@ void reload(const Arguments& arguments, broker::Listener& listener, broker::Serv
             spdlog::warn("payload_bytes stays {} until the broker is started anew",
                          server.limits().payloadBytes);
         }
+        if (config.link != link) {
+            spdlog::warn("[link] stays as it was until the broker is started anew");
+        }
         server.reconfigure(config.limits, std::move(config.policy));
         spdlog::info("reloaded \"{}\"", arguments.config);
     } catch (const broker::BadConfig& error) {
@@ -142,16 +162,15 @@ void reload(const Arguments& arguments, broker::Listener& listener, broker::Serv
     }
 }
 
-void handleSignals(int signals, const Arguments& arguments, broker::Listener& listener,
-                   broker::Server& server) {
+void handleSignals(int signals, const Running& running) {
     signalfd_siginfo info{};
     while (read(signals, &info, sizeof info) == sizeof info) {
         if (info.ssi_signo == SIGHUP) {
             broker::notifyReloading();
-            reload(arguments, listener, server);
+            reload(running);
             broker::notifyReady();
         } else {
-            server.stop();
+            running.server.stop();
         }
     }
 }
@@ -167,6 +186,7 @@ broker::Listener listenerFor(const Arguments& arguments, const broker::Policy& p
 void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     broker::Config config = configOf(arguments);
     raiseDescriptorLimit(config.limits.connections);
+    std::unique_ptr<broker::Bus> bus = config.link ? broker::loadBus(config.link->bus) : nullptr;
     broker::Listener listener = listenerFor(arguments, config.policy);
     broker::HostedTestService service([](std::string_view identifier) {
         spdlog::warn("unknown test command \"{}\": answered with an empty payload",
@@ -184,11 +204,16 @@ void serve(const Arguments& arguments, int signals, const broker::Log& log) {
     if (arguments.testService) {
         server.embed(test_service::category, service);
     }
+    if (bus != nullptr) {
+        server.join(std::move(bus), *config.link);
+    }
     spdlog::info("ready on {}{}", listener.path(),
                  arguments.testService ? ", serving category \"test\"" : "");
     broker::notifyReady();
     const broker::StoppingNotice stopping;
-    server.run(signals, [&] { handleSignals(signals, arguments, listener, server); });
+    server.run(signals, [&] {
+        handleSignals(signals, {arguments, config.link, listener, server});
+    });
     spdlog::info("stopped");
 }
 

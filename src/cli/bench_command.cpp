@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <deque>
 #include <iostream>
-#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "base/command_line.h"

@@ -20,6 +20,7 @@
 #include "cli/number_check.h"
 #include "conformance/cases/explanations.h"
 #include "conformance/faults/fault_catalogue.h"
+#include "conformance/run/conformance_run.h"
 #include "conformance/run/growth.h"
 #include "process/orphans.h"
 #include "process/stop_signals.h"

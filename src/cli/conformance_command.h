@@ -6,7 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-#include "conformance/run/conformance_run.h"
+#include "conformance/run/run_plan.h"
 #include "process/exit_status.h"
 
 namespace kavri::cli {

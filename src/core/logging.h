@@ -4,7 +4,6 @@
 
 #include <initializer_list>
 #include <memory>
-#include <string>
 #include <string_view>
 
 namespace kavri::core {

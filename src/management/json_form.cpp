@@ -61,6 +61,33 @@ Json connectionJson(const ConnectionEntry& entry, Names& names) {
             {"waits_for", orNull(entry.waitsFor)}};
 }
 
+// What the link counts, and the server that it is connected to, or why to none.
+Json linkJson(const LinkEntry& link) {
+    Json json = {{"server", link.isConnected ? Json(link.server) : Json()},
+                 {"failure", link.isConnected ? Json() : Json(link.server)}};
+    json.update(figuresJson(link.figures));
+    json["connected"] = link.isConnected;
+    return json;
+}
+
+Json remoteJson(const RemoteEntry& entry) {
+    const auto orNone = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
+    return {{"connection", entry.number},
+            {"way", entry.way},
+            {"category", orNull(entry.category)},
+            {"broker", orNone(entry.broker)},
+            {"broker_name", orNone(entry.brokerName)},
+            {"round_trip_us", orNull(entry.roundTripUs)},
+            {"age_ms", entry.ageMs},
+            {"pending_requests", entry.pendingRequests},
+            {"requests_in_flight", entry.requestsInFlight},
+            {"queued_bytes", entry.queuedBytes},
+            {"input_bytes", entry.inputBytes},
+            {"congested", entry.isCongested},
+            {"stalled", entry.isStalled},
+            {"waits_for", orNull(entry.waitsFor)}};
+}
+
 Json categoryJson(const CategoryEntry& entry) {
     return {{"name", entry.name},
             {"name_bytes", entry.nameBytes},
@@ -86,6 +113,10 @@ Json jsonForm(const Snapshot& snapshot, const std::string& socket, const std::st
     for (const CategoryEntry& entry : snapshot.categories) {
         categories.push_back(categoryJson(entry));
     }
+    Json remote = Json::array();
+    for (const RemoteEntry& entry : snapshot.remote) {
+        remote.push_back(remoteJson(entry));
+    }
     return {{"schema", schema},
             {"time", time},
             {"broker", brokerJson(snapshot.broker, socket, names)},
@@ -93,9 +124,11 @@ Json jsonForm(const Snapshot& snapshot, const std::string& socket, const std::st
             {"counts",
              {{"connections", figuresJson(snapshot.connectionCounts)},
               {"traffic", figuresJson(snapshot.traffic)}}},
+            {"link", snapshot.link ? linkJson(*snapshot.link) : Json()},
             {"users", std::move(users)},
             {"categories", std::move(categories)},
-            {"connections", std::move(connections)}};
+            {"connections", std::move(connections)},
+            {"remote", std::move(remote)}};
 }
 
 }  // namespace kavri::management

@@ -7,12 +7,16 @@
 #include <iterator>
 
 #include "base/printable.h"
+#include "wire/link_user.h"
 
 namespace kavri::management {
 
 namespace {
 
 std::optional<std::string> lookUpUser(uid_t user) {
+    if (user == wire::linkUser) {
+        return std::string(wire::linkUserName);
+    }
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the tool has one thread here.
     const passwd* const known = ::getpwuid(user);
     return known == nullptr ? std::nullopt : std::optional(base::printable(known->pw_name));

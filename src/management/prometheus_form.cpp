@@ -142,6 +142,38 @@ void printConnections(const Snapshot& snapshot, std::string& text) {
     }
 }
 
+void printLink(const Snapshot& snapshot, std::string& text) {
+    if (!snapshot.link) {
+        return;
+    }
+    const Figures& figures = snapshot.link->figures;
+    gauge("link_up", "Whether the link is connected to a server.")
+        .add(snapshot.link->isConnected ? 1 : 0)
+        .print(text);
+    counter("link_connections_total", "How often the link was connected.")
+        .add(figures["connections"])
+        .print(text);
+    gauge("link_queued_bytes", "Published, and not taken by the kernel yet.")
+        .add(figures["queued_bytes"])
+        .print(text);
+    std::map<std::string, std::uint64_t> roundTrips;
+    Metric channels = gauge("link_channels", "Channels to and from a broker.", "broker");
+    for (const RemoteEntry& entry : snapshot.remote) {
+        if (!entry.broker.empty()) {
+            const std::string& name = entry.brokerName.empty() ? entry.broker : entry.brokerName;
+            channels.add(name, 1);
+            roundTrips[name] = entry.roundTripUs.value_or(0);
+        }
+    }
+    channels.print(text);
+    Metric roundTrip =
+        gauge("link_round_trip_microseconds", "Last measured, to a broker.", "broker");
+    for (const auto& [name, microseconds] : roundTrips) {
+        roundTrip.add(name, microseconds);
+    }
+    roundTrip.print(text);
+}
+
 void printUsers(const Snapshot& snapshot, Names& names, std::string& text) {
     Metric connections = gauge("user_connections", "Connections of a user.", "user");
     Metric bytes = gauge("user_bytes", "What is held for a user.", "user");
@@ -183,6 +215,7 @@ std::string prometheusForm(const Snapshot& snapshot, Names& names) {
     addEach(limits, snapshot.limits, "").print(text);
     printCounts(snapshot, text);
     printConnections(snapshot, text);
+    printLink(snapshot, text);
     printUsers(snapshot, names, text);
     printCategories(snapshot, text);
     return text;

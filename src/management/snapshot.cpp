@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <charconv>
 #include <concepts>
-#include <limits>
 #include <unordered_map>
 
 #include "base/printable.h"
@@ -115,10 +114,14 @@ class Reader {
             snapshot_.connectionCounts = values.figures();
         } else if (kind == "traffic") {
             snapshot_.traffic = values.figures();
+        } else if (kind == "link") {
+            takeLink(values, report[Field::category]);
         } else if (kind == "user") {
             takeUser(values);
         } else if (kind == "connection") {
             takeConnection(values, report);
+        } else if (kind == "remote") {
+            takeRemote(values, report);
         } else if (kind == "category") {
             takeCategory(values, report[Field::category]);
         }
@@ -162,8 +165,26 @@ class Reader {
         if (report.has(Field::category)) {
             entry.category = shownName(report[Field::category]);
         }
-        values.take("age_ms", entry.ageMs);
         values.take("subscriptions", entry.subscriptions);
+        takeState(values, entry);
+    }
+
+    void takeRemote(const Values& values, const Frame& report) {
+        RemoteEntry& entry = snapshot_.remote.emplace_back();
+        values.take("connection", entry.number);
+        entry.way = values.word("way");
+        if (report.has(Field::category)) {
+            entry.category = shownName(report[Field::category]);
+        }
+        entry.broker = values.word("broker");
+        entry.brokerName = values.word("broker_name");
+        entry.roundTripUs = values.number<std::uint64_t>("round_trip_us");
+        takeState(values, entry);
+    }
+
+    template <typename Entry>
+    static void takeState(const Values& values, Entry& entry) {
+        values.take("age_ms", entry.ageMs);
         values.take("pending_requests", entry.pendingRequests);
         values.take("requests_in_flight", entry.requestsInFlight);
         values.take("queued_bytes", entry.queuedBytes);
@@ -171,6 +192,13 @@ class Reader {
         entry.isCongested = values.flag("congested");
         entry.isStalled = values.flag("stalled");
         entry.waitsFor = values.number<std::uint64_t>("waits_for");
+    }
+
+    void takeLink(const Values& values, std::string_view server) {
+        LinkEntry& link = snapshot_.link.emplace();
+        link.figures = values.figures();
+        link.isConnected = values.flag("connected");
+        link.server = base::printable(server);
     }
 
     // One that is there twice changed its responder meanwhile; the later report is right.

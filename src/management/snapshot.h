@@ -60,6 +60,31 @@ struct ConnectionEntry {
     std::optional<std::uint64_t> waitsFor{};
 };
 
+// The link to other brokers.
+struct LinkEntry {
+    bool isConnected = false;
+    std::string server;  // or, where it is not connected, why
+    Figures figures;
+};
+
+// What crosses the link for one program, or of the events of one category.
+struct RemoteEntry {
+    std::uint64_t number = 0;
+    std::string way;
+    std::optional<std::string> category{};
+    std::string broker{};  // at the other end; empty where there may be several
+    std::string brokerName{};
+    std::optional<std::uint64_t> roundTripUs{};
+    std::uint64_t ageMs = 0;
+    std::uint64_t pendingRequests = 0;
+    std::uint64_t requestsInFlight = 0;
+    std::uint64_t queuedBytes = 0;
+    std::uint64_t inputBytes = 0;
+    bool isCongested = false;
+    bool isStalled = false;
+    std::optional<std::uint64_t> waitsFor{};
+};
+
 struct CategoryEntry {
     std::string name;
     std::uint64_t nameBytes = 0;  // of the whole name, of which `name` may be the beginning
@@ -74,8 +99,10 @@ struct Snapshot {
     Figures limits;
     Figures connectionCounts;
     Figures traffic;
+    std::optional<LinkEntry> link;
     std::vector<UserEntry> users;
     std::vector<ConnectionEntry> connections;
+    std::vector<RemoteEntry> remote;
     std::vector<CategoryEntry> categories;
 };
 

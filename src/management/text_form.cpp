@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <set>
 
 #include "base/printable.h"
 #include "base/text_scanner.h"
@@ -51,15 +52,20 @@ class Form {
         for (const ConnectionEntry& entry : now_.connections) {
             processes_.emplace(entry.number, entry.process);
         }
+        for (const RemoteEntry& entry : now_.remote) {
+            remote_.insert(entry.number);
+        }
     }
 
     std::string text() {
         addHead();
+        addLink();
         addCounts();
         addTraffic();
         addUsers();
         addCategories();
         addConnections();
+        addRemote();
         return std::move(text_);
     }
 
@@ -71,6 +77,20 @@ class Form {
         addLine(fmt::format("kavri-broker {}  process {} of {}  up {}  {}", broker.version,
                             broker.process, names_.user(broker.user), timeText(broker.uptimeMs),
                             base::printable(options_.socket)));
+    }
+
+    void addLink() {
+        if (!now_.link) {
+            return;
+        }
+        const Figures& figures = now_.link->figures;
+        addLine(now_.link->isConnected
+                    ? fmt::format("link: by {}  reconnected {} times  brokers {}  queued {}",
+                                  now_.link->server,
+                                  figures["connections"] -
+                                      std::min<std::uint64_t>(figures["connections"], 1),
+                                  figures["brokers"], bytesText(figures["queued_bytes"]))
+                    : "link: down: " + now_.link->server);
     }
 
     // Those of the figures that begin so and are not 0: "closed:  by peer 12  malformed 1".
@@ -216,8 +236,9 @@ class Form {
         std::string text = entry.isStalled ? "stalled" : entry.isCongested ? "congested" : "";
         if (entry.waitsFor) {
             text += text.empty() ? "" : ", ";
-            text += *entry.waitsFor == entry.number
-                        ? "has to read"
+            text += *entry.waitsFor == entry.number ? "has to read"
+                    : remote_.contains(*entry.waitsFor)
+                        ? "waits for the link"
                         : fmt::format("waits for {}", processOf(*entry.waitsFor));
         }
         return text;
@@ -250,11 +271,49 @@ class Form {
         addTable(table, now_.connections.size() - shown.size());
     }
 
+    // What crosses the link, summed up by category and broker.
+    void addRemote() {
+        struct Sum {
+            std::uint64_t channels = 0;
+            std::uint64_t requests = 0;
+            std::uint64_t queuedBytes = 0;
+            std::optional<std::uint64_t> roundTripUs;
+            std::string broker;
+        };
+        std::map<std::array<std::string, 3>, Sum> sums;
+        for (const RemoteEntry& entry : now_.remote) {
+            Sum& sum = sums[{entry.category.value_or("all"), entry.way, entry.broker}];
+            ++sum.channels;
+            sum.requests += entry.pendingRequests + entry.requestsInFlight;
+            sum.queuedBytes += entry.queuedBytes;
+            sum.roundTripUs = entry.roundTripUs;
+            sum.broker = entry.brokerName.empty() ? entry.broker : entry.brokerName;
+        }
+        Table table({{"OVER THE LINK", false, 12},
+                     {"WAY", false, 10},
+                     {"BROKER", false, 8},
+                     {"ROUND TRIP", true, 0, 2},
+                     {"CHANNELS", true, 0, 1},
+                     {"PENDING", true},
+                     {"QUEUED", true}});
+        for (std::size_t left = shownOf(sums.size()); const auto& [key, sum] : sums) {
+            if (left-- == 0) {
+                break;
+            }
+            table.add({key[0], words(key[1]), sum.broker,
+                       sum.roundTripUs ? fmt::format("{} us", *sum.roundTripUs) : "",
+                       std::to_string(sum.channels), std::to_string(sum.requests),
+                       bytesText(sum.queuedBytes)});
+        }
+        addTable(table, sums.size() - shownOf(sums.size()));
+    }
+
     const Snapshot& now_;
     const Snapshot* earlier_;
     const TextFormOptions& options_;
     Names& names_;
     std::map<std::uint64_t, pid_t> processes_;  // by connection
+    std::set<std::uint64_t> remote_;
     std::string text_;
 };
 

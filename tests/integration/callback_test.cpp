@@ -4,7 +4,6 @@
 
 #include <signal.h>
 
-#include <algorithm>
 #include <boost/test/unit_test.hpp>
 #include <functional>
 #include <semaphore>

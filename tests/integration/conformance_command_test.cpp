@@ -7,14 +7,12 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/test/unit_test.hpp>
-#include <cerrno>
 #include <fstream>
 #include <sstream>
 

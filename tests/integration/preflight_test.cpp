@@ -2,7 +2,6 @@
 // this test's own does one thing in another way than the test service.
 #define BOOST_TEST_MODULE preflight
 #include <boost/test/unit_test.hpp>
-#include <fstream>
 #include <string>
 
 #include "process/temporary_folder.h"

@@ -517,7 +517,7 @@ class NoAnswer(StatusTest):
         self.fake(WELCOMED, BROKER_REPORT,
                   frame(REPORT, 1, identifier=b"weather", payload=b"rain=1\n"),
                   frame(REPORT, 1, identifier=b"traffic", payload=b"requests=7\nnew_ones=8\n"),
-                  frame(REPORT, 1, identifier=b"user", payload=b"user=4294967294\nshoes=2\n"), END)
+                  frame(REPORT, 1, identifier=b"user", payload=b"user=4294967293\nshoes=2\n"), END)
         status = self.json()
         self.assertEqual(status["counts"]["traffic"], {"requests": 7, "new_ones": 8})
         self.assertIsNone(status["users"][0]["user_name"])
@@ -536,6 +536,41 @@ class NoAnswer(StatusTest):
                 said = tool.communicate(timeout=PATIENCE)[1]
                 self.assertIn(b"cannot write all results to standard output", said)
                 self.assertEqual(tool.returncode, 74)
+
+    def test_a_link_in_every_form(self):
+        answers = (WELCOMED, BROKER_REPORT,
+                   frame(REPORT, 1, b"nats://h:1", b"link",
+                         payload=b"connected=1\nconnections=2\nmessage_bytes=1048576\n"
+                                 b"queued_bytes=5\nbrokers=1\nchannels=2\ncategories_out=0\n"
+                                 b"events_in=1\n"),
+                   frame(REPORT, 1, identifier=b"user", payload=b"user=4294967294\n"),
+                   frame(REPORT, 1, b"news", b"remote", payload=b"connection=9\nway=events_in\n"),
+                   *(frame(REPORT, 1, b"test", b"remote",
+                           payload=b"connection=%d\nway=requests_out\nbroker=00ff\n"
+                                   b"broker_name=host-1\nround_trip_us=40\n"
+                                   b"requests_in_flight=3\n" % number)
+                     for number in (7, 8)), END)
+        self.fake(*answers)
+        status = self.json()
+        jsonschema.validate(status, strict(SCHEMA))
+        self.assertEqual(status["users"][0]["user_name"], "@link")
+        self.assertEqual(status["link"]["server"], "nats://h:1")
+        self.assertIs(status["link"]["connected"], True)
+        self.assertEqual([(each["category"], each["way"], each["broker_name"])
+                          for each in status["remote"]],
+                         [("news", "events_in", None), *[("test", "requests_out", "host-1")] * 2])
+        self.path.unlink()
+        self.fake(*answers)
+        samples = prometheusSamples(self, self.output("--prometheus"))
+        for name, label, count in (("up", None, 1), ("connections_total", None, 2),
+                                   ("queued_bytes", None, 5), ("channels", 'broker="host-1"', 2),
+                                   ("round_trip_microseconds", 'broker="host-1"', 40)):
+            self.assertEqual(samples["kavri_link_" + name, label], count)
+        self.path.unlink()
+        self.fake(*answers)
+        shown = self.output()
+        self.assertRegex(shown, "link: by nats://h:1  reconnected 1 times")
+        self.assertRegex(shown, "test +requests out +host-1 +40 us +2 +6 +0 B\n")
 
     def test_a_wrong_command_line(self):
         for arguments in (("--watch", "0"), ("--prometheus", "--json"), ("--timeout", "x"),

@@ -2,7 +2,6 @@
 //
 // Usage: other-broker SOCKET
 #include <poll.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <cstdio>

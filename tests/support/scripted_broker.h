@@ -38,18 +38,23 @@ class ScriptedBroker {
         : limits(itsLimits), policy(managedBySomeUser(std::move(itsPolicy))) {}
 
     // A session that has said nothing yet.
-    Session& connect(uid_t user = someUser) {
-        std::uint32_t index = 0;
-        while (index < places_.size() && places_[index].session != nullptr) {
-            ++index;
+    Session& connect(uid_t user = someUser) { return insert(user, accounts_[user]); }
+    // One without a connection, as the link opens them.
+    Session& connectRemote(broker::Role role, broker::Transport& transport, const Session* payer) {
+        Session& session = insert(broker::linkUser,
+                                  payer == nullptr ? accounts_[broker::linkUser] : payer->account);
+        session.role = role;
+        session.transport = &transport;
+        return session;
+    }
+    // `visit` must neither add nor remove sessions.
+    template <typename Visit>
+    void forEachSession(const Visit& visit) {
+        for (const Place& place : places_) {
+            if (place.session != nullptr) {
+                visit(*place.session);
+            }
         }
-        if (index == places_.size()) {
-            places_.emplace_back();
-        }
-        Place& place = places_[index];
-        place.session = std::make_unique<Session>(SessionId{index, place.generation}, user,
-                                                  accounts_[user], pool);
-        return *place.session;
     }
 
     // One that said hello and has heard the welcome.
@@ -93,7 +98,9 @@ class ScriptedBroker {
             drained, [&most] { return most-- > 0; },
             [this](Session& sender) {
                 resumed.push_back(&sender);
-                blockOn(sender, protocol.resume(sender));
+                if (!sender.isClosing) {
+                    blockOn(sender, protocol.resume(sender));
+                }
             });
     }
     std::vector<Session*> resumed;
@@ -132,6 +139,9 @@ class ScriptedBroker {
         session.isClosing = true;
         router.forget(session);
         reports.forget(session);
+        if (broker::Transport* const transport = std::exchange(session.transport, nullptr)) {
+            transport->end();
+        }
         resumeAllAt(session);
         router.toWrite().remove(session);
         closings_.erase(session.id.index);
@@ -148,11 +158,11 @@ class ScriptedBroker {
 
     std::size_t userBytes(uid_t user) { return accounts_[user].memory.bytes(); }
 
-    const broker::Clock::time_point now;
+    broker::Clock::time_point now;
     broker::Moment moment = broker::Moment::now();  // for the tap; goes on where a test says so
 
     const wire::Limits limits;
-    const broker::Policy policy;
+    broker::Policy policy;
 
   private:
     std::map<uid_t, broker::UserAccount> accounts_;
@@ -180,6 +190,27 @@ class ScriptedBroker {
                              [this](std::uint64_t place) { return sessionFrom(place); },
                              [this](std::uint64_t least) { return userFrom(least); }}};
 
+  protected:
+    // Returns the session that blocks the sender, or null.
+    Session* blockOn(Session& sender, const std::optional<broker::Blocked>& blocked) {
+        if (blocked && !sender.isClosing) {
+            router.flowControl().block(sender, blocked->on, now);
+        }
+        if (sender.transport != nullptr) {
+            sender.transport->watchInput(!sender.isBlocked());
+        }
+        return blocked ? &blocked->on : nullptr;
+    }
+
+    void close(Session& session, broker::CloseCause cause, std::string_view reason) {
+        if (!session.isClosing) {
+            session.isClosing = true;
+            router.tap().closed(session, statusOf(cause), reason);
+            closings_[session.id.index] =
+                "status " + std::to_string(statusOf(cause)) + ": " + std::string(reason);
+        }
+    }
+
   private:
     static broker::Policy managedBySomeUser(broker::Policy policy) {
         policy.manage.listed.insert(someUser);
@@ -190,6 +221,20 @@ class ScriptedBroker {
         std::unique_ptr<Session> session;
         std::uint32_t generation = 0;
     };
+
+    Session& insert(uid_t user, broker::UserAccount& account) {
+        std::uint32_t index = 0;
+        while (index < places_.size() && places_[index].session != nullptr) {
+            ++index;
+        }
+        if (index == places_.size()) {
+            places_.emplace_back();
+        }
+        Place& place = places_[index];
+        place.session =
+            std::make_unique<Session>(SessionId{index, place.generation}, user, account, pool);
+        return *place.session;
+    }
 
     std::optional<broker::Blocked> takeBytes(Session& from, std::string_view bytes) {
         if (from.input.large) {
@@ -215,17 +260,6 @@ class ScriptedBroker {
         return protocol.take(from, all.data(), all.size());
     }
 
-    // Returns the session that blocks the sender, or null.
-    Session* blockOn(Session& sender, const std::optional<broker::Blocked>& blocked) {
-        if (!blocked) {
-            return nullptr;
-        }
-        if (!sender.isClosing) {
-            router.flowControl().block(sender, blocked->on, now);
-        }
-        return &blocked->on;
-    }
-
     const Session* sessionFrom(std::uint64_t place) const {
         for (; place < places_.size(); ++place) {
             if (places_[place].session != nullptr) {
@@ -238,15 +272,6 @@ class ScriptedBroker {
         const auto found = accounts_.lower_bound(static_cast<uid_t>(least));
         return found == accounts_.end() ? broker::Reports::User{}
                                         : broker::Reports::User{found->first, &found->second};
-    }
-
-    void close(Session& session, broker::CloseCause cause, std::string_view reason) {
-        if (!session.isClosing) {
-            session.isClosing = true;
-            router.tap().closed(session, statusOf(cause), reason);
-            closings_[session.id.index] =
-                "status " + std::to_string(statusOf(cause)) + ": " + std::string(reason);
-        }
     }
 
     std::vector<Place> places_;

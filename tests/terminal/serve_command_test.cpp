@@ -4,7 +4,6 @@
 #include <signal.h>
 
 #include <boost/test/unit_test.hpp>
-#include <nlohmann/json.hpp>
 
 #include "support/notify_socket.h"
 #include "support/tool.h"

@@ -5,7 +5,6 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
-#include <array>
 #include <boost/test/unit_test.hpp>
 #include <chrono>
 #include <filesystem>

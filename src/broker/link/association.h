@@ -9,8 +9,11 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "broker/link/envelope.h"
+#include "broker/link/link_options.h"
 #include "broker/routing/drain_meter.h"
 
 namespace kavri::broker {
@@ -54,12 +57,23 @@ class Association {
         heard_ = now;
     }
 
-    // Whether a reset is about this side's present epoch.
-    bool isMeantBy(const Envelope& reset) const { return reset.value == ownEpoch_; }
+    std::uint64_t ownEpoch() const { return ownEpoch_; }
+    // Whether a reset is about the present epoch of either side.
+    bool isMeantBy(const Envelope& reset) const {
+        return reset.value == ownEpoch_ || (hasHeard_ && reset.epoch == otherEpoch_);
+    }
 
     bool isSilent(Clock::time_point now) const { return now - heard_ >= silence; }
     void ponged(Clock::duration roundTrip) { roundTrip_ = roundTrip; }
     Clock::duration roundTrip() const { return roundTrip_; }
+
+    // What it calls itself, unless that is no name.
+    void call(std::string_view name) {
+        if (isBrokerName(name)) {
+            name_ = name;
+        }
+    }
+    const std::string& name() const { return name_; }
 
     void addChannel(Clock::time_point now) {
         if (channels_++ == 0) {
@@ -82,6 +96,7 @@ class Association {
     Clock::time_point heard_;
     Clock::time_point used_;
     Clock::duration roundTrip_{};
+    std::string name_;
     std::size_t channels_ = 0;
 };
 

@@ -28,6 +28,8 @@ struct BusOptions {
     std::string credentialsFile;  // a user's token and seed in one file
     std::string nkey;             // the public key, with the file of its seed
     std::string nkeySeedFile;
+
+    bool operator==(const BusOptions&) const = default;
 };
 
 // The options cannot be used, whatever the servers say. The text says what is wrong and
@@ -48,7 +50,7 @@ class Bus {
         std::string_view replyTo;
         std::string_view data;
         // Not a message: the server says that nobody is subscribed to what was published
-        // with `subject` as its replyTo.
+        // with `subject` as its replyTo. Only subscriptions to answers get these.
         bool nobodyListens = false;
     };
     struct Connection {
@@ -56,6 +58,7 @@ class Bus {
         std::uint64_t times = 0;        // how often it came up; another number: a new one
         std::string server;             // its address while it is up
         std::string failure;            // why it is not up, or was lost the last time
+        std::string complaint;          // what the server refused last, but the connection
         std::size_t mostDataBytes = 0;  // of a message, as the server says; 0 before that
     };
 
@@ -67,17 +70,22 @@ class Bus {
     // Readable while handle has something to do.
     virtual int descriptor() const = 0;
 
-    // Reads once, a bounded amount, and notes what became of the connection.
+    // Reads once, a bounded amount, and notes what became of the connection. What was read
+    // before is to be taken first; with the connection it is lost.
     virtual void handle() = 0;
 
-    // The next message that was read; valid until the next call of anything here.
+    // The next message that was read; valid until the next call of anything here. Of one
+    // subscription they come in order, of several each by itself.
     virtual std::optional<Message> next() = 0;
 
     virtual const Connection& connection() const = 0;
 
     // Subscriptions outlive the connection: they are made again with each new one. Of those
-    // with the same subject and a common queue, a message reaches one.
+    // with the same subject and a common queue, a message reaches one. What this bus
+    // publishes reaches others only. Like messages, they are queued until flush.
     virtual SubscriptionId subscribe(std::string_view subject, std::string_view queue = {}) = 0;
+    // To what the server itself answers where nobody listens, by the replyTo of the question.
+    virtual SubscriptionId subscribeAnswers(std::string_view subject) = 0;
     virtual void unsubscribe(SubscriptionId subscription) = 0;
 
     // Queued until flush. False where the connection is not up, or it is more than a message
@@ -91,6 +99,12 @@ class Bus {
     // Published, and not taken by the kernel yet.
     virtual std::size_t queuedBytes() const = 0;
 };
+
+// What the module exports, by these names: the version that it was built with, which is to
+// be the broker's, and what makes a bus. It may throw BadBusOptions.
+inline constexpr const char* busVersionSymbol = "kavriBusVersion";
+inline constexpr const char* makeBusSymbol = "kavriMakeBus";
+using MakeBus = Bus*(const BusOptions&);
 
 }  // namespace kavri::broker
 

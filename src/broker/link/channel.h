@@ -39,6 +39,7 @@ class Channel : public Transport {
         virtual void handleInputSoon(Channel& channel) = 0;
         virtual void handleFrames(Channel& channel, char* bytes, std::size_t count) = 0;
         virtual void ended(Channel& channel) = 0;
+        virtual void describe(const Channel& channel, Lines& lines) const = 0;
 
       protected:
         ~Host() = default;
@@ -79,6 +80,8 @@ class Channel : public Transport {
     std::size_t bytesInTransit() const override { return static_cast<std::size_t>(sent_ - taken_); }
     void watchInput(bool isWanted) override;
     void end() override { host_.ended(*this); }
+    std::optional<std::string_view> categoryCarried() const override { return category; }
+    void describe(Lines& lines) const override { host_.describe(*this, lines); }
 
   private:
     std::size_t mostToSend();

@@ -39,13 +39,25 @@ RemoteServices::Found Channels::responderFor(Session& initiator, std::string_vie
         return KAVRI_CORE_STATUS_IPC_OVERLOADED;
     }
     channel->session().asResponder.lost = KAVRI_CORE_STATUS_IPC_NO_RESPONDER;
-    message_.clear();
-    appendEncoded({.kind = EnvelopeKind::open, .sender = line_.identity, .value = channel->id},
-                  message_);
-    message_.append(category);
-    line_.bus.publish(serveSubject(category), message_, answerSubject(line_.identity, channel->id));
     questions_.push_back({line_.now + openTime, channel->id});
+    ask(*channel);
     return &channel->session();
+}
+
+void Channels::ask(const Channel& channel) {
+    message_.clear();
+    appendEncoded({.kind = EnvelopeKind::open, .sender = line_.identity, .value = channel.id},
+                  message_);
+    message_.append(channel.category);
+    line_.bus.publish(serveSubject(channel.category), message_,
+                      answerSubject(line_.identity, channel.id));
+}
+
+void Channels::askAgain(std::uint64_t id) {
+    const Channel* const channel = find(id);
+    if (channel != nullptr && !channel->isOpen() && !channel->session().isClosing) {
+        ask(*channel);
+    }
 }
 
 Channel* Channels::make(std::string_view category, Role role, Session* payer) {
@@ -156,6 +168,15 @@ void Channels::withdraw(std::string_view category) {
     }
 }
 
+void Channels::endForbidden() {
+    for (const auto& [id, channel] : channels_) {
+        if (channel->session().role == Role::responder &&
+            !line_.router.policy().at(channel->category).serve.contains(linkUser)) {
+            line_.closeSession(channel->session(), CloseCause::leftByPeer, {});
+        }
+    }
+}
+
 void Channels::lose(const BrokerIdentity& broker) {
     for (const auto& [id, channel] : channels_) {
         if (channel->isOpen() && channel->broker() == broker) {
@@ -207,6 +228,13 @@ void Channels::writeWaiting() {
                 writeSoon(*channel);
             }
         }
+    }
+}
+
+void Channels::describe(const Channel& channel, Lines& lines) const {
+    lines.add("way", channel.session().role == Role::responder ? "requests_out" : "requests_in");
+    if (channel.isOpen()) {
+        neighbours_.describe(channel.broker(), lines);
     }
 }
 

@@ -38,6 +38,9 @@ class Channels : public Channel::Host {
 
     // For an initiator here.
     RemoteServices::Found responderFor(Session& initiator, std::string_view category);
+    // The answer to a question was a stray: the broker that gave it is about to forget that it
+    // did.
+    void askAgain(std::uint64_t id);
     // The server's answer to a question: nobody serves the category.
     void nobodyServes(std::uint64_t id);
 
@@ -45,6 +48,8 @@ class Channels : public Channel::Host {
     void asked(const Envelope& envelope, std::string_view category, bool isOffered);
     // The responder of the category here is gone.
     void withdraw(std::string_view category);
+    // The policy has changed: ends the channels to responders that may not serve any more.
+    void endForbidden();
 
     // A message about a channel.
     void handle(const Envelope& envelope, std::string_view content);
@@ -66,8 +71,10 @@ class Channels : public Channel::Host {
     void handleInputSoon(Channel& channel) override;
     void handleFrames(Channel& channel, char* bytes, std::size_t count) override;
     void ended(Channel& channel) override;
+    void describe(const Channel& channel, Lines& lines) const override;
 
     Channel* make(std::string_view category, Role role, Session* payer);
+    void ask(const Channel& channel);
     // Null where there is none, or it is not the sender's.
     Channel* find(const Envelope& envelope);
     Channel* find(std::uint64_t id);

@@ -41,7 +41,9 @@ enum class EnvelopeKind : std::uint8_t {
     close = 6,    // the channel; status: why
     ping = 7,     // value: the sender's clock
     pong = 8,     // value: that of the ping
-    reset = 9,    // what you sent last has a number that I did not expect; value: its epoch
+    // Without number: I have ended it; epoch: that of mine which has ended, or 0; value: that of
+    // yours of which I got a number that I did not expect, or 0. There is no epoch 0.
+    reset = 9,
     events = 10,  // content: whole publish frames of one category; numbered for itself
 };
 

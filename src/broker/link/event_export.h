@@ -13,6 +13,7 @@
 
 #include "broker/link/link_line.h"
 #include "broker/link/link_options.h"
+#include "broker/routing/lines.h"
 #include "broker/routing/transport.h"
 
 namespace kavri::broker {
@@ -33,6 +34,8 @@ class EventExport : private Transport {
     std::size_t bytesInTransit() const override { return 0; }
     void watchInput(bool) override {}
     void end() override;
+    std::optional<std::string_view> categoryCarried() const override { return std::nullopt; }
+    void describe(Lines& lines) const override { lines.add("way", "events_out"); }
 
     void publish(std::string_view category, std::string_view frames);
 

@@ -91,6 +91,8 @@ class EventImport::Feed : public Transport {
         }
     }
     void end() override { owner_.ended(*this); }
+    std::optional<std::string_view> categoryCarried() const override { return category->name; }
+    void describe(Lines& lines) const override { lines.add("way", "events_in"); }
 
   private:
     EventImport& owner_;
@@ -170,6 +172,9 @@ bool EventImport::handle(const Bus::Message& message, std::size_t& costBytes) {
         !isWholeFrames(opened->content)) {
         line_.note("what came over the link as an event is none; it is dropped");
         return true;
+    }
+    if (opened->envelope.sender == line_.identity) {
+        return true;  // exported here as well: the subscribers have it already
     }
     const Feed::Order order = feed.orderOf(opened->envelope);
     if (order == Feed::Order::repeated || feed.session().isClosing) {

@@ -27,6 +27,7 @@ Link::Link(std::unique_ptr<Bus> bus, LinkOptions options, std::string_view ident
       line_{*bus_,
             surroundings.router,
             identityOf(identity),
+            options_.bus.name,
             surroundings.now,
             std::move(surroundings.openSession),
             std::move(surroundings.closeSession),
@@ -39,7 +40,7 @@ Link::Link(std::unique_ptr<Bus> bus, LinkOptions options, std::string_view ident
 
 void Link::begin() {
     inbox_ = bus_->subscribe(brokerSubject(line_.identity));
-    answers_ = bus_->subscribe(allAnswersSubject(line_.identity));
+    answers_ = bus_->subscribeAnswers(allAnswersSubject(line_.identity));
     for (const Category* category : line_.router.embedded()) {
         serviceChanged(*category);
     }
@@ -93,16 +94,27 @@ void Link::handleMessage(const Bus::Message& message, std::size_t& costBytes) {
         return;
     }
     if (message.subscription == inbox_) {
-        const auto opened = openEnvelope(message.data);
-        if (!opened || opened->envelope.sender == line_.identity) {
-            line_.note("a message over the link is none of another broker's; it is dropped");
-        } else if (neighbours_.accept(opened->envelope)) {
-            channels_.handle(opened->envelope, opened->content);
-        }
-        return;
+        return handleFromBroker(message);
     }
     if (message.subscription != answers_ && !import_.handle(message, costBytes)) {
         handleQuestion(message);
+    }
+}
+
+void Link::handleFromBroker(const Bus::Message& message) {
+    const auto opened = openEnvelope(message.data);
+    if (!opened || opened->envelope.sender == line_.identity) {
+        line_.note("a message over the link is none of another broker's; it is dropped");
+        return;
+    }
+    const Envelope& envelope = opened->envelope;
+    const bool isAnswer =
+        envelope.kind == EnvelopeKind::opened || envelope.kind == EnvelopeKind::refused;
+    const Neighbours::Received received = neighbours_.receive(envelope, opened->content);
+    if (received == Neighbours::Received::next) {
+        channels_.handle(envelope, opened->content);
+    } else if (received == Neighbours::Received::stray && isAnswer) {
+        channels_.askAgain(envelope.channel);
     }
 }
 
@@ -166,7 +178,21 @@ void Link::serviceChanged(const Category& category) {
     }
 }
 
+std::string_view Link::describe(Lines& lines) const {
+    const Bus::Connection& connection = bus_->connection();
+    lines.add("connected", connection.isUp ? 1 : 0);
+    lines.add("connections", connection.times);
+    lines.add("message_bytes", connection.mostDataBytes);
+    lines.add("queued_bytes", bus_->queuedBytes());
+    lines.add("brokers", neighbours_.size());
+    lines.add("channels", channels_.size());
+    lines.add("categories_out", offers_.size());
+    lines.add("events_in", import_.size());
+    return connection.isUp ? connection.server : connection.failure;
+}
+
 void Link::policyChanged() {
+    channels_.endForbidden();
     export_.subscribeAnew();
 }
 

@@ -58,6 +58,7 @@ class Link : public RemoteServices {
     std::size_t mostFrameBytes() const override { return line_.mostContentBytes(); }
     void serviceChanged(const Category& category) override;
     void subscribersChanged(Category& category) override { import_.subscribersChanged(category); }
+    std::string_view describe(Lines& lines) const override;
 
     const Bus& bus() const { return *bus_; }
     const Channels& channels() const { return channels_; }
@@ -70,6 +71,7 @@ class Link : public RemoteServices {
     void noteConnection();
     void handleMessages();
     void handleMessage(const Bus::Message& message, std::size_t& costBytes);
+    void handleFromBroker(const Bus::Message& message);
     void handleQuestion(const Bus::Message& message);
     void lose(const BrokerIdentity& broker) { channels_.lose(broker); }
     bool mayBeAsked(std::string_view category) const;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <string>
 #include <string_view>
 
 #include "broker/link/bus.h"
@@ -24,6 +25,7 @@ struct LinkLine {
     Bus& bus;
     Router& router;
     const BrokerIdentity identity;
+    const std::string name;  // for those who look at other brokers' status
     const Clock::time_point& now;
     // A session without a socket. Its memory is charged to the payer's user, or, without a
     // payer, to that of the link. Null where there is no memory.

@@ -2,6 +2,7 @@
 #ifndef KAVRI_BROKER_LINK_LINK_OPTIONS_H
 #define KAVRI_BROKER_LINK_LINK_OPTIONS_H
 
+#include <algorithm>
 #include <functional>
 #include <set>
 #include <string>
@@ -11,6 +12,14 @@
 
 namespace kavri::broker {
 
+// What a broker may be called among others: a word, as host names are.
+inline bool isBrokerName(std::string_view name) {
+    return !name.empty() && name.size() <= 64 && std::ranges::all_of(name, [](char byte) {
+        return (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+               (byte >= '0' && byte <= '9') || byte == '.' || byte == '_' || byte == '-';
+    });
+}
+
 struct LinkOptions {
     BusOptions bus;
     // Categories whose services and events here are offered to others.
@@ -18,6 +27,8 @@ struct LinkOptions {
     // Categories whose services and events of others are used here.
     std::set<std::string, std::less<>> imports;
     bool importsAll = false;
+
+    bool operator==(const LinkOptions&) const = default;
 
     bool isExported(std::string_view category) const { return exports.contains(category); }
     bool isImported(std::string_view category) const {

@@ -32,22 +32,22 @@ void Neighbours::send(const BrokerIdentity& to, Envelope envelope, std::string_v
     line_.bus.publish(brokerSubject(to), message_);
 }
 
-bool Neighbours::accept(const Envelope& envelope) {
+Neighbours::Received Neighbours::receive(const Envelope& envelope, std::string_view content) {
     if (envelope.kind == EnvelopeKind::reset) {
         const auto known = associations_.find(envelope.sender);
         if (known != associations_.end() && known->second.isMeantBy(envelope)) {
             lose(envelope.sender, "it lost messages from here, or forgot about them");
         }
-        return false;
+        return Received::settled;
     }
     if (isFullFor(envelope.sender)) {
-        return false;
+        return Received::settled;
     }
     const auto judgement = with(envelope.sender).judge(envelope);
     if (judgement == Association::Judgement::stray) {
         lose(envelope.sender, "messages from it were lost");
-        reset(envelope);
-        return false;
+        reset(envelope.sender, 0, envelope.epoch);
+        return Received::stray;
     }
     if (judgement == Association::Judgement::other) {
         lose(envelope.sender, "it began anew");
@@ -55,22 +55,26 @@ bool Neighbours::accept(const Envelope& envelope) {
     Association& association = with(envelope.sender);
     association.accept(envelope, line_.now);
     if (envelope.kind != EnvelopeKind::ping && envelope.kind != EnvelopeKind::pong) {
-        return true;
+        return Received::next;
     }
-    answer(association, envelope);
-    return false;
+    answer(association, envelope, content);
+    return Received::settled;
 }
 
-void Neighbours::reset(const Envelope& stray) {
-    const Envelope envelope{
-        .kind = EnvelopeKind::reset, .sender = line_.identity, .value = stray.epoch};
+void Neighbours::reset(const BrokerIdentity& to, std::uint64_t ownEpoch, std::uint64_t otherEpoch) {
     message_.clear();
-    appendEncoded(envelope, message_);
-    line_.bus.publish(brokerSubject(stray.sender), message_);
+    appendEncoded({.kind = EnvelopeKind::reset,
+                   .sender = line_.identity,
+                   .epoch = ownEpoch,
+                   .value = otherEpoch},
+                  message_);
+    line_.bus.publish(brokerSubject(to), message_);
 }
 
-void Neighbours::answer(Association& association, const Envelope& envelope) {
+void Neighbours::answer(Association& association, const Envelope& envelope,
+                        std::string_view content) {
     if (envelope.kind == EnvelopeKind::ping) {
+        association.call(content);
         send(envelope.sender, {.kind = EnvelopeKind::pong, .value = envelope.value});
     } else {
         const Clock::duration sentAt(static_cast<Clock::rep>(envelope.value));
@@ -94,22 +98,42 @@ void Neighbours::keepUp() {
         return;
     }
     nextLook_ = line_.now + Association::pingEvery;
-    std::vector<BrokerIdentity> silent;
+    std::vector<std::pair<BrokerIdentity, std::uint64_t>> silent;
     std::vector<BrokerIdentity> toPing;
     for (const auto& [broker, association] : associations_) {
-        if (association.channels() > 0) {
-            (association.isSilent(line_.now) ? silent : toPing).push_back(broker);
+        if (association.channels() > 0 && association.isSilent(line_.now)) {
+            silent.emplace_back(broker, association.ownEpoch());
+        } else if (association.channels() > 0) {
+            toPing.push_back(broker);
         }
     }
-    for (const BrokerIdentity& broker : silent) {
+    // Perhaps it hears what it is not heard with.
+    for (const auto& [broker, epoch] : silent) {
+        reset(broker, epoch, 0);
         lose(broker, "it is silent");
     }
     for (const BrokerIdentity& broker : toPing) {
         const auto clock = static_cast<std::uint64_t>(line_.now.time_since_epoch().count());
-        send(broker, {.kind = EnvelopeKind::ping, .value = clock});
+        send(broker, {.kind = EnvelopeKind::ping, .value = clock}, line_.name);
     }
     std::erase_if(associations_,
                   [this](const auto& each) { return each.second.isIdle(line_.now); });
+}
+
+void Neighbours::describe(const BrokerIdentity& broker, Lines& lines) const {
+    lines.add("broker", hexText(broker));
+    const auto known = associations_.find(broker);
+    if (known == associations_.end()) {
+        return;
+    }
+    const Association& association = known->second;
+    if (!association.name().empty()) {
+        lines.add("broker_name", association.name());
+    }
+    if (association.roundTrip() > Clock::duration::zero()) {
+        lines.add("round_trip_us",
+                  std::chrono::ceil<std::chrono::microseconds>(association.roundTrip()).count());
+    }
 }
 
 void Neighbours::loseAll() {

@@ -21,9 +21,12 @@ class Neighbours {
 
     void send(const BrokerIdentity& to, Envelope envelope, std::string_view content = {});
 
-    // Whether a message is to be handled: the next of its sender's. It was answered here where
-    // it is only about the association.
-    bool accept(const Envelope& envelope);
+    enum class Received {
+        next,     // of its sender's: to be handled
+        settled,  // only about the association: it was answered here
+        stray,    // not the next: the sender is told, and begins anew
+    };
+    Received receive(const Envelope& envelope, std::string_view content);
 
     void addChannel(const BrokerIdentity& to) { with(to).addChannel(line_.now); }
     void removeChannel(const BrokerIdentity& to);
@@ -36,6 +39,10 @@ class Neighbours {
     void loseAll();
     void lose(const BrokerIdentity& broker, std::string_view reason);
 
+    // For reports: one of them, as far as it is known.
+    void describe(const BrokerIdentity& broker, Lines& lines) const;
+    std::size_t size() const { return associations_.size(); }
+
     const std::map<BrokerIdentity, Association>& all() const { return associations_; }
 
   private:
@@ -46,8 +53,8 @@ class Neighbours {
         return associations_.size() >= mostAssociations && !associations_.contains(broker);
     }
     Association& with(const BrokerIdentity& broker);
-    void reset(const Envelope& stray);
-    void answer(Association& association, const Envelope& envelope);
+    void reset(const BrokerIdentity& to, std::uint64_t ownEpoch, std::uint64_t otherEpoch);
+    void answer(Association& association, const Envelope& envelope, std::string_view content);
 
     LinkLine& line_;
     std::function<void(const BrokerIdentity&)> lost_;

@@ -22,7 +22,7 @@ bool standsForItself(char byte) {
 
 std::string ofCategory(std::string_view kind, std::string_view category) {
     std::string subject(root);
-    subject.append(kind).append(".");
+    subject.append(kind).append(category.empty() ? ".=" : ".");
     for (const char byte : category) {
         if (standsForItself(byte)) {
             subject.push_back(byte);

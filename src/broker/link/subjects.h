@@ -6,7 +6,7 @@
 //     kavri.1.broker.BROKER.open.N   what the server itself answers to its request N
 //
 // A category is written with letters, digits, "-" and "_" as they are and every other byte
-// as "=" and two hexadecimal digits; a BROKER as 32 hexadecimal digits.
+// as "=" and two hexadecimal digits, an empty one as "="; a BROKER as 32 hexadecimal digits.
 #ifndef KAVRI_BROKER_LINK_SUBJECTS_H
 #define KAVRI_BROKER_LINK_SUBJECTS_H
 

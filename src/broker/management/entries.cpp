@@ -1,6 +1,7 @@
 // The lines of each kind of report; see entries.h.
 #include "broker/management/entries.h"
 
+#include "broker/routing/transport.h"
 #include "wire/limit_settings.h"
 
 namespace kavri::broker {
@@ -23,6 +24,22 @@ std::string_view nameOf(Role role) {
 
 auto millisecondsSince(Clock::time_point begin, Clock::time_point now) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(now - begin).count();
+}
+
+// Of every session, wherever its program runs.
+void describeSession(Lines& lines, const Session& session, const FlowControl& flow,
+                     Clock::time_point now) {
+    lines.add("age_ms", millisecondsSince(session.connected, now));
+    lines.add("pending_requests", session.asInitiator.pendingRequests);
+    lines.add("requests_in_flight", session.asResponder.requestsInFlight);
+    lines.add("queued_bytes", session.sendQueue.bytes());
+    lines.add("input_bytes", session.input.charge.bytes());
+    lines.add("congested", flow.isCongested(session) ? 1 : 0);
+    lines.add("stalled",
+              session.congestion != nullptr && !session.congestion->meter.isSteady() ? 1 : 0);
+    if (session.isBlocked()) {
+        lines.add("waits_for", numberOf(session.waiting.on->id));
+    }
 }
 
 }  // namespace
@@ -66,6 +83,7 @@ void describeTraffic(Lines& lines, const TrafficCounts& counts) {
     lines.add("notices_no_responder", counts.noResponder);
     lines.add("notices_responder_lost", counts.responderLost);
     lines.add("notices_overloaded", counts.overloaded);
+    lines.add("notices_too_large", counts.tooLarge);
     lines.add("dropped_answers", counts.droppedAnswers);
     lines.add("dropped_events", counts.droppedEvents);
 }
@@ -82,18 +100,15 @@ void describeConnection(Lines& lines, const Session& session, const FlowControl&
     lines.add("user", session.user);
     lines.add("process", session.process);
     lines.add("role", nameOf(session.role));
-    lines.add("age_ms", millisecondsSince(session.connected, now));
     lines.add("subscriptions", session.asInitiator.subscriptions.size());
-    lines.add("pending_requests", session.asInitiator.pendingRequests);
-    lines.add("requests_in_flight", session.asResponder.requestsInFlight);
-    lines.add("queued_bytes", session.sendQueue.bytes());
-    lines.add("input_bytes", session.input.charge.bytes());
-    lines.add("congested", flow.isCongested(session) ? 1 : 0);
-    lines.add("stalled",
-              session.congestion != nullptr && !session.congestion->meter.isSteady() ? 1 : 0);
-    if (session.isBlocked()) {
-        lines.add("waits_for", numberOf(session.waiting.on->id));
-    }
+    describeSession(lines, session, flow, now);
+}
+
+void describeRemote(Lines& lines, const Session& session, const FlowControl& flow,
+                    Clock::time_point now) {
+    lines.add("connection", numberOf(session.id));
+    session.transport->describe(lines);
+    describeSession(lines, session, flow, now);
 }
 
 void describeCategory(Lines& lines, const Category& category) {

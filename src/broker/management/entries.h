@@ -38,6 +38,9 @@ void describeTraffic(Lines& lines, const TrafficCounts& counts);
 void describeUser(Lines& lines, uid_t user, const UserAccount& account);
 void describeConnection(Lines& lines, const Session& session, const FlowControl& flow,
                         Clock::time_point now);
+// Of a session whose program is on another machine.
+void describeRemote(Lines& lines, const Session& session, const FlowControl& flow,
+                    Clock::time_point now);
 void describeCategory(Lines& lines, const Category& category);
 
 }  // namespace kavri::broker

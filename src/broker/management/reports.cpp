@@ -2,6 +2,8 @@
 #include "broker/management/reports.h"
 
 #include <algorithm>
+#include <optional>
+#include <type_traits>
 
 namespace kavri::broker {
 
@@ -62,7 +64,9 @@ void Reports::step(Report& report) {
             return enter(report, Stage::traffic);
         case Stage::traffic:
             show(report, "traffic", [&] { describeTraffic(lines_, router_.counts()); });
-            return enter(report, Stage::users);
+            return enter(report, Stage::link);
+        case Stage::link:
+            return stepLink(report);
         case Stage::users:
             return stepUsers(report);
         case Stage::embedded:
@@ -77,6 +81,13 @@ void Reports::step(Report& report) {
 void Reports::enter(Report& report, Stage stage) {
     report.stage = stage;
     report.next = 0;
+}
+
+void Reports::stepLink(Report& report) {
+    if (const RemoteServices* const link = router_.remote()) {
+        show(report, "link", [&] { return std::optional(link->describe(lines_)); });
+    }
+    enter(report, Stage::users);
 }
 
 // A user without connections is shown while something is held for him, and not otherwise.
@@ -107,11 +118,8 @@ void Reports::stepSessions(Report& report) {
     if (session->id == report.shown) {
         return stepSubscriptions(report, *session);
     }
-    const Category* const served = session->asResponder.served;
-    show(
-        report, "connection",
-        [&] { describeConnection(lines_, *session, router_.flowControl(), Clock::now()); }, served);
-    if (served != nullptr) {
+    showSession(report, *session);
+    if (const Category* const served = session->asResponder.served) {
         showCategory(report, *served);
     }
     report.shown = session->id;
@@ -132,24 +140,41 @@ void Reports::stepSubscriptions(Report& report, const Session& session) {
     }
 }
 
-void Reports::showCategory(const Report& report, const Category& category) {
-    show(
-        report, "category", [&] { describeCategory(lines_, category); }, &category);
+void Reports::showSession(const Report& report, const Session& session) {
+    if (session.transport != nullptr) {
+        return show(report, "remote", [&] {
+            describeRemote(lines_, session, router_.flowControl(), Clock::now());
+            return session.transport->categoryCarried();
+        });
+    }
+    show(report, "connection", [&]() -> std::optional<std::string_view> {
+        describeConnection(lines_, session, router_.flowControl(), Clock::now());
+        const Category* const served = session.asResponder.served;
+        return served == nullptr ? std::nullopt : std::optional<std::string_view>(served->name);
+    });
 }
 
+void Reports::showCategory(const Report& report, const Category& category) {
+    show(report, "category", [&] {
+        describeCategory(lines_, category);
+        return std::optional<std::string_view>(category.name);
+    });
+}
+
+// describe adds the lines, and may return a name that belongs to them.
 template <typename Describe>
-void Reports::show(const Report& report, std::string_view kind, const Describe& describe,
-                   const Category* category) {
+void Reports::show(const Report& report, std::string_view kind, const Describe& describe) {
     lines_.clear();
-    describe();
     Frame frame;
     frame.type = FrameType::report;
     frame.token = report.token;
     frame[Field::identifier] = kind;
-    frame[Field::payload] = lines_.text();
-    if (category != nullptr) {
-        frame[Field::category] = std::string_view(category->name).substr(0, longestReportedName);
+    if constexpr (std::is_void_v<decltype(describe())>) {
+        describe();
+    } else if (const std::optional<std::string_view> name = describe()) {
+        frame[Field::category] = name->substr(0, longestReportedName);
     }
+    frame[Field::payload] = lines_.text();
     router_.send(*report.manager, frame);
 }
 

@@ -65,7 +65,17 @@ class Reports {
     }
 
   private:
-    enum class Stage { broker, limits, connections, traffic, users, embedded, sessions, done };
+    enum class Stage {
+        broker,
+        limits,
+        connections,
+        traffic,
+        link,
+        users,
+        embedded,
+        sessions,
+        done
+    };
 
     // How far the answer to a query has got.
     struct Report {
@@ -82,14 +92,15 @@ class Reports {
     void advanceSome();
     void step(Report& report);
     static void enter(Report& report, Stage stage);
+    void stepLink(Report& report);
     void stepEmbedded(Report& report);
     void stepUsers(Report& report);
     void stepSessions(Report& report);
     void stepSubscriptions(Report& report, const Session& session);
+    void showSession(const Report& report, const Session& session);
     void showCategory(const Report& report, const Category& category);
     template <typename Describe>
-    void show(const Report& report, std::string_view kind, const Describe& describe,
-              const Category* category = nullptr);
+    void show(const Report& report, std::string_view kind, const Describe& describe);
 
     Router& router_;
     const Surroundings surroundings_;

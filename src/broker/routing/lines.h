@@ -22,15 +22,23 @@ class Lines {
     void add(std::string_view name, std::string_view value) {
         text_.append(name).append("=").append(value).append("\n");
     }
-    void add(std::string_view name, std::integral auto value) {
-        std::array<char, 24> digits;
-        const char* const end = std::to_chars(digits.begin(), digits.end(), value).ptr;
-        add(name, std::string_view(digits.begin(), end));
+    // Several numbers are parted by slashes.
+    void add(std::string_view name, std::integral auto first, std::integral auto... others) {
+        text_.append(name).append("=");
+        addNumber(first);
+        ((text_.append("/"), addNumber(others)), ...);
+        text_.append("\n");
     }
     // Behind the last line: the beginning of a message's payload.
     void addPayload(std::string_view payload) { text_.append("\n").append(payload); }
 
   private:
+    void addNumber(std::integral auto value) {
+        std::array<char, 24> digits;
+        const char* const end = std::to_chars(digits.begin(), digits.end(), value).ptr;
+        text_.append(std::string_view(digits.begin(), end));
+    }
+
     std::string text_;
 };
 

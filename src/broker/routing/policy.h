@@ -13,11 +13,11 @@
 #include <string>
 #include <string_view>
 
+#include "wire/link_user.h"
+
 namespace kavri::broker {
 
-// Not a user: whoever is on the other side of the link to other brokers. The kernel gives this
-// number to nobody (the one above it means "no user").
-inline constexpr uid_t linkUser = static_cast<uid_t>(-2);
+using wire::linkUser;
 
 // A set of users, or everybody on this machine.
 struct Users {

@@ -11,6 +11,7 @@
 namespace kavri::broker {
 
 struct Category;
+class Lines;
 struct Session;
 
 class RemoteServices {
@@ -33,6 +34,10 @@ class RemoteServices {
     virtual void serviceChanged(const Category& category) = 0;
     // The category got a subscriber or lost one. It is removed after the last.
     virtual void subscribersChanged(Category& category) = 0;
+
+    // For reports. Returns the server's address, or why there is no connection to one; valid
+    // until something changes.
+    virtual std::string_view describe(Lines& lines) const = 0;
 
   protected:
     ~RemoteServices() = default;

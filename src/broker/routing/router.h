@@ -72,6 +72,8 @@ class Router {
     // Services on other machines; they outlive the router. To be called before anything is
     // routed, if at all.
     void join(RemoteServices& remote) { remote_ = &remote; }
+    // Null where none was joined.
+    const RemoteServices* remote() const { return remote_; }
     // Null where nobody serves it and nobody is subscribed to it.
     const Category* find(std::string_view category) const { return categories_.find(category); }
 

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
-#include <cstdio>
 
 #include "base/assert.h"
 #include "broker/routing/category_table.h"
@@ -45,12 +43,7 @@ void addPeer(Lines& lines, std::string_view name, const Session* peer) {
     if (peer == nullptr) {
         return;
     }
-    std::array<char, 64> text;
-    const int length =
-        std::snprintf(text.data(), text.size(), "%" PRIu64 "/%jd/%ju", numberOf(peer->id),
-                      std::intmax_t{peer->process}, std::uintmax_t{peer->user});
-    KAVRI_ASSERT(length > 0 && std::size_t(length) < text.size(), "three numbers fit");
-    lines.add(name, std::string_view(text.data(), std::size_t(length)));
+    lines.add(name, numberOf(peer->id), peer->process, peer->user);
 }
 
 void addMoment(Lines& lines, const Moment& moment) {

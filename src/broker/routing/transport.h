@@ -2,12 +2,16 @@
 #ifndef KAVRI_BROKER_ROUTING_TRANSPORT_H
 #define KAVRI_BROKER_ROUTING_TRANSPORT_H
 
-#include <sys/uio.h>
-
 #include <cstddef>
+#include <optional>
 #include <span>
+#include <string_view>
+
+struct iovec;  // memory, as a send queue hands it out
 
 namespace kavri::broker {
+
+class Lines;
 
 class Transport {
   public:
@@ -24,6 +28,10 @@ class Transport {
     virtual void watchInput(bool isWanted) = 0;
     // The session is gone from every table; the transport is not used any more.
     virtual void end() = 0;
+
+    // For reports: what crosses here, of which category alone if of one, and to or from whom.
+    virtual std::optional<std::string_view> categoryCarried() const = 0;
+    virtual void describe(Lines& lines) const = 0;
 
   protected:
     ~Transport() = default;

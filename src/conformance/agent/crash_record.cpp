@@ -18,7 +18,6 @@
 #include <atomic>
 #include <charconv>
 #include <cstdint>
-#include <cstring>
 #include <string_view>
 
 #include "conformance/agent/record.h"

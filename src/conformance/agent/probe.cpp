@@ -3,24 +3,22 @@
 // Loaded ahead of the library, it defines the twelve functions that the module calls.
 // Each call is recorded, see record.h, and forwarded to the library, unless the chosen
 // fault does something else. In place of the module's callbacks the library is given
-// functions of the probe, so that deliveries can be recorded and broken too.
+// functions of the probe, see callbacks.h.
 //
 // No lock is held while the library or the module runs, and the probe has no thread of
 // its own: everything happens on the threads of the module and of the library.
 #include <kavri/ipc.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <deque>
-#include <iomanip>
-#include <mutex>
-#include <sstream>
-#include <string>
+#include <array>
+#include <cstddef>
 
+#include "conformance/agent/callbacks.h"
 #include "conformance/agent/calls.h"
 #include "conformance/agent/handed_over.h"
 #include "conformance/agent/handles.h"
 #include "conformance/agent/holding.h"
+#include "conformance/agent/in_library.h"
 #include "conformance/agent/peer_check.h"
 #include "conformance/agent/record.h"
 #include "conformance/faults/fault_injection.h"
@@ -28,27 +26,6 @@
 namespace kavri::conformance {
 
 namespace {
-
-// A library may call its own functions, which leads here too. Such a call is not the
-// module's, and is forwarded unchanged.
-thread_local bool isInLibrary = false;
-
-class InLibrary {
-  public:
-    explicit InLibrary(bool is) : before_(isInLibrary) { isInLibrary = is; }
-    InLibrary(const InLibrary&) = delete;
-    InLibrary& operator=(const InLibrary&) = delete;
-    ~InLibrary() { isInLibrary = before_; }
-
-  private:
-    bool before_;
-};
-
-Json pointerText(const void* pointer) {
-    std::ostringstream stream;
-    stream << "0x" << std::hex << reinterpret_cast<std::uintptr_t>(pointer);
-    return stream.str();
-}
 
 Json noArguments() {
     return Json::object();
@@ -88,112 +65,11 @@ kavri_core_status make(Call& call, const Arguments& arguments, const Stored& sto
     return status;
 }
 
-Json deliveryArguments(const Delivery& delivery) {
-    const auto text = [&delivery](Field field) {
-        char** argument = delivery.fields.at(field);
-        return argument != nullptr ? shortened(*argument) : Json();
-    };
-    Json result = {{"initiator", handleNumber(delivery.installation->initiator)},
-                   {"targetCategory", text(categoryField)},
-                   {"targetIdentifier", text(identifierField)}};
-    if (delivery.installation->stream == Stream::response) {
-        result["uuid"] = text(uuidField);
-    }
-    result["payload"] = text(payloadField);
-    result["context"] = pointerText(delivery.context);
-    return result;
-}
-
-void callModule(const Delivery& delivery) {
-    const Installation& installation = *delivery.installation;
-    const bool isResponse = installation.stream == Stream::response;
-    if (isRecording()) {
-        recordDeliver(delivery.number, isResponse ? "response" : "event",
-                      deliveryArguments(delivery));
-        checkStrings(delivery.number, delivery.fields);
-        if (delivery.ordinal == 1) {
-            checkSignals(delivery.number);
-        }
-    }
-    if (delivery.together != nullptr) {
-        delivery.together->arrive_and_wait();
-    }
-    {
-        const InLibrary inLibrary(false);
-        const auto& [first, second, third, last] = delivery.fields;
-        if (isResponse) {
-            installation.responseCallback(first, second, third, last, delivery.context);
-        } else {
-            installation.eventCallback(first, second, last, delivery.context);
-        }
-    }
-    recordDelivered(delivery.number);
-}
-
-// All that were made. Never destroyed: a callback may still run when the process' statics end.
-class Installations {
-  public:
-    static Installations& all() {
-        static auto& installations = *new Installations;
-        return installations;
-    }
-
-    // `describe` sets the stream and the callback.
-    template <typename Describe>
-    Installation& add(void* context, const Describe& describe) {
-        const std::lock_guard lock(mutex_);
-        Installation& installation = installations_.emplace_back();
-        installation.context = context;
-        describe(installation);
-        return installation;
-    }
-
-    // The one that a library names as the context; with a context that is none of these,
-    // the latest one.
-    Installation& find(Stream stream, const void* context) {
-        const std::lock_guard lock(mutex_);
-        Installation* latest = nullptr;
-        for (Installation& each : installations_) {
-            if (&each == context) {
-                return each;
-            }
-            latest = each.stream == stream ? &each : latest;
-        }
-        return *latest;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::deque<Installation> installations_;
-};
-
-void arrived(Stream stream, const std::array<char**, fieldCount>& fields, void* context) {
-    notePeerSeen();
-    Installation& installation = Installations::all().find(stream, context);
-    Delivery delivery;
-    delivery.forward = callModule;
-    delivery.installation = &installation;
-    delivery.fields = fields;
-    delivery.context = context == &installation ? installation.context : context;
-    delivery.number = nextNumber();
-    delivery.ordinal = ++installation.deliveries;
-    deliver(delivery);
-}
-
-void responseArrived(char** targetCategory, char** targetIdentifier, char** uuid, char** payload,
-                     void* context) {
-    arrived(Stream::response, {targetCategory, targetIdentifier, uuid, payload}, context);
-}
-
-void eventArrived(char** targetCategory, char** targetIdentifier, char** payload, void* context) {
-    arrived(Stream::event, {targetCategory, targetIdentifier, nullptr, payload}, context);
-}
-
 Json callbackArguments(const kavri_core_ipc_initiator* initiator, bool installs,
                        const void* context) {
     Json result = ofInitiator(initiator);
     result["callback"] = installs ? Json("installed") : Json();
-    result["context"] = context != nullptr ? pointerText(context) : Json();
+    result["context"] = pointerText(context);
     return result;
 }
 
@@ -207,11 +83,10 @@ Call callOf(Function function, Arguments... arguments) {
 }
 
 // Installs or removes a callback of the module. The library is given `substitute` in its
-// place; `describe` sets the stream and callback of the installation.
-template <typename Signature, typename Callback, typename Describe>
+// place.
+template <typename Signature, typename Callback>
 kavri_core_status setCallback(Function function, kavri_core_ipc_initiator* initiator,
-                              Callback callback, void* context, Callback substitute,
-                              const Describe& describe) {
+                              Callback callback, void* context, Callback substitute) {
     Call call;
     call.function = function;
     call.installs = callback != nullptr;
@@ -221,9 +96,7 @@ kavri_core_status setCallback(Function function, kavri_core_ipc_initiator* initi
         if (now.number == 0 || callback == nullptr) {
             return install(initiator, callback, context);
         }
-        Installation& installation = Installations::all().add(context, describe);
-        installation.initiator = initiator;
-        return install(initiator, substitute, &installation);
+        return install(initiator, substitute, &addInstallation(initiator, callback, context));
     };
     return make(
         call, [&] { return callbackArguments(initiator, call.installs, context); }, nothingStored);
@@ -298,7 +171,7 @@ kavri_core_status kavri_core_ipc_initiator_init(kavri_core_logging_cookie cookie
     return make(
         call,
         [options] {
-            return Json{{"options", options != nullptr ? pointerText(options) : Json()}};
+            return Json{{"options", pointerText(options)}};
         },
         [initiator](kavri_core_status) {
             const bool isThere = initiator != nullptr && *initiator != nullptr;
@@ -392,11 +265,7 @@ kavri_core_status kavri_core_ipc_initiator_response_receive_callback(
     kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_response_callback callback,
     void* context) {
     return setCallback<decltype(kavri_core_ipc_initiator_response_receive_callback)>(
-        Function::responseCallback, initiator, callback, context, responseArrived,
-        [callback](Installation& made) {
-            made.stream = Stream::response;
-            made.responseCallback = callback;
-        });
+        Function::responseCallback, initiator, callback, context, responseArrived);
 }
 
 kavri_core_status kavri_core_ipc_initiator_event_subscribe(kavri_core_ipc_initiator* initiator,
@@ -415,9 +284,5 @@ kavri_core_status kavri_core_ipc_initiator_event_receive_callback(
     kavri_core_ipc_initiator* initiator, kavri_core_ipc_initiator_event_callback callback,
     void* context) {
     return setCallback<decltype(kavri_core_ipc_initiator_event_receive_callback)>(
-        Function::eventCallback, initiator, callback, context, eventArrived,
-        [callback](Installation& made) {
-            made.stream = Stream::event;
-            made.eventCallback = callback;
-        });
+        Function::eventCallback, initiator, callback, context, eventArrived);
 }

@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
+#include <sstream>
 
 #include "base/bounded_text.h"
 #include "conformance/agent/channel.h"
@@ -124,6 +126,15 @@ Json shortened(const char* text) {
 
 Json shortened(const std::string& text, std::size_t limitBytes) {
     return fitting(limitBytes, [&text](std::size_t kept) { return base::bounded(text, kept); });
+}
+
+Json pointerText(const void* pointer) {
+    if (pointer == nullptr) {
+        return nullptr;
+    }
+    std::ostringstream stream;
+    stream << "0x" << std::hex << reinterpret_cast<std::uintptr_t>(pointer);
+    return stream.str();
 }
 
 void recordCall(unsigned number, const char* function, const Json& arguments) {

@@ -62,6 +62,9 @@ unsigned nextNumber();
 Json shortened(const char* text);
 Json shortened(const std::string& text, std::size_t limitBytes = textLimitBytes);
 
+// An address as it is in a line: null stays null here too.
+Json pointerText(const void* pointer);
+
 void recordCall(unsigned number, const char* function, const Json& arguments);
 void recordReturn(unsigned number, const Json& result);
 void recordDeliver(unsigned number, const char* callback, const Json& arguments);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <barrier>
+#include <cstdlib>
 #include <thread>
 #include <utility>
 

@@ -5,7 +5,6 @@
 
 #include <kavri/ipc.h>
 
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>

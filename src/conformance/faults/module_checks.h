@@ -5,6 +5,7 @@
 
 #include <array>
 #include <initializer_list>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -23,6 +24,13 @@ inline constexpr std::string_view refusal = "initiatorSend/initiatorFailReceiveW
 inline constexpr std::string_view events = "initiatorEvent/initiatorRepeatEventCallback";
 inline constexpr std::array everyCase = {sendPass,   sendRepeat, staticResponse, echo,
                                          echoPolled, callback,   refusal,        events};
+// Those that send requests, that receive responses, and that call the receive function.
+inline constexpr std::array sendingCases = {sendPass,   sendRepeat, staticResponse, echo,
+                                            echoPolled, callback,   events};
+inline constexpr std::array receivingCases = {sendPass, sendRepeat, staticResponse, echo,
+                                              echoPolled};
+inline constexpr std::array callingReceiveCases = {sendPass, sendRepeat, staticResponse,
+                                                   echo,     echoPolled, refusal};
 
 // The checks, as the module prints them.
 inline constexpr std::string_view isUp = "KAVRI_CORE_STATUS_NO_ERROR == kavri_core_init()";
@@ -108,10 +116,11 @@ inline std::vector<Kill> by(std::initializer_list<InCase> cases) {
     return kills;
 }
 
-// The same in every case: of what breaks where each brings the library up or down.
-inline std::vector<Kill> byEveryCase(std::initializer_list<std::string_view> hows) {
+// The same in all of these.
+inline std::vector<Kill> byAll(std::span<const std::string_view> cases,
+                               std::initializer_list<std::string_view> hows) {
     std::vector<Kill> kills;
-    for (const std::string_view caseName : everyCase) {
+    for (const std::string_view caseName : cases) {
         for (const std::string_view how : hows) {
             kills.push_back({caseName, how});
         }

@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <optional>
-#include <string>
 
 #include "process/temporary_folder.h"
 

@@ -14,12 +14,10 @@
 #include <cerrno>
 #include <csignal>
 
-#include "base/text_scanner.h"
 #include "conformance/agent/channel.h"
 #include "conformance/module/broker_access.h"
-#include "conformance/module/stack_names.h"
+#include "conformance/module/post_mortem.h"
 #include "conformance/module/stacks.h"
-#include "process/exit_text.h"
 
 namespace kavri::conformance {
 
@@ -52,14 +50,6 @@ Verdict verdictOnCutOff(RunEnd end) {
     return Verdict::notRun;
 }
 
-constexpr const char* afterTheCase = " after the case";
-
-std::string textOf(const CallReport& call) {
-    return call.kind == CallReport::Kind::delivery
-               ? "a call of the " + call.function + " callback"
-               : call.function + " with " + call.arguments.dump();
-}
-
 bool hasEnded(process::ChildProcess& process) {
     return process.wait(std::chrono::milliseconds(0)).has_value();
 }
@@ -79,7 +69,8 @@ ModuleRun::ModuleRun(const OtherEnd& otherEnd, const RunLimits& limits, RunDispl
       releasePipe_(base::Pipe::make()),
       record_([this](const CaseReport& report, bool hasProbeEcho) {
           return confirm(report, hasProbeEcho);
-      }) {
+      }),
+      output_([this](const std::string& line) { display_.showForeignLine(line); }) {
     base::setNonBlocking(eventsPipe_.readEnd);
 }
 
@@ -96,7 +87,7 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
         otherEnd_.evidence->beginCase();
     }
     if (!request.cases.empty()) {
-        outputCase_ = errorCase_ = request.cases.front();  // while the library is loaded
+        output_.beginWith(request.cases.front());  // while the library is loaded
     }
     releasedAt_ = Clock::now();
     process::ChildProcess process(module.runSpawn(request));
@@ -113,7 +104,8 @@ RunEnd ModuleRun::run(const ConformanceModule& module, ModuleRunRequest request)
     if (const std::vector<ModuleEvent> last = follow(process); end == RunEnd::moduleEnded) {
         apply(last);
     }
-    finish();
+    output_.finish();
+    brokerError_.finish([this](std::string_view line) { keepBrokerLine(line); });
     if (end == RunEnd::moduleEnded && exit_.signal == 0 && exit_.code == channelClosedStatus) {
         end = RunEnd::channelClosed;
     }
@@ -199,10 +191,8 @@ std::vector<ModuleEvent> ModuleRun::follow(process::ChildProcess& module) {
         channelClosed_ = Clock::now();
     }
     module.drain();
-    output_.add(module.takeOutput(),
-                [this](std::string_view line) { takeModuleLine(outputCase_, line); });
-    error_.add(module.takeError(),
-               [this](std::string_view line) { takeModuleLine(errorCase_, line); });
+    output_.addOutput(module.takeOutput());
+    output_.addError(module.takeError());
     if (broker_ != nullptr) {
         broker_->drain();
         broker_->takeOutput();
@@ -222,7 +212,7 @@ void ModuleRun::apply(const std::vector<ModuleEvent>& events) {
         }
         if (CaseReport* ended = record_.add(event)) {
             beginNextCase();  // which then runs while this one is reported
-            ended->output = outputOf(ended->name);
+            ended->output = output_.of(ended->name);
             ended_(*ended);
         }
         if (event.kind == ModuleEvent::Kind::round) {
@@ -272,18 +262,19 @@ void ModuleRun::cutOff(RunEnd end) {
     const bool crashed =
         end == RunEnd::moduleEnded || (end == RunEnd::hung && record_.processEnd().has_value());
     const bool hung = !crashed && (end == RunEnd::hung || end == RunEnd::timeOver);
-    const std::optional<HangReport> hang = hung ? std::optional(hangReport()) : std::nullopt;
-    const std::string passed = lastPassed();
-    const std::string after =
-        passed.empty() ? "; no check had passed" : "; the last check that passed: " + passed;
-    const std::string crash = crashText() + after;
-    const std::string place = callsUnderWay() + after;
+    std::optional<HangReport> hang;
+    if (hung) {
+        hang = hangReport(record_, cutOffNs_);
+        hang->stacks = stacks_;
+    }
+    const std::string crash = crashed ? crashText(record_, exit_) : "";
+    const std::string place = placeUnderWay(record_);
     CaseReport& cut = record_.cutOff(crashed ? Verdict::crash : verdictOnCutOff(end), cutOffNs_);
-    cut.output = outputOf(cut.name);
+    cut.output = output_.of(cut.name);
     cut.hang = hang;
     if (crashed) {
         cut.crash = crash;
-        cut.crashStack = crashStack();
+        cut.crashStack = crashStack(record_);
     } else if (end == RunEnd::channelClosed) {
         cut.missing.push_back(closedChannelText + place);
     } else if (end == RunEnd::brokerLost) {
@@ -292,118 +283,6 @@ void ModuleRun::cutOff(RunEnd end) {
         cut.missing.push_back("the run was stopped during the case" + place);
     }
     ended_(cut);
-}
-
-std::string ModuleRun::crashText() const {
-    const std::optional<ProcessEnd>& end = record_.processEnd();
-    if (!end) {
-        return "the module " + process::exitText(exit_) +
-               (record_.underWay() == nullptr ? afterTheCase : callsUnderWay());
-    }
-    if (end->kind == ProcessEnd::Kind::call) {
-        return "the library called " + end->function + "(" + std::to_string(end->number) + ")" +
-               placeOf(*end).substr(1);
-    }
-    process::ExitState signalled;
-    signalled.signal = static_cast<int>(end->number);
-    return "the module " + process::exitText(signalled) + placeOf(*end);
-}
-
-std::string ModuleRun::crashStack() const {
-    const std::optional<ProcessEnd>& end = record_.processEnd();
-    return end ? namedStack(end->frames, end->kind == ProcessEnd::Kind::call) : "";
-}
-
-// The call or delivery that was under way on the thread that ended the process, the innermost
-// of them; and whose thread that is.
-std::string ModuleRun::placeOf(const ProcessEnd& end) const {
-    if (record_.underWay() == nullptr) {
-        return afterTheCase;
-    }
-    const std::vector<CallReport>& calls = record_.underWay()->calls;
-    const CallReport* last = nullptr;
-    for (const CallReport& call : calls) {
-        if (call.thread == end.thread && (last == nullptr || !call.endNs || last->endNs)) {
-            last = &call;
-        }
-    }
-    const std::string thread = " on thread " + std::to_string(end.thread);
-    if (last == nullptr) {
-        return thread + ", which is the library's own" + callsUnderWay();
-    }
-    return (last->endNs ? ", after " : ", in ") + textOf(*last) +
-           (last->endNs ? " had returned," : "") + thread +
-           (calls.front().thread == end.thread ? ", the caller's" : ", the library's own");
-}
-
-HangReport ModuleRun::hangReport() const {
-    HangReport report;
-    std::int64_t sinceNs = record_.lastEventNs();
-    if (const CallReport* call = record_.openCall()) {
-        report.call = call->function;
-        report.arguments = call->arguments.dump();
-        sinceNs = call->beginNs;
-    }
-    report.seconds = static_cast<double>(cutOffNs_ - sinceNs) / 1e9;
-    report.lastPassed = lastPassed();
-    report.stacks = stacks_;
-    return report;
-}
-
-// Text and place of the check that passed last in the case under way; or empty.
-std::string ModuleRun::lastPassed() const {
-    const std::vector<CheckReport>& checks = record_.underWay()->checks;
-    const auto passed = std::find_if(checks.rbegin(), checks.rend(),
-                                     [](const CheckReport& check) { return check.passed; });
-    return passed == checks.rend() ? "" : passed->text + ", at " + passed->place;
-}
-
-// ", in F with {…} and in G with {…}": any of these may be to blame.
-std::string ModuleRun::callsUnderWay() const {
-    std::string text;
-    const auto add = [&text](const CallReport& call) {
-        text += std::string(text.empty() ? ", in " : " and in ") + textOf(call);
-    };
-    const CallReport* longest = record_.openCall();
-    if (longest != nullptr && longest->number == 0) {
-        add(*longest);  // the probe's own, and so none of the case
-    }
-    for (const CallReport& call : record_.underWay()->calls) {
-        if (!call.endNs) {
-            add(call);
-        }
-    }
-    return text.empty() ? ", outside of any call" : text;
-}
-
-// Passes on the last lines, though they have no line break.
-void ModuleRun::finish() {
-    output_.finish([this](std::string_view line) { takeModuleLine(outputCase_, line); });
-    error_.finish([this](std::string_view line) { takeModuleLine(errorCase_, line); });
-    brokerError_.finish([this](std::string_view line) { keepBrokerLine(line); });
-}
-
-void ModuleRun::takeModuleLine(std::string& currentCase, std::string_view line) {
-    const std::optional<std::string_view> before = base::takeUntil(line, caseMark);
-    if (!before) {
-        showModuleLine(currentCase, line);
-        return;
-    }
-    if (!before->empty()) {
-        showModuleLine(currentCase, *before);
-    }
-    currentCase = line;
-}
-
-void ModuleRun::showModuleLine(const std::string& caseName, std::string_view line) {
-    if (const std::optional<std::string> shown = printed_[caseName].add(line)) {
-        display_.showForeignLine(*shown);
-    }
-}
-
-std::string ModuleRun::outputOf(const std::string& caseName) const {
-    const auto found = printed_.find(caseName);
-    return found == printed_.end() ? "" : found->second.text();
 }
 
 void ModuleRun::keepBrokerLine(std::string_view line) {

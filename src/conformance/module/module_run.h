@@ -7,7 +7,6 @@
 #include <chrono>
 #include <deque>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,9 +15,9 @@
 #include "base/line_buffer.h"
 #include "base/pipe.h"
 #include "conformance/module/broker_access.h"
-#include "conformance/module/case_output.h"
 #include "conformance/module/conformance_module.h"
 #include "conformance/module/module_events.h"
+#include "conformance/module/module_output.h"
 #include "conformance/module/run_limits.h"
 #include "conformance/module/run_record.h"
 #include "conformance/report/run_display.h"
@@ -29,6 +28,11 @@ namespace kavri::conformance {
 // channelClosed: the module goes on, but its records do not come any more. stopped: after a
 // round, because no further one was wanted.
 enum class RunEnd { moduleEnded, hung, channelClosed, timeOver, brokerLost, signalled, stopped };
+
+// Whether another module can run the remaining cases after such an end.
+constexpr bool letsAnotherRun(RunEnd end) {
+    return end == RunEnd::moduleEnded || end == RunEnd::hung || end == RunEnd::channelClosed;
+}
 
 // To be followed by where that was.
 inline const std::string closedChannelText =
@@ -64,16 +68,11 @@ class ModuleRun {
     // How the module ended.
     const process::ExitState& exit() const { return exit_; }
     const RunRecord& record() const { return record_; }
-    // How the module ended, where it should not have, and during which call.
-    std::string crashText() const;
-    // The stack of the thread that ended it; empty where it was not recorded.
-    std::string crashStack() const;
     // Whether a case was under way at that time.
     bool cutACase() const { return cutACase_; }
     // The last lines of the broker's log.
     const std::deque<std::string>& brokerLines() const { return brokerLines_; }
-    // What was printed in a case, and after it until the next one began.
-    std::string outputOf(const std::string& caseName) const;
+    const ModuleOutput& output() const { return output_; }
 
   private:
     RunEnd watch(process::ChildProcess& module);
@@ -82,17 +81,9 @@ class ModuleRun {
     Clock::time_point wakeTime() const;
     std::vector<ModuleEvent> follow(process::ChildProcess& module);
     void cutOff(RunEnd end);
-    HangReport hangReport() const;
-    std::string lastPassed() const;
-    std::string callsUnderWay() const;
-    std::string placeOf(const ProcessEnd& end) const;
     void apply(const std::vector<ModuleEvent>& events);
     std::vector<std::string> confirm(const CaseReport& report, bool hasProbeEcho) const;
     void beginNextCase();
-    void finish();
-
-    void takeModuleLine(std::string& currentCase, std::string_view line);
-    void showModuleLine(const std::string& caseName, std::string_view line);
     void keepBrokerLine(std::string_view line);
 
     const OtherEnd otherEnd_;
@@ -113,12 +104,7 @@ class ModuleRun {
     std::optional<Clock::time_point> channelClosed_;
     ModuleEvents events_;
     RunRecord record_;
-    // What the module prints, and the case in which each of the two streams is.
-    base::LineBuffer output_;
-    base::LineBuffer error_;
-    std::string outputCase_;
-    std::string errorCase_;
-    std::map<std::string, CaseOutput> printed_;
+    ModuleOutput output_;
     base::LineBuffer brokerError_;
     std::deque<std::string> brokerLines_;
     process::ExitState exit_;

@@ -232,6 +232,11 @@ std::string failureLine(const CheckReport& check) {
     return check.place + ": " + check.message;
 }
 
+std::string lastPassedClause(const std::string& lastPassed) {
+    return lastPassed.empty() ? "; no check had passed"
+                              : "; the last check that passed: " + lastPassed;
+}
+
 std::vector<std::string> CaseReport::failureLines() const {
     std::vector<std::string> lines;
     for (const CheckReport& check : checks) {

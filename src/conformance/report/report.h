@@ -67,6 +67,9 @@ struct HangReport {
     std::string stacks;      // of all threads; empty where no debugger is there
 };
 
+// "; the last check that passed: …"; "; no check had passed" where it is empty.
+std::string lastPassedClause(const std::string& lastPassed);
+
 // Something that the public headers forbid and the record shows, though no check failed.
 struct WarningReport {
     std::string rule;  // its short name

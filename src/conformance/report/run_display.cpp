@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "base/printable.h"
 #include "base/text_scanner.h"
 
 namespace kavri::conformance {
@@ -242,8 +243,7 @@ std::string hangText(const HangReport& hang) {
                                  ? fmt::format("nothing happened for {:.1f} s", hang.seconds)
                                  : fmt::format("{} with {} did not return within {:.1f} s",
                                                hang.call, hang.arguments, hang.seconds);
-    return what + (hang.lastPassed.empty() ? "; no check had passed"
-                                           : "; the last check that passed: " + hang.lastPassed);
+    return what + lastPassedClause(hang.lastPassed);
 }
 
 }  // namespace kavri::conformance

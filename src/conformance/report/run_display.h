@@ -11,7 +11,6 @@
 #include <string_view>
 #include <vector>
 
-#include "base/printable.h"
 #include "base/terminal.h"
 #include "conformance/report/report.h"
 

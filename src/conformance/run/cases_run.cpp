@@ -7,6 +7,7 @@
 #include <chrono>
 #include <utility>
 
+#include "conformance/module/post_mortem.h"
 #include "process/exit_text.h"
 
 namespace kavri::conformance {
@@ -105,8 +106,8 @@ std::string CasesRun::whyNoneBegan(RunEnd end, const process::ExitState& exit) c
 bool CasesRun::blameLastCase(const ModuleRun& run, RunEnd end, CaseReport& last) const {
     if (end == RunEnd::moduleEnded && !endedInOrder(run.exit())) {
         last.verdict = Verdict::crash;
-        last.crash = run.crashText();
-        last.crashStack = run.crashStack();
+        last.crash = crashText(run.record(), run.exit());
+        last.crashStack = crashStack(run.record());
     } else if (end == RunEnd::hung) {
         last.verdict = Verdict::timeout;
         last.missing.push_back(
@@ -148,21 +149,20 @@ bool CasesRun::runRest(ModuleRunRequest& request, Round& round, const Progress& 
     if (end == RunEnd::stopped) {
         return false;
     }
-    const bool goesOn =
-        end == RunEnd::moduleEnded || end == RunEnd::hung || end == RunEnd::channelClosed;
+    const bool goesOn = letsAnotherRun(end);
     if (record.cases().empty()) {
         outcome.refused = !record.hasEndedCase() && moduleRun.exit().code == frameworkRefusal;
         if (goesOn) {
             CaseReport& first = outcome.cases.emplace_back(
                 notRun(round.left.front(), whyNoneBegan(end, moduleRun.exit())));
-            first.output = moduleRun.outputOf(first.name);
+            first.output = moduleRun.output().of(first.name);
             round.left.erase(round.left.begin());
         }
         return false;
     }
     // What was printed after a case is known only now.
     for (CaseReport& each : outcome.cases) {
-        if (const std::string printed = moduleRun.outputOf(each.name); !printed.empty()) {
+        if (const std::string printed = moduleRun.output().of(each.name); !printed.empty()) {
             each.output = printed;
         }
     }

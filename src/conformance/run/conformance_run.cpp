@@ -7,8 +7,8 @@
 #include <cassert>
 #include <filesystem>
 #include <iostream>
-#include <thread>
 
+#include "base/printable.h"
 #include "conformance/cases/case_listing.h"
 #include "conformance/cases/expectation_list.h"
 #include "conformance/faults/fault_catalogue.h"
@@ -19,6 +19,7 @@
 #include "conformance/run/opening_report.h"
 #include "conformance/run/repeat_command.h"
 #include "conformance/run/repeats.h"
+#include "conformance/run/run_result.h"
 #include "process/exit_text.h"
 #include "process/temporary_folder.h"
 
@@ -31,61 +32,14 @@ using std::chrono::milliseconds;
 // With a fault, only a call that never returns takes long.
 constexpr milliseconds proofCallLimit{800};
 
-// The cases mostly sleep.
-constexpr unsigned jobsPerProcessor = 4;
-
-// Of repeated runs; more than those that are judged.
-constexpr unsigned runsOfEachProcess = 8;
-
 double secondsSince(RunLimits::Clock::time_point begin) {
     return std::chrono::duration<double>(RunLimits::Clock::now() - begin).count();
-}
-
-process::ExitStatus statusFor(Verdict verdict) {
-    switch (verdict) {
-        case Verdict::pass:
-            return process::ExitStatus::passed;
-        case Verdict::fail:
-            return process::ExitStatus::failed;
-        case Verdict::notRun:
-        case Verdict::incomplete:
-        case Verdict::harnessError:
-            return process::ExitStatus::couldNotRun;
-        case Verdict::timeout:
-        case Verdict::crash:
-            break;
-    }
-    return process::ExitStatus::ended;
 }
 
 void throwIfNotWritten(const std::string& complaint) {
     if (!complaint.empty()) {
         throw process::CommandFailure(process::ExitStatus::couldNotRun, complaint);
     }
-}
-
-std::string cutOffText(const CaseReport& report) {
-    if (report.hang) {
-        return hangText(*report.hang);
-    }
-    return report.crash.empty() ? report.missing.front() : report.crash;
-}
-
-// The first case that was cut off, known failures apart, and why.
-std::string cutOffText(const Report& report) {
-    for (const LibraryReport& library : report.libraries) {
-        for (const CaseReport& each : library.cases) {
-            if (each.known.empty() && statusFor(each.verdict) == process::ExitStatus::ended) {
-                return fmt::format("{}: {}", each.name, cutOffText(each));
-            }
-        }
-    }
-    return "";
-}
-
-std::string whyNotRun(const CaseReport& report) {
-    return report.missing.empty() ? fmt::format("{} was not run", report.name)
-                                  : report.missing.front();
 }
 
 }  // namespace
@@ -180,19 +134,6 @@ WatchdogSettings ConformanceRun::watchdog() const {
             true};
 }
 
-unsigned ConformanceRun::jobs(unsigned most) const {
-    const unsigned byDefault = jobsPerProcessor * std::max(1U, std::thread::hardware_concurrency());
-    return std::min(plan_.jobs == 0 ? byDefault : plan_.jobs, most);
-}
-
-// With enough runs in each process to show what grows, unless the user wants more processes.
-unsigned ConformanceRun::repeatJobs() const {
-    if (!plan_.startsBrokers()) {
-        return 1;
-    }
-    return jobs(plan_.jobs == 0 ? std::max(1U, *plan_.repeat / runsOfEachProcess) : *plan_.repeat);
-}
-
 ModuleRunRequest ConformanceRun::requestFor(const LibraryRun& library,
                                             const std::filesystem::path& socket) const {
     ModuleRunRequest request = library.request(socket);
@@ -219,9 +160,8 @@ void ConformanceRun::runLibrary() {
     } else {
         runOnce(library, cases, display);
     }
-    const auto notRun = std::ranges::find(report().cases, Verdict::notRun, &CaseReport::verdict);
-    if (notRun != report().cases.end()) {
-        throw process::CommandFailure(process::ExitStatus::couldNotRun, whyNotRun(*notRun));
+    if (const std::string why = whyNotRun(report()); !why.empty()) {
+        throw process::CommandFailure(process::ExitStatus::couldNotRun, why);
     }
     report().reason.clear();
     display.showConfirmation(report());
@@ -288,8 +228,7 @@ void ConformanceRun::throwUnlessEnded(const CasesOutcome& outcome,
                                           : process::ExitStatus::usage,
                                       "the module refused to run, for the reason above");
     }
-    if (outcome.end == RunEnd::moduleEnded || outcome.end == RunEnd::hung ||
-        outcome.end == RunEnd::channelClosed) {
+    if (letsAnotherRun(outcome.end)) {
         return;
     }
     const auto cut = std::ranges::find_if(outcome.cases, [](const CaseReport& report) {
@@ -317,7 +256,7 @@ void ConformanceRun::repeat(const LibraryRun& library, const std::vector<std::st
         .runs = *plan_.repeat,
         .untilFail = plan_.untilFail,
         .shuffle = plan_.shuffle,
-        .jobs = repeatJobs(),
+        .jobs = plan_.repeatJobs(),
         .failsOnGrowth = plan_.failsOnLeaks,
         .otherEnd = plan_.startsBrokers() ? std::nullopt : std::optional(foreignEnd())};
     casesBegun_ = Clock::now();
@@ -352,7 +291,7 @@ void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
         std::chrono::duration_cast<milliseconds>(proofCallLimit * plan_.timeScale), false};
     report_.matrix =
         runKillMatrix({files_, library, limits_, watchdog}, baseline,
-                      jobs(static_cast<unsigned>(faultCatalogue().size())),
+                      plan_.jobsFor(static_cast<unsigned>(faultCatalogue().size())),
                       [&display](const FaultReport& fault, size_t done, size_t all) {
                           for (const std::string& line : fault.wrong) {
                               display.showRemark(fmt::format("{}: {}", fault.name, line));
@@ -361,17 +300,6 @@ void ConformanceRun::prove(const LibraryRun& library, RunDisplay& display) {
                       });
     display.showMatrix(*report_.matrix);
     writeFiles();
-}
-
-// With a baseline, failures that it has do not count, whatever the verdict.
-process::ExitStatus ConformanceRun::exitStatus() const {
-    const process::ExitStatus status = failure_.value_or(statusFor(verdictOn(report_)));
-    if (!report_.baseline || status == process::ExitStatus::couldNotRun ||
-        status == process::ExitStatus::usage) {
-        return status;
-    }
-    return report_.baseline->isWorse() || !report_.complaints.empty() ? process::ExitStatus::failed
-                                                                      : process::ExitStatus::passed;
 }
 
 process::ExitStatus ConformanceRun::judge() {
@@ -385,7 +313,7 @@ process::ExitStatus ConformanceRun::judge() {
         throwIfNotWritten(
             writeWholeFile(plan_.writtenExpectations, expectationList(report_, expectations_)));
     }
-    const process::ExitStatus status = exitStatus();
+    const process::ExitStatus status = exitStatusOf(report_, failure_);
     for (const std::string& complaint : report_.complaints) {
         std::cerr << "kavri conformance: " << complaint << std::endl;
     }

@@ -35,8 +35,6 @@ class ConformanceRun {
     LibraryReport& report() { return report_.libraries[current_]; }
     OtherEnd foreignEnd();
     WatchdogSettings watchdog() const;
-    unsigned jobs(unsigned most) const;
-    unsigned repeatJobs() const;
     ModuleRunRequest requestFor(const LibraryRun& library,
                                 const std::filesystem::path& socket) const;
     void prepare();
@@ -54,7 +52,6 @@ class ConformanceRun {
     void finishFiles();
     void throwUnlessEnded(const CasesOutcome& outcome,
                           const std::optional<process::ExitState>& brokerExit) const;
-    process::ExitStatus exitStatus() const;
     process::ExitStatus judge();
 
     const RunPlan& plan_;

@@ -6,6 +6,7 @@
 
 #include <ostream>
 
+#include "base/installed_path.h"
 #include "conformance/cases/case_listing.h"
 #include "process/exit_status.h"
 
@@ -15,10 +16,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A file that belongs to this program, by its place relative to it.
 fs::path installedFile(const char* place) {
-    fs::path file = fs::read_symlink("/proc/self/exe").parent_path() / place;
-    file = file.lexically_normal();
+    fs::path file = base::installedPath(place);
     if (access(file.c_str(), R_OK) != 0) {
         throw process::CommandFailure(
             process::ExitStatus::couldNotRun,

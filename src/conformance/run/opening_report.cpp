@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "base/shell_words.h"
-#include "conformance/cases/case_listing.h"
 #include "conformance/run/library_run.h"
 
 namespace kavri::conformance {

@@ -42,6 +42,9 @@ struct RunPlan {
 
     // How long the whole run may take.
     double limitSeconds() const;
+    // How many processes run at a time where there are `most` runs; and of repeated ones.
+    unsigned jobsFor(unsigned most) const;
+    unsigned repeatJobs() const;
     // Whether each run has a broker of the kit's.
     bool startsBrokers() const { return !socket && !ownBroker; }
     bool isConfirmed() const { return startsBrokers() || !serviceRecord.empty(); }

@@ -5,13 +5,12 @@
 #ifndef KAVRI_CORE_ENDPOINT_CONNECTION_CHANGES_H
 #define KAVRI_CORE_ENDPOINT_CONNECTION_CHANGES_H
 
-#include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <string_view>
 
 #include "base/assert.h"
-#include "core/deadline.h"
 #include "kavri/ipc.h"
 
 namespace kavri::core {

@@ -12,7 +12,6 @@
 #include <array>
 #include <chrono>
 #include <deque>
-#include <iostream>
 #include <map>
 
 #include "base/printable.h"

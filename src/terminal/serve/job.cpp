@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 
 #include "base/pipe.h"

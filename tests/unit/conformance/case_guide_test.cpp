@@ -3,7 +3,6 @@
 
 #include "conformance/cases/case_guide.h"
 
-#include <algorithm>
 #include <boost/test/unit_test.hpp>
 #include <fstream>
 #include <regex>

@@ -5,10 +5,11 @@
 
 #include <boost/test/unit_test.hpp>
 
+#include "told_run.h"
+
 using kavri::conformance::CallReport;
 using kavri::conformance::CaseReport;
 using kavri::conformance::CheckReport;
-using kavri::conformance::ModuleEvent;
 using kavri::conformance::ProcessEnd;
 using kavri::conformance::RunRecord;
 using kavri::conformance::Verdict;
@@ -30,24 +31,8 @@ void checkLines(const Lines& found, const Lines& expected) {
     BOOST_TEST(found == expected, boost::test_tools::per_element());
 }
 
-// A run with one microsecond between the events.
-struct Run {
-    RunRecord record;
-    std::int64_t nowNs = 0;
+struct Run : kavri::tests::ToldRun {
     unsigned lastNumber = 0;
-
-    const CaseReport* tell(Kind kind, const std::string& text = "", unsigned number = 0,
-                           const Json& data = Json::object()) {
-        nowNs += 1000;
-        ModuleEvent event;
-        event.kind = kind;
-        event.atNs = nowNs;
-        event.thread = 7;
-        event.number = number;
-        event.text = text;
-        event.data = data;
-        return record.add(event);
-    }
 
     void begin(const std::string& name) { BOOST_TEST(tell(Kind::began, name) == nullptr); }
 

@@ -8,7 +8,6 @@
 
 #include <boost/test/unit_test.hpp>
 #include <fstream>
-#include <optional>
 #include <thread>
 
 #include "base/pipe.h"

@@ -3,7 +3,6 @@
 
 #include "conformance/module/stack_names.h"
 
-#include <dlfcn.h>
 #include <link.h>
 
 #include <boost/test/unit_test.hpp>

@@ -55,10 +55,10 @@ BOOST_AUTO_TEST_CASE(whatDidNotGoWrongIsNotShown) {
 BOOST_AUTO_TEST_CASE(timesAndSizesAreReadable) {
     Snapshot snapshot = withRequests((3 * 86'400 + 3'723) * 1'000ULL, 0);
     snapshot.limits.add("bytes_per_user", 64ULL << 20U);
-    snapshot.users.push_back({.user = 4'294'967'294U, .connections = 2, .bytes = 1536});
+    snapshot.users.push_back({.user = 4'294'967'293U, .connections = 2, .bytes = 1536});
     const std::string text = shown(snapshot);
     BOOST_TEST(has(text, "up 3 d 01:02:03"), text);
-    BOOST_TEST(has(text, "4294967294            2  1.5 KiB  64.0 MiB\n"), text);
+    BOOST_TEST(has(text, "4294967293            2  1.5 KiB  64.0 MiB\n"), text);
 }
 
 BOOST_AUTO_TEST_CASE(everyCategoryIsShownTheBusiestFirst) {
@@ -94,4 +94,43 @@ BOOST_AUTO_TEST_CASE(stalledComesBeforeCongestedAndThatBeforeThoseThatWait) {
         BOOST_TEST(found != std::string::npos, state << " is not in its place in " << text);
         at = std::min(found, text.size());
     }
+}
+
+BOOST_AUTO_TEST_CASE(channelsToTheSameBrokerAreSummedUp) {
+    Snapshot snapshot = withRequests(1'000, 0);
+    snapshot.link.emplace(true, "nats://one:4222", Figures());
+    snapshot.link->figures.add("connections", 3);
+    snapshot.link->figures.add("brokers", 2);
+    for (const char* broker : {"aa", "aa", "bb"}) {
+        snapshot.remote.push_back({.way = "requests_out",
+                                   .category = "test",
+                                   .broker = broker,
+                                   .brokerName = broker == std::string("aa") ? "alpha" : "",
+                                   .roundTripUs = 210,
+                                   .requestsInFlight = 2,
+                                   .queuedBytes = 512});
+    }
+    const std::string text = shown(snapshot);
+    BOOST_TEST(has(text, "link: by nats://one:4222  reconnected 2 times  brokers 2  queued 0 B\n"),
+               text);
+    BOOST_TEST(
+        has(text, "test           requests out  alpha       210 us         2        4  1.0 KiB\n"),
+        text);
+    BOOST_TEST(
+        has(text, "test           requests out  bb          210 us         1        2    512 B\n"),
+        text);
+}
+
+BOOST_AUTO_TEST_CASE(aLinkThatIsDownSaysWhy) {
+    Snapshot snapshot = withRequests(1'000, 0);
+    snapshot.link.emplace(false, "nobody answers", Figures());
+    BOOST_TEST(has(shown(snapshot), "link: down: nobody answers\n"));
+}
+
+BOOST_AUTO_TEST_CASE(whoWaitsForTheLinkIsToldFromWhoWaitsForAProcess) {
+    Snapshot snapshot = withRequests(1'000, 0);
+    snapshot.remote.push_back({.number = 7, .way = "requests_out"});
+    snapshot.connections.push_back(
+        {.number = 8, .process = 99, .role = "initiator", .waitsFor = 7});
+    BOOST_TEST(has(shown(snapshot), "waits for the link\n"), shown(snapshot));
 }

@@ -1,0 +1,115 @@
+// What one broker knows of another: the numbers of the messages each way, and when the other
+// is lost or forgotten.
+#define BOOST_TEST_MODULE link_association
+
+#include "broker/link/association.h"
+
+#include <boost/test/unit_test.hpp>
+
+using namespace kavri::broker;
+using namespace std::chrono_literals;
+using Judgement = Association::Judgement;
+
+namespace {
+
+const Clock::time_point start = Clock::time_point{} + 1h;
+
+Envelope numbered(std::uint64_t epoch, std::uint64_t number) {
+    return {.kind = EnvelopeKind::ping, .epoch = epoch, .number = number};
+}
+
+struct Heard {
+    Association association{7, start};
+
+    bool isJudged(Judgement judgement, std::uint64_t epoch, std::uint64_t number) const {
+        return association.judge(numbered(epoch, number)) == judgement;
+    }
+    void hear(std::uint64_t epoch, std::uint64_t number) {
+        BOOST_TEST(!isJudged(Judgement::stray, epoch, number));
+        association.accept(numbered(epoch, number), start);
+    }
+};
+
+}  // namespace
+
+BOOST_FIXTURE_TEST_CASE(whatIsSentIsNumberedFromZero, Heard) {
+    for (std::uint64_t expected = 0; expected < 3; ++expected) {
+        Envelope envelope;
+        association.number(envelope);
+        BOOST_TEST(envelope.epoch == 7U);
+        BOOST_TEST(envelope.number == expected);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(onlyTheNextNumberIsExpected, Heard) {
+    hear(3, 0);
+    hear(3, 1);
+    BOOST_TEST(isJudged(Judgement::expected, 3, 2));
+    for (const std::uint64_t number :
+         {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{3}, std::uint64_t{4}, UINT64_MAX}) {
+        BOOST_TEST(isJudged(Judgement::stray, 3, number), number);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(theFirstHasToBeTheFirst, Heard) {
+    BOOST_TEST(isJudged(Judgement::expected, 3, 0));
+    BOOST_TEST(isJudged(Judgement::expected, 0, 0));
+    BOOST_TEST(isJudged(Judgement::stray, 3, 1));
+    BOOST_TEST(isJudged(Judgement::stray, 0, UINT64_MAX));
+}
+
+BOOST_FIXTURE_TEST_CASE(anotherEpochBeginsWithItsFirst, Heard) {
+    hear(3, 0);
+    BOOST_TEST(isJudged(Judgement::other, 4, 0));
+    BOOST_TEST(isJudged(Judgement::stray, 4, 1));
+}
+
+BOOST_FIXTURE_TEST_CASE(judgingChangesNothing, Heard) {
+    hear(3, 0);
+    BOOST_TEST(isJudged(Judgement::stray, 3, 9));
+    BOOST_TEST(isJudged(Judgement::other, 4, 0));
+    BOOST_TEST(isJudged(Judgement::expected, 3, 1));
+}
+
+BOOST_FIXTURE_TEST_CASE(aResetMeansAnEpochOfEitherSide, Heard) {
+    const auto means = [this](std::uint64_t theirs, std::uint64_t ours) {
+        return association.isMeantBy({.kind = EnvelopeKind::reset, .epoch = theirs, .value = ours});
+    };
+    BOOST_TEST(means(0, 7));
+    BOOST_TEST(!means(3, 0));  // nothing was heard in an epoch of the other side
+    hear(3, 0);
+    BOOST_TEST(means(3, 0));
+    for (const std::uint64_t epoch :
+         {std::uint64_t{0}, std::uint64_t{6}, std::uint64_t{8}, UINT64_MAX}) {
+        BOOST_TEST(!means(0, epoch), epoch);
+        BOOST_TEST(!means(epoch, 0), epoch);
+    }
+}
+
+BOOST_FIXTURE_TEST_CASE(silenceBeginsWithTheLastMessage, Heard) {
+    BOOST_TEST(!association.isSilent(start + Association::silence - 1ms));
+    BOOST_TEST(association.isSilent(start + Association::silence));
+    association.accept(numbered(3, 0), start + 1s);
+    BOOST_TEST(!association.isSilent(start + Association::silence));
+    BOOST_TEST(association.isSilent(start + 1s + Association::silence));
+}
+
+BOOST_FIXTURE_TEST_CASE(silenceCountsFromTheFirstChannel, Heard) {
+    association.addChannel(start + 1h);
+    BOOST_TEST(!association.isSilent(start + 1h + Association::silence - 1ms));
+    association.addChannel(start + 2h);  // the second changes nothing
+    BOOST_TEST(association.isSilent(start + 2h));
+}
+
+BOOST_FIXTURE_TEST_CASE(itIsIdleSomeTimeAfterItsLastChannel, Heard) {
+    BOOST_TEST(association.isIdle(start + Association::idle));
+    association.addChannel(start);
+    association.addChannel(start);
+    BOOST_TEST(!association.isIdle(start + 1h));
+    association.removeChannel(start + 1h);
+    BOOST_TEST(!association.isIdle(start + 2h));
+    association.removeChannel(start + 2h);
+    BOOST_TEST(association.channels() == 0U);
+    BOOST_TEST(!association.isIdle(start + 2h + Association::idle - 1ms));
+    BOOST_TEST(association.isIdle(start + 2h + Association::idle));
+}
