@@ -13,6 +13,9 @@ namespace kavri::link_nats {
 
 namespace {
 
+// With encryption; see outbox.h.
+constexpr std::size_t mostHandedBytes = 64U << 10U;
+
 // libnats starts its threads with its first object.
 std::vector<Server> serversWithoutSignals(const broker::BusOptions& options) {
     const BlockedSignals blocked;
@@ -64,7 +67,7 @@ void NatsBus::handleSocket(unsigned events) {
         write();
     }
     if ((events & ~static_cast<unsigned>(EPOLLOUT)) != 0) {
-        natsConnection_ProcessReadEvent(server_->get());
+        server_->read();
         subscriptions_.noteArrivals();
         state_.complaint = server_->complaint();
     }
@@ -99,6 +102,7 @@ void NatsBus::lose() {
     state_.server.clear();
     subscriptions_.detach();
     server_.reset();
+    outbox_.clear();
     waitsForRoom_ = false;
     connector_.start();
 }
@@ -107,6 +111,20 @@ bool NatsBus::publish(std::string_view subject, std::string_view data, std::stri
     if (server_ == nullptr || data.size() > state_.mostDataBytes) {
         return false;
     }
+    if (!outbox_.isEmpty() || !mayHand(data.size())) {
+        outbox_.push({std::string(subject), std::string(replyTo), std::string(data)});
+        return true;
+    }
+    return hand(subject, data, replyTo);
+}
+
+// libnats holds what is to be written; with encryption, little of it.
+bool NatsBus::mayHand(std::size_t bytes) const {
+    return !server_->isEncrypted() || server_->queuedBytes() == 0 ||
+           server_->queuedBytes() + bytes <= mostHandedBytes;
+}
+
+bool NatsBus::hand(std::string_view subject, std::string_view data, std::string_view replyTo) {
     subject_ = subject;
     replyTo_ = replyTo;
     const int bytes = static_cast<int>(data.size());
@@ -125,7 +143,15 @@ void NatsBus::flush() {
 }
 
 void NatsBus::write() {
-    natsConnection_ProcessWriteEvent(server_->get());
+    server_->write();
+    while (!outbox_.isEmpty() && server_->queuedBytes() == 0) {
+        while (!outbox_.isEmpty() && mayHand(outbox_.first().data.size())) {
+            const Outgoing& first = outbox_.first();
+            hand(first.subject, first.data, first.replyTo);
+            outbox_.pop();
+        }
+        server_->write();
+    }
     const bool waits = queuedBytes() > 0;
     if (waits != waitsForRoom_) {
         waitsForRoom_ = waits;
@@ -135,7 +161,7 @@ void NatsBus::write() {
 }
 
 std::size_t NatsBus::queuedBytes() const {
-    return server_ == nullptr ? 0 : server_->queuedBytes();
+    return server_ == nullptr ? 0 : server_->queuedBytes() + outbox_.bytes();
 }
 
 }  // namespace kavri::link_nats

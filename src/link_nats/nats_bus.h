@@ -12,6 +12,7 @@
 #include "base/descriptor.h"
 #include "broker/link/bus.h"
 #include "link_nats/connector.h"
+#include "link_nats/outbox.h"
 #include "link_nats/server_connection.h"
 #include "link_nats/subscriptions.h"
 #include "link_nats/wakeup.h"
@@ -22,6 +23,7 @@ class NatsBus final : public broker::Bus {
   public:
     // Throws BadBusOptions.
     explicit NatsBus(const broker::BusOptions& options);
+    ~NatsBus() override { flush(); }
 
     int descriptor() const override { return epoll_.get(); }
     void handle() override;
@@ -44,6 +46,8 @@ class NatsBus final : public broker::Bus {
   private:
     bool watch(int operation, int descriptor, unsigned events);
     void handleSocket(unsigned events);
+    bool mayHand(std::size_t bytes) const;
+    bool hand(std::string_view subject, std::string_view data, std::string_view replyTo);
     void write();
     void noteConnecting();
     void establish(std::unique_ptr<ServerConnection> connection);
@@ -55,6 +59,7 @@ class NatsBus final : public broker::Bus {
     Connection state_;
     std::unique_ptr<ServerConnection> server_;  // while there is a connection
     bool waitsForRoom_ = false;                 // the kernel did not take all
+    Outbox outbox_;
     Subscriptions subscriptions_{wakeup_};
     std::string subject_;  // with the zero at the end that libnats wants
     std::string replyTo_;

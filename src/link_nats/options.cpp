@@ -27,6 +27,9 @@ constexpr int unansweredPings = 2;
 // Of one attempt to connect.
 constexpr std::int64_t attemptMs = 2000;
 
+// With encryption, of one write: see outbox.h.
+constexpr std::int64_t writeMs = 1000;
+
 // Of one read, and so the most that handle does at a time.
 constexpr int readBytes = 64 << 10;
 
@@ -165,6 +168,11 @@ std::string hostOf(std::string_view address) {
 void ignoreReport(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
                   natsStatus /*status*/, void* /*closure*/) {}
 
+bool isEncrypted(const std::string& address, const BusOptions& wanted) {
+    return address.starts_with("tls://") || !wanted.authorityFile.empty() ||
+           !wanted.certificateFile.empty();
+}
+
 Options optionsFor(const std::string& address, const BusOptions& wanted) {
     natsOptions* made = nullptr;
     require(natsOptions_Create(&made));
@@ -173,6 +181,7 @@ Options optionsFor(const std::string& address, const BusOptions& wanted) {
     require(natsOptions_SetName(made, wanted.name.c_str()));
     require(natsOptions_SetTimeout(made, attemptMs));
     require(natsOptions_SetPingInterval(made, pingIntervalMs));
+    require(natsOptions_SetWriteDeadline(made, writeMs));
     require(natsOptions_SetMaxPingsOut(made, unansweredPings));
     require(natsOptions_SetIOBufSize(made, readBytes));
     require(natsOptions_SetNoEcho(made, true));
@@ -181,8 +190,7 @@ Options optionsFor(const std::string& address, const BusOptions& wanted) {
     require(natsOptions_SetAllowReconnect(made, false));
     require(natsOptions_SetIgnoreDiscoveredServers(made, true));
     require(natsOptions_SetErrorHandler(made, ignoreReport, nullptr));
-    if (address.starts_with("tls://") || !wanted.authorityFile.empty() ||
-        !wanted.certificateFile.empty()) {
+    if (isEncrypted(address, wanted)) {
         useEncryption(made, wanted, hostOf(withoutUser(address)));
     }
     identify(made, wanted);
@@ -194,7 +202,8 @@ Options optionsFor(const std::string& address, const BusOptions& wanted) {
 std::vector<Server> serversOf(const BusOptions& wanted) {
     std::vector<Server> servers;
     for (const std::string& address : wanted.servers) {
-        servers.push_back({withoutUser(address), optionsFor(address, wanted)});
+        servers.push_back(
+            {withoutUser(address), optionsFor(address, wanted), isEncrypted(address, wanted)});
     }
     return servers;
 }

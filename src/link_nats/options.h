@@ -17,6 +17,7 @@ namespace kavri::link_nats {
 struct Server {
     std::string address;  // as it may be shown: without a password
     Options options;
+    bool isEncrypted = false;
 };
 
 // Throws BadBusOptions.

@@ -1,15 +1,26 @@
 // One connection; see server_connection.h.
 #include "link_nats/server_connection.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 namespace kavri::link_nats {
 
+namespace {
+
+// Of up to 16 KiB each: what is read at a time.
+constexpr int mostRecords = 4;
+
+}  // namespace
+
 ServerConnection::ServerConnection(const Server& server, std::shared_ptr<const Wakeup> wakeup)
-    : server_(server.address) {
+    : server_(server.address), isEncrypted_(server.isEncrypted) {
     events_->wakeup = std::move(wakeup);
     natsStatus status = natsOptions_SetEventLoop(server.options.get(), &events_, attach,
                                                  ignoreReading, wantWriting, detach);
@@ -19,16 +30,50 @@ ServerConnection::ServerConnection(const Server& server, std::shared_ptr<const W
     if (status != NATS_OK) {
         throw std::runtime_error(server_ + ": " + reason(status));
     }
+    socket_ = base::Descriptor(::fcntl(events_->socket, F_DUPFD_CLOEXEC, 0));
 }
 
 ServerConnection::~ServerConnection() {
-    if (queuedBytes() > 0) {
-        natsConnection_ProcessWriteEvent(connection_);
-    }
+    write();
     if (queuedBytes() > 0) {
         dropUnwritten();
     }
     natsConnection_Destroy(connection_);
+}
+
+void ServerConnection::read() {
+    if (!isEncrypted_) {
+        natsConnection_ProcessReadEvent(connection_);
+        return;
+    }
+    for (int records = 0; records < mostRecords && !isLost() && hasWholeRecord(); ++records) {
+        natsConnection_ProcessReadEvent(connection_);
+    }
+}
+
+// libnats waits for the rest of an encrypted record that has begun to arrive, without a time
+// limit: it is called once the record is all there, and the socket becomes readable then.
+bool ServerConnection::hasWholeRecord() const {
+    constexpr int headerBytes = 5;
+    std::array<unsigned char, headerBytes> header{};
+    const bool hasHeader =
+        ::recv(socket(), header.data(), header.size(), MSG_PEEK | MSG_DONTWAIT) == headerBytes;
+    const int bytes = headerBytes + (hasHeader ? header[3] << 8 | header[4] : 0);
+    int arrived = 0;
+    ::ioctl(socket(), FIONREAD, &arrived);
+    const bool isWhole = hasHeader && arrived >= bytes;
+    const int awaited = isWhole ? headerBytes : bytes;
+    ::setsockopt(socket(), SOL_SOCKET, SO_RCVLOWAT, &awaited, sizeof awaited);
+    pollfd end{socket(), POLLRDHUP, 0};
+    return isWhole || ::poll(&end, 1, 0) > 0;
+}
+
+// With encryption, nothing is begun that the kernel does not take now.
+void ServerConnection::write() {
+    pollfd room{socket(), POLLOUT, 0};
+    if (queuedBytes() > 0 && (!isEncrypted_ || ::poll(&room, 1, 0) > 0)) {
+        natsConnection_ProcessWriteEvent(connection_);
+    }
 }
 
 // To end a connection with something left to be written, libnats waits half a second for an

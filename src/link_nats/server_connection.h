@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 
+#include "base/descriptor.h"
 #include "link_nats/libnats.h"
 #include "link_nats/options.h"
 #include "link_nats/wakeup.h"
@@ -31,7 +32,9 @@ class ServerConnection {
 
     const std::string& server() const { return server_; }
     natsConnection* get() const { return connection_; }
-    int socket() const { return events_->socket; }
+    // Of our own: that of libnats may be closed by one of its threads.
+    int socket() const { return socket_.get(); }
+    bool isEncrypted() const { return isEncrypted_; }
 
     // To be called first on the thread that is going to use it.
     void adopt() { events_->user = pthread_self(); }
@@ -42,6 +45,10 @@ class ServerConnection {
 
     // Bytes that are published, and not taken by the kernel.
     std::size_t queuedBytes() const;
+    // Reads once, where that does not wait.
+    void read();
+    // Writes what is queued, as far as the kernel takes it.
+    void write();
 
   private:
     struct Events {
@@ -56,11 +63,14 @@ class ServerConnection {
     static natsStatus wantWriting(void* data, bool add);
     static natsStatus detach(void* data);
 
+    bool hasWholeRecord() const;
     void dropUnwritten();
 
     std::string server_;
+    const bool isEncrypted_;
     std::shared_ptr<Events> events_ = std::make_shared<Events>();
     natsConnection* connection_ = nullptr;
+    base::Descriptor socket_;
 };
 
 }  // namespace kavri::link_nats
