@@ -3,10 +3,12 @@
 #define BOOST_TEST_MODULE broker_link
 
 #include <boost/test/unit_test.hpp>
+#include <cstdlib>
 #include <iterator>
 
 #include "process/temporary_folder.h"
 #include "support/nats_server.h"
+#include "support/pumped_bus.h"
 #include "support/tool.h"
 
 using namespace kavri;
@@ -38,6 +40,12 @@ bool hasLoaded(const BrokerProcess& broker, const std::string& library) {
     const std::string text{std::istreambuf_iterator<char>(maps), {}};
     BOOST_REQUIRE(text.find("kavri-broker") != std::string::npos);
     return text.find(library) != std::string::npos;
+}
+
+std::string example(const std::string& name) {
+    std::ifstream file(KAVRI_SOURCE_DIR "/examples/link/" + name);
+    BOOST_REQUIRE(file.is_open());
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 void contains(const std::string& text, const std::string& part) {
@@ -117,5 +125,77 @@ BOOST_FIXTURE_TEST_CASE(aReloadChangesRightsAndLeavesTheLink, Setting) {
         BOOST_TEST(broker.logs("[link] stays as it was until the broker is started anew"));
         BOOST_TEST(broker.logs("reloaded \""));
         writeConfig(socket("broker"), config());
+    }
+}
+
+// The example's brokers, but on the test's server, with the test's passwords.
+struct Example : Setting {
+    Example() {
+        for (const std::string name : {"ALPHA", "BETA"}) {
+            // NOLINTNEXTLINE(concurrency-mt-unsafe): the test has one thread here.
+            setenv((name + "_PASSWORD").c_str(), ("of" + name).c_str(), 1);
+        }
+        server.kill();
+        server.change(example("nats-server.conf"));
+        server.start();
+    }
+
+    std::string passwordFile(const std::string& owner) {
+        const std::string file = folder / owner;
+        std::ofstream(file) << "of" << owner << "\n";
+        std::filesystem::permissions(file, std::filesystem::perms::owner_read);
+        return file;
+    }
+    std::string exampleOf(const std::string& broker, const std::string& owner) {
+        std::string text = example(broker + ".toml");
+        for (const auto& [was, is] :
+             {std::pair<std::string, std::string>{"nats://127.0.0.1:4222", server.address()},
+              {"/etc/kavri/link-password", passwordFile(owner)}}) {
+            const std::size_t begin = text.find(was);
+            BOOST_REQUIRE(begin != std::string::npos);
+            text.replace(begin, was.size(), is);
+        }
+        return text;
+    }
+};
+
+BOOST_FIXTURE_TEST_CASE(theExampleWorks, Example) {
+    BrokerProcess alpha(socket("alpha"), {.config = exampleOf("alpha", "ALPHA")});
+    BrokerProcess beta(socket("beta"), {.testService = true, .config = exampleOf("beta", "BETA")});
+    BOOST_REQUIRE(alpha.logs("the link is up"));
+    BOOST_REQUIRE(beta.logs("the link is up"));
+    const Tool near(socket("alpha"));
+    const Tool far(socket("beta"));
+    BOOST_TEST(eventually([&] { return near.run({"request", "test", "echo"}).exit.code == 0; }));
+    succeeds(near.run({"request", "test", "echo", "hello"}), "hello");
+    const process::ChildProcess service = near.start({"serve", "weather"});
+    BOOST_TEST(eventually([&] { return far.run({"request", "weather", "i"}).exit.code == 0; }));
+    process::ChildProcess listener = near.start({"listen", "test", "--count", "1"});
+    BOOST_TEST(eventually([&] {
+        far.run({"request", "test", "event"});
+        return listener.wait(std::chrono::milliseconds(10)).has_value();
+    }));
+    BOOST_TEST(alpha.log().find("Permissions Violation") == std::string::npos, alpha.log());
+    BOOST_TEST(beta.log().find("Permissions Violation") == std::string::npos, beta.log());
+}
+
+BOOST_FIXTURE_TEST_CASE(theExampleGivesNoMoreRightsThanNeeded, Example) {
+    broker::BusOptions options;
+    options.servers = {server.address()};
+    options.user = "alpha";
+    options.passwordFile = passwordFile("ALPHA");
+    for (const std::string subject :
+         {"kavri.1.serve.weather", "kavri.1.events.test", "kavri.1.serve.other", "another"}) {
+        PumpedBus bus(options);
+        BOOST_REQUIRE(bus.comesUp());
+        BOOST_TEST(bus->publish(subject, "data"));
+        bus->flush();
+        BOOST_TEST(bus.until([&] { return !bus->connection().complaint.empty(); }), subject);
+    }
+    for (const std::string subject : {"kavri.1.serve.test", "kavri.1.events.weather", "another"}) {
+        PumpedBus bus(options);
+        bus->subscribe(subject, "kavri");
+        BOOST_REQUIRE(bus.comesUp());
+        BOOST_TEST(bus.until([&] { return !bus->connection().complaint.empty(); }), subject);
     }
 }

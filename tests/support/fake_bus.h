@@ -62,6 +62,8 @@ class FakeHub {
     bool asksBeyondCuts = false;
     // Loses the messages that a test names.
     std::function<bool(std::string_view subject, std::string_view data)> loses;
+    // Called for each message that is published.
+    std::function<void(std::string_view subject)> sees = [](std::string_view) {};
 
     std::uint64_t below(std::uint64_t limit) { return random_() % limit; }
 
@@ -259,6 +261,7 @@ inline void FakeHub::inject(std::string subject, std::string data, std::string r
 }
 
 inline void FakeHub::route(Place from, const Published& message) {
+    sees(message.subject);
     struct Receiver {
         Place place;
         broker::Bus::SubscriptionId subscription;

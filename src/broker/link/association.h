@@ -1,8 +1,10 @@
 // What one broker knows of another while they exchange messages: the numbers of the messages
 // each way, so that a lost one is noticed, and when something came last. No I/O.
 //
-// Each side counts in an epoch of its own. A number that was not expected, or silence, ends
-// the association on the side that notices; its reset ends it on the other.
+// Each side counts in an epoch of its own, and says from which of the other's it has heard. A
+// number that was not expected, or silence, ends the association on the side that notices; its
+// reset ends it on the other. What is still on its way from earlier epochs changes nothing:
+// otherwise each side's new beginning could end the other's without end.
 #ifndef KAVRI_BROKER_LINK_ASSOCIATION_H
 #define KAVRI_BROKER_LINK_ASSOCIATION_H
 
@@ -29,29 +31,40 @@ class Association {
     Association(std::uint64_t ownEpoch, Clock::time_point now)
         : ownEpoch_(ownEpoch), heard_(now), used_(now) {}
 
-    // Fills in epoch and number of a message to be sent.
+    // Fills in what tells the other side the place of a message to be sent.
     void number(Envelope& envelope) {
         envelope.epoch = ownEpoch_;
         envelope.number = nextToSend_++;
+        envelope.heardEpoch = otherEpoch_;
     }
 
     enum class Judgement {
-        expected,  // the next one
-        other,     // the first of another epoch: the other side has begun anew
-        stray,     // of an epoch that has ended, or after one that was lost
+        expected,    // the next one
+        begunAnew,   // the first of a new epoch: the other side had forgotten this one
+        joinedAnew,  // likewise, but it has heard from the present epoch of this side
+        lostSome,    // after one that was lost
+        unaware,     // the sender does not know yet that this side has begun anew
+        outdated,    // of an epoch that the sender itself has ended
     };
     Judgement judge(const Envelope& envelope) const {
-        if (hasHeard_ && envelope.epoch == otherEpoch_) {
-            return envelope.number == nextExpected_ ? Judgement::expected : Judgement::stray;
+        if (envelope.heardEpoch != 0 && envelope.heardEpoch != ownEpoch_) {
+            return Judgement::unaware;
+        }
+        if (envelope.epoch == otherEpoch_) {
+            return envelope.number == nextExpected_ ? Judgement::expected : Judgement::lostSome;
+        }
+        if (envelope.epoch < otherEpoch_) {
+            return Judgement::outdated;
         }
         if (envelope.number != 0) {
-            return Judgement::stray;
+            return Judgement::lostSome;
         }
-        return hasHeard_ ? Judgement::other : Judgement::expected;
+        return otherEpoch_ == 0           ? Judgement::expected
+               : envelope.heardEpoch == 0 ? Judgement::begunAnew
+                                          : Judgement::joinedAnew;
     }
-    // Of one that was expected.
+    // Of one that is handled.
     void accept(const Envelope& envelope, Clock::time_point now) {
-        hasHeard_ = true;
         otherEpoch_ = envelope.epoch;
         nextExpected_ = envelope.number + 1;
         heard_ = now;
@@ -60,7 +73,7 @@ class Association {
     std::uint64_t ownEpoch() const { return ownEpoch_; }
     // Whether a reset is about the present epoch of either side.
     bool isMeantBy(const Envelope& reset) const {
-        return reset.value == ownEpoch_ || (hasHeard_ && reset.epoch == otherEpoch_);
+        return reset.value == ownEpoch_ || (reset.epoch != 0 && reset.epoch == otherEpoch_);
     }
 
     bool isSilent(Clock::time_point now) const { return now - heard_ >= silence; }
@@ -84,14 +97,17 @@ class Association {
         --channels_;
         used_ = now;
     }
+    void removeAllChannels(Clock::time_point now) {
+        channels_ = 0;
+        used_ = now;
+    }
     std::size_t channels() const { return channels_; }
     bool isIdle(Clock::time_point now) const { return channels_ == 0 && now - used_ >= idle; }
 
   private:
     const std::uint64_t ownEpoch_;
     std::uint64_t nextToSend_ = 0;
-    bool hasHeard_ = false;
-    std::uint64_t otherEpoch_ = 0;
+    std::uint64_t otherEpoch_ = 0;  // 0: nothing was heard yet
     std::uint64_t nextExpected_ = 0;
     Clock::time_point heard_;
     Clock::time_point used_;

@@ -16,11 +16,22 @@ void Channel::open(const BrokerIdentity& broker, std::uint64_t theirId) {
 
 // What a closing session says last may go beyond the window: nothing follows it.
 std::size_t Channel::mostToSend() {
-    if (!isOpen_ || !host_.hasRoomFor(*this)) {
+    if (!isOpen_) {
+        return 0;
+    }
+    if (!host_.hasRoom()) {
+        if (!std::exchange(waitsForRoom_, true)) {
+            host_.waitForRoom(*this);
+        }
         return 0;
     }
     return session_->isClosing ? host_.messageBytes()
                                : windowBytes - std::min(windowBytes, bytesInTransit());
+}
+
+void Channel::hasRoomAgain() {
+    waitsForRoom_ = false;
+    host_.writeSoon(*this);
 }
 
 std::size_t Channel::send(std::span<const iovec> pieces) {

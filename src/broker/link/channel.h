@@ -6,6 +6,7 @@
 #ifndef KAVRI_BROKER_LINK_CHANNEL_H
 #define KAVRI_BROKER_LINK_CHANNEL_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -15,6 +16,7 @@
 
 #include "broker/link/envelope.h"
 #include "broker/link/inbox.h"
+#include "broker/link/link_line.h"
 #include "broker/routing/session.h"
 #include "broker/routing/transport.h"
 #include "wire/limits.h"
@@ -30,8 +32,10 @@ class Channel : public Transport {
     // What a channel needs of the link.
     class Host {
       public:
-        // Whether the bus takes more; where not, the session is written to when it does.
-        virtual bool hasRoomFor(Channel& channel) = 0;
+        // Whether the bus takes more.
+        virtual bool hasRoom() = 0;
+        // Has hasRoomAgain called when it does.
+        virtual void waitForRoom(Channel& channel) = 0;
         virtual std::size_t messageBytes() const = 0;
         virtual void send(Channel& channel, EnvelopeKind kind, std::string_view content) = 0;
         // Has the session written to, or handleInput called, soon.
@@ -73,11 +77,16 @@ class Channel : public Transport {
     // What waited, as far as the session takes it.
     void handleInput();
 
+    void hasRoomAgain();
+
     // Bytes of frames that were handled: to be said in each message.
     std::uint64_t sayHandled() { return saidHandled_ = handled_; }
 
     std::size_t send(std::span<const iovec> pieces) override;
-    std::size_t bytesInTransit() const override { return static_cast<std::size_t>(sent_ - taken_); }
+    std::size_t bytesInTransit() const override {
+        return std::max<std::size_t>(sent_ - taken_, waitsForRoom_ ? whileWithoutRoom : 0);
+    }
+    bool mayRequest(std::string_view what) const override { return what == category; }
     void watchInput(bool isWanted) override;
     void end() override { host_.ended(*this); }
     std::optional<std::string_view> categoryCarried() const override { return category; }
@@ -93,6 +102,7 @@ class Channel : public Transport {
     BrokerIdentity broker_{};
     std::uint64_t theirId_ = 0;
 
+    bool waitsForRoom_ = false;
     std::uint64_t sent_ = 0;
     std::uint64_t taken_ = 0;  // of that, by the other side
     std::uint64_t handled_ = 0;

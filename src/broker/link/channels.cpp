@@ -225,7 +225,7 @@ void Channels::writeWaiting() {
     if (!waitingForRoom_.empty() && line_.hasRoom()) {
         for (const std::uint64_t id : std::exchange(waitingForRoom_, {})) {
             if (Channel* const channel = find(id)) {
-                writeSoon(*channel);
+                channel->hasRoomAgain();
             }
         }
     }
@@ -248,14 +248,6 @@ Channel* Channels::find(const Envelope& envelope) {
     const bool isTheirs =
         channel != nullptr && channel->isOpen() && channel->broker() == envelope.sender;
     return isTheirs ? channel : nullptr;
-}
-
-bool Channels::hasRoomFor(Channel& channel) {
-    if (!line_.hasRoom()) {
-        waitingForRoom_.push_back(channel.id);
-        return false;
-    }
-    return true;
 }
 
 std::size_t Channels::messageBytes() const {

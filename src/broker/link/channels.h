@@ -64,7 +64,8 @@ class Channels : public Channel::Host {
     std::optional<Clock::time_point> due() const;
 
   private:
-    bool hasRoomFor(Channel& channel) override;
+    bool hasRoom() override { return line_.hasRoom(); }
+    void waitForRoom(Channel& channel) override { waitingForRoom_.push_back(channel.id); }
     std::size_t messageBytes() const override;
     void send(Channel& channel, EnvelopeKind kind, std::string_view content) override;
     void writeSoon(Channel& channel) override;

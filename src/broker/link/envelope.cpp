@@ -43,7 +43,7 @@ void appendEncoded(const Envelope& envelope, std::string& bytes) {
     append(envelope.number, bytes);
     append(envelope.channel, bytes);
     append(envelope.value, bytes);
-    append(std::uint64_t{0}, bytes);
+    append(envelope.heardEpoch, bytes);
 }
 
 std::optional<Opened> openEnvelope(std::string_view message) {
@@ -60,6 +60,7 @@ std::optional<Opened> openEnvelope(std::string_view message) {
     opened.envelope.number = numberAt<std::uint64_t>(bytes + 32);
     opened.envelope.channel = numberAt<std::uint64_t>(bytes + 40);
     opened.envelope.value = numberAt<std::uint64_t>(bytes + 48);
+    opened.envelope.heardEpoch = numberAt<std::uint64_t>(bytes + 56);
     opened.content = message.substr(envelopeBytes);
     return opened;
 }

@@ -9,11 +9,11 @@
 //          2      2  status, a kavri_core_status
 //          4      4  zero
 //          8     16  the sender's identity
-//         24      8  epoch: the numbers below count from 0 in each
+//         24      8  epoch: the numbers below count from 0 in each; the first epoch is 1
 //         32      8  number of the message in its epoch
 //         40      8  channel, as the receiver numbers it
 //         48      8  value; its meaning is the kind's
-//         56      8  zero
+//         56      8  the receiver's epoch that the sender has heard from; 0: none
 #ifndef KAVRI_BROKER_LINK_ENVELOPE_H
 #define KAVRI_BROKER_LINK_ENVELOPE_H
 
@@ -41,8 +41,8 @@ enum class EnvelopeKind : std::uint8_t {
     close = 6,    // the channel; status: why
     ping = 7,     // value: the sender's clock
     pong = 8,     // value: that of the ping
-    // Without number: I have ended it; epoch: that of mine which has ended, or 0; value: that of
-    // yours of which I got a number that I did not expect, or 0. There is no epoch 0.
+    // Without number. epoch: of mine, which has ended, or 0; value: of yours, of which I got a
+    // number that I did not expect, or 0.
     reset = 9,
     events = 10,  // content: whole publish frames of one category; numbered for itself
 };
@@ -55,6 +55,7 @@ struct Envelope {
     std::uint64_t number = 0;
     std::uint64_t channel = 0;
     std::uint64_t value = 0;
+    std::uint64_t heardEpoch = 0;
 };
 
 inline constexpr std::size_t envelopeBytes = 64;

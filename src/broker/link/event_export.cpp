@@ -24,11 +24,15 @@ std::size_t sameCategoryBytes(std::string_view row, std::string_view category, s
     return bytes;
 }
 
+// Events as their publisher sent them. Behind the last there may be a goodbye, which is cut off:
+// it is for nobody else.
 void makePublishFrames(std::string& row) {
-    for (std::size_t at = 0; at < row.size();) {
+    std::size_t at = 0;
+    while (at < row.size() && wire::typeOf(&row[at]) == wire::FrameType::event) {
         wire::replaceType(&row[at], wire::FrameType::publish);
         at += firstFrameBytes(std::string_view(row).substr(at));
     }
+    row.resize(at);
 }
 
 }  // namespace
@@ -69,6 +73,7 @@ std::size_t EventExport::send(std::span<const iovec> pieces) {
         return 0;
     }
     copyFrames(pieces, LinkLine::mostQueuedBytes, row_);
+    const std::size_t taken = row_.size();
     makePublishFrames(row_);
     for (std::string_view rest = row_; !rest.empty();) {
         const std::string_view category =
@@ -77,7 +82,7 @@ std::size_t EventExport::send(std::span<const iovec> pieces) {
         publish(category, rest.substr(0, bytes));
         rest.remove_prefix(bytes);
     }
-    return row_.size();
+    return taken;
 }
 
 void EventExport::publish(std::string_view category, std::string_view frames) {

@@ -31,7 +31,8 @@ class EventExport : private Transport {
 
   private:
     std::size_t send(std::span<const iovec> pieces) override;
-    std::size_t bytesInTransit() const override { return 0; }
+    std::size_t bytesInTransit() const override { return waitsForRoom_ ? whileWithoutRoom : 0; }
+    bool mayRequest(std::string_view) const override { return false; }
     void watchInput(bool) override {}
     void end() override;
     std::optional<std::string_view> categoryCarried() const override { return std::nullopt; }

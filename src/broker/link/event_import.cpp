@@ -84,6 +84,7 @@ class EventImport::Feed : public Transport {
         return bytes;
     }
     std::size_t bytesInTransit() const override { return 0; }
+    bool mayRequest(std::string_view) const override { return false; }
     void watchInput(bool isWanted) override {
         const bool wasWanted = std::exchange(isInputWanted_, isWanted);
         if (isWanted && !wasWanted && !inbox_->empty()) {

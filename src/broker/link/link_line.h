@@ -15,6 +15,10 @@
 
 namespace kavri::broker {
 
+// What a transport has in transit at least while it waits for the bus, which is then what
+// takes nothing: otherwise all would wait for that, as for something that goes on.
+inline constexpr std::size_t whileWithoutRoom = 1;
+
 struct LinkLine {
     // Published and not yet taken by the kernel: from here on, what is to cross waits in the
     // send queues.

@@ -7,6 +7,14 @@
 
 namespace kavri::broker {
 
+namespace {
+
+std::uint64_t clockOf(Clock::time_point now) {
+    return static_cast<std::uint64_t>(now.time_since_epoch().count());
+}
+
+}  // namespace
+
 // The numbers of epochs go up, so that no later association has one of before.
 Association& Neighbours::with(const BrokerIdentity& broker) {
     const auto known = associations_.find(broker);
@@ -40,17 +48,33 @@ Neighbours::Received Neighbours::receive(const Envelope& envelope, std::string_v
         }
         return Received::settled;
     }
+    const auto known = associations_.find(envelope.sender);
+    if (known == associations_.end() && (envelope.heardEpoch != 0 || envelope.number != 0)) {
+        reset(envelope.sender, envelope.heardEpoch, envelope.epoch);
+        return Received::stray;
+    }
     if (isFullFor(envelope.sender)) {
         return Received::settled;
     }
-    const auto judgement = with(envelope.sender).judge(envelope);
-    if (judgement == Association::Judgement::stray) {
-        lose(envelope.sender, "messages from it were lost");
-        reset(envelope.sender, 0, envelope.epoch);
-        return Received::stray;
-    }
-    if (judgement == Association::Judgement::other) {
-        lose(envelope.sender, "it began anew");
+    switch (with(envelope.sender).judge(envelope)) {
+        case Association::Judgement::unaware:
+            reset(envelope.sender, envelope.heardEpoch, 0);
+            return Received::stray;
+        case Association::Judgement::outdated:
+            return Received::stray;
+        case Association::Judgement::lostSome:
+            lose(envelope.sender, "messages from it were lost");
+            reset(envelope.sender, 0, envelope.epoch);
+            return Received::stray;
+        case Association::Judgement::begunAnew:
+            lose(envelope.sender, "it began anew");
+            break;
+        case Association::Judgement::joinedAnew:
+            with(envelope.sender).removeAllChannels(line_.now);
+            lost_(envelope.sender);
+            break;
+        case Association::Judgement::expected:
+            break;
     }
     Association& association = with(envelope.sender);
     association.accept(envelope, line_.now);
@@ -76,9 +100,8 @@ void Neighbours::answer(Association& association, const Envelope& envelope,
     if (envelope.kind == EnvelopeKind::ping) {
         association.call(content);
         send(envelope.sender, {.kind = EnvelopeKind::pong, .value = envelope.value});
-    } else {
-        const Clock::duration sentAt(static_cast<Clock::rep>(envelope.value));
-        association.ponged(line_.now.time_since_epoch() - sentAt);
+    } else if (const std::uint64_t clock = clockOf(line_.now); envelope.value <= clock) {
+        association.ponged(Clock::duration(clock - envelope.value));
     }
 }
 
@@ -113,8 +136,7 @@ void Neighbours::keepUp() {
         lose(broker, "it is silent");
     }
     for (const BrokerIdentity& broker : toPing) {
-        const auto clock = static_cast<std::uint64_t>(line_.now.time_since_epoch().count());
-        send(broker, {.kind = EnvelopeKind::ping, .value = clock}, line_.name);
+        send(broker, {.kind = EnvelopeKind::ping, .value = clockOf(line_.now)}, line_.name);
     }
     std::erase_if(associations_,
                   [this](const auto& each) { return each.second.isIdle(line_.now); });

@@ -288,12 +288,13 @@ std::optional<Blocked> Protocol::handleResponder(Session& session, InputFrame& f
     return std::nullopt;
 }
 
-// What crosses the link: requests to a responder here; what answers them from one elsewhere;
-// and its events.
+// What crosses the link: requests to the responder here that was asked for; what answers them from
+// one elsewhere; and its events.
 std::optional<Blocked> Protocol::handleRemote(Session& session, InputFrame& frame) {
     const FrameType type = frame.values.type;
     if (session.role == Role::initiator) {
-        if (type == FrameType::request) {
+        if (type == FrameType::request &&
+            session.transport->mayRequest(frame.values[Field::category])) {
             return handleInitiator(session, frame);
         }
     } else if (type == FrameType::notice) {
@@ -304,7 +305,7 @@ std::optional<Blocked> Protocol::handleRemote(Session& session, InputFrame& fram
                type == FrameType::publish) {
         return handleResponder(session, frame);
     }
-    closeMalformed(session, "this type does not cross a link");
+    closeMalformed(session, "this does not cross a link");
     return std::nullopt;
 }
 

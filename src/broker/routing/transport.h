@@ -24,6 +24,8 @@ class Transport {
     virtual std::size_t send(std::span<const iovec> pieces) = 0;
     // Sent, and not taken by the other side yet.
     virtual std::size_t bytesInTransit() const = 0;
+    // Whether requests to the category may come in over it.
+    virtual bool mayRequest(std::string_view category) const = 0;
     // Whether what comes in may be handled now: not while the session is blocked.
     virtual void watchInput(bool isWanted) = 0;
     // The session is gone from every table; the transport is not used any more.

@@ -14,18 +14,19 @@ namespace {
 
 const Clock::time_point start = Clock::time_point{} + 1h;
 
-Envelope numbered(std::uint64_t epoch, std::uint64_t number) {
-    return {.kind = EnvelopeKind::ping, .epoch = epoch, .number = number};
+Envelope numbered(std::uint64_t epoch, std::uint64_t number, std::uint64_t heard = 0) {
+    return {.kind = EnvelopeKind::ping, .epoch = epoch, .number = number, .heardEpoch = heard};
 }
 
 struct Heard {
     Association association{7, start};
 
-    bool isJudged(Judgement judgement, std::uint64_t epoch, std::uint64_t number) const {
-        return association.judge(numbered(epoch, number)) == judgement;
+    bool isJudged(Judgement judgement, std::uint64_t epoch, std::uint64_t number,
+                  std::uint64_t heard = 0) const {
+        return association.judge(numbered(epoch, number, heard)) == judgement;
     }
     void hear(std::uint64_t epoch, std::uint64_t number) {
-        BOOST_TEST(!isJudged(Judgement::stray, epoch, number));
+        BOOST_TEST(isJudged(Judgement::expected, epoch, number));
         association.accept(numbered(epoch, number), start);
     }
 };
@@ -41,34 +42,48 @@ BOOST_FIXTURE_TEST_CASE(whatIsSentIsNumberedFromZero, Heard) {
     }
 }
 
+BOOST_FIXTURE_TEST_CASE(whatIsSentNamesTheEpochThatWasHeard, Heard) {
+    Envelope envelope;
+    association.number(envelope);
+    BOOST_TEST(envelope.heardEpoch == 0U);
+    hear(3, 0);
+    association.number(envelope);
+    BOOST_TEST(envelope.heardEpoch == 3U);
+}
+
 BOOST_FIXTURE_TEST_CASE(onlyTheNextNumberIsExpected, Heard) {
     hear(3, 0);
     hear(3, 1);
     BOOST_TEST(isJudged(Judgement::expected, 3, 2));
     for (const std::uint64_t number :
          {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{3}, std::uint64_t{4}, UINT64_MAX}) {
-        BOOST_TEST(isJudged(Judgement::stray, 3, number), number);
+        BOOST_TEST(isJudged(Judgement::lostSome, 3, number), number);
     }
 }
 
 BOOST_FIXTURE_TEST_CASE(theFirstHasToBeTheFirst, Heard) {
     BOOST_TEST(isJudged(Judgement::expected, 3, 0));
-    BOOST_TEST(isJudged(Judgement::expected, 0, 0));
-    BOOST_TEST(isJudged(Judgement::stray, 3, 1));
-    BOOST_TEST(isJudged(Judgement::stray, 0, UINT64_MAX));
+    BOOST_TEST(isJudged(Judgement::expected, 3, 0, 7));
+    BOOST_TEST(isJudged(Judgement::lostSome, 3, 1));
+    BOOST_TEST(isJudged(Judgement::lostSome, 3, UINT64_MAX, 7));
 }
 
-BOOST_FIXTURE_TEST_CASE(anotherEpochBeginsWithItsFirst, Heard) {
+BOOST_FIXTURE_TEST_CASE(aNewEpochBeginsWithItsFirst, Heard) {
     hear(3, 0);
-    BOOST_TEST(isJudged(Judgement::other, 4, 0));
-    BOOST_TEST(isJudged(Judgement::stray, 4, 1));
+    BOOST_TEST(isJudged(Judgement::begunAnew, 4, 0));
+    BOOST_TEST(isJudged(Judgement::joinedAnew, 4, 0, 7));
+    BOOST_TEST(isJudged(Judgement::lostSome, 4, 1));
+    BOOST_TEST(isJudged(Judgement::lostSome, 4, 1, 7));
 }
 
-BOOST_FIXTURE_TEST_CASE(judgingChangesNothing, Heard) {
+BOOST_FIXTURE_TEST_CASE(whatIsStillOnItsWayFromEarlierEpochsChangesNothing, Heard) {
     hear(3, 0);
-    BOOST_TEST(isJudged(Judgement::stray, 3, 9));
-    BOOST_TEST(isJudged(Judgement::other, 4, 0));
-    BOOST_TEST(isJudged(Judgement::expected, 3, 1));
+    for (const std::uint64_t number : {std::uint64_t{0}, std::uint64_t{1}, UINT64_MAX}) {
+        BOOST_TEST(isJudged(Judgement::outdated, 2, number));
+        BOOST_TEST(isJudged(Judgement::outdated, 2, number, 7));
+        BOOST_TEST(isJudged(Judgement::unaware, 3, number, 6));
+        BOOST_TEST(isJudged(Judgement::unaware, 4, number, 8));
+    }
 }
 
 BOOST_FIXTURE_TEST_CASE(aResetMeansAnEpochOfEitherSide, Heard) {
@@ -109,6 +124,10 @@ BOOST_FIXTURE_TEST_CASE(itIsIdleSomeTimeAfterItsLastChannel, Heard) {
     association.removeChannel(start + 1h);
     BOOST_TEST(!association.isIdle(start + 2h));
     association.removeChannel(start + 2h);
+    BOOST_TEST(association.channels() == 0U);
+    association.addChannel(start + 2h);
+    association.addChannel(start + 2h);
+    association.removeAllChannels(start + 2h);
     BOOST_TEST(association.channels() == 0U);
     BOOST_TEST(!association.isIdle(start + 2h + Association::idle - 1ms));
     BOOST_TEST(association.isIdle(start + 2h + Association::idle));

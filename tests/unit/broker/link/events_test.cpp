@@ -239,3 +239,41 @@ BOOST_FIXTURE_TEST_CASE(anEventThatTheServerDoesNotTakeIsAGap, LinkedWorld) {
     BOOST_TEST(subscriber.closing == eventsMissed("the link lost some"));
     BOOST_TEST(framesIn(onTheSameMachine.heard).size() == 3U);
 }
+
+BOOST_FIXTURE_TEST_CASE(aBrokerThatStopsPublishesWhatWaits, Two) {
+    tell("one");
+    there.say(publisher, publish("two"));
+    std::vector<std::string> subjects;
+    hub.sees = [&](std::string_view subject) { subjects.emplace_back(subject); };
+    there.stop();
+    settle();
+    // Nothing of the goodbye.
+    BOOST_TEST(subjects == std::vector<std::string>(1, kavri::broker::eventsSubject("test")),
+               boost::test_tools::per_element());
+    BOOST_TEST(here.hear(subscriber) == event("one") + "\n" + event("two"));
+    BOOST_TEST(subscriber.isConnected());
+}
+
+// Nobody waits for long for a link that takes nothing.
+BOOST_FIXTURE_TEST_CASE(aLinkThatTakesNothingIsAGapAtMost, Two) {
+    tell("one");
+    there.bus.mostFlushedBytes = 0;
+    const std::string large(10000, 'l');
+    std::size_t told = 0;
+    for (int i = 0; i < 4000; ++i) {
+        if (publisher.maySpeak()) {
+            there.say(publisher, publish(large));
+            ++told;
+        }
+        run(1ms, 1ms);
+        BOOST_REQUIRE(there.userBytes(kavri::broker::linkUser) < 10 * kavri::wire::mebibyte);
+        BOOST_REQUIRE(there.bus.queuedBytes() < 3 * kavri::wire::mebibyte);
+    }
+    BOOST_TEST(told > 3000U);
+    there.bus.mostFlushedBytes = SIZE_MAX;
+    run(1s);
+    tell("last");
+    BOOST_TEST(subscriber.closing == eventsMissed("the link lost some"));
+    there.stop();
+    BOOST_TEST(there.userBytes(kavri::broker::linkUser) == 0U);
+}
