@@ -7,6 +7,8 @@ round measures every case with every transport in turn.
 from dataclasses import dataclass
 
 OURS = ["kavri", "kavri-batched", "kavri-embedded"]
+# Over the link of two brokers, and what it stands on: as on two machines, all on this one.
+LINKED = ["kavri-link", "kavri-link-unused", "nats-joined"]
 LIMITS = ["relay", "relay-spin", "relay-batched", "relay-inside", "relay-inside-spin"]
 PEERS = ["dbus", "nats", "zeromq", "mqtt", "redis"]
 TRANSPORTS = OURS + LIMITS + PEERS
@@ -15,6 +17,9 @@ TITLES = {
     "kavri": "kavri",
     "kavri-batched": "kavri, batched",
     "kavri-embedded": "kavri, service embedded",
+    "kavri-link": "kavri, service on another machine",
+    "kavri-link-unused": "kavri, link not used",
+    "nats-joined": "NATS, two servers",
     "relay": "bare relay",
     "relay-spin": "bare relay, spinning",
     "relay-batched": "bare relay, batched",
@@ -26,6 +31,7 @@ TITLES = {
     "mqtt": "MQTT (mosquitto)",
     "redis": "Redis",
     "module": "conformance module",
+    "module-link": "conformance module, service on another machine",
 }
 
 # What takes part where one message is under way at a time: batches make no
@@ -99,6 +105,18 @@ CASES = [
          "flood --flood-other", SEPARATE, "p99Ratio", 2.0),
     case("flood-same", "flood", "Round trip while another floods the same service with 1 MiB",
          "flood", SINGLE, "p99Ratio", 2.0),
+    case("link-round-trip", "link", "Round trip to a service on another machine, 32 B",
+         "round-trip", ("kavri", "kavri-link", "nats-joined"), "p50Us"),
+    case("link-in-flight", "link", "64 in flight to a service on another machine, 32 B",
+         "in-flight", ("kavri-link", "nats-joined"), "messagesPerSecond"),
+    case("link-events-16", "link", "Events to 16 subscribers on another machine",
+         "events --clients 16", ("kavri-link", "nats-joined"), "deliveriesPerSecond"),
+    case("link-unused", "link", "Round trip with and without a link that is not used, 32 B",
+         "round-trip", ("kavri", "kavri-link-unused"), "p50Us"),
+    case("link-unused-memory", "link", "Memory with and without a link that is not used",
+         "idle", ("kavri", "kavri-link-unused"), "serverBytes"),
+    case("link-module", "link", "The conformance module, service on another machine", "",
+         ("module-link",), "seconds"),
     case("module", "module", "The conformance module, embedded service", "", ("module",),
          "seconds"),
 ]

@@ -18,7 +18,7 @@ def made_up(transport, factor):
     quiet = {who: {"processorUsPerSecond": 0.0} for who in ("server", "service", "clients")}
     return {**figures, "messagesPerSecond": 1e5 / factor, "bytesPerSecond": 3.2e6 / factor,
             "deliveriesPerSecond": 1e6 / factor, "medianOverSlowest": 1.1, "p99Ratio": 2.0,
-            "serverBytesPerClient": 500.0 * factor, "processor": quiet, "alone": figures,
+            "serverBytesPerClient": 500.0 * factor, "serverBytes": 2e6 * factor, "processor": quiet, "alone": figures,
             "flooded": figures, "seconds": 2.1, "transport": transport}
 
 
@@ -43,6 +43,18 @@ class Report(unittest.TestCase):
         self.assertAlmostEqual(first.value, 0.5)
         self.assertFalse(first.is_reached)
         self.assertTrue(outcomes(results(kavri=0.3))[0].is_reached)
+
+    def test_a_local_round_trip_is_taken_off_one_across_the_link(self):
+        def judged(across):
+            some = results()
+            trips = some.content["measurements"]["link-round-trip"]
+            for name, factor in (("kavri", 1), ("kavri-link", across), ("nats-joined", 4)):
+                trips[name] = [made_up(name, factor)] * 3
+            outcome = next(each for each in outcomes(some) if each.target.less)
+            return outcome.value, outcome.is_reached
+
+        self.assertEqual(judged(6), (1.25, True))
+        self.assertEqual(judged(7), (1.5, False))
 
     def test_a_failed_round_is_left_out_and_told(self):
         some = results()

@@ -46,10 +46,12 @@ class Results:
             return None
         return (min if is_lower_better(figure) else max)(known, key=known.get)
 
-    def ratios(self, ours, other):
-        """Of two (case, transport, figure), round by round."""
-        pairs = zip(self.rounds(*ours), self.rounds(*other))
-        return [a / b for a, b in pairs if a is not None and b]
+    def ratios(self, ours, other, less=None):
+        """Of two (case, transport, figure), round by round; `less` is taken off the first."""
+        first, second = self.rounds(*ours), self.rounds(*other)
+        off = self.rounds(*less) if less else [0] * len(first)
+        return [(a - c) / b for a, b, c in zip(first, second, off)
+                if a is not None and b and c is not None]
 
     def transports(self, case):
         return list(self.content["measurements"].get(case, {}))

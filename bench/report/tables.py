@@ -1,6 +1,6 @@
 """Results as tables in Markdown, and putting them into the manual."""
 
-from .plan import PAYLOADS, SUBSCRIBERS, ACTIVE, TITLES, TRANSPORTS
+from .plan import PAYLOADS, SUBSCRIBERS, ACTIVE, LINKED, TITLES, TRANSPORTS
 from .targets import outcomes
 from .text import figure_text, outcome_text
 
@@ -17,7 +17,7 @@ def table(header, rows):
 def by_transport(results, columns):
     """One row per transport; columns are (title, case, figure)."""
     rows = []
-    for transport in TRANSPORTS:
+    for transport in [*TRANSPORTS, *LINKED]:
         texts = [figure_text(figure, results.value(case, transport, figure))
                  for _, case, figure in columns]
         if any(text != "—" for text in texts):
@@ -72,6 +72,12 @@ SECTIONS = [
         for who in ("server", "service", "clients")]]),
     ("Beside idle initiators, round trip",
      [(f"{count} idle", f"round-trip-idle-{count}", "p50Us") for count in (1, 1000)]),
+    ("To another machine, by two message servers",
+     [("round trip, p50", "link-round-trip", "p50Us"),
+      ("64 in flight", "link-in-flight", "messagesPerSecond"),
+      ("events to 16 subscribers", "link-events-16", "deliveriesPerSecond")]),
+    ("A link that is not used", [("local round trip, p50", "link-unused", "p50Us"),
+                                 ("memory", "link-unused-memory", "serverBytes")]),
     ("While another floods, p99",
      [("alone", "flood-other", "alone.p99Us"),
       ("another service flooded", "flood-other", "flooded.p99Us"),

@@ -20,6 +20,7 @@ class Target:
     limit: float
     is_upper: bool  # at most, or at least
     unit: str = "×"
+    less: tuple | None = None  # case, transport, figure, taken off ours first
 
 
 @dataclass(frozen=True)
@@ -37,8 +38,8 @@ class Outcome:
             else self.value >= self.target.limit
 
 
-def at_most(limit, title, ours, other=None, unit="×"):
-    return Target(title, ours, other, limit, True, unit)
+def at_most(limit, title, ours, other=None, unit="×", less=None):
+    return Target(title, ours, other, limit, True, unit, less)
 
 
 def at_least(limit, title, ours, other):
@@ -123,8 +124,28 @@ def client_targets():
     return rows
 
 
+def link_targets():
+    trip, unused, memory = "link-round-trip", "link-unused", "link-unused-memory"
+    return [
+        at_most(1.3, "Round trip across the link, less a local one",
+                *against(trip, "p50Us", "kavri-link", "nats-joined"),
+                less=(trip, "kavri", "p50Us")),
+        at_least(0.8, "64 in flight across the link",
+                 *against("link-in-flight", "messagesPerSecond", "kavri-link", "nats-joined")),
+        at_least(1, "Events to 16 across the link",
+                 *against("link-events-16", "deliveriesPerSecond", "kavri-link", "nats-joined")),
+        at_most(1.02, "Local round trip",
+                *against(unused, "p50Us", "kavri-link-unused", "kavri")),
+        at_most(1.02, "Memory of the broker",
+                *against(memory, "serverBytes", "kavri-link-unused", "kavri")),
+        at_most(2.4, "The conformance module", ("link-module", "module-link", "seconds"),
+                unit="s"),
+    ]
+
+
 def targets():
-    return round_trip_targets() + throughput_targets() + callback_targets() + client_targets()
+    return (round_trip_targets() + throughput_targets() + callback_targets() + client_targets()
+            + link_targets())
 
 
 def outcome_of(target, results):
@@ -141,7 +162,8 @@ def outcome_of(target, results):
         beside = TITLES[transport]
     if case != target.ours[0]:
         beside = "itself"
-    return finished(target, beside, results.ratios(target.ours, (case, transport, figure)))
+    return finished(target, beside,
+                    results.ratios(target.ours, (case, transport, figure), target.less))
 
 
 def finished(target, beside, values):

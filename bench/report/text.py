@@ -36,6 +36,8 @@ def figure_text(figure, value):
         return f"{rounded(value)} µs"
     if name.lower().endswith("bytesperclient"):
         return f"{value:.0f} B"
+    if name == "serverBytes":
+        return scaled(value, "B")
     if name == "seconds":
         return f"{value:.2f} s"
     return rounded(value)

@@ -38,6 +38,7 @@ Session::Session(const Options& options, bool manyInFlight)
     : options_(options),
       transport_(makeTransport(options.transport)),
       place_{folder_.path(), manyInFlight},
+      others_(transport_->startOthers(place_)),
       server_(transport_->startServer(place_)) {
     startService(serviceName);
 }
@@ -46,6 +47,7 @@ void Session::startService(const std::string& name) {
     if (!transport_->isServiceInside()) {
         services_.push_back(startHelper({"run-service", "--service", name}, true));
         services_.back().outputLine();  // it is ready
+        transport_->waitForService(place_, name);
     }
 }
 

@@ -66,6 +66,7 @@ class Session {
     const std::unique_ptr<Transport> transport_;
     const process::TemporaryFolder folder_;
     const Place place_;
+    const std::vector<Child> others_;
     const Child server_;
     std::vector<Child> services_;
     std::uint32_t clients_ = 0;

@@ -1,17 +1,22 @@
 // Our own broker as a transport: with a service of its own process or with the
-// broker's embedded test service, one call per message or batched.
+// broker's embedded test service, one call per message or batched; or two
+// brokers as on two machines, with a message server each.
 #include <kavri/ipc.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "failure.h"
+#include "session.h"
+#include "transports/message_server.h"
 #include "transports/transport.h"
 
 namespace kavri::bench {
@@ -22,8 +27,12 @@ constexpr const char* identifier = "echo";
 // As long as a uuid is; counts up, so that a response tells which it answers.
 constexpr std::size_t uuidLength = 36;
 
+// The clients' broker, and the services' where that is another one.
 std::string socketOf(const Place& place) {
     return place.at("kavri.sock");
+}
+std::string farSocketOf(const Place& place) {
+    return place.at("far.sock");
 }
 
 void check(kavri_core_status status, const char* what) {
@@ -240,26 +249,57 @@ void answer(kavri_core_ipc_request request, char** category, char** name, char**
     }
 }
 
+// Whatever is measured may cross the link.
+std::string linkSettings(const Place& place, const std::string& server) {
+    std::string categories;
+    std::string rights;
+    for (const std::string category : {serviceName, otherServiceName}) {
+        categories += "\"" + category + "\", ";
+        rights += "[access.category.\"" + category + "\"]\nserve = [\"*\", \"@link\"]\n";
+    }
+    return "[link]\nservers = [\"" + addressOfServer(place, server) + "\"]\nname = \"" + server +
+           "\"\nexport = [" + categories + "]\nimport = [" + categories + "]\n" + rights;
+}
+
+Child startBroker(const std::string& socket, const std::string& settings, bool hasTestService) {
+    const std::string configuration = socket + ".toml";
+    std::ofstream(configuration) << "[limits]\nconnections = 8192\nconnections_per_user = 8192\n" +
+                                        settings;
+    const std::string program = KAVRI_BIN_DIR "/kavri-broker";
+    std::vector<std::string> command{program, "--socket", socket, "--config", configuration};
+    if (hasTestService) {
+        command.emplace_back("--test-service");
+    }
+    Child broker({command, socket + ".log"});
+    broker.waitUntilReady([&] { return acceptsConnections(socket); });
+    return broker;
+}
+
 class KavriTransport : public Transport {
   public:
-    KavriTransport(bool isEmbedded, bool isBatched)
-        : isEmbedded_(isEmbedded), isBatched_(isBatched) {}
+    KavriTransport(bool isEmbedded, bool isBatched, Link link)
+        : isEmbedded_(isEmbedded), isBatched_(isBatched), link_(link) {}
 
     bool isServiceInside() const override { return isEmbedded_; }
     bool isBatched() const override { return isBatched_; }
 
-    Child startServer(const Place& place) const override {
-        std::ofstream(place.at("kavri.toml"))
-            << "[limits]\nconnections = 8192\nconnections_per_user = 8192\n";
-        const std::string program = KAVRI_BIN_DIR "/kavri-broker";
-        std::vector<std::string> command{program, "--socket", socketOf(place), "--config",
-                                         place.at("kavri.toml")};
-        if (isEmbedded_) {
-            command.emplace_back("--test-service");
+    std::vector<Child> startOthers(const Place& place) const override {
+        std::vector<Child> others;
+        if (link_ == Link::none) {
+            return others;
         }
-        Child server({command, place.at("kavri.log")});
-        server.waitUntilReady([&] { return acceptsConnections(socketOf(place)); });
-        return server;
+        others.push_back(startMessageServer(place, farServer));
+        others.push_back(startJoinedServer(place, nearServer, farServer));
+        if (link_ == Link::used) {
+            others.push_back(
+                startBroker(farSocketOf(place), linkSettings(place, farServer), false));
+        }
+        return others;
+    }
+
+    Child startServer(const Place& place) const override {
+        return startBroker(socketOf(place),
+                           link_ == Link::none ? "" : linkSettings(place, nearServer), isEmbedded_);
     }
 
     std::unique_ptr<Client> connect(const Place& place, const std::string& service) const override {
@@ -278,7 +318,7 @@ class KavriTransport : public Transport {
 
     void serve(const Place& place, const std::string& service, const Handler& handler,
                const std::function<void()>& ready) const override {
-        const std::string socket = socketOf(place);
+        const std::string socket = link_ == Link::used ? farSocketOf(place) : socketOf(place);
         kavri_core_ipc_options options = optionsFor(socket, isBatched_);
         Server server{nullptr, &handler};
         check(kavri_core_ipc_responder_init(log(), &options, service.c_str(), &server.responder),
@@ -291,15 +331,37 @@ class KavriTransport : public Transport {
         }
     }
 
+    void waitForService(const Place& place, const std::string& service) const override {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMs);
+        while (link_ == Link::used && !isReached(place, service)) {
+            if (std::chrono::steady_clock::now() >= end) {
+                throw std::runtime_error("the service is not reached over the link");
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+
   private:
+    static bool isReached(const Place& place, const std::string& service) {
+        KavriClient client(place, service);
+        client.send("is anybody there?");
+        try {
+            client.receive();
+            return true;
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+    }
+
     const bool isEmbedded_;
     const bool isBatched_;
+    const Link link_;
 };
 
 }  // namespace
 
-std::unique_ptr<Transport> makeKavri(bool isEmbedded, bool isBatched) {
-    return std::make_unique<KavriTransport>(isEmbedded, isBatched);
+std::unique_ptr<Transport> makeKavri(bool isEmbedded, bool isBatched, Link link) {
+    return std::make_unique<KavriTransport>(isEmbedded, isBatched, link);
 }
 
 }  // namespace kavri::bench

@@ -1,5 +1,6 @@
 // NATS as a transport: nats-server on the loopback and the C client. Requests
-// carry a reply subject; each client listens on one.
+// carry a reply subject; each client listens on one. With two servers, which are
+// joined, the clients are at one and the services at the other.
 //
 // The client library is driven from the caller's own thread through its
 // interface for event loops, which saves two thread switches per message over
@@ -11,14 +12,12 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <future>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "failure.h"
+#include "transports/message_server.h"
 #include "transports/threaded_subscription.h"
 #include "transports/transport.h"
 
@@ -26,26 +25,10 @@ namespace kavri::bench {
 
 namespace {
 
-constexpr std::int64_t manyBytes = 256LL * 1024 * 1024;
-
 void check(natsStatus status, const char* what) {
     if (status != NATS_OK) {
         throw std::runtime_error(std::string(what) + ": " + natsStatus_GetText(status));
     }
-}
-
-// The server writes down the port that the kernel gave it.
-std::string addressIn(const Place& place) {
-    for (const auto& file : std::filesystem::directory_iterator(place.folder)) {
-        if (file.path().extension() == ".ports") {
-            std::ifstream content(file.path());
-            const nlohmann::json ports = nlohmann::json::parse(content, nullptr, false);
-            if (!ports.is_discarded() && ports.contains("nats")) {
-                return ports["nats"].at(0);
-            }
-        }
-    }
-    return {};
 }
 
 struct Message {
@@ -63,10 +46,10 @@ struct Message {
 
 class Connection {
   public:
-    explicit Connection(const Place& place) {
+    Connection(const Place& place, const std::string& server) {
         natsOptions* options = nullptr;
         check(natsOptions_Create(&options), "options");
-        natsOptions_SetURL(options, addressIn(place).c_str());
+        natsOptions_SetURL(options, addressOfServer(place, server).c_str());
         natsOptions_SetAllowReconnect(options, false);
         natsOptions_SetSendAsap(options, true);  // asks for writing at once, and does not write
         natsOptions_SetEventLoop(options, this, attach, setReading, setWriting, detach);
@@ -176,7 +159,7 @@ std::string eventsOf(const std::string& service) {
 class NatsClient : public Client {
   public:
     NatsClient(const Place& place, const std::string& service)
-        : connection_(place), subject_(requestsOf(service)), reply_(newInbox()) {
+        : connection_(place, nearServer), subject_(requestsOf(service)), reply_(newInbox()) {
         connection_.listen(reply_);
     }
 
@@ -224,7 +207,7 @@ class NatsCallbackClient : public CallbackClient {
     void connect(const Place& place) {
         natsOptions* options = nullptr;
         check(natsOptions_Create(&options), "options");
-        natsOptions_SetURL(options, addressIn(place).c_str());
+        natsOptions_SetURL(options, addressOfServer(place, nearServer).c_str());
         natsOptions_SetAllowReconnect(options, false);
         natsOptions_SetSendAsap(options, true);  // a thread that writes later would be a third
         const natsStatus status = natsConnection_Connect(&connection_, options);
@@ -251,7 +234,8 @@ class NatsCallbackClient : public CallbackClient {
 
 class NatsSubscriber {
   public:
-    NatsSubscriber(const Place& place, const std::string& service) : connection_(place) {
+    NatsSubscriber(const Place& place, const std::string& service)
+        : connection_(place, nearServer) {
         connection_.listen(eventsOf(service));
     }
 
@@ -284,13 +268,19 @@ class NatsAnswers : public Answers {
 
 class NatsTransport : public Transport {
   public:
+    explicit NatsTransport(bool isJoined) : isJoined_(isJoined) {}
+
+    std::vector<Child> startOthers(const Place& place) const override {
+        std::vector<Child> others;
+        if (isJoined_) {
+            others.push_back(startMessageServer(place, farServer));
+        }
+        return others;
+    }
+
     Child startServer(const Place& place) const override {
-        std::ofstream(place.at("nats.conf"))
-            << "listen: \"127.0.0.1:-1\"\nports_file_dir: \"" << place.folder
-            << "\"\nmax_payload: 8MB\nmax_pending: " << manyBytes << "\nmax_connections: 65536\n";
-        Child server({{"nats-server", "--config", place.at("nats.conf")}, place.at("nats.log")});
-        server.waitUntilReady([&] { return !addressIn(place).empty(); });
-        return server;
+        return isJoined_ ? startJoinedServer(place, nearServer, farServer)
+                         : startMessageServer(place, nearServer);
     }
 
     std::unique_ptr<Client> connect(const Place& place, const std::string& service) const override {
@@ -309,7 +299,7 @@ class NatsTransport : public Transport {
 
     void serve(const Place& place, const std::string& service, const Handler& handler,
                const std::function<void()>& ready) const override {
-        Connection connection(place);
+        Connection connection(place, isJoined_ ? farServer : nearServer);
         const std::string events = eventsOf(service);
         connection.listen(requestsOf(service));
         Message request;
@@ -322,12 +312,15 @@ class NatsTransport : public Transport {
             handler(request.payload(), answers);
         }
     }
+
+  private:
+    const bool isJoined_;
 };
 
 }  // namespace
 
-std::unique_ptr<Transport> makeNats() {
-    return std::make_unique<NatsTransport>();
+std::unique_ptr<Transport> makeNats(bool isJoined) {
+    return std::make_unique<NatsTransport>(isJoined);
 }
 
 }  // namespace kavri::bench

@@ -99,7 +99,9 @@ class Transport {
     // Requests are handed over in batches and responses gathered.
     virtual bool isBatched() const { return false; }
 
-    // Starts what stands between clients and services; ready when it returns.
+    // Starts what stands between clients and services; ready when it returns. First the
+    // others, where there are any, then the server that the clients connect to.
+    virtual std::vector<Child> startOthers(const Place&) const { return {}; }
     virtual Child startServer(const Place& place) const = 0;
     virtual std::unique_ptr<Client> connect(const Place& place,
                                             const std::string& service) const = 0;
@@ -113,16 +115,21 @@ class Transport {
     // Serves until the process is ended; calls `ready` once requests come through.
     virtual void serve(const Place& place, const std::string& service, const Handler& handler,
                        const std::function<void()>& ready) const = 0;
+    // Until what serves elsewhere is reached from where the clients are.
+    virtual void waitForService(const Place&, const std::string&) const {}
 };
 
 // Never null; throws for a name that is none, or is not in this build.
 std::unique_ptr<Transport> makeTransport(const std::string& name);
 std::vector<std::string> transportNames();
 
-std::unique_ptr<Transport> makeKavri(bool isEmbedded, bool isBatched);
+// To other machines: not at all; configured, and nobody uses it; clients on one machine, services
+// on another.
+enum class Link { none, unused, used };
+std::unique_ptr<Transport> makeKavri(bool isEmbedded, bool isBatched, Link link = Link::none);
 std::unique_ptr<Transport> makeRelay(bool isInside, bool spins, bool isBatched);
 std::unique_ptr<Transport> makeDbus();
-std::unique_ptr<Transport> makeNats();
+std::unique_ptr<Transport> makeNats(bool isJoined);
 std::unique_ptr<Transport> makeZeromq();
 std::unique_ptr<Transport> makeMqtt();
 std::unique_ptr<Transport> makeRedis();

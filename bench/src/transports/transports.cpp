@@ -17,6 +17,8 @@ const auto entries = std::to_array<Entry>({
     {"kavri", [] { return makeKavri(false, false); }},
     {"kavri-batched", [] { return makeKavri(false, true); }},
     {"kavri-embedded", [] { return makeKavri(true, false); }},
+    {"kavri-link", [] { return makeKavri(false, false, Link::used); }},
+    {"kavri-link-unused", [] { return makeKavri(false, false, Link::unused); }},
     {"relay", [] { return makeRelay(false, false, false); }},
     {"relay-spin", [] { return makeRelay(false, true, false); }},
     {"relay-batched", [] { return makeRelay(false, false, true); }},
@@ -26,7 +28,8 @@ const auto entries = std::to_array<Entry>({
     {"dbus", makeDbus},
 #endif
 #ifdef KAVRI_BENCH_HAS_NATS
-    {"nats", makeNats},
+    {"nats", [] { return makeNats(false); }},
+    {"nats-joined", [] { return makeNats(true); }},
 #endif
 #ifdef KAVRI_BENCH_HAS_ZEROMQ
     {"zeromq", makeZeromq},

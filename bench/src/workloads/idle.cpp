@@ -1,4 +1,4 @@
-// What clients cost that do nothing: memory of the servers for each, and
+// What clients cost that do nothing: memory of the server, alone and for each, and
 // processor time of all, per second.
 #include <algorithm>
 #include <chrono>
@@ -68,6 +68,7 @@ nlohmann::json measureIdle(const Options& options) {
     std::this_thread::sleep_for(settlingTime);
     const Usage now = usageOf(session.server().id());
     nlohmann::json figures = {
+        {"serverBytes", before.proportionalBytes},
         {"serverBytesPerClient",
          perClient(before.proportionalBytes, now.proportionalBytes, options.clients)},
         {"residentBytesPerClient",
