@@ -138,6 +138,9 @@ class Machine:
             "service", [self.fleet.programs / "kavri-test-service", "--socket", self.socket,
                         "--service-record", self.record], "ready")
 
+    def broker_starts(self):
+        return (self.folder / "broker.log").read_text().count("kavri-broker: ready")
+
     def linked_to(self):
         """The machine whose server the broker is connected to."""
         address = eventually(lambda: re.findall(r"the link is up, by server (\S+)",

@@ -8,7 +8,9 @@
 // must not happen: "wrong" (another payload), "again" (a second outcome), "stranger" (an
 // outcome of what was never sent), "none" (no outcome long after the end).
 //
-// Usage: link_load SOCKET NAME IN_FLIGHT
+// Usage: link_load SOCKET NAME IN_FLIGHT PAUSE_US
+//
+// PAUSE_US: between two requests, besides.
 //
 // Ends when standard input does.
 #include <kavri/ipc.h>
@@ -163,7 +165,8 @@ bool isEnded() {
     return ::poll(&input, 1, 0) != 0;
 }
 
-void run(kavri_core_ipc_initiator* initiator, Load& load, const std::string& name) {
+void run(kavri_core_ipc_initiator* initiator, Load& load, const std::string& name,
+         std::chrono::microseconds pause) {
     for (unsigned number = 0; !isEnded(); ++number) {
         const std::string uuid = name + "-" + std::to_string(number);
         const char* identifier = identifiers[number % identifiers.size()];
@@ -176,20 +179,23 @@ void run(kavri_core_ipc_initiator* initiator, Load& load, const std::string& nam
         if (load.lastFailed.exchange(false) || status != KAVRI_CORE_STATUS_NO_ERROR) {
             std::this_thread::sleep_for(pauseAfterFailure);
         }
+        if (pause.count() > 0) {
+            std::this_thread::sleep_for(pause);
+        }
     }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
-        std::fprintf(stderr, "usage: link_load SOCKET NAME IN_FLIGHT\n");
+    if (argc != 5) {
+        std::fprintf(stderr, "usage: link_load SOCKET NAME IN_FLIGHT PAUSE_US\n");
         return 64;
     }
     Load load{.ledger = Ledger(std::strtoul(argv[3], nullptr, 10))};
     kavri_core_ipc_initiator* const initiator = connect(argv[1], load);
     std::fprintf(stderr, "link_load: ready\n");
-    run(initiator, load, argv[2]);
+    run(initiator, load, argv[2], std::chrono::microseconds(std::atol(argv[4])));
     load.ledger.finish();
     kavri_core_ipc_deinit(initiator);
     kavri_core_deinit();

@@ -13,6 +13,7 @@ class Client:
         self._socket = socket
         self._socket.settimeout(PATIENCE)
         self._reader = socket.makefile("rb")
+        self._subscriptions = 0
         self._reader.readline()  # what the server says of itself
         self._send(b"CONNECT " + json.dumps({"verbose": False, **options}).encode())
         self.flush()
@@ -21,8 +22,13 @@ class Client:
         self._send(b"PUB %s %s %d\r\n%s" % (subject, reply, len(data), data))
 
     def subscribe(self, subject):
-        self._send(b"SUB %s 1" % subject)
+        self.ask_for(subject)
         self.flush()
+
+    def ask_for(self, subject):
+        """A subscription, which there is after the next flush."""
+        self._subscriptions += 1
+        self._send(b"SUB %s %d" % (subject, self._subscriptions))
 
     def flush(self):
         """Until the server has handled everything so far; returns the messages that came, as

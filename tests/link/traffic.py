@@ -51,10 +51,10 @@ class Program:
 class Load(Program):
     """Requests from one machine to category "test", a number of them always under way."""
 
-    def __init__(self, machine, number=0, in_flight=16):
+    def __init__(self, machine, number=0, in_flight=16, pause=0.0):
         name = f"{machine.name}{number}"
         super().__init__(machine, name, machine.fleet.programs / "link_load", machine.socket,
-                         name, str(in_flight))
+                         name, str(in_flight), str(round(pause * 1e6)))
 
     def requests(self):
         return [Request(uuid, identifier, int(sent), int(outcome_ms), outcome)
@@ -169,20 +169,22 @@ def wrong_with_counters(machines):
 
 def wrong_with_events(listener, publishers):
     """Each event at most once, those of one publisher in its order, and none missing but where
-    the listener was told that its connection was restored."""
+    the listener was told that its connection was restored, or the publisher's was lost."""
     wrong = []
-    gaps = 0
     events = listener.events()
+    told = sum(event == RESTORED for event, _, _ in listener.changes())
     for publisher in publishers:
         order = {entry["request"]["uuid"]: place for place, entry in enumerate(
             each for each in recorded(publisher) if each["event"] is not None)}
         places = [order[uuid] for uuid in events if uuid in order]
+        gaps = []
         for before, now in zip(places, places[1:]):
             if now <= before:
-                wrong.append(f"{listener.name} got event {now} of {publisher.name} after {before}")
+                wrong.append(f"{listener.name} of {listener.machine.name} got event {now} of "
+                             f"{publisher.name} after {before}")
             elif now != before + 1:
-                gaps += 1
-    told = sum(event == RESTORED for event, _, _ in listener.changes())
-    if gaps > told * len(publishers):
-        wrong.append(f"{listener.name} missed events {gaps} times and was told {told} times")
+                gaps.append(f"{before + 1}–{now - 1}")
+        if len(gaps) > told + publisher.broker_starts() - 1:
+            wrong.append(f"{listener.name} of {listener.machine.name} missed events "
+                         f"{', '.join(gaps)} of {publisher.name} and was told {told} times")
     return wrong
