@@ -113,8 +113,9 @@ typedef void (*kavri_core_ipc_connection_callback)(const kavri_core_ipc_connecti
  * like the other callbacks and never at the same time as one of them; all functions may
  * be called. uuid: the request's; the library's, valid during the call, never null.
  * status: NO_ERROR (delivered, and its responder ended it without an answer);
- * IPC_NO_RESPONDER, IPC_REFUSED, IPC_OVERLOADED (certainly not delivered);
- * IPC_RESPONDER_LOST, IPC_CONNECTION_LOST (unknown).
+ * IPC_NO_RESPONDER, IPC_REFUSED, IPC_OVERLOADED, IPC_TOO_LARGE (for the way to
+ * another machine): certainly not delivered;
+ * IPC_RESPONDER_LOST, IPC_CONNECTION_LOST: unknown.
  */
 typedef void (*kavri_core_ipc_outcome_callback)(const char* uuid, kavri_core_status status,
                                                 void* context);
@@ -270,8 +271,10 @@ kavri_core_status kavri_core_ipc_initiator_command_send_batch(
  * NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a response callback is installed;
  * returned at once whatever the time-out); IPC_NO_MESSAGE (none within the
  * time-out); IPC_NO_RESPONDER, IPC_REFUSED, IPC_OVERLOADED (a request was not
- * delivered); IPC_RESPONDER_LOST, IPC_CONNECTION_LOST (a request's outcome is
- * unknown, or the connection broke during this call);
+ * delivered); IPC_TOO_LARGE (likewise: the responder is on another machine, and
+ * the way there takes no message of this size); IPC_RESPONDER_LOST,
+ * IPC_CONNECTION_LOST (a request's outcome is unknown, or the connection broke
+ * during this call);
  * IPC_BROKER_UNAVAILABLE (no connection, and none to be had);
  * OUT_OF_RESOURCES.
  */

@@ -191,7 +191,8 @@ std::vector<std::string> doubtsAbout(const Config& config) {
     const std::string why = "nobody of another machine may serve it: \"@link\" is not in its serve";
     for (const std::string& category : config.link->imports) {
         if (!config.policy.at(category).serve.contains(linkUser)) {
-            doubts.push_back("category \"" + category + "\" is imported, but " + why);
+            std::string doubt = "category \"" + category;
+            doubts.push_back(doubt.append("\" is imported, but ").append(why));
         }
     }
     const bool isAnyServed = std::ranges::any_of(config.policy.categories, [](const auto& named) {

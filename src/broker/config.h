@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "broker/link/link_options.h"
-#include "broker/routing/policy.h"
+#include "broker/session/policy.h"
 #include "wire/limits.h"
 
 namespace kavri::broker {

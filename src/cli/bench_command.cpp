@@ -219,7 +219,7 @@ void describeBench(CLI::App& command, BenchOptions& options) {
     command.footer(
         "Latencies are in microseconds, from before the send to after the receive.\n\n"
         "Exit status: 0 measured; 1 an answer was not the one that was due; 3 nothing could\n"
-        "be measured; 64 the command line is wrong.\n\n"
+        "be measured; 64 the command line is wrong; 74 it could not be printed.\n\n"
         "Examples:\n"
         "  kavri bench\n"
         "  kavri bench --payload 65536 --in-flight 16 --json");

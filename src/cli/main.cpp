@@ -115,6 +115,12 @@ struct Commands {
         return &called() == &app ? "kavri" : "kavri " + called().get_name();
     }
 
+    // A verdict that cannot be read is none; what else is shown changes nothing of what was done.
+    process::ExitStatus statusOfLostOutput() const {
+        return app.got_subcommand("conformance") ? process::ExitStatus::couldNotRun
+                                                 : process::ExitStatus::outputLost;
+    }
+
     process::ExitStatus run() {
         if (app.got_subcommand("conformance")) {
             return runConformance(called(), conformance);
@@ -152,7 +158,7 @@ int runCommandLine(const char* program, std::vector<std::string> arguments) {
         const process::ExitStatus status = commands.run();
         if (isOutputLost()) {
             throw process::CommandFailure(
-                status == process::ExitStatus::passed ? process::ExitStatus::couldNotRun : status,
+                status == process::ExitStatus::passed ? commands.statusOfLostOutput() : status,
                 "cannot write all results to standard output; is the "
                 "disk full?");
         }

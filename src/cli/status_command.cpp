@@ -39,7 +39,7 @@ void describeStatus(CLI::App& command, management::StatusOptions& options) {
         "What is slow comes first: connections that do not read what is sent to them, and those\n"
         "that wait for them.\n\n"
         "Exit status: 0 shown; 1 the broker refuses; 2 no answer in time; 3 no broker there;\n"
-        "64 the command line is wrong.\n\n"
+        "64 the command line is wrong; 74 it could not be printed.\n\n"
         "Examples:\n"
         "  kavri status\n"
         "  kavri status --watch 1\n"

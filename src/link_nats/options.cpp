@@ -116,13 +116,32 @@ void useEncryption(natsOptions* options, const BusOptions& wanted, const std::st
     }
 }
 
+// libnats writes these into a text of JSON as they are.
+std::string forJson(std::string_view text) {
+    std::string escaped;
+    for (const char each : text) {
+        if (each == '"' || each == '\\') {
+            escaped.push_back('\\');
+        }
+        const auto code = static_cast<unsigned char>(each);
+        if (code < ' ') {
+            constexpr std::string_view digits = "0123456789abcdef";
+            escaped.append("\\u00").append({digits[code / 16U], digits[code % 16U]});
+        } else {
+            escaped.push_back(each);
+        }
+    }
+    return escaped;
+}
+
 void identify(natsOptions* options, const BusOptions& wanted) {
     if (!wanted.user.empty()) {
         const std::string password(firstLine(contentOf(wanted.passwordFile)));
         if (password.empty()) {
             fail(wanted.passwordFile, "there is no password in its first line");
         }
-        require(natsOptions_SetUserInfo(options, wanted.user.c_str(), password.c_str()));
+        require(natsOptions_SetUserInfo(options, forJson(wanted.user).c_str(),
+                                        forJson(password).c_str()));
     }
     if (!wanted.credentialsFile.empty()) {
         const std::string content = contentOf(wanted.credentialsFile);
@@ -136,9 +155,9 @@ void identify(natsOptions* options, const BusOptions& wanted) {
     }
     if (!wanted.nkey.empty()) {
         checkSeed(wanted.nkeySeedFile, contentOf(wanted.nkeySeedFile));
-        require(
-            natsOptions_SetNKeyFromSeed(options, wanted.nkey.c_str(), wanted.nkeySeedFile.c_str()),
-            wanted.nkeySeedFile);
+        require(natsOptions_SetNKeyFromSeed(options, forJson(wanted.nkey).c_str(),
+                                            wanted.nkeySeedFile.c_str()),
+                wanted.nkeySeedFile);
     }
 }
 
@@ -178,7 +197,7 @@ Options optionsFor(const std::string& address, const BusOptions& wanted) {
     require(natsOptions_Create(&made));
     Options options(made);
     require(natsOptions_SetURL(made, address.c_str()), withoutUser(address));
-    require(natsOptions_SetName(made, wanted.name.c_str()));
+    require(natsOptions_SetName(made, forJson(wanted.name).c_str()));
     require(natsOptions_SetTimeout(made, attemptMs));
     require(natsOptions_SetPingInterval(made, pingIntervalMs));
     require(natsOptions_SetWriteDeadline(made, writeMs));

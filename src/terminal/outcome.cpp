@@ -24,7 +24,8 @@ const char* adviceOn(kavri_core_status status) {
         case KAVRI_CORE_STATUS_IPC_NO_RESPONDER:
             return "nobody serves the category; start its service, or check the name";
         case KAVRI_CORE_STATUS_IPC_TOO_LARGE:
-            return "the payload or a name is longer than the broker allows (payload_bytes)";
+            return "the payload or a name is longer than the broker allows (payload_bytes), or "
+                   "than the servers between machines do (max_payload)";
         case KAVRI_CORE_STATUS_IPC_OVERLOADED:
             return "the service or the broker does not keep up, or has too much pending; try later";
         case KAVRI_CORE_STATUS_IPC_CATEGORY_TAKEN:

@@ -7,6 +7,7 @@
 #include "support/with_broker.h"
 
 using namespace kavri::tests;
+using kavri::process::ChildProcess;
 
 namespace {
 
@@ -67,6 +68,31 @@ Tally readAll(RawPeer& monitor, std::uint64_t passed) {
     return tally;
 }
 
+// The same of the command's lines of JSON.
+Tally readLines(ChildProcess& monitor, std::uint64_t passed) {
+    constexpr std::string_view lost = "\"lost\":";
+    Tally tally;
+    while (tally.seen + tally.lost < passed) {
+        const auto line = monitor.waitForLine(patience);
+        BOOST_REQUIRE(line);
+        const std::size_t found = line->find(lost);
+        found == std::string::npos ? ++tally.seen
+                                   : tally.lost += std::stoull(line->substr(found + lost.size()));
+    }
+    return tally;
+}
+
+// Whether `kavri status` says so of the process.
+bool isStalled(const ChildProcess& process, const std::string& address) {
+    ChildProcess status(
+        {.program = KAVRI_BIN_DIR "/kavri", .arguments = {"status", "--socket", address}});
+    BOOST_REQUIRE(status.wait(patience));
+    const std::string& shown = status.output();
+    const std::size_t row = shown.find(" " + std::to_string(process.pid()) + "  kavri");
+    BOOST_REQUIRE_MESSAGE(row != std::string::npos, shown + status.error());
+    return shown.substr(row, shown.find('\n', row) - row).ends_with("  stalled");
+}
+
 }  // namespace
 
 BOOST_FIXTURE_TEST_CASE(oneThatReadsNothingLosesLinesAndDelaysNobody, WithBroker) {
@@ -104,11 +130,40 @@ BOOST_FIXTURE_TEST_CASE(oneThatIsStoppedForLongIsNotClosed, Impatient) {
     monitor.ping();
 }
 
+BOOST_FIXTURE_TEST_CASE(oneThatIsStoppedIsShownAsStalledAndSaysLaterWhatItLost, WithBroker) {
+    ChildProcess monitor(
+        {.program = KAVRI_BIN_DIR "/kavri",
+         .arguments = {"monitor", "--socket", address, "--category", "test", "--json"}});
+    BOOST_REQUIRE(monitor.waitForError("shows what passes", patience));
+    monitor.signal(SIGSTOP);
+    RawPeer initiator(address, "initiator");
+    std::uint64_t passed = 0;
+    const auto pass = [&](std::size_t frames) {
+        exchange(initiator, frames);
+        passed += frames;
+    };
+    pass(50'000);
+    BOOST_TEST(eventually([&] {
+        pass(1'000);
+        return isStalled(monitor, address);
+    }));
+    monitor.signal(SIGCONT);
+    const Tally tally = readLines(monitor, passed);
+    BOOST_TEST(tally.seen + tally.lost == passed);
+    BOOST_TEST(tally.lost > 0U);
+    BOOST_TEST(eventually([&] { return !isStalled(monitor, address); }));
+    monitor.signal(SIGTERM);
+    BOOST_REQUIRE(monitor.wait(patience));
+    BOOST_TEST(monitor.error().ends_with("kavri monitor: " + std::to_string(tally.seen) +
+                                         " seen, " + std::to_string(tally.lost) + " lost\n"),
+               monitor.error());
+}
+
 BOOST_FIXTURE_TEST_CASE(oneThatIsKilledLeavesNothing, WithBroker) {
     const std::size_t before = broker.descriptors();
     RawPeer initiator(address, "initiator");
     {
-        kavri::process::ChildProcess monitor(
+        ChildProcess monitor(
             {.program = KAVRI_BIN_DIR "/kavri", .arguments = {"monitor", "--socket", address}});
         BOOST_REQUIRE(monitor.waitForError("shows what passes", patience));
         exchange(initiator, 10'000);

@@ -214,7 +214,7 @@ BOOST_AUTO_TEST_CASE(whatIsWrongIsNamedWithFileAndLine) {
     expectConfigFails("[limits]\npayload_bytes = 0", {file + ":2", "payload_bytes", "1 to"});
     expectConfigFails("[limits]\n\npayload_bytes = \"many\"", {file + ":3", "whole number"});
     expectConfigFails("[limits]\nbogus = 1", {file + ":2", "bogus", "payload_bytes"});
-    expectConfigFails("[bogus]\n", {file + ":1", "bogus", "limits and access"});
+    expectConfigFails("[bogus]\n", {file + ":1", "bogus", "limits, access and link"});
     expectConfigFails("limits = 1", {file + ":1", "[limits]"});
     expectConfigFails("[limits]\nthis is no TOML", {file + ":2"});
     expectConfigFails("[access]\nconnect = [\"nobody of this name\"]",

@@ -82,6 +82,31 @@ BOOST_FIXTURE_TEST_CASE(aPasswordInAnAddressIsNotLogged, Setting) {
     BOOST_TEST(broker.log().find("secret") == std::string::npos, broker.log());
 }
 
+BOOST_FIXTURE_TEST_CASE(theLogSaysWhyALinkDoesNotComeUp, Setting) {
+    server.kill();
+    BrokerProcess broker(socket("broker"), {.config = config()});
+    BOOST_TEST(broker.logs("the link is down: " + server.address() + ": "));
+    server.start();
+    BOOST_TEST(broker.logs("the link is up, by server " + server.address()));
+}
+
+BOOST_FIXTURE_TEST_CASE(theLogSaysWhatTheServerRefuses, Setting) {
+    server.kill();
+    server.change(
+        "authorization { users = [ { user: u, password: p, permissions: { subscribe: { "
+        "deny: \"kavri.1.serve.test\" } } } ] }\n");
+    server.start();
+    const std::string password = folder / "password";
+    std::ofstream(password) << "p\n";
+    std::filesystem::permissions(password, std::filesystem::perms::owner_read);
+    BrokerProcess broker(socket("broker"),
+                         {.testService = true,
+                          .config = config("export = [\"test\"]\nuser = \"u\"\npassword_file = \"" +
+                                           password + "\"\n")});
+    BOOST_TEST(broker.logs("the link's server refuses: "));
+    BOOST_TEST(broker.logs("kavri.1.serve.test"));
+}
+
 BOOST_FIXTURE_TEST_CASE(withoutALinkNothingOfItIsLoaded, Setting) {
     const BrokerProcess alone(socket("alone"), {.config = "[limits]\n"});
     const BrokerProcess linked(socket("linked"), {.config = config()});

@@ -197,13 +197,13 @@ BOOST_FIXTURE_TEST_CASE(halfOfAnEncryptedMessageIsNotWaitedFor, Encrypted) {
 
 BOOST_AUTO_TEST_CASE(aPasswordIsTheFirstLineOfItsFile) {
     const process::TemporaryFolder folder;
-    const NatsServer server(folder.path(), "authorization { user: u, password: \"p q\" }\n");
+    const NatsServer server(folder.path(), "authorization { user: u, password: 'p \"q\\' }\n");
     broker::BusOptions options;
     options.servers = {server.address()};
     says(failure(options), "Authorization Violation");
     options.user = "u";
     options.passwordFile = folder / "password";
-    std::ofstream(options.passwordFile) << "p q\nanother line\n";
+    std::ofstream(options.passwordFile) << "p \"q\\\nanother line\n";
     BOOST_TEST(connects(options));
     std::ofstream(options.passwordFile) << "wrong";
     says(failure(options), "Authorization Violation");

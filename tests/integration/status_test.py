@@ -523,6 +523,20 @@ class NoAnswer(StatusTest):
         self.assertIsNone(status["users"][0]["user_name"])
         jsonschema.validate(status, strict(SCHEMA))
 
+    def test_nowhere_to_write(self):
+        self.broker()
+        for arguments in (("status",), ("status", "--json"), ("monitor", "--count", "1"),
+                          ("bench", "--seconds", "0.01")):
+            with self.subTest(arguments=arguments), open("/dev/full", "wb") as full, \
+                    subprocess.Popen([PROGRAMS / "kavri", *arguments, "--socket", self.path],
+                                     stdout=full, stderr=subprocess.PIPE) as tool:
+                if arguments[0] == "monitor":
+                    self.assertIn(b"shows what passes", tool.stderr.readline())
+                    join(self.path, b"initiator").close()
+                said = tool.communicate(timeout=PATIENCE)[1]
+                self.assertIn(b"cannot write all results to standard output", said)
+                self.assertEqual(tool.returncode, 74)
+
     def test_a_link_in_every_form(self):
         answers = (WELCOMED, BROKER_REPORT,
                    frame(REPORT, 1, b"nats://h:1", b"link",

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "broker/link/bus.h"
-#include "broker/routing/drain_meter.h"
+#include "broker/session/drain_meter.h"
 
 namespace kavri::tests {
 

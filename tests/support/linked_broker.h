@@ -17,7 +17,7 @@
 
 #include "broker/link/link.h"
 #include "broker/link/subjects.h"
-#include "broker/routing/goodbye.h"
+#include "broker/session/goodbye.h"
 #include "support/fake_bus.h"
 #include "support/scripted_broker.h"
 

@@ -283,7 +283,7 @@ inline Result<Response> Initiator::tryRequest(TextView category, TextView identi
 inline Status Initiator::lastFailure(Status failure) noexcept {
     Status last = failure;
     while (failure == KAVRI_CORE_STATUS_IPC_NO_RESPONDER ||
-           failure == KAVRI_CORE_STATUS_IPC_REFUSED ||
+           failure == KAVRI_CORE_STATUS_IPC_REFUSED || failure == KAVRI_CORE_STATUS_IPC_TOO_LARGE ||
            failure == KAVRI_CORE_STATUS_IPC_OVERLOADED ||
            failure == KAVRI_CORE_STATUS_IPC_RESPONDER_LOST ||
            failure == KAVRI_CORE_STATUS_IPC_CONNECTION_LOST) {

@@ -16,7 +16,7 @@
 
 #include "broker/link/envelope.h"
 #include "broker/link/link_options.h"
-#include "broker/routing/drain_meter.h"
+#include "broker/session/drain_meter.h"
 
 namespace kavri::broker {
 

@@ -17,8 +17,8 @@
 #include "broker/link/envelope.h"
 #include "broker/link/inbox.h"
 #include "broker/link/link_line.h"
-#include "broker/routing/session.h"
-#include "broker/routing/transport.h"
+#include "broker/session/session.h"
+#include "broker/session/transport.h"
 #include "wire/limits.h"
 
 namespace kavri::broker {

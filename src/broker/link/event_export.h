@@ -13,8 +13,8 @@
 
 #include "broker/link/link_line.h"
 #include "broker/link/link_options.h"
-#include "broker/routing/lines.h"
-#include "broker/routing/transport.h"
+#include "broker/session/transport.h"
+#include "wire/lines.h"
 
 namespace kavri::broker {
 

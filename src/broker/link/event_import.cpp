@@ -62,7 +62,8 @@ class EventImport::Feed : public Transport {
             owner_.line_.receive(*session_, input_.data(), input_.size());
             return true;
         }
-        if (inbox_->bytes() + frames.size() > mostWaitingBytes) {
+        if (inbox_->bytes() + frames.size() > mostWaitingBytes ||
+            !owner_.line_.router.flowControl().hasShareLeft(*session_, frames.size())) {
             return false;
         }
         inbox_->add(frames);

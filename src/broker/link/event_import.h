@@ -16,7 +16,7 @@
 #include "broker/link/inbox.h"
 #include "broker/link/link_line.h"
 #include "broker/link/link_options.h"
-#include "broker/routing/transport.h"
+#include "broker/session/transport.h"
 
 namespace kavri::broker {
 

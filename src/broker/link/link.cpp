@@ -61,9 +61,9 @@ void Link::noteConnection() {
     const bool isAnother = std::exchange(connectionsSeen_, connection.times) != connection.times;
     const bool isLost = wasUp_ && (!connection.isUp || isAnother);
     if (isLost) {
-        line_.note("the link is down: " + connection.failure);
         neighbours_.loseAll();
     }
+    noteTrouble(connection);
     if (connection.isUp && isAnother) {
         line_.note("the link is up, by server " + connection.server);
         if (connection.times > 1) {
@@ -71,12 +71,16 @@ void Link::noteConnection() {
         }
     }
     wasUp_ = connection.isUp;
-    if (complaint_ != connection.complaint) {
-        complaint_ = connection.complaint;
-        if (!complaint_.empty()) {
-            line_.note("the server refuses something to the link: " + complaint_);
-        }
+}
+
+// Once for each reason: the bus tries again and again.
+void Link::noteTrouble(const Bus::Connection& connection) {
+    const std::string& trouble = connection.isUp ? connection.complaint : connection.failure;
+    if (!trouble.empty() && trouble != trouble_) {
+        line_.note((connection.isUp ? "the link's server refuses: " : "the link is down: ") +
+                   trouble);
     }
+    trouble_ = trouble;
 }
 
 void Link::handleMessages() {

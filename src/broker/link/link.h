@@ -69,6 +69,7 @@ class Link : public RemoteServices {
     static constexpr std::size_t costPerRound = 256 * wire::kibibyte;
 
     void noteConnection();
+    void noteTrouble(const Bus::Connection& connection);
     void handleMessages();
     void handleMessage(const Bus::Message& message, std::size_t& costBytes);
     void handleFromBroker(const Bus::Message& message);
@@ -89,7 +90,7 @@ class Link : public RemoteServices {
     Bus::SubscriptionId answers_ = 0;
     std::uint64_t connectionsSeen_ = 0;
     bool wasUp_ = false;
-    std::string complaint_;  // that was noted last
+    std::string trouble_;    // noted last
     bool isBehind_ = false;  // there may be messages that were read and not handled
 };
 

@@ -10,7 +10,7 @@
 #include "broker/link/bus.h"
 #include "broker/link/envelope.h"
 #include "broker/routing/router.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 #include "wire/limits.h"
 
 namespace kavri::broker {

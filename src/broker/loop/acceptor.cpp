@@ -11,7 +11,7 @@
 #include <system_error>
 #include <utility>
 
-#include "broker/routing/goodbye.h"
+#include "broker/session/goodbye.h"
 
 namespace kavri::broker {
 

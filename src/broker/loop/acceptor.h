@@ -12,7 +12,7 @@
 #include "broker/loop/readiness.h"
 #include "broker/loop/sessions.h"
 #include "broker/routing/counts.h"
-#include "broker/routing/policy.h"
+#include "broker/session/policy.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
 

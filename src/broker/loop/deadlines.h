@@ -11,7 +11,7 @@
 #include <tuple>
 
 #include "base/assert.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

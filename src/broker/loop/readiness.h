@@ -17,7 +17,7 @@
 
 #include "base/descriptor.h"
 #include "broker/loop/wake_timer.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

@@ -28,9 +28,9 @@
 #include "broker/loop/traffic.h"
 #include "broker/management/reports.h"
 #include "broker/memory/memory_reserve.h"
-#include "broker/routing/policy.h"
 #include "broker/routing/protocol.h"
 #include "broker/routing/router.h"
+#include "broker/session/policy.h"
 #include "wire/spin.h"
 
 namespace kavri::broker {

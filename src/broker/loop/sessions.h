@@ -9,7 +9,7 @@
 
 #include "broker/loop/listener.h"
 #include "broker/management/reports.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

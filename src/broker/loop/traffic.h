@@ -16,7 +16,7 @@
 #include "broker/loop/readiness.h"
 #include "broker/routing/protocol.h"
 #include "broker/routing/router.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 #include "wire/limits.h"
 
 namespace kavri::broker {

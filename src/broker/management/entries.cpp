@@ -1,7 +1,7 @@
 // The lines of each kind of report; see entries.h.
 #include "broker/management/entries.h"
 
-#include "broker/routing/transport.h"
+#include "broker/session/transport.h"
 #include "wire/limit_settings.h"
 
 namespace kavri::broker {

@@ -11,9 +11,9 @@
 #include "broker/routing/category_table.h"
 #include "broker/routing/counts.h"
 #include "broker/routing/flow_control.h"
-#include "broker/routing/lines.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 #include "wire/limits.h"
+#include "wire/lines.h"
 
 namespace kavri::broker {
 

@@ -20,7 +20,7 @@
 
 #include "broker/management/entries.h"
 #include "broker/routing/router.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

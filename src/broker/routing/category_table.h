@@ -11,7 +11,7 @@
 
 #include "broker/memory/account.h"
 #include "broker/routing/local_service.h"
-#include "broker/routing/policy.h"
+#include "broker/session/policy.h"
 
 namespace kavri::broker {
 

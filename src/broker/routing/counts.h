@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "broker/routing/close_cause.h"
+#include "broker/session/close_cause.h"
 
 namespace kavri::broker {
 

@@ -18,7 +18,7 @@
 
 #include <cstddef>
 
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 #include "wire/limits.h"
 
 namespace kavri::broker {

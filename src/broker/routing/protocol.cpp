@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "broker/routing/lines.h"
+#include "wire/lines.h"
 
 namespace kavri::broker {
 

@@ -10,9 +10,9 @@
 #include <cstdint>
 #include <string>
 
-#include "broker/routing/close_cause.h"
 #include "broker/routing/router.h"
-#include "broker/routing/session.h"
+#include "broker/session/close_cause.h"
+#include "broker/session/session.h"
 #include "wire/limits.h"
 
 namespace kavri::broker {

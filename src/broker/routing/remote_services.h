@@ -7,11 +7,12 @@
 #include <variant>
 
 #include "kavri/core.h"
+#include "wire/lines.h"
 
 namespace kavri::broker {
 
 struct Category;
-class Lines;
+using wire::Lines;
 struct Session;
 
 class RemoteServices {

@@ -14,7 +14,7 @@
 #include <optional>
 #include <vector>
 
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

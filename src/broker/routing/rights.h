@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <string_view>
 
-#include "broker/routing/policy.h"
 #include "broker/routing/router.h"
-#include "broker/routing/session.h"
+#include "broker/session/policy.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

@@ -112,13 +112,13 @@ RemoteServices::Found Router::responderOf(Session& from, const Category* categor
 }
 
 RemoteServices::Found Router::remoteResponderOf(Session& from, std::string_view name) {
-    from.asInitiator.remote.push_back({std::string(name), nullptr});
+    std::vector<RemoteResponder>& remote = from.asInitiator.remote;
+    remote.reserve(remote.size() + 1);  // so that what was found is not lost again
+    std::string category(name);
     const RemoteServices::Found found = remote_->responderFor(from, name);
     if (const auto* const responder = std::get_if<Session*>(&found)) {
-        from.asInitiator.remote.back().session = *responder;
+        remote.push_back({std::move(category), *responder});
         (*responder)->asResponder.usedBy = &from;
-    } else {
-        from.asInitiator.remote.pop_back();
     }
     return found;
 }

@@ -19,10 +19,10 @@
 #include <string_view>
 #include <vector>
 
-#include "broker/routing/lines.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 #include "wire/frame.h"
 #include "wire/limits.h"
+#include "wire/lines.h"
 
 namespace kavri::broker {
 

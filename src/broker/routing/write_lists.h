@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

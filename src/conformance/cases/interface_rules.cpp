@@ -79,6 +79,8 @@ constexpr std::array lists = {
                "NO_ERROR; INVALID_ARGUMENT; IPC_FAILED (a response callback is installed; returned "
                "at once whatever the time-out); IPC_NO_MESSAGE (none within the time-out); "
                "IPC_NO_RESPONDER, IPC_REFUSED, IPC_OVERLOADED (a request was not delivered); "
+               "IPC_TOO_LARGE (likewise: the responder is on another machine, and the way there "
+               "takes no message of this size); "
                "IPC_RESPONDER_LOST, IPC_CONNECTION_LOST (a request's outcome is unknown, or the "
                "connection broke during this call); IPC_BROKER_UNAVAILABLE (no connection, and "
                "none to be had); OUT_OF_RESOURCES."},

@@ -1,7 +1,7 @@
 // Who counts as draining fast enough, by scripts of what a peer took and when.
 #define BOOST_TEST_MODULE drainMeter
 
-#include "broker/routing/drain_meter.h"
+#include "broker/session/drain_meter.h"
 
 #include <boost/test/unit_test.hpp>
 #include <random>

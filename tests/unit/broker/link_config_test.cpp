@@ -175,16 +175,10 @@ BOOST_AUTO_TEST_CASE(textsAreTextsAndNotEmpty) {
     }
 }
 
-BOOST_AUTO_TEST_CASE(aNameIsPlainAndShort) {
-    const std::string told =
-        "name is to be of printable ASCII without quotes and backslashes, 64 characters at most";
-    for (const std::string& name : {std::string("a\\\"b"), std::string("a\\\\b"),
-                                    std::string("\\u00e4"), std::string(65, 'n')}) {
-        BOOST_TEST(complaintOf("name = " + quoted(name)) == told);
-    }
+BOOST_AUTO_TEST_CASE(aNameIsShort) {
+    BOOST_TEST(complaintOf("name = " + quoted(std::string(65, 'n'))) ==
+               "name is to have 64 bytes at most");
     BOOST_TEST(link("name = " + quoted(std::string(64, 'n')) + "\n").bus.name.size() == 64U);
-    BOOST_TEST(complaintOf("user = \"a\\\"b\"") ==
-               "user is to be of printable ASCII without quotes and backslashes");
 }
 
 BOOST_AUTO_TEST_CASE(categoriesAreTextsOfALengthThatCrosses) {

@@ -200,3 +200,27 @@ BOOST_FIXTURE_TEST_CASE(everyByteIsCreditedAgain, Loaded) {
     }
     requireThatNothingIsLeft();
 }
+
+// Feeds of several categories that wait for slow subscribers keep to the share of the link.
+BOOST_AUTO_TEST_CASE(whatWaitsForSlowSubscribersKeepsToTheShare) {
+    LinkedWorld world;
+    kavri::wire::Limits limits;
+    limits.bytesPerUser = 2 * kavri::wire::mebibyte;
+    limits.sendQueueBytes = 64 * 1024;
+    LinkedBroker& here = world.start(linkOf({}, {"*"}), servedByLink(), limits);
+    LinkedBroker& there = world.start(linkOf({"a", "b", "c", "d", "e", "f", "g", "h"}, {}));
+    std::vector<Program*> publishers;
+    for (const std::string category : {"a", "b", "c", "d", "e", "f", "g", "h"}) {
+        publishers.push_back(&there.responder(category));
+        here.subscriber(category).reads = false;
+    }
+    world.settle();
+    const std::string large(10000, 'l');
+    for (int i = 0; i < 100; ++i) {
+        for (std::size_t each = 0; each < publishers.size(); ++each) {
+            there.say(*publishers[each], publish(large, std::string(1, char('a' + each))));
+        }
+        world.settle();
+        BOOST_REQUIRE(here.userBytes(linkUser) <= limits.bytesPerUser + 100000);
+    }
+}

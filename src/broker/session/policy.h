@@ -3,8 +3,8 @@
 // By default only the broker's own user and root may connect or manage, and all who
 // may connect may do the rest. The configuration widens the first two rights, and
 // widens or narrows the other three for each category.
-#ifndef KAVRI_BROKER_ROUTING_POLICY_H
-#define KAVRI_BROKER_ROUTING_POLICY_H
+#ifndef KAVRI_BROKER_SESSION_POLICY_H
+#define KAVRI_BROKER_SESSION_POLICY_H
 
 #include <sys/types.h>
 

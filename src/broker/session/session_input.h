@@ -1,7 +1,7 @@
 // What a session sent and could not be handled yet: a large frame that is coming in,
 // then bytes that wait for the rest of their frame, or for another session.
-#ifndef KAVRI_BROKER_ROUTING_SESSION_INPUT_H
-#define KAVRI_BROKER_ROUTING_SESSION_INPUT_H
+#ifndef KAVRI_BROKER_SESSION_SESSION_INPUT_H
+#define KAVRI_BROKER_SESSION_SESSION_INPUT_H
 
 #include <chrono>
 #include <cstddef>
@@ -11,7 +11,7 @@
 #include "base/assert.h"
 #include "broker/memory/account.h"
 #include "broker/memory/buffer.h"
-#include "broker/routing/drain_meter.h"
+#include "broker/session/drain_meter.h"
 #include "wire/frame_assembler.h"
 
 namespace kavri::broker {

@@ -1,11 +1,11 @@
 // The options of a monitor; see monitor.h.
-#include "broker/routing/monitor.h"
+#include "broker/session/monitor.h"
 
 #include <algorithm>
 #include <charconv>
 
 #include "base/text_scanner.h"
-#include "broker/routing/session.h"
+#include "broker/session/session.h"
 
 namespace kavri::broker {
 

@@ -1,17 +1,19 @@
 // What a session has in place of a socket, where its program is on another machine.
-#ifndef KAVRI_BROKER_ROUTING_TRANSPORT_H
-#define KAVRI_BROKER_ROUTING_TRANSPORT_H
+#ifndef KAVRI_BROKER_SESSION_TRANSPORT_H
+#define KAVRI_BROKER_SESSION_TRANSPORT_H
 
 #include <cstddef>
 #include <optional>
 #include <span>
 #include <string_view>
 
+#include "wire/lines.h"
+
 struct iovec;  // memory, as a send queue hands it out
 
 namespace kavri::broker {
 
-class Lines;
+using wire::Lines;
 
 class Transport {
   public:

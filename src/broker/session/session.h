@@ -3,8 +3,8 @@
 //
 // A session lives in the table until the end of the round in which it was
 // closed; others name it by SessionId, which no later session shares.
-#ifndef KAVRI_BROKER_ROUTING_SESSION_H
-#define KAVRI_BROKER_ROUTING_SESSION_H
+#ifndef KAVRI_BROKER_SESSION_SESSION_H
+#define KAVRI_BROKER_SESSION_SESSION_H
 
 #include <sys/types.h>
 
@@ -18,11 +18,11 @@
 #include "broker/memory/account.h"
 #include "broker/memory/buffer.h"
 #include "broker/memory/send_queue.h"
-#include "broker/routing/congestion.h"
-#include "broker/routing/monitor.h"
-#include "broker/routing/policy.h"
-#include "broker/routing/session_input.h"
-#include "broker/routing/transport.h"
+#include "broker/session/congestion.h"
+#include "broker/session/monitor.h"
+#include "broker/session/policy.h"
+#include "broker/session/session_input.h"
+#include "broker/session/transport.h"
 #include "kavri/core.h"
 
 namespace kavri::broker {

@@ -6,8 +6,8 @@
 // which senders wait is bounded by the bytes read, whatever pattern the peer reads in.
 //
 // No I/O, no clock: the caller samples both.
-#ifndef KAVRI_BROKER_ROUTING_DRAIN_METER_H
-#define KAVRI_BROKER_ROUTING_DRAIN_METER_H
+#ifndef KAVRI_BROKER_SESSION_DRAIN_METER_H
+#define KAVRI_BROKER_SESSION_DRAIN_METER_H
 
 #include <chrono>
 #include <cstddef>

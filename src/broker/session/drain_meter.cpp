@@ -1,5 +1,5 @@
 // The rate at which a peer drains its send queue; see drain_meter.h.
-#include "broker/routing/drain_meter.h"
+#include "broker/session/drain_meter.h"
 
 #include <algorithm>
 

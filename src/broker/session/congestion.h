@@ -1,12 +1,12 @@
 // The state of a peer that is behind: how fast it drains its send queue, and which
 // senders are blocked on it. A peer that keeps up has none.
-#ifndef KAVRI_BROKER_ROUTING_CONGESTION_H
-#define KAVRI_BROKER_ROUTING_CONGESTION_H
+#ifndef KAVRI_BROKER_SESSION_CONGESTION_H
+#define KAVRI_BROKER_SESSION_CONGESTION_H
 
 #include <cstddef>
 #include <cstdint>
 
-#include "broker/routing/drain_meter.h"
+#include "broker/session/drain_meter.h"
 
 namespace kavri::broker {
 

@@ -1,7 +1,7 @@
 // What a monitor has asked for: which of what passes it wants to see, how much of each
 // payload, and how many observations were lost since the last report of losses.
-#ifndef KAVRI_BROKER_ROUTING_MONITOR_H
-#define KAVRI_BROKER_ROUTING_MONITOR_H
+#ifndef KAVRI_BROKER_SESSION_MONITOR_H
+#define KAVRI_BROKER_SESSION_MONITOR_H
 
 #include <sys/types.h>
 

@@ -1,7 +1,7 @@
 // Why the broker closes a connection: the status in its goodbye, and what it is counted
 // under.
-#ifndef KAVRI_BROKER_ROUTING_CLOSE_CAUSE_H
-#define KAVRI_BROKER_ROUTING_CLOSE_CAUSE_H
+#ifndef KAVRI_BROKER_SESSION_CLOSE_CAUSE_H
+#define KAVRI_BROKER_SESSION_CLOSE_CAUSE_H
 
 #include <array>
 #include <cstddef>

@@ -1,6 +1,6 @@
 // The frame that says why the broker closes a connection.
-#ifndef KAVRI_BROKER_ROUTING_GOODBYE_H
-#define KAVRI_BROKER_ROUTING_GOODBYE_H
+#ifndef KAVRI_BROKER_SESSION_GOODBYE_H
+#define KAVRI_BROKER_SESSION_GOODBYE_H
 
 #include <string_view>
 

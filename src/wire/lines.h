@@ -1,6 +1,6 @@
 // Lines of `name=value`: the payload of a welcome, a report and an observation.
-#ifndef KAVRI_BROKER_ROUTING_LINES_H
-#define KAVRI_BROKER_ROUTING_LINES_H
+#ifndef KAVRI_WIRE_LINES_H
+#define KAVRI_WIRE_LINES_H
 
 #include <array>
 #include <charconv>
@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace kavri::broker {
+namespace kavri::wire {
 
 class Lines {
   public:
@@ -42,6 +42,6 @@ class Lines {
     std::string text_;
 };
 
-}  // namespace kavri::broker
+}  // namespace kavri::wire
 
 #endif
