@@ -65,7 +65,7 @@ class Relay:
             if when > loop.time():
                 await asyncio.sleep(when - loop.time())
             await self._until_open(sender, receiver)
-            if not chunk:
+            if not chunk or writer.transport.is_closing():
                 writer.transport.abort()
                 return
             try:
