@@ -20,8 +20,6 @@ from fleet import Fleet, best_network, eventually
 FAULTS = 4
 LONGEST = 2.5  # of a fault
 ALL_WITHIN = 3.0
-# What one fault holds up, and the mended way brings late, still counts as heard in the next.
-LIMIT_MS = traffic.OUTCOME_LIMIT_MS + traffic.SLACK_MS + 1000 * LONGEST
 
 
 class Fault:
@@ -86,7 +84,7 @@ def wrong_after(loads, listeners, machines, services):
         load.wait_for()
     for load in loads:
         load.finish()
-    wrong = traffic.wrong_with(loads, machines, LIMIT_MS)
+    wrong = traffic.wrong_with(loads, machines)
     wrong += traffic.wrong_with_responders(loads, services)
     wrong += traffic.wrong_with_counters(services)
     for listener in listeners:

@@ -1,5 +1,5 @@
 // What one broker knows of another while they exchange messages: the numbers of the messages
-// each way, so that a lost one is noticed, and when something came last. No I/O.
+// each way, so that a lost one is noticed, and which ping was answered last. No I/O.
 //
 // Each side counts in an epoch of its own, and says from which of the other's it has heard. A
 // number that was not expected, or silence, ends the association on the side that notices; its
@@ -8,6 +8,7 @@
 #ifndef KAVRI_BROKER_LINK_ASSOCIATION_H
 #define KAVRI_BROKER_LINK_ASSOCIATION_H
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -22,14 +23,15 @@ namespace kavri::broker {
 
 class Association {
   public:
-    // A broker that is silent for this long is lost.
+    // A broker that has not answered what was sent this long ago is lost. That it is heard is
+    // not enough: perhaps it does not hear, or what comes is late.
     static constexpr std::chrono::milliseconds silence{2000};
     static constexpr std::chrono::milliseconds pingEvery{500};
     // Without channels, it is forgotten after this.
     static constexpr std::chrono::milliseconds idle{10000};
 
     Association(std::uint64_t ownEpoch, Clock::time_point now)
-        : ownEpoch_(ownEpoch), heard_(now), used_(now) {}
+        : ownEpoch_(ownEpoch), answered_(now), used_(now) {}
 
     // Fills in what tells the other side the place of a message to be sent.
     void number(Envelope& envelope) {
@@ -64,10 +66,9 @@ class Association {
                                           : Judgement::joinedAnew;
     }
     // Of one that is handled.
-    void accept(const Envelope& envelope, Clock::time_point now) {
+    void accept(const Envelope& envelope) {
         otherEpoch_ = envelope.epoch;
         nextExpected_ = envelope.number + 1;
-        heard_ = now;
     }
 
     std::uint64_t ownEpoch() const { return ownEpoch_; }
@@ -76,8 +77,11 @@ class Association {
         return reset.value == ownEpoch_ || (reset.epoch != 0 && reset.epoch == otherEpoch_);
     }
 
-    bool isSilent(Clock::time_point now) const { return now - heard_ >= silence; }
-    void ponged(Clock::duration roundTrip) { roundTrip_ = roundTrip; }
+    bool isSilent(Clock::time_point now) const { return now - answered_ >= silence; }
+    void ponged(Clock::time_point sent, Clock::time_point now) {
+        roundTrip_ = now - sent;
+        answered_ = std::clamp(sent, answered_, std::max(answered_, now));
+    }
     Clock::duration roundTrip() const { return roundTrip_; }
 
     // What it calls itself, unless that is no name.
@@ -90,7 +94,7 @@ class Association {
 
     void addChannel(Clock::time_point now) {
         if (channels_++ == 0) {
-            heard_ = now;  // while there were none, nothing had to come
+            answered_ = now;  // while there were none, nothing was asked
         }
     }
     void removeChannel(Clock::time_point now) {
@@ -109,7 +113,7 @@ class Association {
     std::uint64_t nextToSend_ = 0;
     std::uint64_t otherEpoch_ = 0;  // 0: nothing was heard yet
     std::uint64_t nextExpected_ = 0;
-    Clock::time_point heard_;
+    Clock::time_point answered_;  // the ping that was sent last, of those that were answered: when
     Clock::time_point used_;
     Clock::duration roundTrip_{};
     std::string name_;

@@ -77,7 +77,7 @@ Neighbours::Received Neighbours::receive(const Envelope& envelope, std::string_v
             break;
     }
     Association& association = with(envelope.sender);
-    association.accept(envelope, line_.now);
+    association.accept(envelope);
     if (envelope.kind != EnvelopeKind::ping && envelope.kind != EnvelopeKind::pong) {
         return Received::next;
     }
@@ -101,7 +101,9 @@ void Neighbours::answer(Association& association, const Envelope& envelope,
         association.call(content);
         send(envelope.sender, {.kind = EnvelopeKind::pong, .value = envelope.value});
     } else if (const std::uint64_t clock = clockOf(line_.now); envelope.value <= clock) {
-        association.ponged(Clock::duration(clock - envelope.value));
+        association.ponged(
+            line_.now - Clock::duration(static_cast<Clock::rep>(clock - envelope.value)),
+            line_.now);
     }
 }
 

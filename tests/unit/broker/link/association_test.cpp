@@ -27,7 +27,7 @@ struct Heard {
     }
     void hear(std::uint64_t epoch, std::uint64_t number) {
         BOOST_TEST(isJudged(Judgement::expected, epoch, number));
-        association.accept(numbered(epoch, number), start);
+        association.accept(numbered(epoch, number));
     }
 };
 
@@ -104,7 +104,9 @@ BOOST_FIXTURE_TEST_CASE(aResetMeansAnEpochOfEitherSide, Heard) {
 BOOST_FIXTURE_TEST_CASE(silenceBeginsWithTheLastMessage, Heard) {
     BOOST_TEST(!association.isSilent(start + Association::silence - 1ms));
     BOOST_TEST(association.isSilent(start + Association::silence));
-    association.accept(numbered(3, 0), start + 1s);
+    association.accept(numbered(3, 0));
+    BOOST_TEST(association.isSilent(start + Association::silence));
+    association.ponged(start + 1s, start + 1500ms);
     BOOST_TEST(!association.isSilent(start + Association::silence));
     BOOST_TEST(association.isSilent(start + 1s + Association::silence));
 }
