@@ -21,14 +21,12 @@ bool isHere(const Session* subscriber) {
 // In the place of a responder that publishes the category's events.
 class EventImport::Feed : public Transport {
   public:
-    // Of so many brokers, the next number is known.
-    static constexpr std::size_t mostPublishers = 1024;
-
     Feed(EventImport& owner, Category& itsCategory, Bus::SubscriptionId itsSubscription)
         : category(&itsCategory), subscription(itsSubscription), owner_(owner) {}
 
     Category* category;
     const Bus::SubscriptionId subscription;
+    PublisherNumbers numbers;
 
     void attach(Session& session) {
         session_ = &session;
@@ -36,24 +34,6 @@ class EventImport::Feed : public Transport {
         inbox_.emplace(session.account.memory);
     }
     Session& session() const { return *session_; }
-
-    enum class Order { next, repeated, afterMissed };
-    Order orderOf(const Envelope& envelope) {
-        const auto known = nextOf_.find(envelope.sender);
-        if (known == nextOf_.end()) {
-            if (nextOf_.size() >= mostPublishers) {
-                nextOf_.clear();
-            }
-            nextOf_.emplace(envelope.sender, envelope.number + 1);
-            return Order::next;
-        }
-        if (envelope.number < known->second) {
-            return Order::repeated;
-        }
-        const bool isNext = envelope.number == known->second;
-        known->second = envelope.number + 1;
-        return isNext ? Order::next : Order::afterMissed;
-    }
 
     // False where there is no room for it.
     bool take(std::string_view frames) {
@@ -102,7 +82,6 @@ class EventImport::Feed : public Transport {
     bool isInputWanted_ = true;
     std::optional<Inbox> inbox_;
     std::string input_;
-    std::map<BrokerIdentity, std::uint64_t> nextOf_;
 };
 
 EventImport::EventImport(LinkLine& line, const LinkOptions& options)
@@ -132,16 +111,28 @@ void EventImport::begin(Category& category) {
         return;
     }
     feed->attach(*session);
+    if (auto known = ended_.extract(category.name)) {
+        feed->numbers = std::move(known.mapped());
+    }
     feeds_.emplace(&category, feed.get());
     bySubscription_.emplace(subscription, feed.get());
     all_.push_back(std::move(feed));
 }
 
-// Its category may be gone when the session is.
-void EventImport::end(Feed& feed) {
+void EventImport::forget(Feed& feed) {
     line_.bus.unsubscribe(feed.subscription);
     bySubscription_.erase(feed.subscription);
     feeds_.erase(feed.category);
+    if (ended_.size() >= mostEnded) {
+        ended_.erase(ended_.begin());
+    }
+    feed.numbers.pause();
+    ended_.insert_or_assign(feed.category->name, std::move(feed.numbers));
+}
+
+// Its category may be gone when the session is.
+void EventImport::end(Feed& feed) {
+    forget(feed);
     feed.session().asResponder.served = nullptr;
     line_.closeSession(feed.session(), CloseCause::leftByPeer, {});
 }
@@ -153,9 +144,7 @@ void EventImport::ended(Feed& feed) {
     const Category* told = nullptr;
     if (bySubscription_.contains(feed.subscription)) {
         told = feed.category;
-        line_.bus.unsubscribe(feed.subscription);
-        bySubscription_.erase(feed.subscription);
-        feeds_.erase(feed.category);
+        forget(feed);
     }
     std::erase_if(all_, [&feed](const auto& each) { return each.get() == &feed; });
     if (told != nullptr) {
@@ -178,11 +167,11 @@ bool EventImport::handle(const Bus::Message& message, std::size_t& costBytes) {
     if (opened->envelope.sender == line_.identity) {
         return true;  // exported here as well: the subscribers have it already
     }
-    const Feed::Order order = feed.orderOf(opened->envelope);
-    if (order == Feed::Order::repeated || feed.session().isClosing) {
+    const auto order = feed.numbers.orderOf(opened->envelope);
+    if (order == PublisherNumbers::Order::repeated || feed.session().isClosing) {
         return true;
     }
-    if (order == Feed::Order::afterMissed) {
+    if (order == PublisherNumbers::Order::afterMissed) {
         missed(*feed.category, "the link lost some");
     }
     costBytes += opened->content.size() * feed.category->subscribers.size();

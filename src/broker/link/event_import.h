@@ -6,6 +6,7 @@
 #ifndef KAVRI_BROKER_LINK_EVENT_IMPORT_H
 #define KAVRI_BROKER_LINK_EVENT_IMPORT_H
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -16,6 +17,7 @@
 #include "broker/link/inbox.h"
 #include "broker/link/link_line.h"
 #include "broker/link/link_options.h"
+#include "broker/link/publisher_numbers.h"
 #include "broker/session/transport.h"
 
 namespace kavri::broker {
@@ -44,10 +46,15 @@ class EventImport {
     std::size_t size() const { return feeds_.size(); }
 
   private:
+    // Of so many categories, the numbers are kept after their last subscriber left.
+    static constexpr std::size_t mostEnded = 64;
+
     class Feed;
 
     void begin(Category& category);
     void end(Feed& feed);
+    // It is subscribed to no longer.
+    void forget(Feed& feed);
     void missed(const Category& category, std::string_view why);
     void ended(Feed& feed);
 
@@ -56,7 +63,8 @@ class EventImport {
     std::map<const Category*, Feed*> feeds_;
     std::unordered_map<Bus::SubscriptionId, Feed*> bySubscription_;
     std::vector<std::unique_ptr<Feed>> all_;  // and those that end with this round
-    std::vector<Feed*> inputs_;               // with input that is wanted now
+    std::map<std::string, PublisherNumbers, std::less<>> ended_;  // of feeds, by category
+    std::vector<Feed*> inputs_;                                   // with input that is wanted now
 };
 
 }  // namespace kavri::broker

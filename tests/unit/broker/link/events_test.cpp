@@ -277,3 +277,46 @@ BOOST_FIXTURE_TEST_CASE(aLinkThatTakesNothingIsAGapAtMost, Two) {
     there.stop();
     BOOST_TEST(there.userBytes(kavri::broker::linkUser) == 0U);
 }
+
+// As when servers that had lost each other deliver what was on its way behind later messages.
+BOOST_FIXTURE_TEST_CASE(whatComesLateIsDroppedAlsoAfterASubscriberCameBack, Two) {
+    std::string subject;
+    std::string late;
+    hub.loses = [&](std::string_view on, std::string_view data) {
+        const auto opened = openEnvelope(data);
+        const bool isEvents = opened && opened->envelope.kind == EnvelopeKind::events;
+        if (isEvents && late.empty()) {
+            subject = on;
+            late = data;
+        }
+        return isEvents;
+    };
+    tell("one");
+    hub.loses = {};
+    tell("two");
+    here.leave(subscriber);
+    settle();
+    Program& again = here.subscriber("test");
+    settle();
+    BOOST_REQUIRE(!late.empty());
+    there.bus.publish(subject, late, {});
+    there.bus.flush();
+    settle();
+    BOOST_TEST(here.hear(again).empty());
+    tell("three");
+    BOOST_TEST(here.hear(again) == event("three"));
+    BOOST_TEST(again.isConnected());
+}
+
+// What is published while nobody here is subscribed is not missed by who comes after.
+BOOST_FIXTURE_TEST_CASE(whatNobodyListenedToIsNotMissed, Two) {
+    tell("one");
+    here.leave(subscriber);
+    settle();
+    tell("two");
+    Program& again = here.subscriber("test");
+    settle();
+    tell("three");
+    BOOST_TEST(here.hear(again) == event("three"));
+    BOOST_TEST(again.isConnected());
+}
