@@ -1,7 +1,6 @@
 // Connecting; see connector.h.
 #include "link_nats/connector.h"
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -28,9 +27,7 @@ constexpr std::chrono::milliseconds patience = 200ms;
 // What the thread works on, and shares with the connector while there is one.
 struct Connector::Attempts {
     Attempts(std::vector<Server> all, std::shared_ptr<const Wakeup> toRing)
-        : servers(std::move(all)), wakeup(std::move(toRing)) {
-        std::ranges::shuffle(servers, random);
-    }
+        : servers(std::move(all)), wakeup(std::move(toRing)) {}
 
     // The thread's alone.
     std::minstd_rand random{std::random_device{}()};
