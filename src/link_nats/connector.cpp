@@ -7,7 +7,7 @@
 #include <random>
 #include <stdexcept>
 
-#include "link_nats/blocked_signals.h"
+#include "base/blocked_signals.h"
 
 namespace kavri::link_nats {
 
@@ -103,7 +103,7 @@ Connector::~Connector() {
 void Connector::start() {
     finish();
     attempts_->hasEnded = false;
-    const BlockedSignals blocked;
+    const base::BlockedSignals blocked;
     thread_ = std::thread([attempts = attempts_] { attempts->connect(); });
 }
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "link_nats/blocked_signals.h"
+#include "base/blocked_signals.h"
 
 namespace kavri::link_nats {
 
@@ -18,7 +18,7 @@ constexpr std::size_t mostHandedBytes = 64U << 10U;
 
 // libnats starts its threads with its first object.
 std::vector<Server> serversWithoutSignals(const broker::BusOptions& options) {
-    const BlockedSignals blocked;
+    const base::BlockedSignals blocked;
     return serversOf(options);
 }
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <utility>
 
-#include "link_nats/blocked_signals.h"
+#include "base/blocked_signals.h"
 #include "link_nats/libnats.h"
 #include "link_nats/wakeup.h"
 
@@ -41,7 +41,7 @@ class ServerAnswers {
     static natsSubscription* subscribe(const std::shared_ptr<ServerAnswers>& answers,
                                        natsConnection* connection, const std::string& subject,
                                        std::uint32_t id) {
-        const BlockedSignals blocked;
+        const base::BlockedSignals blocked;
         auto share = std::make_unique<Share>(answers, id);
         natsSubscription* made = nullptr;
         if (natsConnection_Subscribe(&made, connection, subject.c_str(), note, share.get()) ==

@@ -1,35 +1,12 @@
 // The thread's life and its loop; see dispatcher.h.
 #include "core/endpoint/dispatcher.h"
 
-#include <pthread.h>
-
-#include <csignal>
 #include <new>
 
+#include "base/blocked_signals.h"
 #include "wire/limits.h"
 
 namespace kavri::core {
-
-namespace {
-
-// Blocks all signals of the calling thread, which a thread that it makes inherits: they are
-// left to the program's own threads.
-class BlockedSignals {
-  public:
-    BlockedSignals() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    BlockedSignals(const BlockedSignals&) = delete;
-    BlockedSignals& operator=(const BlockedSignals&) = delete;
-    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-  private:
-    sigset_t before_;
-};
-
-}  // namespace
 
 CallbackPlace::CallbackPlace(Dispatcher& dispatcher)
     : dispatcher_(dispatcher), next_(dispatcher.places_) {
@@ -43,7 +20,7 @@ void CallbackPlace::setInstalled(bool isInstalled) {
 
 void Dispatcher::ensureThread(const std::shared_ptr<Work>& work) {
     if (!thread_.joinable()) {
-        const BlockedSignals blocked;
+        const base::BlockedSignals blocked;
         thread_ = std::thread([this, work] { run(*work); });
     }
 }

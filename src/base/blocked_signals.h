@@ -1,13 +1,13 @@
-// Threads that are started while this lives get no signals: those of the broker are for its
-// event loop alone.
-#ifndef KAVRI_LINK_NATS_BLOCKED_SIGNALS_H
-#define KAVRI_LINK_NATS_BLOCKED_SIGNALS_H
+// Blocks all signals of the calling thread, and so of the threads that it starts while this
+// lives: signals are left to the program's own threads.
+#ifndef KAVRI_BASE_BLOCKED_SIGNALS_H
+#define KAVRI_BASE_BLOCKED_SIGNALS_H
 
 #include <pthread.h>
 
 #include <csignal>
 
-namespace kavri::link_nats {
+namespace kavri::base {
 
 class BlockedSignals {
   public:
@@ -24,6 +24,6 @@ class BlockedSignals {
     sigset_t before_{};
 };
 
-}  // namespace kavri::link_nats
+}  // namespace kavri::base
 
 #endif
