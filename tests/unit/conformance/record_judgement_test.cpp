@@ -208,7 +208,7 @@ BOOST_AUTO_TEST_CASE(endingNothingMayFail) {
 
 BOOST_AUTO_TEST_CASE(aStatusIsOneThatTheFunctionHas) {
     up();
-    call(receive, 13);
+    call(receive, 15);
     call("kavri_core_ipc_initiator_command_send", 99);
     checkBroken({"listed-status", "listed-status"});
     BOOST_TEST(judgeRecord(report)[1].text == "kavri_core_ipc_initiator_command_send returned 99");
