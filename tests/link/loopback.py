@@ -4,6 +4,7 @@ way is cut, as TCP would. What netem would lose comes later here, by what a retr
 """
 
 import asyncio
+import contextlib
 import random
 import socket
 import threading
@@ -30,6 +31,8 @@ class Relay:
         await asyncio.start_server(self._join, sock=self.listening)
 
     async def _join(self, reader, writer):
+        # asyncio does this for the sockets that it opens, not for those that it accepts.
+        writer.get_extra_info("socket").setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         # Joined without waiting: a connection attempt that the way loses is repeated later.
         await self._until_open(self._sender, self._receiver)
         try:
@@ -38,8 +41,9 @@ class Relay:
         except (OSError, KeyError):
             writer.transport.abort()
             return
-        await asyncio.gather(self._carry(reader, far_writer, self._sender, self._receiver),
-                             self._carry(far_reader, writer, self._receiver, self._sender))
+        with contextlib.suppress(asyncio.CancelledError):  # at the network's end
+            await asyncio.gather(self._carry(reader, far_writer, self._sender, self._receiver),
+                                 self._carry(far_reader, writer, self._receiver, self._sender))
 
     async def _carry(self, reader, writer, sender, receiver):
         queue = asyncio.Queue(MOST_CHUNKS)
