@@ -136,10 +136,12 @@ bool NatsBus::hand(std::string_view subject, std::string_view data, std::string_
     return status == NATS_OK;
 }
 
-void NatsBus::flush() {
-    if (queuedBytes() > 0 && !waitsForRoom_) {
+bool NatsBus::flush() {
+    const bool hadSome = queuedBytes() > 0;
+    if (hadSome && !waitsForRoom_) {
         write();
     }
+    return hadSome;
 }
 
 void NatsBus::write() {

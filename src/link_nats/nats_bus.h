@@ -40,7 +40,7 @@ class NatsBus final : public broker::Bus {
 
     bool publish(std::string_view subject, std::string_view data,
                  std::string_view replyTo) override;
-    void flush() override;
+    bool flush() override;
     std::size_t queuedBytes() const override;
 
   private:

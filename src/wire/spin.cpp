@@ -5,7 +5,7 @@
 
 namespace kavri::wire {
 
-Spin::Spin() {
+Spin::Spin(std::chrono::microseconds atMost) : atMost_(atMost) {
     cpu_set_t allowed;
     CPU_ZERO(&allowed);
     manyProcessors_ =

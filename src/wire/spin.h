@@ -1,10 +1,11 @@
 // Adaptive spinning: whether to try again for a moment before sleeping.
 //
 // Waking a sleeping thread costs more than a short exchange itself takes. So a
-// wait tries again without sleeping for up to `spinTime`, but only while recent
-// waits were that short; a spin that found nothing ends spinning until a wait
-// that slept turns out to have been short. Idle peers therefore never spin. With
-// one processor the peer can only run while this thread sleeps.
+// wait tries again without sleeping for as long as an answer is worth it, but
+// only while recent waits were that short; a spin that found nothing ends
+// spinning until a wait that slept turns out to have been short. Idle peers
+// therefore never spin. With one processor the peer can only run while this
+// thread sleeps.
 //
 // Between two tries the thread yields the processor. Where that took long, there
 // is other work for all the processors, and every yield costs a whole time slice:
@@ -19,13 +20,15 @@ namespace kavri::wire {
 class Spin {
   public:
     using Clock = std::chrono::steady_clock;
-    static constexpr std::chrono::microseconds spinTime{50};
+    static constexpr std::chrono::microseconds answerOfThisMachine{50};
+    static constexpr std::chrono::microseconds answerOfAnotherMachine{250};
     // Longer than the peers of a spin compute without a pause, shorter than a
     // time slice.
     static constexpr std::chrono::microseconds crowdedTime{500};
     static constexpr unsigned waitsWhenCrowded = 1000;
 
-    Spin();
+    // atMost: how long it tries before it sleeps.
+    explicit Spin(std::chrono::microseconds atMost = answerOfThisMachine);
 
     static void yield();
 
@@ -36,7 +39,7 @@ class Spin {
         if (!worthwhile_) {
             return false;
         }
-        const Clock::time_point end = Clock::now() + spinTime;
+        const Clock::time_point end = Clock::now() + atMost_;
         while (!attempt()) {
             const Clock::time_point now = Clock::now();
             if (now >= end) {
@@ -54,7 +57,7 @@ class Spin {
         if (waitsToSleep_ > 0) {
             --waitsToSleep_;
         } else {
-            worthwhile_ = manyProcessors_ && time < spinTime;
+            worthwhile_ = manyProcessors_ && time < atMost_;
         }
     }
 
@@ -66,6 +69,7 @@ class Spin {
         }
     }
 
+    std::chrono::microseconds atMost_;
     bool manyProcessors_;
     bool worthwhile_ = false;
     unsigned waitsToSleep_ = 0;

@@ -192,8 +192,9 @@ class FakeBus : public broker::Bus {
         return true;
     }
 
-    void flush() override {
+    bool flush() override {
         spoil();
+        const bool hadSome = !outbox_.empty();
         std::size_t flushed = 0;
         while (actual_.isUp && !outbox_.empty() && flushed < mostFlushedBytes) {
             const FakeHub::Published message = std::move(outbox_.front());
@@ -202,6 +203,7 @@ class FakeBus : public broker::Bus {
             queuedBytes_ -= message.data.size();
             hub_.route(place, message);
         }
+        return hadSome;
     }
     std::size_t queuedBytes() const override { return queuedBytes_; }
 

@@ -80,6 +80,7 @@ class LinkedBroker : public ScriptedBroker {
     FakeBus& bus;
     const std::string uuid;
     std::unique_ptr<broker::Link> link;
+    bool sentOverLink = false;  // in the last round
 
     broker::BrokerIdentity identity() const { return broker::identityOf(uuid); }
 
@@ -149,7 +150,7 @@ class LinkedBroker : public ScriptedBroker {
         router.toWrite().writeAllOfOne(writeTo);
         router.toWrite().writeSomeOfMany(SIZE_MAX, writeTo);
         leaveClosing();
-        link->flush();
+        sentOverLink = link->flush();
     }
 
     // Frames in the send queues, of what is sent over the link.

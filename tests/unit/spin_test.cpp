@@ -54,6 +54,18 @@ BOOST_AUTO_TEST_CASE(afterAShortWaitItSpins, *onManyProcessors()) {
     BOOST_TEST(spin.until([] { return true; }));
 }
 
+BOOST_AUTO_TEST_CASE(howLongAShortWaitIsDependsOnWhatIsWaitedFor, *onManyProcessors()) {
+    Spin local;
+    Spin remote(Spin::answerOfAnotherMachine);
+    for (Spin* const each : {&local, &remote}) {
+        each->slept(Spin::answerOfThisMachine);
+    }
+    BOOST_TEST(!triesAtAll(local));
+    BOOST_TEST(triesAtAll(remote));
+    remote.slept(Spin::answerOfAnotherMachine);
+    BOOST_TEST(!triesAtAll(remote));
+}
+
 BOOST_AUTO_TEST_CASE(itTriesUntilAnAttemptSucceeds, *onManyProcessors()) {
     // Each attempt finds something sooner or later: the first may already be
     // the last where the time is over before it.

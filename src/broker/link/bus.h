@@ -93,8 +93,9 @@ class Bus {
     virtual bool publish(std::string_view subject, std::string_view data,
                          std::string_view replyTo = {}) = 0;
 
-    // Writes what is queued, as far as the kernel takes it; handle does the rest.
-    virtual void flush() = 0;
+    // Writes what is queued, as far as the kernel takes it; handle does the rest. Whether
+    // anything was queued.
+    virtual bool flush() = 0;
 
     // Published, and not taken by the kernel yet.
     virtual std::size_t queuedBytes() const = 0;

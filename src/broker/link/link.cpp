@@ -158,10 +158,11 @@ std::optional<Clock::time_point> Link::due() const {
     return earlier(neighbours_.due(), channels_.due());
 }
 
-void Link::flush() {
-    bus_->flush();
+bool Link::flush() {
+    const bool hadSome = bus_->flush();
     channels_.writeWaiting();
     export_.writeWaiting();
+    return hadSome;
 }
 
 RemoteServices::Found Link::responderFor(Session& initiator, std::string_view category) {

@@ -48,8 +48,8 @@ class Link : public RemoteServices {
     void advance();
     bool hasWork() const { return isBehind_ || channels_.hasWork() || import_.hasWork(); }
     std::optional<Clock::time_point> due() const;
-    // Writes what the round has published.
-    void flush();
+    // Writes what the round has published; whether there was anything.
+    bool flush();
 
     void policyChanged();
 

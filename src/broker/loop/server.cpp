@@ -126,8 +126,11 @@ void Server::waitForEvents() {
     Clock::duration planned{};
     if (hasWorkLeft()) {
         readiness_.poll();
-    } else if (!spin_.until([this] { return readiness_.poll(); })) {
-        planned = sleep();
+    } else {
+        wire::Spin& spin = sentOverLink_ ? spinForLink_ : spin_;
+        if (!spin.until([this] { return readiness_.poll(); })) {
+            planned = sleep(spin);
+        }
     }
     const Clock::time_point woken = Clock::now();
     clock_.advance(woken, planned);
@@ -136,13 +139,13 @@ void Server::waitForEvents() {
 }
 
 // How long it was to sleep at most.
-Clock::duration Server::sleep() {
+Clock::duration Server::sleep(wire::Spin& spin) {
     const Clock::time_point begin = Clock::now();
     const auto until = sleepUntil(begin);
     const bool wasWoken = readiness_.wait(until);
     const Clock::time_point end = Clock::now();
     if (wasWoken) {
-        spin_.slept(end - begin);
+        spin.slept(end - begin);
     } else if (until && *until <= end) {
         pool_.trim();
     }
@@ -311,7 +314,7 @@ void Server::finishRound() {
         return nobodyWaits;
     });
     if (link_ != nullptr) {
-        link_->flush();
+        sentOverLink_ = link_->flush();
     }
 }
 

@@ -94,7 +94,7 @@ class Server {
     static constexpr std::chrono::milliseconds othersStay{1};
 
     void waitForEvents();
-    Clock::duration sleep();
+    Clock::duration sleep(wire::Spin& spin);
     std::optional<Clock::time_point> sleepUntil(Clock::time_point now) const;
     bool hasWorkLeft() {
         return !router_.toWrite().empty() || !closing_.empty() || traffic_.hasRestToRelease() ||
@@ -148,6 +148,9 @@ class Server {
     Acceptor acceptor_;
     Traffic traffic_;
     wire::Spin spin_;
+    // Another machine takes longer to answer, and one kind of wait says nothing of the other.
+    wire::Spin spinForLink_{wire::Spin::answerOfAnotherMachine};
+    bool sentOverLink_ = false;  // in the last round
     Heartbeat heartbeat_;
     LoopClock clock_;
     Clock::time_point now_;  // by the loop's clock

@@ -55,6 +55,14 @@ BOOST_FIXTURE_TEST_CASE(aRequestIsAnswered, Two) {
     BOOST_TEST(there.notes.size() == 1U);
 }
 
+BOOST_FIXTURE_TEST_CASE(aRoundKnowsWhetherItSentSomething, Two) {
+    here.round();
+    BOOST_TEST(!here.sentOverLink);
+    here.say(caller, request(7, "hi"));
+    here.round();
+    BOOST_TEST(here.sentOverLink);
+}
+
 BOOST_FIXTURE_TEST_CASE(aCompletionAnswersToo, Two) {
     there.say(service, completion(ask(7)));
     settle();
