@@ -165,6 +165,12 @@ class Machine:
         """Whether a request from here to the category is answered."""
         return self.request(category, "echo", "x", 2).stdout.rstrip("\n") == "x"
 
+    def serves(self, category="test"):
+        """Whether a responder for the category is connected here."""
+        status = json.loads(self.kavri("status", "--json").stdout)
+        return any(each["name"] == category and each["served_by"] == "responder"
+                   for each in status["categories"])
+
     def monitored(self, what):
         """A page of what the server says of itself: "routez", say."""
         with self.fleet.network.connect(self.name, monitoring=True) as peer:
