@@ -17,6 +17,17 @@ namespace {
 // Of up to 16 KiB each: what is read at a time.
 constexpr int mostRecords = 4;
 
+// What waits of an encrypted record holds all of the segments that it is a part of, and the
+// kernel counts these: in a receive buffer of its usual 128 KiB, two of them leave no room for
+// the rest of the record. A buffer grows for what is asked to be awaited, and keeps its size;
+// to set that size would end its growing.
+void makeRoomForRecords(int socket) {
+    constexpr int room = 512 << 10;
+    for (const int awaited : {room, 1}) {
+        ::setsockopt(socket, SOL_SOCKET, SO_RCVLOWAT, &awaited, sizeof awaited);
+    }
+}
+
 }  // namespace
 
 ServerConnection::ServerConnection(const Server& server, std::shared_ptr<const Wakeup> wakeup)
@@ -31,6 +42,9 @@ ServerConnection::ServerConnection(const Server& server, std::shared_ptr<const W
         throw std::runtime_error(server_ + ": " + reason(status));
     }
     socket_ = base::Descriptor(::fcntl(events_->socket, F_DUPFD_CLOEXEC, 0));
+    if (isEncrypted_) {
+        makeRoomForRecords(socket());
+    }
 }
 
 ServerConnection::~ServerConnection() {
