@@ -17,15 +17,18 @@ namespace {
 // Of up to 16 KiB each: what is read at a time.
 constexpr int mostRecords = 4;
 
-// What waits of an encrypted record holds all of the segments that it is a part of, and the
-// kernel counts these: in a receive buffer of its usual 128 KiB, two of them leave no room for
-// the rest of the record. A buffer grows for what is asked to be awaited, and keeps its size;
-// to set that size would end its growing.
+// The socket becomes readable once so many bytes have arrived.
+void setReadableAt(int socket, int bytes) {
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes);
+}
+
+// An incomplete TLS record stays in the receive buffer until the rest has arrived. It may begin
+// in one TCP segment of 64 KiB and end in the next, and the kernel frees no segment in part: two
+// of them fill the default buffer of 128 KiB, and the rest would never come. A low-water mark
+// makes the kernel enlarge the buffer; SO_RCVBUF would do it too, but end its automatic tuning.
 void makeRoomForRecords(int socket) {
-    constexpr int room = 512 << 10;
-    for (const int awaited : {room, 1}) {
-        ::setsockopt(socket, SOL_SOCKET, SO_RCVLOWAT, &awaited, sizeof awaited);
-    }
+    setReadableAt(socket, 512 << 10);
+    setReadableAt(socket, 1);
 }
 
 }  // namespace
@@ -77,7 +80,7 @@ bool ServerConnection::hasWholeRecord() const {
     ::ioctl(socket(), FIONREAD, &arrived);
     const bool isWhole = hasHeader && arrived >= bytes;
     const int awaited = isWhole ? headerBytes : bytes;
-    ::setsockopt(socket(), SOL_SOCKET, SO_RCVLOWAT, &awaited, sizeof awaited);
+    setReadableAt(socket(), awaited);
     pollfd end{socket(), POLLRDHUP, 0};
     return isWhole || ::poll(&end, 1, 0) > 0;
 }
