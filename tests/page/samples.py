@@ -333,7 +333,7 @@ def several():
 
 def long_names():
     """Libraries that are called by their folders; one fails by what the other side says, one crashes."""
-    folder = "/home/somebody/work/libraries/build/release/lib/wrong/"
+    folder = "libraries/of/other/makes/build/release/lib/wrong/"
     disagreeing = library(folder + "answers/uuid_of_another_request")
     disagreeing["cases"][0].update(verdict="fail", missing=[
         'response 1 was {"category":"test","identifier":"initiator","uuid":"7","payload":""}, and the '
