@@ -69,6 +69,7 @@ BOOST_FIXTURE_TEST_CASE(whatACallbackSendsLeavesInTheOrderOfItsCalls, Gathering)
     });
     within(action);
     BOOST_TEST(arrived.waitFor(8));
+    BOOST_TEST(action.waitForEnd());
     BOOST_TEST(arrived.uuids() == numbers(8), boost::test_tools::per_element());
     BOOST_TEST(std::ranges::count(statuses, good) == 8);
     BOOST_TEST(initiator.onResponse(nullptr, nullptr) == good);
